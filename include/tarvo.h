@@ -1,0 +1,373 @@
+/* SPDX-License-Identifier: MIT */
+#ifndef TARVO_H
+#define TARVO_H
+
+/**
+ * @file tarvo.h
+ * Named chunks of one reserved, physically contiguous memory region that devices reach by DMA,
+ * shared by all processes of a Linux machine.
+ *
+ * Conventions and caveats that hold for every call:
+ *
+ *  1. Units. Sizes and offsets are bytes. A chunk's size is rounded up to whole pages. Records and
+ *     the arithmetic on sizes are 32-bit in every build: a size within one page of 4 GiB, or above,
+ *     is not served.
+ *  2. Addresses. A physical address (`pa`, 64-bit) is where memory lies on the bus of the
+ * processor; a DMA address (`dma`, 32-bit) is where a device sees it. They are equal for a region
+ * that lies, and ends, below 4 GiB. Any other region is seen from DMA address 0x20000000 on. Only
+ *     tarvo_dma_to_pa() and tarvo_pa_to_dma() convert. Neither is a pointer: map the chunk.
+ *  3. Start-up. The first call in a process finds the region and maps the bookkeeping file. Where
+ * it cannot, it says why on standard error, adds "tarvo: failed to initialize library", and the
+ *     call returns its failure value; the next call tries again. Simulation is selected by the
+ *     environment variable SIMULATION_VMID (its presence, not its value), or by the file
+ *     /var/tmp/tarvo being there. There is no shut-down.
+ *  4. The lock. Processes are kept apart by one flock() on a lock file. Calls marked "takes the
+ * lock" wait for it without limit, and a process that is stopped in the middle of a call, or
+ * between tarvo_dump_begin() and tarvo_dump_end(), makes all others wait. An interrupted wait fails
+ * with "tarvo: failed to accquire lock: Interrupted system call"; it is not repeated. A lock that
+ *     cannot be released ends the process (SIGABRT).
+ *  5. What ends the process. Wrong use, and records that are damaged, end the process with an
+ *     assertion message on standard error and SIGABRT; each call lists its own. In addition every
+ *     call that reads the lists ends it where a link is out of range ("idx >= 0 && idx < MAX") or
+ * an element is not in use ("cur->allocated"). Whatever such a process had half changed stays; its
+ *     lock goes with it.
+ *  6. Threads. The lock keeps processes apart, not threads: a program must not be in the library
+ *     with two threads at once. A child after fork() shares its parent's lock and must not use the
+ *     library while its parent does; after exec it starts afresh.
+ *  7. Two lock files. Processes with SIMULATION_VMID set lock /var/tmp/tarvo_lock, all others
+ *     /var/lock/subsys/tarvo_lock. On a machine where /var/tmp/tarvo selects simulation, processes
+ *     with and without the variable share the region and NOT the lock: give it to all or to none.
+ *  8. One name, two owners. A chunk belongs to no process: one tarvo_free() frees it for everybody,
+ *     mapped or not, and mappings of a freed chunk go on showing memory that may by then be another
+ *     chunk's. A process that allocates a name while another frees it can be ended by
+ *     tarvo_pa_to_dma()'s assertion, because the address is read after the lock is released. Agree
+ *     on who frees.
+ *  9. Messages go to standard error and are meant for people; errno after a call means nothing.
+ *     ZUL_TRACE=tarvo=5 in the environment adds trace records there (3: failures, 5: progress,
+ *     6: each address translation).
+ * 10. 0 is no valid DMA address of a chunk: it always means failure.
+ */
+
+#include <stdbool.h>
+#include <stddef.h>
+#include <stdint.h>
+
+#if defined(__GNUC__)
+#define TARVO_API __attribute__((visibility("default")))
+#else
+#define TARVO_API
+#endif
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* ---- Chunks ---------------------------------------------------------------------------------- */
+
+/**
+ * Gets the chunk called `name`: the one that exists, or a new one whose memory is zero.
+ *
+ * A chunk of that name whose size, in whole pages, is the one asked for is shared: nothing is
+ * allocated, zeroed or mapped, and `creator` is not looked at. If the lowest chunk of that name has
+ * another size, "tarvo: find_chunk_desc() size mismatch, see tarvo" and an empty line go to
+ * standard error and a second chunk of the same name is made; every call by name goes on finding
+ * the lower one. A new chunk takes the lowest gap that is large enough, or the place the kernel
+ * driver gives where the region is named "CMA", and is mapped for every registered device that is
+ * online.
+ *
+ * @param name     1 to 49 bytes, compared exactly; not null.
+ * @param size     bytes, 1 to 0xfffff000 with 4 KiB pages; rounded up to whole pages.
+ * @param creator  who allocates, for people; not empty, not null. Of 100 bytes and more, the first
+ *                 47 and the last 47 are kept with " ... " between them.
+ * @return the chunk's DMA address; 0 when the library cannot start, the lock cannot be taken, no
+ *         record (16382 chunks exist) or no space is left, or the record found is damaged
+ *         ("tarvo: chunk_desc_check() - DMA memory corrupted: ..." on standard error; that chunk is
+ *         then taken off the list). Being out of space or records is only traced.
+ *
+ * Ends the process when the name's length is not 1 to 49 ("len_name > 0 && (len_name < 50)"), the
+ * creator is empty ("len_agent_name > 0") or the size is 0 ("size"); when a device refuses the
+ * mapping with anything but ENODEV, EUNATCH or ENOSYS ("cur->allocated", after "Error IOMMU mapping
+ * chunk ..."; with the first-registered device online "pa >= dma_chunk_head->pa && pa <=
+ * dma_chunk_tail->pa"); and likewise when the new memory cannot be mapped to be zeroed
+ * ("tarvo_alloc: mmap failed!"). The chunk is then no longer listed.
+ *
+ * Takes the lock; zeroes the memory after releasing it. Other processes can find the chunk before
+ * it is zeroed.
+ */
+TARVO_API uint32_t tarvo_alloc_func(const char* name, size_t size, const char* creator);
+
+/**
+ * Frees the lowest chunk called `name`, for all processes. Its memory is not touched and stays
+ * visible through mappings that exist.
+ *
+ * @param name  not empty, not null. "__HEAD" is not found; "__TAIL" is found and ends the process
+ *              ("cur->allocated").
+ * @return 0; -1 when the library cannot start, the lock cannot be taken, no chunk has the name
+ *         (nothing is printed), the kernel driver does not release the memory of a "CMA" region
+ *         ("Error opening /proc/tarvo: ..." or "Error freeing CMA ..."; nothing is changed then),
+ * or a device refuses to unmap it ("Error IOMMU unmapping chunk ..."; the chunk then stays listed,
+ * mapped for no device on record, and CMA memory is released all the same).
+ *
+ * Ends the process when the name is empty ("len"). Takes the lock.
+ */
+TARVO_API int tarvo_free(const char* name);
+
+/**
+ * Maps the lowest chunk called `name`, or a window of it, into the calling process.
+ *
+ * @param name      not empty, not null.
+ * @param writable  false: reading only, a write faults.
+ * @param offset    first byte of the window within the chunk; a multiple of the page size.
+ * @param size      bytes; 0: from `offset` to the chunk's end.
+ * @return the mapping's address; it is the caller's until tarvo_unmap() and outlives the chunk.
+ *         Null when the library cannot start, the lock cannot be taken, no chunk has the name, the
+ *         window does not lie in the chunk (" offset ... > chunk->size ... or offset + size ... is
+ * " on standard error), or the system refuses the mapping, as it does a window of no bytes or an
+ * offset within a page. Names not found and refused mappings are only traced.
+ *
+ * Ends the process when `name` is null ("name") or empty ("strlen(name)"), and when the chunk's
+ * record is damaged ("0", after the report that tarvo_alloc_func() describes). Takes the lock.
+ */
+TARVO_API void* tarvo_map(const char* name, bool writable, size_t offset, size_t size);
+
+/**
+ * Removes a mapping of the calling process.
+ *
+ * @param name  a chunk that exists; not empty, not null.
+ * @param va    start of the mapping; not null. It is not compared with the chunk.
+ * @param size  bytes, at most the chunk's; 0: the chunk's size.
+ * @return 0, also when the system refuses ("tarvo: failed to unmap chunk, ..." on standard error);
+ *         -1 when the library cannot start or the lock cannot be taken.
+ *
+ * Ends the process when the name is empty or `va` null ("strlen(name) && va"), when no chunk has
+ * the name ("found"), so unmap before anybody frees, and when `size` is more than the chunk has
+ * ("size <= chunk->size"). A null name faults. Takes the lock.
+ */
+TARVO_API int tarvo_unmap(const char* name, void* va, size_t size);
+
+/**
+ * Tells which chunk a DMA address lies in.
+ *
+ * @param dma        a DMA address within the region, its end included.
+ * @param chunk_dma  receives the DMA address of the chunk's first byte, or 0; not null. Not written
+ *                   when the library cannot start or the lock cannot be taken.
+ * @return the chunk's name, in the shared bookkeeping itself and not a copy: it changes when the
+ *         chunk is freed. Null when the address lies in no chunk, the library cannot start or the
+ *         lock cannot be taken.
+ *
+ * Ends the process for an address outside the region, as tarvo_dma_to_pa() does. Takes the lock.
+ */
+TARVO_API const char* tarvo_find(uint32_t dma, uint32_t* chunk_dma);
+
+/* ---- The region ------------------------------------------------------------------------------ */
+
+/**
+ * The physical address of a DMA address; 0 when the library cannot start. Takes no lock.
+ *
+ * Ends the process for an address that is not in the region, whose end counts as in it
+ * ("res >= dma_chunk_head->pa && res <= dma_chunk_tail->pa").
+ */
+TARVO_API uint64_t tarvo_dma_to_pa(uint32_t dma);
+
+/**
+ * The DMA address of a physical address; 0 when the library cannot start. Takes no lock.
+ *
+ * Ends the process for an address that is not in the region, whose end counts as in it
+ * ("pa >= dma_chunk_head->pa && pa <= dma_chunk_tail->pa").
+ */
+TARVO_API uint32_t tarvo_pa_to_dma(uint64_t pa);
+
+/**
+ * The region as devices see it. Takes no lock.
+ *
+ * @param start_dma  receives the DMA address of the first byte; not null.
+ * @param end_dma    receives the one behind the last byte; not null.
+ * @return 0; -1 when the library cannot start, and nothing is written.
+ */
+TARVO_API int tarvo_get_limits(uint32_t* start_dma, uint32_t* end_dma);
+
+/**
+ * Bytes that the shared bookkeeping takes: 70130716 rounded up to whole pages, 70131712 with pages
+ * of 4 KiB. Does not start the library and takes no lock.
+ */
+TARVO_API size_t tarvo_get_overhead(void);
+
+/**
+ * Maps the whole region, readable and writable, once for the calling process, and counts the calls.
+ *
+ * @return the mapping's address, the same for every call until as many tarvo_unmap_all(); null when
+ *         the library cannot start, or when the mapping fails ("tarvo: failed to mmap size ..." on
+ *         standard error). A failed mapping is counted and not tried again: the next call of either
+ *         function ends the process ("tarvo_mapall_refcount == 0", "tarvo_mapall_va").
+ *
+ * Takes no lock; other processes are not affected.
+ */
+TARVO_API void* tarvo_map_all(void);
+
+/**
+ * Undoes one tarvo_map_all(); the last one unmaps. A system that refuses to is reported ("tarvo:
+ * failed to unmap chunk, ..." on standard error) and the mapping is given up all the same.
+ *
+ * Ends the process when the region is not mapped ("tarvo_mapall_va"). Takes no lock.
+ */
+TARVO_API void tarvo_unmap_all(void);
+
+/* ---- Listing --------------------------------------------------------------------------------- */
+
+/**
+ * Opens a listing of the chunks and devices. The lock is held from here to tarvo_dump_end(), so
+ * that the listing is one consistent picture; every other process waits meanwhile.
+ *
+ * @return true when the lock is held; false when the library cannot start or the lock cannot be
+ *         taken, and then there is nothing to end.
+ */
+TARVO_API bool tarvo_dump_begin(void);
+
+/**
+ * Writes the next chunk, in ascending address, as one line without a newline: element number (3
+ * columns), name (60, left), creator (110, left), physical address ("0x" and 12 hexadecimal
+ * digits), size in bytes (9 columns, signed), with one blank between.
+ *
+ * @param dst  receives the line and a NUL.
+ * @param n    bytes in `dst`; 256 always do.
+ * @return true when a line was written; false at the end, outside a listing, and when the line does
+ *         not fit in `n` bytes: it is then offered again.
+ */
+TARVO_API bool tarvo_dump_next(char* dst, size_t n);
+
+/**
+ * Writes the next registered device, in order of registration, as one line such as
+ * "0000:03:00.0: online" or "0000:03:00.0: offline". Arguments and result as tarvo_dump_next(); the
+ * two can be called in any order, each keeps its own place.
+ */
+TARVO_API bool tarvo_dump_next_iommu_device(char* dst, size_t n);
+
+/**
+ * Ends the listing and releases the lock. Returns 0. Without a listing that was begun it still
+ * releases the lock, and ends the process where the library was never started.
+ */
+TARVO_API int tarvo_dump_end(void);
+
+/* ---- Devices --------------------------------------------------------------------------------- */
+/*
+ * A PCI device is named by its domain (segment), bus and devfn (slot * 8 + function), compared
+ * exactly as given and not limited. A registered device sees every chunk at its DMA address: each
+ * chunk is mapped by a line written to /sys/kernel/tarvo_iommu_map_region. The answers ENODEV and
+ * EUNATCH say that the device is gone: it goes offline, which is no error, and is asked for nothing
+ * until it is registered again. ENOSYS says that there is no IOMMU and counts as success. Any other
+ * failure is reported on standard error: "tarvo: failed to iommu ...", "map_unmap_chunk: ...", and
+ * what the call itself adds.
+ */
+
+/**
+ * Registers a device, or revives one that is registered, and maps every chunk for it, also those
+ * that are mapped for it already.
+ *
+ * @return 0; -1 when the library cannot start, the lock cannot be taken, or a chunk could not be
+ *         mapped ("Error IOMMU mapping chunk ..." and "tarvo: tarvo_register_device: failed to map
+ *         chunk"). The device is then registered all the same, and unmapped from the chunks again.
+ *
+ * A 257th device ends the process by a memory fault (SIGSEGV). Takes the lock, also while it writes
+ * the requests. The registration outlives the process.
+ */
+TARVO_API int tarvo_register_device(uint32_t domain, uint32_t bus, uint32_t devfn);
+
+/**
+ * Unmaps every chunk for a device and forgets it. An offline device is forgotten without a request,
+ * and what it leaves behind on record is inherited by the next device that takes its place.
+ *
+ * @return 0; -2 when the device is not registered ("tarvo: Device not registered"); -1 when the
+ *         library cannot start, the lock cannot be taken, or a chunk could not be unmapped ("tarvo:
+ *         Error unmapping all chunks"), and the device then stays registered.
+ *
+ * Takes the lock, also while it writes the requests.
+ */
+TARVO_API int tarvo_unregister_device(uint32_t domain, uint32_t bus, uint32_t devfn);
+
+/**
+ * Maps the whole region for a device by one request; nothing is recorded.
+ *
+ * @param prot  protection mask, handed on as it is: 1 read, 2 write.
+ * @return 0, or a negative value when the request failed.
+ *
+ * Ends the process when the library cannot start ("tarvo_get_limits(&start_dma, &end_dma) == 0"),
+ * and for a region of 2 GiB and more ("end_dma - start_dma == end_pa - start_pa"). Takes no lock.
+ */
+TARVO_API int tarvo_iommu_map(uint32_t domain, uint32_t bus, uint32_t devfn, uint32_t prot);
+
+/**
+ * Undoes tarvo_iommu_map(). A registered device is unregistered instead, with the results of
+ * tarvo_unregister_device(), and no request for the whole region is made. For any other device
+ * "tarvo: Device not registered" goes to standard error, then the request is made.
+ *
+ * @return 0, or a negative value when unregistering or the request failed.
+ *
+ * Ends the process as tarvo_iommu_map() does, before the registry is looked at. Takes the lock for
+ * the registry only.
+ */
+TARVO_API int tarvo_iommu_unmap(uint32_t domain, uint32_t bus, uint32_t devfn);
+
+#ifdef __cplusplus
+} /* extern "C" */
+
+#include <memory>
+#include <string>
+
+/* ---- Inner steps, C++ only ------------------------------------------------------------------- */
+/*
+ * The steps that the calls above are made of. They work on records of the shared bookkeeping, whose
+ * layout is not public, and none takes the lock: unless it says otherwise the caller holds it, and
+ * the library is started. They are here for tools that are built together with the library.
+ */
+
+struct dma_chunk_t;
+struct iommu_dev_t;
+struct iommu_dev_ref;
+
+/** What stands in for a text that could not be formatted: "Error formatting string". */
+extern "C" TARVO_API std::shared_ptr<std::string> to_string_err;
+
+/** Bytes between the end of `a` and the start of its successor `b`. Needs neither lock nor start.
+ */
+TARVO_API uint64_t free_size(dma_chunk_t* a, dma_chunk_t* b);
+
+/**
+ * Asks the kernel driver for `size` bytes of contiguous memory under that name; a name the driver
+ * already holds is good, too. Returns the physical address, or all 64 bits set after a failure, of
+ * which standard error is told unless the driver just does not list that name and size.
+ */
+TARVO_API uint64_t get_cma_allocation(const char* name, uint32_t size);
+
+/**
+ * Gives such memory back. Returns 0 when the command was handed on, though the driver may refuse it
+ * unnoticed; -1 when it could not be handed on, which standard error is told.
+ */
+TARVO_API int64_t free_cma_allocation(const char* name, uint32_t size);
+
+/** Records that the chunk is mapped for the device; once is enough. */
+TARVO_API void add_dev_to_chunk(dma_chunk_t* chunk, iommu_dev_t* dev);
+
+/** Strikes off one such record. Returns the one behind it, null if it was the last. */
+TARVO_API iommu_dev_ref* remove_dev_from_chunk(dma_chunk_t* chunk, iommu_dev_ref* ref);
+
+/**
+ * Sends one request, `op` "map" or "unmap". Returns 0, or a negative value after a failure that
+ * standard error was told; errno is then the reason.
+ */
+TARVO_API int map_unmap_chunk(const char* op, dma_chunk_t* chunk, iommu_dev_t* dev);
+
+/** Maps a new chunk for every online device. -1 when one refused: it is then mapped for none. */
+TARVO_API int map_chunk_all_devs(dma_chunk_t* chunk);
+
+/** Unmaps a chunk from its devices and strikes all of them off; -1 when one refused. */
+TARVO_API int unmap_chunk_all_devs(dma_chunk_t* chunk);
+
+/** Maps every chunk for a device. -1 when a request was refused: all are then unmapped again. */
+TARVO_API int map_chunks_to_dev(iommu_dev_t* dev);
+
+/** Unmaps a device from every chunk, striking off what was accepted; -1 when one was refused. */
+TARVO_API int unmap_dev_all_chunks(iommu_dev_t* dev);
+
+#endif /* __cplusplus */
+
+#endif /* TARVO_H */

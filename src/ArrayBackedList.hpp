@@ -1,0 +1,175 @@
+#pragma once
+
+#include "assertion.hpp"
+
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <type_traits>
+
+/// The source name and the lines in this class's assertion messages never change (see
+/// TARVO_ASSERT_AT).
+#define LIST_ASSERT(condition, text, line)                                                         \
+    TARVO_ASSERT_AT(condition, text, "./ArrayBackedList.hpp", line, __PRETTY_FUNCTION__)
+
+/// A doubly linked list of at most MAX elements that lives wholly inside its own bytes. Links are
+/// element indices, never pointers, so the same bytes are a valid list in every process that maps
+/// them, at whatever address. Nothing is allocated and no constructor runs: one process calls
+/// init() on zeroed storage, all others use what they find.
+///
+/// T begins with `next`, `prev` (int32_t) and `allocated` (one byte); the rest is payload. Index
+/// -1 is "none". An element is either on the list (`allocated` set) or on the free chain, which is
+/// linked through `next` alone. The list is circular, but next() stops at the tail.
+///
+/// A breach of these rules ends the process. Whoever shares the bytes holds a lock for every call.
+template <typename T, int MAX>
+struct ArrayBackedList {
+    T _arr[MAX];
+    int32_t _head;
+    int32_t _tail;
+    int32_t _free;
+
+    static constexpr int32_t none = -1;
+
+    /// Empties the list: every element that is not `allocated` joins the free chain, lowest first.
+    void init() {
+        _head = none;
+        _tail = none;
+        _free = none;
+        int32_t* link = &_free;
+        for (int idx = 0; idx < MAX; ++idx) {
+            if (!_arr[idx].allocated) {
+                *link = idx;
+                link = &_arr[idx].next;
+            }
+        }
+        _arr[MAX - 1].next = none;
+    }
+
+    /// The element at `idx`; null for -1.
+    T* arr_elem(int idx) {
+        if (idx == none) {
+            return nullptr;
+        }
+        LIST_ASSERT(idx >= 0 && idx < MAX, "idx >= 0 && idx < MAX", 159);
+        return &_arr[idx];
+    }
+
+    /// The index of `e`, which must point into this list. Compared before it is narrowed: a stray
+    /// pointer must not be folded into the valid range.
+    int index(T* e) {
+        const std::ptrdiff_t idx = e - _arr;
+        LIST_ASSERT(idx >= 0 && idx < MAX, "idx >= 0 && idx < MAX", 154);
+        return static_cast<int>(idx);
+    }
+
+    /// The element that `e` links to, without asking whether `e` is the tail.
+    T* get_next(T* e) { return arr_elem(e->next); }
+
+    void set_next(T* a, T* b) { a->next = index(b); }
+
+    void set_prev(T* a, T* b) { a->prev = index(b); }
+
+    /// The element that follows `cur`; null when `cur` is the tail.
+    T* next(T* cur) {
+        LIST_ASSERT(cur->allocated, "cur->allocated", 32);
+        return is_tail(cur) ? nullptr : get_next(cur);
+    }
+
+    /// Links `new_elem` directly behind `cur`. The head never changes.
+    void insert_after(T* cur, T* new_elem) {
+        LIST_ASSERT(cur->allocated && new_elem->allocated, "cur->allocated && new_elem->allocated",
+                    49);
+        T* following = get_next(cur);
+        set_next(new_elem, following);
+        set_next(cur, new_elem);
+        set_prev(new_elem, cur);
+        set_prev(following, new_elem);
+        if (is_tail(cur)) {
+            _tail = index(new_elem);
+        }
+    }
+
+    /// Links `e` at the end.
+    void append(T* e) {
+        if (_head == none && _tail == none) {
+            _head = index(e);
+            _tail = _head;
+        }
+        LIST_ASSERT(_head != none && _tail != none, "_head != -1 && _tail != -1", 88);
+        set_prev(e, arr_elem(_tail));
+        set_next(arr_elem(_tail), e);
+        set_next(e, arr_elem(_head));
+        set_prev(arr_elem(_head), e);
+        _tail = index(e);
+    }
+
+    /// Unlinks `cur`, which keeps its links and its flag; free() is what comes next.
+    void remove(T* cur) {
+        LIST_ASSERT(cur->allocated, "cur->allocated", 100);
+        if (is_head(cur)) {
+            remove_from_front(cur);
+        } else if (is_tail(cur)) {
+            _tail = cur->prev;
+        }
+        T* before = arr_elem(cur->prev);
+        T* behind = arr_elem(cur->next);
+        set_next(before, behind);
+        set_prev(behind, before);
+    }
+
+    /// Takes the first element off the free chain and marks it; the caller links it. The caller
+    /// has looked at `_free` first: on an exhausted chain the access itself faults, which callers
+    /// that deliberately do not look rely on.
+    T* alloc() {
+        T* chunk = arr_elem(_free);
+        LIST_ASSERT(!chunk->allocated, "!chunk->allocated", 126);
+        _free = chunk->next;
+        chunk->allocated = 1;
+        return chunk;
+    }
+
+    /// Zeroes `cur` whole and puts it at the front of the free chain.
+    void free(T* cur) {
+        LIST_ASSERT(cur->allocated, "cur->allocated", 141);
+        std::memset(cur, 0, sizeof(T));
+        cur->next = _free;
+        _free = index(cur);
+    }
+
+    /// The usual walk, from the head along next(), as a range-for. The element in hand must still
+    /// be on the list when the walk moves on.
+    class iterator {
+      public:
+        iterator(ArrayBackedList* list, T* cur) : _list(list), _cur(cur) {}
+        T& operator*() const { return *_cur; }
+        iterator& operator++() {
+            _cur = _list->next(_cur);
+            return *this;
+        }
+        bool operator!=(const iterator& other) const { return _cur != other._cur; }
+
+      private:
+        ArrayBackedList* _list;
+        T* _cur;
+    };
+
+    iterator begin() { return iterator(this, arr_elem(_head)); }
+    iterator end() { return iterator(this, nullptr); }
+    bool empty() const { return _head == none; }
+
+  private:
+    bool is_head(T* cur) { return cur == arr_elem(_head); }
+    bool is_tail(T* cur) { return cur == arr_elem(_tail); }
+
+    void remove_from_front(T* cur) {
+        if (is_tail(cur)) {
+            _head = none;
+            _tail = none;
+        } else {
+            _head = cur->next;
+        }
+    }
+};
+
+#undef LIST_ASSERT

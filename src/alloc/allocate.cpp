@@ -1,0 +1,215 @@
+#include "alloc/place.hpp"
+#include "assertion.hpp"
+#include "shared/check.hpp"
+#include "shared/chunk_walk.hpp"
+#include "shared/init.hpp"
+#include "shared/lock.hpp"
+#include "shared/trace.hpp"
+#include "tarvo.h"
+
+#include <cstdio>
+#include <cstring>
+#include <optional>
+#include <sys/mman.h>
+
+namespace {
+
+constexpr const char* function = "tarvo_alloc_func";
+
+/// In 32 bits, as the records count: a size less than a page below 4 GiB comes out as 0.
+uint32_t round_to_pages(uint32_t size) {
+    return page_size * ((size + page_size - 1) / page_size);
+}
+
+/// The chunk to share: the lowest one of that name, if it has that size. With another size the
+/// request is reported and then served like that of a new name.
+dma_chunk_t* find_chunk_desc(const char* name, uint32_t size) {
+    dma_chunk_t* chunk = first_named(name, chunks_between_sentinels());
+    if (chunk == nullptr || chunk->size == size) {
+        return chunk;
+    }
+    constexpr const char* complaint = "size mismatch, see tarvo\n";
+    TARVO_TRACE(trace_failure, "find_chunk_desc", "tarvo: %s() %s", "find_chunk_desc", complaint);
+    fprintf(stderr, "tarvo: %s() %s\n", "find_chunk_desc", complaint);
+    return nullptr;
+}
+
+/// The chunk to share or else a free element; null when all are in use.
+dma_chunk_t* find_or_take(const char* name, uint32_t size) {
+    dma_chunk_t* chunk = find_chunk_desc(name, size);
+    if (chunk != nullptr) {
+        return chunk;
+    }
+    if (dma_chunks->_free == chunk_list::none) {
+        TARVO_TRACE(trace_failure, function, "tarvo: %s() no free tarvo chunks left", function);
+        return nullptr;
+    }
+    return dma_chunks->alloc();
+}
+
+/// Stores a creator that does not fit by its two ends.
+void store_creator(dma_chunk_t* chunk, const char* creator) {
+    constexpr size_t end_bytes = 47;
+    constexpr const char* gap = " ... ";
+    const size_t length = strlen(creator);
+    if (length < creator_bytes) {
+        memcpy(chunk->creator, creator, length + 1);
+        return;
+    }
+    char* out = chunk->creator;
+    memcpy(out, creator, end_bytes);
+    memcpy(out + end_bytes, gap, strlen(gap));
+    memcpy(out + end_bytes + strlen(gap), creator + length - end_bytes, end_bytes + 1);
+}
+
+void release_cma(const char* name, uint32_t size) {
+    if (is_cma) {
+        free_cma_allocation(name, size);
+    }
+}
+
+/// Puts an element that is on the list back on the free chain.
+void discard(dma_chunk_t* chunk) {
+    dma_chunks->remove(chunk);
+    dma_chunks->free(chunk);
+}
+
+/// As discard(), for a chunk that devices may have been mapped to. Unmapping comes when the record
+/// is already zero, and so ends the process in an assertion with the lock still held. This order
+/// stays: whoever allocates on a machine whose IOMMU or memory device refuses is stopped there,
+/// instead of going on with a region that is half mapped.
+void discard_mapped(dma_chunk_t* chunk) {
+    discard(chunk);
+    unmap_chunk_all_devs(chunk);
+}
+
+/// Finds the new chunk's place; nothing when there is none. The driver is told to release what it
+/// did not give, too.
+std::optional<place> find_place(const char* name, uint32_t size) {
+    place found = {};
+    if (is_cma) {
+        const uint64_t pa = get_cma_allocation(name, size);
+        if (pa == 0) {
+            TARVO_TRACE_AT(trace_failure, __LINE__, function, "Unable to allocate CMA memory\n");
+            return std::nullopt;
+        }
+        // The driver's failure value is an address that lies nowhere.
+        found = place_of(pa);
+    } else {
+        found = first_fit(size);
+    }
+    if (found.predecessor == nullptr) {
+        TARVO_TRACE(trace_failure, function, "%s: ran out of tarvo space", function);
+        return std::nullopt;
+    }
+    return found;
+}
+
+/// Makes `chunk`, fresh from the free chain, a chunk of the list. False when it is gone again.
+bool enter_chunk(dma_chunk_t* chunk, const char* name, uint32_t size, const char* creator) {
+    store_creator(chunk, creator);
+    memcpy(chunk->name, name, strlen(name) + 1);
+    const std::optional<place> place = find_place(name, size);
+    if (!place) {
+        dma_chunks->free(chunk);
+        release_cma(name, size);
+        return false;
+    }
+    chunk->pa = place->pa;
+    chunk->devs.init();
+    chunk->size = size;
+    dma_chunks->insert_after(place->predecessor, chunk);
+    return true;
+}
+
+/// Whether the chunk's record is sound; one that is not is discarded, its mappings for devices
+/// left as they are.
+bool keep_if_sound(dma_chunk_t* chunk, const char* name, uint32_t size) {
+    if (chunk_desc_check(chunk) == 0) {
+        return true;
+    }
+    discard(chunk);
+    release_cma(name, size);
+    return false;
+}
+
+/// Maps the chunk for every device; false when it is gone again.
+bool map_for_devices(dma_chunk_t* chunk, const char* name, uint32_t size) {
+    if (map_chunk_all_devs(chunk) == 0) {
+        return true;
+    }
+    TARVO_TRACE(trace_failure, function, "%s: Alloc failed due to IOMMU mapping error for %s",
+                function, name);
+    discard_mapped(chunk);
+    release_cma(name, size);
+    return false;
+}
+
+/// Zeroes the chunk's memory through a mapping of its own.
+bool zero_memory(const dma_chunk_t* chunk) {
+    void* memory = mmap64(nullptr, chunk->size, PROT_READ | PROT_WRITE, MAP_SHARED, mem_fd,
+                          static_cast<off64_t>(chunk->pa));
+    if (memory == MAP_FAILED) {
+        return false;
+    }
+    memset(memory, 0, chunk->size);
+    munmap(memory, chunk->size);
+    return true;
+}
+
+/// Makes a new chunk of a free element and zeroes its memory, for which the lock is let go.
+/// False when the chunk is gone again.
+bool create_chunk(dma_chunk_t* chunk, const char* name, uint32_t size, const char* creator,
+                  lock_guard& lock) {
+    if (!enter_chunk(chunk, name, size, creator) || !keep_if_sound(chunk, name, size) ||
+        !map_for_devices(chunk, name, size)) {
+        return false;
+    }
+    lock.release();
+    if (!zero_memory(chunk)) {
+        perror("tarvo_alloc: mmap failed!");
+        lock.retake();
+        discard_mapped(chunk);
+        release_cma(name, size);
+        return false;
+    }
+    return true;
+}
+
+} // namespace
+
+uint32_t tarvo_alloc_func(const char* name, size_t size, const char* creator) {
+    TARVO_TRACE(trace_progress, function, "%s: name %s size %zu creator %s", function, name, size,
+                creator);
+    if (tarvo_init() != 0) {
+        constexpr const char* complaint = "failed to initialize library";
+        TARVO_TRACE(trace_failure, function, "%s: %s", function, complaint);
+        fprintf(stderr, "tarvo: %s\n", complaint);
+        return 0;
+    }
+    const size_t len_name = strlen(name);
+    const size_t len_agent_name = strlen(creator);
+    TARVO_ASSERT(len_name > 0 && (len_name < name_bytes), "len_name > 0 && (len_name < 50)");
+    TARVO_ASSERT(len_agent_name > 0, "len_agent_name > 0");
+    TARVO_ASSERT(size, "size");
+
+    lock_guard lock;
+    if (!lock.held()) {
+        TARVO_TRACE(trace_failure, function, "%s: couldn't acquire lock", function);
+        return 0;
+    }
+    const uint32_t rounded = round_to_pages(static_cast<uint32_t>(size));
+    dma_chunk_t* chunk = find_or_take(name, rounded);
+    // A free element is zero, so its size tells it from a chunk that was found.
+    const bool usable =
+        chunk != nullptr && (chunk->size != 0 ? keep_if_sound(chunk, name, rounded)
+                                              : create_chunk(chunk, name, rounded, creator, lock));
+    if (!usable) {
+        return 0;
+    }
+    lock.release();
+    const uint32_t dma = tarvo_pa_to_dma(chunk->pa);
+    TARVO_TRACE(trace_progress, function, "%s: name %s pa 0x%llx dma 0x%x", function, name,
+                static_cast<unsigned long long>(chunk->pa), dma);
+    return dma;
+}

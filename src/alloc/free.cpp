@@ -1,0 +1,38 @@
+#include "assertion.hpp"
+#include "shared/chunk_walk.hpp"
+#include "shared/init.hpp"
+#include "shared/lock.hpp"
+#include "shared/trace.hpp"
+#include "tarvo.h"
+
+#include <cstring>
+
+// Free space has no record: it is the gap between neighbours, so taking a chunk off the list is all
+// that it takes to join its space to the gaps on both sides.
+
+int tarvo_free(const char* name) {
+    const size_t len = strlen(name);
+    TARVO_ASSERT(len, "len");
+    if (!library_is_ready()) {
+        return -1;
+    }
+    const lock_guard lock;
+    if (!lock.held()) {
+        return -1;
+    }
+    // Unlike every other lookup this one compares __TAIL, too.
+    dma_chunk_t* chunk = first_named(name, chunks_behind_head());
+    if (chunk == nullptr) {
+        return -1;
+    }
+    if (is_cma && free_cma_allocation(name, chunk->size) < 0) {
+        return -1;
+    }
+    TARVO_TRACE(trace_progress, "tarvo_free", "%s: name %s", "tarvo_free", chunk->name);
+    if (unmap_chunk_all_devs(chunk) != 0) {
+        return -1;
+    }
+    dma_chunks->remove(chunk);
+    dma_chunks->free(chunk);
+    return 0;
+}

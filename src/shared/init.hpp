@@ -1,0 +1,16 @@
+#pragma once
+
+#include <cstdint>
+
+/// Makes the library ready in this process: finds the region, maps the shared area, builds it if
+/// this is the machine's first process, opens the lock file. Returns 0 when ready, -1 when not,
+/// after saying why on standard error; the next call then tries everything again. Once ready it
+/// returns 0 at once, without a system call.
+int tarvo_init();
+
+/// tarvo_init for the top of an exported call: true when ready; otherwise standard error has
+/// also been told that the library is not.
+bool library_is_ready();
+
+/// Bytes of the shared area file: the shared area rounded up to whole pages.
+uint32_t reservesize();

@@ -1,0 +1,29 @@
+#include "shared/text.hpp"
+
+#include "tarvo.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <iostream> // the stream library is ready before anything of ours runs
+
+std::shared_ptr<std::string> to_string_err =
+    std::make_shared<std::string>("Error formatting string");
+
+std::shared_ptr<std::string> adopt_text(int length, char* text) {
+    if (length < 0) {
+        return to_string_err;
+    }
+    auto adopted = std::make_shared<std::string>(text);
+    free(text);
+    return adopted;
+}
+
+std::shared_ptr<std::string> device_name(const iommu_dev_t& dev) {
+    const auto domain = static_cast<unsigned>(dev.domain);
+    const auto bus = static_cast<unsigned>(dev.bus);
+    const auto devfn = static_cast<unsigned>(dev.devfn);
+    char* text = nullptr;
+    const int length =
+        asprintf(&text, "%04x:%02x:%02x.%x", domain, bus, (devfn >> 3) & 0x1f, devfn & 7);
+    return adopt_text(length, text);
+}
