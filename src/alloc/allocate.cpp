@@ -47,19 +47,16 @@ dma_chunk_t* find_or_take(const char* name, uint32_t size) {
     return dma_chunks->alloc();
 }
 
-/// Stores a creator that does not fit by its two ends.
+/// Stores a creator; one that does not fit, by its two ends.
 void store_creator(dma_chunk_t* chunk, const char* creator) {
-    constexpr size_t end_bytes = 47;
-    constexpr const char* gap = " ... ";
+    constexpr int end_bytes = 47;
     const size_t length = strlen(creator);
     if (length < creator_bytes) {
         memcpy(chunk->creator, creator, length + 1);
-        return;
+    } else {
+        snprintf(chunk->creator, creator_bytes, "%.*s ... %s", end_bytes, creator,
+                 creator + length - end_bytes);
     }
-    char* out = chunk->creator;
-    memcpy(out, creator, end_bytes);
-    memcpy(out + end_bytes, gap, strlen(gap));
-    memcpy(out + end_bytes + strlen(gap), creator + length - end_bytes, end_bytes + 1);
 }
 
 void release_cma(const char* name, uint32_t size) {

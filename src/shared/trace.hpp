@@ -29,14 +29,14 @@ class trace_record {
     Zul::EnsureTraceHelperIsDestroyed _ensure_destroyed;
 };
 
-/// Traces `pieces`, one or more values with << between, tagged with the line and with `function`,
-/// the name that the record is known by, wherever the code stands. When the level is disabled
-/// nothing is evaluated.
-#define TARVO_TRACE_AT(level, line, function, pieces)                                              \
+/// Traces what follows `function`, one or more values with << between. The record is tagged with
+/// the line and with `function`, the name it is known by, wherever the code stands. When the level
+/// is disabled nothing is evaluated.
+#define TARVO_TRACE_AT(level, line, function, ...)                                                 \
     do {                                                                                           \
         trace_record record(level);                                                                \
         if (record.enabled()) {                                                                    \
-            record.stream() << pieces;                                                             \
+            record.stream() << __VA_ARGS__;                                                        \
             record.emit(line, function);                                                           \
         }                                                                                          \
     } while (false)

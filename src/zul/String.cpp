@@ -2,21 +2,22 @@
 
 #include <cstdarg>
 #include <cstdio>
+#include <cstdlib>
 
 namespace Zul {
 
 String format(const char* format, ...) {
     std::va_list args;
     va_start(args, format);
-    std::va_list args_again;
-    va_copy(args_again, args);
-    const int length = std::vsnprintf(nullptr, 0, format, args);
+    char* text = nullptr;
+    const int length = vasprintf(&text, format, args);
     va_end(args);
-
-    std::string text(length > 0 ? static_cast<std::size_t>(length) : 0, '\0');
-    std::vsnprintf(text.data(), text.size() + 1, format, args_again);
-    va_end(args_again);
-    return {text.data(), static_cast<unsigned>(text.size())};
+    if (length < 0) {
+        return {"", 0};
+    }
+    String string(text, static_cast<unsigned>(length));
+    std::free(text);
+    return string;
 }
 
 std::ostream& operator<<(std::ostream& stream, const String& string) {

@@ -60,7 +60,7 @@ std::string on_one_line(std::string_view text) {
 
 } // namespace
 
-TraceHandle::TraceHandle(const String& facility, bool)
+TraceHandle::TraceHandle(const String& facility, bool /*unused*/)
     : _facility(facility.text()), _enabled_up_to(level_from_environment(_facility)) {}
 
 TraceHelper* TraceHelper::createIfEnabled(TraceHandle& handle, TraceFacility::FacilityLevel level,

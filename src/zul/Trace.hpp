@@ -24,7 +24,7 @@ class TraceFacility {
 /// A named source of trace records, with the level that the environment enables for it.
 class TraceHandle {
   public:
-    TraceHandle(const String& facility, bool);
+    TraceHandle(const String& facility, bool /*unused*/);
     const std::string& facility() const { return _facility; }
     bool enabled(TraceFacility::FacilityLevel level) const { return level <= _enabled_up_to; }
 
