@@ -1,0 +1,43 @@
+#pragma once
+
+#include <string>
+#include <variant>
+#include <vector>
+
+#include "member.hpp"
+#include "rule.hpp"
+#include "world.hpp"
+
+namespace sandbox {
+
+struct run_options {
+    world played;
+    std::vector<rule> rules;
+    std::string log_path;
+    std::string control_path;
+    command_words command;
+};
+
+struct join_options {
+    std::string control_path;
+    command_words command;
+};
+
+struct rule_options {
+    std::string control_path;
+    bool clear = false;
+    bool list = false;
+    std::vector<std::string> rules;
+};
+
+// The text is printed and that is all.
+struct help_wanted {
+    std::string text;
+};
+
+using options = std::variant<run_options, join_options, rule_options, help_wanted>;
+
+// Throws failure, naming the option and value that are wrong.
+options parse_command_line(const std::vector<std::string>& arguments);
+
+} // namespace sandbox

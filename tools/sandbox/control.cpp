@@ -1,0 +1,96 @@
+#include "control.hpp"
+
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+
+#include <cstring>
+#include <filesystem>
+
+#include "failure.hpp"
+
+namespace sandbox {
+
+namespace {
+
+// A socket address holds 107 bytes of path; by way of the folder's descriptor any path fits.
+class socket_place {
+  public:
+    explicit socket_place(const std::filesystem::path& path)
+        : name_{path.filename()}, folder_{::open(path.has_parent_path() ? path.parent_path().c_str()
+                                                                        : ".",
+                                                 O_PATH | O_DIRECTORY | O_CLOEXEC)} {
+        if (!folder_)
+            throw failed_call("--control " + path.string() + ": cannot open its folder");
+        const std::string through = "/proc/self/fd/" + std::to_string(folder_.get()) + "/" + name_;
+        if (name_.empty() || through.size() >= sizeof address_.sun_path)
+            throw failure{"--control " + path.string() +
+                          ": its last part is no name for a socket; give a shorter file name"};
+        address_.sun_family = AF_UNIX;
+        std::memcpy(&address_.sun_path[0], through.c_str(), through.size() + 1);
+    }
+
+    const sockaddr* address() const { return reinterpret_cast<const sockaddr*>(&address_); }
+    static socklen_t length() { return sizeof(sockaddr_un); }
+    unique_fd& folder() { return folder_; }
+    const std::string& name() const { return name_; }
+
+  private:
+    std::string name_;
+    unique_fd folder_;
+    sockaddr_un address_{};
+};
+
+unique_fd make_socket() {
+    unique_fd made{::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0)};
+    if (!made)
+        throw failed_call("cannot make a Unix socket");
+    return made;
+}
+
+void remove_if_nobody_answers(socket_place& place) {
+    const unique_fd probe = make_socket();
+    if (::connect(probe.get(), place.address(), socket_place::length()) != 0 &&
+        errno == ECONNREFUSED)
+        ::unlinkat(place.folder().get(), place.name().c_str(), 0);
+}
+
+int bind_for_owner_only(int socket, const socket_place& place) {
+    const mode_t umask_of_caller = ::umask(S_IRWXG | S_IRWXO | S_IXUSR);
+    const int result = ::bind(socket, place.address(), socket_place::length());
+    ::umask(umask_of_caller);
+    return result;
+}
+
+} // namespace
+
+control_socket::control_socket(const std::string& path) : listener_{make_socket()} {
+    socket_place place{path};
+    remove_if_nobody_answers(place);
+    if (bind_for_owner_only(listener_.get(), place) != 0 ||
+        ::listen(listener_.get(), SOMAXCONN) != 0)
+        throw failed_call("--control " + path +
+                          ": cannot make the socket; name a file that does "
+                          "not exist yet");
+    folder_ = std::move(place.folder());
+    name_ = place.name();
+}
+
+void control_socket::remove() {
+    if (folder_)
+        ::unlinkat(folder_.get(), name_.c_str(), 0);
+    folder_.reset();
+    listener_.reset();
+}
+
+unique_fd connect_to(const std::string& path) {
+    unique_fd made = make_socket();
+    const socket_place place{path};
+    if (::connect(made.get(), place.address(), socket_place::length()) != 0)
+        throw failed_call("--control " + path +
+                          ": no sandbox answers there; start one with this --control first");
+    return made;
+}
+
+} // namespace sandbox

@@ -1,0 +1,296 @@
+#include "file_system.hpp"
+
+#include <fcntl.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <vector>
+
+#include "failure.hpp"
+
+namespace sandbox {
+
+namespace {
+
+constexpr std::string_view proc_file = "tarvo";
+
+// Nodes from proc_view::first_number up are the real /proc's.
+constexpr fuse_ino_t proc_file_node = 2;
+constexpr fuse_ino_t iommu_file_node = 3;
+constexpr fuse_ino_t hidden_folder_node = 4;
+
+// Nothing here changes but the set of processes.
+constexpr double for_ever_seconds = 1e6;
+
+mode_t mode_of(fuse_ino_t node) {
+    switch (node) {
+    case FUSE_ROOT_ID:
+    case hidden_folder_node:
+        return S_IFDIR | 0555;
+    case proc_file_node:
+        return S_IFREG | 0644;
+    case iommu_file_node:
+        return S_IFREG | 0600;
+    default:
+        return S_IFLNK | 0777;
+    }
+}
+
+// Owner and group are 0, which is the caller itself in a user namespace: the kernel refuses every
+// open for writing of a file whose owner it cannot map there.
+struct stat attributes(fuse_ino_t node) {
+    struct stat made {};
+    made.st_ino = node;
+    made.st_mode = mode_of(node);
+    made.st_nlink = S_ISDIR(made.st_mode) ? 2 : 1;
+    return made;
+}
+
+double validity_seconds(fuse_ino_t node) {
+    return proc_view::is_process(node) ? 0 : for_ever_seconds;
+}
+
+driver_handle& handle_of(const fuse_file_info* info) {
+    return *reinterpret_cast<driver_handle*>(info->fh);
+}
+
+using listing_buffer = std::vector<char>;
+
+listing_buffer& listing_of(const fuse_file_info* info) {
+    return *reinterpret_cast<listing_buffer*>(info->fh);
+}
+
+template <typename Kept>
+void keep(fuse_file_info* info, std::unique_ptr<Kept> kept) {
+    info->fh = reinterpret_cast<std::uint64_t>(kept.release());
+}
+
+template <typename Bytes>
+void reply_part(fuse_req_t asked, const Bytes& bytes, std::size_t size, off_t offset) {
+    const std::size_t start = std::min(bytes.size(), static_cast<std::size_t>(offset));
+    fuse_reply_buf(asked, bytes.data() + start, std::min(size, bytes.size() - start));
+}
+
+void add_entry(fuse_req_t asked, listing_buffer& listing, const std::string& name) {
+    // No type: the processes are links here, but those who look for folders are to follow them.
+    struct stat untyped {};
+    untyped.st_ino = proc_view::first_number;
+    const std::size_t start = listing.size();
+    listing.resize(start + fuse_add_direntry(asked, nullptr, 0, name.c_str(), nullptr, 0));
+    fuse_add_direntry(asked, listing.data() + start, listing.size() - start, name.c_str(), &untyped,
+                      static_cast<off_t>(listing.size()));
+}
+
+} // namespace
+
+// The operations that FUSE calls, each of which answers one request.
+struct file_system::state {
+    driver& answering;
+    proc_view& real;
+    bool has_proc_file = false;
+
+    static state& of(fuse_req_t asked) { return *static_cast<state*>(fuse_req_userdata(asked)); }
+
+    pid_t caller(fuse_req_t asked) const {
+        return real.process_of_thread(fuse_req_ctx(asked)->pid);
+    }
+
+    std::optional<fuse_ino_t> find(std::string_view name) const {
+        if (name == proc_file)
+            return has_proc_file ? std::optional{proc_file_node} : std::nullopt;
+        if (name == hidden_iommu_file)
+            return iommu_file_node;
+        if (name == proc_view::hidden_folder)
+            return hidden_folder_node;
+        return real.find(name);
+    }
+
+    static void init(void* /*state*/, fuse_conn_info* connection) {
+        // An open that truncates is to arrive as one request.
+        connection->want |=
+            connection->capable & (FUSE_CAP_ATOMIC_O_TRUNC | FUSE_CAP_CACHE_SYMLINKS);
+    }
+
+    static void lookup(fuse_req_t asked, fuse_ino_t parent, const char* name) {
+        const auto node = parent == FUSE_ROOT_ID ? of(asked).find(name) : std::nullopt;
+        if (!node) {
+            fuse_reply_err(asked, ENOENT);
+            return;
+        }
+        fuse_entry_param entry{};
+        entry.ino = *node;
+        entry.attr = attributes(*node);
+        entry.attr_timeout = for_ever_seconds;
+        entry.entry_timeout = validity_seconds(*node);
+        fuse_reply_entry(asked, &entry);
+    }
+
+    static void getattr(fuse_req_t asked, fuse_ino_t node, fuse_file_info* /*info*/) {
+        const struct stat found = attributes(node);
+        fuse_reply_attr(asked, &found, for_ever_seconds);
+    }
+
+    // Lengths and times may be set, as on the kernel's own files, and change nothing.
+    static void setattr(fuse_req_t asked, fuse_ino_t node, struct stat* /*wanted*/, int what,
+                        fuse_file_info* info) {
+        if ((what & (FUSE_SET_ATTR_MODE | FUSE_SET_ATTR_UID | FUSE_SET_ATTR_GID)) != 0)
+            fuse_reply_err(asked, EPERM);
+        else
+            getattr(asked, node, info);
+    }
+
+    static void readlink(fuse_req_t asked, fuse_ino_t node) {
+        fuse_reply_readlink(asked, of(asked).real.link_target(node).c_str());
+    }
+
+    static void open(fuse_req_t asked, fuse_ino_t node, fuse_file_info* info) {
+        state& self = of(asked);
+        auto handle = std::make_unique<driver_handle>();
+        const int access = info->flags & O_ACCMODE;
+        handle->file = node == proc_file_node ? driver_file::proc : driver_file::sysfs;
+        handle->reads = access != O_WRONLY;
+        handle->writes = access != O_RDONLY;
+        handle->truncates = (info->flags & O_TRUNC) != 0;
+        const int error = self.answering.open(*handle, self.caller(asked));
+        if (error != 0) {
+            fuse_reply_err(asked, error);
+            return;
+        }
+        keep(info, std::move(handle));
+        info->direct_io = 1;
+        // Interrupted: the caller never had the file and no release will come.
+        if (fuse_reply_open(asked, info) == -ENOENT)
+            release_handle(info);
+    }
+
+    static void read(fuse_req_t asked, fuse_ino_t /*node*/, std::size_t size, off_t offset,
+                     fuse_file_info* info) {
+        reply_part(asked, handle_of(info).listing, size, offset);
+    }
+
+    static void write(fuse_req_t asked, fuse_ino_t /*node*/, const char* bytes, std::size_t size,
+                      off_t /*offset*/, fuse_file_info* info) {
+        state& self = of(asked);
+        const auto result =
+            self.answering.write(handle_of(info), self.caller(asked), {bytes, size});
+        if (result.error != 0)
+            fuse_reply_err(asked, result.error);
+        else
+            fuse_reply_write(asked, result.accepted_bytes);
+    }
+
+    // The close: at once and with a result that the caller sees, unlike release.
+    static void flush(fuse_req_t asked, fuse_ino_t /*node*/, fuse_file_info* info) {
+        state& self = of(asked);
+        fuse_reply_err(asked, self.answering.close(handle_of(info), self.caller(asked)));
+    }
+
+    static void release_handle(fuse_file_info* info) {
+        const std::unique_ptr<driver_handle> ended{&handle_of(info)};
+    }
+
+    static void release(fuse_req_t asked, fuse_ino_t /*node*/, fuse_file_info* info) {
+        release_handle(info);
+        fuse_reply_err(asked, 0);
+    }
+
+    static void opendir(fuse_req_t asked, fuse_ino_t node, fuse_file_info* info) {
+        auto listing = std::make_unique<listing_buffer>();
+        add_entry(asked, *listing, ".");
+        add_entry(asked, *listing, "..");
+        if (node == FUSE_ROOT_ID) {
+            for (const auto& name : of(asked).real.names())
+                add_entry(asked, *listing, name);
+            if (of(asked).has_proc_file)
+                add_entry(asked, *listing, std::string{proc_file});
+        }
+        keep(info, std::move(listing));
+        if (fuse_reply_open(asked, info) == -ENOENT)
+            release_listing(info);
+    }
+
+    static void readdir(fuse_req_t asked, fuse_ino_t /*node*/, std::size_t size, off_t offset,
+                        fuse_file_info* info) {
+        reply_part(asked, listing_of(info), size, offset);
+    }
+
+    static void release_listing(fuse_file_info* info) {
+        const std::unique_ptr<listing_buffer> ended{&listing_of(info)};
+    }
+
+    static void releasedir(fuse_req_t asked, fuse_ino_t /*node*/, fuse_file_info* info) {
+        release_listing(info);
+        fuse_reply_err(asked, 0);
+    }
+
+    static fuse_lowlevel_ops operations() {
+        fuse_lowlevel_ops all{};
+        all.init = init;
+        all.lookup = lookup;
+        all.getattr = getattr;
+        all.setattr = setattr;
+        all.readlink = readlink;
+        all.open = open;
+        all.read = read;
+        all.write = write;
+        all.flush = flush;
+        all.release = release;
+        all.opendir = opendir;
+        all.readdir = readdir;
+        all.releasedir = releasedir;
+        return all;
+    }
+};
+
+namespace {
+
+unique_fd open_fuse_device() {
+    unique_fd device{::open("/dev/fuse", O_RDWR | O_CLOEXEC | O_NONBLOCK)};
+    if (!device)
+        throw failed_call("cannot open /dev/fuse; load the kernel's fuse module and let this user "
+                          "read and write the device");
+    return device;
+}
+
+} // namespace
+
+file_system::file_system(driver& answering, proc_view& real, bool has_proc_file)
+    : state_{new state{answering, real, has_proc_file}} {
+    const auto operations = state::operations();
+    std::string name = "tarvo-sandbox";
+    char* arguments[] = {name.data(), nullptr};
+    fuse_args args = FUSE_ARGS_INIT(1, &arguments[0]);
+    session_.reset(fuse_session_new(&args, &operations, sizeof operations, state_.get()));
+    if (!session_)
+        throw failure{"libfuse cannot be started"};
+}
+
+file_system::~file_system() {
+    std::free(buffer_.mem);
+}
+
+void file_system::mount() {
+    unique_fd device = open_fuse_device();
+    const std::string number = std::to_string(device.get());
+    const std::string options =
+        "fd=" + number + ",rootmode=40000,user_id=0,group_id=0,allow_other,default_permissions";
+    if (::mount("tarvo-sandbox", "/proc", "fuse", MS_NOSUID | MS_NODEV, options.c_str()) != 0)
+        throw failed_call("cannot mount a FUSE file system over /proc");
+    // A mount that is there already is handed over by its descriptor; the session then owns it.
+    if (fuse_session_mount(session_.get(), ("/dev/fd/" + number).c_str()) != 0)
+        throw failure{"libfuse does not take the mount over /proc"};
+    static_cast<void>(device.release());
+}
+
+void file_system::answer_one() {
+    const int length = fuse_session_receive_buf(session_.get(), &buffer_);
+    // Nothing there after all, or the caller was killed in between.
+    if (length <= 0)
+        return;
+    fuse_session_process_buf(session_.get(), &buffer_);
+}
+
+} // namespace sandbox

@@ -1,0 +1,44 @@
+#pragma once
+
+#include <fuse_lowlevel.h>
+
+#include <memory>
+#include <string>
+
+#include "driver.hpp"
+#include "proc_view.hpp"
+#include "unique_fd.hpp"
+
+namespace sandbox {
+
+// The FUSE file system that is mounted over /proc: the real entries as links, the driver's
+// /proc/tarvo, and, in no listing, the sysfs file, which is bound from here to its place.
+class file_system {
+  public:
+    // Under /proc, until it is bound to its place.
+    static constexpr std::string_view hidden_iommu_file = ".tarvo_iommu_map_region";
+
+    file_system(driver& answering, proc_view& real, bool has_proc_file);
+    ~file_system();
+    file_system(const file_system&) = delete;
+    file_system& operator=(const file_system&) = delete;
+
+    // Mounts over /proc. Throws failure.
+    void mount();
+
+    // To be polled for reading; then answer_one() answers one request.
+    int fd() const { return fuse_session_fd(session_.get()); }
+    void answer_one();
+
+  private:
+    struct session_end {
+        void operator()(fuse_session* session) const { fuse_session_destroy(session); }
+    };
+    struct state;
+
+    std::unique_ptr<state> state_;
+    std::unique_ptr<fuse_session, session_end> session_;
+    fuse_buf buffer_{};
+};
+
+} // namespace sandbox

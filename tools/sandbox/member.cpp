@@ -1,0 +1,111 @@
+#include "member.hpp"
+
+#include <fcntl.h>
+#include <signal.h>
+
+#include <sys/prctl.h>
+#include <sys/stat.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+
+#include "channel.hpp"
+#include "failure.hpp"
+#include "namespaces.hpp"
+#include "process_fd.hpp"
+#include "unique_fd.hpp"
+#include "world_mounts.hpp"
+
+namespace sandbox {
+
+namespace {
+
+constexpr const char* simulation_variable = "SIMULATION_VMID";
+
+// Entering a mount namespace moves a process to its root.
+class current_folder {
+  public:
+    current_folder() : folder_{::open(".", O_PATH | O_DIRECTORY | O_CLOEXEC)} {
+        std::error_code unnamed;
+        path_ = std::filesystem::current_path(unnamed);
+    }
+
+    // By its path, so that the command can name it; a folder that the sandbox hides stays the
+    // current one none the less.
+    void go_back() const {
+        if (::chdir(path_.c_str()) == 0 && is_here())
+            return;
+        if (::fchdir(folder_.get()) != 0)
+            throw failed_call("cannot go back to the current folder");
+    }
+
+  private:
+    bool is_here() const {
+        struct stat here {};
+        struct stat wanted {};
+        return ::stat(".", &here) == 0 && ::fstat(folder_.get(), &wanted) == 0 &&
+               here.st_dev == wanted.st_dev && here.st_ino == wanted.st_ino;
+    }
+
+    unique_fd folder_;
+    std::filesystem::path path_;
+};
+
+message ask_for_admission(int socket) {
+    const unique_fd self = own_process_fd();
+    if (!self)
+        throw failed_call("cannot name this process to the sandbox");
+    // Not sent because the other side is gone: then its last words are there to read.
+    send_message(socket, {{"request", "member"}}, {self.get()});
+    auto received = receive_message(socket);
+    if (!received)
+        throw failure{"the sandbox has ended"};
+    if (received->body.contains("error"))
+        throw failure{received->body.value("error", "")};
+    return std::move(*received);
+}
+
+void set_environment(bool simulation) {
+    if (simulation)
+        ::setenv(simulation_variable, "1", 1);
+    else
+        ::unsetenv(simulation_variable);
+}
+
+// Asked for last: entering a user namespace withdraws it.
+void end_with(pid_t parent) {
+    ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+    if (::getppid() != parent)
+        std::_Exit(exit_trouble);
+}
+
+int execute(const command_words& command) {
+    std::vector<char*> words;
+    for (const auto& word : command)
+        words.push_back(const_cast<char*>(word.c_str()));
+    words.push_back(nullptr);
+    ::execvp(words.front(), words.data());
+    const int error = errno;
+    std::fprintf(stderr, "tarvo-sandbox: %s\n",
+                 failed_call("cannot execute " + command.front()).what());
+    return error == ENOENT ? exit_not_found : exit_not_executable;
+}
+
+} // namespace
+
+int become_member(int socket, const world* built, const command_words& command, pid_t parent) {
+    const current_folder folder;
+    message admission = ask_for_admission(socket);
+    namespaces::from_message(admission).enter();
+    if (built != nullptr) {
+        build_world(*built, admission.fds.back());
+        send_message(socket, {{"request", "built"}});
+    }
+    set_environment(admission.body.value("simulation", false));
+    folder.go_back();
+    end_with(parent);
+    return execute(command);
+}
+
+} // namespace sandbox

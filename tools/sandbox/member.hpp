@@ -1,0 +1,23 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "world.hpp"
+
+namespace sandbox {
+
+// What `env` answers for a command, and this tool for its own troubles.
+constexpr int exit_trouble = 125;
+constexpr int exit_not_executable = 126;
+constexpr int exit_not_found = 127;
+
+using command_words = std::vector<std::string>;
+
+// In the process that becomes the command: asks for admission over the socket, enters the sandbox
+// and executes the command there, in the caller's folder and with its environment. The first one
+// builds the world, others (built is null) find it built. The process ends if its parent does.
+// Throws failure; comes back only with the exit status for a command that cannot be executed.
+int become_member(int socket, const world* built, const command_words& command, pid_t parent);
+
+} // namespace sandbox

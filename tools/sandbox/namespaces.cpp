@@ -1,0 +1,88 @@
+#include "namespaces.hpp"
+
+#include <fcntl.h>
+#include <sched.h>
+#include <sys/mount.h>
+
+#include <string>
+
+#include "failure.hpp"
+
+namespace sandbox {
+
+namespace {
+
+void write_proc_file(const std::string& path, const std::string& text) {
+    const unique_fd file{::open(path.c_str(), O_WRONLY | O_CLOEXEC)};
+    if (!file || ::write(file.get(), text.data(), text.size()) < 0)
+        throw failed_call("cannot write " + path);
+}
+
+// The caller sees itself as root and is nobody else: the only mapping that needs no privilege.
+void map_caller_to_root(uid_t uid, gid_t gid) {
+    write_proc_file("/proc/self/setgroups", "deny");
+    write_proc_file("/proc/self/uid_map", "0 " + std::to_string(uid) + " 1");
+    write_proc_file("/proc/self/gid_map", "0 " + std::to_string(gid) + " 1");
+}
+
+void unshare_with_user_namespace() {
+    const uid_t uid = ::geteuid();
+    const gid_t gid = ::getegid();
+    if (::unshare(CLONE_NEWUSER | CLONE_NEWNS) != 0)
+        throw failed_call("this kernel refuses user namespaces to ordinary users; run as root, or "
+                          "see kernel.unprivileged_userns_clone and user.max_user_namespaces");
+    map_caller_to_root(uid, gid);
+}
+
+unique_fd open_namespace(const char* path) {
+    unique_fd opened{::open(path, O_RDONLY | O_CLOEXEC)};
+    if (!opened)
+        throw failed_call(std::string{"cannot open "} + path);
+    return opened;
+}
+
+} // namespace
+
+namespaces namespaces::create() {
+    namespaces made;
+    if (::unshare(CLONE_NEWNS) != 0) {
+        if (errno != EPERM)
+            throw failed_call("cannot make a mount namespace");
+        unshare_with_user_namespace();
+        made.user_ = open_namespace("/proc/self/ns/user");
+    }
+    // Without this the mounts would appear outside as well.
+    if (::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0)
+        throw failed_call("cannot make the mounts private");
+    made.mount_ = open_namespace("/proc/self/ns/mnt");
+    return made;
+}
+
+namespaces namespaces::from_message(message& received) {
+    namespaces given;
+    const std::size_t count = received.body.value("user", false) ? 2 : 1;
+    if (received.fds.size() < count)
+        throw failure{"the sandbox handed over no namespaces"};
+    given.mount_ = std::move(received.fds[0]);
+    if (count == 2)
+        given.user_ = std::move(received.fds[1]);
+    return given;
+}
+
+void namespaces::enter() const {
+    // First the user namespace: it gives the right to enter the other.
+    if (user_ && ::setns(user_.get(), CLONE_NEWUSER) != 0)
+        throw failed_call(
+            "cannot enter the sandbox's user namespace; join as the user who runs it");
+    if (::setns(mount_.get(), CLONE_NEWNS) != 0)
+        throw failed_call("cannot enter the sandbox's mounts; join as the user who runs it");
+}
+
+std::vector<int> namespaces::fds() const {
+    std::vector<int> all{mount_.get()};
+    if (user_)
+        all.push_back(user_.get());
+    return all;
+}
+
+} // namespace sandbox

@@ -1,0 +1,32 @@
+#pragma once
+
+#include <vector>
+
+#include "channel.hpp"
+#include "unique_fd.hpp"
+
+namespace sandbox {
+
+// The namespaces of one sandbox, and how to get into them.
+class namespaces {
+  public:
+    // Moves this process into new ones: a mount namespace, with a user namespace where mounting
+    // needs one. Throws failure, saying what the kernel refuses.
+    static namespaces create();
+
+    // The ones that came with a message made by to_message.
+    static namespaces from_message(message& received);
+
+    // Moves this process, which must have one thread, into them. Throws failure.
+    void enter() const;
+
+    // Descriptors for send_message; the body's "user" says whether there are two.
+    std::vector<int> fds() const;
+    bool has_user() const { return static_cast<bool>(user_); }
+
+  private:
+    unique_fd mount_;
+    unique_fd user_;
+};
+
+} // namespace sandbox

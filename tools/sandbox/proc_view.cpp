@@ -1,0 +1,104 @@
+#include "proc_view.hpp"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <array>
+#include <memory>
+
+#include "failure.hpp"
+#include "text.hpp"
+
+namespace sandbox {
+
+proc_view::proc_view() : real_proc_{::open("/proc", O_RDONLY | O_DIRECTORY | O_CLOEXEC)} {
+    if (!real_proc_)
+        throw failed_call("cannot open /proc");
+}
+
+std::optional<std::uint64_t> proc_view::find(std::string_view name) {
+    const std::string terminated{name};
+    struct stat unused {};
+    if (::fstatat(real_proc_.get(), terminated.c_str(), &unused, AT_SYMLINK_NOFOLLOW) != 0)
+        return std::nullopt;
+    if (const auto pid = parse_number<std::uint32_t>(name))
+        return first_process_number + *pid;
+    auto found = std::find(other_names_.begin(), other_names_.end(), name);
+    if (found == other_names_.end())
+        found = other_names_.insert(found, terminated);
+    return first_number + static_cast<std::uint64_t>(found - other_names_.begin());
+}
+
+std::string proc_view::name_of(std::uint64_t number) const {
+    if (is_process(number))
+        return std::to_string(number - first_process_number);
+    return other_names_.at(number - first_number);
+}
+
+std::string proc_view::link_target(std::uint64_t number) const {
+    return std::string{hidden_folder} + "/" + name_of(number);
+}
+
+std::vector<std::string> proc_view::names() const {
+    std::vector<std::string> all;
+    const int folder = ::openat(real_proc_.get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    const std::unique_ptr<DIR, int (*)(DIR*)> stream{::fdopendir(folder), &::closedir};
+    if (!stream)
+        return all;
+    while (const dirent* const entry = ::readdir(stream.get())) {
+        const std::string_view name{&entry->d_name[0]};
+        if (name != "." && name != "..")
+            all.emplace_back(name);
+    }
+    return all;
+}
+
+pid_t proc_view::process_of_thread(pid_t thread) const {
+    constexpr std::string_view key = "\nTgid:\t";
+    const std::string path = std::to_string(thread) + "/status";
+    const unique_fd status{::openat(real_proc_.get(), path.c_str(), O_RDONLY | O_CLOEXEC)};
+    std::array<char, 512> text{};
+    const ssize_t length = status ? ::read(status.get(), text.data(), text.size()) : -1;
+    if (length <= 0)
+        return thread;
+    std::string_view rest{text.data(), static_cast<std::size_t>(length)};
+    const auto at = rest.find(key);
+    if (at == std::string_view::npos)
+        return thread;
+    rest.remove_prefix(at + key.size());
+    return parse_number<pid_t>(rest.substr(0, rest.find('\n'))).value_or(thread);
+}
+
+std::optional<std::string> proc_view::read_link(const std::string& name) const {
+    std::array<char, 64> target{};
+    const ssize_t length =
+        ::readlinkat(real_proc_.get(), name.c_str(), target.data(), target.size());
+    if (length < 0)
+        return std::nullopt;
+    return std::string{target.data(), static_cast<std::size_t>(length)};
+}
+
+bool proc_view::kill_others_in(const std::string& mount_namespace) const {
+    bool any = false;
+    for (const auto& name : names()) {
+        const auto pid = parse_number<pid_t>(name);
+        if (!pid || *pid == ::getpid() || read_link(name + "/ns/mnt") != mount_namespace)
+            continue;
+        any = ::kill(*pid, SIGKILL) == 0 || any;
+    }
+    return any;
+}
+
+void proc_view::kill_stragglers() const {
+    // A process that forks while the list is read escapes one round, hardly a second one.
+    constexpr int most_rounds = 20;
+    constexpr useconds_t pause_microseconds = 1000;
+    const auto own = read_link("self/ns/mnt");
+    for (int round = 0; own && round < most_rounds && kill_others_in(*own); ++round)
+        ::usleep(pause_microseconds);
+}
+
+} // namespace sandbox
