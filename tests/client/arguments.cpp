@@ -1,0 +1,136 @@
+#include "arguments.hpp"
+
+#include <cstdlib>
+#include <limits>
+#include <sstream>
+
+namespace {
+
+/// Reads words off the front of a line.
+class reader {
+  public:
+    explicit reader(std::string_view line) : _rest(line) {}
+
+    bool skip_blanks() {
+        while (!_rest.empty() && _rest.front() == ' ') {
+            _rest.remove_prefix(1);
+        }
+        return !_rest.empty();
+    }
+
+    std::optional<std::string> word() {
+        if (_rest.front() == '"') {
+            return quoted_word();
+        }
+        const std::string_view plain = _rest.substr(0, _rest.find(' '));
+        _rest.remove_prefix(plain.size());
+        if (plain == "@null") {
+            return std::nullopt;
+        }
+        return std::string(plain);
+    }
+
+  private:
+    char take() {
+        if (_rest.empty()) {
+            throw command_error("a quoted text does not end");
+        }
+        const char c = _rest.front();
+        _rest.remove_prefix(1);
+        return c;
+    }
+
+    char escaped() {
+        switch (const char c = take()) {
+        case 'n':
+            return '\n';
+        case 'x': {
+            const char digits[] = {take(), take(), '\0'};
+            return static_cast<char>(std::strtoul(digits, nullptr, 16));
+        }
+        default:
+            return c;
+        }
+    }
+
+    std::string quoted_word() {
+        take();
+        std::string text;
+        for (char c = take(); c != '"'; c = take()) {
+            text += c == '\\' ? escaped() : c;
+        }
+        return text;
+    }
+
+    std::string_view _rest;
+};
+
+} // namespace
+
+arguments::arguments(std::string_view line) {
+    reader words(line);
+    while (words.skip_blanks()) {
+        _words.push_back(words.word());
+    }
+    if (_words.empty() || !_words.front()) {
+        throw command_error("no command");
+    }
+    _name = *_words.front();
+    _words.erase(_words.begin());
+}
+
+const arguments::word& arguments::at(std::size_t i) const {
+    if (i >= _words.size()) {
+        throw command_error("an argument is missing");
+    }
+    return _words[i];
+}
+
+const char* arguments::text(std::size_t i) const {
+    const word& text = at(i);
+    return text ? text->c_str() : nullptr;
+}
+
+std::uint64_t arguments::number(std::size_t i) const {
+    const word& digits = at(i);
+    char* end = nullptr;
+    const std::uint64_t number = digits ? std::strtoull(digits->c_str(), &end, 0) : 0;
+    if (!digits || digits->empty() || *end != '\0') {
+        throw command_error("not a number: " + digits.value_or("@null"));
+    }
+    return number;
+}
+
+std::uint32_t arguments::number_32(std::size_t i) const {
+    const std::uint64_t wide = number(i);
+    if (wide > std::numeric_limits<std::uint32_t>::max()) {
+        throw command_error("more than 32 bits: " + *at(i));
+    }
+    return static_cast<std::uint32_t>(wide);
+}
+
+int arguments::number_int(std::size_t i) const {
+    return static_cast<int>(number_32(i));
+}
+
+unsigned char* arguments::address(std::size_t i) const {
+    // The whole point of such an argument is an address that another command gave out.
+    return at(i) ? reinterpret_cast<unsigned char*>(number(i)) : nullptr;
+}
+
+std::string quoted(std::string_view text) {
+    std::string quotation = "\"";
+    for (const char c : text) {
+        if (c == '"' || c == '\\') {
+            quotation += '\\';
+        }
+        quotation += c == '\n' ? std::string("\\n") : std::string(1, c);
+    }
+    return quotation + '"';
+}
+
+std::string hexadecimal(std::uint64_t number) {
+    std::ostringstream text;
+    text << "0x" << std::hex << number;
+    return text.str();
+}

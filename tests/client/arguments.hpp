@@ -1,0 +1,45 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <vector>
+
+/// A command that cannot be carried out as written. Answered with "error: ...", never ignored.
+struct command_error : std::runtime_error {
+    using std::runtime_error::runtime_error;
+};
+
+/// The words of one command line. Words are separated by blanks; "..." holds any text, with the
+/// escapes \\ \" \n and \xHH; @null stands for a null pointer.
+class arguments {
+  public:
+    explicit arguments(std::string_view line);
+
+    /// The command's name.
+    const std::string& name() const { return _name; }
+    std::size_t count() const { return _words.size(); }
+
+    /// Null for @null. Lives as long as this object.
+    const char* text(std::size_t i) const;
+    /// Decimal, hexadecimal with 0x, or octal with a leading 0.
+    std::uint64_t number(std::size_t i) const;
+    std::uint32_t number_32(std::size_t i) const;
+    int number_int(std::size_t i) const;
+    /// An address in this process, as another command's reply gave it; null for @null.
+    unsigned char* address(std::size_t i) const;
+
+  private:
+    using word = std::optional<std::string>;
+    const word& at(std::size_t i) const;
+
+    std::string _name;
+    std::vector<word> _words;
+};
+
+/// `text` in double quotes with escapes, so that it reads back as one word of one line.
+std::string quoted(std::string_view text);
+std::string hexadecimal(std::uint64_t number);

@@ -1,0 +1,156 @@
+#include "commands.hpp"
+
+#include "channel.hpp"
+#include "no_system_calls.hpp"
+#include "watch.hpp"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <dirent.h>
+#include <fcntl.h>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace {
+
+std::string done_or_error(bool done) {
+    return done ? "done" : throw command_error(std::strerror(errno));
+}
+
+std::string pid(const arguments& /*none*/) {
+    return std::to_string(getpid());
+}
+
+std::string set_variable(const arguments& a) {
+    return done_or_error(setenv(a.text(0), a.text(1), 1) == 0);
+}
+
+std::string unset_variable(const arguments& a) {
+    return done_or_error(unsetenv(a.text(0)) == 0);
+}
+
+/// The mask before, in octal. Without an argument it stays as it is.
+std::string set_umask(const arguments& a) {
+    const mode_t before = umask(a.count() == 0 ? 0 : a.number_32(0));
+    if (a.count() == 0) {
+        umask(before);
+    }
+    std::ostringstream text;
+    text << "0" << std::oct << before;
+    return text.str();
+}
+
+std::string change_folder(const arguments& a) {
+    return done_or_error(chdir(a.text(0)) == 0);
+}
+
+std::string close_descriptor(const arguments& a) {
+    return done_or_error(close(a.number_int(0)) == 0);
+}
+
+/// Leaves the process room for so many bytes more than it has mapped now.
+std::string limit_memory(const arguments& a) {
+    std::ifstream statm("/proc/self/statm");
+    rlim_t mapped_pages = 0;
+    statm >> mapped_pages;
+    const rlim_t bytes =
+        mapped_pages * static_cast<rlim_t>(sysconf(_SC_PAGESIZE)) + rlim_t{a.number(0)};
+    const rlimit limit{bytes, RLIM_INFINITY};
+    return done_or_error(setrlimit(RLIMIT_AS, &limit) == 0);
+}
+
+std::string describe_descriptor(int fd) {
+    std::array<char, 4096> target{};
+    const std::string link = "/proc/self/fd/" + std::to_string(fd);
+    if (readlink(link.c_str(), target.data(), target.size() - 1) < 0) {
+        return {};
+    }
+    const int access = fcntl(fd, F_GETFL) & O_ACCMODE;
+    const bool closed_on_exec = (fcntl(fd, F_GETFD) & FD_CLOEXEC) != 0;
+    return std::to_string(fd) + ":" + target.data() + ":" +
+           (access == O_RDWR     ? "rw"
+            : access == O_WRONLY ? "w"
+                                 : "r") +
+           (closed_on_exec ? ":cloexec" : ":kept");
+}
+
+/// NUMBER:PATH:ACCESS:FATE for every descriptor but the client's own, in ascending order.
+std::string descriptors(const arguments& /*none*/) {
+    std::vector<int> open;
+    DIR* const folder = opendir("/proc/self/fd");
+    while (const dirent* const entry = readdir(folder)) {
+        const int fd = std::atoi(entry->d_name);
+        if (entry->d_name[0] != '.' && fd != dirfd(folder) && fd != channel::command_fd &&
+            fd != channel::reply_fd) {
+            open.push_back(fd);
+        }
+    }
+    closedir(folder);
+    std::sort(open.begin(), open.end());
+    std::string list;
+    for (const int fd : open) {
+        list += (list.empty() ? "" : " ") + describe_descriptor(fd);
+    }
+    return list;
+}
+
+int error_number(const std::string& name) {
+    for (int error = 1; error < 134; error++) {
+        const char* const known = strerrorname_np(error);
+        if (known != nullptr && name == known) {
+            return error;
+        }
+    }
+    throw command_error("no errno is called " + name);
+}
+
+std::string fail(const arguments& a) {
+    watch::fail(a.text(0), error_number(a.text(1)),
+                a.count() < 3 ? 1 : static_cast<unsigned>(a.number(2)));
+    return "done";
+}
+
+std::string fail_nothing(const arguments& /*none*/) {
+    watch::fail_nothing();
+    return "done";
+}
+
+std::string calls(const arguments& /*none*/) {
+    return watch::take_records();
+}
+
+std::string pretend_page_bytes(const arguments& a) {
+    watch::pretend_page_bytes(static_cast<long>(a.number(0)));
+    return "done";
+}
+
+std::string no_system_calls(const arguments& /*none*/) {
+    return done_or_error(forbid_system_calls());
+}
+
+} // namespace
+
+commands process_commands() {
+    return {
+        {"pid", pid},
+        {"setenv NAME VALUE", set_variable},
+        {"unsetenv NAME", unset_variable},
+        {"umask [MASK]", set_umask},
+        {"chdir FOLDER", change_folder},
+        {"close FD", close_descriptor},
+        {"rlimit_as BYTES", limit_memory},
+        {"fds", descriptors},
+        {"fail CALL ERRNO [NTH]", fail},
+        {"fail_nothing", fail_nothing},
+        {"calls", calls},
+        {"pretend_page_bytes BYTES", pretend_page_bytes},
+        {"no_system_calls", no_system_calls},
+    };
+}

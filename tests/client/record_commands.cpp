@@ -1,0 +1,132 @@
+// The library's inner steps. Their records are addressed as the shared area file lays them out:
+// chunks, devices and references by element number in this process's own mapping of the file. They
+// take no lock; a test holds it around them, for instance by dump_begin and dump_end.
+
+#include "commands.hpp"
+#include "own_maps.hpp"
+
+#include "tarvo.h"
+
+#include <array>
+#include <cstring>
+
+namespace {
+
+constexpr std::size_t first_chunk_offset = 4;
+constexpr std::size_t chunk_bytes = 4280;
+constexpr std::size_t pa_offset = 60;
+constexpr std::size_t size_offset = 68;
+constexpr std::size_t first_device_offset = 70123536;
+constexpr std::size_t device_bytes = 28;
+constexpr std::size_t first_reference_offset = 172;
+constexpr std::size_t reference_bytes = 16;
+
+std::uintptr_t area() {
+    const auto mapping = mapping_of("/tarvo_lib");
+    if (!mapping) {
+        throw command_error("the library has not started in this process");
+    }
+    return mapping->start;
+}
+
+dma_chunk_t* chunk(const arguments& a, std::size_t i) {
+    return reinterpret_cast<dma_chunk_t*>(area() + first_chunk_offset + chunk_bytes * a.number(i));
+}
+
+iommu_dev_t* device(const arguments& a, std::size_t i) {
+    return reinterpret_cast<iommu_dev_t*>(area() + first_device_offset +
+                                          device_bytes * a.number(i));
+}
+
+std::uintptr_t references(const dma_chunk_t* chunk) {
+    return reinterpret_cast<std::uintptr_t>(chunk) + first_reference_offset;
+}
+
+/// A chunk record of the client's own, in no list.
+class loose_chunk {
+  public:
+    loose_chunk(std::uint64_t pa, std::uint32_t size) {
+        std::memcpy(&_bytes.at(pa_offset), &pa, sizeof pa);
+        std::memcpy(&_bytes.at(size_offset), &size, sizeof size);
+    }
+    dma_chunk_t* record() { return reinterpret_cast<dma_chunk_t*>(_bytes.data()); }
+
+  private:
+    alignas(4) std::array<unsigned char, chunk_bytes> _bytes{};
+};
+
+std::string free_size_of_two(const arguments& a) {
+    loose_chunk first(a.number(0), a.number_32(1));
+    loose_chunk second(a.number(2), 0);
+    return hexadecimal(free_size(first.record(), second.record()));
+}
+
+std::string free_size_between(const arguments& a) {
+    return hexadecimal(free_size(chunk(a, 0), chunk(a, 1)));
+}
+
+std::string get_cma(const arguments& a) {
+    return hexadecimal(get_cma_allocation(a.text(0), a.number_32(1)));
+}
+
+std::string free_cma(const arguments& a) {
+    return std::to_string(free_cma_allocation(a.text(0), a.number_32(1)));
+}
+
+std::string add_dev(const arguments& a) {
+    add_dev_to_chunk(chunk(a, 0), device(a, 1));
+    return "done";
+}
+
+std::string remove_dev(const arguments& a) {
+    dma_chunk_t* const holder = chunk(a, 0);
+    const std::uintptr_t base = references(holder);
+    auto* const doomed = reinterpret_cast<iommu_dev_ref*>(base + reference_bytes * a.number(1));
+    const iommu_dev_ref* const next = remove_dev_from_chunk(holder, doomed);
+    return next == nullptr
+               ? "null"
+               : std::to_string((reinterpret_cast<std::uintptr_t>(next) - base) / reference_bytes);
+}
+
+std::string map_unmap(const arguments& a) {
+    return std::to_string(map_unmap_chunk(a.text(0), chunk(a, 1), device(a, 2)));
+}
+
+std::string map_chunk_everywhere(const arguments& a) {
+    return std::to_string(map_chunk_all_devs(chunk(a, 0)));
+}
+
+std::string unmap_chunk_everywhere(const arguments& a) {
+    return std::to_string(unmap_chunk_all_devs(chunk(a, 0)));
+}
+
+std::string map_everything_to(const arguments& a) {
+    return std::to_string(map_chunks_to_dev(device(a, 0)));
+}
+
+std::string unmap_everything_from(const arguments& a) {
+    return std::to_string(unmap_dev_all_chunks(device(a, 0)));
+}
+
+std::string stand_in_text(const arguments& /*none*/) {
+    return quoted(*to_string_err);
+}
+
+} // namespace
+
+commands record_commands() {
+    return {
+        {"free_size_of PA SIZE NEXT_PA", free_size_of_two},
+        {"free_size CHUNK NEXT_CHUNK", free_size_between},
+        {"get_cma_allocation NAME SIZE", get_cma},
+        {"free_cma_allocation NAME SIZE", free_cma},
+        {"add_dev_to_chunk CHUNK DEVICE", add_dev},
+        {"remove_dev_from_chunk CHUNK REFERENCE", remove_dev},
+        {"map_unmap_chunk OP CHUNK DEVICE", map_unmap},
+        {"map_chunk_all_devs CHUNK", map_chunk_everywhere},
+        {"unmap_chunk_all_devs CHUNK", unmap_chunk_everywhere},
+        {"map_chunks_to_dev DEVICE", map_everything_to},
+        {"unmap_dev_all_chunks DEVICE", unmap_everything_from},
+        {"to_string_err", stand_in_text},
+    };
+}

@@ -1,0 +1,205 @@
+#include "client.hpp"
+
+#include <csignal>
+#include <fstream>
+#include <regex>
+#include <sstream>
+#include <stdexcept>
+#include <thread>
+
+namespace {
+
+/// Whether the kernel lists the process as waiting for a file lock:
+/// "NUMBER: -> FLOCK ADVISORY WRITE PID ...".
+bool waits_for_a_lock(pid_t pid) {
+    std::ifstream locks("/proc/locks");
+    for (std::string line; std::getline(locks, line);) {
+        std::istringstream fields(line);
+        std::string number;
+        std::string arrow;
+        std::string kind;
+        std::string manner;
+        std::string access;
+        pid_t owner = 0;
+        fields >> number >> arrow >> kind >> manner >> access >> owner;
+        if (arrow == "->" && owner == pid) {
+            return true;
+        }
+    }
+    return false;
+}
+
+std::string joined(std::initializer_list<std::string> words) {
+    std::string line;
+    for (const std::string& word : words) {
+        line += (line.empty() ? "" : " ") + word;
+    }
+    return line;
+}
+
+std::string number_word(std::uint64_t number) {
+    return std::to_string(number);
+}
+
+} // namespace
+
+std::string quoted(std::string_view text) {
+    std::string quotation = "\"";
+    for (const char c : text) {
+        if (c == '"' || c == '\\') {
+            quotation += '\\';
+        }
+        quotation += c == '\n' ? std::string("\\n") : std::string(1, c);
+    }
+    return quotation + '"';
+}
+
+void client::send(std::string_view command) {
+    _process.write_line(command);
+}
+
+std::string client::reply() {
+    const auto line = _process.read_line();
+    if (!line) {
+        throw std::runtime_error("the client ended by " + shown(_process.wait()) +
+                                 "; its standard error:\n" + error_text());
+    }
+    if (line->starts_with("error: ")) {
+        throw std::runtime_error("the client does not understand: " + *line);
+    }
+    return *line;
+}
+
+std::string client::call(std::string_view command) {
+    send(command);
+    return reply();
+}
+
+/// A result in decimal or hexadecimal, or null, which is 0.
+std::int64_t client::number(const std::string& command) {
+    const std::string text = call(command);
+    return text == "null"
+               ? 0
+               : static_cast<std::int64_t>(
+                     text.starts_with("-") ? std::stoll(text)
+                                           : static_cast<long long>(std::stoull(text, nullptr, 0)));
+}
+
+std::uint32_t client::alloc(std::string_view name, std::uint64_t size, std::string_view creator) {
+    return static_cast<std::uint32_t>(
+        number(joined({"alloc", quoted(name), number_word(size), quoted(creator)})));
+}
+
+int client::free(std::string_view name) {
+    return static_cast<int>(number(joined({"free", quoted(name)})));
+}
+
+std::uint64_t client::map(std::string_view name, bool writable, std::uint64_t offset,
+                          std::uint64_t size) {
+    return static_cast<std::uint64_t>(number(joined(
+        {"map", quoted(name), writable ? "1" : "0", number_word(offset), number_word(size)})));
+}
+
+int client::unmap(std::string_view name, std::uint64_t address, std::uint64_t size) {
+    return static_cast<int>(
+        number(joined({"unmap", quoted(name), number_word(address), number_word(size)})));
+}
+
+found_chunk client::find(std::uint32_t dma) {
+    const std::string text = call("find " + number_word(dma));
+    const std::size_t blank = text.rfind(' ');
+    found_chunk found{std::nullopt,
+                      static_cast<std::uint32_t>(std::stoul(text.substr(blank + 1), nullptr, 0))};
+    if (text.front() == '"') {
+        found.name = text.substr(1, blank - 2);
+    }
+    return found;
+}
+
+std::uint64_t client::to_pa(std::uint32_t dma) {
+    return static_cast<std::uint64_t>(number("to_pa " + number_word(dma)));
+}
+
+std::uint32_t client::to_dma(std::uint64_t pa) {
+    return static_cast<std::uint32_t>(number("to_dma " + number_word(pa)));
+}
+
+dma_limits client::limits() {
+    std::istringstream fields(call("limits"));
+    dma_limits limits{};
+    std::string start;
+    std::string end;
+    fields >> limits.result >> start >> end;
+    limits.start = static_cast<std::uint32_t>(std::stoul(start, nullptr, 0));
+    limits.end = static_cast<std::uint32_t>(std::stoul(end, nullptr, 0));
+    return limits;
+}
+
+int client::register_device(std::uint32_t domain, std::uint32_t bus, std::uint32_t devfn) {
+    return static_cast<int>(
+        number(joined({"register", number_word(domain), number_word(bus), number_word(devfn)})));
+}
+
+int client::unregister_device(std::uint32_t domain, std::uint32_t bus, std::uint32_t devfn) {
+    return static_cast<int>(
+        number(joined({"unregister", number_word(domain), number_word(bus), number_word(devfn)})));
+}
+
+std::vector<std::string> client::dump() {
+    std::vector<std::string> lines;
+    if (call("dump_begin") != "true") {
+        throw std::runtime_error("no listing: " + error_text());
+    }
+    for (const char* next : {"dump_next 256", "dump_next_device 256"}) {
+        for (std::string line = call(next); line != "end"; line = call(next)) {
+            lines.push_back(line.substr(1, line.size() - 2));
+        }
+    }
+    call("dump_end");
+    return lines;
+}
+
+bool client::has_replied(std::chrono::milliseconds time) {
+    return _process.has_line(time);
+}
+
+void client::wait_until_it_waits_for_a_lock() {
+    const auto last_moment = std::chrono::steady_clock::now() + patience;
+    while (!waits_for_a_lock(_pid)) {
+        if (has_replied() || std::chrono::steady_clock::now() > last_moment) {
+            throw std::runtime_error("the client does not wait for a lock");
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+}
+
+ending client::dies(std::string_view command) {
+    send(command);
+    if (const auto line = _process.read_line()) {
+        throw std::runtime_error("the client should have died, and replied: " + *line);
+    }
+    return _process.wait();
+}
+
+ending client::kill(int signal) {
+    ::kill(pid(), signal);
+    return _process.wait();
+}
+
+ending client::finish() {
+    _process.close_input();
+    return _process.wait();
+}
+
+pid_t client::pid() {
+    // Not the pid of the process: the sandbox's tool stands between.
+    if (_pid == 0) {
+        _pid = static_cast<pid_t>(number("pid"));
+    }
+    return _pid;
+}
+
+std::string without_lines(std::string_view text) {
+    static const std::regex line_number("(^|\\s)tarvo:[0-9]+(?=[ :])");
+    return std::regex_replace(std::string(text), line_number, "$1tarvo:LINE");
+}

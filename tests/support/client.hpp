@@ -1,0 +1,82 @@
+#pragma once
+
+#include "process.hpp"
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+/// `text` as one word of a command, whatever it holds.
+std::string quoted(std::string_view text);
+
+/// One line of a listing, and the record that a translation or search gave.
+struct dma_limits {
+    int result;
+    std::uint32_t start;
+    std::uint32_t end;
+
+    bool operator==(const dma_limits&) const = default;
+};
+
+struct found_chunk {
+    std::optional<std::string> name; ///< nothing where the library returned null
+    std::uint32_t dma;               ///< 0xdeadbeef where the library did not write it
+
+    bool operator==(const found_chunk&) const = default;
+};
+
+/// A program that uses the library, run by a test command by command. What goes wrong with the
+/// program itself (it ends, hangs, does not know the command) is thrown with its standard error,
+/// which fails the test.
+class client {
+  public:
+    explicit client(process running) : _process(std::move(running)) {}
+
+    /// Carries out one command of tarvo-client and returns its reply.
+    std::string call(std::string_view command);
+
+    // The calls that nearly every test makes. Addresses in the client are plain numbers here.
+    std::uint32_t alloc(std::string_view name, std::uint64_t size,
+                        std::string_view creator = "test");
+    int free(std::string_view name);
+    std::uint64_t map(std::string_view name, bool writable = true, std::uint64_t offset = 0,
+                      std::uint64_t size = 0);
+    int unmap(std::string_view name, std::uint64_t address, std::uint64_t size = 0);
+    found_chunk find(std::uint32_t dma);
+    std::uint64_t to_pa(std::uint32_t dma);
+    std::uint32_t to_dma(std::uint64_t pa);
+    dma_limits limits();
+    int register_device(std::uint32_t domain, std::uint32_t bus, std::uint32_t devfn);
+    int unregister_device(std::uint32_t domain, std::uint32_t bus, std::uint32_t devfn);
+    /// All lines of a listing from begin to end: chunks, then devices.
+    std::vector<std::string> dump();
+
+    // A call that may have to wait for another process.
+    void send(std::string_view command);
+    std::string reply();
+    bool has_replied(std::chrono::milliseconds time = std::chrono::milliseconds(0));
+    /// Returns once the program waits for a file lock.
+    void wait_until_it_waits_for_a_lock();
+
+    /// Sends a command that has to end the program, and waits for that. A reply is thrown.
+    ending dies(std::string_view command);
+    ending kill(int signal);
+    /// Ends the program as programs end, at the end of its input.
+    ending finish();
+
+    pid_t pid();
+    /// All of its standard error so far.
+    std::string error_text() const { return _process.error_text(); }
+
+  private:
+    std::int64_t number(const std::string& command);
+
+    process _process;
+    pid_t _pid = 0;
+};
+
+/// `text` with the line numbers of source "tarvo" as LINE, in assertions and trace records: those
+/// lines are free to move. Those of other sources stay.
+std::string without_lines(std::string_view text);
