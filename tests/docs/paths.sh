@@ -1,0 +1,29 @@
+#!/usr/bin/env bash
+# Every file of the project that a document names is there.
+set -euo pipefail
+
+rooms='src|include|tools|tests|examples|scripts|docs|man|cmake|\.ci'
+missing=0
+
+complain() {
+    echo "$1 names $2, which is not there"
+    missing=1
+}
+
+named=0
+for document in README.md CONTRIBUTING.md CHANGELOG.md docs/*.md; do
+    # Between backticks, from the top of the project on.
+    while read -r path; do
+        named=$((named + 1))
+        [[ -e $path ]] || complain "$document" "$path"
+    done < <(grep -oE "\`($rooms)/[A-Za-z0-9_./-]*" "$document" | tr -d '`')
+    # Links, from the document on.
+    while read -r path; do
+        named=$((named + 1))
+        [[ -e $(dirname "$document")/$path ]] || complain "$document" "$path"
+    done < <(grep -oE '\]\([^):]*\)' "$document" | sed -e 's/^](//' -e 's/)$//')
+done
+
+# A pattern that finds nothing would find nothing wrong either.
+((named > 50)) || { echo "only $named paths found"; missing=1; }
+exit "$missing"

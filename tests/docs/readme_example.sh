@@ -1,0 +1,43 @@
+#!/usr/bin/env bash
+# README's example, as printed: the program is compiled and run by the printed commands and prints
+# what is printed there.
+#
+# usage: readme_example.sh BUILD_DIRECTORY COMPILER [FLAG...], in the source directory
+set -euo pipefail
+source_dir=$PWD
+build_dir=$1
+compiler=("${@:2}")
+
+if ! refusal=$("$build_dir/tarvo-sandbox" -- true 2>&1); then
+    echo "SKIPPED: no sandbox on this machine: $refusal"
+    exit 77
+fi
+
+# block LANGUAGE: what stands between ```LANGUAGE and ```.
+block() {
+    sed -n "/^\`\`\`$1\$/,/^\`\`\`\$/{/^\`\`\`/!p}" "$source_dir/README.md"
+}
+
+cc() {
+    command "${compiler[@]}" "$@"
+}
+
+# Every command of the session with what it prints.
+replay() {
+    local line
+    while IFS= read -r line; do
+        echo "$line"
+        eval "${line#$ }" </dev/null
+    done < <(block console | grep '^\$ ')
+}
+
+place=$(mktemp -d)
+trap 'rm -rf "$place"' EXIT
+cd "$place"
+ln -s "$source_dir/include" include
+ln -s "$build_dir" build
+block c >rx_ring.c
+
+[[ -s rx_ring.c && -n $(block console) ]] || { echo "README has no example"; exit 1; }
+replay >printed 2>&1 || { cat printed; exit 1; }
+diff <(block console) printed
