@@ -10,27 +10,33 @@
  * Conventions and caveats that hold for every call:
  *
  *  1. Units. Sizes and offsets are bytes. A chunk's size is rounded up to whole pages. Records and
- *     the arithmetic on sizes are 32-bit in every build: a size within one page of 4 GiB, or above,
- *     is not served.
- *  2. Addresses. A physical address (`pa`, 64-bit) is where memory lies on the bus of the
- * processor; a DMA address (`dma`, 32-bit) is where a device sees it. They are equal for a region
- * that lies, and ends, below 4 GiB. Any other region is seen from DMA address 0x20000000 on. Only
+ *     the arithmetic on sizes are 32-bit in every build: a size of 4 GiB and more is taken modulo
+ *     4 GiB, and chunks of 2 GiB and more cannot be mapped for devices.
+ *  2. Addresses. A physical address (`pa`, 64-bit) is where memory lies for the processor; a DMA
+ *     address (`dma`, 32-bit) is where a device sees it. They are equal for a region that lies, and
+ *     ends, below 4 GiB. Any other region is seen from DMA address 0x20000000 on. Only
  *     tarvo_dma_to_pa() and tarvo_pa_to_dma() convert. Neither is a pointer: map the chunk.
- *  3. Start-up. The first call in a process finds the region and maps the bookkeeping file. Where
- * it cannot, it says why on standard error, adds "tarvo: failed to initialize library", and the
- *     call returns its failure value; the next call tries again. Simulation is selected by the
- *     environment variable SIMULATION_VMID (its presence, not its value), or by the file
- *     /var/tmp/tarvo being there. There is no shut-down.
+ *  3. Start-up. The first call in a process finds the region and maps the bookkeeping file, for
+ *     which it takes the lock, whatever is said of the call itself. Where it cannot, it says why on
+ *     standard error, adds "tarvo: failed to initialize library", and the call returns its failure
+ *     value; the next call tries again. A kernel driver that describes an impossible region ends
+ *     the process ("start && (end > start)"). Simulation is selected by the environment variable
+ *     SIMULATION_VMID (its presence, not its value), or by the file /var/tmp/tarvo being there.
+ *     There is no shut-down. When the bookkeeping file cannot be given its size, descriptor 0 of
+ *     the program is closed, too.
  *  4. The lock. Processes are kept apart by one flock() on a lock file. Calls marked "takes the
- * lock" wait for it without limit, and a process that is stopped in the middle of a call, or
- * between tarvo_dump_begin() and tarvo_dump_end(), makes all others wait. An interrupted wait fails
- * with "tarvo: failed to accquire lock: Interrupted system call"; it is not repeated. A lock that
- *     cannot be released ends the process (SIGABRT).
+ *     lock" wait for it without limit, and a process that is stopped in the middle of a call, or
+ *     between tarvo_dump_begin() and tarvo_dump_end(), makes all others wait. A wait that a signal
+ *     interrupts (a handler without SA_RESTART) fails with "tarvo: failed to accquire lock:
+ *     Interrupted system call"; it is not repeated. A lock that cannot be released ends the process
+ *     (SIGABRT).
  *  5. What ends the process. Wrong use, and records that are damaged, end the process with an
  *     assertion message on standard error and SIGABRT; each call lists its own. In addition every
  *     call that reads the lists ends it where a link is out of range ("idx >= 0 && idx < MAX") or
- * an element is not in use ("cur->allocated"). Whatever such a process had half changed stays; its
- *     lock goes with it.
+ *     an element is in the wrong state ("cur->allocated", "!chunk->allocated",
+ *     "cur->allocated && new_elem->allocated", "_head != -1 && _tail != -1"), and every call that
+ *     sends a request for a chunk of 2 GiB and more ("end_dma - start_dma == end_pa - start_pa").
+ *     Whatever such a process had half changed stays; its lock goes with it.
  *  6. Threads. The lock keeps processes apart, not threads: a program must not be in the library
  *     with two threads at once. A child after fork() shares its parent's lock and must not use the
  *     library while its parent does; after exec it starts afresh.
@@ -39,12 +45,13 @@
  *     with and without the variable share the region and NOT the lock: give it to all or to none.
  *  8. One name, two owners. A chunk belongs to no process: one tarvo_free() frees it for everybody,
  *     mapped or not, and mappings of a freed chunk go on showing memory that may by then be another
- *     chunk's. A process that allocates a name while another frees it can be ended by
- *     tarvo_pa_to_dma()'s assertion, because the address is read after the lock is released. Agree
- *     on who frees.
+ *     chunk's. A process that allocates a name while another frees it can be ended by that, because
+ *     new memory is zeroed, and its address read, after the lock is released
+ *     ("pa >= dma_chunk_head->pa && pa <= dma_chunk_tail->pa", or "tarvo_alloc: mmap failed!" and
+ *     "cur->allocated"). Agree on who frees.
  *  9. Messages go to standard error and are meant for people; errno after a call means nothing.
- *     ZUL_TRACE=tarvo=5 in the environment adds trace records there (3: failures, 5: progress,
- *     6: each address translation).
+ *     ZUL_TRACE=tarvo=5 in the environment, read once, adds trace records there (3: failures, 5:
+ *     progress and the failures of tarvo_map(), 6: each address translation).
  * 10. 0 is no valid DMA address of a chunk: it always means failure.
  */
 
@@ -68,7 +75,7 @@ extern "C" {
  * Gets the chunk called `name`: the one that exists, or a new one whose memory is zero.
  *
  * A chunk of that name whose size, in whole pages, is the one asked for is shared: nothing is
- * allocated, zeroed or mapped, and `creator` is not looked at. If the lowest chunk of that name has
+ * allocated, zeroed or mapped, and `creator` is not stored. If the lowest chunk of that name has
  * another size, "tarvo: find_chunk_desc() size mismatch, see tarvo" and an empty line go to
  * standard error and a second chunk of the same name is made; every call by name goes on finding
  * the lower one. A new chunk takes the lowest gap that is large enough, or the place the kernel
@@ -76,20 +83,23 @@ extern "C" {
  * online.
  *
  * @param name     1 to 49 bytes, compared exactly; not null.
- * @param size     bytes, 1 to 0xfffff000 with 4 KiB pages; rounded up to whole pages.
+ * @param size     bytes, 1 to 0xfffff000 with 4 KiB pages; rounded up to whole pages. Above that
+ *                 it wraps: a size that rounds to 0 ends the process when its memory is zeroed.
  * @param creator  who allocates, for people; not empty, not null. Of 100 bytes and more, the first
  *                 47 and the last 47 are kept with " ... " between them.
  * @return the chunk's DMA address; 0 when the library cannot start, the lock cannot be taken, no
- *         record (16382 chunks exist) or no space is left, or the record found is damaged
- *         ("tarvo: chunk_desc_check() - DMA memory corrupted: ..." on standard error; that chunk is
- *         then taken off the list). Being out of space or records is only traced.
+ *         record (16382 chunks exist) or no space is left, or the record, found or new, does not
+ *         lie in the region ("tarvo: chunk_desc_check() - DMA memory corrupted: ..." on standard
+ *         error; that chunk is then taken off the list). Being out of space or records is only
+ *         traced; in a "CMA" region a driver that does not answer is reported as
+ *         get_cma_allocation() says.
  *
  * Ends the process when the name's length is not 1 to 49 ("len_name > 0 && (len_name < 50)"), the
  * creator is empty ("len_agent_name > 0") or the size is 0 ("size"); when a device refuses the
  * mapping with anything but ENODEV, EUNATCH or ENOSYS ("cur->allocated", after "Error IOMMU mapping
- * chunk ..."; with the first-registered device online "pa >= dma_chunk_head->pa && pa <=
- * dma_chunk_tail->pa"); and likewise when the new memory cannot be mapped to be zeroed
- * ("tarvo_alloc: mmap failed!"). The chunk is then no longer listed.
+ * chunk ..."; "pa >= dma_chunk_head->pa && pa <= dma_chunk_tail->pa" while the first device record
+ * is in use and online); and likewise when the new memory cannot be mapped to be zeroed
+ * ("tarvo_alloc: mmap failed!"). The chunk is then no longer listed. A null text faults.
  *
  * Takes the lock; zeroes the memory after releasing it. Other processes can find the chunk before
  * it is zeroed.
@@ -100,13 +110,14 @@ TARVO_API uint32_t tarvo_alloc_func(const char* name, size_t size, const char* c
  * Frees the lowest chunk called `name`, for all processes. Its memory is not touched and stays
  * visible through mappings that exist.
  *
- * @param name  not empty, not null. "__HEAD" is not found; "__TAIL" is found and ends the process
- *              ("cur->allocated").
+ * @param name  not empty; null faults. "__HEAD" is not found. "__TAIL" is found and ends the
+ *              process ("cur->allocated"), after a "CMA" region's driver, and the device with the
+ *              first record if it is online, were asked to give it up.
  * @return 0; -1 when the library cannot start, the lock cannot be taken, no chunk has the name
  *         (nothing is printed), the kernel driver does not release the memory of a "CMA" region
  *         ("Error opening /proc/tarvo: ..." or "Error freeing CMA ..."; nothing is changed then),
- * or a device refuses to unmap it ("Error IOMMU unmapping chunk ..."; the chunk then stays listed,
- * mapped for no device on record, and CMA memory is released all the same).
+ *         or a device refuses to unmap it ("Error IOMMU unmapping chunk ..."; the chunk then stays
+ *         listed, mapped for no device on record, and CMA memory is released all the same).
  *
  * Ends the process when the name is empty ("len"). Takes the lock.
  */
@@ -121,9 +132,10 @@ TARVO_API int tarvo_free(const char* name);
  * @param size      bytes; 0: from `offset` to the chunk's end.
  * @return the mapping's address; it is the caller's until tarvo_unmap() and outlives the chunk.
  *         Null when the library cannot start, the lock cannot be taken, no chunk has the name, the
- *         window does not lie in the chunk (" offset ... > chunk->size ... or offset + size ... is
- * " on standard error), or the system refuses the mapping, as it does a window of no bytes or an
- * offset within a page. Names not found and refused mappings are only traced.
+ *         window does not lie in the chunk (" offset ... > chunk->size ... or offset + size ... is"
+ *         on standard error), or the system refuses the mapping, as it does a window of no bytes
+ *         or an offset within a page. Names not found and refused mappings are only traced. The
+ *         window's end is computed in 32 bits: from 4 GiB on it wraps and is not caught.
  *
  * Ends the process when `name` is null ("name") or empty ("strlen(name)"), and when the chunk's
  * record is damaged ("0", after the report that tarvo_alloc_func() describes). Takes the lock.
@@ -215,8 +227,9 @@ TARVO_API void tarvo_unmap_all(void);
 /* ---- Listing --------------------------------------------------------------------------------- */
 
 /**
- * Opens a listing of the chunks and devices. The lock is held from here to tarvo_dump_end(), so
- * that the listing is one consistent picture; every other process waits meanwhile.
+ * Opens a listing of the chunks and devices. Takes the lock and holds it to tarvo_dump_end(), so
+ * that the listing is one consistent picture; every other process waits meanwhile. Any other call
+ * of this process that takes the lock also releases it, and so ends the consistency.
  *
  * @return true when the lock is held; false when the library cannot start or the lock cannot be
  *         taken, and then there is nothing to end.
@@ -252,20 +265,22 @@ TARVO_API int tarvo_dump_end(void);
 /*
  * A PCI device is named by its domain (segment), bus and devfn (slot * 8 + function), compared
  * exactly as given and not limited. A registered device sees every chunk at its DMA address: each
- * chunk is mapped by a line written to /sys/kernel/tarvo_iommu_map_region. The answers ENODEV and
- * EUNATCH say that the device is gone: it goes offline, which is no error, and is asked for nothing
- * until it is registered again. ENOSYS says that there is no IOMMU and counts as success. Any other
- * failure is reported on standard error: "tarvo: failed to iommu ...", "map_unmap_chunk: ...", and
- * what the call itself adds.
+ * chunk is mapped by a line written to /sys/kernel/tarvo_iommu_map_region. A refused request is
+ * reported on standard error by "tarvo: failed to iommu ..." and "map_unmap_chunk: ...", whatever
+ * the reason, and by what the call itself adds. ENODEV and EUNATCH say that the device is gone: it
+ * goes offline, which is no error of the call, and no chunk made later is mapped for it until it is
+ * registered again. ENOSYS says that there is no IOMMU: success, and nothing is printed.
  */
 
 /**
  * Registers a device, or revives one that is registered, and maps every chunk for it, also those
- * that are mapped for it already.
+ * that are mapped for it already. If it goes offline on the way it is asked for the rest all the
+ * same.
  *
  * @return 0; -1 when the library cannot start, the lock cannot be taken, or a chunk could not be
  *         mapped ("Error IOMMU mapping chunk ..." and "tarvo: tarvo_register_device: failed to map
- *         chunk"). The device is then registered all the same, and unmapped from the chunks again.
+ *         chunk"). The device is then registered all the same, and unmapped again from the chunks
+ *         as far as it is online and accepts that.
  *
  * A 257th device ends the process by a memory fault (SIGSEGV). Takes the lock, also while it writes
  * the requests. The registration outlives the process.
@@ -291,7 +306,9 @@ TARVO_API int tarvo_unregister_device(uint32_t domain, uint32_t bus, uint32_t de
  * @return 0, or a negative value when the request failed.
  *
  * Ends the process when the library cannot start ("tarvo_get_limits(&start_dma, &end_dma) == 0"),
- * and for a region of 2 GiB and more ("end_dma - start_dma == end_pa - start_pa"). Takes no lock.
+ * for a region of 2 GiB and more ("end_dma - start_dma == end_pa - start_pa"), and for one whose
+ * DMA addresses do not end below 4 GiB ("res >= dma_chunk_head->pa && res <= dma_chunk_tail->pa").
+ * Takes no lock; sent whether the device is registered, and online, or not.
  */
 TARVO_API int tarvo_iommu_map(uint32_t domain, uint32_t bus, uint32_t devfn, uint32_t prot);
 
@@ -352,7 +369,8 @@ TARVO_API iommu_dev_ref* remove_dev_from_chunk(dma_chunk_t* chunk, iommu_dev_ref
 
 /**
  * Sends one request, `op` "map" or "unmap". Returns 0, or a negative value after a failure that
- * standard error was told; errno is then the reason.
+ * standard error was told; errno is then what the request and its report left, in most cases the
+ * kernel driver's answer.
  */
 TARVO_API int map_unmap_chunk(const char* op, dma_chunk_t* chunk, iommu_dev_t* dev);
 
@@ -362,7 +380,10 @@ TARVO_API int map_chunk_all_devs(dma_chunk_t* chunk);
 /** Unmaps a chunk from its devices and strikes all of them off; -1 when one refused. */
 TARVO_API int unmap_chunk_all_devs(dma_chunk_t* chunk);
 
-/** Maps every chunk for a device. -1 when a request was refused: all are then unmapped again. */
+/**
+ * Maps every chunk for a device. -1 when a request was refused: unmap_dev_all_chunks() was then
+ * called.
+ */
 TARVO_API int map_chunks_to_dev(iommu_dev_t* dev);
 
 /** Unmaps a device from every chunk, striking off what was accepted; -1 when one was refused. */

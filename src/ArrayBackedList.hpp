@@ -7,8 +7,7 @@
 #include <cstring>
 #include <type_traits>
 
-/// The source name and the lines in this class's assertion messages never change (see
-/// TARVO_ASSERT_AT).
+/// The source name and the lines in this class's assertion messages never change.
 #define LIST_ASSERT(condition, text, line)                                                         \
     TARVO_ASSERT_AT(condition, text, "./ArrayBackedList.hpp", line, __PRETTY_FUNCTION__)
 
@@ -104,7 +103,7 @@ struct ArrayBackedList {
         _tail = index(e);
     }
 
-    /// Unlinks `cur`, which keeps its links and its flag; free() is what comes next.
+    /// Unlinks `cur`, which keeps its links and its flag until it is freed.
     void remove(T* cur) {
         LIST_ASSERT(cur->allocated, "cur->allocated", 100);
         if (is_head(cur)) {
@@ -137,6 +136,12 @@ struct ArrayBackedList {
         _free = index(cur);
     }
 
+    /// Unlinks `cur` and frees it.
+    void erase(T* cur) {
+        remove(cur);
+        free(cur);
+    }
+
     /// The usual walk, from the head along next(), as a range-for. The element in hand must still
     /// be on the list when the walk moves on.
     class iterator {
@@ -156,7 +161,6 @@ struct ArrayBackedList {
 
     iterator begin() { return iterator(this, arr_elem(_head)); }
     iterator end() { return iterator(this, nullptr); }
-    bool empty() const { return _head == none; }
 
   private:
     bool is_head(T* cur) { return cur == arr_elem(_head); }

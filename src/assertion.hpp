@@ -5,9 +5,9 @@
 #include <cassert>
 
 /// Ends the process with the C library's own assertion failure, in every kind of build, unless
-/// `condition` holds. What the message shows is given, not taken from the code: operators compare
-/// these messages between builds, so expression, source name, line and signature must not move
-/// when the code around them does.
+/// `condition` holds. What the message shows is given, not taken from the code, because messages
+/// are compared between builds: the expression and the source name never move, nor do line and
+/// signature where they are given here.
 #define TARVO_ASSERT_AT(condition, text, source, line, signature)                                  \
     (static_cast<bool>(condition) ? void(0) : ::__assert_fail(text, source, line, signature))
 

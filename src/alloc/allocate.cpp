@@ -1,5 +1,6 @@
 #include "alloc/place.hpp"
 #include "assertion.hpp"
+#include "shared/argument.hpp"
 #include "shared/check.hpp"
 #include "shared/chunk_walk.hpp"
 #include "shared/init.hpp"
@@ -9,7 +10,6 @@
 
 #include <cstdio>
 #include <cstring>
-#include <optional>
 #include <sys/mman.h>
 
 namespace {
@@ -32,6 +32,11 @@ dma_chunk_t* find_chunk_desc(const char* name, uint32_t size) {
     TARVO_TRACE(trace_failure, "find_chunk_desc", "tarvo: %s() %s", "find_chunk_desc", complaint);
     fprintf(stderr, "tarvo: %s() %s\n", "find_chunk_desc", complaint);
     return nullptr;
+}
+
+/// Free elements are zero, so the size tells them from chunks that were found.
+bool is_free_element(const dma_chunk_t& chunk) {
+    return chunk.size == 0;
 }
 
 /// The chunk to share or else a free element; null when all are in use.
@@ -65,39 +70,31 @@ void release_cma(const char* name, uint32_t size) {
     }
 }
 
-/// Puts an element that is on the list back on the free chain.
-void discard(dma_chunk_t* chunk) {
-    dma_chunks->remove(chunk);
-    dma_chunks->free(chunk);
-}
-
-/// As discard(), for a chunk that devices may have been mapped to. Unmapping comes when the record
+/// Takes a chunk that devices may have been mapped to off the list. Unmapping comes when the record
 /// is already zero, and so ends the process in an assertion with the lock still held. This order
 /// stays: whoever allocates on a machine whose IOMMU or memory device refuses is stopped there,
 /// instead of going on with a region that is half mapped.
 void discard_mapped(dma_chunk_t* chunk) {
-    discard(chunk);
+    dma_chunks->erase(chunk);
     unmap_chunk_all_devs(chunk);
 }
 
-/// Finds the new chunk's place; nothing when there is none. The driver is told to release what it
-/// did not give, too.
-std::optional<place> find_place(const char* name, uint32_t size) {
+/// Finds the new chunk's place; it has no predecessor when there is no room.
+place find_place(const char* name, uint32_t size) {
     place found = {};
     if (is_cma) {
         const uint64_t pa = get_cma_allocation(name, size);
         if (pa == 0) {
             TARVO_TRACE_AT(trace_failure, __LINE__, function, "Unable to allocate CMA memory\n");
-            return std::nullopt;
+            return {};
         }
-        // The driver's failure value is an address that lies nowhere.
+        // All bits set, which stands for a failure, is an address that lies nowhere.
         found = place_of(pa);
     } else {
         found = first_fit(size);
     }
     if (found.predecessor == nullptr) {
         TARVO_TRACE(trace_failure, function, "%s: ran out of tarvo space", function);
-        return std::nullopt;
     }
     return found;
 }
@@ -106,16 +103,17 @@ std::optional<place> find_place(const char* name, uint32_t size) {
 bool enter_chunk(dma_chunk_t* chunk, const char* name, uint32_t size, const char* creator) {
     store_creator(chunk, creator);
     memcpy(chunk->name, name, strlen(name) + 1);
-    const std::optional<place> place = find_place(name, size);
-    if (!place) {
+    const place found = find_place(name, size);
+    if (found.predecessor == nullptr) {
+        // The driver is told to release the memory even when it gave none.
         dma_chunks->free(chunk);
         release_cma(name, size);
         return false;
     }
-    chunk->pa = place->pa;
+    chunk->pa = found.pa;
     chunk->devs.init();
     chunk->size = size;
-    dma_chunks->insert_after(place->predecessor, chunk);
+    dma_chunks->insert_after(found.predecessor, chunk);
     return true;
 }
 
@@ -125,7 +123,7 @@ bool keep_if_sound(dma_chunk_t* chunk, const char* name, uint32_t size) {
     if (chunk_desc_check(chunk) == 0) {
         return true;
     }
-    discard(chunk);
+    dma_chunks->erase(chunk);
     release_cma(name, size);
     return false;
 }
@@ -142,15 +140,17 @@ bool map_for_devices(dma_chunk_t* chunk, const char* name, uint32_t size) {
     return false;
 }
 
-/// Zeroes the chunk's memory through a mapping of its own.
+/// Zeroes the chunk's memory through a mapping of its own. The record is read once: it is not
+/// locked, and must not change between mapping and filling.
 bool zero_memory(const dma_chunk_t* chunk) {
-    void* memory = mmap64(nullptr, chunk->size, PROT_READ | PROT_WRITE, MAP_SHARED, mem_fd,
+    const uint32_t bytes = chunk->size;
+    void* memory = mmap64(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_SHARED, mem_fd,
                           static_cast<off64_t>(chunk->pa));
     if (memory == MAP_FAILED) {
         return false;
     }
-    memset(memory, 0, chunk->size);
-    munmap(memory, chunk->size);
+    memset(memory, 0, bytes);
+    munmap(memory, bytes);
     return true;
 }
 
@@ -184,9 +184,9 @@ uint32_t tarvo_alloc_func(const char* name, size_t size, const char* creator) {
         fprintf(stderr, "tarvo: %s\n", complaint);
         return 0;
     }
-    const size_t len_name = strlen(name);
-    const size_t len_agent_name = strlen(creator);
+    const size_t len_name = length_of_argument(name);
     TARVO_ASSERT(len_name > 0 && (len_name < name_bytes), "len_name > 0 && (len_name < 50)");
+    const size_t len_agent_name = length_of_argument(creator);
     TARVO_ASSERT(len_agent_name > 0, "len_agent_name > 0");
     TARVO_ASSERT(size, "size");
 
@@ -197,10 +197,11 @@ uint32_t tarvo_alloc_func(const char* name, size_t size, const char* creator) {
     }
     const uint32_t rounded = round_to_pages(static_cast<uint32_t>(size));
     dma_chunk_t* chunk = find_or_take(name, rounded);
-    // A free element is zero, so its size tells it from a chunk that was found.
-    const bool usable =
-        chunk != nullptr && (chunk->size != 0 ? keep_if_sound(chunk, name, rounded)
-                                              : create_chunk(chunk, name, rounded, creator, lock));
+    if (chunk == nullptr) {
+        return 0;
+    }
+    const bool usable = is_free_element(*chunk) ? create_chunk(chunk, name, rounded, creator, lock)
+                                                : keep_if_sound(chunk, name, rounded);
     if (!usable) {
         return 0;
     }

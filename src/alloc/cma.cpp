@@ -1,6 +1,7 @@
 #include "shared/paths.hpp"
 #include "tarvo.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -31,7 +32,8 @@ bool request_allocation(const char* name, uint32_t size) {
     }
     char command[driver_line_bytes];
     const int length = snprintf(command, sizeof command, "a %s %zx\n", name, size_t{size});
-    const ssize_t written = write(fileno(driver), command, static_cast<size_t>(length));
+    const size_t bytes = std::min(static_cast<size_t>(length), sizeof command - 1);
+    const ssize_t written = write(fileno(driver), command, bytes);
     const bool refused = written == -1 && errno != EEXIST;
     if (refused) {
         fprintf(stderr, "Error allocating CMA: %s\n", strerror(errno));

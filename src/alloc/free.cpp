@@ -1,17 +1,16 @@
 #include "assertion.hpp"
+#include "shared/argument.hpp"
 #include "shared/chunk_walk.hpp"
 #include "shared/init.hpp"
 #include "shared/lock.hpp"
 #include "shared/trace.hpp"
 #include "tarvo.h"
 
-#include <cstring>
-
 // Free space has no record: it is the gap between neighbours, so taking a chunk off the list is all
 // that it takes to join its space to the gaps on both sides.
 
 int tarvo_free(const char* name) {
-    const size_t len = strlen(name);
+    const size_t len = length_of_argument(name);
     TARVO_ASSERT(len, "len");
     if (!library_is_ready()) {
         return -1;
@@ -32,7 +31,6 @@ int tarvo_free(const char* name) {
     if (unmap_chunk_all_devs(chunk) != 0) {
         return -1;
     }
-    dma_chunks->remove(chunk);
-    dma_chunks->free(chunk);
+    dma_chunks->erase(chunk);
     return 0;
 }

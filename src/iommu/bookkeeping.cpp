@@ -15,7 +15,7 @@
 //
 // The two ways of unmapping differ on purpose. A chunk is unmapped because it is about to go: its
 // `devs` ends up empty, whatever the driver said. A device is unmapped to be forgotten: only what
-// the driver accepted is struck off, the rest still stands in the IOMMU and stays on record.
+// the driver accepted is struck off, the rest may still stand in the IOMMU and stays on record.
 
 namespace {
 
@@ -29,8 +29,8 @@ enum class outcome {
 };
 
 /// A chunk as its requests name it, translated end first. The end is the last byte, and the
-/// request line carries one less still: drivers expect exactly that of a chunk, unlike of the
-/// whole region.
+/// request line carries one less still: kernel and library have always agreed on that for a chunk,
+/// unlike for the whole region.
 struct chunk_range {
     uint64_t start_pa;
     uint64_t end_pa;
@@ -50,19 +50,20 @@ std::shared_ptr<std::string> range_text(const chunk_range& range) {
     return adopt_text(length, text);
 }
 
-/// Leaves errno to the caller, who tells refusals apart by it.
 void report_failed_request(const char* op, const iommu_dev_t& dev, int result,
                            const chunk_range& range) {
+    static constexpr char format[] = "%s: %s on dev %s failed: %d, %s\n";
+    constexpr const char* function = "map_unmap_chunk";
     const std::shared_ptr<std::string> device = device_name(dev);
     const std::shared_ptr<std::string> where = range_text(range);
-    const Zul::String report = Zul::format("%s: %s on dev %s failed: %d, %s\n", "map_unmap_chunk",
-                                           op, device->c_str(), result, where->c_str());
-    TARVO_TRACE_AT(trace_failure, 561, "map_unmap_chunk", report);
-    fprintf(stderr, "%s", report.text().c_str());
+    TARVO_TRACE_AT(trace_failure, 561, function,
+                   Zul::format(format, function, op, device->c_str(), result, where->c_str()));
+    fprintf(stderr, format, function, op, device->c_str(), result, where->c_str());
 }
 
-/// Sends one request for one chunk and judges the answer. After `refused`, errno is the reason.
-outcome request(const char* op, dma_chunk_t* chunk, iommu_dev_t* dev) {
+/// Sends one request for one chunk and judges the answer by errno as it stands then. Writing a
+/// report can have changed it: nothing restores it, and the messages show what is judged by.
+outcome send_for_chunk(const char* op, dma_chunk_t* chunk, iommu_dev_t* dev) {
     if (map_unmap_chunk(op, chunk, dev) == 0) {
         return outcome::accepted;
     }
@@ -73,7 +74,7 @@ outcome request(const char* op, dma_chunk_t* chunk, iommu_dev_t* dev) {
     return outcome::refused;
 }
 
-void report_unmapped_chunk(const char* doing) {
+void report_refusal(const char* doing) {
     fprintf(stderr, "Error IOMMU %s chunk %s\n", doing, strerror(errno));
 }
 
@@ -115,8 +116,7 @@ void add_dev_to_chunk(dma_chunk_t* chunk, iommu_dev_t* dev) {
 
 iommu_dev_ref* remove_dev_from_chunk(dma_chunk_t* chunk, iommu_dev_ref* ref) {
     iommu_dev_ref* following = chunk->devs.next(ref);
-    chunk->devs.remove(ref);
-    chunk->devs.free(ref);
+    chunk->devs.erase(ref);
     return following;
 }
 
@@ -125,11 +125,11 @@ int map_chunk_all_devs(dma_chunk_t* chunk) {
         if (!dev.online) {
             continue;
         }
-        const outcome answer = request("map", chunk, &dev);
+        const outcome answer = send_for_chunk("map", chunk, &dev);
         if (answer == outcome::accepted) {
             add_dev_to_chunk(chunk, &dev);
         } else if (answer == outcome::refused) {
-            report_unmapped_chunk("mapping");
+            report_refusal("mapping");
             unmap_chunk_all_devs(chunk);
             return -1;
         }
@@ -142,8 +142,8 @@ int unmap_chunk_all_devs(dma_chunk_t* chunk) {
     iommu_dev_ref* ref = chunk->devs.arr_elem(chunk->devs._head);
     while (ref != nullptr) {
         iommu_dev_t* dev = shm_base->devices.arr_elem(ref->dev);
-        if (dev->online && request("unmap", chunk, dev) == outcome::refused) {
-            report_unmapped_chunk("unmapping");
+        if (dev->online && send_for_chunk("unmap", chunk, dev) == outcome::refused) {
+            report_refusal("unmapping");
             result = -1;
         }
         ref = remove_dev_from_chunk(chunk, ref);
@@ -154,11 +154,11 @@ int unmap_chunk_all_devs(dma_chunk_t* chunk) {
 int map_chunks_to_dev(iommu_dev_t* dev) {
     for (dma_chunk_t& chunk : chunks_between_sentinels()) {
         // A device that goes offline on the way is still asked for every later chunk.
-        const outcome answer = request("map", &chunk, dev);
+        const outcome answer = send_for_chunk("map", &chunk, dev);
         if (answer == outcome::accepted) {
             add_dev_to_chunk(&chunk, dev);
         } else if (answer == outcome::refused) {
-            report_unmapped_chunk("mapping");
+            report_refusal("mapping");
             unmap_dev_all_chunks(dev);
             return -1;
         }
@@ -174,7 +174,7 @@ int unmap_dev_all_chunks(iommu_dev_t* dev) {
         if (ref == nullptr || !dev->online) {
             continue;
         }
-        const outcome answer = request("unmap", &chunk, dev);
+        const outcome answer = send_for_chunk("unmap", &chunk, dev);
         if (answer == outcome::accepted) {
             remove_dev_from_chunk(&chunk, ref);
         } else if (answer == outcome::refused) {

@@ -76,7 +76,6 @@ int tarvo_unregister_device(uint32_t domain, uint32_t bus, uint32_t devfn) {
     }
     // References that the unmapping left in place now name a free slot, and the next device to
     // take that slot inherits them.
-    shm_base->devices.remove(dev);
-    shm_base->devices.free(dev);
+    shm_base->devices.erase(dev);
     return 0;
 }

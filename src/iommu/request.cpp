@@ -19,7 +19,7 @@ bool same_length(const iommu_mapping_t& range) {
 }
 
 /// One request, in the types that its line and its failure message print.
-struct request {
+struct request_line {
     const char* op;
     int domain;
     int bus;
@@ -32,9 +32,10 @@ struct request {
 
 /// Writes the line and returns 0, or the negative result of the write. An errno left by a failed
 /// write stays for the caller.
-int send(FILE* driver, const request& r) {
-    const int written = fprintf(driver, "%s %d %d %d %llu %llu %lu %d\n", r.op, r.domain, r.bus,
-                                r.devfn, r.start_pa, r.last_pa, r.start_dma, r.prot);
+int write_line(FILE* driver, const request_line& line) {
+    const int written =
+        fprintf(driver, "%s %d %d %d %llu %llu %lu %d\n", line.op, line.domain, line.bus,
+                line.devfn, line.start_pa, line.last_pa, line.start_dma, line.prot);
     // A kernel without an IOMMU answers ENOSYS to everything: every request is then a success.
     if (written >= 0 || errno == ENOSYS) {
         return 0;
@@ -42,19 +43,20 @@ int send(FILE* driver, const request& r) {
     fprintf(stderr,
             "tarvo: failed to iommu %s domain %d bus %d devfn %d startpa 0x%llx endpa 0x%llx "
             "startdma 0x%lx prot %d errno %d\n",
-            r.op, r.domain, r.bus, r.devfn, r.start_pa, r.last_pa, r.start_dma, r.prot, errno);
+            line.op, line.domain, line.bus, line.devfn, line.start_pa, line.last_pa, line.start_dma,
+            line.prot, errno);
     return written;
 }
 
-/// Sends unbuffered, so that a refusal shows in the write's own result and is not lost in
+/// Writes unbuffered, so that a refusal shows in the write's own result and is not lost in
 /// fclose. A setvbuf that fails with a positive value sends nothing and still counts as success.
-int send_unbuffered(FILE* driver, const request& r) {
+int write_unbuffered(FILE* driver, const request_line& line) {
     const int refused = setvbuf(driver, nullptr, _IONBF, 0);
     if (refused != 0) {
         perror("tarvo: failed to set _IONBF");
         return std::min(refused, 0);
     }
-    return send(driver, r);
+    return write_line(driver, line);
 }
 
 } // namespace
@@ -72,15 +74,15 @@ int tarvo_iommu_act(const char* op, unsigned domain, unsigned bus, unsigned devf
         perror("tarvo: failed to open sysfs file");
         return -1;
     }
-    const request request = {op,
-                             static_cast<int>(domain),
-                             static_cast<int>(bus),
-                             static_cast<int>(devfn),
-                             static_cast<unsigned long long>(mapping->start_pa),
-                             static_cast<unsigned long long>(mapping->end_pa) - 1,
-                             static_cast<uint32_t>(mapping->start_dma),
-                             static_cast<int>(prot)};
-    const int result = send_unbuffered(driver, request);
+    const request_line line = {op,
+                               static_cast<int>(domain),
+                               static_cast<int>(bus),
+                               static_cast<int>(devfn),
+                               static_cast<unsigned long long>(mapping->start_pa),
+                               static_cast<unsigned long long>(mapping->end_pa) - 1,
+                               static_cast<uint32_t>(mapping->start_dma),
+                               static_cast<int>(prot)};
+    const int result = write_unbuffered(driver, line);
     if (fclose(driver) != 0) {
         perror("tarvo: fclose failed");
     }

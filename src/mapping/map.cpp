@@ -1,4 +1,5 @@
 #include "assertion.hpp"
+#include "shared/argument.hpp"
 #include "shared/check.hpp"
 #include "shared/chunk_walk.hpp"
 #include "shared/init.hpp"
@@ -35,14 +36,19 @@ struct window {
     }
 };
 
+/// Traces tarvo_map's arguments and, behind them, what became of the call.
+void trace_map(const char* name, const window& part, const char* outcome, const char* reason = "") {
+    TARVO_TRACE(trace_progress, "tarvo_map", "%s: name %s off %zx size %zx%s%s", "tarvo_map", name,
+                part.offset, part.size, outcome, reason);
+}
+
 /// Neither offset nor size is rounded: mmap refuses what does not lie on a page.
 void* map_window(const char* name, bool writable, const window& part, const dma_chunk_t& chunk) {
     const int prot = writable ? PROT_READ | PROT_WRITE : PROT_READ;
     void* va = mmap64(nullptr, part.size, prot, MAP_SHARED, mem_fd,
                       static_cast<off64_t>(chunk.pa + part.offset));
     if (va == MAP_FAILED) {
-        TARVO_TRACE(trace_progress, "tarvo_map", "%s: name %s off %zx size %zx mmap - %s",
-                    "tarvo_map", name, part.offset, part.size, strerror(errno));
+        trace_map(name, part, " mmap - ", strerror(errno));
         return nullptr;
     }
     return va;
@@ -72,8 +78,8 @@ dma_chunk_t* chunk_holding(uint64_t pa) {
 } // namespace
 
 void* tarvo_map(const char* name, bool writable, size_t offset, size_t size) {
-    TARVO_TRACE(trace_progress, "tarvo_map", "%s: name %s off %zx size %zx", "tarvo_map", name,
-                offset, size);
+    window part = {offset, size};
+    trace_map(name, part, "");
     TARVO_ASSERT(name, "name");
     TARVO_ASSERT(strlen(name), "strlen(name)");
     if (!library_is_ready()) {
@@ -81,25 +87,22 @@ void* tarvo_map(const char* name, bool writable, size_t offset, size_t size) {
     }
     lock_guard lock;
     if (!lock.held()) {
-        TARVO_TRACE(trace_progress, "tarvo_map", "%s: name %s off %zx size %zx - lock failed",
-                    "tarvo_map", name, offset, size);
+        trace_map(name, part, " - lock failed");
         return nullptr;
     }
     dma_chunk_t* chunk = first_named(name, chunks_between_sentinels());
     if (chunk == nullptr) {
         lock.release();
-        TARVO_TRACE(trace_progress, "tarvo_map", "%s: name %s off %zx size %zx - not found",
-                    "tarvo_map", name, offset, size);
+        trace_map(name, part, " - not found");
         return nullptr;
     }
     if (chunk_desc_check(chunk) != 0) {
         lock.release();
         TARVO_ASSERT(false, "0");
     }
-    window part = {offset, size};
     part.complete(*chunk);
     if (!part.fits(*chunk)) {
-        // The sentence breaks off: it is searched for as it is.
+        // The sentence breaks off, and stays so: the text is part of the interface.
         fprintf(stderr, " offset %zx > chunk->size %zx or offset + size %zx is \n", part.offset,
                 size_t{chunk->size}, size_t{part.end()});
         return nullptr;
@@ -110,7 +113,7 @@ void* tarvo_map(const char* name, bool writable, size_t offset, size_t size) {
 int tarvo_unmap(const char* name, void* va, size_t size) {
     TARVO_TRACE(trace_progress, "tarvo_unmap", "%s: name %s va %p size %zx", "tarvo_unmap", name,
                 va, size);
-    TARVO_ASSERT(strlen(name) && va, "strlen(name) && va");
+    TARVO_ASSERT(length_of_argument(name) && va, "strlen(name) && va");
     if (!library_is_ready()) {
         return -1;
     }

@@ -17,12 +17,14 @@ int chunk_desc_check(dma_chunk_t* chunk) {
     if (inside_region(*chunk)) {
         return 0;
     }
-    const Zul::String report =
-        Zul::format("tarvo: %s() - DMA memory corrupted: chunk (%d), pa (%llx), size (%d)",
-                    "chunk_desc_check", dma_chunks->index(chunk),
-                    static_cast<unsigned long long>(chunk->pa), static_cast<int>(chunk->size));
-    TARVO_TRACE_AT(trace_failure, __LINE__, "chunk_desc_check", report);
-    fprintf(stderr, "%s", report.text().c_str());
+    static constexpr char format[] =
+        "tarvo: %s() - DMA memory corrupted: chunk (%d), pa (%llx), size (%d)";
+    constexpr const char* function = "chunk_desc_check";
+    const int index = dma_chunks->index(chunk);
+    const unsigned long long pa = chunk->pa;
+    const int size = static_cast<int>(chunk->size);
+    TARVO_TRACE(trace_failure, function, format, function, index, pa, size);
+    fprintf(stderr, format, function, index, pa, size);
     fputc('\n', stderr);
     return -1;
 }

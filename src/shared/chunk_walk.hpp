@@ -4,8 +4,9 @@
 
 #include <cstring>
 
-/// Chunks in list order, which is ascending physical address, as a range-for. Every walk over the
-/// chunks is one of these. The lock is held throughout.
+/// Chunks in list order, which is ascending physical address, as a range-for. Every search and
+/// every visit of the chunks is one of these; only a listing, which goes on between calls, keeps its
+/// own place. The lock is held throughout.
 class chunk_walk {
   public:
     class iterator {

@@ -1,6 +1,7 @@
 #include "shared/init.hpp"
 
 #include "shared/lock.hpp"
+#include "shared/open.hpp"
 #include "shared/paths.hpp"
 #include "shared/process_state.hpp"
 #include "shared/region.hpp"
@@ -19,10 +20,11 @@ namespace {
 constexpr const char* function = "tarvo_init";
 
 /// Gives the shared area file its size. After a failure `shm_fd` is 0, not -1: the clean-up
-/// closes descriptor 0 and leaves the file open, and programs have come to depend on it.
+/// closes descriptor 0 and leaves the file open. That is kept on purpose.
 bool size_shared_area(uint32_t area_bytes) {
     if (ftruncate(shm_fd, area_bytes) == -1) {
-        // Names the hardware file in simulation too; scripts look for this text.
+        // Names the hardware file in simulation too, and stays so: the text is part of the
+        // interface.
         fprintf(stderr, "Failed to truncate %s: %s\n", paths::hardware_area, strerror(errno));
         shm_fd = 0;
         return false;
@@ -109,8 +111,8 @@ bool start_up() {
            open_lock_file() && attach_shared_area(area_bytes);
 }
 
-/// Back to the state before the attempt, but for `is_cma` and `page_size`, which the next attempt
-/// sets again.
+/// Back to the state before the attempt, but for `is_cma` and `page_size`: what the kernel driver
+/// said of CMA stays, even for a simulated region that the next attempt finds.
 void clean_up() {
     if (shm_base != nullptr) {
         munmap(shm_base, reservesize());

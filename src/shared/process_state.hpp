@@ -4,10 +4,10 @@
 
 #include <cstdint>
 
-// What one process knows of the region. Start-up (init.cpp) is the only writer; everybody else
-// reads, after tarvo_init has succeeded. Not guarded against threads.
+// What one process knows of the region. Start-up (init.cpp, and region.cpp for it) is the only
+// writer; everybody else reads, after tarvo_init has succeeded. Not guarded against threads.
 
-extern shared_area_t* shm_base; ///< the mapped shared area; non-null once the process is started
+extern shared_area_t* shm_base; ///< the mapped shared area; non-null once start-up has mapped it
 extern chunk_list* dma_chunks;  ///< the shared area's chunks
 extern dma_chunk_t* dma_chunk_head; ///< the sentinel __HEAD
 extern dma_chunk_t* dma_chunk_tail; ///< the sentinel __TAIL

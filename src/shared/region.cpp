@@ -1,6 +1,7 @@
 #include "shared/region.hpp"
 
 #include "assertion.hpp"
+#include "shared/open.hpp"
 #include "shared/paths.hpp"
 #include "shared/process_state.hpp"
 #include "shared/trace.hpp"
@@ -9,10 +10,18 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <sys/stat.h>
 #include <unistd.h>
 
 namespace {
+
+/// The simulated region. Its file begins at physical address 0, so that file offsets are physical
+/// addresses; the bytes below the region are never used.
+constexpr uint64_t simulated_region_first_pa = 0x1000;
+constexpr uint32_t simulated_region_bytes = 0x2a800000;
+constexpr uint32_t simulated_memory_bytes = simulated_region_first_pa + simulated_region_bytes;
+
+/// The region's name that says that chunks come from the kernel's contiguous memory allocator.
+constexpr const char* cma_region_name = "CMA";
 
 /// What the region driver's first line says. Addresses are physical, the last one inclusive.
 struct region_line {
@@ -24,7 +33,8 @@ struct region_line {
 
 /// Opens the stand-in for physical memory and gives it its size. It is created only for a process
 /// that asks for simulation; one that is already there selects simulation for everybody.
-bool open_simulated_memory(const char* function) {
+bool open_simulated_memory() {
+    constexpr const char* function = "tarvo_sim_init";
     const bool asked_for = getenv(simulation_variable) != nullptr;
     mem_fd = open_with_exact_mode(paths::simulated_memory, O_RDWR | (asked_for ? O_CREAT : 0),
                                   simulation_mode);
@@ -53,7 +63,7 @@ void give_up_area(const char* path) {
 /// The simulated region. `is_simulation` stays set when only its shared area will not open, and
 /// `mem_fd` keeps the number of a descriptor closed in here.
 bool tarvo_sim_init() {
-    if (!open_simulated_memory("tarvo_sim_init")) {
+    if (!open_simulated_memory()) {
         return false;
     }
     is_simulation = true;
@@ -138,11 +148,4 @@ bool find_region() {
     fprintf(stderr, "%s: %s\n", function, complaint);
     TARVO_TRACE(trace_failure, function, "%s: %s", function, complaint);
     return false;
-}
-
-int open_with_exact_mode(const char* path, int flags, mode_t mode) {
-    const mode_t callers_umask = umask(0);
-    const int fd = open(path, flags | O_CLOEXEC, mode);
-    umask(callers_umask);
-    return fd;
 }

@@ -4,6 +4,8 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <new>
+
 #include <iostream> // the stream library is ready before anything of ours runs
 
 std::shared_ptr<std::string> to_string_err =
@@ -13,9 +15,12 @@ std::shared_ptr<std::string> adopt_text(int length, char* text) {
     if (length < 0) {
         return to_string_err;
     }
-    auto adopted = std::make_shared<std::string>(text);
-    free(text);
-    return adopted;
+    const std::unique_ptr<char, decltype(&free)> owned(text, free);
+    try {
+        return std::make_shared<std::string>(text);
+    } catch (const std::bad_alloc&) {
+        return to_string_err;
+    }
 }
 
 std::shared_ptr<std::string> device_name(const iommu_dev_t& dev) {

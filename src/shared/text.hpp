@@ -6,7 +6,7 @@
 #include <string>
 
 /// The text of a finished asprintf as a shared string, which takes over `text`; to_string_err
-/// where asprintf failed, that is where `length` is negative.
+/// where asprintf failed, that is where `length` is negative, or where memory for it is short.
 std::shared_ptr<std::string> adopt_text(int length, char* text);
 
 /// A device's PCI address, such as 0000:03:00.0.

@@ -3,6 +3,7 @@
 #include "zul/Trace.hpp"
 
 #include <cstddef>
+#include <string_view>
 
 /// The levels the library traces at.
 inline constexpr Zul::TraceFacility::FacilityLevel trace_failure{3};
@@ -10,7 +11,11 @@ inline constexpr Zul::TraceFacility::FacilityLevel trace_progress{5};
 inline constexpr Zul::TraceFacility::FacilityLevel trace_translation{6};
 
 /// The library's one trace handle, facility "tarvo", made on first use.
-Zul::TraceHandle& _defaultTraceHandle();
+inline Zul::TraceHandle& _defaultTraceHandle() {
+    constexpr std::string_view facility = "tarvo";
+    static Zul::TraceHandle handle(Zul::String(facility.data(), facility.size()), false);
+    return handle;
+}
 
 /// One trace record, if its level is enabled.
 class trace_record {

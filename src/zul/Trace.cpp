@@ -5,7 +5,6 @@
 #include <charconv>
 #include <cstdio>
 #include <cstdlib>
-#include <memory>
 #include <new>
 #include <string_view>
 
@@ -75,12 +74,6 @@ void TraceHelper::trace(const char* file, int line, const char* function) {
                                on_one_line(_text.str()) + "\n";
     std::fwrite(record.data(), 1, record.size(), stderr);
     errno = callers_errno;
-}
-
-EnsureTraceHelperIsDestroyed::~EnsureTraceHelperIsDestroyed() {
-    if (_helper != nullptr) {
-        std::destroy_at(_helper);
-    }
 }
 
 } // namespace Zul

@@ -2,6 +2,7 @@
 
 #include "zul/String.hpp"
 
+#include <memory>
 #include <sstream>
 #include <string>
 
@@ -59,7 +60,11 @@ class TraceHelper {
 class EnsureTraceHelperIsDestroyed {
   public:
     explicit EnsureTraceHelperIsDestroyed(TraceHelper* helper) : _helper(helper) {}
-    ~EnsureTraceHelperIsDestroyed();
+    ~EnsureTraceHelperIsDestroyed() {
+        if (_helper != nullptr) {
+            std::destroy_at(_helper);
+        }
+    }
     EnsureTraceHelperIsDestroyed(const EnsureTraceHelperIsDestroyed&) = delete;
     EnsureTraceHelperIsDestroyed& operator=(const EnsureTraceHelperIsDestroyed&) = delete;
 
