@@ -1,0 +1,219 @@
+// What ends the process, judged by signal and by all that it wrote to standard error. This file is
+// compiled with NDEBUG: the checks are there in every kind of build.
+#ifndef NDEBUG
+#error "list_breach_test.cpp shall be compiled with NDEBUG"
+#endif
+
+#include "small_list.hpp"
+
+#include <cerrno>
+#include <csignal>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <string>
+
+namespace {
+
+using testing::IsEmpty;
+using testing::KilledBySignal;
+
+// The signatures, as each compiler writes them.
+#ifdef __clang__
+constexpr const char* arr_elem_signature =
+    "T *ArrayBackedList<small_element, 5>::arr_elem(int) [T = small_element, MAX = 5]";
+constexpr const char* index_signature =
+    "int ArrayBackedList<small_element, 5>::index(T *) [T = small_element, MAX = 5]";
+constexpr const char* next_signature =
+    "T *ArrayBackedList<small_element, 5>::next(T *) [T = small_element, MAX = 5]";
+constexpr const char* insert_after_signature =
+    "void ArrayBackedList<small_element, 5>::insert_after(T *, T *) [T = small_element, MAX = 5]";
+constexpr const char* append_signature =
+    "void ArrayBackedList<small_element, 5>::append(T *) [T = small_element, MAX = 5]";
+constexpr const char* remove_signature =
+    "void ArrayBackedList<small_element, 5>::remove(T *) [T = small_element, MAX = 5]";
+constexpr const char* alloc_signature =
+    "T *ArrayBackedList<small_element, 5>::alloc() [T = small_element, MAX = 5]";
+constexpr const char* free_signature =
+    "void ArrayBackedList<small_element, 5>::free(T *) [T = small_element, MAX = 5]";
+#else
+constexpr const char* arr_elem_signature =
+    "T* ArrayBackedList<T, MAX>::arr_elem(int) [with T = small_element; int MAX = 5]";
+constexpr const char* index_signature =
+    "int ArrayBackedList<T, MAX>::index(T*) [with T = small_element; int MAX = 5]";
+constexpr const char* next_signature =
+    "T* ArrayBackedList<T, MAX>::next(T*) [with T = small_element; int MAX = 5]";
+constexpr const char* insert_after_signature =
+    "void ArrayBackedList<T, MAX>::insert_after(T*, T*) [with T = small_element; int MAX = 5]";
+constexpr const char* append_signature =
+    "void ArrayBackedList<T, MAX>::append(T*) [with T = small_element; int MAX = 5]";
+constexpr const char* remove_signature =
+    "void ArrayBackedList<T, MAX>::remove(T*) [with T = small_element; int MAX = 5]";
+constexpr const char* alloc_signature =
+    "T* ArrayBackedList<T, MAX>::alloc() [with T = small_element; int MAX = 5]";
+constexpr const char* free_signature =
+    "void ArrayBackedList<T, MAX>::free(T*) [with T = small_element; int MAX = 5]";
+#endif
+
+std::string message(int line, const std::string& signature, const std::string& expression) {
+    return std::string(program_invocation_short_name) +
+           ": ./ArrayBackedList.hpp:" + std::to_string(line) + ": " + signature + ": Assertion `" +
+           expression + "' failed.\n";
+}
+
+const std::string bad_index_message = message(159, arr_elem_signature, "idx >= 0 && idx < MAX");
+const std::string stray_pointer_message = message(154, index_signature, "idx >= 0 && idx < MAX");
+
+#define EXPECT_ABORT(statement, text)                                                              \
+    EXPECT_EXIT(statement, KilledBySignal(SIGABRT), testing::Eq(text))
+
+TEST(list_arr_elem_ends_the_process, ForTheIndexBehindTheLast) {
+    small_list list = fresh_list();
+    EXPECT_ABORT(list.arr_elem(5), bad_index_message);
+}
+
+TEST(list_arr_elem_ends_the_process, ForMinusTwo) {
+    small_list list = fresh_list();
+    EXPECT_ABORT(list.arr_elem(-2), bad_index_message);
+}
+
+TEST(list_arr_elem_ends_the_process, ForTheGreatestAndTheLeastIndex) {
+    small_list list = fresh_list();
+    EXPECT_ABORT(list.arr_elem(INT32_MAX), bad_index_message);
+    EXPECT_ABORT(list.arr_elem(INT32_MIN), bad_index_message);
+}
+
+TEST(list_index_ends_the_process, ForPointersNextToTheStorage) {
+    small_list lists[3] = {fresh_list(), fresh_list(), fresh_list()};
+    small_list& list = lists[1];
+    EXPECT_ABORT(list.index(list._arr + 5), stray_pointer_message);
+    EXPECT_ABORT(list.index(list._arr - 1), stray_pointer_message);
+}
+
+TEST(list_index_ends_the_process, ForNull) {
+    small_list list = fresh_list();
+    EXPECT_ABORT(list.index(nullptr), stray_pointer_message);
+}
+
+TEST(list_index_ends_the_process, ForAPointerSoFarAwayThat32BitsWouldFoldItIntoTheRange) {
+    small_list list = fresh_list();
+    const auto far = static_cast<std::uintptr_t>(uint64_t{1} << 32U) * sizeof(small_element);
+    auto* folded =
+        reinterpret_cast<small_element*>(reinterpret_cast<std::uintptr_t>(&list._arr[2]) + far);
+    if constexpr (sizeof(void*) > 4) {
+        EXPECT_ABORT(list.index(folded), stray_pointer_message);
+    } else {
+        EXPECT_EQ(list.index(folded), 2); // there it is the same pointer
+    }
+}
+
+TEST(list_get_next_ends_the_process, ForALinkOutOfRange) {
+    small_list list = list_with(2);
+    list._arr[0].next = 5;
+    EXPECT_ABORT(list.get_next(&list._arr[0]), bad_index_message);
+}
+
+TEST(list_set_next_ends_the_process, ForATargetOutsideTheStorage) {
+    small_list list = list_with(2);
+    EXPECT_ABORT(list.set_next(&list._arr[0], list._arr + 5), stray_pointer_message);
+}
+
+TEST(list_set_prev_ends_the_process, ForATargetOutsideTheStorage) {
+    small_list list = list_with(2);
+    EXPECT_ABORT(list.set_prev(&list._arr[0], list._arr + 5), stray_pointer_message);
+}
+
+TEST(list_next_ends_the_process, ForAnElementNotInUse) {
+    small_list list = list_with(2);
+    EXPECT_ABORT(list.next(&list._arr[2]), message(32, next_signature, "cur->allocated"));
+}
+
+TEST(list_next_ends_the_process, ForALinkOutOfRange) {
+    small_list list = list_with(2);
+    list._arr[0].next = -2;
+    EXPECT_ABORT(list.next(&list._arr[0]), bad_index_message);
+}
+
+TEST(list_insert_after_ends_the_process, WhenEitherElementIsNotInUse) {
+    small_list list = list_with(2);
+    const std::string text =
+        message(49, insert_after_signature, "cur->allocated && new_elem->allocated");
+    EXPECT_ABORT(list.insert_after(&list._arr[0], &list._arr[3]), text);
+    EXPECT_ABORT(list.insert_after(&list._arr[3], &list._arr[0]), text);
+}
+
+TEST(list_insert_after_ends_the_process, ForALinkOutOfRange) {
+    small_list list = list_with(2);
+    list._arr[0].next = 99;
+    EXPECT_ABORT(list.insert_after(&list._arr[0], list.alloc()), bad_index_message);
+}
+
+TEST(list_append_ends_the_process, WhenOnlyOneEndIsSet) {
+    const std::string text = message(88, append_signature, "_head != -1 && _tail != -1");
+    small_list headless = list_with(2);
+    headless._head = -1;
+    EXPECT_ABORT(headless.append(headless.alloc()), text);
+    small_list tailless = list_with(2);
+    tailless._tail = -1;
+    EXPECT_ABORT(tailless.append(tailless.alloc()), text);
+}
+
+TEST(list_append_ends_the_process, ForAnElementOutsideTheStorage) {
+    small_list list = fresh_list();
+    small_element stray{};
+    EXPECT_ABORT(list.append(&stray), stray_pointer_message);
+}
+
+TEST(list_append_ends_the_process, ForAnEndOutOfRange) {
+    small_list list = list_with(2);
+    list._tail = 5;
+    EXPECT_ABORT(list.append(list.alloc()), bad_index_message);
+}
+
+TEST(list_remove_ends_the_process, ForAnElementNotInUse) {
+    small_list list = list_with(2);
+    EXPECT_ABORT(list.remove(&list._arr[2]), message(100, remove_signature, "cur->allocated"));
+}
+
+TEST(list_remove_ends_the_process, ForALinkOutOfRange) {
+    small_list list = list_with(3);
+    list._arr[1].prev = 5;
+    EXPECT_ABORT(list.remove(&list._arr[1]), bad_index_message);
+}
+
+TEST(list_alloc_ends_the_process, WhenTheFreeChainHoldsAnElementInUse) {
+    small_list list = list_with(2);
+    list._free = 1;
+    EXPECT_ABORT(list.alloc(), message(126, alloc_signature, "!chunk->allocated"));
+}
+
+TEST(list_alloc_ends_the_process, ForAChainOutOfRange) {
+    small_list list = fresh_list();
+    list._free = 5;
+    EXPECT_ABORT(list.alloc(), bad_index_message);
+}
+
+TEST(list_alloc_ends_the_process, ByAMemoryFaultWhenTheChainIsExhausted) {
+    small_list list = list_with(5);
+    EXPECT_EXIT(list.alloc(), KilledBySignal(SIGSEGV), IsEmpty());
+}
+
+TEST(list_free_ends_the_process, ForAnElementThatIsFree) {
+    small_list list = list_with(2);
+    list.remove(&list._arr[1]);
+    release(list, &list._arr[1]);
+    EXPECT_ABORT(release(list, &list._arr[1]), message(141, free_signature, "cur->allocated"));
+}
+
+TEST(list_walk_ends_the_process, WhenTheHeadIsNotInUse) {
+    small_list list = list_with(2);
+    list._arr[0].allocated = 0;
+    EXPECT_ABORT(walk(list), message(32, next_signature, "cur->allocated"));
+}
+
+TEST(list_walk_ends_the_process, WhenTheHeadIsOutOfRange) {
+    small_list list = list_with(2);
+    list._head = 5;
+    EXPECT_ABORT(walk(list), bad_index_message);
+}
+
+} // namespace
