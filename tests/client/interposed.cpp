@@ -193,13 +193,12 @@ int fprintf(FILE* stream, const char* format, ...) {
 }
 
 int asprintf(char** text, const char* format, ...) noexcept {
-    static const auto real = real_one<int(char**, const char*, std::va_list)>("vasprintf");
     if (refuses_to_format("asprintf")) {
         return -1;
     }
     std::va_list arguments;
     va_start(arguments, format);
-    const int count = real(text, format, arguments);
+    const int count = vasprintf(text, format, arguments);
     va_end(arguments);
     return count;
 }

@@ -1,7 +1,9 @@
 #include "client.hpp"
 
+#include <algorithm>
 #include <csignal>
 #include <fstream>
+#include <iterator>
 #include <regex>
 #include <sstream>
 #include <stdexcept>
@@ -191,6 +193,11 @@ ending client::finish() {
     return _process.wait();
 }
 
+std::vector<std::string> client::descriptors() {
+    std::istringstream words(call("fds"));
+    return {std::istream_iterator<std::string>(words), {}};
+}
+
 pid_t client::pid() {
     // Not the pid of the process: the sandbox's tool stands between.
     if (_pid == 0) {
@@ -199,7 +206,21 @@ pid_t client::pid() {
     return _pid;
 }
 
+std::vector<std::string> added(const std::vector<std::string>& before,
+                               const std::vector<std::string>& now) {
+    std::vector<std::string> fresh;
+    std::copy_if(now.begin(), now.end(), std::back_inserter(fresh), [&](const std::string& one) {
+        return std::find(before.begin(), before.end(), one) == before.end();
+    });
+    return fresh;
+}
+
 std::string without_lines(std::string_view text) {
     static const std::regex line_number("(^|\\s)tarvo:[0-9]+(?=[ :])");
     return std::regex_replace(std::string(text), line_number, "$1tarvo:LINE");
+}
+
+std::string without_signatures(std::string_view text) {
+    static const std::regex signature("(ArrayBackedList\\.hpp:[0-9]+: ).*(?=: Assertion `)");
+    return std::regex_replace(std::string(text), signature, "$1SIGNATURE");
 }

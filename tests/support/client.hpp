@@ -11,7 +11,6 @@
 /// `text` as one word of a command, whatever it holds.
 std::string quoted(std::string_view text);
 
-/// One line of a listing, and the record that a translation or search gave.
 struct dma_limits {
     int result;
     std::uint32_t start;
@@ -66,6 +65,8 @@ class client {
     /// Ends the program as programs end, at the end of its input.
     ending finish();
 
+    /// Its open descriptors, such as "3:/dev/mem:rw:cloexec", in ascending order.
+    std::vector<std::string> descriptors();
     pid_t pid();
     /// All of its standard error so far.
     std::string error_text() const { return _process.error_text(); }
@@ -77,6 +78,14 @@ class client {
     pid_t _pid = 0;
 };
 
+/// What is in `now` and was not in `before`, in the order of `now`.
+std::vector<std::string> added(const std::vector<std::string>& before,
+                               const std::vector<std::string>& now);
+
 /// `text` with the line numbers of source "tarvo" as LINE, in assertions and trace records: those
 /// lines are free to move. Those of other sources stay.
 std::string without_lines(std::string_view text);
+
+/// `text` with the signatures in assertions of the container as SIGNATURE: each compiler spells
+/// those of templates in its own way.
+std::string without_signatures(std::string_view text);
