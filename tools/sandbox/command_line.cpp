@@ -64,9 +64,10 @@ void parse(CLI::App& app, const words& given) {
 }
 
 command_words take_command(const words& given) {
-    if (!given.command || given.command->empty())
+    if (!given.command || given.command->empty()) {
         throw failure{
             "no command: write it behind --, as in 'tarvo-sandbox --world low -- ./client'"};
+    }
     return *given.command;
 }
 

@@ -24,9 +24,10 @@ class socket_place {
         if (!folder_)
             throw failed_call("--control " + path.string() + ": cannot open its folder");
         const std::string through = "/proc/self/fd/" + std::to_string(folder_.get()) + "/" + name_;
-        if (name_.empty() || through.size() >= sizeof address_.sun_path)
+        if (name_.empty() || through.size() >= sizeof address_.sun_path) {
             throw failure{"--control " + path.string() +
                           ": its last part is no name for a socket; give a shorter file name"};
+        }
         address_.sun_family = AF_UNIX;
         std::memcpy(&address_.sun_path[0], through.c_str(), through.size() + 1);
     }
@@ -49,11 +50,22 @@ unique_fd make_socket() {
     return made;
 }
 
+bool is_socket(socket_place& place) {
+    struct stat found {};
+    return ::fstatat(place.folder().get(), place.name().c_str(), &found, AT_SYMLINK_NOFOLLOW) ==
+               0 &&
+           S_ISSOCK(found.st_mode);
+}
+
+// Only a socket: connecting to any other file is refused in the same way, and that file is not ours.
 void remove_if_nobody_answers(socket_place& place) {
+    if (!is_socket(place))
+        return;
     const unique_fd probe = make_socket();
     if (::connect(probe.get(), place.address(), socket_place::length()) != 0 &&
-        errno == ECONNREFUSED)
+        errno == ECONNREFUSED) {
         ::unlinkat(place.folder().get(), place.name().c_str(), 0);
+    }
 }
 
 int bind_for_owner_only(int socket, const socket_place& place) {
@@ -69,10 +81,11 @@ control_socket::control_socket(const std::string& path) : listener_{make_socket(
     socket_place place{path};
     remove_if_nobody_answers(place);
     if (bind_for_owner_only(listener_.get(), place) != 0 ||
-        ::listen(listener_.get(), SOMAXCONN) != 0)
+        ::listen(listener_.get(), SOMAXCONN) != 0) {
         throw failed_call("--control " + path +
                           ": cannot make the socket; name a file that does "
                           "not exist yet");
+    }
     folder_ = std::move(place.folder());
     name_ = place.name();
 }
@@ -87,9 +100,10 @@ void control_socket::remove() {
 unique_fd connect_to(const std::string& path) {
     unique_fd made = make_socket();
     const socket_place place{path};
-    if (::connect(made.get(), place.address(), socket_place::length()) != 0)
+    if (::connect(made.get(), place.address(), socket_place::length()) != 0) {
         throw failed_call("--control " + path +
                           ": no sandbox answers there; start one with this --control first");
+    }
     return made;
 }
 

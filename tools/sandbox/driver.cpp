@@ -39,9 +39,10 @@ int driver::open(driver_handle& handle, pid_t pid) {
     const event seen = make_event(handle, moment::open, nullptr);
     const rule* const answering = rules_.answer_to(seen);
     const int error = error_of(answering);
-    if (handle.file == driver_file::proc)
+    if (handle.file == driver_file::proc) {
         handle.listing = make_listing(
             region_line_, cma_ ? cma_->allocations() : std::vector<cma_allocation>{}, answering);
+    }
     log_.add(seen, {pid, handle.truncates, {}, error, 0});
     return error;
 }

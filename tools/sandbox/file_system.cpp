@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
+#include <map>
 #include <vector>
 
 #include "failure.hpp"
@@ -53,20 +54,23 @@ double validity_seconds(fuse_ino_t node) {
     return proc_view::is_process(node) ? 0 : for_ever_seconds;
 }
 
-driver_handle& handle_of(const fuse_file_info* info) {
-    return *reinterpret_cast<driver_handle*>(info->fh);
-}
-
 using listing_buffer = std::vector<char>;
 
-listing_buffer& listing_of(const fuse_file_info* info) {
-    return *reinterpret_cast<listing_buffer*>(info->fh);
-}
-
+// What is open, by the number that FUSE carries for us.
 template <typename Kept>
-void keep(fuse_file_info* info, std::unique_ptr<Kept> kept) {
-    info->fh = reinterpret_cast<std::uint64_t>(kept.release());
-}
+class open_files {
+  public:
+    std::uint64_t add(Kept added) {
+        kept_.emplace(++last_number_, std::move(added));
+        return last_number_;
+    }
+    Kept& at(const fuse_file_info* info) { return kept_.at(info->fh); }
+    void remove(const fuse_file_info* info) { kept_.erase(info->fh); }
+
+  private:
+    std::map<std::uint64_t, Kept> kept_;
+    std::uint64_t last_number_ = 0;
+};
 
 template <typename Bytes>
 void reply_part(fuse_req_t asked, const Bytes& bytes, std::size_t size, off_t offset) {
@@ -91,6 +95,8 @@ struct file_system::state {
     driver& answering;
     proc_view& real;
     bool has_proc_file = false;
+    open_files<driver_handle> files{};
+    open_files<listing_buffer> folders{};
 
     static state& of(fuse_req_t asked) { return *static_cast<state*>(fuse_req_userdata(asked)); }
 
@@ -136,93 +142,98 @@ struct file_system::state {
     // Lengths and times may be set, as on the kernel's own files, and change nothing.
     static void setattr(fuse_req_t asked, fuse_ino_t node, struct stat* /*wanted*/, int what,
                         fuse_file_info* info) {
-        if ((what & (FUSE_SET_ATTR_MODE | FUSE_SET_ATTR_UID | FUSE_SET_ATTR_GID)) != 0)
+        if ((what & (FUSE_SET_ATTR_MODE | FUSE_SET_ATTR_UID | FUSE_SET_ATTR_GID)) != 0) {
             fuse_reply_err(asked, EPERM);
-        else
+        } else {
             getattr(asked, node, info);
+        }
     }
 
     static void readlink(fuse_req_t asked, fuse_ino_t node) {
         fuse_reply_readlink(asked, of(asked).real.link_target(node).c_str());
     }
 
+    static driver_handle make_handle(fuse_ino_t node, int flags) {
+        driver_handle handle;
+        const int access = flags & O_ACCMODE;
+        handle.file = node == proc_file_node ? driver_file::proc : driver_file::sysfs;
+        handle.reads = access != O_WRONLY;
+        handle.writes = access != O_RDONLY;
+        handle.truncates = (flags & O_TRUNC) != 0;
+        return handle;
+    }
+
     static void open(fuse_req_t asked, fuse_ino_t node, fuse_file_info* info) {
         state& self = of(asked);
-        auto handle = std::make_unique<driver_handle>();
-        const int access = info->flags & O_ACCMODE;
-        handle->file = node == proc_file_node ? driver_file::proc : driver_file::sysfs;
-        handle->reads = access != O_WRONLY;
-        handle->writes = access != O_RDONLY;
-        handle->truncates = (info->flags & O_TRUNC) != 0;
-        const int error = self.answering.open(*handle, self.caller(asked));
+        driver_handle handle = make_handle(node, info->flags);
+        const int error = self.answering.open(handle, self.caller(asked));
         if (error != 0) {
             fuse_reply_err(asked, error);
             return;
         }
-        keep(info, std::move(handle));
+        info->fh = self.files.add(std::move(handle));
         info->direct_io = 1;
-        // Interrupted: the caller never had the file and no release will come.
+        // The caller was killed meanwhile: it never had the file, so no release will come.
         if (fuse_reply_open(asked, info) == -ENOENT)
-            release_handle(info);
+            self.files.remove(info);
     }
 
     static void read(fuse_req_t asked, fuse_ino_t /*node*/, std::size_t size, off_t offset,
                      fuse_file_info* info) {
-        reply_part(asked, handle_of(info).listing, size, offset);
+        reply_part(asked, of(asked).files.at(info).listing, size, offset);
     }
 
     static void write(fuse_req_t asked, fuse_ino_t /*node*/, const char* bytes, std::size_t size,
                       off_t /*offset*/, fuse_file_info* info) {
         state& self = of(asked);
         const auto result =
-            self.answering.write(handle_of(info), self.caller(asked), {bytes, size});
-        if (result.error != 0)
-            fuse_reply_err(asked, result.error);
-        else
+            self.answering.write(self.files.at(info), self.caller(asked), {bytes, size});
+        if (result.error == 0) {
             fuse_reply_write(asked, result.accepted_bytes);
+        } else {
+            fuse_reply_err(asked, result.error);
+        }
     }
 
     // The close: at once and with a result that the caller sees, unlike release.
     static void flush(fuse_req_t asked, fuse_ino_t /*node*/, fuse_file_info* info) {
         state& self = of(asked);
-        fuse_reply_err(asked, self.answering.close(handle_of(info), self.caller(asked)));
-    }
-
-    static void release_handle(fuse_file_info* info) {
-        const std::unique_ptr<driver_handle> ended{&handle_of(info)};
+        fuse_reply_err(asked, self.answering.close(self.files.at(info), self.caller(asked)));
     }
 
     static void release(fuse_req_t asked, fuse_ino_t /*node*/, fuse_file_info* info) {
-        release_handle(info);
+        of(asked).files.remove(info);
         fuse_reply_err(asked, 0);
     }
 
     static void opendir(fuse_req_t asked, fuse_ino_t node, fuse_file_info* info) {
-        auto listing = std::make_unique<listing_buffer>();
-        add_entry(asked, *listing, ".");
-        add_entry(asked, *listing, "..");
-        if (node == FUSE_ROOT_ID) {
-            for (const auto& name : of(asked).real.names())
-                add_entry(asked, *listing, name);
-            if (of(asked).has_proc_file)
-                add_entry(asked, *listing, std::string{proc_file});
-        }
-        keep(info, std::move(listing));
+        state& self = of(asked);
+        listing_buffer listing;
+        add_entry(asked, listing, ".");
+        add_entry(asked, listing, "..");
+        if (node == FUSE_ROOT_ID)
+            self.list_root(asked, listing);
+        info->fh = self.folders.add(std::move(listing));
         if (fuse_reply_open(asked, info) == -ENOENT)
-            release_listing(info);
+            self.folders.remove(info);
+    }
+
+    void list_root(fuse_req_t asked, listing_buffer& listing) const {
+        for (const auto& name : real.names()) {
+            if (name != proc_file)
+                add_entry(asked, listing, name);
+        }
+        if (has_proc_file)
+            add_entry(asked, listing, std::string{proc_file});
     }
 
     static void readdir(fuse_req_t asked, fuse_ino_t /*node*/, std::size_t size, off_t offset,
                         fuse_file_info* info) {
-        reply_part(asked, listing_of(info), size, offset);
-    }
-
-    static void release_listing(fuse_file_info* info) {
-        const std::unique_ptr<listing_buffer> ended{&listing_of(info)};
+        reply_part(asked, of(asked).folders.at(info), size, offset);
     }
 
     static void releasedir(fuse_req_t asked, fuse_ino_t /*node*/, fuse_file_info* info) {
-        release_listing(info);
+        of(asked).folders.remove(info);
         fuse_reply_err(asked, 0);
     }
 
@@ -249,9 +260,10 @@ namespace {
 
 unique_fd open_fuse_device() {
     unique_fd device{::open("/dev/fuse", O_RDWR | O_CLOEXEC | O_NONBLOCK)};
-    if (!device)
+    if (!device) {
         throw failed_call("cannot open /dev/fuse; load the kernel's fuse module and let this user "
                           "read and write the device");
+    }
     return device;
 }
 

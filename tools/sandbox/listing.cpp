@@ -68,7 +68,7 @@ std::string make_listing(const std::string& region_line,
                          const std::vector<cma_allocation>& allocations, const rule* bending) {
     const auto* const bent =
         bending == nullptr ? nullptr : std::get_if<bent_listing>(&bending->answer);
-    const std::string lines = allocation_lines(allocations, bending, bent);
+    std::string lines = allocation_lines(allocations, bending, bent);
     if (bent == nullptr)
         return region_line + lines;
     switch (bent->oddity) {

@@ -67,10 +67,11 @@ message ask_for_admission(int socket) {
 }
 
 void set_environment(bool simulation) {
-    if (simulation)
+    if (simulation) {
         ::setenv(simulation_variable, "1", 1);
-    else
+    } else {
         ::unsetenv(simulation_variable);
+    }
 }
 
 // Asked for last: entering a user namespace withdraws it.

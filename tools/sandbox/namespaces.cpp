@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <sched.h>
 #include <sys/mount.h>
+#include <sys/stat.h>
 
 #include <string>
 
@@ -11,6 +12,9 @@
 namespace sandbox {
 
 namespace {
+
+constexpr const char* user_path = "/proc/self/ns/user";
+constexpr const char* mount_path = "/proc/self/ns/mnt";
 
 void write_proc_file(const std::string& path, const std::string& text) {
     const unique_fd file{::open(path.c_str(), O_WRONLY | O_CLOEXEC)};
@@ -28,9 +32,10 @@ void map_caller_to_root(uid_t uid, gid_t gid) {
 void unshare_with_user_namespace() {
     const uid_t uid = ::geteuid();
     const gid_t gid = ::getegid();
-    if (::unshare(CLONE_NEWUSER | CLONE_NEWNS) != 0)
+    if (::unshare(CLONE_NEWUSER | CLONE_NEWNS) != 0) {
         throw failed_call("this kernel refuses user namespaces to ordinary users; run as root, or "
                           "see kernel.unprivileged_userns_clone and user.max_user_namespaces");
+    }
     map_caller_to_root(uid, gid);
 }
 
@@ -41,6 +46,14 @@ unique_fd open_namespace(const char* path) {
     return opened;
 }
 
+// A process that joins from within the sandbox; the kernel refuses to enter the same one again.
+bool is_current(const unique_fd& wanted, const char* path) {
+    struct stat own {};
+    struct stat other {};
+    return ::stat(path, &own) == 0 && ::fstat(wanted.get(), &other) == 0 &&
+           own.st_dev == other.st_dev && own.st_ino == other.st_ino;
+}
+
 } // namespace
 
 namespaces namespaces::create() {
@@ -49,12 +62,12 @@ namespaces namespaces::create() {
         if (errno != EPERM)
             throw failed_call("cannot make a mount namespace");
         unshare_with_user_namespace();
-        made.user_ = open_namespace("/proc/self/ns/user");
+        made.user_ = open_namespace(user_path);
     }
     // Without this the mounts would appear outside as well.
     if (::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0)
         throw failed_call("cannot make the mounts private");
-    made.mount_ = open_namespace("/proc/self/ns/mnt");
+    made.mount_ = open_namespace(mount_path);
     return made;
 }
 
@@ -71,9 +84,10 @@ namespaces namespaces::from_message(message& received) {
 
 void namespaces::enter() const {
     // First the user namespace: it gives the right to enter the other.
-    if (user_ && ::setns(user_.get(), CLONE_NEWUSER) != 0)
+    if (user_ && !is_current(user_, user_path) && ::setns(user_.get(), CLONE_NEWUSER) != 0) {
         throw failed_call(
             "cannot enter the sandbox's user namespace; join as the user who runs it");
+    }
     if (::setns(mount_.get(), CLONE_NEWNS) != 0)
         throw failed_call("cannot enter the sandbox's mounts; join as the user who runs it");
 }

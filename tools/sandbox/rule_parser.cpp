@@ -87,10 +87,11 @@ class parser {
             refuse("'" + std::string{part} + "' is not KEY=VALUE");
         const auto key = part.substr(0, equals);
         const auto found = readers.find(key);
-        if (found == readers.end())
+        if (found == readers.end()) {
             refuse("unknown key '" + std::string{key} +
                    "'; known are op, file, at, device, range, " +
                    "name, nth, errno, address, listing and short");
+        }
         if (given(key))
             refuse("key '" + std::string{key} + "' is given twice");
         keys_.push_back(found->first);
@@ -162,9 +163,10 @@ class parser {
 
     void read_errno(std::string_view value) {
         const auto error = parse_errno(value);
-        if (!error)
+        if (!error) {
             refuse_value(value, "a name from errno.h or a number from 1 to " +
                                     std::to_string(largest_errno));
+        }
         made_.answer = refusal{*error};
     }
 
@@ -224,9 +226,10 @@ class parser {
     }
 
     void imply_file(const std::string& because, driver_file file) {
-        if (made_.file && *made_.file != file)
+        if (made_.file && *made_.file != file) {
             refuse(because + " goes with file=" +
                    std::string{file == driver_file::proc ? "proc" : "sysfs"} + " only");
+        }
         made_.file = file;
     }
 
@@ -249,10 +252,11 @@ class parser {
             return;
         const bool asks_op = !is_open_op() && made_.op != rule_operation::any;
         const bool asks_name = given("name") && !given("listing");
-        if (asks_op || asks_name || given("device") || given("range"))
+        if (asks_op || asks_name || given("device") || given("range")) {
             refuse(
                 "at=open comes before the request is known; leave out op, device, range and name, "
                 "or use at=write or at=close");
+        }
     }
 
     rule made_;

@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <sys/socket.h>
+#include <sys/wait.h>
 
 #include <array>
 #include <cstdio>
@@ -61,7 +62,7 @@ void report(const nlohmann::json& answer, bool list) {
 }
 
 [[noreturn]] void finish(const command_end& end) {
-    if (end.sandbox_died)
+    if (end.sandbox_died && WIFSIGNALED(end.wait_status))
         throw failure{"the sandbox's own process was killed, and the command with it"};
     end_like(end.wait_status);
 }

@@ -37,7 +37,7 @@ server::server(server_plan& plan)
         driver_.rules().add(std::move(added));
     real_proc_mount_ = clone_proc();
     files_.mount();
-    connections_.push_back({std::move(plan.first_connection), {}, true, false});
+    connections_.push_back({std::move(plan.first_connection), {}, true, false, false});
 }
 
 bool server::goes_on() const {
@@ -59,7 +59,7 @@ void server::forget_the_ended() {
     if (!goes_on())
         return;
     connections_.remove_if([](const connection& one) {
-        return !one.keeps_alive && (one.command_ended || !one.socket);
+        return !one.keeps_alive && (one.command_ended || one.hung_up);
     });
 }
 
@@ -67,7 +67,7 @@ void server::wait_and_answer() {
     std::vector<pollfd> watched{{files_.fd(), POLLIN, 0},
                                 {accepts_ ? control_.fd() : -1, POLLIN, 0}};
     for (const auto& one : connections_) {
-        watched.push_back({one.socket.get(), POLLIN, 0});
+        watched.push_back({one.hung_up ? -1 : one.socket.get(), POLLIN, 0});
         watched.push_back({one.command.get(), POLLIN, 0});
     }
     if (::poll(watched.data(), watched.size(), -1) < 0)
@@ -88,7 +88,7 @@ void server::wait_and_answer() {
 void server::accept_one() {
     unique_fd accepted{::accept4(control_.fd(), nullptr, nullptr, SOCK_CLOEXEC)};
     if (accepted)
-        connections_.push_back({std::move(accepted), {}, false, false});
+        connections_.push_back({std::move(accepted), {}, false, false, false});
 }
 
 void server::hear(connection& from) {
@@ -99,11 +99,12 @@ void server::hear(connection& from) {
     }
     // The tool is gone. Its command must not outlive it, whatever became of the death signal that
     // it asked for: a command that changes its user loses that.
-    from.socket.reset();
-    if (from.command)
+    from.hung_up = true;
+    if (from.command) {
         kill_process(from.command);
-    else
+    } else {
         from.keeps_alive = false;
+    }
 }
 
 void server::end_command(connection& of) {
@@ -114,14 +115,15 @@ void server::end_command(connection& of) {
 
 void server::answer(connection& from, message& received) {
     const auto asked = received.body.value("request", "");
-    if (asked == "member")
+    if (asked == "member") {
         welcome(from, received);
-    else if (asked == "built")
+    } else if (asked == "built") {
         accepts_ = true;
-    else if (asked == "rules")
+    } else if (asked == "rules") {
         send_message(from.socket.get(), change_rules(received.body));
-    else
+    } else {
         send_message(from.socket.get(), {{"error", "unknown request '" + asked + "'"}});
+    }
 }
 
 // The command's process asks to come in and brings a descriptor of itself.

@@ -40,6 +40,8 @@ class server {
         // The sandbox goes on as long as there is a command, or the first one has yet to come.
         bool keeps_alive = false;
         bool command_ended = false;
+        // Open all the same: its end tells the tool that we are done.
+        bool hung_up = false;
     };
     using connections = std::list<connection>;
 

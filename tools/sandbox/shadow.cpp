@@ -38,12 +38,13 @@ void show_entry(const std::string& path, const std::string& name) {
     struct stat found {};
     if (::lstat(source.c_str(), &found) != 0)
         return;
-    if (S_ISDIR(found.st_mode))
+    if (S_ISDIR(found.st_mode)) {
         bind_folder(source, target);
-    else if (S_ISLNK(found.st_mode))
+    } else if (S_ISLNK(found.st_mode)) {
         copy_link(source, target);
-    else if (::symlink((std::string{hidden_name} + "/" + name).c_str(), target.c_str()) != 0)
+    } else if (::symlink((std::string{hidden_name} + "/" + name).c_str(), target.c_str()) != 0) {
         throw failed_call("cannot make " + target);
+    }
 }
 
 void show_entries(const std::string& path, const std::set<std::string>& left_out) {

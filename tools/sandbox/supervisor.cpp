@@ -97,7 +97,7 @@ command_end wait_for(pid_t command, const watched_signals& signals, int connecti
             ::poll(watched.data(), watched.size(), sandbox_died ? grace_milliseconds : -1);
         signals.forward_to(command);
         if (const auto status = end_of(command))
-            return {*status, sandbox_died && WIFSIGNALED(*status)};
+            return {*status, sandbox_died};
         if (watched[1].revents != 0) {
             sandbox_died = true;
             watched[1].fd = -1;

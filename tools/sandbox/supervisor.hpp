@@ -5,7 +5,7 @@
 
 namespace sandbox {
 
-// How the command ended, as waitpid(2) says it, or that the sandbox broke down under it.
+// How the command ended, as waitpid(2) says it, and whether the sandbox ended before it.
 struct command_end {
     int wait_status = 0;
     bool sandbox_died = false;

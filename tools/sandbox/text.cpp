@@ -45,10 +45,11 @@ char escaped(char letter) {
 std::string unescape(std::string_view text) {
     std::string plain;
     for (std::size_t i = 0; i < text.size(); ++i) {
-        if (text[i] == '\\' && i + 1 < text.size())
+        if (text[i] == '\\' && i + 1 < text.size()) {
             plain += escaped(text[++i]);
-        else
+        } else {
             plain += text[i];
+        }
     }
     return plain;
 }

@@ -73,15 +73,17 @@ region parse_region(std::string_view text) {
     const auto first = parse_hex(ends.front());
     const auto last = parse_hex(ends.back());
     const std::string name{colon == std::string_view::npos ? "tarvo" : text.substr(colon + 1)};
-    if (ends.size() != 2 || !first || !last || name.empty())
+    if (ends.size() != 2 || !first || !last || name.empty()) {
         throw failure{
             "--region " + std::string{text} +
             ": write START-END or START-END:NAME, addresses in hexadecimal, END inclusive"};
+    }
     region made{*first, *last, name};
-    if (!is_usable(made))
+    if (!is_usable(made)) {
         throw failure{"--region " + std::string{text} +
                       ": END must be at or above START and at most " + to_hex(largest_pa) +
                       "; for an impossible line use --region-line"};
+    }
     return made;
 }
 

@@ -43,10 +43,11 @@ class kept_state {
 
     // What was kept by an earlier run is left as it is.
     static void make_if_missing(const std::string& folder, mode_t mode) {
-        if (::mkdir(folder.c_str(), mode) == 0)
+        if (::mkdir(folder.c_str(), mode) == 0) {
             ::chmod(folder.c_str(), mode);
-        else if (errno != EEXIST)
+        } else if (errno != EEXIST) {
             throw failed_call("--state: cannot make the folder " + folder);
+        }
     }
 
   private:
@@ -76,9 +77,10 @@ void make_mem_file(const std::string& path, std::uint64_t last_pa) {
     if (!file || ::fstat(file.get(), &found) != 0)
         throw failed_call("cannot make the file behind /dev/mem");
     const auto length = static_cast<off_t>(last_pa + 1);
-    if (found.st_size < length && ::ftruncate(file.get(), length) != 0)
+    if (found.st_size < length && ::ftruncate(file.get(), length) != 0) {
         throw failed_call("--region: no sparse file behind /dev/mem reaches to its end; choose a "
                           "lower END or leave out --state");
+    }
 }
 
 void build_dev(const world& played, const kept_state& state) {
@@ -95,9 +97,10 @@ void build_dev(const world& played, const kept_state& state) {
 
 void build_sys_kernel(const world& played) {
     shadow_folder("/sys/kernel", {iommu_file});
-    if (played.has(item::sysfs))
+    if (played.has(item::sysfs)) {
         bind_file("/proc/" + std::string{file_system::hidden_iommu_file},
                   std::string{"/sys/kernel/"} + iommu_file);
+    }
 }
 
 // /var/lock is a link on many machines; here it is a folder, so that what it leads to stays as it
