@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# Every file of the project that a document names is there.
+# Every file of the project that a document names is there, and every file of the library is in
+# the page that tells where things are decided.
 set -euo pipefail
 
 rooms='src|include|tools|tests|examples|scripts|docs|man|cmake|\.ci'
@@ -23,6 +24,13 @@ for document in README.md CONTRIBUTING.md CHANGELOG.md docs/*.md; do
         [[ -e $(dirname "$document")/$path ]] || complain "$document" "$path"
     done < <(grep -oE '\]\([^):]*\)' "$document" | sed -e 's/^](//' -e 's/)$//')
 done
+
+while read -r file; do
+    if ! grep -qF "\`${file%.*}." docs/architecture.md; then
+        echo "docs/architecture.md does not say what $file decides"
+        missing=1
+    fi
+done < <(find src -name '*.[ch]pp')
 
 # A pattern that finds nothing would find nothing wrong either.
 ((named > 50)) || { echo "only $named paths found"; missing=1; }
