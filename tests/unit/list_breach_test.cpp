@@ -200,8 +200,8 @@ TEST(list_alloc_ends_the_process, ByAMemoryFaultWhenTheChainIsExhausted) {
 TEST(list_free_ends_the_process, ForAnElementThatIsFree) {
     small_list list = list_with(2);
     list.remove(&list._arr[1]);
-    release(list, &list._arr[1]);
-    EXPECT_ABORT(release(list, &list._arr[1]), message(141, free_signature, "cur->allocated"));
+    list.free(&list._arr[1]);
+    EXPECT_ABORT(list.free(&list._arr[1]), message(141, free_signature, "cur->allocated"));
 }
 
 TEST(list_walk_ends_the_process, WhenTheHeadIsNotInUse) {

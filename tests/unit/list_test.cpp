@@ -263,7 +263,7 @@ TEST(list_free, ZeroesTheElementAndPutsItAtTheFrontOfTheFreeChain) {
     small_list list = list_with(3);
     list._arr[1].payload = 77;
     list.remove(&list._arr[1]);
-    release(list, &list._arr[1]);
+    list.free(&list._arr[1]);
     EXPECT_THAT(free_chain(list), ElementsAre(1, 3, 4));
     EXPECT_EQ(list._arr[1].next, 3);
     EXPECT_TRUE(is_zero(&list._arr[1].prev, sizeof(small_element) - sizeof(int32_t)));
@@ -272,7 +272,7 @@ TEST(list_free, ZeroesTheElementAndPutsItAtTheFrontOfTheFreeChain) {
 TEST(list_free, IntoAnExhaustedChainStartsANewOne) {
     small_list list = list_with(5);
     list.remove(&list._arr[3]);
-    release(list, &list._arr[3]);
+    list.free(&list._arr[3]);
     EXPECT_EQ(list._free, 3);
     EXPECT_EQ(list._arr[3].next, -1);
 }
@@ -282,7 +282,7 @@ TEST(list_free, ThenAllocHandsOutTheSameElementZeroButForItsLink) {
     small_element* freed = &list._arr[1];
     freed->payload = 77;
     list.remove(freed);
-    release(list, freed);
+    list.free(freed);
     const small_element* element = list.alloc();
     EXPECT_EQ(element, freed);
     EXPECT_EQ(element->next, 3);
@@ -296,7 +296,7 @@ TEST(list_free, HandsOutTheMostRecentlyFreedElementFirst) {
     small_list list = list_with(4);
     for (const int i : {2, 0, 3}) {
         list.remove(&list._arr[i]);
-        release(list, &list._arr[i]);
+        list.free(&list._arr[i]);
     }
     EXPECT_THAT(free_chain(list), ElementsAre(3, 0, 2, 4));
 }
@@ -344,11 +344,18 @@ TEST(list_bytes, AreTheSameListAtAnyOtherAddress) {
     auto* there = reinterpret_cast<small_list*>(room.data() + 64);
     std::memcpy(there, &here, sizeof here);
     there->remove(&there->_arr[1]);
-    release(*there, &there->_arr[1]);
+    there->free(&there->_arr[1]);
     there->append(there->alloc());
     EXPECT_THAT(walk(*there), ElementsAre(0, 2, 1));
     EXPECT_THAT(free_chain(*there), ElementsAre(3, 4));
 }
+
+struct outer_element {
+    int32_t next;
+    int32_t prev;
+    uint8_t allocated;
+    small_list inner;
+};
 
 TEST(list_free, ZeroesAnEmbeddedListToo) {
     ArrayBackedList<outer_element, 2> list{};
@@ -358,7 +365,7 @@ TEST(list_free, ZeroesAnEmbeddedListToo) {
     element->inner.init();
     element->inner.append(element->inner.alloc());
     list.remove(element);
-    release(list, element);
+    list.free(element);
     EXPECT_TRUE(is_zero(&element->inner, sizeof element->inner));
 }
 
