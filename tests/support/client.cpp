@@ -8,6 +8,7 @@
 #include <sstream>
 #include <stdexcept>
 #include <thread>
+#include <utility>
 
 namespace {
 
@@ -204,6 +205,11 @@ pid_t client::pid() {
         _pid = static_cast<pid_t>(number("pid"));
     }
     return _pid;
+}
+
+std::string client::new_text() {
+    const std::string all = error_text();
+    return without_signatures(without_lines(all.substr(std::exchange(_told, all.size()))));
 }
 
 std::vector<std::string> added(const std::vector<std::string>& before,

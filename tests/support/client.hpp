@@ -70,12 +70,16 @@ class client {
     pid_t pid();
     /// All of its standard error so far.
     std::string error_text() const { return _process.error_text(); }
+    /// What it has said there since this was last asked for, as without_lines() and
+    /// without_signatures() have it.
+    std::string new_text();
 
   private:
     std::int64_t number(const std::string& command);
 
     process _process;
     pid_t _pid = 0;
+    std::size_t _told = 0; ///< bytes of standard error that new_text() gave out
 };
 
 /// What is in `now` and was not in `before`, in the order of `now`.
