@@ -1,5 +1,6 @@
 #include "arguments.hpp"
 
+#include <bit>
 #include <cstdlib>
 #include <limits>
 #include <sstream>
@@ -114,8 +115,7 @@ int arguments::number_int(std::size_t i) const {
 }
 
 unsigned char* arguments::address(std::size_t i) const {
-    // The whole point of such an argument is an address that another command gave out.
-    return at(i) ? reinterpret_cast<unsigned char*>(number(i)) : nullptr;
+    return at(i) ? std::bit_cast<unsigned char*>(std::uintptr_t{number(i)}) : nullptr;
 }
 
 std::string quoted(std::string_view text) {

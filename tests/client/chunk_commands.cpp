@@ -2,6 +2,7 @@
 
 #include "tarvo.h"
 
+#include <algorithm>
 #include <vector>
 
 namespace {
@@ -77,10 +78,16 @@ std::string dump_begin(const arguments& /*none*/) {
     return yes_or_no(tarvo_dump_begin());
 }
 
-/// The line, or "end". The buffer is as long as the command says, and not a byte longer.
+/// The line, or "end"; "overrun" when a byte behind the buffer was written.
 std::string listed(const arguments& a, bool (*next)(char*, std::size_t)) {
-    std::vector<char> line(a.number(0));
-    return next(line.data(), line.size()) ? quoted(line.data()) : "end";
+    constexpr std::size_t fence_bytes = 1024; // longer than any line
+    constexpr char untouched = '\x5a';
+    const std::size_t room = a.number(0);
+    std::vector<char> line(room + fence_bytes, untouched);
+    const bool written = next(line.data(), room);
+    const bool kept = std::all_of(line.data() + room, line.data() + line.size(),
+                                  [](char c) { return c == untouched; });
+    return !kept ? "overrun" : written ? quoted(line.data()) : "end";
 }
 
 std::string dump_next(const arguments& a) {

@@ -1,6 +1,6 @@
 // Stand-ins for the C library's functions that the library under test calls. A program's own
 // symbols come before the C library's, so the library need not know; each forwards to the real one
-// unless it is ordered to fail.
+// unless it is ordered to fail. Parameters are called as in the C library's headers.
 
 #include "watch.hpp"
 
@@ -105,16 +105,16 @@ mode_t umask(mode_t mask) noexcept {
     return before;
 }
 
-int open(const char* path, int flags, ...) {
+int open(const char* file, int oflag, ...) {
     static const auto real = real_one<int(const char*, int, ...)>("open");
     std::va_list rest;
-    va_start(rest, flags);
-    const mode_t mode = (flags & O_CREAT) != 0 ? va_arg(rest, mode_t) : 0;
+    va_start(rest, oflag);
+    const mode_t mode = (oflag & O_CREAT) != 0 ? va_arg(rest, mode_t) : 0;
     va_end(rest);
-    const auto call = [=] { return real(path, flags, mode); };
-    return (flags & O_CREAT) != 0
-               ? watched("open", -1, call, shown(path), open_flags(flags), octal(mode))
-               : watched("open", -1, call, shown(path), open_flags(flags));
+    const auto call = [=] { return real(file, oflag, mode); };
+    return (oflag & O_CREAT) != 0
+               ? watched("open", -1, call, shown(file), open_flags(oflag), octal(mode))
+               : watched("open", -1, call, shown(file), open_flags(oflag));
 }
 
 int close(int fd) {
@@ -123,10 +123,10 @@ int close(int fd) {
         "close", -1, [=] { return real(fd); }, shown(fd));
 }
 
-ssize_t write(int fd, const void* bytes, size_t count) {
+ssize_t write(int fd, const void* buf, size_t n) {
     static const auto real = real_one<ssize_t(int, const void*, size_t)>("write");
     return watched<ssize_t>(
-        "write", -1, [=] { return real(fd, bytes, count); }, shown(fd), shown(count));
+        "write", -1, [=] { return real(fd, buf, n); }, shown(fd), shown(n));
 }
 
 int ftruncate(int fd, off_t length) noexcept {
@@ -144,39 +144,38 @@ int flock(int fd, int operation) noexcept {
         "flock", -1, [=] { return real(fd, operation); }, shown(fd), what);
 }
 
-void* mmap64(void* hint, size_t length, int protection, int flags, int fd,
-             off64_t offset) noexcept {
+void* mmap64(void* addr, size_t len, int prot, int flags, int fd, off64_t offset) noexcept {
     static const auto real = real_one<void*(void*, size_t, int, int, int, off64_t)>("mmap64");
     return watched(
-        "mmap64", MAP_FAILED, [=] { return real(hint, length, protection, flags, fd, offset); },
-        shown(hint), shown(length), shown(protection), shown(flags), shown(fd), shown(offset));
+        "mmap64", MAP_FAILED, [=] { return real(addr, len, prot, flags, fd, offset); }, shown(addr),
+        shown(len), shown(prot), shown(flags), shown(fd), shown(offset));
 }
 
-int munmap(void* address, size_t length) noexcept {
+int munmap(void* addr, size_t len) noexcept {
     static const auto real = real_one<int(void*, size_t)>("munmap");
     return watched(
-        "munmap", -1, [=] { return real(address, length); }, shown(address), shown(length));
+        "munmap", -1, [=] { return real(addr, len); }, shown(addr), shown(len));
 }
 
-FILE* fopen(const char* path, const char* mode) {
+FILE* fopen(const char* filename, const char* modes) {
     static const auto real = real_one<FILE*(const char*, const char*)>("fopen");
     return watched<FILE*>(
-        "fopen", nullptr, [=] { return real(path, mode); }, shown(path), shown(mode));
+        "fopen", nullptr, [=] { return real(filename, modes); }, shown(filename), shown(modes));
 }
 
-char* fgets(char* line, int count, FILE* stream) {
+char* fgets(char* s, int n, FILE* stream) {
     static const auto real = real_one<char*(char*, int, FILE*)>("fgets");
-    return refuses_to_format("fgets") ? nullptr : real(line, count, stream);
+    return refuses_to_format("fgets") ? nullptr : real(s, n, stream);
 }
 
-int setvbuf(FILE* stream, char* buffer, int mode, size_t size) noexcept {
+int setvbuf(FILE* stream, char* buf, int modes, size_t n) noexcept {
     static const auto real = real_one<int(FILE*, char*, int, size_t)>("setvbuf");
     // Any value but 0 is a failure, though the C library never answers with a positive one.
     if (watch::on() && watch::refuses("positive_setvbuf")) {
         return 1;
     }
     return watched(
-        "setvbuf", -1, [=] { return real(stream, buffer, mode, size); }, shown(mode), shown(size));
+        "setvbuf", -1, [=] { return real(stream, buf, modes, n); }, shown(modes), shown(n));
 }
 
 int fclose(FILE* stream) {
@@ -196,13 +195,13 @@ int fprintf(FILE* stream, const char* format, ...) {
     return count;
 }
 
-int asprintf(char** text, const char* format, ...) noexcept {
+int asprintf(char** ptr, const char* fmt, ...) noexcept {
     if (refuses_to_format("asprintf")) {
         return -1;
     }
     std::va_list arguments;
-    va_start(arguments, format);
-    const int count = vasprintf(text, format, arguments);
+    va_start(arguments, fmt);
+    const int count = vasprintf(ptr, fmt, arguments);
     va_end(arguments);
     return count;
 }

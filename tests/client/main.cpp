@@ -76,7 +76,7 @@ std::string carry_out(const arguments& a) {
         return known.known.run(a);
     }
     watch::begin();
-    const std::string reply = known.known.run(a);
+    std::string reply = known.known.run(a);
     watch::end();
     return reply;
 }

@@ -8,6 +8,7 @@
 #include "tarvo.h"
 
 #include <array>
+#include <bit>
 #include <cstring>
 
 namespace {
@@ -21,12 +22,12 @@ constexpr std::size_t device_bytes = 28;
 constexpr std::size_t first_reference_offset = 172;
 constexpr std::size_t reference_bytes = 16;
 
-std::uintptr_t area() {
+unsigned char* area() {
     const auto mapping = mapping_of("/tarvo_lib");
     if (!mapping) {
         throw command_error("the library has not started in this process");
     }
-    return mapping->start;
+    return std::bit_cast<unsigned char*>(mapping->start);
 }
 
 dma_chunk_t* chunk(const arguments& a, std::size_t i) {
@@ -38,8 +39,8 @@ iommu_dev_t* device(const arguments& a, std::size_t i) {
                                           device_bytes * a.number(i));
 }
 
-std::uintptr_t references(const dma_chunk_t* chunk) {
-    return reinterpret_cast<std::uintptr_t>(chunk) + first_reference_offset;
+unsigned char* references(dma_chunk_t* chunk) {
+    return reinterpret_cast<unsigned char*>(chunk) + first_reference_offset;
 }
 
 /// A chunk record of the client's own, in no list.
@@ -78,14 +79,17 @@ std::string add_dev(const arguments& a) {
     return "done";
 }
 
+/// The element number of the reference behind the removed one.
 std::string remove_dev(const arguments& a) {
     dma_chunk_t* const holder = chunk(a, 0);
-    const std::uintptr_t base = references(holder);
-    auto* const doomed = reinterpret_cast<iommu_dev_ref*>(base + reference_bytes * a.number(1));
-    const iommu_dev_ref* const next = remove_dev_from_chunk(holder, doomed);
-    return next == nullptr
-               ? "null"
-               : std::to_string((reinterpret_cast<std::uintptr_t>(next) - base) / reference_bytes);
+    unsigned char* const first = references(holder);
+    auto* const doomed = reinterpret_cast<iommu_dev_ref*>(first + reference_bytes * a.number(1));
+    iommu_dev_ref* const next = remove_dev_from_chunk(holder, doomed);
+    if (next == nullptr) {
+        return "null";
+    }
+    const auto bytes = static_cast<std::size_t>(reinterpret_cast<unsigned char*>(next) - first);
+    return std::to_string(bytes / reference_bytes);
 }
 
 std::string map_unmap(const arguments& a) {
@@ -108,6 +112,13 @@ std::string unmap_everything_from(const arguments& a) {
     return std::to_string(unmap_dev_all_chunks(device(a, 0)));
 }
 
+/// Where in the shared area the name lies that tarvo_find gives, as a file offset.
+std::string place_of_name(const arguments& a) {
+    std::uint32_t chunk_dma = 0;
+    const char* const name = tarvo_find(a.number_32(0), &chunk_dma);
+    return std::to_string(reinterpret_cast<const unsigned char*>(name) - area());
+}
+
 std::string stand_in_text(const arguments& /*none*/) {
     return quoted(*to_string_err);
 }
@@ -127,6 +138,7 @@ commands record_commands() {
         {"unmap_chunk_all_devs CHUNK", unmap_chunk_everywhere},
         {"map_chunks_to_dev DEVICE", map_everything_to},
         {"unmap_dev_all_chunks DEVICE", unmap_everything_from},
+        {"place_of_name DMA", place_of_name},
         {"to_string_err", stand_in_text},
     };
 }

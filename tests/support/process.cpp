@@ -51,6 +51,7 @@ void close_if_open(int& fd) {
     // Not those of whoever runs the tests: clients see the same numbers everywhere.
     close_range(STDERR_FILENO + 1, ~0U, CLOSE_RANGE_CLOEXEC);
     std::vector<char*> arguments;
+    arguments.reserve(words.size() + 1);
     for (const std::string& word : words) {
         arguments.push_back(const_cast<char*>(word.c_str()));
     }
