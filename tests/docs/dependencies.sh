@@ -2,83 +2,93 @@
 # The rule of dependencies: every #include line against the table in docs/architecture.md.
 set -euo pipefail
 
-# Rows of the table, without backticks: room and what else it may include.
-rows() {
-    sed -n '/^## The rule of dependencies/,/^## Where/p' docs/architecture.md |
-        tr -d '`' | grep -E '^\| [a-z]+/'
-}
-
-declare -A may_include
-while IFS='|' read -r _ room others _; do
-    room=${room// /}
-    may_include[$room]="$room $others"
-done < <(rows)
-
 mapfile -t files < <(find include src tools examples tests -name '*.[ch]pp' -o -name '*.[ch]')
 
-# room_of FILE: the most special row of the table that it falls under.
-room_of() {
-    local room best=
-    for room in "${!may_include[@]}"; do
-        if [[ $1 == "$room"* && ${#room} -gt ${#best} ]]; then
-            best=$room
-        fi
-    done
-    echo "$best"
+exec awk '
+function fault(text) {
+    print text
+    faults++
 }
 
-# resolve FILE NAME: the file of ours that an #include in FILE means: the one beside it, else the
-# one whose path ends so; nothing for another project's.
-resolve() {
-    local beside=${1%/*}/$2 file
-    if [[ -e $beside ]]; then
-        realpath --relative-to=. "$beside"
-        return
-    fi
-    for file in "${files[@]}"; do
-        if [[ $file == */"$2" ]]; then
-            echo "$file"
-        fi
-    done
+# The most special row of the table that a file falls under.
+function room_of(file,    room, best) {
+    for (room in may_include)
+        if (index(file, room) == 1 && length(room) > length(best))
+            best = room
+    return best
 }
 
-# allowed ROOM FILE
-allowed() {
-    local room
-    for room in ${may_include[$1]}; do
-        if [[ $2 == "$room"* ]]; then
-            return 0
-        fi
-    done
-    return 1
+function ends_with(text, end) {
+    return substr(text, length(text) - length(end) + 1) == end
 }
 
-faults=0
-fault() {
-    echo "$1"
-    faults=$((faults + 1))
+# What an #include means: the file beside this one, else the one whose path ends so, of the same
+# top folder if there is one; nothing if it is not ours. Several are put down as "a or b".
+function meant_by(name, file,    i, beside, top, near, far) {
+    beside = file
+    sub(/[^\/]*$/, name, beside)
+    if (beside in ours)
+        return beside
+    top = substr(file, 1, index(file, "/"))
+    for (i in ours)
+        if (ends_with("/" i, "/" name)) {
+            if (index(i, top) == 1)
+                near = near (near ? " or " : "") i
+            else
+                far = far (far ? " or " : "") i
+        }
+    return near ? near : far
 }
 
-seen=0
-for file in "${files[@]}"; do
-    room=$(room_of "$file")
-    if [[ -z $room ]]; then
-        fault "$file is in no room of the table"
-        continue
-    fi
-    while read -r name; do
-        mapfile -t targets < <(resolve "$file" "$name")
-        ((${#targets[@]} > 0)) || continue
-        seen=$((seen + 1))
-        if ((${#targets[@]} > 1)); then
-            fault "$file includes $name, which can be any of ${targets[*]}"
-        elif ! allowed "$room" "${targets[0]}"; then
-            fault "$file ($room) must not include ${targets[0]}"
-        fi
-    done < <(sed -nE 's/^[[:space:]]*#[[:space:]]*include[[:space:]]*["<]([^">]+)[">].*/\1/p' "$file")
-done
+function allowed(room, target,    i, n, rooms) {
+    n = split(room " " may_include[room], rooms, " ")
+    for (i = 1; i <= n; i++)
+        if (index(target, rooms[i]) == 1)
+            return 1
+    return 0
+}
 
-# A reader that sees nothing would find nothing wrong either.
-((${#may_include[@]} >= 10 && seen > 50)) ||
-    fault "only ${#may_include[@]} rooms and $seen #include lines found"
-exit $((faults > 0))
+BEGIN {
+    for (i = 2; i < ARGC; i++)
+        ours[ARGV[i]]
+}
+
+FILENAME == ARGV[1] {
+    if (/^## /)
+        in_rule = /rule of dependencies/
+    if (in_rule && /^\| `/) {
+        gsub(/`/, "")
+        split($0, column, " *\\| *")
+        may_include[column[2]] = column[3]
+        rows++
+    }
+    next
+}
+
+FNR == 1 {
+    room = room_of(FILENAME)
+    if (!room)
+        fault(FILENAME " is in no room of the table")
+}
+
+room && /^[ \t]*#[ \t]*include[ \t]*["<]/ {
+    name = $0
+    gsub(/^[^"<]*["<]|[">].*$/, "", name)
+    sub(/^(\.\.?\/)+/, "", name)
+    target = meant_by(name, FILENAME)
+    if (!target)
+        next
+    seen++
+    if (target ~ / or /)
+        fault(FILENAME " includes " name ", which can be " target)
+    else if (!allowed(room, target))
+        fault(FILENAME " (" room ") must not include " target)
+}
+
+END {
+    # A reader that sees nothing would find nothing wrong either.
+    if (rows < 10 || seen < 100)
+        fault("only " rows " rooms and " seen " #include lines found")
+    exit faults > 0
+}
+' docs/architecture.md "${files[@]}"
