@@ -34,7 +34,7 @@ std::string parent_line(pid_t pid) {
 class Lifetime : public testing::Test {
   protected:
     void SetUp() override {
-        ASSERT_TRUE(eventually([&] { return line(3) != ""; }));
+        ASSERT_TRUE(eventually([&] { return !line(3).empty(); }));
         mount_namespace = line(1);
         command = std::stoi(line(2));
         helper = std::stoi(line(3));
@@ -80,8 +80,8 @@ class Lifetime : public testing::Test {
     std::string socket = folder.path("control");
     // The helper is a child of the command, which nobody but the sandbox cleans up.
     running_program first{tool({"--world", "low", "--control", socket, "--", "sh", "-c",
-                                "readlink /proc/self/ns/mnt; echo $$; sleep 1000 & echo $!; "
-                                "trap 'exit 7' TERM; while :; do sleep 0.01; done"})};
+                                R"(readlink /proc/self/ns/mnt; echo $$; sleep 1000 & echo $!
+                                trap 'exit 7' TERM; while :; do sleep 0.01; done)"})};
     std::string mount_namespace;
     pid_t command = -1;
     pid_t helper = -1;

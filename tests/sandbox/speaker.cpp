@@ -35,12 +35,13 @@ int flags_of(std::string_view mode) {
 }
 
 void tell(const char* call, ssize_t result) {
-    if (result < 0)
+    if (result < 0) {
         std::printf("%s %s\n", call, ::strerrorname_np(errno));
-    else if (std::string_view{call} == "write")
+    } else if (std::string_view{call} == "write") {
         std::printf("write %zd\n", result);
-    else
+    } else {
         std::printf("%s ok\n", call);
+    }
     tell_log_lines();
 }
 

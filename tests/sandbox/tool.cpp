@@ -69,10 +69,11 @@ outcome running_program::wait() {
         throw std::runtime_error{"the program cannot be waited for"};
     pid_ = -1;
     outcome ended;
-    if (WIFEXITED(status))
+    if (WIFEXITED(status)) {
         ended.status = WEXITSTATUS(status);
-    else
+    } else {
         ended.signal = WTERMSIG(status);
+    }
     ended.output = output();
     ended.errors = file_text(folder_.path("err"));
     return ended;
