@@ -57,7 +57,7 @@ bool is_socket(socket_place& place) {
            S_ISSOCK(found.st_mode);
 }
 
-// Only a socket: connecting to any other file is refused in the same way, and that file is not ours.
+// Only a socket: connecting to any other file is refused alike, and that file is not ours.
 void remove_if_nobody_answers(socket_place& place) {
     if (!is_socket(place))
         return;
