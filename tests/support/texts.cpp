@@ -1,5 +1,8 @@
 #include "texts.hpp"
 
+#include "process.hpp"
+
+#include <csignal>
 #include <regex>
 #include <sstream>
 
@@ -40,6 +43,10 @@ std::string no_region_at_all() {
     return "tarvo: failed to open /proc/tarvo\n: No such file or directory\n"
            "tarvo_init: no DMA memory found\nSIMULATION_VMID environ variable probably missing\n"
            "tarvo: failed to initialize library\n";
+}
+
+std::string aborted(std::string_view last_words) {
+    return shown(ended_by(SIGABRT)) + "\n" + std::string(last_words);
 }
 
 std::string hex(std::uint64_t number) {

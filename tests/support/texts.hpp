@@ -19,5 +19,12 @@ std::string traced(int level, std::string_view function, std::string_view text);
 /// What a call says that finds no region because /proc/tarvo is missing.
 std::string no_region_at_all();
 
+/// As fatal_outcome() shows an abort with these last words.
+std::string aborted(std::string_view last_words);
+
+/// The last words of a program whose release of the lock was made to fail with EBADF.
+inline constexpr const char* release_failed =
+    "tarvo: failed to release lock: Bad file descriptor\n";
+
 /// As %x and %zx have it.
 std::string hex(std::uint64_t number);
