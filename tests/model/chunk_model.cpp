@@ -1,0 +1,268 @@
+// The library model: making chunks, giving them up, and memory of the kernel's allocator.
+
+#include "library_model.hpp"
+
+#include <cerrno>
+#include <cstring>
+#include <limits>
+#include <stdexcept>
+
+namespace model {
+
+namespace {
+
+constexpr std::uint64_t no_cma = std::numeric_limits<std::uint64_t>::max();
+
+/// All of it, or the first and the last 47 characters: a field of 100 bytes holds no more.
+std::string stored_creator(const std::string& creator) {
+    if (creator.size() <= 99) {
+        return creator;
+    }
+    return creator.substr(0, 47) + " ... " + creator.substr(creator.size() - 47);
+}
+
+std::string cma_command(char letter, const std::string& name, std::uint32_t size) {
+    return text_of("%c %s %x\n", letter, name.c_str(), size);
+}
+
+} // namespace
+
+/// The first chunk of that name; neither sentinel is one.
+chunk* library::find_by_name(const std::string& name) {
+    for (std::size_t i = 1; i + 1 < _area.chunks.size(); i++) {
+        if (_area.chunks[i].name == name) {
+            return &_area.chunks[i];
+        }
+    }
+    return nullptr;
+}
+
+bool library::chunk_desc_check(const chunk& one) {
+    const bool good = one.pa >= _machine.where.start && one.end() <= _machine.where.end();
+    if (!good) {
+        say(text_of("tarvo: chunk_desc_check() - DMA memory corrupted: chunk (%d), pa (%llx), "
+                    "size (%d)\n",
+                    one.element, static_cast<unsigned long long>(one.pa),
+                    static_cast<int>(one.size)));
+    }
+    return good;
+}
+
+std::uint32_t library::alloc(const text& name, std::uint64_t size, const text& creator) {
+    if (!init_or_say()) {
+        return 0;
+    }
+    require(!read(name).empty() && read(name).size() < 50, "tarvo",
+            "len_name > 0 && (len_name < 50)");
+    require(!read(creator).empty(), "tarvo", "len_agent_name > 0");
+    require(size != 0, "tarvo", "size");
+    lock();
+    const auto page = static_cast<std::uint32_t>(page_bytes());
+    const std::uint32_t rounded = page * ((static_cast<std::uint32_t>(size) + page - 1) / page);
+    chunk* const existing = find_by_name(read(name));
+    if (existing != nullptr && existing->size == rounded) {
+        return reuse(*existing);
+    }
+    if (existing != nullptr) {
+        say("tarvo: find_chunk_desc() size mismatch, see tarvo\n\n");
+    }
+    return make_chunk(read(name), rounded, read(creator));
+}
+
+std::uint32_t library::reuse(chunk& existing) {
+    if (!chunk_desc_check(existing)) {
+        return discard(existing);
+    }
+    unlock();
+    return pa_to_dma(existing.pa);
+}
+
+/// Takes a chunk off the list, without a word to the IOMMU.
+std::uint32_t library::discard(const chunk& one) {
+    const std::string name = one.name;
+    const std::uint32_t size = one.size;
+    _area.give_back_chunk(one.element);
+    if (_machine.where.cma) {
+        free_cma_allocation(name, size);
+    }
+    unlock();
+    return 0;
+}
+
+std::uint32_t library::make_chunk(const std::string& name, std::uint32_t rounded,
+                                  const std::string& creator) {
+    if (_area.free_chunks.empty()) {
+        unlock();
+        return 0;
+    }
+    chunk fresh;
+    fresh.element = _area.take_chunk();
+    fresh.name = name;
+    fresh.creator = stored_creator(creator);
+    if (place(fresh, rounded)) {
+        return finish(*_area.chunk_at(fresh.element));
+    }
+    // It was never in the list.
+    _area.give_back_chunk(fresh.element);
+    if (_machine.where.cma) {
+        free_cma_allocation(name, rounded);
+    }
+    unlock();
+    return 0;
+}
+
+bool library::place(chunk& fresh, std::uint32_t rounded) {
+    return _machine.where.cma ? place_in_cma(fresh, rounded) : place_in_region(fresh, rounded);
+}
+
+void library::insert_in_order(const chunk& fresh, std::size_t position) {
+    _area.chunks.insert(_area.chunks.begin() + static_cast<std::ptrdiff_t>(position), fresh);
+}
+
+/// First fit, at the low end of the gap.
+bool library::place_in_region(chunk& fresh, std::uint32_t rounded) {
+    for (std::size_t cur = 1; cur < _area.chunks.size(); cur++) {
+        const chunk& prev = _area.chunks[cur - 1];
+        if (_area.chunks[cur].pa - prev.pa - prev.size >= rounded) {
+            fresh.pa = prev.end();
+            fresh.size = rounded;
+            fresh.devs.emplace();
+            insert_in_order(fresh, cur);
+            return true;
+        }
+    }
+    return false;
+}
+
+/// Where the driver says, if that is in a gap; the end is not looked at.
+bool library::place_in_cma(chunk& fresh, std::uint32_t rounded) {
+    fresh.pa = get_cma_allocation(fresh.name, rounded);
+    for (std::size_t cur = 1; fresh.pa != 0 && cur < _area.chunks.size(); cur++) {
+        if (_area.chunks[cur - 1].end() <= fresh.pa && fresh.pa < _area.chunks[cur].pa) {
+            fresh.size = rounded;
+            fresh.devs.emplace();
+            insert_in_order(fresh, cur);
+            return true;
+        }
+    }
+    return false;
+}
+
+std::uint32_t library::finish(const chunk& fresh) {
+    if (!chunk_desc_check(fresh)) {
+        return discard(fresh);
+    }
+    const int element = fresh.element;
+    if (map_chunk_all_devs(*_area.chunk_at(element)) != 0) {
+        roll_back(element);
+    }
+    unlock();
+    zero_memory(fresh);
+    return pa_to_dma(fresh.pa);
+}
+
+void library::zero_memory(const chunk& fresh) {
+    if (fresh.size == 0 || fresh.pa % page_bytes() != 0) {
+        perror("tarvo_alloc: mmap failed!", EINVAL);
+        lock();
+        roll_back(fresh.element);
+    }
+    _machine.pages.erase(_machine.pages.lower_bound(fresh.pa),
+                         _machine.pages.lower_bound(fresh.end()));
+}
+
+/// The chunk is unmapped only after its record was zeroed, which ends the process.
+void library::roll_back(int element) {
+    _area.give_back_chunk(element);
+    chunk zeroed;
+    unmap_chunk_all_devs(zeroed);
+    throw std::logic_error("unmapping a zeroed record went well");
+}
+
+int library::free(const text& name) {
+    require(!read(name).empty(), "tarvo", "len");
+    if (!init_or_say()) {
+        return -1;
+    }
+    lock();
+    chunk* doomed = find_by_name(*name);
+    // The last element is compared here, too.
+    if (doomed == nullptr && _area.tail().name == *name) {
+        doomed = &_area.tail();
+    }
+    if (doomed == nullptr || (_machine.where.cma && free_cma_allocation(*name, doomed->size) < 0)) {
+        unlock();
+        return -1;
+    }
+    const int result = unmap_chunk_all_devs(*doomed);
+    if (result == 0) {
+        _area.give_back_chunk(doomed->element);
+    }
+    unlock();
+    return result;
+}
+
+std::uint64_t library::get_cma_allocation(const std::string& name, std::uint32_t size) {
+    if (!ask_for_cma(name, size)) {
+        return no_cma;
+    }
+    listing seen;
+    if (const int error = _machine.kernel.open_for_reading(seen); error != 0) {
+        say(text_of("Error opening /proc/tarvo: %s\n", std::strerror(error)));
+        return no_cma;
+    }
+    const std::uint64_t pa = look_up_cma(name, size, seen);
+    _machine.kernel.close("proc");
+    return pa;
+}
+
+bool library::ask_for_cma(const std::string& name, std::uint32_t size) {
+    driver& kernel = _machine.kernel;
+    if (const int error = kernel.open_for_writing("proc"); error != 0) {
+        say(text_of("Error opening /proc/tarvo: %s\n", std::strerror(error)));
+        return false;
+    }
+    const request asked{"allocate", {}, 0, name, size};
+    const int error = kernel.write("proc", asked, cma_command('a', name, size));
+    const bool accepted = error == 0 || error == EEXIST;
+    if (!accepted) {
+        say(text_of("Error allocating CMA: %s\n", std::strerror(error)));
+    }
+    kernel.close("proc", &asked);
+    return accepted;
+}
+
+std::uint64_t library::look_up_cma(const std::string& name, std::uint32_t size,
+                                   const listing& shown) {
+    if (shown.is_empty()) {
+        say("Expected at least 1 line in /proc/tarvo\n");
+        return no_cma;
+    }
+    // The first line is skipped unread, whatever it is.
+    for (std::size_t i = shown.has_region_line ? 0 : 1; i < shown.lines.size(); i++) {
+        const listing_line& line = shown.lines[i];
+        if (!line.pa || !line.size) {
+            say("Error parsing /proc/tarvo\n");
+            return no_cma;
+        }
+        if (line.name == name && *line.size == size) {
+            return *line.pa;
+        }
+    }
+    return no_cma;
+}
+
+int library::free_cma_allocation(const std::string& name, std::uint32_t size) {
+    driver& kernel = _machine.kernel;
+    if (const int error = kernel.open_for_writing("proc"); error != 0) {
+        say(text_of("Error opening /proc/tarvo: %s\n", std::strerror(error)));
+        return -1;
+    }
+    // The line leaves the buffer when the file is closed, where a refusal goes unnoticed.
+    const request asked{"release", {}, 0, name, size};
+    kernel.write("proc", asked, cma_command('r', name, size));
+    kernel.close("proc", &asked);
+    return 0;
+}
+
+} // namespace model

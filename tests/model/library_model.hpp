@@ -1,0 +1,175 @@
+#pragma once
+
+#include "driver_model.hpp"
+#include "records.hpp"
+#include "world.hpp"
+
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace model {
+
+/// What all processes of the machine share.
+struct machine_state {
+    explicit machine_state(const world& chosen) : where(chosen), kernel(chosen) {}
+
+    world where;
+    shared_area area;
+    driver kernel;
+    std::map<std::uint64_t, std::uint8_t> pages; ///< what pages are filled with, by pa; else zero
+    std::optional<int> lock_holder;              ///< number of a process
+};
+
+/// A mapping of a window of a chunk, which outlives the chunk.
+struct mapping {
+    std::uint64_t pa;
+    std::uint64_t bytes;
+    bool writable;
+};
+
+struct process_state {
+    explicit process_state(int its_number) : number(its_number) {}
+
+    int number;
+    bool started = false;
+    std::optional<int> chunk_cursor; ///< element
+    std::optional<int> device_cursor;
+    int whole_region_count = 0;
+    std::map<std::string, mapping> mappings; ///< by the names that steps give them
+    std::string error_text;                  ///< what it has said since the last step
+};
+
+/// Thrown where the text ends the process.
+struct process_end {
+    int signal;
+};
+
+/// Printf-style text.
+[[gnu::format(printf, 1, 2)]] std::string text_of(const char* format, ...);
+
+/// The whole library, as one process uses it: each operation step by step, with nothing shared
+/// between them that the text does not share.
+class library {
+  public:
+    library(machine_state& machine, process_state& process)
+        : _machine(machine), _area(machine.area), _process(process) {}
+
+    // Names can be null pointers.
+    using text = std::optional<std::string>;
+
+    std::uint32_t alloc(const text& name, std::uint64_t size, const text& creator);
+    int free(const text& name);
+
+    /// Nothing: null.
+    std::optional<mapping> map(const text& name, bool writable, std::uint64_t offset,
+                               std::uint64_t size);
+    /// The bytes that munmap takes away at `va`; nothing when it refuses.
+    std::optional<std::uint64_t> unmap(const text& name, std::uint64_t va, std::uint64_t size,
+                                       const std::string& va_text);
+    /// A name, or nothing for null, and what is stored if anything is.
+    struct answer {
+        text name;
+        std::optional<std::uint32_t> chunk_dma;
+    };
+    answer find(std::uint32_t dma);
+
+    enum class whole_region { null, fresh, same };
+    whole_region map_all();
+    void unmap_all();
+
+    std::uint64_t dma_to_pa(std::uint32_t dma);
+    std::uint32_t pa_to_dma(std::uint64_t pa);
+    struct dma_range {
+        std::uint32_t start;
+        std::uint32_t end;
+    };
+    std::optional<dma_range> get_limits();
+
+    int register_device(const device& wanted);
+    int unregister_device(const device& wanted);
+    int iommu_map(const device& one, std::uint32_t prot);
+    int iommu_unmap(const device& one);
+
+    bool dump_begin();
+    std::optional<std::string> dump_next(std::uint64_t room);
+    std::optional<std::string> dump_next_device(std::uint64_t room);
+    int dump_end();
+
+  private:
+    // Speaking and ending.
+    void say(const std::string& words) { _process.error_text += words; }
+    void perror(const char* words, int error);
+    /// `place`: source and line, with the signature where the text gives it.
+    void require(bool holds, const char* place, const char* expression);
+    [[noreturn]] static void fault();
+    static const std::string& read(const text& name);
+
+    // Start-up and lock.
+    bool init();
+    bool init_or_say();
+    bool find_region();
+    bool read_region_line();
+    void build_area();
+    void lock() { _machine.lock_holder = _process.number; }
+    /// What another process holds stays locked.
+    void unlock() {
+        if (_machine.lock_holder == _process.number) {
+            _machine.lock_holder.reset();
+        }
+    }
+    bool is_high() const;
+
+    // Chunks.
+    chunk* find_by_name(const std::string& name);
+    std::uint32_t reuse(chunk& existing);
+    std::uint32_t make_chunk(const std::string& name, std::uint32_t rounded,
+                             const std::string& creator);
+    bool place(chunk& fresh, std::uint32_t rounded);
+    bool place_in_region(chunk& fresh, std::uint32_t rounded);
+    bool place_in_cma(chunk& fresh, std::uint32_t rounded);
+    std::uint32_t finish(const chunk& fresh);
+    void zero_memory(const chunk& fresh);
+    bool chunk_desc_check(const chunk& one);
+    void insert_in_order(const chunk& fresh, std::size_t position);
+    [[noreturn]] void roll_back(int element);
+    std::uint32_t discard(const chunk& one);
+
+    // Contiguous memory of the kernel's.
+    std::uint64_t get_cma_allocation(const std::string& name, std::uint32_t size);
+    bool ask_for_cma(const std::string& name, std::uint32_t size);
+    std::uint64_t look_up_cma(const std::string& name, std::uint32_t size, const listing& shown);
+    int free_cma_allocation(const std::string& name, std::uint32_t size);
+
+    // Requests to the IOMMU.
+    struct iommu_mapping {
+        std::uint64_t start_pa;
+        std::uint64_t end_pa;
+        std::uint32_t start_dma;
+    };
+    iommu_mapping checked_mapping(std::uint64_t start_pa, std::uint64_t end_pa,
+                                  std::uint32_t start_dma, std::uint32_t end_dma);
+    iommu_mapping whole_region_range(const char* place);
+    int iommu_act(const char* op, const device& to, std::uint32_t prot, const iommu_mapping& range);
+    int write_request(const char* op, const device& to, std::uint32_t prot,
+                      const iommu_mapping& range);
+    int map_unmap_chunk(const char* op, const chunk& one, const device& to);
+    bool is_gone() const;
+    int map_chunk_all_devs(chunk& one);
+    int unmap_chunk_all_devs(chunk& one);
+    bool unmap_from(const chunk& one, int dev);
+    int map_chunks_to_dev(device& to);
+    int unmap_dev_all_chunks(device& from);
+    static void add_dev_to_chunk(chunk& one, int dev);
+    static void remove_ref(chunk& one, std::size_t position);
+    device* find_device(const device& wanted);
+
+    machine_state& _machine;
+    shared_area& _area;
+    process_state& _process;
+    int _errno = 0;
+};
+
+} // namespace model
