@@ -23,7 +23,7 @@ int iommu_machine::unregister_device(const pci_device& device) {
     return user.unregister_device(device.domain, device.bus, device.devfn);
 }
 
-void iommu_machine::set_online(int device, bool online) {
+void iommu_machine::set_online(int device, bool online) const {
     box.writable_area().writer().u8(area_offset::device(device) + area_offset::online,
                                     online ? 1 : 0);
 }

@@ -21,7 +21,7 @@ class iommu_machine {
     int register_device(const pci_device& device);
     int unregister_device(const pci_device& device);
     /// Writes the flag into the shared area, without the library.
-    void set_online(int device, bool online);
+    void set_online(int device, bool online) const;
 
     /// Request lines, and all that the request file was asked as shown() says it, since the last
     /// time.

@@ -33,8 +33,8 @@ class bookkeeping_refused : public testing::TestWithParam<world> {
                        int error) const {
         return chunk_refusal(op, device, GetParam(), scene.place(chunk), error);
     }
-    texts lines(const char* op, const std::vector<pci_device>& devices,
-                const std::vector<chunk_place>& chunks) const {
+    static texts lines(const char* op, const std::vector<pci_device>& devices,
+                       const std::vector<chunk_place>& chunks) {
         return chunk_lines(op, devices, GetParam(), chunks);
     }
     /// What the walks over the chunks found: their devices and the flags of the three devices.
@@ -295,9 +295,10 @@ TEST(the_report_of_a_failed_request, HasAStandInForEachTextThatCannotBeFormatted
         scene.box.add_rules({"op=unmap,errno=EIO"});
         scene.call(order);
         EXPECT_EQ(scene.call("map_unmap_chunk unmap 2 0"), "-1");
-        EXPECT_EQ(scene.user.new_text(),
-                  chunk_request("unmap", first, low, scene.place(0)).refusal(EIO) +
-                      "map_unmap_chunk: unmap on dev " + device + " failed: -1, " + where + "\n");
+        std::string report = chunk_request("unmap", first, low, scene.place(0)).refusal(EIO);
+        report += "map_unmap_chunk: unmap on dev " + device;
+        report += " failed: -1, " + where + "\n";
+        EXPECT_EQ(scene.user.new_text(), report);
     }
 }
 

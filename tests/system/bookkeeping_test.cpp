@@ -84,8 +84,8 @@ class bookkeeping : public testing::TestWithParam<world> {
     bookkeeping() : scene(GetParam()) {}
     ~bookkeeping() override { EXPECT_EQ(area_breaches(scene.box.area().view()), texts{}); }
 
-    texts lines(const char* op, const std::vector<pci_device>& devices,
-                const std::vector<chunk_place>& chunks) const {
+    static texts lines(const char* op, const std::vector<pci_device>& devices,
+                       const std::vector<chunk_place>& chunks) {
         return chunk_lines(op, devices, GetParam(), chunks);
     }
 

@@ -43,15 +43,15 @@ class registry : public testing::TestWithParam<world> {
         machine.user.alloc("rx_ring", pages(1));
         machine.user.alloc("tx_ring", pages(2));
     }
-    std::vector<chunk_place> both() const {
+    static std::vector<chunk_place> both() {
         return {{GetParam().start, static_cast<std::uint32_t>(pages(1))},
                 {GetParam().start + pages(1), static_cast<std::uint32_t>(pages(2))}};
     }
-    texts lines(const char* op, const std::vector<pci_device>& devices) const {
+    static texts lines(const char* op, const std::vector<pci_device>& devices) {
         return chunk_lines(op, devices, GetParam(), both());
     }
-    std::string refusal(const char* op, const pci_device& device, std::size_t chunk,
-                        int error) const {
+    static std::string refusal(const char* op, const pci_device& device, std::size_t chunk,
+                               int error) {
         return chunk_refusal(op, device, GetParam(), both().at(chunk), error);
     }
     std::vector<numbers> devices_of_both() const {

@@ -18,7 +18,7 @@ class the_whole_region : public testing::TestWithParam<world> {
     the_whole_region() : machine(GetParam()) {}
     ~the_whole_region() override { EXPECT_TRUE(lock_is_free(machine.box.lock_file())); }
 
-    iommu_request request(const char* op, std::uint32_t prot) const {
+    static iommu_request request(const char* op, std::uint32_t prot) {
         return region_request(op, first, GetParam(), prot);
     }
     /// A chunk, record 2, mapped for the first device, record 0.
@@ -28,7 +28,7 @@ class the_whole_region : public testing::TestWithParam<world> {
         machine.new_events();
         machine.new_lines();
     }
-    chunk_place chunk() const {
+    static chunk_place chunk() {
         return {GetParam().start, static_cast<std::uint32_t>(page_bytes())};
     }
 
