@@ -218,15 +218,15 @@ TEST(an_area_that_cannot_be_sized, StaysOpenAndHasDescriptor0ClosedInstead) {
     sandbox machine(low);
     std::filesystem::create_symlink("/dev/null", machine.hardware_area());
     client user = machine.start();
-    const texts before = user.descriptors();
-    ASSERT_EQ(before.front().substr(0, 2), "0:");
+    const texts at_first = user.descriptors();
+    ASSERT_EQ(at_first.front().substr(0, 2), "0:");
     EXPECT_EQ(user.limits(), failed);
     EXPECT_EQ(user.error_text(),
               "Failed to truncate /var/shmem/tarvo_lib: Invalid argument\n" + not_ready);
-    const texts now = user.descriptors();
-    EXPECT_EQ(added(now, before), texts{before.front()});
-    ASSERT_EQ(added(before, now).size(), 1U);
-    EXPECT_EQ(added(before, now).front().substr(0, 2), "5:");
+    const texts in_the_end = user.descriptors();
+    EXPECT_EQ(added(in_the_end, at_first), texts{at_first.front()});
+    ASSERT_EQ(added(at_first, in_the_end).size(), 1U);
+    EXPECT_EQ(added(at_first, in_the_end).front().substr(0, 2), "5:");
 }
 
 TEST(an_area_that_cannot_be_sized, MakesTheNextAttemptUseDescriptor0) {
