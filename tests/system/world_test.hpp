@@ -24,7 +24,7 @@ class world_test : public testing::TestWithParam<world> {
     static std::string taken() { return std::string("flock(") + lock_fd() + ",LOCK_EX)=0 "; }
     static std::string released() { return std::string(" flock(") + lock_fd() + ",LOCK_UN)=0"; }
     /// The calls of an operation that looked at the area and left it at that.
-    std::string only_the_lock() const { return taken() + released().substr(1); }
+    static std::string only_the_lock() { return taken() + released().substr(1); }
 
     sandbox machine{GetParam()};
     client user = machine.start();
