@@ -114,8 +114,16 @@ int arguments::number_int(std::size_t i) const {
     return static_cast<int>(number_32(i));
 }
 
+std::size_t arguments::size(std::size_t i) const {
+    const std::uint64_t wide = number(i);
+    if (wide > std::numeric_limits<std::size_t>::max()) {
+        throw command_error("more than this process's words hold: " + *at(i));
+    }
+    return static_cast<std::size_t>(wide);
+}
+
 unsigned char* arguments::address(std::size_t i) const {
-    return at(i) ? std::bit_cast<unsigned char*>(std::uintptr_t{number(i)}) : nullptr;
+    return at(i) ? std::bit_cast<unsigned char*>(size(i)) : nullptr;
 }
 
 std::string quoted(std::string_view text) {

@@ -29,6 +29,8 @@ class arguments {
     std::uint64_t number(std::size_t i) const;
     std::uint32_t number_32(std::size_t i) const;
     int number_int(std::size_t i) const;
+    /// No more than this process's words hold.
+    std::size_t size(std::size_t i) const;
     /// An address in this process, as another command's reply gave it; null for @null.
     unsigned char* address(std::size_t i) const;
 

@@ -24,7 +24,7 @@ bool truth(const arguments& a, std::size_t i) {
 }
 
 std::string alloc(const arguments& a) {
-    return hexadecimal(tarvo_alloc_func(a.text(0), a.number(1), a.text(2)));
+    return hexadecimal(tarvo_alloc_func(a.text(0), a.size(1), a.text(2)));
 }
 
 std::string free_chunk(const arguments& a) {
@@ -32,11 +32,11 @@ std::string free_chunk(const arguments& a) {
 }
 
 std::string map(const arguments& a) {
-    return pointer(tarvo_map(a.text(0), truth(a, 1), a.number(2), a.number(3)));
+    return pointer(tarvo_map(a.text(0), truth(a, 1), a.size(2), a.size(3)));
 }
 
 std::string unmap(const arguments& a) {
-    return status(tarvo_unmap(a.text(0), a.address(1), a.number(2)));
+    return status(tarvo_unmap(a.text(0), a.address(1), a.size(2)));
 }
 
 /// The second result is shown as it was left, to tell "not written" from "written as 0".
@@ -82,7 +82,7 @@ std::string dump_begin(const arguments& /*none*/) {
 std::string listed(const arguments& a, bool (*next)(char*, std::size_t)) {
     constexpr std::size_t fence_bytes = 1024; // longer than any line
     constexpr char untouched = '\x5a';
-    const std::size_t room = a.number(0);
+    const std::size_t room = a.size(0);
     std::vector<char> line(room + fence_bytes, untouched);
     const bool written = next(line.data(), room);
     const bool kept = std::all_of(line.data() + room, line.data() + line.size(),

@@ -31,7 +31,7 @@ std::string poke(const arguments& a) {
 }
 
 std::string fill(const arguments& a) {
-    std::memset(place(a), a.number_int(3), a.number(2));
+    std::memset(place(a), a.number_int(3), a.size(2));
     return "done";
 }
 
@@ -47,7 +47,7 @@ std::string filled(const arguments& a) {
 }
 
 std::string unmap_memory(const arguments& a) {
-    return munmap(a.address(0), a.number(1)) == 0 ? "0" : std::strerror(errno);
+    return munmap(a.address(0), a.size(1)) == 0 ? "0" : std::strerror(errno);
 }
 
 /// Permissions, file offset, bytes from the address to the mapping's end, and path; or "none".

@@ -61,7 +61,7 @@ std::string limit_memory(const arguments& a) {
     rlim_t mapped_pages = 0;
     statm >> mapped_pages;
     const rlim_t bytes =
-        mapped_pages * static_cast<rlim_t>(sysconf(_SC_PAGESIZE)) + rlim_t{a.number(0)};
+        mapped_pages * static_cast<rlim_t>(sysconf(_SC_PAGESIZE)) + rlim_t{a.size(0)};
     const rlimit limit{bytes, RLIM_INFINITY};
     return done_or_error(setrlimit(RLIMIT_AS, &limit) == 0);
 }

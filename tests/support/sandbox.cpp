@@ -54,13 +54,19 @@ sandbox::sandbox(const world& chosen, const std::vector<std::string>& options) :
 }
 
 client sandbox::start(const std::vector<std::string>& first_commands) {
-    client started(process(
-        {TARVO_SANDBOX, "join", "--control", _folder.path() / "control", "--", TARVO_CLIENT},
-        error_file()));
-    started.pid();
+    client started = start_program({TARVO_CLIENT});
     for (const std::string& command : first_commands) {
         started.call(command);
     }
+    return started;
+}
+
+client sandbox::start_program(const std::vector<std::string>& words) {
+    client started(process(std::vector<std::string>{TARVO_SANDBOX, "join", "--control",
+                                                    _folder.path() / "control", "--"} +
+                               words,
+                           error_file()));
+    started.pid();
     return started;
 }
 

@@ -36,6 +36,8 @@ class sandbox {
 
     /// A program that uses the library. The commands given are carried out first.
     client start(const std::vector<std::string>& first_commands = {});
+    /// The same of a tarvo-client that was built for other machines; `words` run it.
+    client start_program(const std::vector<std::string>& words);
 
     /// Adds rules to the driver's, in force on return. `replace_rules` drops the earlier ones.
     void add_rules(const std::vector<std::string>& rules);
