@@ -314,8 +314,7 @@ class row_machine {
             _holder.reset();
         }
         const bool fatal = expected.result.starts_with("SIG");
-        const std::string result =
-            fatal ? ended(_user.finish()) : in_words(_user.reply(), expected);
+        std::string result = fatal ? ended(_user.finish()) : in_words(_user.reply(), expected);
         _holder.reset();
         return result;
     }
