@@ -95,9 +95,7 @@ const std::vector<pci_triple>& all_devices() {
 
 /// Few, so that they are shared, freed twice and used for several chunks.
 std::vector<std::string> all_names(const world& where) {
-    std::vector<std::string> all{"rx_ring", "tx", "50%s%n%x",
-                                 "gr\xc3\xb6\xc3\x9f"
-                                 "e",
+    std::vector<std::string> all{"rx_ring", "tx", "50%s%n%x", "gr\u00f6\u00dfe",
                                  "a_name_of_49_bytes_which_is_the_longest_there_is!"};
     if (!where.cma) {
         all.emplace_back("two \"words\\");
@@ -119,7 +117,7 @@ bool generator::is_welcome(const prediction& now, const step& one) {
     prediction trial = now;
     const outcome result = trial.carry_out(one);
     if (result.signal != 0 && one.verb != "kill") {
-        return _chance.one_in(4);
+        return _chance.one_in(3);
     }
     return one.verb != "alloc" || result.reply == "0x0" ||
            static_cast<std::uint32_t>(one.number(1)) <= most_bytes_to_zero;
@@ -171,7 +169,7 @@ step generator::propose_for(const prediction& now, int who) {
 }
 
 std::string generator::name(const prediction& now) {
-    if (_chance.one_in(40)) {
+    if (_chance.one_in(20)) {
         return _chance.any_of({std::string(), std::string("__HEAD"), std::string("__TAIL"),
                                std::string(50, 'n'), std::string(300, 'n')});
     }

@@ -9,6 +9,7 @@
 
 #include <CLI/CLI.hpp>
 
+#include <cstdio>
 #include <cstdlib>
 #include <exception>
 #include <iostream>
@@ -118,20 +119,24 @@ void describe(CLI::App& app, options& wanted) {
     app.add_flag("--verbose", wanted.is_verbose, "print every sequence that was played");
 }
 
-} // namespace
-
-int main(int argc, char** argv) {
+int run(int argc, char** argv) {
     options wanted;
     CLI::App app("Compares the library with a model of it, step by step.", "tarvo-model");
     describe(app, wanted);
     CLI11_PARSE(app, argc, argv);
     // Trace records are not predicted.
     unsetenv("ZUL_TRACE");
+    const bool good = wanted.replayed.empty() ? play_seeds(wanted) : replay(wanted);
+    return good ? EXIT_SUCCESS : EXIT_FAILURE;
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
     try {
-        const bool good = wanted.replayed.empty() ? play_seeds(wanted) : replay(wanted);
-        return good ? EXIT_SUCCESS : EXIT_FAILURE;
+        return run(argc, argv);
     } catch (const std::exception& wrong) {
-        std::cerr << "tarvo-model: " << wrong.what() << std::endl;
+        std::fprintf(stderr, "tarvo-model: %s\n", wrong.what());
         return 2;
     }
 }

@@ -117,9 +117,9 @@ TEST(model_comparison, LeavesOutOnlyWhatTheSourceIsFreeToChange) {
 }
 
 TEST(model_shrinking, KeepsOnlyTheStepsThatAreNeeded) {
-    std::vector<std::string> lines;
-    for (int i = 0; i < 100; i++) {
-        lines.push_back("0 find " + std::to_string(i));
+    std::vector<std::string> lines(100);
+    for (std::size_t i = 0; i < lines.size(); i++) {
+        lines[i] = "0 find " + std::to_string(i);
     }
     const auto fails = [](const model::script& tried) {
         return holds(tried, "0 find 13") && holds(tried, "0 find 77");
@@ -129,8 +129,8 @@ TEST(model_shrinking, KeepsOnlyTheStepsThatAreNeeded) {
 }
 
 TEST(model_script, IsReadAsItWasPrinted) {
-    model::script written = script_of({"0 alloc \"two \\\"words\\\\\" 0x1000 \"\"", "0 free @null",
-                                       "* rules \"op=map,errno=EIO\" \"listing=empty\""});
+    model::script written = script_of({R"(0 alloc "two \"words\\" 0x1000 "")", "0 free @null",
+                                       R"(* rules "op=map,errno=EIO" "listing=empty")"});
     written.where = {"cma", "100000000-10002ffff", 3};
     written.steps.front().words.front() = "line\nbreak";
     const temporary_folder folder;
