@@ -83,6 +83,12 @@ INSTANTIATE_TEST_SUITE_P(Items, Without,
                                          std::pair{"lockdir", "/var/lock/subsys"}),
                          [](const auto& tested) { return std::string{tested.param.first}; });
 
+TEST(Without, LeavesNoRoomForARequestFileOfTheProgramsOwn) {
+    const auto ended = run_script({"--world", "low", "--without", "sysfs"},
+                                  "(echo x > " + iommu_file + ") 2>&- || echo refused");
+    EXPECT_EQ(ended.output, "refused\n");
+}
+
 TEST(Without, CanBeRepeated) {
     const auto ended = run_script({"--world", "low", "--without", "mem", "--without", "proc"},
                                   "test -e /dev/mem || test -e /proc/tarvo || echo neither");

@@ -93,4 +93,10 @@ void shadow_folder(const std::string& path, const std::set<std::string>& left_ou
     show_entries(path, left_out);
 }
 
+void refuse_new_entries(const std::string& path) {
+    constexpr unsigned long flags = MS_REMOUNT | MS_BIND | MS_RDONLY | MS_NOSUID | MS_NODEV;
+    if (::mount(nullptr, path.c_str(), nullptr, flags, nullptr) != 0)
+        throw failed_call("cannot make " + path + " read-only");
+}
+
 } // namespace sandbox

@@ -101,6 +101,7 @@ void build_sys_kernel(const world& played) {
         bind_file("/proc/" + std::string{file_system::hidden_iommu_file},
                   std::string{"/sys/kernel/"} + iommu_file);
     }
+    refuse_new_entries("/sys/kernel");
 }
 
 // /var/lock is a link on many machines; here it is a folder, so that what it leads to stays as it
