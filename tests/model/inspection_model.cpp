@@ -60,11 +60,11 @@ std::optional<mapping> library::map(const text& name, bool writable, std::uint64
     return mapping{one->pa + offset, size, writable};
 }
 
-std::optional<std::uint64_t> library::unmap(const text& name, std::uint64_t va, std::uint64_t size,
-                                            const std::string& va_text) {
+int library::unmap(const text& name, std::uint64_t va, std::uint64_t size,
+                   const std::string& va_text) {
     require(!read(name).empty() && va != 0, "tarvo", "strlen(name) && va");
     if (!init_or_say()) {
-        return std::nullopt;
+        return -1;
     }
     lock();
     const chunk* const one = find_by_name(read(name));
@@ -78,9 +78,8 @@ std::optional<std::uint64_t> library::unmap(const text& name, std::uint64_t va, 
     if (bytes == 0 || va % page_bytes() != 0) {
         say(text_of("tarvo: failed to unmap chunk, pa: %llx, va: %s, size: %u, %s\n", wide(one->pa),
                     va_text.c_str(), one->size, std::strerror(EINVAL)));
-        return std::nullopt;
     }
-    return bytes;
+    return 0;
 }
 
 library::answer library::find(std::uint32_t dma) {

@@ -66,9 +66,8 @@ class library {
     /// Nothing: null.
     std::optional<mapping> map(const text& name, bool writable, std::uint64_t offset,
                                std::uint64_t size);
-    /// The bytes that munmap takes away at `va`; nothing when it refuses.
-    std::optional<std::uint64_t> unmap(const text& name, std::uint64_t va, std::uint64_t size,
-                                       const std::string& va_text);
+    /// `va_text`: how the address is printed.
+    int unmap(const text& name, std::uint64_t va, std::uint64_t size, const std::string& va_text);
     /// A name, or nothing for null, and what is stored if anything is.
     struct answer {
         text name;

@@ -50,13 +50,12 @@ std::string unmap(const verb_context& c) {
     const std::uint64_t size = c.what.number(2);
     if (!target || is_number(*target)) {
         const std::uint64_t va = target ? c.what.number(1) : 0;
-        c.tarvo.unmap(name, va, size, hexadecimal(va));
-        return "0";
+        return std::to_string(c.tarvo.unmap(name, va, size, hexadecimal(va)));
     }
     // Wherever it is, it starts on a page.
-    c.tarvo.unmap(name, page_bytes(), size, *target);
+    const int result = c.tarvo.unmap(name, page_bytes(), size, *target);
     c.caller.mappings.erase(*target);
-    return "0 gone";
+    return std::to_string(result) + " gone";
 }
 
 std::uint64_t page_pa(const verb_context& c) {
