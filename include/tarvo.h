@@ -14,7 +14,8 @@
  *     4 GiB, and chunks of 2 GiB and more cannot be mapped for devices.
  *  2. Addresses. A physical address (`pa`, 64-bit) is where memory lies for the processor; a DMA
  *     address (`dma`, 32-bit) is where a device sees it. They are equal for a region that lies, and
- *     ends, below 4 GiB. Any other region is seen from DMA address 0x20000000 on. Only
+ *     ends, below 4 GiB. Any other region is seen from DMA address 0x20000000 on; of its bytes from
+ *     0xe0000000 on the DMA address wraps, and converting it back ends the process. Only
  *     tarvo_dma_to_pa() and tarvo_pa_to_dma() convert. Neither is a pointer: map the chunk.
  *  3. Start-up. The first call in a process finds the region and maps the bookkeeping file, for
  *     which it takes the lock, whatever is said of the call itself. Where it cannot, it says why on

@@ -50,19 +50,6 @@ std::vector<std::uint8_t> new_area(const world& chosen) {
     return bytes;
 }
 
-/// Compared as a whole; a difference is reported by its place, not by 70 MB of output.
-testing::AssertionResult same_bytes(const std::vector<std::uint8_t>& actual,
-                                    const std::vector<std::uint8_t>& expected) {
-    const auto [difference, other] =
-        std::mismatch(actual.begin(), actual.end(), expected.begin(), expected.end());
-    if (difference == actual.end() && other == expected.end()) {
-        return testing::AssertionSuccess();
-    }
-    return testing::AssertionFailure()
-           << "bytes differ from " << difference - actual.begin() << " on; sizes " << actual.size()
-           << " and " << expected.size();
-}
-
 dma_limits whole_region(const world& chosen) {
     return {0, chosen.start_dma, chosen.end_dma()};
 }
@@ -82,7 +69,7 @@ TEST_P(start_up, BuildsTheSharedAreaByteForByte) {
     user.limits();
     const area_file area = machine.area();
     EXPECT_EQ(area_breaches(area.view()), std::vector<std::string>{});
-    EXPECT_TRUE(same_bytes(area.snapshot(), new_area(GetParam())));
+    EXPECT_EQ(first_difference(area.snapshot(), new_area(GetParam())), "");
 }
 
 TEST_P(start_up, BuildsAnewAnAreaThatIsNotMarkedInitialised) {
@@ -93,7 +80,7 @@ TEST_P(start_up, BuildsAnewAnAreaThatIsNotMarkedInitialised) {
         .write(leftover.data(), static_cast<std::streamsize>(leftover.size()));
     client user = machine.start();
     EXPECT_EQ(user.limits(), whole_region(GetParam()));
-    EXPECT_TRUE(same_bytes(machine.area().snapshot(), new_area(GetParam())));
+    EXPECT_EQ(first_difference(machine.area().snapshot(), new_area(GetParam())), "");
 }
 
 TEST_P(start_up, LeavesAnInitialisedAreaAsItIs) {
@@ -103,7 +90,7 @@ TEST_P(start_up, LeavesAnInitialisedAreaAsItIs) {
     const std::vector<std::uint8_t> before = machine.area().snapshot();
     client second = machine.start();
     EXPECT_EQ(second.limits(), whole_region(GetParam()));
-    EXPECT_TRUE(same_bytes(machine.area().snapshot(), before));
+    EXPECT_EQ(first_difference(machine.area().snapshot(), before), "");
     EXPECT_EQ(second.error_text(), "");
 }
 
@@ -175,7 +162,7 @@ TEST_P(start_up, RacedByManyProcessesBuildsTheAreaOnce) {
         builders += user.error_text().find("Initialized chunk list") != std::string::npos ? 1 : 0;
     }
     EXPECT_EQ(builders, 1);
-    EXPECT_TRUE(same_bytes(machine.area().snapshot(), new_area(GetParam())));
+    EXPECT_EQ(first_difference(machine.area().snapshot(), new_area(GetParam())), "");
 }
 
 TEST_P(start_up, MakesTheAreaAsLongAsWholePagesNeed) {
