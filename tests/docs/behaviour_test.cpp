@@ -11,8 +11,8 @@
 #include <set>
 #include <sstream>
 
-void PrintTo(const page_row& row, std::ostream* stream) {
-    *stream << "line " << row.line;
+std::ostream& operator<<(std::ostream& stream, const page_row& row) {
+    return stream << "line " << row.line;
 }
 
 namespace {

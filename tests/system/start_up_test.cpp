@@ -148,8 +148,10 @@ TEST_P(start_up, IsDoneOnceWithoutAFurtherSystemCall) {
 
 TEST_P(start_up, RacedByManyProcessesBuildsTheAreaOnce) {
     sandbox machine(GetParam());
+    constexpr int racers = 16;
     std::vector<client> users;
-    for (int i = 0; i < 16; i++) {
+    users.reserve(racers);
+    for (int i = 0; i < racers; i++) {
         users.push_back(machine.start({"setenv ZUL_TRACE tarvo=5"}));
     }
     for (client& user : users) {

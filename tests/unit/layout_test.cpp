@@ -15,7 +15,6 @@
 namespace {
 
 using testing::Each;
-using testing::ElementsAre;
 using testing::IsEmpty;
 
 /// Where bytes other than zero lie: from the first to behind the last, and how many there are.

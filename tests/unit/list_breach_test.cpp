@@ -6,6 +6,7 @@
 
 #include "small_list.hpp"
 
+#include <bit>
 #include <cerrno>
 #include <csignal>
 #include <gmock/gmock.h>
@@ -98,7 +99,7 @@ TEST(list_index_ends_the_process, ForAPointerSoFarAwayThat32BitsWouldFoldItIntoT
     small_list list = fresh_list();
     const auto far = static_cast<std::uintptr_t>(uint64_t{1} << 32U) * sizeof(small_element);
     auto* folded =
-        reinterpret_cast<small_element*>(reinterpret_cast<std::uintptr_t>(&list._arr[2]) + far);
+        std::bit_cast<small_element*>(std::bit_cast<std::uintptr_t>(&list._arr[2]) + far);
     if constexpr (sizeof(void*) > 4) {
         EXPECT_ABORT(list.index(folded), stray_pointer_message);
     } else {

@@ -57,7 +57,7 @@ class twin {
             _filling = !_filling;
         }
         const bool wants_more = below(4) != 0 ? _filling : !_filling;
-        const std::string told =
+        std::string told =
             (wants_more && !_model.chain.empty()) || _model.live.empty() ? add_one() : remove_one();
         if (seed_to_replay() != nullptr) {
             std::printf("%s\n", told.c_str());
