@@ -1,3 +1,4 @@
+#include "observed.hpp"
 #include "sandbox.hpp"
 
 #include <algorithm>
