@@ -75,6 +75,13 @@ struct ArrayBackedList {
         return is_tail(cur) ? nullptr : get_next(cur);
     }
 
+    /// Whether next() of the element at `idx` is the element at `guess`. For walks that have a guess
+    /// and no time: it checks nothing, and where it says no, next() has to be asked.
+    bool leads_to(int idx, int guess) const {
+        const T& cur = _arr[idx];
+        return cur.next == guess && cur.allocated && idx != _tail;
+    }
+
     /// Links `new_elem` directly behind `cur`. The head never changes.
     void insert_after(T* cur, T* new_elem) {
         LIST_ASSERT(cur->allocated && new_elem->allocated, "cur->allocated && new_elem->allocated",

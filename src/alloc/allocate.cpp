@@ -2,10 +2,11 @@
 #include "assertion.hpp"
 #include "shared/argument.hpp"
 #include "shared/check.hpp"
-#include "shared/chunk_walk.hpp"
 #include "shared/init.hpp"
 #include "shared/lock.hpp"
+#include "shared/process_state.hpp"
 #include "shared/trace.hpp"
+#include "shared/zero.hpp"
 #include "tarvo.h"
 
 #include <cstdio>
@@ -23,10 +24,9 @@ uint32_t round_to_pages(uint32_t size) {
 
 /// The chunk to share: the lowest one of that name, if it has that size. With another size the
 /// request is reported and then served like that of a new name.
-dma_chunk_t* find_chunk_desc(const char* name, uint32_t size) {
-    dma_chunk_t* chunk = first_named(name, chunks_between_sentinels());
-    if (chunk == nullptr || chunk->size == size) {
-        return chunk;
+dma_chunk_t* find_chunk_desc(dma_chunk_t* named, uint32_t size) {
+    if (named == nullptr || named->size == size) {
+        return named;
     }
     constexpr const char* complaint = "size mismatch, see tarvo\n";
     TARVO_TRACE(trace_failure, "find_chunk_desc", "tarvo: %s() %s", "find_chunk_desc", complaint);
@@ -40,8 +40,8 @@ bool is_free_element(const dma_chunk_t& chunk) {
 }
 
 /// The chunk to share or else a free element; null when all are in use.
-dma_chunk_t* find_or_take(const char* name, uint32_t size) {
-    dma_chunk_t* chunk = find_chunk_desc(name, size);
+dma_chunk_t* find_or_take(dma_chunk_t* named, uint32_t size) {
+    dma_chunk_t* chunk = find_chunk_desc(named, size);
     if (chunk != nullptr) {
         return chunk;
     }
@@ -79,9 +79,10 @@ void discard_mapped(dma_chunk_t* chunk) {
     unmap_chunk_all_devs(chunk);
 }
 
-/// Finds the new chunk's place; it has no predecessor when there is no room.
-place find_place(const char* name, uint32_t size) {
-    place found = {};
+/// Finds the new chunk's place; it has no predecessor when there is no room. `known_room` is where
+/// the search for the name came past room for it, if it did.
+place find_place(const char* name, uint32_t size, const place& known_room) {
+    place found = known_room;
     if (is_cma) {
         const uint64_t pa = get_cma_allocation(name, size);
         if (pa == 0) {
@@ -90,7 +91,7 @@ place find_place(const char* name, uint32_t size) {
         }
         // All bits set, which stands for a failure, is an address that lies nowhere.
         found = place_of(pa);
-    } else {
+    } else if (known_room.predecessor == nullptr) {
         found = first_fit(size);
     }
     if (found.predecessor == nullptr) {
@@ -100,10 +101,11 @@ place find_place(const char* name, uint32_t size) {
 }
 
 /// Makes `chunk`, fresh from the free chain, a chunk of the list. False when it is gone again.
-bool enter_chunk(dma_chunk_t* chunk, const char* name, uint32_t size, const char* creator) {
+bool enter_chunk(dma_chunk_t* chunk, const char* name, uint32_t size, const char* creator,
+                 const place& known_room) {
     store_creator(chunk, creator);
     memcpy(chunk->name, name, strlen(name) + 1);
-    const place found = find_place(name, size);
+    const place found = find_place(name, size, known_room);
     if (found.predecessor == nullptr) {
         // The driver is told to release the memory even when it gave none.
         dma_chunks->free(chunk);
@@ -149,7 +151,7 @@ bool zero_memory(const dma_chunk_t* chunk) {
     if (memory == MAP_FAILED) {
         return false;
     }
-    memset(memory, 0, bytes);
+    zero_mapping(memory, bytes);
     munmap(memory, bytes);
     return true;
 }
@@ -157,8 +159,8 @@ bool zero_memory(const dma_chunk_t* chunk) {
 /// Makes a new chunk of a free element and zeroes its memory, for which the lock is let go.
 /// False when the chunk is gone again.
 bool create_chunk(dma_chunk_t* chunk, const char* name, uint32_t size, const char* creator,
-                  lock_guard& lock) {
-    if (!enter_chunk(chunk, name, size, creator) || !keep_if_sound(chunk, name, size) ||
+                  const place& known_room, lock_guard& lock) {
+    if (!enter_chunk(chunk, name, size, creator, known_room) || !keep_if_sound(chunk, name, size) ||
         !map_for_devices(chunk, name, size)) {
         return false;
     }
@@ -196,12 +198,14 @@ uint32_t tarvo_alloc_func(const char* name, size_t size, const char* creator) {
         return 0;
     }
     const uint32_t rounded = round_to_pages(static_cast<uint32_t>(size));
-    dma_chunk_t* chunk = find_or_take(name, rounded);
+    const survey found = survey_for(name, rounded);
+    dma_chunk_t* chunk = find_or_take(found.named, rounded);
     if (chunk == nullptr) {
         return 0;
     }
-    const bool usable = is_free_element(*chunk) ? create_chunk(chunk, name, rounded, creator, lock)
-                                                : keep_if_sound(chunk, name, rounded);
+    const bool usable = is_free_element(*chunk)
+                            ? create_chunk(chunk, name, rounded, creator, found.room, lock)
+                            : keep_if_sound(chunk, name, rounded);
     if (!usable) {
         return 0;
     }

@@ -1,6 +1,7 @@
 #include "alloc/place.hpp"
 
 #include "shared/chunk_walk.hpp"
+#include "shared/wanted_name.hpp"
 #include "tarvo.h"
 
 namespace {
@@ -23,6 +24,11 @@ dma_chunk_t* first_predecessor(Predicate fits) {
     return nullptr;
 }
 
+/// The place directly behind that chunk, if there is one.
+place behind(dma_chunk_t* predecessor) {
+    return {predecessor, predecessor != nullptr ? end_of(*predecessor) : 0};
+}
+
 } // namespace
 
 uint64_t free_size(dma_chunk_t* a, dma_chunk_t* b) {
@@ -30,9 +36,29 @@ uint64_t free_size(dma_chunk_t* a, dma_chunk_t* b) {
 }
 
 place first_fit(uint32_t size) {
-    dma_chunk_t* predecessor = first_predecessor(
-        [size](dma_chunk_t& prev, dma_chunk_t& cur) { return free_size(&prev, &cur) >= size; });
-    return {predecessor, predecessor != nullptr ? end_of(*predecessor) : 0};
+    return behind(first_predecessor(
+        [size](dma_chunk_t& prev, dma_chunk_t& cur) { return free_size(&prev, &cur) >= size; }));
+}
+
+survey survey_for(const char* name, uint32_t size) {
+    const wanted_name wanted(name);
+    dma_chunk_t* named = nullptr;
+    dma_chunk_t* predecessor = nullptr;
+    dma_chunk_t* prev = dma_chunk_head;
+    for (dma_chunk_t& cur : chunks_behind_head()) {
+        if (predecessor == nullptr && free_size(prev, &cur) >= size) {
+            predecessor = prev;
+        }
+        if (&cur == dma_chunk_tail) {
+            break;
+        }
+        if (wanted.is_name_of(cur)) {
+            named = &cur;
+            break;
+        }
+        prev = &cur;
+    }
+    return {named, behind(predecessor)};
 }
 
 place place_of(uint64_t pa) {

@@ -10,8 +10,17 @@ struct place {
     uint64_t pa;
 };
 
-/// The low end of the first gap of at least `size` bytes.
+/// The low end of the first gap of at least `size` bytes, among all chunks.
 place first_fit(uint32_t size);
+
+/// What a single pass from the lowest chunk on tells whoever looks for a name.
+struct survey {
+    dma_chunk_t* named; ///< the lowest chunk of that name; null when there is none
+    place room;         ///< the first gap of that many bytes below it, or below __TAIL
+};
+
+/// Most names that are not there are about to be placed, so the gaps are looked at on the way.
+survey survey_for(const char* name, uint32_t size);
 
 /// The place in the list of a chunk whose address the kernel driver chose. Its end is not looked
 /// at: the driver answers for that.

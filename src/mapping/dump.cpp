@@ -1,27 +1,28 @@
+#include "mapping/line.hpp"
+#include "shared/chunk_walk.hpp"
 #include "shared/init.hpp"
 #include "shared/lock.hpp"
 #include "shared/process_state.hpp"
 #include "shared/text.hpp"
 #include "tarvo.h"
 
-#include <cstdio>
+#include <cstddef>
+#include <cstdint>
 
 // The lists, line by line. The lock is held from tarvo_dump_begin to tarvo_dump_end, so that a
 // listing is one consistent picture.
 
 namespace {
 
-constexpr int name_columns = 60;
-constexpr int creator_columns = 110;
+constexpr size_t index_columns = 3;
+constexpr size_t name_columns = 60;
+constexpr size_t creator_columns = 110;
+constexpr size_t pa_columns = 12; // hexadecimal digits
+constexpr size_t size_columns = 9;
 
-/// What is listed next; null when the listing is over, or none is open.
-dma_chunk_t* dump_chunk_cursor = nullptr;
+/// What is listed next; at the end when the listing is over, or none is open.
+chunk_walk::iterator dump_chunk_cursor;
 iommu_dev_t* dump_device_cursor = nullptr;
-
-/// Whether a line of which snprintf tells this length is whole in `n` bytes.
-bool line_fits(int length, size_t n) {
-    return length >= 1 && static_cast<size_t>(length) < n;
-}
 
 } // namespace
 
@@ -29,24 +30,30 @@ bool tarvo_dump_begin() {
     if (!library_is_ready() || tarvo_lock() != 0) {
         return false;
     }
-    dump_chunk_cursor = dma_chunks->next(dma_chunk_head);
+    dump_chunk_cursor = chunks_between_sentinels().begin();
     dump_device_cursor = shm_base->devices.arr_elem(shm_base->devices._head);
     return true;
 }
 
 bool tarvo_dump_next(char* dst, size_t n) {
-    const dma_chunk_t* chunk = dump_chunk_cursor;
-    if (chunk == nullptr || chunk == dma_chunk_tail) {
+    if (dump_chunk_cursor.at_end()) {
         return false;
     }
-    const int length = snprintf(
-        dst, n, "%3d %-*s %-*s 0x%012llx %9zd", dma_chunks->index(dump_chunk_cursor), name_columns,
-        chunk->name, creator_columns, chunk->creator, static_cast<unsigned long long>(chunk->pa),
-        ssize_t{static_cast<int32_t>(chunk->size)});
-    if (!line_fits(length, n)) {
+    dma_chunk_t& chunk = *dump_chunk_cursor;
+    line written(dst, n);
+    written.decimal(dma_chunks->index(&chunk), index_columns);
+    written.text(" ");
+    written.text(chunk.name, name_columns);
+    written.text(" ");
+    written.text(chunk.creator, creator_columns);
+    written.text(" 0x");
+    written.hexadecimal(chunk.pa, pa_columns);
+    written.text(" ");
+    written.decimal(static_cast<int32_t>(chunk.size), size_columns);
+    if (!written.finish()) {
         return false;
     }
-    dump_chunk_cursor = dma_chunks->next(dump_chunk_cursor);
+    ++dump_chunk_cursor;
     return true;
 }
 
@@ -55,9 +62,10 @@ bool tarvo_dump_next_iommu_device(char* dst, size_t n) {
         return false;
     }
     const std::shared_ptr<std::string> address = device_name(*dump_device_cursor);
-    const int length = snprintf(dst, n, "%s: %s", address->c_str(),
-                                dump_device_cursor->online ? "online" : "offline");
-    if (!line_fits(length, n)) {
+    line written(dst, n);
+    written.text(address->c_str());
+    written.text(dump_device_cursor->online ? ": online" : ": offline");
+    if (!written.finish()) {
         return false;
     }
     dump_device_cursor = shm_base->devices.next(dump_device_cursor);
@@ -65,7 +73,7 @@ bool tarvo_dump_next_iommu_device(char* dst, size_t n) {
 }
 
 int tarvo_dump_end() {
-    dump_chunk_cursor = nullptr;
+    dump_chunk_cursor = {};
     dump_device_cursor = nullptr;
     return tarvo_unlock();
 }

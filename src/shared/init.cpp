@@ -6,6 +6,7 @@
 #include "shared/process_state.hpp"
 #include "shared/region.hpp"
 #include "shared/trace.hpp"
+#include "shared/zero.hpp"
 
 #include <atomic>
 #include <cerrno>
@@ -75,7 +76,7 @@ dma_chunk_t* append_sentinel(const char* name, uint64_t pa) {
 /// Builds the shared area's lists. The flag goes up last: a process that dies in here leaves an
 /// area that the next one builds again from nothing.
 void build_shared_area(uint32_t area_bytes) {
-    memset(shm_base, 0, area_bytes);
+    zero_mapping(shm_base, area_bytes);
     dma_chunks->init();
     shm_base->devices.init();
     dma_chunk_head = append_sentinel("__HEAD", region_start);

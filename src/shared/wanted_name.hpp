@@ -1,0 +1,33 @@
+#pragma once
+
+#include "shared/layout.hpp"
+
+#include <algorithm>
+#include <cstdint>
+#include <cstring>
+
+/// A name that chunks are compared with. Nearly all have another one, and most of those show it in
+/// the last bytes, because people number things: these are compared in place, the terminator among
+/// them, and strcmp has the last word.
+class wanted_name {
+  public:
+    explicit wanted_name(const char* name) : _name(name) {
+        const std::size_t bytes = std::min(strlen(name) + 1, name_bytes);
+        const std::size_t compared = std::min(bytes, sizeof _end);
+        _end_at = bytes - compared;
+        memcpy(&_end, name + _end_at, compared);
+        memset(&_counts, 0xff, compared);
+    }
+
+    bool is_name_of(const dma_chunk_t& chunk) const {
+        uint64_t end;
+        memcpy(&end, chunk.name + _end_at, sizeof end);
+        return (end & _counts) == _end && strcmp(chunk.name, _name) == 0;
+    }
+
+  private:
+    const char* _name;
+    std::size_t _end_at; ///< where in a name the bytes lie that are compared in place
+    uint64_t _end = 0;
+    uint64_t _counts = 0; ///< ones where _end has bytes of the name
+};
