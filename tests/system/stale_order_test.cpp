@@ -4,8 +4,6 @@
 #include "world_test.hpp"
 
 #include <algorithm>
-#include <csignal>
-#include <functional>
 #include <numeric>
 #include <random>
 
@@ -115,6 +113,10 @@ struct damage {
     const char* name;
     void (*make)(const area_writer& area);
     std::string last_words; ///< empty: the process goes on
+
+    friend std::ostream& operator<<(std::ostream& stream, const damage& one) {
+        return stream << one.name;
+    }
 };
 
 constexpr int twelfth = 13; // chunks follow the two sentinels
@@ -159,7 +161,8 @@ class a_remembered_order_of_a_damaged_list : public testing::TestWithParam<damag
 
     sandbox machine{low};
     client veteran = machine.start();
-    client newcomer = machine.start();
+    /// Has found its sentinels before the damage, and never walked.
+    client newcomer = machine.start({"limits"});
 };
 
 TEST_P(a_remembered_order_of_a_damaged_list, HidesNothing) {
