@@ -87,7 +87,8 @@ std::vector<std::string> added(const std::vector<std::string>& before,
                                const std::vector<std::string>& now);
 
 /// `text` with the line numbers of source "tarvo" as LINE, in assertions and trace records: those
-/// lines are free to move. Those of other sources stay.
+/// lines are free to move. Those of other sources stay. Pointers in signatures are spelled as g++
+/// spells them.
 std::string without_lines(std::string_view text);
 
 /// `text` with the signatures in assertions of the container as SIGNATURE: each compiler spells

@@ -20,6 +20,25 @@ TEST_P(sharing, GivesTwoProcessesTheSameChunk) {
     EXPECT_EQ(troubles(machine), texts{});
 }
 
+TEST_P(sharing, TakesNamesForTheSameOnlyFromTheirFirstByteToTheirLast) {
+    const texts names = {"rx_ring_of_port_1",
+                         "tx_ring_of_port_1",
+                         "rx_ring_of_port_2",
+                         "rx_ring_of_port_",
+                         "ring_of_port_1",
+                         "1",
+                         "port_1",
+                         "_port_1",
+                         std::string(49, 'x'),
+                         std::string(48, 'x')};
+    for (std::size_t i = 0; i < names.size(); i++) {
+        EXPECT_EQ(first.alloc(names[i], pages(1)), region().start_dma + pages(i)) << names[i];
+    }
+    for (std::size_t i = 0; i < names.size(); i++) {
+        EXPECT_EQ(second.alloc(names[i], pages(1)), region().start_dma + pages(i)) << names[i];
+    }
+}
+
 TEST_P(sharing, ComparesSizesInWholePages) {
     EXPECT_EQ(first.alloc("rx_ring", 1), region().start_dma);
     EXPECT_EQ(second.alloc("rx_ring", 4096), region().start_dma);
