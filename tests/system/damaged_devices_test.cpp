@@ -37,7 +37,7 @@ TEST_F(damaged_devices, OfAFreeElementThatAreInUseAreLeftOutOfTheNewChunksFreeCh
     file.writer().u8(offset::ref(3, 1) + offset::allocated, 1);
     user.alloc("tx_ring", 4096);
     const auto next_of = [&](int ref) {
-        const auto bytes = machine.area().view().raw(offset::ref(3, ref) + offset::next, 4);
+        const auto bytes = file.view().raw(offset::ref(3, ref) + offset::next, 4);
         return bytes[0] + 256 * bytes[1];
     };
     EXPECT_EQ(next_of(0), 2);
