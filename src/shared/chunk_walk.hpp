@@ -93,7 +93,7 @@ class chunk_walk {
     explicit chunk_walk(dma_chunk_t* stop) : _stop(stop) {}
 
     iterator begin() const { return {dma_chunks->next(dma_chunk_head), _stop}; }
-    end_of_walk end() const { return {}; }
+    static end_of_walk end() { return {}; }
 
   private:
     dma_chunk_t* _stop;

@@ -38,8 +38,8 @@ TEST(tracing, WritesNothingUnlessItIsAskedFor) {
 
 TEST(tracing, WritesNothingForOtherFacilitiesAndLowerLevels) {
     sandbox machine(simulation);
-    for (const char* setting : {"", "other=6", "tarvo=2", "2", "tarvo", "tarvo=", "tarvo=high", "tarvo=6x",
-                                "other=6,tarvo=1", "tarvox=6"}) {
+    for (const char* setting : {"", "other=6", "tarvo=2", "2", "tarvo", "tarvo=", "tarvo=high",
+                                "tarvo=6x", "other=6,tarvo=1", "tarvox=6"}) {
         client user = machine.start({"setenv ZUL_TRACE " + quoted(setting)});
         use_the_library(user);
         EXPECT_EQ(user.error_text(), mismatch_message) << setting;
