@@ -10,21 +10,22 @@
  * Conventions and caveats that hold for every call:
  *
  *  1. Units. Sizes and offsets are bytes. A chunk's size is rounded up to whole pages. Records and
- *     the arithmetic on sizes are 32-bit in every build: a size of 4 GiB and more is taken modulo
- *     4 GiB, and chunks of 2 GiB and more cannot be mapped for devices.
+ *     the arithmetic on sizes are 32-bit in every build: a size of 4 GiB and more is allocated
+ *     modulo 4 GiB, and chunks of more than 2 GiB cannot be mapped for devices.
  *  2. Addresses. A physical address (`pa`, 64-bit) is where memory lies for the processor; a DMA
  *     address (`dma`, 32-bit) is where a device sees it. They are equal for a region that lies, and
  *     ends, below 4 GiB. Any other region is seen from DMA address 0x20000000 on; of its bytes from
  *     0xe0000000 on the DMA address wraps, and converting it back ends the process. Only
  *     tarvo_dma_to_pa() and tarvo_pa_to_dma() convert. Neither is a pointer: map the chunk.
- *  3. Start-up. The first call in a process finds the region and maps the bookkeeping file, for
- *     which it takes the lock, whatever is said of the call itself. Where it cannot, it says why on
- *     standard error, adds "tarvo: failed to initialize library", and the call returns its failure
- *     value; the next call tries again. A kernel driver that describes an impossible region ends
- *     the process ("start && (end > start)"). Simulation is selected by the environment variable
- *     SIMULATION_VMID (its presence, not its value), or by the file /var/tmp/tarvo being there.
- *     There is no shut-down. When the bookkeeping file cannot be given its size, descriptor 0 of
- *     the program is closed, too.
+ *  3. Start-up. The first call in a process that needs the region finds it and maps the
+ *     bookkeeping file, for which it takes the lock, whatever is said of the call itself. (Only
+ *     tarvo_get_overhead(), tarvo_unmap_all(), tarvo_dump_next(), tarvo_dump_next_iommu_device()
+ *     and tarvo_dump_end() never do.) Where it cannot, it says why on standard error, adds "tarvo:
+ *     failed to initialize library", and the call returns its failure value; the next call tries
+ *     again. A kernel driver that describes an impossible region ends the process ("start && (end >
+ *     start)"). Simulation is selected by the environment variable SIMULATION_VMID (its presence,
+ *     not its value), or by the file /var/tmp/tarvo being there. There is no shut-down. When the
+ *     bookkeeping file cannot be given its size, descriptor 0 of the program is closed, too.
  *  4. The lock. Processes are kept apart by one flock() on a lock file. Calls marked "takes the
  *     lock" wait for it without limit, and a process that is stopped in the middle of a call, or
  *     between tarvo_dump_begin() and tarvo_dump_end(), makes all others wait. A wait that a signal
@@ -36,8 +37,10 @@
  *     call that reads the lists ends it where a link is out of range ("idx >= 0 && idx < MAX") or
  *     an element is in the wrong state ("cur->allocated", "!chunk->allocated",
  *     "cur->allocated && new_elem->allocated", "_head != -1 && _tail != -1"), and every call that
- *     sends a request for a chunk of 2 GiB and more ("end_dma - start_dma == end_pa - start_pa").
- *     Whatever such a process had half changed stays; its lock goes with it.
+ *     would send a request for a chunk of more than 2 GiB ("end_dma - start_dma == end_pa -
+ *     start_pa") or for one whose record lies outside the region ("pa >= dma_chunk_head->pa && pa
+ *     <= dma_chunk_tail->pa"). Whatever such a process had half changed stays; its lock goes with
+ *     it.
  *  6. Threads. The lock keeps processes apart, not threads: a program must not be in the library
  *     with two threads at once. A child after fork() shares its parent's lock and must not use the
  *     library while its parent does; after exec it starts afresh.
@@ -53,7 +56,7 @@
  *  9. Messages go to standard error and are meant for people; errno after a call means nothing.
  *     ZUL_TRACE=tarvo=5 in the environment, read once, adds trace records there (3: failures, 5:
  *     progress and the failures of tarvo_map(), 6: each address translation).
- * 10. 0 is no valid DMA address of a chunk: it always means failure.
+ * 10. A DMA address of 0 means failure. No chunk has it, save in a region whose addresses wrap.
  */
 
 #include <stdbool.h>
@@ -266,11 +269,14 @@ TARVO_API int tarvo_dump_end(void);
 /*
  * A PCI device is named by its domain (segment), bus and devfn (slot * 8 + function), compared
  * exactly as given and not limited. A registered device sees every chunk at its DMA address: each
- * chunk is mapped by a line written to /sys/kernel/tarvo_iommu_map_region. A refused request is
- * reported on standard error by "tarvo: failed to iommu ..." and "map_unmap_chunk: ...", whatever
- * the reason, and by what the call itself adds. ENODEV and EUNATCH say that the device is gone: it
- * goes offline, which is no error of the call, and no chunk made later is mapped for it until it is
- * registered again. ENOSYS says that there is no IOMMU: success, and nothing is printed.
+ * chunk is mapped by a line written to /sys/kernel/tarvo_iommu_map_region. A request that fails is
+ * reported on standard error, whatever the reason: by "tarvo: failed to open sysfs file: ...",
+ * "tarvo: failed to set _IONBF: ...", "tarvo: failed to iommu ..." when it is refused, or "tarvo:
+ * fclose failed: ...", then, for a chunk, by "map_unmap_chunk: ...", and by what the call itself
+ * adds.
+ * ENOSYS says that there is no IOMMU: success, and nothing is printed. ENODEV and EUNATCH in answer
+ * to a request for a chunk say that the device is gone: it goes offline, which is no error of the
+ * call, and no chunk made later is mapped for it until it is registered again.
  */
 
 /**
@@ -304,7 +310,7 @@ TARVO_API int tarvo_unregister_device(uint32_t domain, uint32_t bus, uint32_t de
  * Maps the whole region for a device by one request; nothing is recorded.
  *
  * @param prot  protection mask, handed on as it is: 1 read, 2 write.
- * @return 0, or a negative value when the request failed.
+ * @return 0, or a negative value when the request failed, also with ENODEV and EUNATCH.
  *
  * Ends the process when the library cannot start ("tarvo_get_limits(&start_dma, &end_dma) == 0"),
  * for a region of 2 GiB and more ("end_dma - start_dma == end_pa - start_pa"), and for one whose

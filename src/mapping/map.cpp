@@ -36,10 +36,10 @@ struct window {
     }
 };
 
-/// Traces tarvo_map's arguments and, behind them, what became of the call.
-void trace_map(const char* name, const window& part, const char* outcome, const char* reason = "") {
+/// Traces tarvo_map's arguments and, behind them, what became of the call; `error` is an errno.
+void trace_map(const char* name, const window& part, const char* outcome, int error = 0) {
     TARVO_TRACE(trace_progress, "tarvo_map", "%s: name %s off %zx size %zx%s%s", "tarvo_map", name,
-                part.offset, part.size, outcome, reason);
+                part.offset, part.size, outcome, error != 0 ? strerror(error) : "");
 }
 
 /// Neither offset nor size is rounded: mmap refuses what does not lie on a page.
@@ -48,7 +48,7 @@ void* map_window(const char* name, bool writable, const window& part, const dma_
     void* va = mmap64(nullptr, part.size, prot, MAP_SHARED, mem_fd,
                       static_cast<off64_t>(chunk.pa + part.offset));
     if (va == MAP_FAILED) {
-        trace_map(name, part, " mmap - ", strerror(errno));
+        trace_map(name, part, " mmap - ", errno);
         return nullptr;
     }
     return va;
