@@ -223,10 +223,11 @@ std::vector<std::string> added(const std::vector<std::string>& before,
 
 std::string without_lines(std::string_view text) {
     static const std::regex line_number("(^|\\s)tarvo:[0-9]+(?=[ :])");
-    // clang++ sets pointers apart in the signature of an assertion: "const char *".
-    static const std::regex pointer(" \\*(?=[^\\n]*: Assertion `)");
+    // clang++ spells pointers in the signature of an assertion otherwise: "void *f(const char *)".
+    static const std::regex result(" \\*(?=\\w[^\\n]*: Assertion `)");
+    static const std::regex argument(" \\*(?=\\W[^\\n]*: Assertion `)");
     const std::string numbered = std::regex_replace(std::string(text), line_number, "$1tarvo:LINE");
-    return std::regex_replace(numbered, pointer, "*");
+    return std::regex_replace(std::regex_replace(numbered, result, "* "), argument, "*");
 }
 
 std::string without_signatures(std::string_view text) {
