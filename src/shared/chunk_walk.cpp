@@ -1,4 +1,5 @@
 #include "shared/chunk_walk.hpp"
+#include "shared/remembered_order.hpp"
 #include "shared/wanted_name.hpp"
 
 constinit remembered_order chunk_order;

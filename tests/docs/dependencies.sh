@@ -2,7 +2,7 @@
 # The rule of dependencies: every #include line against the table in docs/architecture.md.
 set -euo pipefail
 
-mapfile -t files < <(find include src tools examples tests -name '*.[ch]pp' -o -name '*.[ch]')
+mapfile -t files < <(find include src tools examples tests bench -name '*.[ch]pp' -o -name '*.[ch]')
 
 exec awk '
 function fault(text) {

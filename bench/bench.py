@@ -1,0 +1,355 @@
+#!/usr/bin/env python3
+"""The contest behind docs/performance.md. scripts/bench builds it and runs this.
+
+Contenders take turns in short passes, so that whatever else the machine does meets all of them; a
+result is the median of the passes. Only ratios mean anything, and "again", the library against
+itself, shows how far off they can be.
+"""
+
+import argparse
+import datetime
+import json
+import os
+import platform
+import shutil
+import statistics
+import subprocess
+import sys
+import tempfile
+from dataclasses import dataclass, field
+from pathlib import Path
+
+import report
+
+LIBRARIES = {"tarvo": "bench_tarvo", "again": "bench_tarvo", "plain": "bench_plain"}
+PEERS = {
+    "dpdk": "bench_dpdk",
+    "boost tree": "bench_boost_tree",
+    "boost sequential": "bench_boost_sequential",
+    "posix shm": "bench_posix_shm",
+    "lmdb": "bench_lmdb",
+}
+DPDK_NAMES = 2500  # no more zones fit into its table
+
+
+class Worker:
+    """A process of a contender; see worker.cpp for what it can be asked."""
+
+    def __init__(self, command: list[str]) -> None:
+        self.process = subprocess.Popen(
+            command, stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True
+        )
+
+    def send(self, command: str) -> None:
+        assert self.process.stdin
+        self.process.stdin.write(command + "\n")
+        self.process.stdin.flush()
+
+    def answer(self) -> float:
+        assert self.process.stdout
+        line = self.process.stdout.readline()
+        if not line:
+            sys.exit(f"bench: a worker ended: {self.process.args}")
+        return float(line)
+
+    def ask(self, command: str) -> float:
+        self.send(command)
+        return self.answer()
+
+    def stop(self) -> None:
+        assert self.process.stdin
+        self.process.stdin.close()
+        self.process.wait()
+
+
+class Place:
+    """A sandbox whose files lie on a file system of that kind, and the workers in it."""
+
+    def __init__(self, build: Path, kind: str) -> None:
+        self.build = build
+        self.folder = Path(tempfile.mkdtemp(prefix="bench-", dir=build))
+        self.control = Path(tempfile.mkdtemp(prefix="tarvo-bench-")) / "control"
+        mounts = "mount -t tmpfs none /dev/shm"
+        if kind == "tmpfs":
+            mounts += f" && mount -t tmpfs -o size=3g none '{self.folder}'"
+        self.workers: list[Worker] = []
+        # What holds the sandbox open tells, by one line, that it is there.
+        self.holder = subprocess.Popen(
+            ["unshare", "--mount", "sh", "-c", mounts + ' && exec "$@"', "sh"]
+            + [str(build / "tarvo-sandbox"), "--state", str(self.folder / "state")]
+            + ["--control", str(self.control), "--", "sh", "-c", "echo ready; cat"],
+            stdin=subprocess.PIPE,
+            stdout=subprocess.PIPE,
+            text=True,
+        )
+        assert self.holder.stdout
+        if self.holder.stdout.readline() != "ready\n":
+            sys.exit("bench: no sandbox; it takes root and FUSE")
+
+    def worker(self, program: str) -> Worker:
+        """`program` can follow a folder and a colon: there is the library that it uses."""
+        library, _, name = program.rpartition(":")
+        command = ["env", f"LD_LIBRARY_PATH={library}"] if library else []
+        sandbox = [str(self.build / "tarvo-sandbox"), "join", "--control", str(self.control)]
+        one = Worker([*sandbox, "--", *command, str(self.build / "bench" / name)])
+        self.workers.append(one)
+        return one
+
+    def __enter__(self) -> "Place":
+        return self
+
+    def __exit__(self, *_: object) -> None:
+        for one in self.workers:
+            one.stop()
+        assert self.holder.stdin
+        self.holder.stdin.close()
+        self.holder.wait()
+        shutil.rmtree(self.folder)
+        shutil.rmtree(self.control.parent)
+
+
+@dataclass
+class Result:
+    """One line of the table. Values are nanoseconds, or what `unit` says."""
+
+    row: str
+    work: str
+    names: int
+    order: str
+    files: str
+    unit: str = "ns"
+    passes: dict[str, list[float]] = field(default_factory=dict)
+
+    def medians(self) -> dict[str, float]:
+        return {who: statistics.median(values) for who, values in self.passes.items()}
+
+
+class Contest:
+    def __init__(self, build: Path, passes: int, quick: bool) -> None:
+        self.build = build
+        self.passes = passes
+        self.quick = quick
+        self.results: list[Result] = []
+
+    def take_turns(self, result: Result, workers: dict[str, Worker], command: str) -> None:
+        for who in workers:
+            result.passes[who] = []
+        for _ in range(self.passes):
+            for who, one in workers.items():
+                result.passes[who].append(one.ask(command))
+        self.add(result)
+
+    def add(self, result: Result) -> None:
+        self.results.append(result)
+        print(report.line_of(result), flush=True)
+
+    def libraries(self, place: Place, setup: str) -> dict[str, Worker]:
+        """All three on one region, which the first sets up."""
+        workers = {who: place.worker(program) for who, program in LIBRARIES.items()}
+        workers["tarvo"].ask(setup)
+        for one in workers.values():
+            one.ask("join")
+        return workers
+
+    def everybody(self, place: Place, names: int, setup: str) -> dict[str, Worker]:
+        workers = self.libraries(place, setup)
+        for who, program in PEERS.items():
+            if who != "dpdk" or names <= DPDK_NAMES:
+                workers[who] = place.worker(program)
+                workers[who].ask(setup)
+        return workers
+
+    def names(self) -> list[int]:
+        return [16, 1000] if self.quick else [16, 1000, 2500, 16000]
+
+    def find_and_churn(self, kind: str, rows: set[str]) -> None:
+        for names in self.names():
+            for order, setup in (("in order", "fill"), ("shuffled", "shuffle")):
+                with Place(self.build, kind) as place:
+                    workers = self.everybody(place, names, f"{setup} {names}")
+                    times = max(20, min(2000, 1000000 // names))
+                    if "a" in rows:
+                        result = Result("a", "get a name", names, order, kind)
+                        self.take_turns(result, workers, f"find {names} {times}")
+                    if "b" in rows:
+                        result = Result("b", "allocate and free 4 KiB", names, order, kind)
+                        self.take_turns(result, workers, f"churn {names} {max(5, times // 10)}")
+
+    def attach(self, kind: str) -> None:
+        names = 1000
+        with Place(self.build, kind) as place:
+            for program in (LIBRARIES["tarvo"], PEERS["boost tree"]):
+                place.worker(program).ask(f"fill {names}")
+            programs = LIBRARIES | {"boost tree": PEERS["boost tree"]}
+            workers = {who: place.worker(program) for who, program in programs.items()}
+            self.take_turns(Result("c", "attach", names, "in order", kind), workers, "attach 5")
+            result = Result("c", "attach and first get", names, "in order", kind)
+            self.take_turns(result, workers, f"attach_find {names} 5")
+
+    def touch(self, kind: str) -> None:
+        for names in self.names()[:2]:
+            with Place(self.build, kind) as place:
+                workers = self.everybody(place, names, f"fill {names}")
+                workers.pop("lmdb")
+                workers["tarvo"].ask("wide 65536")
+                for who in workers.keys() - LIBRARIES.keys():
+                    workers[who].ask("wide 65536")
+                result = Result("d", "map 64 KiB, touch, unmap", names, "in order", kind)
+                self.take_turns(result, workers, "touch 50")
+
+    def together(self, kind: str) -> None:
+        for names in (16, 1000):
+            for count in (1, 2, 4):
+                # A name is nobody's, and two processes that free and make the same one can end
+                # each other: each has its own.
+                churn = [f"churn_as {number} 40" for number in range(count)]
+                self.crowd(kind, names, "allocate and free", churn)
+                self.crowd(kind, names, "get", [f"find {names} 200"] * count)
+
+    def crowd(self, kind: str, names: int, work: str, commands: list[str]) -> None:
+        count = len(commands)
+        result = Result("e", f"{work}, {count} at once", names, "in order", kind)
+        with Place(self.build, kind) as place:
+            place.worker(LIBRARIES["tarvo"]).ask(f"fill {names}")
+            crowds = {}
+            for who, program in LIBRARIES.items():
+                crowds[who] = [place.worker(program) for _ in range(count)]
+                for one in crowds[who]:
+                    one.ask("join")
+                result.passes[who] = []
+            for _ in range(self.passes):
+                for who, crowd in crowds.items():
+                    times = all_at_once(crowd, commands)
+                    result.passes[who].append(statistics.mean(times) / count)
+        self.add(result)
+
+    def memory(self, kind: str) -> None:
+        names = self.names()[-1]
+        with Place(self.build, kind) as place:
+            workers = self.libraries(place, f"fill {names}")
+            place_found = {who: place.worker(program) for who, program in LIBRARIES.items()}
+            for one in place_found.values():
+                one.ask(f"find {names} 50")
+            result = Result("f", "resident memory after walks", names, "in order", kind, "KiB")
+            self.take_turns(result, place_found, "memory")
+            del workers
+
+    def large(self, kind: str) -> None:
+        for mebibytes in (1, 64) if self.quick else (1, 64, 256):
+            work = f"allocate {mebibytes} MiB and touch"
+            result = Result("g", work, 0, "fresh", kind)
+            for _ in range(min(3, self.passes)):
+                for who, program in LIBRARIES.items():
+                    with Place(self.build, kind) as place:
+                        one = place.worker(program)
+                        one.ask("join")
+                        result.passes.setdefault(who, []).append(one.ask(f"large {mebibytes}"))
+            self.add(result)
+            with Place(self.build, kind) as place:
+                workers = self.libraries(place, "join")
+                workers["tarvo"].ask(f"large {mebibytes}")
+                result = Result("g", work, 0, "recycled", kind)
+                self.take_turns(result, workers, f"large {mebibytes}")
+
+    def rest(self, kind: str) -> None:
+        result = Result("h", "first build", 0, "", kind)
+        for _ in range(min(5, self.passes)):
+            for who, program in LIBRARIES.items():
+                with Place(self.build, kind) as place:
+                    result.passes.setdefault(who, []).append(
+                        place.worker(program).ask("attach 1")
+                    )
+        self.add(result)
+        for names in self.names()[1::2]:
+            with Place(self.build, kind) as place:
+                workers = self.libraries(place, f"fill {names}")
+                for work, command in (
+                    ("find the last by address", f"locate {names - 1}"),
+                    ("list all", "list"),
+                ):
+                    self.take_turns(Result("h", work, names, "in order", kind), workers, command)
+        with Place(self.build, kind) as place:
+            workers = self.libraries(place, "fill 1000")
+            result = Result("h", "register and unregister", 1000, "in order", kind)
+            self.take_turns(result, workers, "register")
+            workers["tarvo"].ask("devices 4")
+            result = Result("h", "allocate and free, 4 devices", 1000, "in order", kind)
+            self.take_turns(result, workers, "churn 1000 20")
+
+    def floors(self, kind: str) -> None:
+        with Place(self.build, kind) as place:
+            one = {"floor": place.worker("bench_floors")}
+            self.take_turns(Result("-", "lock pair", 0, "", kind), one, "lock_pair 2000")
+            self.take_turns(
+                Result("-", "a page mapped, zeroed, unmapped", 0, "", kind),
+                one,
+                "page_in_and_out 500",
+            )
+
+    def run(self, kind: str, rows: set[str]) -> None:
+        self.floors(kind)
+        if rows & {"a", "b"}:
+            self.find_and_churn(kind, rows)
+        for row, part in (
+            ("c", self.attach),
+            ("d", self.touch),
+            ("e", self.together),
+            ("f", self.memory),
+            ("g", self.large),
+            ("h", self.rest),
+        ):
+            if row in rows:
+                part(kind)
+
+
+def all_at_once(crowd: list[Worker], commands: list[str]) -> list[float]:
+    for one, command in zip(crowd, commands, strict=True):
+        one.send(command)
+    return [one.answer() for one in crowd]
+
+
+def kind_of(folder: Path) -> str:
+    kind = subprocess.check_output(["stat", "-f", "-c", "%T", folder], text=True).strip()
+    return "ext4" if kind == "ext2/ext3" else kind
+
+
+def circumstances(source: Path) -> dict[str, str]:
+    git = ["git", "-C", str(source), "describe", "--always", "--dirty"]
+    model = [
+        line.split(":", 1)[1].strip()
+        for line in Path("/proc/cpuinfo").read_text(encoding="utf-8").splitlines()
+        if line.startswith("model name")
+    ]
+    return {
+        "commit": subprocess.run(git, capture_output=True, text=True).stdout.strip(),
+        "date": datetime.date.today().isoformat(),
+        "machine": f"{os.cpu_count()} x {model[0] if model else platform.machine()}",
+        "kernel": platform.release(),
+    }
+
+
+def main() -> None:
+    parser = argparse.ArgumentParser(description="Measures libtarvo against its peers.")
+    parser.add_argument("build", type=Path, help="build directory with TARVO_BENCH on")
+    parser.add_argument("--output", type=Path, help="folder for results (default: the build's)")
+    parser.add_argument("--quick", action="store_true", help="short lists, few passes, one kind")
+    parser.add_argument("--rows", default="abcdefgh", help="which rows (default: %(default)s)")
+    parser.add_argument("--against", type=Path, help="folder with another libtarvo.so.0")
+    parser.add_argument("--passes", type=int, help="how often everybody takes a turn")
+    given = parser.parse_args()
+
+    build = given.build.resolve()
+    if given.against:
+        LIBRARIES["against"] = f"{given.against.resolve()}:{LIBRARIES['tarvo']}"
+    contest = Contest(build, given.passes or (3 if given.quick else 11), given.quick)
+    kinds = ["tmpfs"] if given.quick else [kind_of(build), "tmpfs"]
+    for kind in kinds:
+        contest.run(kind, set(given.rows))
+    output = (given.output or build / "results").resolve()
+    output.mkdir(parents=True, exist_ok=True)
+    report.write(contest.results, circumstances(Path(__file__).parent), output)
+    print(json.dumps({"results": str(output)}))
+
+
+if __name__ == "__main__":
+    main()

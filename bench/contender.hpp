@@ -1,0 +1,45 @@
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <functional>
+#include <map>
+#include <memory>
+#include <string>
+
+/// One way to share named memory between the processes of a machine, as the benchmark uses it.
+class contender {
+  public:
+    contender() = default;
+    virtual ~contender() = default;
+    contender(const contender&) = delete;
+    contender& operator=(const contender&) = delete;
+
+    /// Makes named memory of that many bytes, all zero.
+    virtual void create(const std::string& name, std::size_t bytes) = 0;
+    /// Looks up what another process may have made.
+    virtual void find(const std::string& name, std::size_t bytes) = 0;
+    virtual void remove(const std::string& name) = 0;
+    /// Writes to the first byte of each page of it, through a mapping that lasts that long.
+    virtual void touch(const std::string& name, std::size_t bytes) = 0;
+
+    /// What this one can do besides: the nanoseconds that it takes, by name; the number says how
+    /// often, or how large.
+    virtual std::map<std::string, std::function<double(int)>> specialities() { return {}; }
+};
+
+/// The contender that this program was built for. The first one sets the place up; the others
+/// find it so.
+std::unique_ptr<contender> join_contest();
+
+/// Ends the program: a benchmark whose work fails has no result.
+[[noreturn]] void give_up(const std::string& reason);
+
+/// Nanoseconds that `work` takes.
+template <typename Work>
+double time_of(Work work) {
+    const auto start = std::chrono::steady_clock::now();
+    work();
+    return std::chrono::duration<double, std::nano>(std::chrono::steady_clock::now() - start)
+        .count();
+}

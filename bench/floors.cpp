@@ -1,0 +1,63 @@
+#include "contender.hpp"
+
+#include <cstring>
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+namespace {
+
+/// What the machine takes for the steps that no call of the library can do without.
+class floors : public contender {
+  public:
+    void create(const std::string& /*name*/, std::size_t /*bytes*/) override {}
+    void find(const std::string& /*name*/, std::size_t /*bytes*/) override {}
+    void remove(const std::string& /*name*/) override {}
+    void touch(const std::string& /*name*/, std::size_t /*bytes*/) override {}
+
+    std::map<std::string, std::function<double(int)>> specialities() override {
+        return {{"lock_pair", [this](int times) { return lock_pair(times); }},
+                {"page_in_and_out", [this](int times) { return page_in_and_out(times); }}};
+    }
+
+  private:
+    double lock_pair(int times) {
+        return time_of([&] {
+                   for (int i = 0; i < times; i++) {
+                       flock(_file, LOCK_EX);
+                       flock(_file, LOCK_UN);
+                   }
+               }) /
+               times;
+    }
+
+    /// A page of the file mapped, zeroed and unmapped, as a new chunk's is.
+    double page_in_and_out(int times) {
+        return time_of([&] {
+                   for (int i = 0; i < times; i++) {
+                       void* memory =
+                           mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_SHARED, _file, 0);
+                       std::memset(memory, 0, 4096);
+                       munmap(memory, 4096);
+                   }
+               }) /
+               times;
+    }
+
+    static int open_file() {
+        const int file = open("/var/tmp/floors_bench", O_RDWR | O_CREAT, 0600);
+        if (file < 0 || ftruncate(file, 4096) != 0) {
+            give_up("no file for the floors");
+        }
+        return file;
+    }
+
+    int _file = open_file();
+};
+
+} // namespace
+
+std::unique_ptr<contender> join_contest() {
+    return std::make_unique<floors>();
+}

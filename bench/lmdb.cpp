@@ -1,0 +1,79 @@
+#include "contender.hpp"
+
+#include <cstring>
+#include <lmdb.h>
+
+namespace {
+
+/// A registry of names alone: each is given a page number, and the memory is somebody else's. Read
+/// without a lock, written in transactions that are not forced to disk.
+class lmdb_contender : public contender {
+  public:
+    lmdb_contender() {
+        check(mdb_env_create(&_env));
+        check(mdb_env_set_mapsize(_env, std::size_t{256} << 20U));
+        check(mdb_env_open(_env, "/var/tmp/lmdb_bench", MDB_NOSUBDIR | MDB_NOSYNC, 0600));
+        MDB_txn* first = nullptr;
+        check(mdb_txn_begin(_env, nullptr, 0, &first));
+        check(mdb_dbi_open(first, nullptr, 0, &_names));
+        check(mdb_txn_commit(first));
+        check(mdb_txn_begin(_env, nullptr, MDB_RDONLY, &_reading));
+        mdb_txn_reset(_reading);
+    }
+
+    void create(const std::string& name, std::size_t bytes) override {
+        write([&](MDB_txn* txn) {
+            MDB_val key = key_of(name);
+            MDB_val value{sizeof bytes, &bytes};
+            return mdb_put(txn, _names, &key, &value, MDB_NOOVERWRITE);
+        });
+    }
+
+    void find(const std::string& name, std::size_t /*bytes*/) override {
+        check(mdb_txn_renew(_reading));
+        MDB_val key = key_of(name);
+        MDB_val value;
+        check(mdb_get(_reading, _names, &key, &value));
+        mdb_txn_reset(_reading);
+    }
+
+    void remove(const std::string& name) override {
+        write([&](MDB_txn* txn) {
+            MDB_val key = key_of(name);
+            return mdb_del(txn, _names, &key, nullptr);
+        });
+    }
+
+    void touch(const std::string& /*name*/, std::size_t /*bytes*/) override {
+        give_up("a registry of names has no memory");
+    }
+
+  private:
+    static MDB_val key_of(const std::string& name) {
+        return {name.size(), const_cast<char*>(name.data())};
+    }
+
+    static void check(int result) {
+        if (result != 0) {
+            give_up(mdb_strerror(result));
+        }
+    }
+
+    template <typename Change>
+    void write(Change change) {
+        MDB_txn* txn = nullptr;
+        check(mdb_txn_begin(_env, nullptr, 0, &txn));
+        check(change(txn));
+        check(mdb_txn_commit(txn));
+    }
+
+    MDB_env* _env = nullptr;
+    MDB_txn* _reading = nullptr;
+    MDB_dbi _names = 0;
+};
+
+} // namespace
+
+std::unique_ptr<contender> join_contest() {
+    return std::make_unique<lmdb_contender>();
+}

@@ -1,0 +1,59 @@
+#include "contender.hpp"
+
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+namespace {
+
+constexpr std::size_t page = 4096; // bytes
+
+/// One object for each name. Looking it up is opening it.
+class posix_shm_contender : public contender {
+  public:
+    void create(const std::string& name, std::size_t bytes) override {
+        const int file = open_object(name, O_RDWR | O_CREAT | O_EXCL);
+        if (ftruncate(file, static_cast<off_t>(bytes)) != 0) {
+            give_up(name + " gets no memory");
+        }
+        close(file);
+    }
+
+    void find(const std::string& name, std::size_t /*bytes*/) override {
+        close(open_object(name, O_RDWR));
+    }
+
+    void remove(const std::string& name) override {
+        if (shm_unlink(("/bench_" + name).c_str()) != 0) {
+            give_up(name + " cannot be removed");
+        }
+    }
+
+    void touch(const std::string& name, std::size_t bytes) override {
+        const int file = open_object(name, O_RDWR);
+        void* memory = mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_SHARED, file, 0);
+        if (memory == MAP_FAILED) {
+            give_up(name + " cannot be mapped");
+        }
+        for (std::size_t i = 0; i < bytes; i += page) {
+            static_cast<volatile char*>(memory)[i] = 1;
+        }
+        munmap(memory, bytes);
+        close(file);
+    }
+
+  private:
+    static int open_object(const std::string& name, int flags) {
+        const int file = shm_open(("/bench_" + name).c_str(), flags, 0600);
+        if (file < 0) {
+            give_up(name + " cannot be opened");
+        }
+        return file;
+    }
+};
+
+} // namespace
+
+std::unique_ptr<contender> join_contest() {
+    return std::make_unique<posix_shm_contender>();
+}

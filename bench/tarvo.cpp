@@ -1,0 +1,110 @@
+#include "tarvo.h"
+#include "contender.hpp"
+
+#include <cstdint>
+#include <unistd.h>
+
+namespace {
+
+constexpr std::size_t page = 4096; // bytes
+
+class tarvo_contender : public contender {
+  public:
+    tarvo_contender() {
+        std::uint32_t start = 0;
+        std::uint32_t end = 0;
+        if (tarvo_get_limits(&start, &end) != 0) {
+            give_up("libtarvo does not start");
+        }
+    }
+
+    void create(const std::string& name, std::size_t bytes) override {
+        if (tarvo_alloc_func(name.c_str(), bytes, "bench") == 0) {
+            give_up("no chunk for " + name);
+        }
+    }
+
+    void find(const std::string& name, std::size_t bytes) override { create(name, bytes); }
+
+    void remove(const std::string& name) override {
+        if (tarvo_free(name.c_str()) != 0) {
+            give_up(name + " cannot be freed");
+        }
+    }
+
+    void touch(const std::string& name, std::size_t bytes) override {
+        auto* memory = static_cast<volatile char*>(tarvo_map(name.c_str(), true, 0, 0));
+        if (memory == nullptr) {
+            give_up(name + " cannot be mapped");
+        }
+        for (std::size_t i = 0; i < bytes; i += page) {
+            memory[i] = 1;
+        }
+        tarvo_unmap(name.c_str(), const_cast<char*>(memory), 0);
+    }
+
+    std::map<std::string, std::function<double(int)>> specialities() override {
+        return {
+            {"list", [](int) { return time_of(list_all); }},
+            {"locate", locate},
+            {"large", [this](int mebibytes) { return large(mebibytes); }},
+            {"register", [](int) { return time_of(register_one); }},
+            {"devices", register_devices},
+        };
+    }
+
+  private:
+    static void list_all() {
+        char line[512];
+        tarvo_dump_begin();
+        while (tarvo_dump_next(line, sizeof line)) {
+        }
+        tarvo_dump_end();
+    }
+
+    /// By the address of that chunk's first byte, a hundred times.
+    static double locate(int number) {
+        constexpr int times = 100;
+        const std::string name = "chunk_" + std::to_string(number);
+        const std::uint32_t dma = tarvo_alloc_func(name.c_str(), page, "bench");
+        return time_of([dma] {
+                   std::uint32_t start = 0;
+                   for (int i = 0; i < times; i++) {
+                       if (tarvo_find(dma, &start) == nullptr) {
+                           give_up("a chunk is not found by its address");
+                       }
+                   }
+               }) /
+               times;
+    }
+
+    /// Made, touched and freed; the memory behind it is that of the last time.
+    double large(int mebibytes) {
+        const std::size_t bytes = static_cast<std::size_t>(mebibytes) << 20U;
+        const double time = time_of([&] {
+            create("large", bytes);
+            touch("large", bytes);
+        });
+        remove("large");
+        return time;
+    }
+
+    static void register_one() {
+        if (tarvo_register_device(0, 200, 0) != 0 || tarvo_unregister_device(0, 200, 0) != 0) {
+            give_up("a device cannot be registered");
+        }
+    }
+
+    static double register_devices(int count) {
+        for (int i = 0; i < count; i++) {
+            tarvo_register_device(0, static_cast<std::uint32_t>(i), 0);
+        }
+        return 0;
+    }
+};
+
+} // namespace
+
+std::unique_ptr<contender> join_contest() {
+    return std::make_unique<tarvo_contender>();
+}

@@ -1,0 +1,215 @@
+// One process of the contest. It reads commands from its standard input and answers each with a
+// number: nanoseconds for each operation, unless it is said otherwise.
+//
+//     fill N            makes N names of a page each; 0
+//     shuffle N         the same, made anew in random order after all were removed; 0
+//     wide BYTES        makes one name of that size, "wide"; 0
+//     join              starts without doing anything; 0
+//     find N K          K look-ups of random names of N
+//     churn N K         K times: a new name of a page, and its end
+//     churn_as P K      the same with a name that is this process's own
+//     touch K           K times: maps "wide", writes to each page, unmaps
+//     attach K          K new processes: from nothing to having found the place
+//     attach_find N K   the same, and a name of N found
+//     memory            resident kibibytes of this process
+//     SPECIALITY NUMBER one of the contender's own
+
+#include "contender.hpp"
+
+#include <algorithm>
+#include <cstdio>
+#include <fstream>
+#include <iostream>
+#include <numeric>
+#include <random>
+#include <sstream>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <vector>
+
+namespace {
+
+constexpr std::size_t page = 4096;  // bytes
+constexpr std::size_t wide = 65536; // bytes
+
+std::string name_of(int number) {
+    return "chunk_" + std::to_string(number);
+}
+
+std::vector<int> in_order(int count) {
+    std::vector<int> numbers(static_cast<std::size_t>(count));
+    std::iota(numbers.begin(), numbers.end(), 0);
+    return numbers;
+}
+
+double resident_kibibytes() {
+    std::ifstream status("/proc/self/status");
+    for (std::string word; status >> word;) {
+        if (word == "VmRSS:") {
+            double kibibytes = 0;
+            status >> kibibytes;
+            return kibibytes;
+        }
+    }
+    give_up("no VmRSS in /proc/self/status");
+}
+
+/// What a new process measures; it is given up with everything it did.
+template <typename Work>
+double in_new_process(Work work) {
+    int ends[2];
+    if (pipe(ends) != 0) {
+        give_up("no pipe");
+    }
+    const pid_t child = fork();
+    if (child == 0) {
+        const double time = time_of(work);
+        const bool told = write(ends[1], &time, sizeof time) == sizeof time;
+        _exit(told ? 0 : 1);
+    }
+    double time = 0;
+    const bool heard = read(ends[0], &time, sizeof time) == sizeof time;
+    close(ends[0]);
+    close(ends[1]);
+    int status = 0;
+    waitpid(child, &status, 0);
+    if (!heard || status != 0) {
+        give_up("a new process failed");
+    }
+    return time;
+}
+
+class worker {
+  public:
+    double carry_out(const std::string& command, int first, int second) {
+        if (command == "attach") {
+            return attach(first, [](contender&) {});
+        }
+        if (command == "attach_find") {
+            return attach(second, [first](contender& one) { one.find(name_of(first / 2), page); });
+        }
+        if (command == "memory") {
+            return resident_kibibytes();
+        }
+        return among_names(joined(), command, first, second);
+    }
+
+  private:
+    contender& joined() {
+        if (!_contender) {
+            _contender = join_contest();
+        }
+        return *_contender;
+    }
+
+    double among_names(contender& one, const std::string& command, int first, int second) {
+        if (command == "fill") {
+            fill(one, in_order(first));
+        } else if (command == "shuffle") {
+            shuffle(one, first);
+        } else if (command == "wide") {
+            one.create("wide", static_cast<std::size_t>(first));
+        } else if (command == "find") {
+            return find(one, first, second);
+        } else if (command == "churn") {
+            return churn(one, "new", second);
+        } else if (command == "churn_as") {
+            return churn(one, "new_" + std::to_string(first), second);
+        } else if (command == "touch") {
+            return repeat(first, [&one] { one.touch("wide", wide); });
+        } else if (command != "join") {
+            return speciality(one, command, first);
+        }
+        return 0;
+    }
+
+    static double churn(contender& one, const std::string& name, int times) {
+        return repeat(times, [&one, &name] {
+            one.create(name, page);
+            one.remove(name);
+        });
+    }
+
+    static double speciality(contender& one, const std::string& command, int number) {
+        const auto all = one.specialities();
+        const auto wanted = all.find(command);
+        if (wanted == all.end()) {
+            give_up("unknown command: " + command);
+        }
+        return wanted->second(number);
+    }
+
+    static void fill(contender& one, const std::vector<int>& numbers) {
+        for (const int number : numbers) {
+            one.create(name_of(number), page);
+        }
+    }
+
+    void shuffle(contender& one, int count) {
+        std::vector<int> numbers = in_order(count);
+        fill(one, numbers);
+        std::ranges::shuffle(numbers, _random);
+        for (const int number : numbers) {
+            one.remove(name_of(number));
+        }
+        std::ranges::shuffle(numbers, _random);
+        fill(one, numbers);
+    }
+
+    double find(contender& one, int names, int times) {
+        std::vector<std::string> wanted;
+        wanted.reserve(static_cast<std::size_t>(times));
+        for (int i = 0; i < times; i++) {
+            wanted.push_back(name_of(std::uniform_int_distribution(0, names - 1)(_random)));
+        }
+        return time_of([&] {
+                   for (const std::string& name : wanted) {
+                       one.find(name, page);
+                   }
+               }) /
+               times;
+    }
+
+    template <typename Work>
+    static double repeat(int times, Work work) {
+        return time_of([&] {
+                   for (int i = 0; i < times; i++) {
+                       work();
+                   }
+               }) /
+               times;
+    }
+
+    template <typename Work>
+    static double attach(int times, Work work) {
+        double sum = 0;
+        for (int i = 0; i < times; i++) {
+            sum += in_new_process([&work] { work(*join_contest()); });
+        }
+        return sum / times;
+    }
+
+    std::unique_ptr<contender> _contender;
+    std::mt19937 _random{1};
+};
+
+} // namespace
+
+void give_up(const std::string& reason) {
+    std::cerr << "bench: " << reason << "\n";
+    _exit(1); // a contender's own clean-up has no place here
+}
+
+int main() {
+    worker one;
+    for (std::string line; std::getline(std::cin, line);) {
+        std::istringstream words(line);
+        std::string command;
+        int first = 0;
+        int second = 0;
+        words >> command >> first >> second;
+        std::printf("%.3f\n", one.carry_out(command, first, second));
+        std::fflush(stdout);
+    }
+    _exit(0);
+}
