@@ -49,8 +49,9 @@
  *     with and without the variable share the region and NOT the lock: give it to all or to none.
  *  8. One name, two owners. A chunk belongs to no process: one tarvo_free() frees it for everybody,
  *     mapped or not, and mappings of a freed chunk go on showing memory that may by then be another
- *     chunk's. A process that allocates a name while another frees it can be ended by that, because
- *     new memory is zeroed, and its address read, after the lock is released
+ *     chunk's. A process that allocates a name while another frees it can be ended by that, or
+ *     zero, and be given, the memory of a chunk that a third one makes meanwhile, because new memory
+ *     is zeroed, and its address read, after the lock is released
  *     ("pa >= dma_chunk_head->pa && pa <= dma_chunk_tail->pa", or "tarvo_alloc: mmap failed!" and
  *     "cur->allocated"). Agree on who frees.
  *  9. Messages go to standard error and are meant for people; errno after a call means nothing.
@@ -81,14 +82,16 @@ extern "C" {
  * A chunk of that name whose size, in whole pages, is the one asked for is shared: nothing is
  * allocated, zeroed or mapped, and `creator` is not stored. If the lowest chunk of that name has
  * another size, "tarvo: find_chunk_desc() size mismatch, see tarvo" and an empty line go to
- * standard error and a second chunk of the same name is made; every call by name goes on finding
- * the lower one. A new chunk takes the lowest gap that is large enough, or the place the kernel
+ * standard error and a second chunk of the same name is made; every call by name finds the one at
+ * the lower address, whichever that is. A new chunk takes the lowest gap that is large enough, or the place the kernel
  * driver gives where the region is named "CMA", and is mapped for every registered device that is
  * online.
  *
  * @param name     1 to 49 bytes, compared exactly; not null.
  * @param size     bytes, 1 to 0xfffff000 with 4 KiB pages; rounded up to whole pages. Above that
- *                 it wraps: a size that rounds to 0 ends the process when its memory is zeroed.
+ *                 it wraps: a size that rounds to 0 ends the process when the chunk is mapped for a
+ *                 device ("pa >= dma_chunk_head->pa && pa <= dma_chunk_tail->pa", and the chunk
+ *                 stays listed) or else when its memory is zeroed.
  * @param creator  who allocates, for people; not empty, not null. Of 100 bytes and more, the first
  *                 47 and the last 47 are kept with " ... " between them.
  * @return the chunk's DMA address; 0 when the library cannot start, the lock cannot be taken, no
@@ -99,8 +102,8 @@ extern "C" {
  *         get_cma_allocation() says.
  *
  * Ends the process when the name's length is not 1 to 49 ("len_name > 0 && (len_name < 50)"), the
- * creator is empty ("len_agent_name > 0") or the size is 0 ("size"); when a device refuses the
- * mapping with anything but ENODEV, EUNATCH or ENOSYS ("cur->allocated", after "Error IOMMU mapping
+ * creator is empty ("len_agent_name > 0") or the size is 0 ("size"); when the mapping for a device
+ * fails with anything but ENODEV, EUNATCH or ENOSYS ("cur->allocated", after "Error IOMMU mapping
  * chunk ..."; "pa >= dma_chunk_head->pa && pa <= dma_chunk_tail->pa" while the first device record
  * is in use and online); and likewise when the new memory cannot be mapped to be zeroed
  * ("tarvo_alloc: mmap failed!"). The chunk is then no longer listed. A null text faults.
@@ -116,11 +119,12 @@ TARVO_API uint32_t tarvo_alloc_func(const char* name, size_t size, const char* c
  *
  * @param name  not empty; null faults. "__HEAD" is not found. "__TAIL" is found and ends the
  *              process ("cur->allocated"), after a "CMA" region's driver, and the device with the
- *              first record if it is online, were asked to give it up.
+ *              first record if it is online, were asked to give it up; where that driver cannot be
+ *              told, -1 is all.
  * @return 0; -1 when the library cannot start, the lock cannot be taken, no chunk has the name
- *         (nothing is printed), the kernel driver does not release the memory of a "CMA" region
- *         ("Error opening /proc/tarvo: ..." or "Error freeing CMA ..."; nothing is changed then),
- *         or a device refuses to unmap it ("Error IOMMU unmapping chunk ..."; the chunk then stays
+ *         (nothing is printed), the kernel driver cannot be told to release the memory of a "CMA"
+ *         region ("Error opening /proc/tarvo: ..." or "Error freeing CMA ..."; nothing is changed
+ *         then; a driver that refuses goes unnoticed), or unmapping it for a device fails ("Error IOMMU unmapping chunk ..."; the chunk then stays
  *         listed, mapped for no device on record, and CMA memory is released all the same).
  *
  * Ends the process when the name is empty ("len"). Takes the lock.

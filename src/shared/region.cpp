@@ -4,6 +4,7 @@
 #include "shared/open.hpp"
 #include "shared/paths.hpp"
 #include "shared/process_state.hpp"
+#include "shared/region_line.hpp"
 #include "shared/trace.hpp"
 
 #include <cerrno>
@@ -19,17 +20,6 @@ namespace {
 constexpr uint64_t simulated_region_first_pa = 0x1000;
 constexpr uint32_t simulated_region_bytes = 0x2a800000;
 constexpr uint32_t simulated_memory_bytes = simulated_region_first_pa + simulated_region_bytes;
-
-/// The region's name that says that chunks come from the kernel's contiguous memory allocator.
-constexpr const char* cma_region_name = "CMA";
-
-/// What the region driver's first line says. Addresses are physical, the last one inclusive.
-struct region_line {
-    char text[driver_line_bytes];
-    unsigned long long first_pa;
-    unsigned long long last_pa;
-    char name[driver_line_bytes];
-};
 
 /// Opens the stand-in for physical memory and gives it its size. It is created only for a process
 /// that asks for simulation; one that is already there selects simulation for everybody.
@@ -82,9 +72,7 @@ bool read_region_line(FILE* driver, region_line& line) {
         fprintf(stderr, "Couldn't read from %s\n", paths::region_driver);
         return false;
     }
-    unsigned long long ignored = 0;
-    if (sscanf(line.text, "%llx\t%llx\t%llx\t%s", &line.first_pa, &line.last_pa, &ignored,
-               line.name) != 4) {
+    if (!parse(line)) {
         fprintf(stderr, "tarvo: failed to parse %s\n", paths::region_driver);
         return false;
     }
@@ -95,7 +83,7 @@ bool read_region_line(FILE* driver, region_line& line) {
 void adopt_region(const region_line& line) {
     const unsigned long long start = line.first_pa;
     const unsigned long long end = line.last_pa;
-    is_cma = strcmp(line.name, cma_region_name) == 0;
+    is_cma = line.is_cma();
     TARVO_TRACE(trace_progress, "tarvo_devmem_init",
                 "tarvo: searched %s, found line '%s', start: %llx, end: %llx", paths::region_driver,
                 line.text, start, end);

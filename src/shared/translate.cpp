@@ -1,19 +1,15 @@
 #include "assertion.hpp"
+#include "shared/dma_window.hpp"
 #include "shared/init.hpp"
 #include "shared/process_state.hpp"
 #include "shared/trace.hpp"
 #include "tarvo.h"
 
-// Devices see a region that lies below 4 GiB where it is, and any other one from high_region_dma
-// on. The sentinels never move once they are made, so nothing here takes the lock.
-
 namespace {
 
-constexpr uint32_t high_region_dma = 0x20000000;
-
-/// True when the region, or the first byte behind it, is out of reach of a 32-bit address.
-bool region_is_high() {
-    return (dma_chunk_head->pa >> 32) != 0 || (dma_chunk_tail->pa >> 32) != 0;
+/// The sentinels never move once they are made, so nothing here takes the lock.
+dma_window window() {
+    return {dma_chunk_head->pa, dma_chunk_tail->pa};
 }
 
 } // namespace
@@ -22,7 +18,7 @@ uint64_t tarvo_dma_to_pa(uint32_t dma) {
     if (!library_is_ready()) {
         return 0;
     }
-    const uint64_t res = region_is_high() ? dma_chunk_head->pa - high_region_dma + dma : dma;
+    const uint64_t res = window().pa_of(dma);
     // Traced before it is checked, so that the trace shows the address that ended the process.
     TARVO_TRACE(trace_translation, "tarvo_dma_to_pa", "%s: %x -> %llx", "tarvo_dma_to_pa", dma,
                 static_cast<unsigned long long>(res));
@@ -37,9 +33,7 @@ uint32_t tarvo_pa_to_dma(uint64_t pa) {
     }
     TARVO_ASSERT(pa >= dma_chunk_head->pa && pa <= dma_chunk_tail->pa,
                  "pa >= dma_chunk_head->pa && pa <= dma_chunk_tail->pa");
-    const auto low_pa = static_cast<uint32_t>(pa);
-    const auto low_start = static_cast<uint32_t>(dma_chunk_head->pa);
-    const uint32_t dma = region_is_high() ? low_pa - low_start + high_region_dma : low_pa;
+    const uint32_t dma = window().dma_of(pa);
     TARVO_TRACE(trace_translation, "tarvo_pa_to_dma", "%s: %llx->  %x", "tarvo_pa_to_dma",
                 static_cast<unsigned long long>(pa), dma);
     return dma;

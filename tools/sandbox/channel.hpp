@@ -5,7 +5,7 @@
 #include <optional>
 #include <vector>
 
-#include "unique_fd.hpp"
+#include "common/unique_fd.hpp"
 
 namespace sandbox {
 

@@ -3,7 +3,7 @@
 #include <string>
 #include <vector>
 
-#include "unique_fd.hpp"
+#include "common/unique_fd.hpp"
 
 namespace sandbox {
 

@@ -6,7 +6,7 @@
 #include <string_view>
 
 #include "rule.hpp"
-#include "unique_fd.hpp"
+#include "common/unique_fd.hpp"
 
 namespace sandbox {
 

@@ -7,7 +7,7 @@
 
 #include "driver.hpp"
 #include "proc_view.hpp"
-#include "unique_fd.hpp"
+#include "common/unique_fd.hpp"
 
 namespace sandbox {
 

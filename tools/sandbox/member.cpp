@@ -14,7 +14,7 @@
 #include "failure.hpp"
 #include "namespaces.hpp"
 #include "process_fd.hpp"
-#include "unique_fd.hpp"
+#include "common/unique_fd.hpp"
 #include "world_mounts.hpp"
 
 namespace sandbox {

@@ -3,7 +3,7 @@
 #include <vector>
 
 #include "channel.hpp"
-#include "unique_fd.hpp"
+#include "common/unique_fd.hpp"
 
 namespace sandbox {
 

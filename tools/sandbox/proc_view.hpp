@@ -8,7 +8,7 @@
 #include <string_view>
 #include <vector>
 
-#include "unique_fd.hpp"
+#include "common/unique_fd.hpp"
 
 namespace sandbox {
 

@@ -8,7 +8,7 @@
 #include <memory>
 
 #include "failure.hpp"
-#include "unique_fd.hpp"
+#include "common/unique_fd.hpp"
 
 namespace sandbox {
 

@@ -1,7 +1,7 @@
 #pragma once
 
 #include "member.hpp"
-#include "unique_fd.hpp"
+#include "common/unique_fd.hpp"
 
 namespace sandbox {
 

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "unique_fd.hpp"
+#include "common/unique_fd.hpp"
 #include "world.hpp"
 
 namespace sandbox {

@@ -4,8 +4,6 @@
 
 #include <utility>
 
-namespace sandbox {
-
 // Owns one file descriptor; -1 is none.
 class unique_fd {
   public:
@@ -32,5 +30,3 @@ class unique_fd {
   private:
     int fd_ = -1;
 };
-
-} // namespace sandbox
