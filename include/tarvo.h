@@ -49,11 +49,11 @@
  *     with and without the variable share the region and NOT the lock: give it to all or to none.
  *  8. One name, two owners. A chunk belongs to no process: one tarvo_free() frees it for everybody,
  *     mapped or not, and mappings of a freed chunk go on showing memory that may by then be another
- *     chunk's. A process that allocates a name while another frees it can be ended by that, or
- *     zero, and be given, the memory of a chunk that a third one makes meanwhile, because new memory
- *     is zeroed, and its address read, after the lock is released
- *     ("pa >= dma_chunk_head->pa && pa <= dma_chunk_tail->pa", or "tarvo_alloc: mmap failed!" and
- *     "cur->allocated"). Agree on who frees.
+ *     chunk's. New memory is zeroed, and its address read, after the lock is released: a process
+ *     that allocates a name while another frees it can be ended by that, or zero, and be given, the
+ *     memory of a chunk that a third one makes meanwhile; the messages are
+ *     "pa >= dma_chunk_head->pa && pa <= dma_chunk_tail->pa", or "tarvo_alloc: mmap failed!" and
+ *     "cur->allocated". Agree on who frees.
  *  9. Messages go to standard error and are meant for people; errno after a call means nothing.
  *     ZUL_TRACE=tarvo=5 in the environment, read once, adds trace records there (3: failures, 5:
  *     progress and the failures of tarvo_map(), 6: each address translation).
@@ -83,9 +83,9 @@ extern "C" {
  * allocated, zeroed or mapped, and `creator` is not stored. If the lowest chunk of that name has
  * another size, "tarvo: find_chunk_desc() size mismatch, see tarvo" and an empty line go to
  * standard error and a second chunk of the same name is made; every call by name finds the one at
- * the lower address, whichever that is. A new chunk takes the lowest gap that is large enough, or the place the kernel
- * driver gives where the region is named "CMA", and is mapped for every registered device that is
- * online.
+ * the lower address, whichever that is. A new chunk takes the lowest gap that is large enough, or
+ * the place the kernel driver gives where the region is named "CMA", and is mapped for every
+ * registered device that is online.
  *
  * @param name     1 to 49 bytes, compared exactly; not null.
  * @param size     bytes, 1 to 0xfffff000 with 4 KiB pages; rounded up to whole pages. Above that
@@ -124,8 +124,9 @@ TARVO_API uint32_t tarvo_alloc_func(const char* name, size_t size, const char* c
  * @return 0; -1 when the library cannot start, the lock cannot be taken, no chunk has the name
  *         (nothing is printed), the kernel driver cannot be told to release the memory of a "CMA"
  *         region ("Error opening /proc/tarvo: ..." or "Error freeing CMA ..."; nothing is changed
- *         then; a driver that refuses goes unnoticed), or unmapping it for a device fails ("Error IOMMU unmapping chunk ..."; the chunk then stays
- *         listed, mapped for no device on record, and CMA memory is released all the same).
+ *         then; a driver that refuses goes unnoticed), or unmapping it for a device fails ("Error
+ *         IOMMU unmapping chunk ..."; the chunk then stays listed, mapped for no device on
+ *         record, and CMA memory is released all the same).
  *
  * Ends the process when the name is empty ("len"). Takes the lock.
  */
