@@ -1,0 +1,47 @@
+#pragma once
+
+#include <cstddef>
+#include <string>
+#include <string_view>
+
+namespace tarvoctl {
+
+/// How bad a finding is, the mildest first.
+enum class finding_class {
+    note,      ///< worth knowing; nothing is wrong with the area
+    tolerated, ///< the library itself can leave this behind and works on with it
+    leaked,    ///< an element that is neither on its list nor free: lost until repaired
+    broken,    ///< a rule of the area does not hold: calls may end their process or do harm
+};
+
+std::string_view name_of(finding_class cls);
+
+enum class area_list {
+    area,    ///< the area as a whole, outside its lists
+    chunks,  ///< `element` is a chunk's number
+    refs,    ///< the devices of chunk `element`; `ref` is a reference's number
+    devices, ///< `element` is a device's number
+};
+
+/// Where something is. -1: not one element, but the list as a whole.
+struct place {
+    area_list list = area_list::area;
+    int element = -1;
+    int ref = -1;
+
+    bool operator==(const place&) const = default;
+};
+
+/// As people read it: "chunk 17", "chunk 17, reference 3", "the device list".
+std::string text_of(const place& where);
+
+struct finding {
+    finding_class cls = finding_class::note;
+    std::string rule; ///< short and stable, such as "chunk-link-out-of-range"
+    place where;
+    std::string text; ///< the values found and what they mean
+    /// Further findings of this rule that were counted but not listed; on the rule's last one.
+    std::size_t unlisted = 0;
+};
+
+} // namespace tarvoctl

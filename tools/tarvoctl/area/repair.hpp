@@ -1,0 +1,49 @@
+#pragma once
+
+#include "finding.hpp"
+#include "shared/layout.hpp"
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace tarvoctl {
+
+/// One change of the area's bytes.
+struct repair_edit {
+    std::size_t offset = 0; ///< in the area file
+    std::vector<uint8_t> before;
+    std::vector<uint8_t> after; ///< as many as `before`
+    place where;
+    std::string why;
+
+    /// Whether this only clears what was left behind.
+    bool zeroes() const;
+};
+
+/// Something that is wrong and cannot be decided from the bytes alone.
+struct repair_doubt {
+    place where;
+    std::string why;
+};
+
+struct repair_plan {
+    std::vector<repair_edit> edits; ///< no two of them overlap; in the order in which to apply them
+    std::vector<repair_doubt> doubts; ///< left as they are, for a person to decide
+};
+
+/// Plans how to make an area whole again after a process died in the middle of a change: the change
+/// is completed or undone, and all other records stay as they are. The list that the library's own
+/// walk (from the head along `next` to the tail) visits is taken as the truth while that walk is
+/// sound. An area that was not built yet needs nothing: the next process
+/// builds it from nothing.
+repair_plan plan_repair(const shared_area_t& area);
+
+/// Whether the area still holds what the plan was made from.
+bool applies_to(const repair_plan& plan, const shared_area_t& area);
+
+/// Makes the changes. The caller holds the lock and has asked applies_to().
+void apply(const repair_plan& plan, shared_area_t& area);
+
+} // namespace tarvoctl
