@@ -5,8 +5,8 @@
 #include <cstdint>
 #include <string_view>
 
-#include "rule.hpp"
 #include "common/unique_fd.hpp"
+#include "rule.hpp"
 
 namespace sandbox {
 

@@ -5,9 +5,9 @@
 #include <memory>
 #include <string>
 
+#include "common/unique_fd.hpp"
 #include "driver.hpp"
 #include "proc_view.hpp"
-#include "common/unique_fd.hpp"
 
 namespace sandbox {
 

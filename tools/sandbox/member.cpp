@@ -11,10 +11,10 @@
 #include <filesystem>
 
 #include "channel.hpp"
+#include "common/unique_fd.hpp"
 #include "failure.hpp"
 #include "namespaces.hpp"
 #include "process_fd.hpp"
-#include "common/unique_fd.hpp"
 #include "world_mounts.hpp"
 
 namespace sandbox {

@@ -7,8 +7,8 @@
 
 #include <memory>
 
-#include "failure.hpp"
 #include "common/unique_fd.hpp"
+#include "failure.hpp"
 
 namespace sandbox {
 

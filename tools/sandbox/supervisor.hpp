@@ -1,7 +1,7 @@
 #pragma once
 
-#include "member.hpp"
 #include "common/unique_fd.hpp"
+#include "member.hpp"
 
 namespace sandbox {
 

@@ -1,0 +1,48 @@
+#pragma once
+
+#include "shared/dma_window.hpp"
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace tarvoctl {
+
+/// A registered PCI device.
+struct device_record {
+    int index; ///< element number, by which chunks refer to it
+    uint32_t domain;
+    uint32_t bus;
+    uint32_t devfn; ///< slot * 8 + function
+    bool online;
+};
+
+/// A chunk; the sentinels are not among them.
+struct chunk_record {
+    int index; ///< element number
+    std::string name;
+    uint64_t pa; ///< of the first byte
+    uint32_t size;
+    std::string creator;
+    std::vector<int> devices; ///< element numbers of the devices it is mapped for
+
+    uint64_t end_pa() const { return pa + size; } ///< one past the last byte
+};
+
+/// What is on record, at one moment.
+struct picture {
+    dma_window region;
+    std::vector<chunk_record> chunks;   ///< in list order, which is that of their addresses
+    std::vector<device_record> devices; ///< in order of registration
+    /// Why a list could not be read to its end; what was read before is above.
+    std::vector<std::string> damage;
+
+    /// The registered device with that element number; null if there is none.
+    const device_record* device_at(int index) const;
+    /// The chunk that calls by that name find: the lowest one; null if there is none.
+    const chunk_record* find(const std::string& name) const;
+    /// For each chunk in turn, whether there is another one of its name.
+    std::vector<bool> duplicates() const;
+};
+
+} // namespace tarvoctl

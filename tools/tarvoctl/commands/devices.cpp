@@ -1,0 +1,104 @@
+#include "commands/commands.hpp"
+#include "output/json.hpp"
+#include "output/table.hpp"
+#include "output/text.hpp"
+#include "program.hpp"
+
+#include <algorithm>
+#include <fmt/format.h>
+#include <map>
+#include <memory>
+
+namespace tarvoctl {
+
+namespace {
+
+struct devices_options {
+    area_source source;
+    bool json = false;
+};
+
+/// For each element number that a chunk refers to, the chunks that do.
+using references = std::map<int, std::vector<const chunk_record*>>;
+
+references references_in(const picture& records) {
+    references found;
+    for (const auto& chunk : records.chunks)
+        for (const int index : chunk.devices)
+            found[index].push_back(&chunk);
+    return found;
+}
+
+/// Leaves those that point at no registered device.
+references dangling(references all, const picture& records) {
+    for (const auto& device : records.devices)
+        all.erase(device.index);
+    return all;
+}
+
+void print_as_table(const picture& records, const references& all) {
+    table lines{{{"INDEX", align::right}, {"DEVICE"}, {"STATE"}, {"CHUNKS", align::right}}};
+    for (const auto& device : records.devices) {
+        const auto found = all.find(device.index);
+        const std::size_t chunks = found == all.end() ? 0 : found->second.size();
+        lines.add({fmt::format("{}", device.index), device_text(device),
+                   device.online ? "online" : "offline",
+                   fmt::format("{}/{}", chunks, records.chunks.size())});
+    }
+    fmt::print("{}", lines.text());
+    for (const auto& [index, chunks] : dangling(all, records)) {
+        fmt::print(
+            "{} chunk(s) refer to device record {}, which is not registered; the next device "
+            "in that record inherits them:",
+            chunks.size(), index);
+        for (const auto* chunk : chunks)
+            fmt::print(" {}", shown(chunk->name));
+        fmt::print("\n");
+    }
+}
+
+json names_of(const std::vector<const chunk_record*>& chunks) {
+    json names = json::array();
+    for (const auto* chunk : chunks)
+        names.push_back(chunk->name);
+    return names;
+}
+
+void print_as_json(const picture& records, references all) {
+    json devices = json::array();
+    for (const auto& device : records.devices) {
+        json made = json_device(device);
+        made["chunks"] = names_of(all[device.index]);
+        devices.push_back(std::move(made));
+    }
+    json left_over = json::array();
+    for (const auto& [index, chunks] : dangling(all, records))
+        left_over.push_back({{"index", index}, {"chunks", names_of(chunks)}});
+    json document = json_document("devices");
+    document["devices"] = std::move(devices);
+    document["left_over_references"] = std::move(left_over);
+    document["damage"] = records.damage;
+    print_json(document);
+}
+
+exit_status devices(const devices_options& options) {
+    const picture records = read_picture(options.source);
+    if (options.json) {
+        print_as_json(records, references_in(records));
+    } else {
+        print_as_table(records, references_in(records));
+    }
+    return told_damage(records);
+}
+
+} // namespace
+
+void add_devices(program& to) {
+    const auto options = std::make_shared<devices_options>();
+    CLI::App& command = to.add("devices", "the registered devices and how many chunks each sees",
+                               looking, [options] { return devices(*options); });
+    add_json(command, options->json);
+    add_source(command, options->source);
+}
+
+} // namespace tarvoctl

@@ -1,0 +1,166 @@
+#include "commands/commands.hpp"
+#include "failure.hpp"
+#include "output/json.hpp"
+#include "output/table.hpp"
+#include "output/text.hpp"
+#include "program.hpp"
+
+#include <algorithm>
+#include <fmt/format.h>
+#include <memory>
+#include <numeric>
+
+namespace tarvoctl {
+
+namespace {
+
+struct list_options {
+    area_source source;
+    std::vector<std::string> columns{"index", "name", "dma", "pa", "size", "creator", "devices"};
+    std::string sort = "pa";
+    bool human = false;
+    bool reverse = false;
+    bool no_header = false;
+    bool json = false;
+};
+
+/// What a cell is made from.
+struct listed_chunk {
+    const chunk_record& chunk;
+    const picture& records;
+    bool duplicate;
+    bool human;
+};
+
+struct list_column {
+    const char* key;
+    column head;
+    std::string (*cell)(const listed_chunk&);
+};
+
+const list_column all_columns[] = {
+    {"index",
+     {"INDEX", align::right},
+     [](const listed_chunk& each) { return fmt::format("{}", each.chunk.index); }},
+    {"name",
+     {"NAME"},
+     [](const listed_chunk& each) {
+         return shown(each.chunk.name) + (each.duplicate ? " *" : "");
+     }},
+    {"dma",
+     {"DMA"},
+     [](const listed_chunk& each) { return dma_range(each.chunk, each.records.region); }},
+    {"pa", {"PHYSICAL"}, [](const listed_chunk& each) { return pa_range(each.chunk); }},
+    {"size",
+     {"SIZE", align::right},
+     [](const listed_chunk& each) { return size_text(each.chunk.size, each.human); }},
+    {"creator", {"CREATOR"}, [](const listed_chunk& each) { return shown(each.chunk.creator); }},
+    {"devices",
+     {"DEVICES"},
+     [](const listed_chunk& each) { return devices_text(each.chunk, each.records); }},
+};
+
+const list_column& column_called(const std::string& key) {
+    const auto* const found =
+        std::find_if(std::begin(all_columns), std::end(all_columns),
+                     [&key](const list_column& each) { return key == each.key; });
+    if (found == std::end(all_columns)) {
+        throw failure{exit_status::usage,
+                      fmt::format("-o: '{}' is no column; there are index, name, dma, pa, size, "
+                                  "creator and devices",
+                                  key)};
+    }
+    return *found;
+}
+
+/// The chunks' positions in the order wanted; equal ones in ascending address.
+std::vector<std::size_t> order_of(const picture& records, const list_options& options) {
+    std::vector<std::size_t> order(records.chunks.size());
+    std::iota(order.begin(), order.end(), 0);
+    const auto sort_by = [&](auto key) {
+        std::stable_sort(order.begin(), order.end(), [&](std::size_t a, std::size_t b) {
+            return key(records.chunks[a]) < key(records.chunks[b]);
+        });
+    };
+    if (options.sort == "name")
+        sort_by([](const chunk_record& each) -> const std::string& { return each.name; });
+    if (options.sort == "creator")
+        sort_by([](const chunk_record& each) -> const std::string& { return each.creator; });
+    if (options.sort == "size")
+        sort_by([](const chunk_record& each) { return each.size; });
+    if (options.sort == "index")
+        sort_by([](const chunk_record& each) { return each.index; });
+    if (options.reverse)
+        std::reverse(order.begin(), order.end());
+    return order;
+}
+
+void print_as_table(const picture& records, const list_options& options) {
+    std::vector<const list_column*> chosen;
+    std::vector<column> heads;
+    for (const auto& key : options.columns) {
+        chosen.push_back(&column_called(key));
+        heads.push_back(chosen.back()->head);
+    }
+    const auto duplicates = records.duplicates();
+    table lines{heads};
+    for (const std::size_t position : order_of(records, options)) {
+        const listed_chunk each{records.chunks[position], records, duplicates[position],
+                                options.human};
+        std::vector<std::string> row;
+        for (const auto* wanted : chosen)
+            row.push_back(wanted->cell(each));
+        lines.add(std::move(row));
+    }
+    fmt::print("{}", lines.text(!options.no_header));
+    if (std::find(duplicates.begin(), duplicates.end(), true) != duplicates.end())
+        fmt::print(stderr, "* not the only chunk of that name; calls find the lowest one\n");
+}
+
+void print_as_json(const picture& records, const list_options& options) {
+    const auto duplicates = records.duplicates();
+    json chunks = json::array();
+    for (const std::size_t position : order_of(records, options)) {
+        json chunk = json_chunk(records.chunks[position], records);
+        chunk["duplicate"] = static_cast<bool>(duplicates[position]);
+        chunks.push_back(std::move(chunk));
+    }
+    json document = json_document("list");
+    document["region"] = json_region(records);
+    document["chunks"] = std::move(chunks);
+    document["damage"] = records.damage;
+    print_json(document);
+}
+
+exit_status list(const list_options& options) {
+    const picture records = read_picture(options.source);
+    if (options.json) {
+        print_as_json(records, options);
+    } else {
+        print_as_table(records, options);
+    }
+    return told_damage(records);
+}
+
+} // namespace
+
+void add_list(program& to) {
+    const auto options = std::make_shared<list_options>();
+    CLI::App& command = to.add("list", "the chunks, in ascending address", looking,
+                               [options] { return list(*options); });
+    command
+        .add_option("-o,--columns", options->columns,
+                    "which, as in name,size: index, name, dma, pa, size, creator, devices")
+        ->delimiter(',')
+        ->type_name("COLUMNS");
+    command.add_option("--sort", options->sort, "by pa (also dma), name, size, creator or index")
+        ->check(CLI::IsMember({"pa", "dma", "name", "size", "creator", "index"}))
+        ->type_name("KEY");
+    command.add_flag("-r,--reverse", options->reverse, "the other way round");
+    command.add_flag("--human", options->human, "sizes as 64K, 2M");
+    command.add_flag("--no-header", options->no_header, "without the line of titles");
+    add_json(command, options->json);
+    add_source(command, options->source);
+}
+
+} // namespace tarvoctl

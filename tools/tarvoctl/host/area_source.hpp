@@ -1,0 +1,48 @@
+#pragma once
+
+#include "area/records.hpp"
+#include "host/site.hpp"
+#include "shared/layout.hpp"
+
+#include <chrono>
+#include <memory>
+#include <optional>
+#include <string>
+
+namespace tarvoctl {
+
+/// Where a command reads the records: the live area, or a copy of one.
+struct area_source {
+    std::string file; ///< a copy; empty: the live area
+    std::chrono::milliseconds timeout{5000};
+
+    bool is_live() const { return file.empty(); }
+};
+
+/// The records, as one consistent picture. The live area's lock is held only while they are copied.
+/// Throws failure, also where there is no area: none is ever made by looking.
+picture read_picture(const area_source& source);
+
+/// A whole area, copied.
+std::unique_ptr<shared_area_t> read_area(const area_source& source);
+
+/// The same of a live area that is here. Throws failure when it is not all there: too short, or not
+/// built yet.
+class mapped_area {
+  public:
+    enum class access { read, write };
+
+    explicit mapped_area(const std::string& path, access wanted = access::read);
+    ~mapped_area();
+    mapped_area(const mapped_area&) = delete;
+    mapped_area& operator=(const mapped_area&) = delete;
+
+    shared_area_t& area() const { return *area_; }
+    /// Brings the pages in that hold something, so that copying does not wait for them.
+    void touch() const;
+
+  private:
+    shared_area_t* area_ = nullptr;
+};
+
+} // namespace tarvoctl

@@ -1,0 +1,96 @@
+#include "host/cross_process_lock.hpp"
+
+#include "failure.hpp"
+
+#include <cerrno>
+#include <csignal>
+#include <ctime>
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <sys/file.h>
+#include <system_error>
+
+namespace tarvoctl {
+
+namespace {
+
+using clock = std::chrono::steady_clock;
+
+void do_nothing(int) {}
+
+/// Interrupts system calls again and again once a time is over, so that none that begins just
+/// behind the first interruption waits for ever.
+class interruption {
+  public:
+    explicit interruption(std::chrono::milliseconds delay) {
+        struct sigaction act {};
+        act.sa_handler = do_nothing; // without SA_RESTART
+        ::sigaction(SIGALRM, &act, &earlier_);
+        sigevent event{};
+        event.sigev_notify = SIGEV_SIGNAL;
+        event.sigev_signo = SIGALRM;
+        if (::timer_create(CLOCK_MONOTONIC, &event, &timer_) != 0)
+            throw std::system_error{errno, std::generic_category(), "timer_create"};
+        constexpr long repeat_nanoseconds = 10'000'000;
+        const auto nanoseconds = std::chrono::nanoseconds{delay} % std::chrono::seconds{1};
+        itimerspec when{};
+        when.it_value.tv_sec = std::chrono::duration_cast<std::chrono::seconds>(delay).count();
+        when.it_value.tv_nsec = nanoseconds.count() + 1; // 0 would disarm it
+        when.it_interval.tv_nsec = repeat_nanoseconds;
+        ::timer_settime(timer_, 0, &when, nullptr);
+    }
+    ~interruption() {
+        ::timer_delete(timer_);
+        ::sigaction(SIGALRM, &earlier_, nullptr);
+    }
+    interruption(const interruption&) = delete;
+    interruption& operator=(const interruption&) = delete;
+
+  private:
+    timer_t timer_{};
+    struct sigaction earlier_ {};
+};
+
+/// Takes the lock of an open file; false when the time is over.
+bool take(const unique_fd& file, clock::time_point last_moment) {
+    if (::flock(file.get(), LOCK_EX | LOCK_NB) == 0)
+        return true;
+    const auto left =
+        std::chrono::duration_cast<std::chrono::milliseconds>(last_moment - clock::now());
+    if (left.count() <= 0)
+        return false;
+    const interruption later{left};
+    while (::flock(file.get(), LOCK_EX) != 0) {
+        if (errno != EINTR)
+            throw std::system_error{errno, std::generic_category(), "flock"};
+        if (clock::now() >= last_moment)
+            return false;
+    }
+    return true;
+}
+
+} // namespace
+
+cross_process_lock::cross_process_lock(const std::vector<std::string>& files,
+                                       std::chrono::milliseconds timeout) {
+    const auto last_moment = clock::now() + timeout;
+    for (const auto& path : files) {
+        unique_fd file{::open(path.c_str(), O_RDONLY | O_CLOEXEC)};
+        if (!file && (errno == ENOENT || errno == ENOTDIR))
+            continue;
+        if (!file) {
+            throw failure{
+                exit_status::unreadable,
+                fmt::format("cannot open the lock {}: {}; try as root", path, error_text(errno))};
+        }
+        if (!take(file, last_moment)) {
+            throw failure{exit_status::timed_out,
+                          fmt::format("the lock {} was not free within {} s; 'tarvoctl lock' tells "
+                                      "who holds it, --timeout waits longer",
+                                      path, std::chrono::duration<double>{timeout}.count())};
+        }
+        held_.push_back(std::move(file));
+    }
+}
+
+} // namespace tarvoctl

@@ -1,0 +1,26 @@
+#pragma once
+
+#include "common/unique_fd.hpp"
+
+#include <chrono>
+#include <string>
+#include <vector>
+
+namespace tarvoctl {
+
+/// Longest a wait for the lock can be asked to take, which is as good as for ever.
+inline constexpr std::chrono::milliseconds longest_timeout = std::chrono::hours{24 * 365};
+
+/// Holds the library's cross-process lock as long as it lives. Lock files are opened, never
+/// created; one that is missing is held by nobody.
+class cross_process_lock {
+  public:
+    /// Waits in the same queue as everybody else, but not longer than `timeout`. Throws failure:
+    /// timed_out, with the holder's name, or unreadable.
+    cross_process_lock(const std::vector<std::string>& files, std::chrono::milliseconds timeout);
+
+  private:
+    std::vector<unique_fd> held_;
+};
+
+} // namespace tarvoctl

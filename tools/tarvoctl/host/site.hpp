@@ -1,0 +1,30 @@
+#pragma once
+
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace tarvoctl {
+
+/// Which files the library would use if it were started here and now, found out without creating
+/// any of them.
+struct site {
+    bool simulation;
+    std::string reason; ///< why that one, for people
+    std::string area;
+    std::string memory;
+    /// The lock file the library would take, with the environment as it is.
+    std::string own_lock;
+    /// All lock files that processes of this area may be using, in the order in which to take them:
+    /// in simulation some may run with the variable and some without.
+    std::vector<std::string> locks;
+    /// The region driver's first line says that chunks come from the kernel's allocator.
+    bool cma;
+};
+
+site find_site();
+
+/// Whether the environment selects simulation.
+bool simulation_is_asked_for();
+
+} // namespace tarvoctl

@@ -1,0 +1,9 @@
+#include "commands/commands.hpp"
+#include "program.hpp"
+
+int main(int argc, char** argv) {
+    tarvoctl::program tool;
+    for (const auto add : {tarvoctl::add_list, tarvoctl::add_devices})
+        add(tool);
+    return tool.run(argc, argv);
+}

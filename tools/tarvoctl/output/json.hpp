@@ -1,0 +1,30 @@
+#pragma once
+
+#include "area/records.hpp"
+
+#include <cstdint>
+#include <nlohmann/json.hpp>
+#include <string_view>
+
+namespace tarvoctl {
+
+/// Keys stay in the order in which they are added.
+using json = nlohmann::ordered_json;
+
+/// What every output begins with: the number of the schema it follows and the command.
+json json_document(std::string_view command);
+
+/// An address, as a number and as hexadecimal text: {"number": 4096, "hex": "0x1000"}.
+json json_address(uint64_t address);
+
+/// Where the region lies, for processors and for devices.
+json json_region(const picture& records);
+json json_device(const device_record& device);
+json json_chunk(const chunk_record& chunk, const picture& records);
+
+/// Writes a document to standard output. Bytes that are no UTF-8 become U+FFFD.
+void print_json(const json& document);
+/// The same on one line, for streams of documents.
+void print_json_line(const json& document);
+
+} // namespace tarvoctl

@@ -1,0 +1,52 @@
+#include "output/table.hpp"
+
+#include <algorithm>
+
+namespace tarvoctl {
+
+std::size_t width_of(const std::string& text) {
+    return static_cast<std::size_t>(std::count_if(text.begin(), text.end(), [](char each) {
+        return (static_cast<unsigned char>(each) & 0xc0U) != 0x80U;
+    }));
+}
+
+std::vector<std::size_t> table::widths() const {
+    std::vector<std::size_t> widest;
+    for (std::size_t i = 0; i < columns_.size(); ++i) {
+        std::size_t width = width_of(columns_[i].title);
+        for (const auto& row : rows_)
+            width = std::max(width, width_of(row[i]));
+        widest.push_back(width);
+    }
+    return widest;
+}
+
+void table::append_row(std::string& made, const std::vector<std::string>& row,
+                       const std::vector<std::size_t>& widths) const {
+    for (std::size_t i = 0; i < row.size(); ++i) {
+        const std::string blanks(widths[i] - width_of(row[i]), ' ');
+        const bool last = i + 1 == row.size();
+        if (columns_[i].side == align::right) {
+            made += blanks + row[i];
+        } else {
+            made += row[i] + (last ? "" : blanks);
+        }
+        made += last ? "\n" : "  ";
+    }
+}
+
+std::string table::text(bool titles) const {
+    const auto widest = widths();
+    std::string made;
+    if (titles) {
+        std::vector<std::string> names;
+        for (const auto& each : columns_)
+            names.push_back(each.title);
+        append_row(made, names, widest);
+    }
+    for (const auto& row : rows_)
+        append_row(made, row, widest);
+    return made;
+}
+
+} // namespace tarvoctl

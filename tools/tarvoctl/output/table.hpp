@@ -1,0 +1,39 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace tarvoctl {
+
+enum class align { left, right };
+
+struct column {
+    std::string title;
+    align side = align::left;
+};
+
+/// Lines up texts in columns that are as wide as they need to be, two blanks apart.
+class table {
+  public:
+    explicit table(std::vector<column> columns) : columns_{std::move(columns)} {}
+
+    /// As many texts as there are columns.
+    void add(std::vector<std::string> row) { rows_.push_back(std::move(row)); }
+
+    /// The titles, if they are wanted, and all rows, a line each; the last column has no blanks
+    /// behind it.
+    std::string text(bool titles = true) const;
+
+  private:
+    std::vector<std::size_t> widths() const;
+    void append_row(std::string& made, const std::vector<std::string>& row,
+                    const std::vector<std::size_t>& widths) const;
+
+    std::vector<column> columns_;
+    std::vector<std::vector<std::string>> rows_;
+};
+
+/// How many columns of a terminal a UTF-8 text takes, each letter counted as one.
+std::size_t width_of(const std::string& text);
+
+} // namespace tarvoctl

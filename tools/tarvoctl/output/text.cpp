@@ -1,0 +1,90 @@
+#include "output/text.hpp"
+
+#include <array>
+#include <fmt/format.h>
+#include <nlohmann/json.hpp>
+
+namespace tarvoctl {
+
+namespace {
+
+bool is_utf8(std::string_view text) {
+    try {
+        static_cast<void>(nlohmann::json(text).dump());
+        return true;
+    } catch (const nlohmann::json::type_error&) {
+        return false;
+    }
+}
+
+} // namespace
+
+std::string shown(std::string_view text) {
+    const bool keep_high = is_utf8(text);
+    std::string made;
+    for (const char each : text) {
+        const auto byte = static_cast<unsigned char>(each);
+        const bool high = byte >= 0x80;
+        if (byte < 0x20 || byte == 0x7f || (high && !keep_high)) {
+            made += fmt::format("\\x{:02x}", byte);
+        } else {
+            made += each;
+        }
+    }
+    return made;
+}
+
+std::string device_text(const device_record& device) {
+    return fmt::format("{:04x}:{:02x}:{:02x}.{:x}", device.domain, device.bus,
+                       device.devfn >> 3 & 0x1f, device.devfn & 7);
+}
+
+std::string devices_text(const chunk_record& chunk, const picture& records) {
+    std::string made;
+    for (const int index : chunk.devices) {
+        const device_record* const device = records.device_at(index);
+        made += made.empty() ? "" : " ";
+        if (device == nullptr) {
+            made += fmt::format("?{}", index);
+        } else {
+            made += device_text(*device) + (device->online ? "" : " (offline)");
+        }
+    }
+    return made.empty() ? "-" : made;
+}
+
+std::string pa_range(const chunk_record& chunk) {
+    return fmt::format("{:#011x}-{:#011x}", chunk.pa, chunk.end_pa() - 1);
+}
+
+std::string dma_range(const chunk_record& chunk, const dma_window& region) {
+    return fmt::format("{:#010x}-{:#010x}", region.dma_of(chunk.pa),
+                       region.dma_of(chunk.end_pa() - 1));
+}
+
+std::string size_text(uint64_t bytes, bool human) {
+    constexpr std::array units{"", "K", "M", "G", "T"};
+    constexpr uint64_t step = 1024;
+    if (!human || bytes < step)
+        return fmt::format("{}", bytes);
+    auto scaled = static_cast<double>(bytes);
+    std::size_t unit = 0;
+    while (scaled >= step && unit + 1 < units.size()) {
+        scaled /= step;
+        ++unit;
+    }
+    const std::string digits = fmt::format("{:.1f}", scaled);
+    const bool whole = digits.ends_with(".0");
+    return (whole ? digits.substr(0, digits.size() - 2) : digits) + units[unit];
+}
+
+exit_status told_damage(const picture& records) {
+    for (const auto& each : records.damage)
+        fmt::print(stderr, "tarvoctl: {}\n", each);
+    if (records.damage.empty())
+        return exit_status::good;
+    fmt::print(stderr, "tarvoctl: what could be read is above; see 'tarvoctl check'\n");
+    return exit_status::damaged;
+}
+
+} // namespace tarvoctl
