@@ -62,12 +62,16 @@ client sandbox::start(const std::vector<std::string>& first_commands) {
 }
 
 client sandbox::start_program(const std::vector<std::string>& words) {
-    client started(process(std::vector<std::string>{TARVO_SANDBOX, "join", "--control",
-                                                    _folder.path() / "control", "--"} +
-                               words,
-                           error_file()));
+    client started(start_process(words));
     started.pid();
     return started;
+}
+
+process sandbox::start_process(const std::vector<std::string>& words) {
+    return process(std::vector<std::string>{TARVO_SANDBOX, "join", "--control",
+                                            _folder.path() / "control", "--"} +
+                       words,
+                   error_file());
 }
 
 std::filesystem::path sandbox::error_file() {

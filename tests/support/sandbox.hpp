@@ -38,6 +38,8 @@ class sandbox {
     client start(const std::vector<std::string>& first_commands = {});
     /// The same of a tarvo-client that was built for other machines; `words` run it.
     client start_program(const std::vector<std::string>& words);
+    /// Any program at all.
+    process start_process(const std::vector<std::string>& words);
 
     /// Adds rules to the driver's, in force on return. `replace_rules` drops the earlier ones.
     void add_rules(const std::vector<std::string>& rules);

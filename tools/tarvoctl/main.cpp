@@ -3,7 +3,12 @@
 
 int main(int argc, char** argv) {
     tarvoctl::program tool;
-    for (const auto add : {tarvoctl::add_list, tarvoctl::add_devices})
+    // In the order in which the help lists them.
+    for (const auto add : {
+             tarvoctl::add_list,
+             tarvoctl::add_devices,
+         }) {
         add(tool);
+    }
     return tool.run(argc, argv);
 }

@@ -1,0 +1,144 @@
+#include "tool.hpp"
+
+#include <gtest/gtest.h>
+
+namespace {
+
+TEST(List, ShowsEachChunkWithWhereItLiesAndWhoSeesIt) {
+    sandbox machine(high);
+    client driver = machine.start();
+    driver.alloc("rx_ring", 0x10000, "driver_a");
+    driver.register_device(0, 3, 0);
+    driver.alloc("tx_ring", 0x1000, "driver_b");
+    const auto outcome = tarvoctl(machine, {"list"});
+    EXPECT_EQ(outcome.status, 0);
+    EXPECT_EQ(
+        outcome.output,
+        "INDEX  NAME     DMA                    PHYSICAL                  SIZE  CREATOR   DEVICES\n"
+        "    2  rx_ring  0x20000000-0x2000ffff  0x200000000-0x20000ffff  65536  driver_a  "
+        "0000:03:00.0\n"
+        "    3  tx_ring  0x20010000-0x20010fff  0x200010000-0x200010fff   4096  driver_b  "
+        "0000:03:00.0\n");
+    EXPECT_EQ(outcome.errors, "");
+}
+
+TEST(List, SortsAndChoosesColumns) {
+    sandbox machine(low);
+    client driver = machine.start();
+    driver.alloc("b", 0x1000, "x");
+    driver.alloc("c", 0x200000, "y");
+    driver.alloc("a", 0x18000, "z");
+    EXPECT_EQ(tarvoctl(machine, {"list", "-o", "name,size", "--sort", "name", "--human"}).output,
+              "NAME  SIZE\na      96K\nb       4K\nc       2M\n");
+    EXPECT_EQ(
+        tarvoctl(machine, {"list", "-o", "name", "--sort", "size", "-r", "--no-header"}).output,
+        "c\na\nb\n");
+}
+
+TEST(List, MarksChunksThatShareAName) {
+    sandbox machine(low);
+    client driver = machine.start();
+    driver.alloc("stats", 0x1000);
+    driver.alloc("stats", 0x2000);
+    driver.alloc("other", 0x1000);
+    const auto outcome = tarvoctl(machine, {"list", "-o", "name", "--no-header"});
+    EXPECT_EQ(outcome.output, "stats *\nstats *\nother\n");
+    EXPECT_EQ(outcome.errors, "* not the only chunk of that name; calls find the lowest one\n");
+}
+
+TEST(List, GivesNumbersAndHexadecimalTextAsJson) {
+    sandbox machine(high);
+    machine.start().alloc("rx_ring", 0x1000, "driver");
+    const auto document = json_of(tarvoctl(machine, {"list", "--json"}));
+    EXPECT_EQ(document.at("schema"), 1);
+    EXPECT_EQ(document.at("command"), "list");
+    const auto& chunk = document.at("chunks").at(0);
+    EXPECT_EQ(chunk.at("name"), "rx_ring");
+    EXPECT_EQ(chunk.at("pa").at("number"), 0x200000000);
+    EXPECT_EQ(chunk.at("pa").at("hex"), "0x200000000");
+    EXPECT_EQ(chunk.at("dma").at("hex"), "0x20000000");
+    EXPECT_EQ(chunk.at("devices"), nlohmann::json::array());
+}
+
+TEST(List, MakesNoFileWhereThereIsNoArea) {
+    sandbox machine(simulation);
+    const auto outcome = tarvoctl(machine, {"list"});
+    EXPECT_EQ(outcome.status, 3);
+    EXPECT_EQ(outcome.output, "");
+    EXPECT_EQ(outcome.errors,
+              "tarvoctl: there is no area: looked for /var/tmp/tarvo_lib, because SIMULATION_VMID "
+              "is set. The first program that uses the library makes it; 'tarvoctl doctor' tells "
+              "more\n");
+    EXPECT_FALSE(exists(machine.shared_area()));
+    EXPECT_FALSE(exists(machine.lock_file()));
+    EXPECT_FALSE(exists(machine.memory_file()));
+}
+
+TEST(List, GivesUpAfterTheTimeoutWhileSomebodyHoldsTheLock) {
+    sandbox machine(simulation);
+    machine.start().alloc("rx_ring", 0x1000);
+    const held_lock held(machine.lock_file());
+    const auto outcome = tarvoctl(machine, {"list", "--timeout", "0.1"});
+    EXPECT_EQ(outcome.status, 5);
+    EXPECT_EQ(outcome.errors,
+              "tarvoctl: the lock /var/tmp/tarvo_lock was not free within 0.1 s; 'tarvoctl lock' "
+              "tells who holds it, --timeout waits longer\n");
+}
+
+TEST(List, ShowsWhatCanBeReadOfADamagedListAndSaysSo) {
+    sandbox machine(low);
+    client driver = machine.start();
+    driver.alloc("first", 0x1000);
+    driver.alloc("second", 0x1000);
+    machine.writable_area().writer().i32(area_offset::chunk(2) + area_offset::next, 2);
+    const auto outcome = tarvoctl(machine, {"list", "-o", "name", "--no-header"});
+    EXPECT_EQ(outcome.status, 4);
+    EXPECT_EQ(outcome.output, "first\n");
+    EXPECT_EQ(outcome.errors,
+              "tarvoctl: the list of chunks is damaged: it leads back to element 2\n"
+              "tarvoctl: what could be read is above; see 'tarvoctl check'\n");
+}
+
+TEST(List, WrongWordsAreUsageErrorsThatNameThem) {
+    sandbox machine(low);
+    machine.start().alloc("first", 0x1000);
+    const auto column = tarvoctl(machine, {"list", "-o", "nmae"});
+    EXPECT_EQ(column.status, 2);
+    EXPECT_EQ(column.errors, "tarvoctl: -o: 'nmae' is no column; there are index, name, dma, pa, "
+                             "size, creator and devices\n");
+    EXPECT_EQ(tarvoctl(machine, {"list", "--timeout", "-1"}).status, 2);
+    EXPECT_EQ(tarvoctl(machine, {"lst"}).status, 2);
+}
+
+TEST(Devices, TellsWhoIsOnlineAndWhatEachSees) {
+    sandbox machine(low, {"--rule", "op=map,device=0000:04:01.1,errno=ENODEV"});
+    client driver = machine.start();
+    driver.alloc("a", 0x1000);
+    driver.alloc("b", 0x1000);
+    driver.register_device(0, 3, 0);
+    driver.register_device(0, 4, 9);
+    EXPECT_EQ(tarvoctl(machine, {"devices"}).output, "INDEX  DEVICE        STATE    CHUNKS\n"
+                                                     "    0  0000:03:00.0  online      2/2\n"
+                                                     "    1  0000:04:01.1  offline     0/2\n");
+    const auto document = json_of(tarvoctl(machine, {"devices", "--json"}));
+    EXPECT_EQ(document.at("devices").at(0).at("chunks"), (nlohmann::json{"a", "b"}));
+    EXPECT_EQ(document.at("devices").at(1).at("online"), false);
+    EXPECT_EQ(document.at("left_over_references"), nlohmann::json::array());
+}
+
+TEST(Devices, TellsOfReferencesToADeviceThatIsGone) {
+    sandbox machine(low);
+    client driver = machine.start();
+    driver.register_device(0, 3, 0);
+    driver.alloc("a", 0x1000);
+    machine.add_rules({"op=map,errno=ENODEV"});
+    driver.alloc("b", 0x1000); // takes the device offline
+    driver.unregister_device(0, 3, 0);
+    EXPECT_EQ(tarvoctl(machine, {"devices"}).output,
+              "INDEX  DEVICE  STATE  CHUNKS\n"
+              "1 chunk(s) refer to device record 0, which is not registered; the next device in "
+              "that record inherits them: a\n");
+    EXPECT_EQ(tarvoctl(machine, {"list", "-o", "devices", "--no-header"}).output, "?0\n-\n");
+}
+
+} // namespace
