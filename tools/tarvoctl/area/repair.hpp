@@ -36,8 +36,10 @@ struct repair_plan {
 /// Plans how to make an area whole again after a process died in the middle of a change: the change
 /// is completed or undone, and all other records stay as they are. The list that the library's own
 /// walk (from the head along `next` to the tail) visits is taken as the truth while that walk is
-/// sound. An area that was not built yet needs nothing: the next process
-/// builds it from nothing.
+/// sound. An area that was not built yet needs nothing: the next process builds it from nothing.
+///
+/// What check_area() still finds in the mended area is damage that no interrupted change leaves, such
+/// as a record whose text is destroyed.
 repair_plan plan_repair(const shared_area_t& area);
 
 /// Whether the area still holds what the plan was made from.

@@ -1,0 +1,199 @@
+#include "check_parts.hpp"
+
+#include <limits>
+#include <unordered_map>
+
+namespace tarvoctl {
+
+namespace {
+
+class chunk_judge {
+  public:
+    chunk_judge(const shared_area_t& area, const list_members& members,
+                const check_options& options, report& found)
+        : _area(area), _members(members), _options(options), _found(found) {}
+
+    void judge() {
+        if (_members.listed.empty()) {
+            add(rule::no_sentinels, -1, "no chunk is listed, not even {} and {}", head_name,
+                tail_name);
+        } else {
+            judge_sentinels();
+            judge_listed();
+        }
+        for (const int chunk : _members.free) {
+            judge_free(chunk);
+        }
+    }
+
+  private:
+    const dma_chunk_t& record(int chunk) const { return _area.chunks._arr[chunk]; }
+    bool is_first(int chunk) const { return chunk == _members.listed.front(); }
+    bool is_last(int chunk) const { return chunk == _area.chunks._tail; }
+
+    template <typename... Values>
+    void add(rule broken_rule, int chunk, fmt::format_string<const Values&...> format,
+             const Values&... values) {
+        _found.add(broken_rule, {area_list::chunks, chunk}, format, values...);
+    }
+
+    /// The first element of the walk is the one, the list's tail the other. A walk that breaks off
+    /// has not met the tail, which is judged all the same.
+    void judge_sentinels() {
+        const int head = _members.listed.front();
+        const int tail = _area.chunks._tail;
+        if (!is_sentinel(record(head), head_name)) {
+            add(rule::head_sentinel, head, "the first chunk is not {} of size 0", head_name);
+        }
+        if (tail < 0 || tail >= chunk_capacity || !is_sentinel(record(tail), tail_name)) {
+            add(rule::tail_sentinel, tail, "the last chunk is not {} of size 0", tail_name);
+            return;
+        }
+        _region = {record(head).pa, record(tail).pa};
+        judge_region();
+    }
+
+    void judge_region() {
+        if (_region.first_pa >= _region.end_pa) {
+            add(rule::region_empty, -1, "the region begins at {:#x} and ends at {:#x}",
+                _region.first_pa, _region.end_pa);
+        }
+        if (_options.region.has_value() &&
+            (_options.region->first_pa != _region.first_pa ||
+             _options.region->size_bytes != _region.end_pa - _region.first_pa)) {
+            add(rule::region_differs, -1,
+                "the area is that of {} bytes from {:#x}, the machine's region has {} bytes from "
+                "{:#x}",
+                _region.end_pa - _region.first_pa, _region.first_pa, _options.region->size_bytes,
+                _options.region->first_pa);
+        }
+    }
+
+    void judge_listed() {
+        uint64_t previous_pa = 0;
+        for (const int chunk : _members.listed) {
+            judge_padding(chunk);
+            const dma_chunk_t& one = record(chunk);
+            if (one.pa < previous_pa) {
+                add(rule::order, chunk, "begins at {:#x}, before its predecessor at {:#x}",
+                    uint64_t{one.pa}, previous_pa);
+            }
+            previous_pa = one.pa;
+            if (is_first(chunk) || is_last(chunk)) {
+                judge_sentinel_rest(chunk);
+            } else {
+                judge_place(chunk);
+                judge_texts(chunk);
+            }
+            judge_overlap(chunk);
+        }
+    }
+
+    void judge_padding(int chunk) {
+        constexpr std::size_t padding_offset = offsetof(dma_chunk_t, name) + name_bytes;
+        if (raw(record(chunk))[padding_offset] != 0) {
+            add(rule::padding_not_zero, chunk, "the byte behind the name is not zero");
+        }
+    }
+
+    void judge_sentinel_rest(int chunk) {
+        if (!is_zero(raw(record(chunk).devs))) {
+            add(rule::sentinel_devices, chunk,
+                "a sentinel is mapped for no device, yet its list of devices is not zero");
+        }
+    }
+
+    void judge_place(int chunk) {
+        const uint64_t pa = record(chunk).pa;
+        const uint32_t size = record(chunk).size;
+        if (size == 0) {
+            add(rule::size_zero, chunk, "size is 0: it holds no memory, yet has an address");
+        } else if (size % _options.page_bytes != 0) {
+            add(rule::size_not_pages, chunk, "size {} is not whole pages of {} bytes", size,
+                _options.page_bytes);
+        }
+        if (pa % _options.page_bytes != 0) {
+            add(rule::address_not_page, chunk, "begins at {:#x}, within a page of {} bytes", pa,
+                _options.page_bytes);
+        }
+        if (!_region.holds(record(chunk))) {
+            add(rule::outside_region, chunk,
+                "{} bytes from {:#x} do not lie in the region {:#x} to {:#x}: the library refuses "
+                "it",
+                size, pa, _region.first_pa, _region.end_pa);
+        }
+    }
+
+    /// Against the furthest end so far, not only the predecessor's: a chunk may hold several.
+    void judge_overlap(int chunk) {
+        const dma_chunk_t& one = record(chunk);
+        if (one.pa < _furthest_end && !is_first(chunk)) {
+            add(_options.cma ? rule::overlap_under_cma : rule::overlap, chunk,
+                "begins at {:#x}, but chunk {} reaches to {:#x}", uint64_t{one.pa}, _furthest,
+                _furthest_end);
+        }
+        const uint64_t room = std::numeric_limits<uint64_t>::max() - one.pa;
+        const uint64_t end = one.pa + std::min<uint64_t>(one.size, room);
+        if (end >= _furthest_end) {
+            _furthest_end = end;
+            _furthest = chunk;
+        }
+    }
+
+    void judge_texts(int chunk) {
+        const dma_chunk_t& one = record(chunk);
+        const auto name = text_in(one.name);
+        if (!name.has_value()) {
+            add(rule::name_not_terminated, chunk, "the name fills its field without a terminator");
+        } else if (name->empty()) {
+            add(rule::name_empty, chunk, "no name: it can be neither found nor freed");
+        } else {
+            judge_name(chunk, *name);
+        }
+        const auto creator = text_in(one.creator);
+        if (!creator.has_value()) {
+            add(rule::creator_not_terminated, chunk,
+                "the creator fills its field without a terminator");
+        } else if (creator->empty()) {
+            add(rule::creator_empty, chunk, "nobody is named as its creator");
+        }
+    }
+
+    void judge_name(int chunk, std::string_view name) {
+        const auto [known, is_new] = _named.try_emplace(name, chunk);
+        if (!is_new) {
+            add(rule::name_twice, chunk,
+                "called \"{}\" like chunk {}, which is the one that calls by name find", name,
+                known->second);
+        }
+    }
+
+    /// An element that is taken is told from one that was found by its size.
+    void judge_free(int chunk) {
+        const uint32_t size = record(chunk).size;
+        if (record(chunk).allocated == 0 && size != 0) {
+            add(rule::free_with_size, chunk,
+                "free, yet its size is {}: the allocation that takes it believes it to be a chunk "
+                "that exists",
+                size);
+        }
+    }
+
+    const shared_area_t& _area;
+    const list_members& _members;
+    const check_options& _options;
+    report& _found;
+    region_bounds _region{0, std::numeric_limits<uint64_t>::max()};
+    uint64_t _furthest_end = 0;
+    int _furthest = -1;
+    std::unordered_map<std::string_view, int> _named;
+};
+
+} // namespace
+
+void check_chunks(const shared_area_t& area, const list_members& chunks,
+                  const check_options& options, report& found) {
+    chunk_judge(area, chunks, options, found).judge();
+}
+
+} // namespace tarvoctl

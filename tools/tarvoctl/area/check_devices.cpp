@@ -1,0 +1,132 @@
+#include "check_parts.hpp"
+
+#include <array>
+#include <map>
+#include <tuple>
+
+namespace tarvoctl {
+
+namespace {
+
+// Both records have their flag first and then the bytes that bring the next field to its boundary.
+constexpr std::size_t padding_offset = list_links::flag_offset + 1;
+constexpr std::size_t padding_bytes = 3;
+
+bool is_padded_with_zeros(std::span<const uint8_t> element) {
+    return is_zero(element.subspan(padding_offset, padding_bytes));
+}
+
+void judge_device(const iommu_dev_t& device, int element, report& found) {
+    const place where{area_list::devices, element};
+    if (device.online > 1) {
+        found.add(rule::online_value, where, "online is {}; it must be 0 or 1", device.online);
+    }
+    constexpr std::size_t end_of_online = offsetof(iommu_dev_t, online) + 1;
+    if (!is_padded_with_zeros(raw(device)) || !is_zero(raw(device).subspan(end_of_online))) {
+        found.add(rule::padding_not_zero, where, "the bytes between the fields are not zero");
+    }
+}
+
+/// Which of the devices are registered, by number.
+using device_set = std::array<bool, device_capacity>;
+
+device_set set_of(const list_members& devices) {
+    device_set set{};
+    for (const int device : devices.listed) {
+        set[static_cast<std::size_t>(device)] = true;
+    }
+    return set;
+}
+
+/// One chunk's list of devices.
+class ref_judge {
+  public:
+    ref_judge(const shared_area_t& area, const device_set& registered, int chunk, report& found)
+        : _area(area), _registered(registered), _chunk(chunk), _found(found) {}
+
+    void judge() {
+        for (const int ref : check_list(ref_links(_area, _chunk), _found).listed) {
+            judge_ref(ref);
+        }
+        judge_missing();
+    }
+
+  private:
+    void judge_ref(int ref) {
+        const place where{area_list::refs, _chunk, ref};
+        const iommu_dev_ref& record = _area.chunks._arr[_chunk].devs._arr[ref];
+        if (!is_padded_with_zeros(raw(record))) {
+            _found.add(rule::padding_not_zero, where, "the bytes behind the flag are not zero");
+        }
+        if (record.dev < 0 || record.dev >= device_capacity) {
+            _found.add(rule::device_out_of_range, where, "names device {}; there are 0 to {}",
+                       record.dev, device_capacity - 1);
+            return;
+        }
+        judge_device_named(where, static_cast<std::size_t>(record.dev));
+    }
+
+    void judge_device_named(place where, std::size_t device) {
+        if (_referred[device]) {
+            _found.add(rule::device_twice, where,
+                       "a second reference to device {}: it would be unmapped twice", device);
+        }
+        _referred[device] = true;
+        if (!_registered[device]) {
+            _found.add(rule::device_not_registered, where,
+                       "device {} is not registered: left over from one that was "
+                       "offline when it was forgotten; the next device with that "
+                       "number is taken to be mapped already",
+                       device);
+        }
+    }
+
+    void judge_missing() {
+        for (std::size_t device = 0; device < _registered.size(); ++device) {
+            if (_registered[device] && !_referred[device] &&
+                _area.devices._arr[device].online != 0) {
+                _found.add(rule::misses_device, {area_list::chunks, _chunk},
+                           "not mapped for device {}, which is online; registering "
+                           "that device again maps it",
+                           device);
+            }
+        }
+    }
+
+    const shared_area_t& _area;
+    const device_set& _registered;
+    int _chunk;
+    report& _found;
+    device_set _referred{};
+};
+
+} // namespace
+
+void check_devices(const shared_area_t& area, const list_members& devices, report& found) {
+    std::map<std::tuple<int32_t, int32_t, int32_t>, int> known;
+    for (const int element : devices.listed) {
+        const iommu_dev_t& device = area.devices._arr[element];
+        judge_device(device, element, found);
+        const auto [same, is_new] = known.try_emplace(
+            std::tuple(int32_t{device.domain}, int32_t{device.bus}, int32_t{device.devfn}),
+            element);
+        if (!is_new) {
+            found.add(rule::address_twice, {area_list::devices, element},
+                      "the same domain, bus and devfn as device {}, which is the one "
+                      "that calls find",
+                      same->second);
+        }
+    }
+}
+
+void check_refs(const shared_area_t& area, const list_members& chunks, const list_members& devices,
+                report& found) {
+    const device_set registered = set_of(devices);
+    for (const int chunk : chunks.listed) {
+        if (!is_bound(area, chunk)) {
+            ref_judge(area, registered, chunk, found).judge();
+        }
+    }
+}
+
+} // namespace tarvoctl

@@ -1,0 +1,26 @@
+#pragma once
+
+#include "check.hpp"
+#include "check_list.hpp"
+
+// The judgement of an area in its parts, each of the records that the lists were found to hold.
+
+namespace tarvoctl {
+
+/// The chunks' own fields: sentinels, names, places in the region, and what is left in free ones.
+void check_chunks(const shared_area_t& area, const list_members& chunks,
+                  const check_options& options, report& found);
+
+void check_devices(const shared_area_t& area, const list_members& devices, report& found);
+
+/// Each chunk's list of devices, against the devices that are registered.
+void check_refs(const shared_area_t& area, const list_members& chunks, const list_members& devices,
+                report& found);
+
+/// Whether a chunk is one of the two that bound the list and the region.
+inline bool is_bound(const shared_area_t& area, int chunk) {
+    const dma_chunk_t& record = area.chunks._arr[chunk];
+    return is_sentinel(record, head_name) || is_sentinel(record, tail_name);
+}
+
+} // namespace tarvoctl

@@ -1,0 +1,137 @@
+#include "repair_write.hpp"
+
+#include <algorithm>
+#include <array>
+#include <bit>
+#include <fmt/format.h>
+
+namespace tarvoctl {
+
+namespace {
+
+constexpr uint8_t allocated = 1;
+
+// The three ends lie one behind the other.
+constexpr std::size_t head_offset = 0;
+constexpr std::size_t tail_offset = 4;
+constexpr std::size_t free_offset = 8;
+
+/// The free chain as far as it is sound: elements that are free, each once.
+std::vector<int> sound_free_chain(const list_links& links, std::vector<bool>& met) {
+    std::vector<int> chain;
+    int32_t element = links.free;
+    while (links.has(element) && !met[static_cast<std::size_t>(element)]) {
+        met[static_cast<std::size_t>(element)] = true;
+        chain.push_back(element);
+        element = links.next(element);
+    }
+    return chain;
+}
+
+/// All free elements: those that are missing in front, as the container gives elements back.
+std::vector<int> whole_free_chain(const list_links& links, const std::vector<bool>& in_use) {
+    std::vector<bool> met = in_use;
+    const std::vector<int> sound = sound_free_chain(links, met);
+    std::vector<int> chain;
+    for (int element = 0; element < links.capacity; ++element) {
+        if (!met[static_cast<std::size_t>(element)]) {
+            chain.push_back(element);
+        }
+    }
+    chain.insert(chain.end(), sound.begin(), sound.end());
+    return chain;
+}
+
+std::string reason_to_clear(const list_links& links, int element) {
+    return links.flag(element) != 0 ? "marked allocated, but no part of the list: given back"
+                                    : "free: cleared of what is left there";
+}
+
+} // namespace
+
+void plan_writer::write(std::size_t offset, std::span<const uint8_t> after, place where,
+                        std::string why) {
+    const auto before = _bytes.subspan(offset, after.size());
+    if (!std::equal(after.begin(), after.end(), before.begin())) {
+        _plan.edits.push_back({offset,
+                               {before.begin(), before.end()},
+                               {after.begin(), after.end()},
+                               where,
+                               std::move(why)});
+    }
+}
+
+void plan_writer::set_byte(std::size_t offset, uint8_t value, place where, std::string why) {
+    write(offset, {&value, 1}, where, std::move(why));
+}
+
+void plan_writer::set_link(std::size_t offset, int32_t value, place where, std::string why) {
+    const auto bytes = std::bit_cast<std::array<uint8_t, sizeof value>>(value);
+    write(offset, bytes, where, std::move(why));
+}
+
+void plan_writer::clear(std::size_t offset, std::size_t bytes, place where, std::string why) {
+    const auto field = _bytes.subspan(offset, bytes);
+    const auto holds_something = [](uint8_t byte) { return byte != 0; };
+    const auto first = std::find_if(field.begin(), field.end(), holds_something);
+    if (first == field.end()) {
+        return;
+    }
+    const auto behind = std::find_if(field.rbegin(), field.rend(), holds_something).base();
+    const std::vector<uint8_t> zeros(static_cast<std::size_t>(behind - first));
+    write(offset + static_cast<std::size_t>(first - field.begin()), zeros, where, std::move(why));
+}
+
+void plan_writer::write_order(const list_links& links, const std::vector<int>& order) {
+    for (std::size_t i = 0; i < order.size(); ++i) {
+        const int element = order[i];
+        const int next = order[(i + 1) % order.size()];
+        const int prev = order[(i + order.size() - 1) % order.size()];
+        const std::size_t offset = links.offset_of(element);
+        const place where = links.at(element);
+        set_link(offset + list_links::next_offset, next, where,
+                 fmt::format("next becomes {}, the element that follows", next));
+        set_link(offset + list_links::prev_offset, prev, where,
+                 fmt::format("prev becomes {}, the element before", prev));
+        set_byte(offset + list_links::flag_offset, allocated, where,
+                 "on the list, so marked allocated");
+    }
+}
+
+void plan_writer::write_ends(const list_links& links, const std::vector<int>& order) {
+    const int head = order.empty() ? -1 : order.front();
+    const int tail = order.empty() ? -1 : order.back();
+    const std::size_t ends = links.ends_offset();
+    set_link(ends + head_offset, head, links.list, fmt::format("head becomes {}", head));
+    set_link(ends + tail_offset, tail, links.list, fmt::format("tail becomes {}", tail));
+}
+
+void plan_writer::write_free_chain(const list_links& links, const std::vector<bool>& in_use) {
+    const std::vector<int> chain = whole_free_chain(links, in_use);
+    for (std::size_t i = 0; i < chain.size(); ++i) {
+        const int element = chain[i];
+        const int next = i + 1 < chain.size() ? chain[i + 1] : -1;
+        const std::size_t offset = links.offset_of(element);
+        clear(offset + list_links::prev_offset, links.element_bytes - list_links::prev_offset,
+              links.at(element), reason_to_clear(links, element));
+        set_link(offset + list_links::next_offset, next, links.at(element),
+                 fmt::format("next becomes {}, the free element that follows", next));
+    }
+    const int first = chain.empty() ? -1 : chain.front();
+    set_link(links.ends_offset() + free_offset, first, links.list,
+             fmt::format("the free chain begins with {}", first));
+}
+
+void plan_writer::write_list(const list_links& links, const decided_list& decided) {
+    write_order(links, decided.order);
+    write_ends(links, decided.order);
+    std::vector<bool> in_use(static_cast<std::size_t>(links.capacity));
+    for (const auto* elements : {&decided.order, &decided.left_alone}) {
+        for (const int element : *elements) {
+            in_use[static_cast<std::size_t>(element)] = true;
+        }
+    }
+    write_free_chain(links, in_use);
+}
+
+} // namespace tarvoctl

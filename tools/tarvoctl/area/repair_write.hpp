@@ -1,0 +1,33 @@
+#pragma once
+
+#include "repair_order.hpp"
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+namespace tarvoctl {
+
+/// Turns what was decided into edits: only bytes that are not yet as they should be.
+class plan_writer {
+  public:
+    plan_writer(const shared_area_t& area, repair_plan& plan) : _bytes(raw(area)), _plan(plan) {}
+
+    /// Links the elements in that order, gives all others back and completes the free chain.
+    void write_list(const list_links& links, const decided_list& decided);
+    void set_byte(std::size_t offset, uint8_t value, place where, std::string why);
+
+  private:
+    void set_link(std::size_t offset, int32_t value, place where, std::string why);
+    /// Clears as little as makes the bytes zero.
+    void clear(std::size_t offset, std::size_t bytes, place where, std::string why);
+    void write(std::size_t offset, std::span<const uint8_t> after, place where, std::string why);
+    void write_order(const list_links& links, const std::vector<int>& order);
+    void write_ends(const list_links& links, const std::vector<int>& order);
+    void write_free_chain(const list_links& links, const std::vector<bool>& in_use);
+
+    std::span<const uint8_t> _bytes;
+    repair_plan& _plan;
+};
+
+} // namespace tarvoctl
