@@ -1,0 +1,48 @@
+#pragma once
+
+#include "area/records.hpp"
+
+#include <optional>
+#include <vector>
+
+namespace tarvoctl {
+
+enum class change_kind {
+    freed,
+    unregistered,
+    registered,
+    online,
+    offline,
+    allocated,
+    moved,   ///< the name is at another address
+    resized, ///< the name has another size
+    mapped,  ///< for a device
+    unmapped,
+};
+
+/// "freed", "allocated" and so on, as people and programs read it.
+const char* change_word(change_kind kind);
+
+/// One difference between two pictures. It stands for itself: no picture need be kept for it.
+struct change {
+    change_kind kind;
+    std::optional<chunk_record> before{}; ///< of a chunk: as it was; nothing where it is new
+    std::optional<chunk_record> after{};  ///< of a chunk: as it is; nothing where it was freed
+    /// Of a device, or the one for which a chunk was mapped or unmapped: its element number.
+    int device_index = -1;
+    /// That device; nothing where no registered one has the number.
+    std::optional<device_record> device{};
+
+    /// The chunk it is about, at its newest; only for changes of chunks.
+    const chunk_record& chunk() const { return after ? *after : *before; }
+};
+
+/// What happened between two moments: chunks that went in ascending address, then devices, then
+/// chunks that came or changed in ascending address. Chunks are told apart by name, those of one
+/// name by address; devices by domain, bus and devfn. What happened and was undone in between is
+/// not seen, and a name that was freed and allocated elsewhere is taken for moved. The mappings of a
+/// chunk that came or went are in its record, not changes of their own. The regions are not
+/// compared.
+std::vector<change> changes_between(const picture& before, const picture& after);
+
+} // namespace tarvoctl
