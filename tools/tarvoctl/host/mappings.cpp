@@ -1,0 +1,96 @@
+#include "host/mappings.hpp"
+
+#include "host/file_identity.hpp"
+#include "host/maps.hpp"
+#include "host/processes.hpp"
+
+#include <algorithm>
+#include <sys/stat.h>
+#include <tuple>
+#include <unistd.h>
+
+namespace tarvoctl {
+
+namespace {
+
+bool is_device(const std::string& path) {
+    struct stat found {};
+    return ::stat(path.c_str(), &found) == 0 && S_ISCHR(found.st_mode);
+}
+
+class map_reader {
+  public:
+    explicit map_reader(const site& here)
+        : memory_path_{here.memory}, memory_{mapped_identity_of(here.memory)},
+          area_{mapped_identity_of(here.area)}, memory_is_device_{is_device(here.memory)} {}
+
+    void read(pid_t pid) {
+        const proc_text maps = read_proc(pid, "maps");
+        if (maps.error != 0) {
+            if (!maps.is_gone())
+                found_.unseen.push_back(pid);
+            return;
+        }
+        bool uses_area = false;
+        for_each_file_mapping(maps.text, [&](const maps_line& line) {
+            uses_area = uses_area || line.file == area_;
+            if (shows_memory(line))
+                add(pid, line);
+        });
+        if (uses_area)
+            found_.users.push_back(pid);
+    }
+
+    mapped_memory take() {
+        std::sort(found_.mappings.begin(), found_.mappings.end(),
+                  [](const region_mapping& a, const region_mapping& b) {
+                      return std::tie(a.pa, a.pid, a.va) < std::tie(b.pa, b.pid, b.va);
+                  });
+        return std::move(found_);
+    }
+
+  private:
+    /// A container may have a device node of its own, another inode, for the same memory.
+    bool shows_memory(const maps_line& line) const {
+        return line.file == memory_ || (memory_is_device_ && line.path == memory_path_);
+    }
+
+    void add(pid_t pid, const maps_line& line) {
+        const auto has = [&line](char letter) {
+            return line.permissions.find(letter) != std::string::npos;
+        };
+        found_.mappings.push_back({pid, line.start, line.file_offset, line.end - line.start,
+                                   has('r'), has('w'), has('s')});
+    }
+
+    std::string memory_path_;
+    std::optional<file_identity> memory_;
+    std::optional<file_identity> area_;
+    bool memory_is_device_;
+    mapped_memory found_;
+};
+
+} // namespace
+
+mapped_memory mappings_of(const site& here) {
+    map_reader reader{here};
+    for (const pid_t pid : all_processes()) {
+        if (pid != ::getpid())
+            reader.read(pid);
+    }
+    mapped_memory found = reader.take();
+    constexpr pid_t first_process = 1;
+    found.others_hidden = read_proc(first_process, "stat").is_gone();
+    return found;
+}
+
+std::optional<pa_window> shown_of(const region_mapping& mapping, uint64_t pa, uint64_t end_pa) {
+    const pa_window both{std::max(mapping.pa, pa), std::min(mapping.end_pa(), end_pa)};
+    return both.pa < both.end_pa ? std::optional{both} : std::nullopt;
+}
+
+bool shows_all_of(const region_mapping& mapping, const dma_window& region) {
+    return mapping.pa <= region.first_pa && region.end_pa <= mapping.end_pa();
+}
+
+} // namespace tarvoctl

@@ -1,0 +1,181 @@
+#include "host/processes.hpp"
+
+#include "common/unique_fd.hpp"
+#include "output/text.hpp"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <charconv>
+#include <cstdlib>
+#include <ctime>
+#include <dirent.h>
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <memory>
+#include <pwd.h>
+#include <sstream>
+#include <string_view>
+
+namespace tarvoctl {
+
+namespace {
+
+std::string folder_of(pid_t pid) {
+    return fmt::format("/proc/{}/", pid);
+}
+
+/// The numbers among the names in a folder, in ascending order. The entries' kinds are not looked
+/// at: where /proc is a stand-in they are links. Nothing where the folder cannot be read.
+std::optional<std::vector<int>> numbers_in(const std::string& folder) {
+    const std::unique_ptr<DIR, int (*)(DIR*)> stream{::opendir(folder.c_str()), &::closedir};
+    if (!stream)
+        return std::nullopt;
+    std::vector<int> numbers;
+    while (const dirent* const entry = ::readdir(stream.get())) {
+        const std::string_view name{&entry->d_name[0]};
+        int number = 0;
+        const auto [end, error] = std::from_chars(name.data(), name.data() + name.size(), number);
+        if (error == std::errc{} && end == name.data() + name.size())
+            numbers.push_back(number);
+    }
+    std::sort(numbers.begin(), numbers.end());
+    return numbers;
+}
+
+std::string executable_of(pid_t pid) {
+    constexpr std::string_view deleted = " (deleted)";
+    std::array<char, 4096> target{};
+    const ssize_t length =
+        ::readlink((folder_of(pid) + "exe").c_str(), target.data(), target.size());
+    std::string path(target.data(), length < 0 ? 0 : static_cast<std::size_t>(length));
+    if (path.ends_with(deleted))
+        path.resize(path.size() - deleted.size());
+    return path;
+}
+
+/// The value behind "KEY:" in a status file.
+std::string field_of(const std::string& status, const std::string& key) {
+    const auto at = status.find("\n" + key + ":\t");
+    if (at == std::string::npos)
+        return {};
+    const auto from = at + key.size() + 3;
+    return status.substr(from, status.find_first_of("\t\n", from) - from);
+}
+
+std::string user_called(const std::string& number) {
+    const passwd* const known =
+        number.empty() ? nullptr
+                       : ::getpwuid(static_cast<uid_t>(std::strtoul(number.c_str(), nullptr, 10)));
+    return known == nullptr ? number : known->pw_name;
+}
+
+std::vector<std::string> split_at_nul(const std::string& text) {
+    std::vector<std::string> parts;
+    std::istringstream stream{text};
+    for (std::string part; std::getline(stream, part, '\0');)
+        parts.push_back(part);
+    return parts;
+}
+
+/// Reads "PID (COMMAND) STATE ...", where the command may hold blanks and brackets.
+void adopt_stat(process_info& process, const std::string& stat) {
+    const auto open = stat.find('(');
+    const auto close = stat.rfind(')');
+    if (open == std::string::npos || close == std::string::npos || close < open)
+        return;
+    process.command = stat.substr(open + 1, close - open - 1);
+    std::istringstream rest{stat.substr(close + 1)};
+    rest >> process.state;
+    constexpr int fields_before_start = 18; // those from ppid to itrealvalue
+    std::string skipped;
+    for (int i = 0; i < fields_before_start; ++i)
+        rest >> skipped;
+    rest >> process.start_ticks;
+}
+
+std::time_t start_of(const process_info& process) {
+    timespec since_boot{};
+    ::clock_gettime(CLOCK_BOOTTIME, &since_boot);
+    const auto started = static_cast<std::time_t>(process.start_ticks /
+                                                  static_cast<uint64_t>(::sysconf(_SC_CLK_TCK)));
+    return std::time(nullptr) - since_boot.tv_sec + started;
+}
+
+} // namespace
+
+bool proc_text::is_gone() const {
+    return error == ENOENT || error == ESRCH;
+}
+
+proc_text read_proc(pid_t pid, const std::string& name) {
+    const unique_fd file{::open((folder_of(pid) + name).c_str(), O_RDONLY | O_CLOEXEC)};
+    if (!file)
+        return {{}, errno};
+    proc_text read{};
+    std::array<char, 65536> piece{};
+    for (;;) {
+        const ssize_t length = ::read(file.get(), piece.data(), piece.size());
+        if (length == 0)
+            return read;
+        if (length < 0)
+            return {{}, errno};
+        read.text.append(piece.data(), static_cast<std::size_t>(length));
+    }
+}
+
+std::vector<pid_t> all_processes() {
+    return numbers_in("/proc").value_or(std::vector<pid_t>{});
+}
+
+std::optional<std::vector<int>> descriptors_of(pid_t pid) {
+    return numbers_in(folder_of(pid) + "fd");
+}
+
+std::optional<process_info> process_of(pid_t pid) {
+    const proc_text stat = read_proc(pid, "stat");
+    if (stat.error != 0)
+        return std::nullopt;
+    process_info process;
+    process.pid = pid;
+    adopt_stat(process, stat.text);
+    process.arguments = split_at_nul(read_proc(pid, "cmdline").text);
+    process.executable = executable_of(pid);
+    process.user = user_called(field_of(read_proc(pid, "status").text, "Uid"));
+    return process;
+}
+
+std::string state_text(char state) {
+    switch (state) {
+    case 'R':
+        return "running";
+    case 'S':
+        return "sleeping";
+    case 'D':
+        return "waiting, cannot be interrupted";
+    case 'T':
+        return "STOPPED";
+    case 't':
+        return "STOPPED by a debugger";
+    case 'Z':
+        return "ended, not yet reaped";
+    default:
+        return "unknown";
+    }
+}
+
+std::string start_text(const process_info& process) {
+    const std::time_t when = start_of(process);
+    std::tm local{};
+    std::array<char, 32> text{};
+    ::localtime_r(&when, &local);
+    const std::size_t length = std::strftime(text.data(), text.size(), "%F %T", &local);
+    return {text.data(), length};
+}
+
+std::string process_text(pid_t pid) {
+    const auto process = process_of(pid);
+    return process ? fmt::format("{} ({})", pid, shown(process->command)) : fmt::format("{}", pid);
+}
+
+} // namespace tarvoctl
