@@ -7,6 +7,9 @@ int main(int argc, char** argv) {
     for (const auto add : {
              tarvoctl::add_list,
              tarvoctl::add_devices,
+             tarvoctl::add_map,
+             tarvoctl::add_snapshot,
+             tarvoctl::add_check,
          }) {
         add(tool);
     }

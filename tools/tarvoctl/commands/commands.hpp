@@ -14,5 +14,7 @@ void add_leaks(program& to);
 void add_map(program& to);
 void add_check(program& to);
 void add_repair(program& to);
+void add_snapshot(program& to);
+void add_diff(program& to);
 
 } // namespace tarvoctl

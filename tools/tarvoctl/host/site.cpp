@@ -23,15 +23,17 @@ site simulated_site(const std::string& reason) {
             paths::simulated_memory,
             lock_by_environment(),
             {paths::simulated_lock, paths::hardware_lock},
-            false};
+            std::nullopt};
 }
 
-bool driver_says_cma() {
+std::optional<driver_region> driver_region_here() {
     const std::unique_ptr<std::FILE, int (*)(std::FILE*)> driver{
         std::fopen(paths::region_driver, "re"), &std::fclose};
     region_line line{};
-    return driver && std::fgets(line.text, sizeof line.text, driver.get()) != nullptr &&
-           parse(line) && line.is_cma();
+    if (!driver || std::fgets(line.text, sizeof line.text, driver.get()) == nullptr || !parse(line))
+        return std::nullopt;
+    return driver_region{line.first_pa, static_cast<uint32_t>(line.last_pa + 1 - line.first_pa),
+                         line.is_cma()};
 }
 
 } // namespace
@@ -53,7 +55,7 @@ site find_site() {
             paths::physical_memory,
             paths::hardware_lock,
             {paths::hardware_lock},
-            driver_says_cma()};
+            driver_region_here()};
 }
 
 } // namespace tarvoctl

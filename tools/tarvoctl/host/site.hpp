@@ -1,10 +1,18 @@
 #pragma once
 
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <vector>
 
 namespace tarvoctl {
+
+/// The region as the library takes it from the region driver's first line.
+struct driver_region {
+    uint64_t first_pa;
+    uint32_t bytes;
+    bool cma;
+};
 
 /// Which files the library would use if it were started here and now, found out without creating
 /// any of them.
@@ -18,8 +26,11 @@ struct site {
     /// All lock files that processes of this area may be using, in the order in which to take them:
     /// in simulation some may run with the variable and some without.
     std::vector<std::string> locks;
-    /// The region driver's first line says that chunks come from the kernel's allocator.
-    bool cma;
+    /// What the region driver's first line says, where it is used and can be read.
+    std::optional<driver_region> driver;
+
+    /// Whether the kernel's allocator chooses the addresses of chunks.
+    bool is_cma() const { return driver && driver->cma; }
 };
 
 site find_site();

@@ -1,0 +1,174 @@
+#include "area/gaps.hpp"
+#include "commands/commands.hpp"
+#include "failure.hpp"
+#include "output/json.hpp"
+#include "output/region_bar.hpp"
+#include "output/screen.hpp"
+#include "output/table.hpp"
+#include "output/text.hpp"
+#include "program.hpp"
+
+#include <cerrno>
+#include <fmt/format.h>
+#include <fstream>
+#include <memory>
+#include <unistd.h>
+
+namespace tarvoctl {
+
+namespace {
+
+struct map_options {
+    area_source source;
+    std::string fit;
+    std::string svg_file;
+    bool json = false;
+};
+
+/// Where a chunk of a size would go.
+struct fit_answer {
+    uint32_t size; ///< rounded to whole pages
+    bool driver_chooses;
+    std::optional<gap> place;
+};
+
+fit_answer fit_of(const map_options& options, const std::vector<gap>& gaps) {
+    const auto page_bytes = static_cast<uint32_t>(::sysconf(_SC_PAGESIZE));
+    const uint64_t asked = parse_size(options.fit, "--fit");
+    if (asked == 0 || asked > UINT32_MAX - page_bytes + 1) {
+        throw failure{exit_status::usage, fmt::format("--fit: a chunk has 1 to {} bytes, not {}",
+                                                      UINT32_MAX - page_bytes + 1, options.fit)};
+    }
+    const uint32_t size = rounded_size(asked, page_bytes);
+    return {size, options.source.is_live() && find_site().is_cma(), first_fit(gaps, size)};
+}
+
+std::string name_before(const gap& place) {
+    return place.before == nullptr ? "at the region's start"
+                                   : "behind " + shown(place.before->name);
+}
+
+void print_fit(const fit_answer& answer, const picture& records, const free_space& free) {
+    if (answer.driver_chooses) {
+        fmt::print(
+            "{} bytes: the kernel driver chooses the place in a CMA region; whether it finds "
+            "one only it can tell\n",
+            answer.size);
+    } else if (answer.place) {
+        fmt::print("{} bytes fit: at physical {:#x}, DMA {:#x}, {}, the first gap of {} bytes\n",
+                   answer.size, answer.place->pa, records.region.dma_of(answer.place->pa),
+                   name_before(*answer.place), answer.place->bytes);
+    } else {
+        fmt::print("{} bytes do not fit: the largest gap has {} bytes, all gaps together {}\n",
+                   answer.size, free.largest_bytes, free.total_bytes);
+    }
+}
+
+/// Chunks and gaps in ascending address.
+void print_pieces(const picture& records, const std::vector<gap>& gaps) {
+    table lines{{{"PHYSICAL"}, {"SIZE", align::right}, {"WHAT"}}};
+    auto next_gap = gaps.begin();
+    const auto add_gaps_below = [&](uint64_t pa) {
+        for (; next_gap != gaps.end() && next_gap->pa < pa; ++next_gap)
+            lines.add(
+                {fmt::format("{:#011x}", next_gap->pa), size_text(next_gap->bytes, true), "-"});
+    };
+    for (const auto& chunk : records.chunks) {
+        add_gaps_below(chunk.pa);
+        lines.add(
+            {fmt::format("{:#011x}", chunk.pa), size_text(chunk.size, true), shown(chunk.name)});
+    }
+    add_gaps_below(records.region.end_pa);
+    fmt::print("\n{}", lines.text());
+}
+
+void print_as_text(const picture& records, const std::vector<gap>& gaps, const free_space& free) {
+    constexpr std::size_t picture_lines = 8;
+    constexpr std::size_t most_pieces_listed = 40;
+    const uint64_t bytes = records.region.end_pa - records.region.first_pa;
+    fmt::print("{}\n", region_bar(records, standard_screen(), picture_lines));
+    fmt::print("{} of {} free in {} gap(s), the largest {}; {} chunk(s); fragmentation {:.0f} %\n",
+               size_text(free.total_bytes, true), size_text(bytes, true), gaps.size(),
+               size_text(free.largest_bytes, true), records.chunks.size(),
+               100 * free.fragmentation());
+    if (records.chunks.size() + gaps.size() <= most_pieces_listed)
+        print_pieces(records, gaps);
+}
+
+json json_gap(const gap& each, const picture& records) {
+    return {{"pa", json_address(each.pa)},
+            {"dma", json_address(records.region.dma_of(each.pa))},
+            {"size", each.bytes},
+            {"behind", each.before == nullptr ? json(nullptr) : json(each.before->name)}};
+}
+
+json json_fit(const fit_answer& answer, const picture& records) {
+    return {{"size", answer.size},
+            {"driver_chooses", answer.driver_chooses},
+            {"place", answer.place ? json_gap(*answer.place, records) : json(nullptr)}};
+}
+
+void print_as_json(const picture& records, const std::vector<gap>& gaps, const free_space& free,
+                   const std::optional<fit_answer>& fit) {
+    json document = json_document("map");
+    document["region"] = json_region(records);
+    document["chunk_count"] = records.chunks.size();
+    document["free_bytes"] = free.total_bytes;
+    document["largest_gap_bytes"] = free.largest_bytes;
+    document["fragmentation"] = free.fragmentation();
+    document["gaps"] = json::array();
+    for (const auto& each : gaps)
+        document["gaps"].push_back(json_gap(each, records));
+    document["fit"] = fit ? json_fit(*fit, records) : json(nullptr);
+    document["damage"] = records.damage;
+    print_json(document);
+}
+
+void write_svg(const std::string& path, const picture& records) {
+    std::ofstream file{path};
+    file << region_svg(records);
+    file.close();
+    if (!file) {
+        throw failure{exit_status::unreadable,
+                      fmt::format("--svg: cannot write {}: {}", path, error_text(errno))};
+    }
+}
+
+exit_status map(const map_options& options) {
+    const picture records = read_picture(options.source);
+    if (records.region.end_pa <= records.region.first_pa) {
+        throw failure{exit_status::damaged, "the records do not say where the region lies; see "
+                                            "'tarvoctl check'"};
+    }
+    const auto gaps = gaps_of(records);
+    const free_space free = free_space_of(gaps);
+    const auto fit = options.fit.empty() ? std::nullopt : std::optional{fit_of(options, gaps)};
+    if (!options.svg_file.empty())
+        write_svg(options.svg_file, records);
+    if (options.json) {
+        print_as_json(records, gaps, free, fit);
+    } else if (fit) {
+        print_fit(*fit, records, free);
+    } else {
+        print_as_text(records, gaps, free);
+    }
+    const exit_status read = told_damage(records);
+    const bool refused = fit && (fit->driver_chooses || !fit->place);
+    return read == exit_status::good && refused ? exit_status::finding : read;
+}
+
+} // namespace
+
+void add_map(program& to) {
+    const auto options = std::make_shared<map_options>();
+    CLI::App& command = to.add("map", "a picture of the region: chunks and gaps to scale", looking,
+                               [options] { return map(*options); });
+    command.add_option("--fit", options->fit, "would a chunk of that size fit, and where?")
+        ->type_name("SIZE");
+    command.add_option("--svg", options->svg_file, "write the picture to this file, too")
+        ->type_name("FILE");
+    add_json(command, options->json);
+    add_source(command, options->source);
+}
+
+} // namespace tarvoctl

@@ -1,0 +1,40 @@
+#include "commands/commands.hpp"
+#include "common/unique_fd.hpp"
+#include "failure.hpp"
+#include "host/area_file.hpp"
+#include "program.hpp"
+
+#include <fmt/format.h>
+#include <memory>
+
+namespace tarvoctl {
+
+namespace {
+
+struct snapshot_options {
+    area_source source;
+    std::string file;
+    bool force = false;
+};
+
+exit_status snapshot(const snapshot_options& options) {
+    const auto area = read_area(options.source);
+    write_area(options.file, *area,
+               options.force ? existing_file::replaced : existing_file::refused);
+    fmt::print("{} holds the area as it was; 'tarvoctl list --area', 'check' and 'diff' read it\n",
+               options.file);
+    return exit_status::good;
+}
+
+} // namespace
+
+void add_snapshot(program& to) {
+    const auto options = std::make_shared<snapshot_options>();
+    CLI::App& command = to.add("snapshot", "a consistent copy of the area, for later", looking,
+                               [options] { return snapshot(*options); });
+    command.add_option("FILE", options->file, "the copy, which must not be there yet")->required();
+    command.add_flag("--force", options->force, "replace a file that is there");
+    add_source(command, options->source);
+}
+
+} // namespace tarvoctl
