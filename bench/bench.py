@@ -29,6 +29,7 @@ PEERS = {
     "posix shm": "bench_posix_shm",
     "lmdb": "bench_lmdb",
 }
+FLOORS = "bench_floors"
 DPDK_NAMES = 2500  # no more zones fit into its table
 
 
@@ -40,21 +41,18 @@ class Worker:
             command, stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True
         )
 
-    def send(self, command: str) -> None:
-        assert self.process.stdin
+    def ask_for_all(self, command: str) -> list[float]:
+        assert self.process.stdin and self.process.stdout
         self.process.stdin.write(command + "\n")
         self.process.stdin.flush()
-
-    def answer(self) -> float:
-        assert self.process.stdout
         line = self.process.stdout.readline()
         if not line:
             sys.exit(f"bench: a worker ended: {self.process.args}")
-        return float(line)
+        return [float(number) for number in line.split()]
 
     def ask(self, command: str) -> float:
-        self.send(command)
-        return self.answer()
+        (number,) = self.ask_for_all(command)
+        return number
 
     def stop(self) -> None:
         assert self.process.stdin
@@ -110,7 +108,10 @@ class Place:
 
 @dataclass
 class Result:
-    """One line of the table. Values are nanoseconds, or what `unit` says."""
+    """One line of the table. Values are nanoseconds, or what `unit` says.
+
+    `shares` are those of the slowest of several processes: its work beside the mean of all.
+    """
 
     row: str
     work: str
@@ -119,9 +120,17 @@ class Result:
     files: str
     unit: str = "ns"
     passes: dict[str, list[float]] = field(default_factory=dict)
+    shares: dict[str, list[float]] = field(default_factory=dict)
 
     def medians(self) -> dict[str, float]:
-        return {who: statistics.median(values) for who, values in self.passes.items()}
+        return medians_of(self.passes)
+
+    def slowest(self) -> dict[str, float]:
+        return medians_of(self.shares)
+
+
+def medians_of(passes: dict[str, list[float]]) -> dict[str, float]:
+    return {who: statistics.median(values) for who, values in passes.items()}
 
 
 class Contest:
@@ -159,6 +168,17 @@ class Contest:
                 workers[who].ask(setup)
         return workers
 
+    def newcomers(self, place: Place, names: int) -> dict[str, Worker]:
+        """One of each that has not joined yet, in a place that another has filled. With DPDK it is
+        the other one itself, which is all that the processes forked from it can share with."""
+        workers = {}
+        for who, program in (LIBRARIES | PEERS).items():
+            if who != "dpdk" or names <= DPDK_NAMES:
+                workers[who] = place.worker(program)
+                filling = workers[who] if who == "dpdk" else place.worker(program)
+                filling.ask(f"fill {names}")
+        return workers
+
     def names(self) -> list[int]:
         return [16, 1000] if self.quick else [16, 1000, 2500, 16000]
 
@@ -170,7 +190,8 @@ class Contest:
                     times = max(20, min(2000, 1000000 // names))
                     if "a" in rows:
                         result = Result("a", "get a name", names, order, kind)
-                        self.take_turns(result, workers, f"find {names} {times}")
+                        beside = {"lock pair": place.worker(FLOORS)} if names == 16 else {}
+                        self.take_turns(result, workers | beside, f"find {names} {times}")
                     if "b" in rows:
                         result = Result("b", "allocate and free 4 KiB", names, order, kind)
                         self.take_turns(result, workers, f"churn {names} {max(5, times // 10)}")
@@ -199,41 +220,41 @@ class Contest:
 
     def together(self, kind: str) -> None:
         for names in (16, 1000):
-            for count in (1, 2, 4):
-                # A name is nobody's, and two processes that free and make the same one can end
-                # each other: each has its own.
-                churn = [f"churn_as {number} 40" for number in range(count)]
-                self.crowd(kind, names, "allocate and free", churn)
-                self.crowd(kind, names, "get", [f"find {names} 200"] * count)
+            with Place(self.build, kind) as place:
+                leaders = self.newcomers(place, names)
+                for count in (1, 2, 4):
+                    for work, command in (
+                        ("allocate and free", "churn_together"),
+                        ("get", "find_together"),
+                    ):
+                        work = f"{work}, {count} at once"
+                        result = Result("e", work, names, "in order", kind)
+                        self.crowd(result, leaders, f"{command} {names}", count)
 
-    def crowd(self, kind: str, names: int, work: str, commands: list[str]) -> None:
-        count = len(commands)
-        result = Result("e", f"{work}, {count} at once", names, "in order", kind)
-        with Place(self.build, kind) as place:
-            place.worker(LIBRARIES["tarvo"]).ask(f"fill {names}")
-            crowds = {}
-            for who, program in LIBRARIES.items():
-                crowds[who] = [place.worker(program) for _ in range(count)]
-                for one in crowds[who]:
-                    one.ask("join")
-                result.passes[who] = []
-            for _ in range(self.passes):
-                for who, crowd in crowds.items():
-                    times = all_at_once(crowd, commands)
-                    result.passes[who].append(statistics.mean(times) / count)
+    def crowd(
+        self, result: Result, leaders: dict[str, Worker], command: str, count: int
+    ) -> None:
+        for _ in range(min(7, self.passes)):
+            for who, leader in leaders.items():
+                time, share = leader.ask_for_all(f"{command} {count}")
+                result.passes.setdefault(who, []).append(time)
+                if count > 1:  # one alone is no slower than itself
+                    result.shares.setdefault(who, []).append(share)
         self.add(result)
 
     def memory(self, kind: str) -> None:
         names = self.names()[-1]
         with Place(self.build, kind) as place:
-            workers = self.libraries(place, f"fill {names}")
+            # Those that filled the place have touched more: they are not compared.
+            workers = self.newcomers(place, names)
             for one in workers.values():
                 one.ask(f"find {names} 50")
-            # The one that filled the list has touched more: it is not among those compared.
-            workers["tarvo"] = place.worker(LIBRARIES["tarvo"])
-            workers["tarvo"].ask(f"find {names} 50")
-            result = Result("f", "resident memory after walks", names, "in order", kind, "KiB")
-            self.take_turns(result, workers, "memory")
+            for work, command in (
+                ("resident memory after walks", "memory"),
+                ("files behind the names", "files"),
+            ):
+                result = Result("f", work, names, "in order", kind, "KiB")
+                self.take_turns(result, workers, command)
 
     def large(self, kind: str) -> None:
         for mebibytes in (1, 64) if self.quick else (1, 64, 256):
@@ -279,7 +300,7 @@ class Contest:
 
     def floors(self, kind: str) -> None:
         with Place(self.build, kind) as place:
-            one = {"floor": place.worker("bench_floors")}
+            one = {"floor": place.worker(FLOORS)}
             self.take_turns(Result("-", "lock pair", 0, "", kind), one, "lock_pair 2000")
             self.take_turns(
                 Result("-", "a page mapped, zeroed, unmapped", 0, "", kind),
@@ -301,12 +322,6 @@ class Contest:
         ):
             if row in rows:
                 part(kind)
-
-
-def all_at_once(crowd: list[Worker], commands: list[str]) -> list[float]:
-    for one, command in zip(crowd, commands, strict=True):
-        one.send(command)
-    return [one.answer() for one in crowd]
 
 
 def kind_of(folder: Path) -> str:

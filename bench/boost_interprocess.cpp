@@ -3,6 +3,7 @@
 #include <boost/interprocess/indexes/iset_index.hpp>
 #include <boost/interprocess/managed_mapped_file.hpp>
 #include <boost/interprocess/mem_algo/simple_seq_fit.hpp>
+#include <filesystem>
 
 namespace {
 
@@ -42,6 +43,8 @@ class boost_contender : public contender {
             memory[i] = 1;
         }
     }
+
+    std::uintmax_t file_bytes() override { return std::filesystem::file_size(path); }
 
   private:
     char* memory_of(const std::string& name) {

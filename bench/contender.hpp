@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <map>
 #include <memory>
@@ -22,6 +23,8 @@ class contender {
     virtual void remove(const std::string& name) = 0;
     /// Writes to the first byte of each page of it, through a mapping that lasts that long.
     virtual void touch(const std::string& name, std::size_t bytes) = 0;
+    /// How large the files are in which it keeps what the processes share.
+    virtual std::uintmax_t file_bytes() = 0;
 
     /// What this one can do besides: the nanoseconds that it takes, by name; the number says how
     /// often, or how large.

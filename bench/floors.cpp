@@ -2,19 +2,24 @@
 
 #include <cstring>
 #include <fcntl.h>
+#include <filesystem>
 #include <sys/file.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
 namespace {
 
+constexpr const char* path = "/var/tmp/floors_bench";
+
 /// What the machine takes for the steps that no call of the library can do without.
 class floors : public contender {
   public:
     void create(const std::string& /*name*/, std::size_t /*bytes*/) override {}
-    void find(const std::string& /*name*/, std::size_t /*bytes*/) override {}
+    void find(const std::string& /*name*/, std::size_t /*bytes*/) override { lock_and_unlock(); }
     void remove(const std::string& /*name*/) override {}
     void touch(const std::string& /*name*/, std::size_t /*bytes*/) override {}
+
+    std::uintmax_t file_bytes() override { return std::filesystem::file_size(path); }
 
     std::map<std::string, std::function<double(int)>> specialities() override {
         return {{"lock_pair", [this](int times) { return lock_pair(times); }},
@@ -22,18 +27,22 @@ class floors : public contender {
     }
 
   private:
-    double lock_pair(int times) {
+    void lock_and_unlock() const {
+        flock(_file, LOCK_EX);
+        flock(_file, LOCK_UN);
+    }
+
+    double lock_pair(int times) const {
         return time_of([&] {
                    for (int i = 0; i < times; i++) {
-                       flock(_file, LOCK_EX);
-                       flock(_file, LOCK_UN);
+                       lock_and_unlock();
                    }
                }) /
                times;
     }
 
     /// A page of the file mapped, zeroed and unmapped, as a new chunk's is.
-    double page_in_and_out(int times) {
+    double page_in_and_out(int times) const {
         return time_of([&] {
                    for (int i = 0; i < times; i++) {
                        void* memory =
@@ -46,7 +55,7 @@ class floors : public contender {
     }
 
     static int open_file() {
-        const int file = open("/var/tmp/floors_bench", O_RDWR | O_CREAT, 0600);
+        const int file = open(path, O_RDWR | O_CREAT, 0600);
         if (file < 0 || ftruncate(file, 4096) != 0) {
             give_up("no file for the floors");
         }

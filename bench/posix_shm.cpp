@@ -1,12 +1,14 @@
 #include "contender.hpp"
 
 #include <fcntl.h>
+#include <filesystem>
 #include <sys/mman.h>
 #include <unistd.h>
 
 namespace {
 
 constexpr std::size_t page = 4096; // bytes
+constexpr const char* prefix = "bench_";
 
 /// One object for each name. Looking it up is opening it.
 class posix_shm_contender : public contender {
@@ -24,7 +26,7 @@ class posix_shm_contender : public contender {
     }
 
     void remove(const std::string& name) override {
-        if (shm_unlink(("/bench_" + name).c_str()) != 0) {
+        if (shm_unlink(path_of(name).c_str()) != 0) {
             give_up(name + " cannot be removed");
         }
     }
@@ -42,9 +44,21 @@ class posix_shm_contender : public contender {
         close(file);
     }
 
+    std::uintmax_t file_bytes() override {
+        std::uintmax_t sum = 0;
+        for (const auto& object : std::filesystem::directory_iterator("/dev/shm")) {
+            if (object.path().filename().string().starts_with(prefix)) {
+                sum += object.file_size();
+            }
+        }
+        return sum;
+    }
+
   private:
+    static std::string path_of(const std::string& name) { return std::string{"/"} + prefix + name; }
+
     static int open_object(const std::string& name, int flags) {
-        const int file = shm_open(("/bench_" + name).c_str(), flags, 0600);
+        const int file = shm_open(path_of(name).c_str(), flags, 0600);
         if (file < 0) {
             give_up(name + " cannot be opened");
         }

@@ -6,55 +6,7 @@ from html import escape
 from pathlib import Path
 from typing import Any
 
-# What a row is to reach against the plain walk: row, names, order -> ext4, tmpfs.
-GOALS = {
-    ("a", 16, "in order"): (1.0, 1.0),
-    ("a", 1000, "in order"): (3.0, 3.0),
-    ("a", 2500, "in order"): (4.0, 4.0),
-    ("a", 16000, "in order"): (5.0, 5.0),
-    ("a", 1000, "shuffled"): (4.5, 4.5),
-    ("a", 16000, "shuffled"): (8.0, 4.5),
-    ("b", 16, "in order"): (1.3, 1.3),
-    ("b", 1000, "in order"): (5.0, 5.0),
-    ("b", 2500, "in order"): (5.0, 5.0),
-    ("b", 16000, "in order"): (6.0, 6.0),
-    ("b", 1000, "shuffled"): (6.5, 6.5),
-    ("b", 16000, "shuffled"): (12.0, 7.5),
-}
-# The same where the work and the number of names make the row.
-GOALS_OF_WORK = {
-    ("attach", 1000): (1.3, 1.3),
-    ("attach and first get", 1000): (3.0, 1.0),
-    ("map 64 KiB, touch, unmap", 16): (1.0, 1.0),
-    ("map 64 KiB, touch, unmap", 1000): (2.4, 1.8),
-    ("first build", 0): (1.7, 1.15),
-    ("find the last by address", 1000): (2.2, 2.2),
-    ("find the last by address", 16000): (3.3, 3.3),
-    ("list all", 1000): (8.0, 8.0),
-    ("list all", 16000): (8.0, 8.0),
-    ("register and unregister", 1000): (1.0, 1.0),
-    ("allocate and free, 4 devices", 1000): (1.8, 1.8),
-}
-for count in (1, 2, 4):
-    GOALS_OF_WORK[f"get, {count} at once", 1000] = (2.8, 2.8)
-    GOALS_OF_WORK[f"allocate and free, {count} at once", 16] = (1.3, 1.3)
-    GOALS_OF_WORK[f"allocate and free, {count} at once", 1000] = (4.5, 4.5)
-GOALS_OF_SIZE = {}
-for size in (1, 64, 256):
-    GOALS_OF_SIZE[f"allocate {size} MiB and touch", "fresh"] = (1.0, 1.0)
-    GOALS_OF_SIZE[f"allocate {size} MiB and touch", "recycled"] = (1.05, 1.8)
-# "Never slower" is met by whatever cannot be told from equal.
-NOISE = 0.03
-
-
-def goal_of(result: Any) -> float | None:
-    both = (
-        GOALS.get((result.row, result.names, result.order))
-        or GOALS_OF_WORK.get((result.work, result.names))
-        or GOALS_OF_SIZE.get((result.work, result.order))
-    )
-    return both[1 if result.files == "tmpfs" else 0] if both else None
-
+from goals import goals_of
 
 def ratio(result: Any, who: str) -> float | None:
     """How many times as long as the library that one takes."""
@@ -90,10 +42,6 @@ def line_of(result: Any) -> str:
     return f"{result.row} {result.work} {result.names or ''} {result.order} {result.files}: {who}"
 
 
-def verdict_on(reached: float, goal: float) -> str:
-    return "yes" if reached >= (goal - NOISE if goal == 1.0 else goal) else "no"
-
-
 def table_row(result: Any) -> list[str]:
     medians = result.medians()
     own = medians.get("tarvo", medians.get("floor", 0.0))
@@ -102,11 +50,8 @@ def table_row(result: Any) -> list[str]:
         for who in medians
         if who not in ("tarvo", "again", "plain", "against", "floor")
     ]
-    goal = goal_of(result)
-    plain = ratio(result, "plain")
-    against = ratio(result, "against")
-    reached = plain if against is None else against
-    verdict = "" if goal is None or reached is None else verdict_on(reached, goal)
+    slowest = [f"{who} {times(share)}" for who, share in result.slowest().items()]
+    goals = goals_of(result)
     return [
         result.row,
         result.work,
@@ -116,11 +61,12 @@ def table_row(result: Any) -> list[str]:
         quantity(own, result.unit),
         f"{100 * spread_of(result.passes.get('tarvo') or result.passes['floor']):.0f} %",
         times(ratio(result, "again")),
-        times(plain),
-        times(against),
-        times(goal),
-        verdict,
+        times(ratio(result, "plain")),
+        times(ratio(result, "against")),
+        ", ".join(goal.limit_text() for goal in goals),
+        ", ".join(goal.met_text() for goal in goals),
         ", ".join(peers),
+        ", ".join(slowest),
     ]
 
 
@@ -138,6 +84,7 @@ HEADINGS = [
     "Goal",
     "Met",
     "Others",
+    "Slowest",
 ]
 
 
@@ -175,7 +122,7 @@ def picture(results: list[Any]) -> str:
 
 def as_json(results: list[Any], circumstances: dict[str, str]) -> dict[str, Any]:
     return {
-        "schema": 1,
+        "schema": 2,
         **circumstances,
         "results": [
             {
@@ -190,7 +137,9 @@ def as_json(results: list[Any], circumstances: dict[str, str]) -> dict[str, Any]
                 "plain_ratio": ratio(one, "plain"),
                 "again_ratio": ratio(one, "again"),
                 "against_ratio": ratio(one, "against"),
-                "goal": goal_of(one),
+                "shares": one.shares,
+                "slowest": one.slowest(),
+                "goals": [goal.as_json() for goal in goals_of(one)],
             }
             for one in results
         ],

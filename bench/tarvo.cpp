@@ -2,6 +2,7 @@
 #include "contender.hpp"
 
 #include <cstdint>
+#include <filesystem>
 #include <unistd.h>
 
 namespace {
@@ -41,6 +42,11 @@ class tarvo_contender : public contender {
             memory[i] = 1;
         }
         tarvo_unmap(name.c_str(), const_cast<char*>(memory), 0);
+    }
+
+    /// Of the picture that processes share; the region itself stands for hardware.
+    std::uintmax_t file_bytes() override {
+        return std::filesystem::file_size("/var/tmp/tarvo_lib");
     }
 
     std::map<std::string, std::function<double(int)>> specialities() override {

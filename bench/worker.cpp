@@ -1,5 +1,5 @@
 // One process of the contest. It reads commands from its standard input and answers each with a
-// number: nanoseconds for each operation, unless it is said otherwise.
+// line of numbers: nanoseconds for each operation, unless it is said otherwise.
 //
 //     fill N            makes N names of a page each; 0
 //     shuffle N         the same, made anew in random order after all were removed; 0
@@ -7,14 +7,18 @@
 //     join              starts without doing anything; 0
 //     find N K          K look-ups of random names of N
 //     churn N K         K times: a new name of a page, and its end
-//     churn_as P K      the same with a name that is this process's own
+//     find_together N P   P new processes look names up at the same time: nanoseconds for each
+//                         look-up of any of them, and the share of the slowest; see crowd.hpp
+//     churn_together N P  the same with new names, each process with one of its own
 //     touch K           K times: maps "wide", writes to each page, unmaps
 //     attach K          K new processes: from nothing to having found the place
 //     attach_find N K   the same, and a name of N found
 //     memory            resident kibibytes of this process
+//     files             kibibytes of the files behind the names
 //     SPECIALITY NUMBER one of the contender's own
 
 #include "contender.hpp"
+#include "crowd.hpp"
 
 #include <algorithm>
 #include <cstdio>
@@ -42,16 +46,17 @@ std::vector<int> in_order(int count) {
     return numbers;
 }
 
+/// Counted from the page tables: the sum in /proc/self/status may be off by some hundred.
 double resident_kibibytes() {
-    std::ifstream status("/proc/self/status");
-    for (std::string word; status >> word;) {
-        if (word == "VmRSS:") {
+    std::ifstream summary("/proc/self/smaps_rollup");
+    for (std::string word; summary >> word;) {
+        if (word == "Rss:") {
             double kibibytes = 0;
-            status >> kibibytes;
+            summary >> kibibytes;
             return kibibytes;
         }
     }
-    give_up("no VmRSS in /proc/self/status");
+    give_up("no Rss in /proc/self/smaps_rollup");
 }
 
 /// What a new process measures; it is given up with everything it did.
@@ -81,7 +86,18 @@ double in_new_process(Work work) {
 
 class worker {
   public:
-    double carry_out(const std::string& command, int first, int second) {
+    std::vector<double> carry_out(const std::string& command, int first, int second) {
+        if (command == "find_together") {
+            return together(second, [this, first](int number) { return finding(first, number); });
+        }
+        if (command == "churn_together") {
+            return together(second, [this](int number) { return churning(number); });
+        }
+        return {one_number(command, first, second)};
+    }
+
+  private:
+    double one_number(const std::string& command, int first, int second) {
         if (command == "attach") {
             return attach(first, [](contender&) {});
         }
@@ -94,7 +110,6 @@ class worker {
         return among_names(joined(), command, first, second);
     }
 
-  private:
     contender& joined() {
         if (!_contender) {
             _contender = join_contest();
@@ -112,9 +127,9 @@ class worker {
         } else if (command == "find") {
             return find(one, first, second);
         } else if (command == "churn") {
-            return churn(one, "new", second);
-        } else if (command == "churn_as") {
-            return churn(one, "new_" + std::to_string(first), second);
+            return repeat(second, [&one] { make_and_remove(one, "new"); });
+        } else if (command == "files") {
+            return static_cast<double>(one.file_bytes()) / 1024;
         } else if (command == "touch") {
             return repeat(first, [&one] { one.touch("wide", wide); });
         } else if (command != "join") {
@@ -123,11 +138,30 @@ class worker {
         return 0;
     }
 
-    static double churn(contender& one, const std::string& name, int times) {
-        return repeat(times, [&one, &name] {
-            one.create(name, page);
-            one.remove(name);
-        });
+    static std::vector<double> together(int count, const std::function<operation(int)>& enrol) {
+        const crowd_result result = work_as_crowd(count, enrol);
+        return {result.time, result.slowest};
+    }
+
+    /// In a new process: it joins, unless the one that it was forked from has done so.
+    operation finding(int names, int number) {
+        _random.seed(static_cast<unsigned>(number));
+        return [&one = joined(), wanted = random_names(names, 1000), next = 0U]() mutable {
+            one.find(wanted[next++ % wanted.size()], page);
+        };
+    }
+
+    /// The same. A name is nobody's, and two processes that free and make the same one can end
+    /// each other: each has its own.
+    operation churning(int number) {
+        return [&one = joined(), name = "new_" + std::to_string(number)] {
+            make_and_remove(one, name);
+        };
+    }
+
+    static void make_and_remove(contender& one, const std::string& name) {
+        one.create(name, page);
+        one.remove(name);
     }
 
     static double speciality(contender& one, const std::string& command, int number) {
@@ -156,12 +190,17 @@ class worker {
         fill(one, numbers);
     }
 
-    double find(contender& one, int names, int times) {
-        std::vector<std::string> wanted;
-        wanted.reserve(static_cast<std::size_t>(times));
-        for (int i = 0; i < times; i++) {
-            wanted.push_back(name_of(std::uniform_int_distribution(0, names - 1)(_random)));
+    std::vector<std::string> random_names(int names, int count) {
+        std::vector<std::string> chosen;
+        chosen.reserve(static_cast<std::size_t>(count));
+        for (int i = 0; i < count; i++) {
+            chosen.push_back(name_of(std::uniform_int_distribution(0, names - 1)(_random)));
         }
+        return chosen;
+    }
+
+    double find(contender& one, int names, int times) {
+        const std::vector<std::string> wanted = random_names(names, times);
         return time_of([&] {
                    for (const std::string& name : wanted) {
                        one.find(name, page);
@@ -208,7 +247,10 @@ int main() {
         int first = 0;
         int second = 0;
         words >> command >> first >> second;
-        std::printf("%.3f\n", one.carry_out(command, first, second));
+        for (const double number : one.carry_out(command, first, second)) {
+            std::printf("%.3f ", number);
+        }
+        std::printf("\n");
         std::fflush(stdout);
     }
     _exit(0);
