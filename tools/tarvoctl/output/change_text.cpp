@@ -1,0 +1,66 @@
+#include "output/change_text.hpp"
+
+#include "output/text.hpp"
+
+#include <fmt/format.h>
+
+namespace tarvoctl {
+
+namespace {
+
+std::string device_named(const change& told) {
+    if (told.device)
+        return device_text(*told.device);
+    return fmt::format("device record {}, which is not registered", told.device_index);
+}
+
+std::string chunk_described(const chunk_record& chunk) {
+    return fmt::format("{}: {} bytes at {:#x}, creator {}", shown(chunk.name), chunk.size, chunk.pa,
+                       shown(chunk.creator));
+}
+
+std::string what_changed(const change& told) {
+    switch (told.kind) {
+    case change_kind::freed:
+    case change_kind::allocated:
+        return chunk_described(told.chunk());
+    case change_kind::moved:
+        return fmt::format("{}: from {:#x} to {:#x}", shown(told.chunk().name), told.before->pa,
+                           told.after->pa);
+    case change_kind::resized:
+        return fmt::format("{}: from {} to {} bytes", shown(told.chunk().name), told.before->size,
+                           told.after->size);
+    case change_kind::mapped:
+    case change_kind::unmapped:
+        return fmt::format("{}: for {}", shown(told.chunk().name), device_named(told));
+    default:
+        return device_named(told);
+    }
+}
+
+/// Without DMA addresses: a change does not know the region.
+json json_changed_chunk(const chunk_record& chunk) {
+    return {{"index", chunk.index},
+            {"name", chunk.name},
+            {"pa", json_address(chunk.pa)},
+            {"size", chunk.size},
+            {"creator", chunk.creator}};
+}
+
+} // namespace
+
+std::string change_text(const change& told) {
+    return fmt::format("{:<12}  {}", change_word(told.kind), what_changed(told));
+}
+
+json json_change(const change& told) {
+    json made{{"change", change_word(told.kind)}};
+    const bool is_of_chunk = told.before || told.after;
+    made["chunk"] = is_of_chunk ? json_changed_chunk(told.chunk()) : json(nullptr);
+    made["before"] = told.before && told.after ? json_changed_chunk(*told.before) : json(nullptr);
+    made["device"] = told.device ? json(device_text(*told.device)) : json(nullptr);
+    made["device_index"] = told.device_index >= 0 ? json(told.device_index) : json(nullptr);
+    return made;
+}
+
+} // namespace tarvoctl

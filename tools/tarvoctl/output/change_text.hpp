@@ -1,0 +1,17 @@
+#pragma once
+
+#include "area/changes.hpp"
+#include "output/json.hpp"
+
+#include <string>
+
+namespace tarvoctl {
+
+/// "moved         rx_ring: from 0x80000000 to 0x80010000"; no end of line.
+std::string change_text(const change& told);
+
+/// {"change": "moved", "chunk": {...}, "before": {...}, "device": null, "device_index": null}.
+/// "before" is the chunk as it was, where it has become another.
+json json_change(const change& told);
+
+} // namespace tarvoctl
