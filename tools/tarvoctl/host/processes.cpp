@@ -1,14 +1,12 @@
 #include "host/processes.hpp"
 
 #include "common/unique_fd.hpp"
-#include "output/text.hpp"
 
 #include <algorithm>
 #include <array>
 #include <cerrno>
 #include <charconv>
 #include <cstdlib>
-#include <ctime>
 #include <dirent.h>
 #include <fcntl.h>
 #include <fmt/format.h>
@@ -94,14 +92,6 @@ void adopt_stat(process_info& process, const std::string& stat) {
     rest >> process.start_ticks;
 }
 
-std::time_t start_of(const process_info& process) {
-    timespec since_boot{};
-    ::clock_gettime(CLOCK_BOOTTIME, &since_boot);
-    const auto started = static_cast<std::time_t>(process.start_ticks /
-                                                  static_cast<uint64_t>(::sysconf(_SC_CLK_TCK)));
-    return std::time(nullptr) - since_boot.tv_sec + started;
-}
-
 } // namespace
 
 bool proc_text::is_gone() const {
@@ -143,39 +133,6 @@ std::optional<process_info> process_of(pid_t pid) {
     process.executable = executable_of(pid);
     process.user = user_called(field_of(read_proc(pid, "status").text, "Uid"));
     return process;
-}
-
-std::string state_text(char state) {
-    switch (state) {
-    case 'R':
-        return "running";
-    case 'S':
-        return "sleeping";
-    case 'D':
-        return "waiting, cannot be interrupted";
-    case 'T':
-        return "STOPPED";
-    case 't':
-        return "STOPPED by a debugger";
-    case 'Z':
-        return "ended, not yet reaped";
-    default:
-        return "unknown";
-    }
-}
-
-std::string start_text(const process_info& process) {
-    const std::time_t when = start_of(process);
-    std::tm local{};
-    std::array<char, 32> text{};
-    ::localtime_r(&when, &local);
-    const std::size_t length = std::strftime(text.data(), text.size(), "%F %T", &local);
-    return {text.data(), length};
-}
-
-std::string process_text(pid_t pid) {
-    const auto process = process_of(pid);
-    return process ? fmt::format("{} ({})", pid, shown(process->command)) : fmt::format("{}", pid);
 }
 
 } // namespace tarvoctl

@@ -42,13 +42,4 @@ proc_text read_proc(pid_t pid, const std::string& name);
 /// Its open descriptors; nothing where they may not be seen.
 std::optional<std::vector<int>> descriptors_of(pid_t pid);
 
-/// "running", "sleeping", "STOPPED".
-std::string state_text(char state);
-
-/// When a process began, as local time: "2024-05-31 02:13:07".
-std::string start_text(const process_info& process);
-
-/// "4711 (my_driver)", or "4711" of one that is gone.
-std::string process_text(pid_t pid);
-
 } // namespace tarvoctl

@@ -1,0 +1,255 @@
+#include "area/named_chunks.hpp"
+#include "commands/commands.hpp"
+#include "host/mappings.hpp"
+#include "output/json.hpp"
+#include "output/process_text.hpp"
+#include "output/table.hpp"
+#include "output/text.hpp"
+#include "program.hpp"
+
+#include <algorithm>
+#include <fmt/format.h>
+#include <memory>
+
+namespace tarvoctl {
+
+namespace {
+
+struct who_options {
+    std::string name;
+    std::chrono::milliseconds timeout = area_source{}.timeout;
+    bool json = false;
+};
+
+/// What one mapping shows of one chunk, or of bytes that no chunk holds.
+struct view {
+    const region_mapping* mapping;
+    pa_window window;
+};
+
+struct chunk_views {
+    const chunk_record* chunk;
+    std::vector<view> views;
+};
+
+/// All that is asked for, sorted out. Mappings of the whole region are not repeated for each chunk.
+struct answer {
+    std::vector<chunk_views> chunks;
+    std::vector<view> whole_region;
+    std::vector<view> stale; ///< bytes of the region that no chunk holds (any more)
+};
+
+std::vector<view> views_of(const chunk_record& chunk,
+                           const std::vector<const region_mapping*>& mappings) {
+    std::vector<view> found;
+    for (const auto* mapping : mappings) {
+        if (const auto window = shown_of(*mapping, chunk.pa, chunk.end_pa()))
+            found.push_back({mapping, *window});
+    }
+    return found;
+}
+
+/// What a mapping shows of the region beside the chunks, which are in ascending address.
+void add_stale(const region_mapping& mapping, const picture& records, std::vector<view>& stale) {
+    const auto shown = shown_of(mapping, records.region.first_pa, records.region.end_pa);
+    if (!shown)
+        return;
+    uint64_t from = shown->pa;
+    for (const auto& chunk : records.chunks) {
+        if (chunk.end_pa() <= from || from >= shown->end_pa)
+            continue;
+        if (chunk.pa > from)
+            stale.push_back({&mapping, {from, std::min(chunk.pa, shown->end_pa)}});
+        from = chunk.end_pa();
+    }
+    if (from < shown->end_pa)
+        stale.push_back({&mapping, {from, shown->end_pa}});
+}
+
+answer answer_of(const std::vector<const chunk_record*>& wanted, const picture& records,
+                 const mapped_memory& memory) {
+    answer made;
+    std::vector<const region_mapping*> partial;
+    for (const auto& mapping : memory.mappings) {
+        if (shows_all_of(mapping, records.region)) {
+            made.whole_region.push_back(
+                {&mapping, {records.region.first_pa, records.region.end_pa}});
+        } else {
+            partial.push_back(&mapping);
+            add_stale(mapping, records, made.stale);
+        }
+    }
+    for (const auto* chunk : wanted)
+        made.chunks.push_back({chunk, views_of(*chunk, partial)});
+    return made;
+}
+
+std::vector<const chunk_record*> wanted_of(const who_options& options, const picture& records) {
+    if (!options.name.empty())
+        return chunks_called(options.name, records);
+    std::vector<const chunk_record*> all;
+    for (const auto& chunk : records.chunks)
+        all.push_back(&chunk);
+    return all;
+}
+
+std::string access_text(const region_mapping& mapping) {
+    const std::string access = mapping.readable && mapping.writable ? "read, write"
+                               : mapping.writable                   ? "write"
+                               : mapping.readable                   ? "read"
+                                                                    : "none";
+    return access + (mapping.shared ? "" : ", private copy");
+}
+
+std::string window_text(const view& each, const chunk_record& chunk) {
+    const bool whole = each.window.pa == chunk.pa && each.window.end_pa == chunk.end_pa();
+    return whole ? "all"
+                 : fmt::format("{:#x}-{:#x}", each.window.pa - chunk.pa,
+                               each.window.end_pa - 1 - chunk.pa);
+}
+
+class who_table {
+  public:
+    explicit who_table(process_table& processes) : processes_{processes} {}
+
+    void add(const std::string& what, const std::string& window, const region_mapping& mapping) {
+        const process_info& process = processes_.of(mapping.pid);
+        lines_.add({what, window, fmt::format("{}", process.pid), shown(process.command),
+                    shown(process.user), access_text(mapping)});
+        empty_ = false;
+    }
+
+    std::string text() const { return empty_ ? "" : lines_.text(); }
+
+  private:
+    process_table& processes_;
+    table lines_{{{"CHUNK"}, {"WINDOW"}, {"PID", align::right}, {"COMMAND"}, {"USER"}, {"ACCESS"}}};
+    bool empty_ = true;
+};
+
+/// The chunks that nobody maps, a few by name.
+void print_unmapped(const answer& found) {
+    constexpr std::size_t most_named = 10;
+    std::size_t count = 0;
+    std::string names;
+    for (const auto& [chunk, views] : found.chunks) {
+        if (views.empty() && count++ < most_named)
+            names += (names.empty() ? "" : ", ") + shown(chunk->name);
+    }
+    if (count == 0)
+        return;
+    const std::string more =
+        count > most_named ? fmt::format(" and {} more", count - most_named) : "";
+    fmt::print("Mapped by nobody{}: {}{}\n",
+               found.whole_region.empty() ? "" : " but with the whole region", names, more);
+}
+
+void print_remarks(const answer& found, const picture& records, bool all) {
+    const auto duplicates = records.duplicates();
+    if (records.chunks.empty())
+        fmt::print("There are no chunks\n");
+    if (all && !found.stale.empty())
+        fmt::print(stderr, "tarvoctl: (freed): the mapping outlives its chunk, and shows whatever "
+                           "is put there next; the process should unmap it\n");
+    const bool marked =
+        std::any_of(found.chunks.begin(), found.chunks.end(), [&](const auto& each) {
+            return duplicates[static_cast<std::size_t>(each.chunk - records.chunks.data())];
+        });
+    if (marked)
+        fmt::print(stderr, "* not the only chunk of that name; calls find the lowest one\n");
+}
+
+void print_as_table(const answer& found, const picture& records, process_table& processes,
+                    bool all) {
+    const auto duplicates = records.duplicates();
+    who_table lines{processes};
+    for (const auto& [chunk, views] : found.chunks) {
+        const bool marked = duplicates[static_cast<std::size_t>(chunk - records.chunks.data())];
+        for (const auto& each : views)
+            lines.add(shown(chunk->name) + (marked ? " *" : ""), window_text(each, *chunk),
+                      *each.mapping);
+    }
+    for (const auto& each : found.whole_region)
+        lines.add("(whole region)", "all", *each.mapping);
+    if (all) {
+        for (const auto& [mapping, window] : found.stale)
+            lines.add("(freed)", fmt::format("pa {:#x}-{:#x}", window.pa, window.end_pa - 1),
+                      *mapping);
+    }
+    fmt::print("{}", lines.text());
+    print_unmapped(found);
+    print_remarks(found, records, all);
+}
+
+json json_views(const std::vector<view>& views, uint64_t base_pa, process_table& processes) {
+    json made = json::array();
+    for (const auto& [mapping, window] : views) {
+        json each = json_process(processes.of(mapping->pid));
+        each["va"] = json_address(mapping->va + (window.pa - mapping->pa));
+        each["pa"] = json_address(window.pa);
+        each["pa_end"] = json_address(window.end_pa - 1);
+        each["offset"] = window.pa - base_pa;
+        each["size"] = window.end_pa - window.pa;
+        each["read"] = mapping->readable;
+        each["write"] = mapping->writable;
+        each["shared"] = mapping->shared;
+        made.push_back(std::move(each));
+    }
+    return made;
+}
+
+void print_as_json(const answer& found, const picture& records, const mapped_memory& memory,
+                   process_table& processes) {
+    json chunks = json::array();
+    for (const auto& [chunk, views] : found.chunks) {
+        json each = json_chunk(*chunk, records);
+        each["mappings"] = json_views(views, chunk->pa, processes);
+        chunks.push_back(std::move(each));
+    }
+    json document = json_document("who");
+    document["region"] = json_region(records);
+    document["chunks"] = std::move(chunks);
+    document["whole_region"] = json_views(found.whole_region, records.region.first_pa, processes);
+    document["stale"] = json_views(found.stale, records.region.first_pa, processes);
+    document["unseen"] = json_unseen(memory);
+    document["damage"] = records.damage;
+    print_json(document);
+}
+
+bool is_mapped(const answer& found) {
+    return !found.whole_region.empty() ||
+           std::any_of(found.chunks.begin(), found.chunks.end(),
+                       [](const auto& each) { return !each.views.empty(); });
+}
+
+exit_status who(const who_options& options) {
+    const picture records = read_picture({{}, options.timeout});
+    const auto wanted = wanted_of(options, records);
+    const mapped_memory memory = mappings_of(find_site());
+    const answer found = answer_of(wanted, records, memory);
+    process_table processes;
+    if (options.json) {
+        print_as_json(found, records, memory, processes);
+    } else {
+        print_as_table(found, records, processes, options.name.empty());
+        if (!memory.is_complete())
+            fmt::print(stderr, "tarvoctl: {}\n", unseen_text(memory, processes));
+    }
+    const exit_status damage = told_damage(records);
+    const bool nobody = !options.name.empty() && !is_mapped(found);
+    return damage == exit_status::good && nobody ? exit_status::finding : damage;
+}
+
+} // namespace
+
+void add_who(program& to) {
+    const auto options = std::make_shared<who_options>();
+    CLI::App& command =
+        to.add("who", "the processes that have chunks mapped, and what they see of them", looking,
+               [options] { return who(*options); });
+    command.add_option("name", options->name, "this chunk alone")->type_name("NAME");
+    add_json(command, options->json);
+    add_timeout(command, options->timeout);
+}
+
+} // namespace tarvoctl

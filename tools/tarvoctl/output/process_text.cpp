@@ -1,0 +1,100 @@
+#include "output/process_text.hpp"
+
+#include "output/text.hpp"
+
+#include <algorithm>
+#include <array>
+#include <ctime>
+#include <fmt/format.h>
+#include <unistd.h>
+
+namespace tarvoctl {
+
+namespace {
+
+std::time_t start_of(const process_info& process) {
+    timespec since_boot{};
+    ::clock_gettime(CLOCK_BOOTTIME, &since_boot);
+    const auto started = static_cast<std::time_t>(process.start_ticks /
+                                                  static_cast<uint64_t>(::sysconf(_SC_CLK_TCK)));
+    return std::time(nullptr) - since_boot.tv_sec + started;
+}
+
+} // namespace
+
+std::string state_text(char state) {
+    switch (state) {
+    case 'R':
+        return "running";
+    case 'S':
+        return "sleeping";
+    case 'D':
+        return "waiting, cannot be interrupted";
+    case 'T':
+        return "STOPPED";
+    case 't':
+        return "STOPPED by a debugger";
+    case 'Z':
+        return "ended, not yet reaped";
+    default:
+        return "unknown";
+    }
+}
+
+std::string start_text(const process_info& process) {
+    if (process.state == '?')
+        return "-";
+    const std::time_t when = start_of(process);
+    std::tm local{};
+    std::array<char, 32> text{};
+    ::localtime_r(&when, &local);
+    const std::size_t length = std::strftime(text.data(), text.size(), "%F %T", &local);
+    return {text.data(), length};
+}
+
+const process_info& process_table::of(pid_t pid) {
+    const auto [at, is_new] = known_.try_emplace(pid);
+    if (is_new) {
+        at->second = process_of(pid).value_or(process_info{});
+        at->second.pid = pid;
+    }
+    return at->second;
+}
+
+std::string process_table::text(pid_t pid) {
+    const std::string& command = of(pid).command;
+    return command.empty() ? fmt::format("{}", pid) : fmt::format("{} ({})", pid, shown(command));
+}
+
+std::string processes_text(const std::vector<pid_t>& pids, process_table& processes) {
+    constexpr std::size_t most_named = 5;
+    std::string made;
+    for (std::size_t i = 0; i < std::min(pids.size(), most_named); ++i)
+        made += (i == 0 ? "" : ", ") + processes.text(pids[i]);
+    if (pids.size() > most_named)
+        made += fmt::format(" and {} more", pids.size() - most_named);
+    return made;
+}
+
+std::string unseen_text(const mapped_memory& memory, process_table& processes) {
+    std::string made;
+    if (!memory.unseen.empty()) {
+        made = fmt::format("could not look into {} process(es): {}; run it as root to see all",
+                           memory.unseen.size(), processes_text(memory.unseen, processes));
+    }
+    if (memory.others_hidden) {
+        made += fmt::format("{}/proc hides other users' processes; run it as root to see all",
+                            made.empty() ? "" : "; ");
+    }
+    return made;
+}
+
+json json_process(const process_info& process) {
+    return {{"pid", process.pid}, {"command", process.command}, {"user", process.user}};
+}
+
+json json_unseen(const mapped_memory& memory) {
+    return {{"processes", memory.unseen}, {"others_hidden", memory.others_hidden}};
+}
+
+} // namespace tarvoctl
