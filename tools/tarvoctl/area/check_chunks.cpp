@@ -29,7 +29,6 @@ class chunk_judge {
   private:
     const dma_chunk_t& record(int chunk) const { return _area.chunks._arr[chunk]; }
     bool is_first(int chunk) const { return chunk == _members.listed.front(); }
-    bool is_last(int chunk) const { return chunk == _area.chunks._tail; }
 
     template <typename... Values>
     void add(rule broken_rule, int chunk, fmt::format_string<const Values&...> format,
@@ -79,7 +78,7 @@ class chunk_judge {
                     uint64_t{one.pa}, previous_pa);
             }
             previous_pa = one.pa;
-            if (is_first(chunk) || is_last(chunk)) {
+            if (is_at_an_end(_area, chunk)) {
                 judge_sentinel_rest(chunk);
             } else {
                 judge_place(chunk);

@@ -123,7 +123,7 @@ void check_refs(const shared_area_t& area, const list_members& chunks, const lis
                 report& found) {
     const device_set registered = set_of(devices);
     for (const int chunk : chunks.listed) {
-        if (!is_bound(area, chunk)) {
+        if (!is_at_an_end(area, chunk)) {
             ref_judge(area, registered, chunk, found).judge();
         }
     }

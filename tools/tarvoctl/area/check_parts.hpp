@@ -17,10 +17,9 @@ void check_devices(const shared_area_t& area, const list_members& devices, repor
 void check_refs(const shared_area_t& area, const list_members& chunks, const list_members& devices,
                 report& found);
 
-/// Whether a chunk is one of the two that bound the list and the region.
-inline bool is_bound(const shared_area_t& area, int chunk) {
-    const dma_chunk_t& record = area.chunks._arr[chunk];
-    return is_sentinel(record, head_name) || is_sentinel(record, tail_name);
+/// Whether a chunk stands where a sentinel has to: at either end of the list.
+inline bool is_at_an_end(const shared_area_t& area, int chunk) {
+    return chunk == area.chunks._head || chunk == area.chunks._tail;
 }
 
 } // namespace tarvoctl

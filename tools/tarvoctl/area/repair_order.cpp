@@ -20,6 +20,12 @@ bool holds(const std::vector<bool>& set, int element) {
     return set[static_cast<std::size_t>(element)];
 }
 
+bool contains(std::vector<int> elements, std::vector<int> others) {
+    std::sort(elements.begin(), elements.end());
+    std::sort(others.begin(), others.end());
+    return std::includes(elements.begin(), elements.end(), others.begin(), others.end());
+}
+
 } // namespace
 
 list_links_reader::list_links_reader(const list_links& links,
@@ -64,9 +70,9 @@ list_links_reader::walked list_links_reader::circle(int from, link way) const {
     return result;
 }
 
-void list_links_reader::take(std::vector<int> order, bool sound) {
+void list_links_reader::take(std::vector<int> order, reliance source) {
     _order = std::move(order);
-    _sound = sound;
+    _source = source;
 }
 
 /// What can be reached from both sides of a break.
@@ -76,7 +82,7 @@ void list_links_reader::join(const std::vector<int>& prefix,
     const std::vector<bool> known = set_of(prefix, _links.capacity);
     std::copy_if(suffix_backwards.rbegin(), suffix_backwards.rend(), std::back_inserter(joined),
                  [&](int element) { return !holds(known, element); });
-    take(std::move(joined), false);
+    take(std::move(joined), reliance::pieces);
 }
 
 void list_links_reader::read_order() {
@@ -87,20 +93,27 @@ void list_links_reader::read_order() {
     } else if (_links.has(_links.tail)) {
         read_from_tail();
     } else {
-        take({}, _links.head == -1 && _links.tail == -1);
+        const bool is_empty = _links.head == -1 && _links.tail == -1;
+        take({}, is_empty ? reliance::own_walk : reliance::pieces);
     }
 }
 
+/// The walk along `prev` only counts when it has not lost what the other one met. Where the other
+/// one came back to the head, the tail was just being added.
 void list_links_reader::read_between_ends() {
     walked forward = walk(_links.head, _links.tail, &list_links::next);
     if (forward.whole) {
-        take(std::move(forward.elements), true);
+        take(std::move(forward.elements), reliance::own_walk);
         return;
     }
     walked backward = walk(_links.tail, _links.head, &list_links::prev);
-    if (backward.whole) {
+    if (backward.whole && contains(backward.elements, forward.elements)) {
         std::reverse(backward.elements.begin(), backward.elements.end());
-        take(std::move(backward.elements), true);
+        take(std::move(backward.elements), reliance::other_walk);
+        return;
+    }
+    if (!forward.elements.empty() && _links.next(forward.elements.back()) == _links.head) {
+        take(std::move(forward.elements), reliance::own_walk);
         return;
     }
     join(forward.elements, backward.elements);
@@ -110,7 +123,7 @@ void list_links_reader::read_between_ends() {
 void list_links_reader::read_from_head() {
     walked forward = circle(_links.head, &list_links::next);
     if (forward.whole || forward.elements.size() <= 1) {
-        take(std::move(forward.elements), true);
+        take(std::move(forward.elements), reliance::own_walk);
         return;
     }
     join(forward.elements, walk(_links.prev(_links.head), -1, &list_links::prev).elements);
@@ -120,29 +133,31 @@ void list_links_reader::read_from_head() {
 void list_links_reader::read_from_tail() {
     walked backward = circle(_links.tail, &list_links::prev);
     if (_links.head == -1 && backward.elements.size() <= 1) {
-        take({}, true);
+        take({}, reliance::own_walk);
         return;
     }
     std::reverse(backward.elements.begin(), backward.elements.end());
-    take(std::move(backward.elements), backward.whole);
+    take(std::move(backward.elements), backward.whole ? reliance::other_walk : reliance::pieces);
 }
 
-/// Whether a neighbour that is not listed either agrees to be its neighbour.
-bool list_links_reader::is_on_island(int element, const std::vector<bool>& listed) const {
-    const int32_t next = _links.next(element);
-    const int32_t prev = _links.prev(element);
+/// Whether a neighbour agrees to be one. Those in `no_evidence` do not count.
+bool list_links_reader::is_on_island(int element, const std::vector<bool>& no_evidence) const {
     const auto agrees = [&](int32_t neighbour, link back) {
-        return _links.has(neighbour) && neighbour != element && !holds(listed, neighbour) &&
+        return _links.has(neighbour) && neighbour != element && !holds(no_evidence, neighbour) &&
                _links.flag(neighbour) != 0 && follow(back, neighbour) == element;
     };
-    return agrees(next, &list_links::prev) || agrees(prev, &list_links::next);
+    return agrees(_links.next(element), &list_links::prev) ||
+           agrees(_links.prev(element), &list_links::next);
 }
 
 void list_links_reader::sort_out_the_rest() {
     const std::vector<bool> listed = set_of(_order, _links.capacity);
+    const std::vector<bool> none(listed.size());
     for (int element = 0; element < _links.capacity; ++element) {
         if (_links.flag(element) != 0 && !holds(listed, element)) {
-            (is_on_island(element, listed) ? _islands : _strays).push_back(element);
+            const bool belongs =
+                is_on_island(element, _source == reliance::own_walk ? listed : none);
+            (belongs ? _islands : _strays).push_back(element);
         }
     }
 }

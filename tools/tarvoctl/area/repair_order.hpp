@@ -20,12 +20,13 @@ struct decided_list {
 ///
 /// The list is what the library's own walk visits, from the head along `next` to the tail. Each of
 /// its changes alters that walk by a single store, so wherever the change ended, a walk that reaches
-/// the tail shows the list either without the change or with it. Elements off it that nobody links
-/// to are then what the change was about to add or had just removed. Where that walk breaks off, the
-/// one from the tail along `prev` takes its place, and where that does, too, what both visit.
+/// the tail shows the list either without the change or with it. Elements off it are then what the
+/// change was about to add or had just removed. Where that walk breaks off, the one from the tail
+/// along `prev` takes its place, and where that does, too, what both visit.
 ///
-/// Elements off the walk that link to each other both ways are no half-made change, for a change
-/// concerns one element: they are returned by islands().
+/// Some elements off the walk are more than that and belong to the list: two that link to each other
+/// both ways, for a change concerns one element; and, off any walk but the library's own, one that
+/// links both ways with a listed one. These are returned by islands().
 class list_links_reader {
   public:
     /// `may_be_listed`: whether an element whose flag is lost could be one in use.
@@ -33,13 +34,15 @@ class list_links_reader {
 
     const std::vector<int>& order() const { return _order; }
     /// Whether one of the walks was whole, so that what is not on it is not on the list.
-    bool is_sound() const { return _sound; }
+    bool is_sound() const { return _source != reliance::pieces; }
     /// In element order.
     const std::vector<int>& islands() const { return _islands; }
     /// Marked allocated, not on the walk, on no island.
     const std::vector<int>& strays() const { return _strays; }
 
   private:
+    /// What the order was taken from.
+    enum class reliance { own_walk, other_walk, pieces };
     using link = int32_t (list_links::*)(int) const;
     struct walked {
         std::vector<int> elements;
@@ -55,15 +58,15 @@ class list_links_reader {
     void read_between_ends();
     void read_from_head();
     void read_from_tail();
-    void take(std::vector<int> order, bool sound);
+    void take(std::vector<int> order, reliance source);
     void join(const std::vector<int>& prefix, const std::vector<int>& suffix_backwards);
     void sort_out_the_rest();
-    bool is_on_island(int element, const std::vector<bool>& listed) const;
+    bool is_on_island(int element, const std::vector<bool>& no_evidence) const;
 
     const list_links& _links;
     std::function<bool(int)> _may_be_listed;
     std::vector<int> _order;
-    bool _sound = false;
+    reliance _source = reliance::pieces;
     std::vector<int> _islands;
     std::vector<int> _strays;
 };

@@ -72,11 +72,11 @@ void plan_writer::set_link(std::size_t offset, int32_t value, place where, std::
 
 void plan_writer::clear(std::size_t offset, std::size_t bytes, place where, std::string why) {
     const auto field = _bytes.subspan(offset, bytes);
-    const auto holds_something = [](uint8_t byte) { return byte != 0; };
-    const auto first = std::find_if(field.begin(), field.end(), holds_something);
-    if (first == field.end()) {
+    if (is_zero(field)) {
         return;
     }
+    const auto holds_something = [](uint8_t byte) { return byte != 0; };
+    const auto first = std::find_if(field.begin(), field.end(), holds_something);
     const auto behind = std::find_if(field.rbegin(), field.rend(), holds_something).base();
     const std::vector<uint8_t> zeros(static_cast<std::size_t>(behind - first));
     write(offset + static_cast<std::size_t>(first - field.begin()), zeros, where, std::move(why));
