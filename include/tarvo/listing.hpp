@@ -118,52 +118,56 @@ struct chunk_line {
 };
 
 /// What a line of the library's says; nothing, and the damage noted, when it makes no sense.
-inline std::optional<listed_chunk> chunk_of(std::string_view line) noexcept {
+inline std::optional<listed_chunk> chunk_of(std::string_view line, listing_state& state) noexcept {
     chunk_line fields;
     if (!fields.read(line)) {
-        the_listing.damage.emplace(error_code::damaged, "no chunk's line: '%.*s'",
-                                   static_cast<int>(line.size()), line.data());
+        state.damage.emplace(error_code::damaged, "no chunk's line: '%.*s'",
+                             static_cast<int>(line.size()), line.data());
         return std::nullopt;
     }
     const physical_address pa(fields.pa);
     const bytes size(static_cast<std::uint32_t>(fields.size));
-    const limits& region = the_listing.region;
-    if (!region.holds(pa) || !region.holds(pa + size)) {
-        the_listing.damage.emplace(error_code::damaged,
-                                   "chunk %d, '%.*s', has 0x%llx bytes from 0x%llx on: outside the "
-                                   "region",
-                                   fields.element, shown(fields.name), fields.name.data(),
-                                   static_cast<unsigned long long>(size.count()),
-                                   static_cast<unsigned long long>(pa.value()));
+    if (!state.region.holds(pa) || !state.region.holds(pa + size)) {
+        state.damage.emplace(error_code::damaged,
+                             "chunk %d, '%.*s', has 0x%llx bytes from 0x%llx on: outside the "
+                             "region",
+                             fields.element, shown(fields.name), fields.name.data(),
+                             static_cast<unsigned long long>(size.count()),
+                             static_cast<unsigned long long>(pa.value()));
         return std::nullopt;
     }
     const chunk what(fields.name, dma_address(tarvo_pa_to_dma(pa.value())), size);
     return listed_chunk(what, fields.element, fields.creator, pa);
 }
 
-inline std::optional<listed_device> device_of(std::string_view line) noexcept {
+inline std::optional<listed_device> device_of(std::string_view line,
+                                              listing_state& state) noexcept {
     const std::size_t colon = line.find_last_of(':');
     const result<device> address = device::parse(line.substr(0, colon));
     const bool online = line.ends_with(": online");
     if (!address || (!online && !line.ends_with(": offline"))) {
-        the_listing.damage.emplace(error_code::damaged, "no device's line: '%.*s'",
-                                   static_cast<int>(line.size()), line.data());
+        state.damage.emplace(error_code::damaged, "no device's line: '%.*s'",
+                             static_cast<int>(line.size()), line.data());
         return std::nullopt;
     }
     return listed_device(*address, online);
 }
 
-/// The next line by one of the library's two calls; nothing at the end. A line that does not fit
-/// leaves its beginning behind, and is damage.
-inline std::string_view next_line(bool (*next)(char*, std::size_t), listing_line& room) noexcept {
+/// Writes the next chunk's or device's line.
+using line_call = bool (*)(char* line, std::size_t bytes);
+
+/// The next line; nothing at the end. A line that does not fit leaves its beginning behind, and is
+/// damage.
+inline std::string_view next_line(line_call next, listing_line& room,
+                                  listing_state& state) noexcept {
     room[0] = '\0';
-    if (!the_listing.open || the_listing.damage) {
+    if (!state.open || state.damage) {
         return {};
     }
     if (!next(room.data(), room.size())) {
         if (room[0] != '\0') {
-            the_listing.damage.emplace(error_code::damaged, "a line of more than %zu bytes: '%s'",
-                                       room.size() - 1, room.data());
+            state.damage.emplace(error_code::damaged, "a line of more than %zu bytes: '%s'",
+                                 room.size() - 1, room.data());
         }
         return {};
     }
@@ -171,8 +175,8 @@ inline std::string_view next_line(bool (*next)(char*, std::size_t), listing_line
 }
 
 /// A walk along the listing that is open, or an empty one. A view with an input iterator.
-template <typename Record, bool (*Next)(char*, std::size_t),
-          std::optional<Record> (*Parse)(std::string_view) noexcept>
+template <typename Record, line_call Next,
+          std::optional<Record> (*Parse)(std::string_view, listing_state&) noexcept>
 class listed_range : public std::ranges::view_base {
   public:
     class iterator {
@@ -181,26 +185,36 @@ class listed_range : public std::ranges::view_base {
         using difference_type = std::ptrdiff_t;
 
         iterator() noexcept = default;
+        explicit iterator(listing_state* state) noexcept : _state(state) {}
         const Record& operator*() const noexcept { return *_record; }
         const Record* operator->() const noexcept { return &*_record; }
         iterator& operator++() noexcept {
             listing_line room;
-            const std::string_view line = next_line(Next, room);
-            _record = line.empty() ? std::nullopt : Parse(line);
+            const std::string_view line = next_line(Next, room, *_state);
+            _record = line.empty() ? std::nullopt : Parse(line, *_state);
             return *this;
         }
-        void operator++(int) noexcept { ++*this; }
+        void operator++(int /*unused*/) noexcept { ++*this; }
         friend bool operator==(const iterator& at, std::default_sentinel_t) noexcept {
             return !at._record.has_value();
         }
 
       private:
+        listing_state* _state = nullptr;
         std::optional<Record> _record;
     };
 
+    explicit listed_range(listing_state* state) noexcept : _state(state) {}
+
     /// The next record that was not visited yet.
-    iterator begin() const noexcept { return ++iterator(); }
+    iterator begin() const noexcept {
+        iterator first(_state);
+        return _state != nullptr ? ++first : first;
+    }
     std::default_sentinel_t end() const noexcept { return {}; }
+
+  private:
+    listing_state* _state; ///< null: of a listing that was moved from
 };
 
 } // namespace detail
@@ -244,33 +258,35 @@ class listing {
                                                  "why, and a signal's handler is reason enough");
         }
         state = {true, *region, std::nullopt};
-        return listing();
+        return listing(&state);
     }
 
     /// The chunks in ascending address. Single pass: a second range goes on where the first stopped.
-    chunk_range chunks() const noexcept { return {}; }
+    chunk_range chunks() const noexcept { return chunk_range(_state); }
     /// The registered devices in order of registration; as chunks().
-    device_range devices() const noexcept { return {}; }
+    device_range devices() const noexcept { return device_range(_state); }
 
     /// Why a range ended before its time: a record that makes no sense. Ask it behind the loop.
-    std::optional<error> damage() const noexcept { return detail::the_listing.damage; }
+    std::optional<error> damage() const noexcept {
+        return _state != nullptr ? _state->damage : std::nullopt;
+    }
 
-    listing(listing&& other) noexcept : _owns(std::exchange(other._owns, false)) {}
+    listing(listing&& other) noexcept : _state(std::exchange(other._state, nullptr)) {}
     listing& operator=(listing&&) = delete;
     listing(const listing&) = delete;
     listing& operator=(const listing&) = delete;
     /// Releases the lock.
     ~listing() {
-        if (_owns) {
+        if (_state != nullptr) {
             tarvo_dump_end();
-            detail::the_listing.open = false;
+            _state->open = false;
         }
     }
 
   private:
-    listing() noexcept = default;
+    explicit listing(detail::listing_state* state) noexcept : _state(state) {}
 
-    bool _owns = true;
+    detail::listing_state* _state; ///< null after it was moved from
 };
 
 } // namespace tarvo

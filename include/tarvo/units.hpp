@@ -19,7 +19,10 @@ class bytes {
 
     constexpr std::uint64_t count() const noexcept { return _count; }
 
-    friend constexpr auto operator<=>(const bytes&, const bytes&) noexcept = default;
+    friend constexpr bool operator==(const bytes&, const bytes&) noexcept = default;
+    friend constexpr std::strong_ordering operator<=>(bytes a, bytes b) noexcept {
+        return a._count <=> b._count;
+    }
     friend constexpr bytes operator+(bytes a, bytes b) noexcept {
         return bytes(a._count + b._count);
     }
@@ -44,7 +47,10 @@ class address {
 
     constexpr Number value() const noexcept { return _value; }
 
-    friend constexpr auto operator<=>(const address&, const address&) noexcept = default;
+    friend constexpr bool operator==(const address&, const address&) noexcept = default;
+    friend constexpr std::strong_ordering operator<=>(address a, address b) noexcept {
+        return a._value <=> b._value;
+    }
     friend constexpr address operator+(address base, bytes offset) noexcept {
         return address(static_cast<Number>(base._value + offset.count()));
     }
@@ -71,7 +77,7 @@ namespace detail {
 /// Not defined, and not constexpr: a literal that comes here does not compile.
 void size_literal_is_too_large();
 
-consteval bytes scaled(unsigned long long count, unsigned shift) {
+consteval bytes scaled(unsigned long long count, unsigned shift) noexcept {
     if (count > (std::numeric_limits<std::uint64_t>::max() >> shift)) {
         size_literal_is_too_large();
     }
@@ -83,19 +89,19 @@ consteval bytes scaled(unsigned long long count, unsigned shift) {
 /// Sizes as they are said: `using namespace tarvo::literals;`, then 64_KiB.
 inline namespace literals {
 
-consteval bytes operator""_B(unsigned long long count) {
+consteval bytes operator""_B(unsigned long long count) noexcept {
     return detail::scaled(count, 0);
 }
 
-consteval bytes operator""_KiB(unsigned long long count) {
+consteval bytes operator""_KiB(unsigned long long count) noexcept {
     return detail::scaled(count, 10);
 }
 
-consteval bytes operator""_MiB(unsigned long long count) {
+consteval bytes operator""_MiB(unsigned long long count) noexcept {
     return detail::scaled(count, 20);
 }
 
-consteval bytes operator""_GiB(unsigned long long count) {
+consteval bytes operator""_GiB(unsigned long long count) noexcept {
     return detail::scaled(count, 30);
 }
 

@@ -1,0 +1,142 @@
+#include "region_fixture.hpp"
+
+#include <csignal>
+#include <cstdint>
+#include <cstring>
+#include <utility>
+
+using namespace tarvo::literals;
+using tarvo::error_code;
+
+namespace {
+
+/// Whether the page that starts there is mapped in this process. msync reports ENOMEM where it is not.
+bool is_mapped(const void* address) {
+    return ::msync(const_cast<void*>(address), 1, MS_ASYNC) == 0;
+}
+
+} // namespace
+
+class mappings : public region_test {};
+
+TEST_F(mappings, show_one_memory) {
+    const tarvo::chunk chunk = allocated("ring", 64_KiB);
+    const auto writer = tarvo::map(chunk);
+    const auto reader = tarvo::map_read_only(chunk);
+    ASSERT_TRUE(writer && reader);
+    EXPECT_EQ(writer->size(), 65536U);
+    EXPECT_EQ(writer->dma(), chunk.dma());
+    writer->span().back() = std::byte{7};
+    EXPECT_EQ(reader->span().back(), std::byte{7});
+    EXPECT_NE(writer->span().data(), reader->span().data());
+}
+
+TEST_F(mappings, show_the_memory_that_the_c_call_shows) {
+    const tarvo::chunk chunk = allocated("ring", 64_KiB);
+    const auto mine = tarvo::map(chunk);
+    ASSERT_TRUE(mine);
+    auto* by_c = static_cast<char*>(tarvo_map("ring", true, 0, 0));
+    std::strcpy(by_c, "seen");
+    EXPECT_EQ(std::memcmp(mine->span().data(), "seen", 5), 0);
+    EXPECT_EQ(tarvo_unmap("ring", by_c, 0), 0);
+}
+
+TEST_F(mappings, of_windows_know_their_own_dma_address) {
+    const tarvo::chunk chunk = allocated("ring", 64_KiB);
+    const tarvo::bytes page = tarvo::page_size();
+    const auto all = tarvo::map(chunk);
+    const auto rest = tarvo::map(chunk, page);
+    const auto one = tarvo::map(chunk, page * 2, 10_B);
+    ASSERT_TRUE(all && rest && one);
+    EXPECT_EQ(rest->size(), 65536 - page.count());
+    EXPECT_EQ(one->size(), 10U);
+    EXPECT_EQ(one->dma(), chunk.dma() + page * 2);
+    all->span()[page.count() * 2 + 9] = std::byte{9};
+    EXPECT_EQ(one->span()[9], std::byte{9});
+    EXPECT_EQ(rest->span()[page.count() + 9], std::byte{9});
+}
+
+TEST_F(mappings, outside_the_chunk_or_within_a_page_are_refused) {
+    const tarvo::chunk chunk = allocated("ring", 64_KiB);
+    const tarvo::bytes far(~std::uint64_t{0} - 4095);
+    const std::pair<tarvo::bytes, tarvo::bytes> windows[] = {
+        {64_KiB, 0_B}, {0_B, 64_KiB + 1_B}, {60_KiB, 8_KiB}, {4_GiB, 4_KiB}, {4_KiB, 4_GiB},
+        {far, 8_KiB},  {1_B, 4_KiB},        {1_B, 0_B},      {0_B, far},     {4_GiB, 0_B}};
+    for (const auto& [offset, size] : windows) {
+        EXPECT_TRUE(fails_with(tarvo::map(chunk, offset, size), error_code::bad_window, "'ring'"))
+            << offset.count() << " " << size.count();
+    }
+}
+
+TEST_F(mappings, end_with_their_object) {
+    const tarvo::chunk chunk = allocated("ring", 64_KiB);
+    const std::byte* address = nullptr;
+    {
+        const auto memory = tarvo::map(chunk);
+        ASSERT_TRUE(memory);
+        address = memory->span().data();
+        EXPECT_TRUE(is_mapped(address));
+        EXPECT_TRUE(is_mapped(address + 65536 - tarvo::page_size().count()));
+    }
+    EXPECT_FALSE(is_mapped(address));
+    EXPECT_FALSE(is_mapped(address + 65536 - tarvo::page_size().count()));
+}
+
+TEST_F(mappings, are_moved_and_not_shared) {
+    const tarvo::chunk chunk = allocated("ring", 64_KiB);
+    tarvo::mapping first = *tarvo::map(chunk);
+    const std::byte* first_address = first.span().data();
+    tarvo::mapping second = std::move(first);
+    EXPECT_EQ(second.span().data(), first_address);
+    tarvo::mapping third = *tarvo::map(chunk);
+    third = std::move(second);
+    EXPECT_EQ(third.span().data(), first_address);
+    EXPECT_TRUE(is_mapped(first_address));
+    third = tarvo::mapping();
+    EXPECT_FALSE(is_mapped(first_address));
+    EXPECT_TRUE(third.span().empty());
+}
+
+TEST_F(mappings, end_without_harm_when_the_chunk_is_gone) {
+    const tarvo::chunk chunk = allocated("ring", 64_KiB);
+    const std::byte* address = nullptr;
+    {
+        const auto memory = tarvo::map(chunk);
+        ASSERT_TRUE(memory);
+        address = memory->span().data();
+        ASSERT_TRUE(tarvo::free_chunk(chunk));
+        memory->span()[0] = std::byte{1};
+    }
+    EXPECT_FALSE(is_mapped(address));
+}
+
+TEST_F(mappings, are_never_of_another_chunk_that_has_taken_the_name) {
+    const tarvo::chunk before = allocated("ring", 64_KiB);
+    ASSERT_TRUE(tarvo::free_chunk(before));
+    EXPECT_TRUE(fails_with(tarvo::map(before), error_code::not_found, "'ring'"));
+    allocated("other", 4_KiB);
+    const tarvo::chunk now = allocated("ring", 64_KiB);
+    EXPECT_TRUE(fails_with(tarvo::map(before), error_code::changed, "look it up again"));
+    EXPECT_TRUE(tarvo::map(now));
+}
+
+TEST_F(mappings, for_reading_only_fault_on_writing) {
+    const auto memory = tarvo::map_read_only(allocated("ring", 4_KiB));
+    ASSERT_TRUE(memory);
+    auto* byte = reinterpret_cast<volatile char*>(const_cast<std::byte*>(memory->span().data()));
+    EXPECT_EXIT(*byte = 1, testing::KilledBySignal(SIGSEGV), "");
+}
+
+TEST_F(mappings, give_typed_access_only_where_it_is_within_and_aligned) {
+    const auto memory = tarvo::map(allocated("ring", 4_KiB));
+    ASSERT_TRUE(memory);
+    const auto last = memory->object<std::uint64_t>(4088_B);
+    ASSERT_TRUE(last);
+    **last = 0x0102030405060708;
+    EXPECT_EQ(memory->span()[4095], std::byte{1});
+    EXPECT_TRUE(fails_with(memory->object<std::uint64_t>(4089_B), error_code::bad_window, "4089"));
+    EXPECT_TRUE(fails_with(memory->object<std::uint64_t>(4096_B), error_code::bad_window, "4096"));
+    EXPECT_TRUE(fails_with(memory->object<std::uint32_t>(2_B), error_code::bad_window, "of 4"));
+    EXPECT_TRUE(fails_with(memory->object<char>(tarvo::bytes(~std::uint64_t{0})),
+                           error_code::bad_window, "4096"));
+}
