@@ -1,0 +1,95 @@
+#!/usr/bin/env bash
+# in_fresh_root.sh VERSION [with_python]: run by fresh_root.sh, inside, with the packages in
+# /tmp/packages.
+set -euo pipefail
+version=$1 with_python=${2-}
+cd /tmp
+
+names=(libtarvo0 libtarvo-dev tarvo-tools ${with_python:+python3-tarvo})
+files=()
+for name in "${names[@]}"; do
+    files+=("$(echo "packages/$name"_*.deb)")
+done
+
+fail() {
+    echo "$*" >&2
+    exit 1
+}
+
+quietly() {
+    "$@" >said 2>&1 || {
+        cat said >&2
+        fail "failed: $*"
+    }
+}
+
+expect() { # WHAT WANTED COMMAND...
+    local what=$1 wanted=$2 printed
+    shift 2
+    printed=$("$@") || fail "$what: failed: $*"
+    [[ $printed == "$wanted" ]] || fail "$what: '$printed' instead of '$wanted'"
+}
+
+files_of_ours() {
+    find /etc /usr /var -xdev -name '*tarvo*' ! -path '/var/lib/dpkg/*' ! -path '/var/tmp/*'
+}
+
+# As if none of it had ever been here, and no documents were left out to save room.
+forget_earlier_installations() {
+    dpkg --purge --force-depends "${names[@]}" >/dev/null 2>&1
+    rm -rf /var/shmem /run/lock/subsys
+    find /etc/dpkg/dpkg.cfg.d -type f -exec sed -i '/^path-exclude/d' {} +
+    expect "files that are there before" "" files_of_ours
+}
+
+# Without the library nobody gets what needs it.
+check_dependencies() {
+    local name
+    for name in "${names[@]:1}"; do
+        if dpkg --install "packages/${name}"_*.deb >said 2>&1; then
+            fail "$name was installed without libtarvo0"
+        fi
+        grep -q "$name depends on libtarvo0" said || fail "refused without naming it: $(cat said)"
+        dpkg --purge "$name" >/dev/null 2>&1
+    done
+}
+
+check_installation() {
+    expect "what dpkg finds half installed" "" dpkg --audit
+    expect "what dpkg finds changed" "" dpkg --verify "${names[@]}"
+    grep -q 'libtarvo\.so\.0 .*=> /' <<<"$(ldconfig -p)" || fail "the loader does not know the library"
+    # shellcheck disable=SC2016 # for awk
+    expect "the folders" "755 root root /var/shmem
+755 root root /run/lock/subsys" stat --format '%a %U %G %n' /var/shmem /run/lock/subsys
+    expect "the manual of a call" /usr/share/man/man3/tarvo_alloc_func.3.gz man -w tarvo_free
+}
+
+build_and_run() {
+    expect "the version for pkg-config" "$version" pkg-config --modversion tarvo
+    local flags
+    read -ra flags < <(pkg-config --cflags --libs tarvo)
+    quietly cc -std=c11 -Wall -Wextra -Werror user/user.c "${flags[@]}" -o pc_user_c
+    quietly c++ -std=c++20 -Wall -Wextra -Werror user/user.cpp "${flags[@]}" -o pc_user_cpp
+    quietly cmake -S user -B by_cmake
+    quietly cmake --build by_cmake
+    for program in ./pc_user_c ./pc_user_cpp by_cmake/user_c by_cmake/user_cpp; do
+        expect "$program" "ready at 0x00001000" tarvo-sandbox -- "$program"
+    done
+    # shellcheck disable=SC2016 # the inner shell expands
+    tarvo-sandbox -- sh -euc './pc_user_c && tarvoctl list' >listed
+    grep -q '\<ring\>' listed || fail "tarvoctl does not list the chunk: $(cat listed)"
+}
+
+use_python() {
+    expect "Python" tarvo tarvo-sandbox -- /usr/bin/python3 -c 'import tarvo; print(tarvo.__name__)'
+}
+
+forget_earlier_installations
+check_dependencies
+quietly dpkg --install "${files[@]}"
+check_installation
+build_and_run
+[[ -z $with_python ]] || use_python
+quietly dpkg --purge "${names[@]}"
+expect "files that are left behind" "" files_of_ours
+[[ ! -e /var/shmem ]] || fail "/var/shmem was empty and is left behind"
