@@ -12,8 +12,9 @@ tool_outcome tarvoctl(sandbox& where, const std::vector<std::string>& words,
     std::ofstream(input_file) << input;
     // The shell gives it the files; the program replaces the shell, and its end is the shell's.
     std::vector<std::string> command{
-        "sh",        "-c",    "exec <\"$1\" >\"$2\"; shift 2; exec \"$@\"", "sh", input_file,
-        output_file, TARVOCTL};
+        "sh",    "-c",       "exec <\"$1\" >\"$2\"; shift 2; LC_ALL=C exec \"$@\"",
+        "sh",    input_file, output_file,
+        TARVOCTL};
     command.insert(command.end(), words.begin(), words.end());
     process tool = where.start_process(command);
     const ending end = tool.wait();

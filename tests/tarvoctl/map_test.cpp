@@ -1,0 +1,110 @@
+#include "tool.hpp"
+
+#include <gtest/gtest.h>
+
+namespace {
+
+/// 64K at the region's start, a gap of 64K, 128M, and the rest of the 256M is free.
+void fill(sandbox& machine) {
+    client driver = machine.start();
+    driver.alloc("first", 0x10000);
+    driver.alloc("hole", 0x10000);
+    driver.alloc("large", 0x8000000);
+    driver.free("hole");
+}
+
+TEST(Map, DrawsChunksAndGapsToScaleAndSumsThemUp) {
+    sandbox machine(low);
+    fill(machine);
+    const auto lines = lines_of(tarvoctl(machine, {"map"}).output);
+    ASSERT_EQ(lines.size(), 16U);
+    // Eight lines of 64 cells: half of the region is used, but for one cell in the first line.
+    const std::string full(64, '#');
+    const std::string free(64, '.');
+    EXPECT_EQ(lines[0], "0x00080000000 |" + ("+" + full.substr(1)) + "|");
+    EXPECT_EQ(lines[1], "0x00082000000 |" + full + "|");
+    EXPECT_EQ(lines[3], "0x00086000000 |" + full + "|");
+    EXPECT_EQ(lines[4], "0x00088000000 |+" + free.substr(1) + "|");
+    EXPECT_EQ(lines[7], "0x0008e000000 |" + free + "|");
+    EXPECT_EQ(lines[9], "127.9M of 256M free in 2 gap(s), the largest 127.9M; 2 chunk(s); "
+                        "fragmentation 0 %");
+    EXPECT_EQ(lines[11], "PHYSICAL       SIZE  WHAT");
+    EXPECT_EQ(lines[12], "0x080000000     64K  first");
+    EXPECT_EQ(lines[13], "0x080010000     64K  -");
+    EXPECT_EQ(lines[14], "0x080020000    128M  large");
+    EXPECT_EQ(lines[15], "0x088020000  127.9M  -");
+}
+
+TEST(Map, FitIsWhereTheLibraryPutsTheNextChunk) {
+    for (const world& each : region_worlds()) {
+        sandbox machine(each);
+        fill(machine);
+        for (const char* size : {"4096", "0x10000", "65K", "1M"}) {
+            const auto document =
+                json_of(tarvoctl(machine, {"map", "--json", "--fit", size})).at("fit");
+            client driver = machine.start();
+            const auto dma = driver.alloc("probe", document.at("size"));
+            EXPECT_EQ(document.at("place").at("dma").at("number"), dma) << each.name << size;
+            driver.free("probe");
+        }
+    }
+}
+
+TEST(Map, FitTellsHowMuchIsMissing) {
+    sandbox machine(low);
+    fill(machine);
+    const auto outcome = tarvoctl(machine, {"map", "--fit", "200M"});
+    EXPECT_EQ(outcome.status, 1);
+    EXPECT_EQ(outcome.output,
+              "209715200 bytes do not fit: the largest gap has 134086656 bytes, all "
+              "gaps together 134152192\n");
+    EXPECT_EQ(machine.start().alloc("probe", 209715200), 0U);
+}
+
+TEST(Map, FitSaysThatTheDriverChoosesInACmaRegion) {
+    sandbox machine(cma);
+    machine.start().alloc("first", 0x1000);
+    const auto outcome = tarvoctl(machine, {"map", "--fit", "4096"});
+    EXPECT_EQ(outcome.status, 1);
+    EXPECT_EQ(outcome.output, "4096 bytes: the kernel driver chooses the place in a CMA region; "
+                              "whether it finds one only it can tell\n");
+}
+
+TEST(Map, RefusesSizesThatNoChunkHas) {
+    sandbox machine(low);
+    fill(machine);
+    for (const char* size : {"0", "5G", "much", "12X", "-1", "0x", ""}) {
+        const auto outcome = tarvoctl(machine, {"map", std::string("--fit=") + size});
+        EXPECT_EQ(outcome.status, 2) << size;
+        EXPECT_NE(outcome.errors.find("--fit"), std::string::npos) << outcome.errors;
+    }
+}
+
+TEST(Map, WritesThePictureAsSvg) {
+    sandbox machine(low);
+    fill(machine);
+    const temporary_folder folder;
+    const std::string file = folder.path() / "map.svg";
+    EXPECT_EQ(tarvoctl(machine, {"map", "--svg", file}).status, 0);
+    const std::string text = file_text(file);
+    EXPECT_EQ(text.substr(0, 4), "<svg");
+    EXPECT_NE(text.find("<title>large: 0x80020000-0x8801ffff, 134217728 bytes</title>"),
+              std::string::npos);
+    const auto refused = tarvoctl(machine, {"map", "--svg", "/nowhere/map.svg"});
+    EXPECT_EQ(refused.status, 3);
+    EXPECT_EQ(refused.errors,
+              "tarvoctl: --svg: cannot write /nowhere/map.svg: No such file or directory\n");
+}
+
+TEST(Map, AnEmptyRegionIsOneGap) {
+    sandbox machine(high);
+    machine.start().limits();
+    const auto document = json_of(tarvoctl(machine, {"map", "--json"}));
+    EXPECT_EQ(document.at("free_bytes"), high.bytes);
+    EXPECT_EQ(document.at("largest_gap_bytes"), high.bytes);
+    EXPECT_EQ(document.at("gaps").size(), 1U);
+    EXPECT_EQ(document.at("gaps").at(0).at("behind"), nullptr);
+    EXPECT_EQ(document.at("fit"), nullptr);
+}
+
+} // namespace

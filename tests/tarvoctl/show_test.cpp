@@ -1,0 +1,74 @@
+#include "tool.hpp"
+
+#include <gtest/gtest.h>
+
+namespace {
+
+TEST(Show, TellsAllOfAChunkItsNeighboursAndItsUsers) {
+    sandbox machine(high);
+    client driver = machine.start();
+    driver.alloc("below", 0x10000, "driver_a");
+    driver.alloc("hole", 0x1000);
+    driver.register_device(0, 3, 0);
+    driver.alloc("shown", 0x4000, "driver_b");
+    driver.free("hole");
+    driver.map("shown", false, 0x1000, 0x2000);
+    const auto outcome = tarvoctl(machine, {"show", "shown"});
+    EXPECT_EQ(outcome.status, 0);
+    EXPECT_EQ(outcome.output, "name       shown\n"
+                              "physical   0x200011000-0x200014fff\n"
+                              "DMA        0x20011000-0x20014fff\n"
+                              "size       16384 bytes (16K)\n"
+                              "creator    driver_b\n"
+                              "record     4\n"
+                              "below      below, 4096 bytes between\n"
+                              "above      the region's end, 1073655808 bytes between\n"
+                              "devices    0000:03:00.0\n"
+                              "mapped by  " +
+                                  std::to_string(driver.pid()) +
+                                  " (tarvo-client), bytes 0x1000-0x2fff, read only\n");
+    const auto document = json_of(tarvoctl(machine, {"show", "--json", "shown"}));
+    const auto& chunk = document.at("chunks").at(0);
+    EXPECT_EQ(chunk.at("below").at("gap_bytes"), 4096);
+    EXPECT_EQ(chunk.at("above").at("name"), nullptr);
+    EXPECT_EQ(chunk.at("mappings").at(0).at("process").at("pid"), driver.pid());
+    EXPECT_EQ(chunk.at("mappings").at(0).at("offset"), 4096);
+    EXPECT_EQ(chunk.at("mappings").at(0).at("writable"), false);
+}
+
+TEST(Show, ShowsAllChunksOfThatName) {
+    sandbox machine(low);
+    client driver = machine.start();
+    driver.alloc("twin", 0x1000);
+    driver.alloc("twin", 0x2000);
+    const auto lines = lines_of(tarvoctl(machine, {"show", "twin"}).output);
+    ASSERT_EQ(lines.size(), 21U);
+    EXPECT_EQ(lines[0], "name       twin");
+    // "that can be seen", where there are processes that nobody can look into.
+    EXPECT_EQ(lines[9].substr(0, 17), "mapped by  nobody");
+    EXPECT_EQ(lines[11], "name       twin  (calls by name find the one above)");
+}
+
+TEST(Show, ReadsACopyWhoseChunksNobodyMaps) {
+    sandbox machine(low);
+    client driver = machine.start();
+    driver.alloc("chunk", 0x1000);
+    driver.map("chunk");
+    const temporary_folder folder;
+    const std::string copy = folder.path() / "copy";
+    ASSERT_EQ(tarvoctl(machine, {"snapshot", copy}).status, 0);
+    const auto outcome = tarvoctl(machine, {"show", "chunk", "--area", copy});
+    EXPECT_EQ(outcome.status, 0);
+    EXPECT_EQ(outcome.output.find("mapped by"), std::string::npos);
+}
+
+TEST(Show, ANameThatIsNotThereIsAUsageError) {
+    sandbox machine(low);
+    machine.start().alloc("chunk", 0x1000);
+    const auto outcome = tarvoctl(machine, {"show", "chink"});
+    EXPECT_EQ(outcome.status, 2);
+    EXPECT_EQ(outcome.errors,
+              "tarvoctl: there is no chunk 'chink'; 'tarvoctl list' tells which there are\n");
+}
+
+} // namespace

@@ -1,0 +1,47 @@
+#include "area/changes.hpp"
+#include "commands/commands.hpp"
+#include "output/change_text.hpp"
+#include "output/json.hpp"
+#include "program.hpp"
+
+#include <fmt/format.h>
+#include <memory>
+
+namespace tarvoctl {
+
+namespace {
+
+struct diff_options {
+    area_source before;
+    area_source after;
+    bool json = false;
+};
+
+exit_status diff(const diff_options& options) {
+    const auto changes = changes_between(read_picture(options.before), read_picture(options.after));
+    if (options.json) {
+        json document = json_document("diff");
+        document["changes"] = json::array();
+        for (const auto& each : changes)
+            document["changes"].push_back(json_change(each));
+        print_json(document);
+    } else {
+        for (const auto& each : changes)
+            fmt::print("{}\n", change_text(each));
+    }
+    return changes.empty() ? exit_status::good : exit_status::finding;
+}
+
+} // namespace
+
+void add_diff(program& to) {
+    const auto options = std::make_shared<diff_options>();
+    CLI::App& command = to.add("diff", "what changed between two snapshots, or since one", looking,
+                               [options] { return diff(*options); });
+    command.add_option("A", options->before.file, "the snapshot from before")->required();
+    command.add_option("B", options->after.file, "the one from after; left out: the live area");
+    add_json(command, options->json);
+    add_timeout(command, options->after.timeout);
+}
+
+} // namespace tarvoctl

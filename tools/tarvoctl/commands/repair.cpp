@@ -1,0 +1,131 @@
+#include "area/repair.hpp"
+
+#include "commands/commands.hpp"
+#include "failure.hpp"
+#include "host/area_file.hpp"
+#include "host/cross_process_lock.hpp"
+#include "host/mappings.hpp"
+
+#include "output/confirm.hpp"
+#include "output/process_text.hpp"
+#include "output/text.hpp"
+#include "program.hpp"
+
+#include <chrono>
+#include <fmt/chrono.h>
+#include <fmt/format.h>
+#include <memory>
+
+namespace tarvoctl {
+
+namespace {
+
+struct repair_options {
+    area_source source;
+    std::string backup;
+    bool dry_run = false;
+    bool force = false;
+    bool yes = false;
+};
+
+std::string path_of(const repair_options& options) {
+    return options.source.is_live() ? find_site().area : options.source.file;
+}
+
+/// Beside the area, named after the moment.
+std::string backup_path(const repair_options& options) {
+    if (!options.backup.empty())
+        return options.backup;
+    return fmt::format("{}.before-repair-{:%Y%m%dT%H%M%S}", path_of(options),
+                       fmt::localtime(std::time(nullptr)));
+}
+
+std::string hex_of(const std::vector<uint8_t>& bytes) {
+    constexpr std::size_t most_shown = 8;
+    std::string made;
+    for (std::size_t i = 0; i < bytes.size() && i < most_shown; ++i)
+        made += fmt::format("{:02x}", bytes[i]);
+    return bytes.size() > most_shown ? made + "..." : made;
+}
+
+void print_plan(const repair_plan& plan) {
+    for (const auto& edit : plan.edits) {
+        const std::string change = edit.zeroes()
+                                       ? fmt::format("zero {} bytes", edit.before.size())
+                                       : hex_of(edit.before) + " -> " + hex_of(edit.after);
+        fmt::print("offset {:>8}  {}  {}: {}\n", edit.offset, change, text_of(edit.where),
+                   shown(edit.why));
+    }
+    for (const auto& doubt : plan.doubts)
+        fmt::print("left as it is: {}: {}\n", text_of(doubt.where), shown(doubt.why));
+}
+
+/// Processes that have the library started may be in the middle of what is about to be mended.
+void refuse_while_in_use(const repair_options& options) {
+    if (!options.source.is_live() || options.force)
+        return;
+    const mapped_memory memory = mappings_of(find_site());
+    if (memory.users.empty() && memory.is_complete())
+        return;
+    process_table processes;
+    std::string who = memory.users.empty() ? "perhaps" : processes_text(memory.users, processes);
+    if (!memory.is_complete())
+        who += "; " + unseen_text(memory, processes);
+    throw failure{
+        exit_status::finding,
+        fmt::format("not repaired, for the library is started in other processes: {}; end "
+                    "them first, or --force",
+                    who)};
+}
+
+/// Under the lock, unless something has changed since the plan was shown.
+void carry_out(const repair_options& options, const repair_plan& plan) {
+    const mapped_area mapped{path_of(options), mapped_area::access::write};
+    const cross_process_lock lock{options.source.is_live() ? find_site().locks
+                                                           : std::vector<std::string>{},
+                                  options.source.timeout};
+    if (!applies_to(plan, mapped.area())) {
+        throw failure{exit_status::finding, "not repaired: the area has changed since the plan was "
+                                            "made; run it again"};
+    }
+    const std::string backup = backup_path(options);
+    write_area(backup, mapped.area(), existing_file::refused);
+    apply(plan, mapped.area());
+    fmt::print("repaired; {} holds the area as it was\n", backup);
+}
+
+exit_status repair(const repair_options& options) {
+    const auto area = read_area(options.source);
+    const repair_plan plan = plan_repair(*area);
+    print_plan(plan);
+    const exit_status end = plan.doubts.empty() ? exit_status::good : exit_status::damaged;
+    if (plan.edits.empty()) {
+        fmt::print("nothing to repair\n");
+        return end;
+    }
+    if (options.dry_run)
+        return exit_status::finding;
+    refuse_while_in_use(options);
+    if (!options.yes && !confirmed(fmt::format("make these {} change(s)?", plan.edits.size())))
+        throw failure{exit_status::finding, "not repaired: nobody said yes; --yes does"};
+    carry_out(options, plan);
+    return end;
+}
+
+} // namespace
+
+void add_repair(program& to) {
+    const auto options = std::make_shared<repair_options>();
+    CLI::App& command =
+        to.add("repair", "make the area whole after a process died in the middle of a change",
+               mending, [options] { return repair(*options); });
+    command.add_option("FILE", options->source.file, "a copy to repair in place of the live area");
+    command.add_flag("-n,--dry-run", options->dry_run, "only show the plan");
+    command.add_flag("-y,--yes", options->yes, "do not ask");
+    command.add_flag("--force", options->force, "also while processes have the area mapped");
+    command.add_option("--backup", options->backup, "where the area is kept as it was")
+        ->type_name("FILE");
+    add_timeout(command, options->source.timeout);
+}
+
+} // namespace tarvoctl

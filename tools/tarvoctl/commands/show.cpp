@@ -1,0 +1,179 @@
+#include "area/gaps.hpp"
+#include "commands/commands.hpp"
+#include "failure.hpp"
+#include "host/mappings.hpp"
+
+#include "output/json.hpp"
+#include "output/process_text.hpp"
+#include "output/text.hpp"
+#include "program.hpp"
+
+#include <algorithm>
+#include <fmt/format.h>
+#include <memory>
+
+namespace tarvoctl {
+
+namespace {
+
+struct show_options {
+    area_source source;
+    std::string name;
+    bool json = false;
+};
+
+/// A chunk and what lies on both sides of it.
+struct surroundings {
+    const chunk_record* below = nullptr; ///< null: the region's start
+    const chunk_record* above = nullptr; ///< null: the region's end
+    uint64_t gap_below = 0;              ///< free bytes
+    uint64_t gap_above = 0;
+};
+
+surroundings around(const chunk_record& chunk, const picture& records) {
+    surroundings found;
+    const auto position = static_cast<std::size_t>(&chunk - records.chunks.data());
+    if (position > 0)
+        found.below = &records.chunks[position - 1];
+    if (position + 1 < records.chunks.size())
+        found.above = &records.chunks[position + 1];
+    for (const auto& each : gaps_of(records)) {
+        if (each.pa + each.bytes == chunk.pa)
+            found.gap_below = each.bytes;
+        if (each.pa == chunk.end_pa())
+            found.gap_above = each.bytes;
+    }
+    return found;
+}
+
+/// All chunks of that name, the one that calls find first.
+std::vector<const chunk_record*> called(const std::string& name, const picture& records) {
+    std::vector<const chunk_record*> found;
+    for (const auto& chunk : records.chunks) {
+        if (chunk.name == name)
+            found.push_back(&chunk);
+    }
+    if (found.empty() && records.damage.empty()) {
+        throw failure{exit_status::usage, fmt::format("there is no chunk '{}'; 'tarvoctl list' "
+                                                      "tells which there are",
+                                                      shown(name))};
+    }
+    return found;
+}
+
+std::string neighbour(const chunk_record* chunk, const char* region_end, uint64_t gap_bytes) {
+    const std::string who = chunk == nullptr ? region_end : shown(chunk->name);
+    return fmt::format("{}, {} bytes between", who, gap_bytes);
+}
+
+void print_mappings(const chunk_record& chunk, const mapped_memory& memory) {
+    process_table processes;
+    bool any = false;
+    for (const auto& each : memory.mappings) {
+        const auto window = shown_of(each, chunk.pa, chunk.end_pa());
+        if (!window)
+            continue;
+        any = true;
+        fmt::print("mapped by  {}, bytes {:#x}-{:#x}, {}\n", processes.text(each.pid),
+                   window->pa - chunk.pa, window->end_pa - 1 - chunk.pa,
+                   each.writable ? "read and write" : "read only");
+    }
+    if (!any)
+        fmt::print("mapped by  nobody{}\n", memory.is_complete() ? "" : " that can be seen");
+}
+
+void print_as_text(const chunk_record& chunk, const picture& records, bool found_by_name) {
+    const surroundings place = around(chunk, records);
+    fmt::print("name       {}{}\n"
+               "physical   {}\n"
+               "DMA        {}\n"
+               "size       {} bytes ({})\n"
+               "creator    {}\n"
+               "record     {}\n"
+               "below      {}\n"
+               "above      {}\n"
+               "devices    {}\n",
+               shown(chunk.name), found_by_name ? "" : "  (calls by name find the one above)",
+               pa_range(chunk), dma_range(chunk, records.region), chunk.size,
+               size_text(chunk.size, true), shown(chunk.creator), chunk.index,
+               neighbour(place.below, "the region's start", place.gap_below),
+               neighbour(place.above, "the region's end", place.gap_above),
+               devices_text(chunk, records));
+}
+
+json json_neighbour(const chunk_record* chunk, uint64_t gap_bytes) {
+    return {{"name", chunk == nullptr ? json(nullptr) : json(chunk->name)},
+            {"gap_bytes", gap_bytes}};
+}
+
+json json_mappings(const chunk_record& chunk, const mapped_memory& memory) {
+    process_table processes;
+    json made = json::array();
+    for (const auto& each : memory.mappings) {
+        if (const auto window = shown_of(each, chunk.pa, chunk.end_pa())) {
+            made.push_back({{"process", json_process(processes.of(each.pid))},
+                            {"offset", window->pa - chunk.pa},
+                            {"size", window->end_pa - window->pa},
+                            {"writable", each.writable}});
+        }
+    }
+    return made;
+}
+
+json json_shown(const chunk_record& chunk, const picture& records, const mapped_memory* memory) {
+    const surroundings place = around(chunk, records);
+    json made = json_chunk(chunk, records);
+    made["below"] = json_neighbour(place.below, place.gap_below);
+    made["above"] = json_neighbour(place.above, place.gap_above);
+    made["mappings"] = memory != nullptr ? json_mappings(chunk, *memory) : json::array();
+    return made;
+}
+
+void print_all_as_text(const std::vector<const chunk_record*>& chunks, const picture& records,
+                       const mapped_memory* memory) {
+    for (const auto* chunk : chunks) {
+        if (chunk != chunks.front())
+            fmt::print("\n");
+        print_as_text(*chunk, records, chunk == chunks.front());
+        if (memory != nullptr)
+            print_mappings(*chunk, *memory);
+    }
+    process_table processes;
+    if (memory != nullptr && !memory->is_complete())
+        fmt::print(stderr, "tarvoctl: {}\n", unseen_text(*memory, processes));
+}
+
+void print_all_as_json(const std::vector<const chunk_record*>& chunks, const picture& records,
+                       const mapped_memory* memory) {
+    json document = json_document("show");
+    document["chunks"] = json::array();
+    for (const auto* chunk : chunks)
+        document["chunks"].push_back(json_shown(*chunk, records, memory));
+    document["unseen"] = json_unseen(memory != nullptr ? *memory : mapped_memory{});
+    document["damage"] = records.damage;
+    print_json(document);
+}
+
+exit_status show(const show_options& options) {
+    const picture records = read_picture(options.source);
+    const auto chunks = called(options.name, records);
+    std::optional<mapped_memory> memory;
+    if (options.source.is_live()) // nobody maps the chunks of a copy
+        memory = mappings_of(find_site());
+    (options.json ? print_all_as_json : print_all_as_text)(chunks, records,
+                                                           memory ? &*memory : nullptr);
+    return told_damage(records);
+}
+
+} // namespace
+
+void add_show(program& to) {
+    const auto options = std::make_shared<show_options>();
+    CLI::App& command = to.add("show", "one chunk in full, with its neighbours and its users",
+                               looking, [options] { return show(*options); });
+    command.add_option("NAME", options->name, "the chunk")->required();
+    add_json(command, options->json);
+    add_source(command, options->source);
+}
+
+} // namespace tarvoctl
