@@ -1,0 +1,338 @@
+# SPDX-License-Identifier: MIT
+"""Chunks: allocate or share one, find, map and free it; and a listing of all there is."""
+
+from __future__ import annotations
+
+import contextlib
+import ctypes
+import mmap
+import re
+from dataclasses import dataclass, field
+from types import TracebackType
+from typing import Callable, Iterator, List, Optional, Type
+
+from ._checks import c_creator, c_name, chunk_size, decoded, encoded, number
+from ._library import calls, library
+from .device import Device
+from .errors import (
+    BadArgument,
+    Changed,
+    Damaged,
+    ListingOpen,
+    NoRoom,
+    NotFound,
+    NotLocked,
+    Refused,
+    SizeMismatch,
+)
+from .mapping import Mapping
+from .region import DmaAddress, Limits, PhysicalAddress, dma_to_pa, get_limits
+
+__all__ = [
+    "Chunk",
+    "Listing",
+    "allocate",
+    "allocated",
+    "chunks",
+    "devices",
+    "find_address",
+    "find_chunk",
+    "free_chunk",
+]
+
+
+# Name and creator can hold anything, and so can what a damaged record puts there: columns count.
+_CHUNK_LINE = re.compile(
+    rb" *(\d+) (.{60}) (.{110}) 0x([0-9a-f]{12,16}) +(-?\d+)", re.DOTALL
+)
+_DEVICE_LINE = re.compile(rb"(.*): (online|offline)", re.DOTALL)
+
+
+@dataclass(frozen=True)
+class Chunk:
+    """A chunk as it was when it was allocated or listed.
+
+    It is a value, not an owner: the chunk can be freed by any process meanwhile. Its calls look at
+    it again, under the lock, so that memory and DMA address always belong together.
+    """
+
+    name: str
+    #: Where devices see its first byte.
+    dma: DmaAddress
+    #: Bytes, whole pages.
+    size: int
+    #: Who allocated it; this and what follows are None where no listing said so. Not compared.
+    creator: Optional[str] = field(default=None, compare=False)
+    physical: Optional[PhysicalAddress] = field(default=None, compare=False)
+    #: The number of its record.
+    element: Optional[int] = field(default=None, compare=False)
+
+    def map(self, offset: int = 0, size: Optional[int] = None, writable: bool = True) -> Mapping:
+        """Maps the chunk, or a window of it, if its name still means this chunk.
+
+        offset is a multiple of the page size; without a size the window reaches to the chunk's
+        end. Raises BadArgument for a window that does not lie in the chunk, NotFound, Changed,
+        Refused, Damaged, NotStarted, NotLocked, ListingOpen. Takes the lock.
+        """
+        first = number("offset", offset, 64)
+        window = self.size - first if size is None else number("size", size, 64)
+        if window <= 0 or first + window > self.size:
+            raise BadArgument(
+                f"{window} bytes from {first} on are not in {self.name!r}, which has {self.size}"
+            )
+        if first % mmap.PAGESIZE != 0:
+            raise BadArgument(f"offset {first} is not a multiple of {mmap.PAGESIZE}")
+        name = c_name(self.name)
+        with Listing() as now:
+            _check_unchanged(now, self)
+            # The lock is held since the look at the chunk: this is that very chunk.
+            address = library().tarvo_map(name, writable, first, window)
+        if address is None:
+            raise Refused(
+                f"the system refuses to map {window} bytes of {self.name!r}; "
+                "ZUL_TRACE=tarvo=5 in the environment shows why"
+            )
+        return Mapping(address, window, writable, DmaAddress((self.dma + first) % (1 << 32)))
+
+    def free(self) -> None:
+        """Frees the chunk, for all processes, if its name still means this one.
+
+        Its memory is not touched and stays visible through mappings that exist. Raises NotFound,
+        Changed; Refused by a device, with the chunk still listed but mapped for none, or by the
+        driver of a CMA region; Damaged, NotStarted, NotLocked, ListingOpen. Takes the lock.
+        """
+        name = c_name(self.name)
+        with Listing() as now:
+            _check_unchanged(now, self)
+            _free_under_lock(name, self.name)
+
+
+class Listing:
+    """One consistent picture of the region, to be used in a with statement.
+
+    *** THE LOCK OF ALL PROCESSES IS HELD FROM ENTERING TO CLOSING. *** Every process that wants
+    anything of the library waits meanwhile: copy what you need, leave, then print; chunks() and
+    devices() of this module do that. No other call may be made meanwhile: this thread's raise
+    ListingOpen, those of other threads wait. Close it in the thread that opened it.
+    """
+
+    _open: Optional[Listing] = None
+
+    def __init__(self) -> None:
+        self._region: Optional[Limits] = None
+
+    def __enter__(self) -> Listing:
+        """Takes the lock, waiting without limit. Raises NotStarted, NotLocked, ListingOpen."""
+        calls.acquire()
+        try:
+            refuse_under_listing()
+            self._region = get_limits()
+            if not library().tarvo_dump_begin():
+                raise NotLocked(
+                    "the lock cannot be taken; standard error says why, and a signal's handler is "
+                    "reason enough"
+                )
+            Listing._open = self
+        except BaseException:
+            calls.release()
+            raise
+        return self
+
+    def __exit__(
+        self,
+        kind: Optional[Type[BaseException]] = None,
+        error: Optional[BaseException] = None,
+        trace: Optional[TracebackType] = None,
+    ) -> None:
+        """Releases the lock."""
+        Listing._open = None
+        library().tarvo_dump_end()
+        calls.release()
+
+    def chunks(self) -> Iterator[Chunk]:
+        """The chunks in ascending address; Damaged at a record that makes no sense.
+
+        Single pass: a second iterator goes on where the first stopped. Empty once it is closed.
+        """
+        return map(self._chunk_of, self._lines(library().tarvo_dump_next))
+
+    def devices(self) -> Iterator[Device]:
+        """The registered devices in order of registration; as chunks()."""
+        return map(_device_of, self._lines(library().tarvo_dump_next_iommu_device))
+
+    def _lines(self, call: Callable[[object, int], bool]) -> Iterator[bytes]:
+        """Lines of the library; one that does not fit leaves its beginning behind."""
+        room = ctypes.create_string_buffer(512)
+        while Listing._open is self:
+            room[0] = b"\0"
+            if not call(room, len(room)):
+                if room.value:
+                    raise Damaged(f"a line of more than {len(room) - 1} bytes: {room.value!r}")
+                return
+            yield room.value
+
+    def _chunk_of(self, line: bytes) -> Chunk:
+        found = _CHUNK_LINE.fullmatch(line)
+        if found is None:
+            raise Damaged(f"no chunk's line: {line!r}")
+        element, name, creator, pa_text, size_text = found.groups()
+        shown_name = decoded(name.rstrip(b" "))
+        pa = int(pa_text, 16)
+        size = int(size_text) % (1 << 32)  # shown signed
+        region = self._region
+        assert region is not None  # since the listing was entered
+        if not (region.holds_physical(pa) and region.holds_physical(pa + size)):
+            raise Damaged(
+                f"chunk {int(element)}, {shown_name!r}, has {size:#x} bytes from {pa:#x} on: "
+                "outside the region"
+            )
+        return Chunk(
+            shown_name,
+            DmaAddress(library().tarvo_pa_to_dma(pa)),
+            size,
+            decoded(creator.rstrip(b" ")),
+            PhysicalAddress(pa),
+            int(element),
+        )
+
+
+def refuse_under_listing() -> None:
+    """Raises ListingOpen where this thread may not call the library."""
+    if Listing._open is not None:
+        raise ListingOpen(
+            "a Listing is open in this program and holds the lock; leave its with statement first"
+        )
+
+
+def _device_of(line: bytes) -> Device:
+    found = _DEVICE_LINE.fullmatch(line)
+    if found is None:
+        raise Damaged(f"no device's line: {line!r}")
+    try:
+        address = Device.parse(found[1].decode("ascii", "replace"))
+    except BadArgument as reason:
+        raise Damaged(f"no device's line: {line!r}") from reason
+    return Device(
+        address.domain, address.bus, address.slot, address.function, found[2] == b"online"
+    )
+
+
+def _lowest_named(now: Listing, name: str) -> Chunk:
+    """The chunk that every call by that name means. Others are passed over without being read: the
+    lock is held, and a region can have thousands."""
+    column = b" %-60b " % encoded(name)
+    for line in now._lines(library().tarvo_dump_next):
+        if column in line:
+            chunk = now._chunk_of(line)
+            if chunk.name == name:
+                return chunk
+    raise NotFound(f"no chunk is called {name!r}; tarvo.chunks() shows what there is")
+
+
+def _check_unchanged(now: Listing, known: Chunk) -> None:
+    found = _lowest_named(now, known.name)
+    if found != known:
+        raise Changed(
+            f"{known.name!r} was the chunk at DMA address {known.dma:#x} and is another one by "
+            f"now, at {found.dma:#x}; look it up again"
+        )
+
+
+def _free_under_lock(code: bytes, name: str) -> None:
+    """With a listing open, so that between the look at the chunks and the call nobody comes in: a
+    call that finds the lock held by its own process keeps it until it is done."""
+    if library().tarvo_free(code) != 0:
+        raise Refused(f"a kernel driver refuses to give up {name!r}; standard error says which")
+
+
+def allocate(name: str, size: int, creator: str) -> Chunk:
+    """Gets the chunk called name: the one that exists with that size, or a new one that is zero.
+
+    name has 1 to 49 bytes, the last one not a blank; size 1 byte to 2 GiB, rounded up to whole
+    pages; creator says who allocates, for people. Raises BadArgument; SizeMismatch when the name
+    is another chunk's (the C call makes a second chunk of that name, which no name leads to);
+    NoRoom, also when the lock is lost or a record lies outside the region; Damaged, NotStarted,
+    NotLocked, ListingOpen.
+
+    Takes the lock. Ends the process when a device or the memory's driver refuses the new chunk, as
+    tarvo_alloc_func() does. Others can find the chunk before it is zeroed.
+    """
+    code, who, rounded = c_name(name), c_creator(creator), chunk_size(size)
+    with Listing() as now:
+        with contextlib.suppress(NotFound):
+            found = _lowest_named(now, name)
+            if found.size != rounded:
+                raise SizeMismatch(
+                    f"{name!r} exists with {found.size} bytes, not {rounded}; ask for its size or "
+                    "choose a name"
+                )
+        dma = library().tarvo_alloc_func(code, rounded, who)
+    if dma == 0:
+        raise NoRoom(
+            f"no room for {name!r}, {rounded} bytes: no gap is that large, or no record is left, "
+            "or standard error says why"
+        )
+    return Chunk(name, DmaAddress(dma), rounded)
+
+
+@contextlib.contextmanager
+def allocated(name: str, size: int, creator: str) -> Iterator[Chunk]:
+    """allocate() for a with statement, at whose end the chunk is freed.
+
+    Not freed, and no error, when it is gone by then or its name means another one.
+    """
+    chunk = allocate(name, size, creator)
+    try:
+        yield chunk
+    finally:
+        with contextlib.suppress(NotFound, Changed):
+            chunk.free()
+
+
+def find_chunk(name: str) -> Chunk:
+    """The chunk that calls by that name mean: the lowest one.
+
+    Raises BadArgument, NotFound, Damaged, NotStarted, NotLocked, ListingOpen. A chunk whose name
+    ends in blanks (made by a C call) is taken for one without them. Takes the lock.
+    """
+    c_name(name)
+    with Listing() as now:
+        return _lowest_named(now, name)
+
+
+def find_address(dma: int) -> Chunk:
+    """The chunk that the byte at a DMA address lies in.
+
+    Looks at the records under the lock: the text that tarvo_find() returns can change while it is
+    read. Raises BadArgument outside the region, and as find_chunk().
+    """
+    pa = dma_to_pa(dma)
+    with Listing() as now:
+        for chunk in now.chunks():
+            assert chunk.physical is not None
+            if chunk.physical <= pa < chunk.physical + chunk.size:
+                return chunk
+    raise NotFound(f"no chunk holds DMA address {dma:#x}")
+
+
+def free_chunk(name: str) -> None:
+    """Frees the lowest chunk of that name, whatever its size.
+
+    Raises as Chunk.free(), and BadArgument; never Changed. Takes the lock.
+    """
+    code = c_name(name)
+    with Listing() as now:
+        _lowest_named(now, name)
+        _free_under_lock(code, name)
+
+
+def chunks() -> List[Chunk]:
+    """All chunks in ascending address, copied under the lock. Raises as find_chunk()."""
+    with Listing() as now:
+        return list(now.chunks())
+
+
+def devices() -> List[Device]:
+    """All registered devices, copied under the lock. Raises as find_chunk()."""
+    with Listing() as now:
+        return list(now.devices())
