@@ -98,7 +98,7 @@ class planner {
             }
             return is_useless;
         });
-        _writer.write_list(links, decided);
+        _writer.write_small_list(links, decided);
     }
 
     void doubt(std::string why) { _plan.doubts.push_back({{area_list::chunks}, std::move(why)}); }

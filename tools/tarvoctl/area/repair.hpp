@@ -28,9 +28,11 @@ struct repair_doubt {
     std::string why;
 };
 
+/// A plan with doubts should not be applied before they are decided: it makes the lists whole
+/// around what it leaves alone, and the next plan then takes that for the rest of a change.
 struct repair_plan {
     std::vector<repair_edit> edits; ///< no two of them overlap; in the order in which to apply them
-    std::vector<repair_doubt> doubts; ///< left as they are, for a person to decide
+    std::vector<repair_doubt> doubts; ///< left as they are, for a person
 };
 
 /// Plans how to make an area whole again after a process died in the middle of a change: the change

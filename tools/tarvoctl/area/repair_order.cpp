@@ -1,7 +1,8 @@
 #include "repair_order.hpp"
 
 #include <algorithm>
-#include <fmt/format.h>
+#include <iterator>
+#include <map>
 #include <utility>
 
 namespace tarvoctl {
@@ -83,6 +84,8 @@ void list_links_reader::join(const std::vector<int>& prefix,
     std::copy_if(suffix_backwards.rbegin(), suffix_backwards.rend(), std::back_inserter(joined),
                  [&](int element) { return !holds(known, element); });
     take(std::move(joined), reliance::pieces);
+    _last_forward = prefix.empty() ? -1 : prefix.back();
+    _last_backward = suffix_backwards.empty() ? -1 : suffix_backwards.back();
 }
 
 void list_links_reader::read_order() {
@@ -150,13 +153,20 @@ bool list_links_reader::is_on_island(int element, const std::vector<bool>& no_ev
            agrees(_links.prev(element), &list_links::next);
 }
 
+/// Its own links still tell where it stood, when those of its neighbours do not.
+bool list_links_reader::is_at_a_break(int element) const {
+    return (_last_forward != -1 && _links.prev(element) == _last_forward) ||
+           (_last_backward != -1 && _links.next(element) == _last_backward);
+}
+
 void list_links_reader::sort_out_the_rest() {
     const std::vector<bool> listed = set_of(_order, _links.capacity);
     const std::vector<bool> none(listed.size());
     for (int element = 0; element < _links.capacity; ++element) {
         if (_links.flag(element) != 0 && !holds(listed, element)) {
             const bool belongs =
-                is_on_island(element, _source == reliance::own_walk ? listed : none);
+                is_on_island(element, _source == reliance::own_walk ? listed : none) ||
+                is_at_a_break(element);
             (belongs ? _islands : _strays).push_back(element);
         }
     }
@@ -190,6 +200,31 @@ decided_list decide_unordered(const list_links& links, repair_plan& plan) {
 }
 
 namespace {
+
+/// Addresses that are taken, as ranges that do not touch each other.
+class address_ranges {
+  public:
+    bool overlap(uint64_t first, uint64_t end) const {
+        const auto behind = _end_by_first.lower_bound(end);
+        return behind != _end_by_first.begin() && std::prev(behind)->second > first;
+    }
+
+    void add(uint64_t first, uint64_t end) {
+        auto range = _end_by_first.upper_bound(first);
+        if (range != _end_by_first.begin() && std::prev(range)->second >= first) {
+            --range;
+        }
+        while (range != _end_by_first.end() && range->first <= end) {
+            first = std::min(first, range->first);
+            end = std::max(end, range->second);
+            range = _end_by_first.erase(range);
+        }
+        _end_by_first.emplace(first, end);
+    }
+
+  private:
+    std::map<uint64_t, uint64_t> _end_by_first;
+};
 
 /// The chunks' decision, which can also go by what the records say.
 class chunk_decision {
@@ -225,12 +260,11 @@ class chunk_decision {
                _region.holds(record(chunk));
     }
 
-    bool overlaps(int chunk) const {
-        const uint64_t first = record(chunk).pa;
-        const uint64_t end = first + record(chunk).size;
-        return std::any_of(_decided.order.begin(), _decided.order.end(), [&](int other) {
-            return record(other).pa < end && first < record(other).pa + record(other).size;
-        });
+    uint64_t end_of(int chunk) const { return record(chunk).pa + record(chunk).size; }
+
+    void enter(int chunk) {
+        _decided.order.push_back(chunk);
+        _taken.add(record(chunk).pa, end_of(chunk));
     }
 
     /// A chunk of size 0 was never anybody's: the size is filled in before the chunk is linked. It
@@ -238,7 +272,7 @@ class chunk_decision {
     void take_order(const list_links_reader& reader) {
         for (const int chunk : reader.order()) {
             if (is_end(chunk) || (reader.is_sound() && record(chunk).size != 0)) {
-                _decided.order.push_back(chunk);
+                enter(chunk);
             } else if (record(chunk).size != 0) {
                 put_back(chunk);
             }
@@ -246,7 +280,7 @@ class chunk_decision {
         for (const int end : {_links.head, _links.tail}) {
             if (std::find(_decided.order.begin(), _decided.order.end(), end) ==
                 _decided.order.end()) {
-                _decided.order.push_back(end);
+                enter(end);
             }
         }
     }
@@ -254,10 +288,10 @@ class chunk_decision {
     void put_back(int chunk) {
         if (!is_filled(chunk)) {
             doubt(chunk, "linked to its neighbours, but its record is damaged");
-        } else if (overlaps(chunk)) {
+        } else if (_taken.overlap(record(chunk).pa, end_of(chunk))) {
             doubt(chunk, "linked to its neighbours, but it overlaps another chunk of the list");
         } else {
-            _decided.order.push_back(chunk);
+            enter(chunk);
         }
     }
 
@@ -289,6 +323,7 @@ class chunk_decision {
     repair_plan& _plan;
     region_bounds _region;
     decided_list _decided;
+    address_ranges _taken;
 };
 
 } // namespace

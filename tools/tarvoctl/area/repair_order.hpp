@@ -25,8 +25,9 @@ struct decided_list {
 /// along `prev` takes its place, and where that does, too, what both visit.
 ///
 /// Some elements off the walk are more than that and belong to the list: two that link to each other
-/// both ways, for a change concerns one element; and, off any walk but the library's own, one that
-/// links both ways with a listed one. These are returned by islands().
+/// both ways, for a change concerns one element; off any walk but the library's own, one that links
+/// both ways with a listed one; and one that names the last element before a break as its neighbour.
+/// These are returned by islands().
 class list_links_reader {
   public:
     /// `may_be_listed`: whether an element whose flag is lost could be one in use.
@@ -62,11 +63,15 @@ class list_links_reader {
     void join(const std::vector<int>& prefix, const std::vector<int>& suffix_backwards);
     void sort_out_the_rest();
     bool is_on_island(int element, const std::vector<bool>& no_evidence) const;
+    bool is_at_a_break(int element) const;
 
     const list_links& _links;
     std::function<bool(int)> _may_be_listed;
     std::vector<int> _order;
     reliance _source = reliance::pieces;
+    // Where the two walks broke off, if they did.
+    int _last_forward = -1;
+    int _last_backward = -1;
     std::vector<int> _islands;
     std::vector<int> _strays;
 };

@@ -15,6 +15,7 @@ constexpr uint8_t allocated = 1;
 constexpr std::size_t head_offset = 0;
 constexpr std::size_t tail_offset = 4;
 constexpr std::size_t free_offset = 8;
+constexpr std::size_t ends_bytes = 12;
 
 /// The free chain as far as it is sound: elements that are free, each once.
 std::vector<int> sound_free_chain(const list_links& links, std::vector<bool>& met) {
@@ -132,6 +133,29 @@ void plan_writer::write_list(const list_links& links, const decided_list& decide
         }
     }
     write_free_chain(links, in_use);
+}
+
+void plan_writer::write_small_list(const list_links& links, const decided_list& decided) {
+    constexpr std::size_t many = 32;
+    const std::size_t first_edit = _plan.edits.size();
+    write_list(links, decided);
+    if (_plan.edits.size() - first_edit > many) {
+        fuse(first_edit, links.offset, links.ends_offset() + ends_bytes - links.offset, links.list);
+    }
+}
+
+/// Makes one edit of all from `first_edit` on, which lie within those bytes.
+void plan_writer::fuse(std::size_t first_edit, std::size_t offset, std::size_t bytes, place where) {
+    const auto before = _bytes.subspan(offset, bytes);
+    std::vector<uint8_t> after(before.begin(), before.end());
+    const auto first = _plan.edits.begin() + static_cast<std::ptrdiff_t>(first_edit);
+    const auto count = _plan.edits.end() - first;
+    for (auto edit = first; edit != _plan.edits.end(); ++edit) {
+        std::copy(edit->after.begin(), edit->after.end(),
+                  after.begin() + static_cast<std::ptrdiff_t>(edit->offset - offset));
+    }
+    _plan.edits.erase(first, _plan.edits.end());
+    write(offset, after, where, fmt::format("the list is built anew: {} changes", count));
 }
 
 } // namespace tarvoctl

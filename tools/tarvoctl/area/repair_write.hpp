@@ -15,6 +15,9 @@ class plan_writer {
 
     /// Links the elements in that order, gives all others back and completes the free chain.
     void write_list(const list_links& links, const decided_list& decided);
+    /// The same, but a list that needs many edits gets a single one: a plan of millions of edits
+    /// helps nobody.
+    void write_small_list(const list_links& links, const decided_list& decided);
     void set_byte(std::size_t offset, uint8_t value, place where, std::string why);
 
   private:
@@ -22,6 +25,7 @@ class plan_writer {
     /// Clears as little as makes the bytes zero.
     void clear(std::size_t offset, std::size_t bytes, place where, std::string why);
     void write(std::size_t offset, std::span<const uint8_t> after, place where, std::string why);
+    void fuse(std::size_t first_edit, std::size_t offset, std::size_t bytes, place where);
     void write_order(const list_links& links, const std::vector<int>& order);
     void write_ends(const list_links& links, const std::vector<int>& order);
     void write_free_chain(const list_links& links, const std::vector<bool>& in_use);
