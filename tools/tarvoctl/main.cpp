@@ -4,17 +4,28 @@
 int main(int argc, char** argv) {
     tarvoctl::program tool;
     // In the order in which the help lists them.
-    for (const auto add : {
-             tarvoctl::add_list,       tarvoctl::add_show,      tarvoctl::add_devices,
-             tarvoctl::add_who,        tarvoctl::add_lock,      tarvoctl::add_map,
-             tarvoctl::add_snapshot,   tarvoctl::add_diff,      tarvoctl::add_read,
-             tarvoctl::add_find,       tarvoctl::add_translate, tarvoctl::add_limits,
-             tarvoctl::add_dump,       tarvoctl::add_alloc,     tarvoctl::add_free,
-             tarvoctl::add_write,      tarvoctl::add_fill,      tarvoctl::add_register,
-             tarvoctl::add_unregister, tarvoctl::add_iommu_map, tarvoctl::add_iommu_unmap,
-             tarvoctl::add_check,      tarvoctl::add_repair,
-         }) {
-        add(tool);
-    }
+    tarvoctl::add_list(tool);
+    tarvoctl::add_show(tool);
+    tarvoctl::add_devices(tool);
+    tarvoctl::add_who(tool);
+    tarvoctl::add_lock(tool);
+    tarvoctl::add_map(tool);
+    tarvoctl::add_snapshot(tool);
+    tarvoctl::add_diff(tool);
+    tarvoctl::add_read(tool);
+    tarvoctl::add_find(tool);
+    tarvoctl::add_translate(tool);
+    tarvoctl::add_limits(tool);
+    tarvoctl::add_dump(tool);
+    tarvoctl::add_alloc(tool);
+    tarvoctl::add_free(tool);
+    tarvoctl::add_write(tool);
+    tarvoctl::add_fill(tool);
+    tarvoctl::add_register(tool);
+    tarvoctl::add_unregister(tool);
+    tarvoctl::add_iommu_map(tool);
+    tarvoctl::add_iommu_unmap(tool);
+    tarvoctl::add_check(tool);
+    tarvoctl::add_repair(tool);
     return tool.run(argc, argv);
 }

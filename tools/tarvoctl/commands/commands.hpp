@@ -16,5 +16,18 @@ void add_check(program& to);
 void add_repair(program& to);
 void add_snapshot(program& to);
 void add_diff(program& to);
+void add_alloc(program& to);
+void add_free(program& to);
+void add_read(program& to);
+void add_write(program& to);
+void add_fill(program& to);
+void add_find(program& to);
+void add_translate(program& to);
+void add_limits(program& to);
+void add_register(program& to);
+void add_unregister(program& to);
+void add_iommu_map(program& to);
+void add_iommu_unmap(program& to);
+void add_dump(program& to);
 
 } // namespace tarvoctl

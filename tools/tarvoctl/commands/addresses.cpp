@@ -1,0 +1,180 @@
+#include "commands/commands.hpp"
+#include "failure.hpp"
+#include "host/area_source.hpp"
+#include "library/arguments.hpp"
+#include "output/json.hpp"
+#include "output/text.hpp"
+#include "program.hpp"
+#include "tarvo.h"
+
+#include <algorithm>
+#include <fmt/format.h>
+#include <memory>
+#include <optional>
+
+// What the library answers about addresses by ending the process when they are wrong is answered
+// here from the records alone, by the library's own arithmetic.
+
+namespace tarvoctl {
+
+namespace {
+
+struct address_options {
+    area_source source;
+    std::string address;
+    bool is_pa = false;
+    bool is_dma = false;
+    bool json = false;
+};
+
+bool lies_in(const dma_window& region, uint64_t pa) {
+    return pa >= region.first_pa && pa < region.end_pa;
+}
+
+/// The first chunk on the list that holds the byte; null when it is free.
+const chunk_record* chunk_holding(uint64_t pa, const picture& records) {
+    const auto found =
+        std::find_if(records.chunks.begin(), records.chunks.end(), [pa](const chunk_record& each) {
+            return each.pa <= pa && pa < each.end_pa();
+        });
+    return found == records.chunks.end() ? nullptr : &*found;
+}
+
+/// The physical address a DMA address stands for, if it lies in the region. Where DMA addresses
+/// wrap, converting back would not do.
+std::optional<uint64_t> pa_of_dma(uint64_t address, const dma_window& region) {
+    if (address > UINT32_MAX)
+        return std::nullopt;
+    const uint64_t pa = region.pa_of(static_cast<uint32_t>(address));
+    return lies_in(region, pa) ? std::optional{pa} : std::nullopt;
+}
+
+std::string region_text(const dma_window& region) {
+    return fmt::format("the region is DMA {:#x}-{:#x}, physical {:#x}-{:#x}",
+                       region.dma_of(region.first_pa), region.dma_of(region.end_pa - 1),
+                       region.first_pa, region.end_pa - 1);
+}
+
+[[noreturn]] void refuse_outside(const std::string& address, const char* kind,
+                                 const dma_window& region) {
+    throw failure{exit_status::usage, fmt::format("{} address {} is not in the region; {}", kind,
+                                                  address, region_text(region))};
+}
+
+uint64_t pa_by_reading(const address_options& options, const dma_window& region) {
+    const uint64_t address = parse_number(options.address, "ADDRESS", UINT64_MAX);
+    const auto as_dma = options.is_pa ? std::nullopt : pa_of_dma(address, region);
+    const bool as_pa = !options.is_dma && lies_in(region, address);
+    if (as_dma && as_pa && *as_dma != address) {
+        throw failure{exit_status::usage,
+                      fmt::format("{} is a DMA address and a physical one; say --dma or --pa",
+                                  options.address)};
+    }
+    if (!as_dma && !as_pa) {
+        const char* const kind = options.is_pa    ? "physical"
+                                 : options.is_dma ? "DMA"
+                                                  : "DMA or physical";
+        refuse_outside(options.address, kind, region);
+    }
+    return as_dma ? *as_dma : address;
+}
+
+json json_place(const char* command, uint64_t pa, const picture& records) {
+    const chunk_record* const chunk = chunk_holding(pa, records);
+    json document = json_document(command);
+    document["dma"] = json_address(records.region.dma_of(pa));
+    document["pa"] = json_address(pa);
+    document["chunk"] = chunk != nullptr ? json_chunk(*chunk, records) : json(nullptr);
+    document["offset"] = chunk != nullptr ? json(pa - chunk->pa) : json(nullptr);
+    return document;
+}
+
+std::string place_text(uint64_t pa, const picture& records) {
+    const chunk_record* const chunk = chunk_holding(pa, records);
+    return chunk == nullptr ? "in no chunk"
+                            : fmt::format("in '{}', offset {:#x} of {:#x}", shown(chunk->name),
+                                          pa - chunk->pa, chunk->size);
+}
+
+exit_status find(const address_options& options) {
+    const picture records = read_picture(options.source);
+    const uint64_t dma = parse_number(options.address, "DMA", UINT32_MAX);
+    const auto pa = pa_of_dma(dma, records.region);
+    if (!pa)
+        refuse_outside(options.address, "DMA", records.region);
+    if (options.json) {
+        print_json(json_place("find", *pa, records));
+    } else {
+        fmt::print("DMA {:#x} is {}\n", dma, place_text(*pa, records));
+    }
+    const exit_status read = told_damage(records);
+    const bool found = chunk_holding(*pa, records) != nullptr;
+    return read == exit_status::good && !found ? exit_status::finding : read;
+}
+
+exit_status translate(const address_options& options) {
+    const picture records = read_picture(options.source);
+    const uint64_t pa = pa_by_reading(options, records.region);
+    if (options.json) {
+        print_json(json_place("translate", pa, records));
+    } else {
+        fmt::print("DMA {:#x}, physical {:#x}, {}\n", records.region.dma_of(pa), pa,
+                   place_text(pa, records));
+    }
+    return told_damage(records);
+}
+
+exit_status limits(const address_options& options) {
+    const picture records = read_picture(options.source);
+    const dma_window& region = records.region;
+    if (options.json) {
+        json document = json_document("limits");
+        document["region"] = json_region(records);
+        document["bookkeeping_bytes"] = tarvo_get_overhead();
+        print_json(document);
+    } else {
+        const uint64_t bytes = region.end_pa - region.first_pa;
+        fmt::print("DMA          {:#x}-{:#x}\nphysical     {:#x}-{:#x}\n"
+                   "size         {} ({})\nbookkeeping  {}\n",
+                   region.dma_of(region.first_pa), region.dma_of(region.end_pa - 1),
+                   region.first_pa, region.end_pa - 1, bytes, size_text(bytes, true),
+                   tarvo_get_overhead());
+    }
+    return told_damage(records);
+}
+
+using question = exit_status (*)(const address_options&);
+
+CLI::App& add_question(program& to, const char* name, const char* purpose,
+                       const std::shared_ptr<address_options>& options, question answer) {
+    CLI::App& command =
+        to.add(name, purpose, looking, [options, answer] { return answer(*options); });
+    add_json(command, options->json);
+    add_source(command, options->source);
+    return command;
+}
+
+} // namespace
+
+void add_find(program& to) {
+    const auto options = std::make_shared<address_options>();
+    add_question(to, "find", "the chunk that a DMA address lies in", options, find)
+        .add_option("DMA", options->address, "such as 0x20001000")
+        ->required();
+}
+
+void add_translate(program& to) {
+    const auto options = std::make_shared<address_options>();
+    CLI::App& command = add_question(
+        to, "translate", "the physical address of a DMA address, and back", options, translate);
+    command.add_option("ADDRESS", options->address, "such as 0x20001000")->required();
+    CLI::Option* const pa = command.add_flag("--pa", options->is_pa, "it is a physical address");
+    command.add_flag("--dma", options->is_dma, "it is a DMA address")->excludes(pa);
+}
+
+void add_limits(program& to) {
+    add_question(to, "limits", "where the region lies, for devices and for processors",
+                 std::make_shared<address_options>(), limits);
+}
+
+} // namespace tarvoctl

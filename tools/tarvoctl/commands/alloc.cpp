@@ -1,0 +1,143 @@
+#include "area/gaps.hpp"
+#include "commands/commands.hpp"
+#include "failure.hpp"
+#include "host/area_source.hpp"
+#include "library/arguments.hpp"
+#include "library/library_call.hpp"
+#include "library/ready_area.hpp"
+#include "output/json.hpp"
+#include "output/text.hpp"
+#include "program.hpp"
+#include "shared/layout.hpp"
+#include "tarvo.h"
+
+#include <algorithm>
+#include <fmt/format.h>
+#include <memory>
+
+namespace tarvoctl {
+
+namespace {
+
+struct alloc_options {
+    std::string name;
+    std::string size;
+    std::string creator = "tarvoctl";
+    std::chrono::milliseconds timeout = area_source{}.timeout;
+    bool duplicate = false;
+    bool json = false;
+};
+
+void check_devices(const picture& records, uint32_t size) {
+    const auto online = std::find_if(records.devices.begin(), records.devices.end(),
+                                     [](const device_record& each) { return each.online; });
+    if (size > most_bytes_for_devices && online != records.devices.end()) {
+        throw failure{exit_status::usage,
+                      fmt::format("SIZE: {} bytes cannot be mapped for {}, which is online; "
+                                  "devices see chunks of at most {} bytes",
+                                  size, device_text(*online), most_bytes_for_devices)};
+    }
+}
+
+void check_existing(const chunk_record* existing, uint32_t size, bool duplicate) {
+    if (existing == nullptr || existing->size == size || duplicate)
+        return;
+    throw failure{exit_status::usage,
+                  fmt::format("there is a chunk '{}' of {} bytes, not {}; ask for that size, or "
+                              "for a second chunk of the name with --duplicate",
+                              shown(existing->name), existing->size, size)};
+}
+
+/// Why the library gave nothing, as far as it can be told behind it.
+failure refusal(uint32_t size, const picture& records) {
+    constexpr std::size_t most_chunks = chunk_capacity - 2; // the others bound the region
+    if (records.chunks.size() >= most_chunks) {
+        return {exit_status::finding,
+                fmt::format("all {} chunk records are in use; free some", most_chunks)};
+    }
+    const auto gaps = gaps_of(records);
+    if (find_site().is_cma()) {
+        return {exit_status::finding,
+                fmt::format("the kernel driver gave no place for {} bytes", size)};
+    }
+    if (!first_fit(gaps, size)) {
+        const free_space free = free_space_of(gaps);
+        return {exit_status::finding,
+                fmt::format("no room for {} bytes: the largest gap has {}, all gaps together {}; "
+                            "'tarvoctl map' shows them",
+                            size, free.largest_bytes, free.total_bytes)};
+    }
+    return {exit_status::finding, "the library allocated nothing; its reason is above"};
+}
+
+const chunk_record& chunk_at(uint64_t pa, const std::string& name, const picture& records) {
+    const auto found =
+        std::find_if(records.chunks.begin(), records.chunks.end(),
+                     [&](const chunk_record& each) { return each.pa == pa && each.name == name; });
+    if (found == records.chunks.end()) {
+        throw failure{exit_status::finding,
+                      fmt::format("the chunk '{}' was allocated, and freed again at once by "
+                                  "another process",
+                                  shown(name))};
+    }
+    return *found;
+}
+
+void print_chunk(const chunk_record& chunk, const picture& records, bool is_shared, bool as_json) {
+    if (as_json) {
+        json document = json_document("alloc");
+        document["shared"] = is_shared;
+        document["chunk"] = json_chunk(chunk, records);
+        print_json(document);
+    } else {
+        fmt::print("{}: {}, {} bytes at DMA {:#x}, physical {:#x}\n", shown(chunk.name),
+                   is_shared ? "shared, it was there" : "new", chunk.size,
+                   records.region.dma_of(chunk.pa), chunk.pa);
+    }
+}
+
+exit_status call_alloc(const alloc_options& options, uint32_t size, const picture& before) {
+    const uint32_t dma = tarvo_alloc_func(options.name.c_str(), size, options.creator.c_str());
+    const picture after = read_picture({{}, options.timeout});
+    if (dma == 0)
+        throw refusal(size, after);
+    const chunk_record& chunk = chunk_at(after.region.pa_of(dma), options.name, after);
+    const bool is_shared =
+        std::any_of(before.chunks.begin(), before.chunks.end(), [&chunk](const auto& each) {
+            return each.index == chunk.index && each.name == chunk.name && each.pa == chunk.pa;
+        });
+    print_chunk(chunk, after, is_shared, options.json);
+    return exit_status::good;
+}
+
+exit_status alloc(const alloc_options& options) {
+    check_chunk_name(options.name);
+    const uint32_t size = parse_chunk_size(options.size);
+    if (options.creator.empty())
+        throw failure{exit_status::usage, "--creator is empty; say who allocates, or leave it out"};
+    const picture before = ready_or_new_area(options.timeout);
+    const chunk_record* const existing = before.find(options.name);
+    check_existing(existing, size, options.duplicate);
+    if (existing == nullptr || existing->size != size)
+        check_devices(before, size);
+    return in_library(options.timeout, [&] { return call_alloc(options, size, before); });
+}
+
+} // namespace
+
+void add_alloc(program& to) {
+    const auto options = std::make_shared<alloc_options>();
+    CLI::App& command = to.add("alloc", "get the chunk of a name: the one there is, or a new one",
+                               changing, [options] { return alloc(*options); });
+    command.add_option("NAME", options->name, "1 to 49 bytes")->required();
+    command.add_option("SIZE", options->size, "such as 64K, 2M, 0x1000; whole pages are taken")
+        ->required();
+    command.add_option("--creator", options->creator, "who allocates; 'tarvoctl' where left out")
+        ->type_name("TEXT");
+    command.add_flag("--duplicate", options->duplicate,
+                     "where the name has another size: make a second chunk of it");
+    add_json(command, options->json);
+    add_timeout(command, options->timeout);
+}
+
+} // namespace tarvoctl

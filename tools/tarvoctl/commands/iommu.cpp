@@ -1,0 +1,112 @@
+#include "commands/commands.hpp"
+#include "failure.hpp"
+#include "host/area_source.hpp"
+#include "library/arguments.hpp"
+#include "library/library_call.hpp"
+#include "library/ready_area.hpp"
+#include "output/text.hpp"
+#include "program.hpp"
+#include "tarvo.h"
+
+#include <fmt/format.h>
+#include <memory>
+
+namespace tarvoctl {
+
+namespace {
+
+struct iommu_options {
+    std::string device;
+    std::string prot = "rw";
+    std::chrono::milliseconds timeout = area_source{}.timeout;
+};
+
+/// The request for the whole region has its end, which must be an address, too.
+void check_region(const dma_window& region) {
+    constexpr uint64_t too_large = 1ULL << 31U;
+    const uint64_t bytes = region.end_pa - region.first_pa;
+    if (bytes >= too_large) {
+        throw failure{exit_status::finding,
+                      fmt::format("the region has {} bytes; only one of less than {} can be mapped "
+                                  "whole. 'tarvoctl register' maps each chunk",
+                                  bytes, too_large)};
+    }
+    if (region.pa_of(region.dma_of(region.end_pa)) != region.end_pa) {
+        throw failure{
+            exit_status::finding,
+            fmt::format("the region's DMA addresses from {:#x} on do not end below 4 GiB, "
+                        "so it cannot be mapped whole. 'tarvoctl register' maps each "
+                        "chunk",
+                        region.dma_of(region.first_pa))};
+    }
+}
+
+exit_status told(int result, const device_record& device, const std::string& done) {
+    if (result != 0) {
+        throw failure{
+            exit_status::finding,
+            fmt::format("the request for {} failed; the reason is above", device_text(device))};
+    }
+    fmt::print("{}: whole region {}\n", device_text(device), done);
+    return exit_status::good;
+}
+
+uint32_t prot_of(const std::string& letters) {
+    constexpr uint32_t read = 1;
+    constexpr uint32_t write = 2;
+    return (letters.find('r') != std::string::npos ? read : 0) |
+           (letters.find('w') != std::string::npos ? write : 0);
+}
+
+exit_status iommu_map(const iommu_options& options) {
+    const device_record device = parse_device(options.device);
+    check_region(ready_or_new_area(options.timeout).region);
+    return in_library(options.timeout, [&] {
+        const int result =
+            tarvo_iommu_map(device.domain, device.bus, device.devfn, prot_of(options.prot));
+        return told(result, device, "mapped, " + options.prot);
+    });
+}
+
+exit_status iommu_unmap(const iommu_options& options) {
+    const device_record device = parse_device(options.device);
+    const picture records = ready_or_new_area(options.timeout);
+    check_region(records.region);
+    if (registered(device, records) != nullptr) {
+        throw failure{
+            exit_status::usage,
+            fmt::format("{0} is registered, and the library would unregister it and leave "
+                        "the whole region mapped; do that first: tarvoctl unregister {0}",
+                        device_text(device))};
+    }
+    return in_library(options.timeout, [&] {
+        return told(tarvo_iommu_unmap(device.domain, device.bus, device.devfn), device, "unmapped");
+    });
+}
+
+CLI::App& add_request(program& to, const char* name, const char* purpose,
+                      const std::shared_ptr<iommu_options>& options,
+                      exit_status (*run)(const iommu_options&)) {
+    CLI::App& command = to.add(name, purpose, changing, [options, run] { return run(*options); });
+    command.add_option("DEVICE", options->device, "such as 0000:03:00.0 or 03:00.0")->required();
+    add_timeout(command, options->timeout);
+    return command;
+}
+
+} // namespace
+
+void add_iommu_map(program& to) {
+    const auto options = std::make_shared<iommu_options>();
+    add_request(to, "iommu-map", "map the whole region for a device, off the record", options,
+                iommu_map)
+        .add_option("--prot", options->prot, "what the device may do: r, w, or rw")
+        ->check(CLI::IsMember({"r", "w", "rw"}))
+        ->type_name("PROT");
+}
+
+void add_iommu_unmap(program& to) {
+    add_request(to, "iommu-unmap", "undo iommu-map", std::make_shared<iommu_options>(),
+                iommu_unmap);
+}
+
+} // namespace tarvoctl

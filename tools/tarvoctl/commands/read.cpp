@@ -1,0 +1,62 @@
+#include "area/named_chunks.hpp"
+#include "commands/commands.hpp"
+#include "failure.hpp"
+#include "host/area_source.hpp"
+#include "library/arguments.hpp"
+#include "library/chunk_window.hpp"
+#include "library/library_call.hpp"
+#include "library/ready_area.hpp"
+#include "output/hex_dump.hpp"
+#include "program.hpp"
+
+#include <cerrno>
+#include <fmt/format.h>
+#include <memory>
+
+namespace tarvoctl {
+
+namespace {
+
+struct read_options {
+    std::string name;
+    std::string offset;
+    std::string size;
+    std::chrono::milliseconds timeout = area_source{}.timeout;
+    bool raw = false;
+};
+
+exit_status print_window(const chunk_window& window, bool raw) {
+    const std::span<const std::byte> bytes = map_window(window, false);
+    if (!raw) {
+        print_hex_dump(bytes, window.offset);
+    } else if (std::fwrite(bytes.data(), 1, bytes.size(), stdout) != bytes.size()) {
+        throw failure{exit_status::unreadable,
+                      fmt::format("cannot write to standard output: {}", error_text(errno))};
+    }
+    return exit_status::good;
+}
+
+exit_status read_chunk(const read_options& options) {
+    check_chunk_name(options.name);
+    const picture records = ready_area(options.timeout);
+    const chunk_window window =
+        parse_window(*chunks_called(options.name, records).front(), options.offset, options.size);
+    return in_library(options.timeout, [&] { return print_window(window, options.raw); });
+}
+
+} // namespace
+
+void add_read(program& to) {
+    const auto options = std::make_shared<read_options>();
+    CLI::App& command = to.add("read", "what is in a chunk, as a hex dump or raw", looking,
+                               [options] { return read_chunk(*options); });
+    command.add_option("NAME", options->name, "the lowest chunk of that name")->required();
+    command.add_option("--offset", options->offset, "first byte within the chunk")
+        ->type_name("SIZE");
+    command.add_option("--size", options->size, "how many bytes; left out: to the chunk's end")
+        ->type_name("SIZE");
+    command.add_flag("--raw", options->raw, "the bytes themselves, for files and pipes");
+    add_timeout(command, options->timeout);
+}
+
+} // namespace tarvoctl

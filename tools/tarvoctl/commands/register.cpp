@@ -1,0 +1,188 @@
+#include "commands/commands.hpp"
+#include "failure.hpp"
+#include "host/area_source.hpp"
+#include "library/arguments.hpp"
+#include "library/holders.hpp"
+#include "library/library_call.hpp"
+#include "library/ready_area.hpp"
+#include "output/json.hpp"
+#include "output/text.hpp"
+#include "program.hpp"
+#include "shared/layout.hpp"
+#include "tarvo.h"
+
+#include <algorithm>
+#include <fmt/format.h>
+#include <memory>
+
+namespace tarvoctl {
+
+namespace {
+
+struct register_options {
+    std::string device;
+    std::chrono::milliseconds timeout = area_source{}.timeout;
+    bool force = false; ///< of unregister alone
+    bool json = false;
+};
+
+std::vector<const chunk_record*> chunks_seen_by(const device_record& device,
+                                                const picture& records) {
+    std::vector<const chunk_record*> seen;
+    for (const auto& chunk : records.chunks) {
+        if (std::find(chunk.devices.begin(), chunk.devices.end(), device.index) !=
+            chunk.devices.end())
+            seen.push_back(&chunk);
+    }
+    return seen;
+}
+
+json json_names(const std::vector<const chunk_record*>& chunks) {
+    json names = json::array();
+    for (const auto* chunk : chunks)
+        names.push_back(chunk->name);
+    return names;
+}
+
+void check_room(const device_record& device, const picture& before) {
+    if (registered(device, before) == nullptr && before.devices.size() >= device_capacity) {
+        throw failure{exit_status::finding,
+                      fmt::format("all {} device records are in use; unregister one before {}",
+                                  device_capacity, device_text(device))};
+    }
+    for (const auto& chunk : before.chunks) {
+        if (chunk.size > most_bytes_for_devices) {
+            throw failure{exit_status::finding,
+                          fmt::format("'{}' has {} bytes, and chunks of more than {} cannot be "
+                                      "mapped for a device; free it before {} is registered",
+                                      shown(chunk.name), chunk.size, most_bytes_for_devices,
+                                      device_text(device))};
+        }
+    }
+}
+
+/// What became of it, whatever the call returned.
+exit_status tell_registered(const register_options& options, const device_record& wanted,
+                            bool was_registered, bool accepted) {
+    const picture records = read_picture({{}, options.timeout});
+    const device_record* const device = registered(wanted, records);
+    if (device == nullptr) {
+        throw failure{
+            exit_status::finding,
+            fmt::format("{} was not registered; the reason is above", device_text(wanted))};
+    }
+    const auto seen = chunks_seen_by(*device, records);
+    if (options.json) {
+        json document = json_document("register");
+        document["device"] = json_device(*device);
+        document["was_registered"] = was_registered;
+        document["all_mapped"] = accepted && device->online;
+        document["chunks"] = json_names(seen);
+        print_json(document);
+    } else {
+        fmt::print("{}: {}, {}, {} of {} chunks mapped for it\n", device_text(*device),
+                   was_registered ? "was registered already" : "registered",
+                   device->online ? "online" : "offline", seen.size(), records.chunks.size());
+    }
+    if (accepted && device->online)
+        return exit_status::good;
+    fmt::print(stderr, "tarvoctl: {}; the answers to the requests are above\n",
+               accepted ? "the kernel driver does not know the device, so no chunk made later is "
+                          "mapped for it"
+                        : "some chunk could not be mapped, so the others were unmapped again");
+    return exit_status::finding;
+}
+
+exit_status register_device(const register_options& options) {
+    const device_record device = parse_device(options.device);
+    const picture before = ready_or_new_area(options.timeout);
+    check_room(device, before);
+    const bool was_registered = registered(device, before) != nullptr;
+    return in_library(options.timeout, [&] {
+        const bool accepted = tarvo_register_device(device.domain, device.bus, device.devfn) == 0;
+        return tell_registered(options, device, was_registered, accepted);
+    });
+}
+
+std::string names_of(const std::vector<const chunk_record*>& chunks) {
+    constexpr std::size_t most_named = 10;
+    std::string names;
+    for (std::size_t i = 0; i < std::min(chunks.size(), most_named); ++i)
+        names += (names.empty() ? "" : ", ") + shown(chunks[i]->name);
+    return chunks.size() <= most_named
+               ? names
+               : names + fmt::format(" and {} more", chunks.size() - most_named);
+}
+
+std::vector<std::string> effects_of(const device_record& device,
+                                    const std::vector<const chunk_record*>& seen) {
+    if (seen.empty())
+        return {};
+    if (!device.online) {
+        return {fmt::format("{} is offline: nothing would be unmapped, and the next device in its "
+                            "record would inherit {} chunk(s): {}",
+                            device_text(device), seen.size(), names_of(seen))};
+    }
+    return {fmt::format("{} would lose {} chunk(s): {}", device_text(device), seen.size(),
+                        names_of(seen))};
+}
+
+exit_status call_unregister(const device_record& device) {
+    if (tarvo_unregister_device(device.domain, device.bus, device.devfn) == 0)
+        return exit_status::good;
+    throw failure{exit_status::finding, fmt::format("{} could not be unregistered; the reason is "
+                                                    "above",
+                                                    device_text(device))};
+}
+
+exit_status unregister_device(const register_options& options) {
+    const device_record wanted = parse_device(options.device);
+    const picture records = ready_area(options.timeout);
+    const device_record* const device = registered(wanted, records);
+    if (device == nullptr) {
+        throw failure{exit_status::usage,
+                      fmt::format("{} is not registered; 'tarvoctl devices' shows those that are",
+                                  device_text(wanted))};
+    }
+    const auto seen = chunks_seen_by(*device, records);
+    const bool done =
+        may_change(effects_of(*device, seen), options.force,
+                   fmt::format("Unregister {}?", device_text(*device))) &&
+        in_library(options.timeout, [&] { return call_unregister(*device); }) == exit_status::good;
+    if (options.json) {
+        json document = json_document("unregister");
+        document["unregistered"] = done;
+        document["device"] = json_device(*device);
+        document["chunks"] = json_names(seen);
+        print_json(document);
+    } else if (done) {
+        fmt::print("{}: unregistered\n", device_text(*device));
+    }
+    return done ? exit_status::good : exit_status::finding;
+}
+
+CLI::App& add_registration(program& to, const char* name, const char* purpose,
+                           const std::shared_ptr<register_options>& options,
+                           exit_status (*run)(const register_options&)) {
+    CLI::App& command = to.add(name, purpose, changing, [options, run] { return run(*options); });
+    command.add_option("DEVICE", options->device, "such as 0000:03:00.0 or 03:00.0")->required();
+    add_json(command, options->json);
+    add_timeout(command, options->timeout);
+    return command;
+}
+
+} // namespace
+
+void add_register(program& to) {
+    add_registration(to, "register", "let a device see every chunk, or revive one that is offline",
+                     std::make_shared<register_options>(), register_device);
+}
+
+void add_unregister(program& to) {
+    const auto options = std::make_shared<register_options>();
+    add_registration(to, "unregister", "take all chunks from a device; tells what it sees and asks",
+                     options, unregister_device)
+        .add_flag("--force", options->force, "do not ask");
+}
+
+} // namespace tarvoctl

@@ -1,0 +1,135 @@
+#include "area/named_chunks.hpp"
+#include "commands/commands.hpp"
+#include "failure.hpp"
+#include "host/area_source.hpp"
+#include "library/arguments.hpp"
+#include "library/chunk_window.hpp"
+#include "library/library_call.hpp"
+#include "library/ready_area.hpp"
+#include "output/text.hpp"
+#include "program.hpp"
+
+#include <algorithm>
+#include <cerrno>
+#include <fmt/format.h>
+#include <memory>
+#include <optional>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace tarvoctl {
+
+namespace {
+
+struct write_options {
+    std::string name;
+    std::string byte; ///< of fill alone
+    std::string offset;
+    std::string size; ///< of fill alone
+    std::chrono::milliseconds timeout = area_source{}.timeout;
+};
+
+chunk_window window_of(const write_options& options) {
+    check_chunk_name(options.name);
+    const picture records = ready_area(options.timeout);
+    return parse_window(*chunks_called(options.name, records).front(), options.offset,
+                        options.size);
+}
+
+/// How many bytes standard input still has; nothing where that shows only as they come.
+std::optional<uint64_t> input_bytes() {
+    struct stat found {};
+    const off_t position = ::lseek(STDIN_FILENO, 0, SEEK_CUR);
+    if (::fstat(STDIN_FILENO, &found) != 0 || !S_ISREG(found.st_mode) || position < 0)
+        return std::nullopt;
+    return static_cast<uint64_t>(std::max<off_t>(0, found.st_size - position));
+}
+
+std::size_t read_some(std::byte* to, std::size_t room) {
+    ssize_t count = 0;
+    do {
+        count = ::read(STDIN_FILENO, to, room);
+    } while (count < 0 && errno == EINTR);
+    if (count < 0) {
+        throw failure{exit_status::unreadable,
+                      fmt::format("cannot read standard input: {}", error_text(errno))};
+    }
+    return static_cast<std::size_t>(count);
+}
+
+void print_written(const chunk_window& window, std::size_t bytes) {
+    fmt::print("{}: wrote {} bytes at offset {:#x}\n", shown(window.name), bytes, window.offset);
+}
+
+/// Goes through a buffer: not every system reads from a file straight into device memory.
+exit_status copy_input(const chunk_window& window) {
+    constexpr std::size_t buffer_bytes = 65536;
+    const std::span<std::byte> target = map_window(window, true);
+    std::vector<std::byte> buffer(buffer_bytes);
+    std::size_t written = 0;
+    while (const std::size_t count = read_some(buffer.data(), buffer.size())) {
+        const std::size_t fitting = std::min(count, target.size() - written);
+        std::copy_n(buffer.begin(), fitting, target.begin() + static_cast<std::ptrdiff_t>(written));
+        written += fitting;
+        if (fitting < count) {
+            throw failure{exit_status::usage,
+                          fmt::format("stopped at the end of '{}': {} bytes are written at offset "
+                                      "{:#x}, and standard input has more",
+                                      shown(window.name), written, window.offset)};
+        }
+    }
+    print_written(window, written);
+    return exit_status::good;
+}
+
+exit_status write_chunk(const write_options& options) {
+    const chunk_window window = window_of(options);
+    const auto bytes = input_bytes();
+    if (bytes && *bytes > window.size) {
+        throw failure{exit_status::usage,
+                      fmt::format("standard input has {} bytes, and '{}' has {} from offset {:#x} "
+                                  "on; nothing was written",
+                                  *bytes, shown(window.name), window.size, window.offset)};
+    }
+    return in_library(options.timeout, [&] { return copy_input(window); });
+}
+
+exit_status fill_chunk(const write_options& options) {
+    constexpr uint64_t most = 0xff;
+    const auto value = static_cast<std::byte>(parse_number(options.byte, "BYTE", most));
+    const chunk_window window = window_of(options);
+    return in_library(options.timeout, [&] {
+        const std::span<std::byte> target = map_window(window, true);
+        std::fill(target.begin(), target.end(), value);
+        print_written(window, target.size());
+        return exit_status::good;
+    });
+}
+
+CLI::App& add_writer(program& to, const char* name, const char* purpose,
+                     const std::shared_ptr<write_options>& options,
+                     exit_status (*run)(const write_options&)) {
+    CLI::App& command = to.add(name, purpose, changing, [options, run] { return run(*options); });
+    command.add_option("NAME", options->name, "the lowest chunk of that name")->required();
+    command.add_option("--offset", options->offset, "first byte within the chunk")
+        ->type_name("SIZE");
+    add_timeout(command, options->timeout);
+    return command;
+}
+
+} // namespace
+
+void add_write(program& to) {
+    add_writer(to, "write", "standard input into a chunk", std::make_shared<write_options>(),
+               write_chunk);
+}
+
+void add_fill(program& to) {
+    const auto options = std::make_shared<write_options>();
+    CLI::App& command = add_writer(to, "fill", "one byte all over a chunk", options, fill_chunk);
+    command.add_option("BYTE", options->byte, "0 to 255, or 0x00 to 0xff")->required();
+    command.add_option("--size", options->size, "how many bytes; left out: to the chunk's end")
+        ->type_name("SIZE");
+}
+
+} // namespace tarvoctl

@@ -1,0 +1,109 @@
+#include "library/arguments.hpp"
+
+#include "area/gaps.hpp"
+#include "failure.hpp"
+#include "output/text.hpp"
+#include "program.hpp"
+#include "shared/layout.hpp"
+
+#include <algorithm>
+#include <charconv>
+#include <fmt/format.h>
+#include <optional>
+#include <string_view>
+#include <unistd.h>
+
+namespace tarvoctl {
+
+namespace {
+
+[[noreturn]] void refuse(const std::string& text) {
+    throw failure{exit_status::usage, text};
+}
+
+/// All of a text as a number, or nothing.
+template <typename Number>
+std::optional<Number> number_in(std::string_view digits, int base) {
+    Number number = 0;
+    const char* const last = digits.data() + digits.size();
+    const auto [end, error] = std::from_chars(digits.data(), last, number, base);
+    return error == std::errc{} && end == last ? std::optional{number} : std::nullopt;
+}
+
+std::optional<uint32_t> hexadecimal(std::string_view digits) {
+    constexpr int base = 16;
+    return number_in<uint32_t>(digits, base);
+}
+
+/// Cuts off what lies behind the last `mark`; all of the text where there is none.
+std::string_view take_behind(std::string_view& text, char mark) {
+    const std::size_t at = text.rfind(mark);
+    const std::string_view behind = at == std::string_view::npos ? text : text.substr(at + 1);
+    text = at == std::string_view::npos ? std::string_view{} : text.substr(0, at);
+    return behind;
+}
+
+} // namespace
+
+void check_chunk_name(const std::string& name) {
+    if (name.empty())
+        refuse("NAME is empty; a chunk's name has 1 to 49 bytes");
+    if (name.size() >= name_bytes) {
+        refuse(fmt::format("the name '{}' has {} bytes; a chunk's name has 1 to {}", shown(name),
+                           name.size(), name_bytes - 1));
+    }
+    if (name == "__HEAD" || name == "__TAIL")
+        refuse(fmt::format("'{}' bounds the region and is no chunk; choose another name", name));
+}
+
+uint32_t parse_chunk_size(const std::string& text) {
+    const auto page_bytes = static_cast<uint32_t>(::sysconf(_SC_PAGESIZE));
+    const uint32_t most = UINT32_MAX - page_bytes + 1; // in whole pages; what is more wraps
+    const uint64_t bytes = parse_size(text, "SIZE");
+    if (bytes == 0 || bytes > most)
+        refuse(fmt::format("SIZE '{}' is {} bytes; a chunk has 1 to {}", text, bytes, most));
+    return rounded_size(bytes, page_bytes);
+}
+
+uint64_t parse_number(const std::string& text, const std::string& what, uint64_t most) {
+    constexpr int decimal = 10;
+    constexpr int sixteen = 16;
+    const bool prefixed = text.starts_with("0x") || text.starts_with("0X");
+    const auto number = number_in<uint64_t>(std::string_view{text}.substr(prefixed ? 2 : 0),
+                                            prefixed ? sixteen : decimal);
+    if (!number)
+        refuse(fmt::format("{} '{}' is no number; write it as 128 or 0x80", what, text));
+    if (*number > most)
+        refuse(fmt::format("{} {} is more than {:#x}", what, text, most));
+    return *number;
+}
+
+device_record parse_device(const std::string& text) {
+    constexpr uint32_t last_slot = 0x1f;
+    constexpr uint32_t last_function = 7;
+    constexpr int devfn_slot_shift = 3;
+    std::string_view rest{text};
+    const auto function = rest.find('.') == std::string_view::npos
+                              ? std::nullopt
+                              : hexadecimal(take_behind(rest, '.'));
+    const auto slot = hexadecimal(take_behind(rest, ':'));
+    const auto bus = hexadecimal(take_behind(rest, ':'));
+    const auto domain = rest.empty() ? std::optional{0U} : hexadecimal(rest);
+    if (!domain || !bus || !slot || !function || *slot > last_slot || *function > last_function) {
+        refuse(fmt::format("'{}' is no PCI device; write it as 0000:03:00.0 or 03:00.0 (lspci -D "
+                           "lists them)",
+                           text));
+    }
+    return {-1, *domain, *bus, *slot << devfn_slot_shift | *function, false};
+}
+
+const device_record* registered(const device_record& device, const picture& records) {
+    const auto found = std::find_if(records.devices.begin(), records.devices.end(),
+                                    [&device](const device_record& each) {
+                                        return each.domain == device.domain &&
+                                               each.bus == device.bus && each.devfn == device.devfn;
+                                    });
+    return found == records.devices.end() ? nullptr : &*found;
+}
+
+} // namespace tarvoctl

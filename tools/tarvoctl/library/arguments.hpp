@@ -1,0 +1,31 @@
+#pragma once
+
+#include "area/records.hpp"
+
+#include <cstdint>
+#include <string>
+
+namespace tarvoctl {
+
+// What people write on the command line for the library's calls. Whatever the library would answer
+// by ending the process is refused here: each throws failure, with the value and the fix.
+
+/// Larger chunks cannot be mapped for devices.
+inline constexpr uint32_t most_bytes_for_devices = 1U << 31U;
+
+/// A name that a chunk can have: 1 to 49 bytes, and not one of those that bound the region.
+void check_chunk_name(const std::string& name);
+
+/// A size that a chunk can have, "64K": rounded up to whole pages.
+uint32_t parse_chunk_size(const std::string& text);
+
+/// "0x80" or "128", at most `most`; `what` stands for it in the failure's text.
+uint64_t parse_number(const std::string& text, const std::string& what, uint64_t most);
+
+/// "0000:03:00.0" or "03:00.0", all in hexadecimal. Not looked up: its element number is -1.
+device_record parse_device(const std::string& text);
+
+/// The registered device that is the same; null if there is none.
+const device_record* registered(const device_record& device, const picture& records);
+
+} // namespace tarvoctl

@@ -1,0 +1,203 @@
+#include "library/library_call.hpp"
+
+#include "common/unique_fd.hpp"
+#include "failure.hpp"
+#include "host/cross_process_lock.hpp"
+#include "host/site.hpp"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstring>
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <fstream>
+#include <poll.h>
+#include <sstream>
+#include <string>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <system_error>
+#include <unistd.h>
+
+namespace tarvoctl {
+
+namespace {
+
+using clock = std::chrono::steady_clock;
+
+/// The library's wait fails when a handler without SA_RESTART has run.
+constexpr int interrupting_signal = SIGUSR1;
+
+void do_nothing(int) {}
+
+[[noreturn]] void complain(const char* call) {
+    throw std::system_error{errno, std::generic_category(), call};
+}
+
+/// Whether a process stands in the queue for some flock. Its line in /proc/locks reads
+/// "4: -> FLOCK  ADVISORY  WRITE 4711 00:2a:1234 0 EOF".
+bool waits_for_lock(pid_t pid) {
+    std::ifstream locks{"/proc/locks"};
+    for (std::string line; std::getline(locks, line);) {
+        std::istringstream words{line};
+        std::string number;
+        std::string arrow;
+        std::string kind;
+        std::string advisory;
+        std::string access;
+        pid_t waiter = 0;
+        words >> number >> arrow >> kind >> advisory >> access >> waiter;
+        if (arrow == "->" && kind == "FLOCK" && waiter == pid)
+            return true;
+    }
+    return false;
+}
+
+/// What a failure is told by across the pipe: its status, then its text.
+std::string report_of(exit_status status, const std::string& text) {
+    return static_cast<char>(status) + text;
+}
+
+/// The process that does the work.
+[[noreturn]] void carry_out(const std::function<exit_status()>& work, int report_fd) {
+    struct sigaction act {};
+    act.sa_handler = do_nothing;
+    ::sigaction(interrupting_signal, &act, nullptr);
+    // Who ends the tool means to end the call, too.
+    ::prctl(PR_SET_PDEATHSIG, SIGTERM);
+    auto status = exit_status::good;
+    std::string report;
+    try {
+        status = work();
+    } catch (const failure& wrong) {
+        report = report_of(wrong.status(), wrong.what());
+    } catch (const std::exception& wrong) {
+        report = report_of(exit_status::unreadable, wrong.what());
+    }
+    std::fflush(stdout);
+    if (::write(report_fd, report.data(), report.size()) != static_cast<ssize_t>(report.size()))
+        ::_exit(static_cast<int>(exit_status::unreadable));
+    ::_exit(static_cast<int>(status));
+}
+
+class worker {
+  public:
+    explicit worker(const std::function<exit_status()>& work) {
+        std::array<int, 2> ends{};
+        if (::pipe2(ends.data(), O_CLOEXEC) != 0)
+            complain("pipe2");
+        report_.reset(ends[0]);
+        unique_fd report_end{ends[1]};
+        std::fflush(nullptr); // or both processes would print it
+        pid_ = ::fork();
+        if (pid_ < 0)
+            complain("fork");
+        if (pid_ == 0)
+            carry_out(work, report_end.get());
+    }
+
+    /// Reads what it reports to the end, and so waits for the process; false when the time is over.
+    bool report_ends_before(clock::time_point moment) {
+        for (;;) {
+            const auto left =
+                std::chrono::duration_cast<std::chrono::milliseconds>(moment - clock::now());
+            constexpr int64_t longest_poll = 1'000'000; // which has to fit an int
+            pollfd reading{report_.get(), POLLIN, 0};
+            const auto time = static_cast<int>(std::clamp<int64_t>(left.count(), 0, longest_poll));
+            const int ready = ::poll(&reading, 1, time);
+            if (ready > 0 && !receive())
+                return true;
+            if (ready == 0 && clock::now() >= moment)
+                return false;
+        }
+    }
+
+    /// Ends its wait for the lock, if it is in one.
+    void interrupt_wait() {
+        if (!waits_for_lock(pid_))
+            return;
+        ::kill(pid_, interrupting_signal);
+        interrupted_ = true;
+    }
+
+    bool interrupted() const { return interrupted_; }
+
+    /// Of a process that has reported.
+    exit_status outcome() {
+        int end = 0;
+        if (::waitpid(pid_, &end, 0) != pid_)
+            complain("waitpid");
+        if (WIFSIGNALED(end))
+            follow(WTERMSIG(end));
+        if (!received_.empty())
+            throw failure{static_cast<exit_status>(received_.front()), received_.substr(1)};
+        return static_cast<exit_status>(WEXITSTATUS(end));
+    }
+
+  private:
+    bool receive() {
+        std::array<char, 4096> buffer{};
+        const ssize_t count = ::read(report_.get(), buffer.data(), buffer.size());
+        if (count > 0)
+            received_.append(buffer.data(), static_cast<std::size_t>(count));
+        return count > 0 || (count < 0 && errno == EINTR);
+    }
+
+    /// Signals that come from outside (the reader of a pipe went away, somebody ended the process)
+    /// are this process's, too.
+    static void follow(int signal) {
+        constexpr std::array own_doing{SIGABRT, SIGSEGV, SIGBUS, SIGFPE, SIGILL};
+        if (std::find(own_doing.begin(), own_doing.end(), signal) == own_doing.end()) {
+            std::signal(signal, SIG_DFL);
+            ::raise(signal);
+        }
+        throw failure{exit_status::finding,
+                      fmt::format("the library broke off the call by SIG{}; its reason is above. "
+                                  "'tarvoctl check' tells whether the area is whole",
+                                  ::sigabbrev_np(signal))};
+    }
+
+    unique_fd report_;
+    pid_t pid_ = -1;
+    std::string received_;
+    bool interrupted_ = false;
+};
+
+exit_status outcome_in_time(worker& process, std::chrono::milliseconds timeout) {
+    const auto too_late = [timeout] {
+        return failure{exit_status::timed_out,
+                       fmt::format("the library's lock was not free within {} s; 'tarvoctl lock' "
+                                   "tells who holds it, --timeout waits longer",
+                                   std::chrono::duration<double>{timeout}.count())};
+    };
+    try {
+        const exit_status status = process.outcome();
+        // An interruption that came just too late did no harm.
+        if (status != exit_status::good && process.interrupted())
+            throw too_late();
+        return status;
+    } catch (const failure&) {
+        if (process.interrupted())
+            throw too_late();
+        throw;
+    }
+}
+
+} // namespace
+
+exit_status in_library(std::chrono::milliseconds timeout,
+                       const std::function<exit_status()>& work) {
+    const auto last_moment = clock::now() + timeout;
+    { const cross_process_lock taken_once{find_site().locks, timeout}; }
+    worker process{work};
+    constexpr std::chrono::milliseconds between_looks{20};
+    for (auto moment = last_moment; !process.report_ends_before(moment);
+         moment = clock::now() + between_looks)
+        process.interrupt_wait();
+    return outcome_in_time(process, timeout);
+}
+
+} // namespace tarvoctl

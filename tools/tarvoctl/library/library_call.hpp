@@ -1,0 +1,19 @@
+#pragma once
+
+#include "exit_status.hpp"
+
+#include <chrono>
+#include <functional>
+
+namespace tarvoctl {
+
+/// Does work that calls the library, in a process of its own: what the library answers by ending
+/// its process then ends that one only, and is told as a failure. Prints from there; failures that
+/// the work throws are thrown here. What the library says itself goes to standard error as it is.
+///
+/// The library waits for its lock without limit. So the lock is taken and released here first, and
+/// a wait that lasts longer than `timeout` from the start all the same is interrupted; both are the
+/// failure timed_out.
+exit_status in_library(std::chrono::milliseconds timeout, const std::function<exit_status()>& work);
+
+} // namespace tarvoctl
