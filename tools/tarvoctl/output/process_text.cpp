@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <array>
+#include <chrono>
 #include <ctime>
 #include <fmt/format.h>
 #include <unistd.h>
@@ -13,11 +14,15 @@ namespace tarvoctl {
 namespace {
 
 std::time_t start_of(const process_info& process) {
-    timespec since_boot{};
-    ::clock_gettime(CLOCK_BOOTTIME, &since_boot);
-    const auto started = static_cast<std::time_t>(process.start_ticks /
-                                                  static_cast<uint64_t>(::sysconf(_SC_CLK_TCK)));
-    return std::time(nullptr) - since_boot.tv_sec + started;
+    const auto now_by = [](clockid_t clock) {
+        timespec now{};
+        ::clock_gettime(clock, &now);
+        return std::chrono::seconds{now.tv_sec} + std::chrono::nanoseconds{now.tv_nsec};
+    };
+    const auto ticks_per_second = static_cast<uint64_t>(::sysconf(_SC_CLK_TCK));
+    const std::chrono::milliseconds since_boot{process.start_ticks * 1000 / ticks_per_second};
+    const auto start = now_by(CLOCK_REALTIME) - now_by(CLOCK_BOOTTIME) + since_boot;
+    return std::chrono::duration_cast<std::chrono::seconds>(start).count();
 }
 
 } // namespace
@@ -77,14 +82,16 @@ std::string processes_text(const std::vector<pid_t>& pids, process_table& proces
 }
 
 std::string unseen_text(const mapped_memory& memory, process_table& processes) {
+    const char* const help = ::geteuid() == 0 ? "they are kept even from root on this machine"
+                                              : "run it as root to see more";
     std::string made;
     if (!memory.unseen.empty()) {
-        made = fmt::format("could not look into {} process(es): {}; run it as root to see all",
-                           memory.unseen.size(), processes_text(memory.unseen, processes));
+        made = fmt::format("could not look into {} process(es): {}; {}", memory.unseen.size(),
+                           processes_text(memory.unseen, processes), help);
     }
     if (memory.others_hidden) {
-        made += fmt::format("{}/proc hides other users' processes; run it as root to see all",
-                            made.empty() ? "" : "; ");
+        made +=
+            fmt::format("{}/proc hides other users' processes; {}", made.empty() ? "" : "; ", help);
     }
     return made;
 }

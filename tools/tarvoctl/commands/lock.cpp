@@ -1,0 +1,144 @@
+#include "commands/commands.hpp"
+#include "failure.hpp"
+#include "host/lock_state.hpp"
+#include "host/site.hpp"
+#include "output/json.hpp"
+#include "output/lock_text.hpp"
+#include "output/process_text.hpp"
+#include "output/table.hpp"
+#include "output/text.hpp"
+#include "program.hpp"
+
+#include <algorithm>
+#include <fmt/format.h>
+#include <memory>
+
+namespace tarvoctl {
+
+namespace {
+
+const char* role_text(lock_role role) {
+    switch (role) {
+    case lock_role::holds:
+        return "holds";
+    case lock_role::shares:
+        return "shares";
+    case lock_role::keeps:
+        return "keeps";
+    default:
+        return "waits";
+    }
+}
+
+std::string heading_of(const lock_state& lock, process_table& processes) {
+    if (!lock.exists)
+        return "free, for the file is not there";
+    if (!lock.held)
+        return "free";
+    const auto parties = parties_of(lock);
+    const bool known = !parties.empty() && parties.front().role != lock_role::waits;
+    const std::size_t waiting = lock.waiting.size();
+    return fmt::format("held{}, {}", known ? " by " + processes.text(parties.front().pid) : "",
+                       waiting == 0   ? "nobody waits"
+                       : waiting == 1 ? "1 waits"
+                                      : fmt::format("{} wait", waiting));
+}
+
+void print_parties(const lock_state& lock, process_table& processes) {
+    table lines{{{"  ROLE"}, {"PID", align::right}, {"COMMAND"}, {"USER"}, {"STATE"}, {"STARTED"}}};
+    int position = 0;
+    const auto parties = parties_of(lock);
+    for (const auto& [role, pid] : parties) {
+        const process_info& process = processes.of(pid);
+        const std::string place =
+            role == lock_role::waits ? fmt::format(" {}", ++position) : std::string{};
+        lines.add({fmt::format("  {}{}", role_text(role), place), fmt::format("{}", pid),
+                   shown(process.command), shown(process.user), state_text(process.state),
+                   start_text(process)});
+    }
+    fmt::print("{}", parties.empty() ? "" : lines.text());
+}
+
+void print_as_table(const lock_picture& found, process_table& processes) {
+    bool any_held = false;
+    for (const auto& lock : found.locks) {
+        fmt::print("{}: {}\n", lock.file, heading_of(lock, processes));
+        print_parties(lock, processes);
+        for (const auto& trouble : lock_troubles(lock, processes))
+            fmt::print("  ! {}\n", trouble);
+        any_held = any_held || lock.held;
+    }
+    if (any_held)
+        fmt::print("The kernel does not record since when a lock is held or waited for.\n");
+    if (!found.unseen.empty()) {
+        fmt::print(
+            stderr,
+            "tarvoctl: could not see the open files of {} process(es), which may hold a lock "
+            "they inherited: {}\n",
+            found.unseen.size(), processes_text(found.unseen, processes));
+    }
+}
+
+json json_of(const lock_party& party, process_table& processes) {
+    const process_info& process = processes.of(party.pid);
+    json made = json_process(process);
+    made["role"] = role_text(party.role);
+    made["state"] = std::string(1, process.state);
+    made["stopped"] = process.is_stopped();
+    made["started"] = start_text(process);
+    return made;
+}
+
+json json_of(const lock_state& lock, process_table& processes) {
+    json parties = json::array();
+    for (const auto& party : parties_of(lock))
+        parties.push_back(json_of(party, processes));
+    return {{"file", lock.file},    {"exists", lock.exists},
+            {"held", lock.held},    {"taker", lock.taker == 0 ? json{} : json(lock.taker)},
+            {"processes", parties}, {"troubles", lock_troubles(lock, processes)}};
+}
+
+void print_as_json(const lock_picture& found, process_table& processes) {
+    json locks = json::array();
+    for (const auto& lock : found.locks)
+        locks.push_back(json_of(lock, processes));
+    json document = json_document("lock");
+    document["locks"] = std::move(locks);
+    document["unseen"] = found.unseen;
+    print_json(document);
+}
+
+/// Without the kernel's table, a lock that is not seen to be held may be so by a process that
+/// cannot be seen.
+void check_known(const lock_picture& found) {
+    const bool any_held = std::any_of(found.locks.begin(), found.locks.end(),
+                                      [](const lock_state& lock) { return lock.held; });
+    if (!found.table_read && !any_held && !found.unseen.empty())
+        throw failure{exit_status::unreadable, "cannot read /proc/locks, nor the open files of all "
+                                               "processes; run it as root"};
+}
+
+exit_status lock(bool as_json) {
+    const lock_picture found = lock_picture_of(find_site().locks);
+    check_known(found);
+    process_table processes;
+    if (as_json) {
+        print_as_json(found, processes);
+    } else {
+        print_as_table(found, processes);
+    }
+    const bool held = std::any_of(found.locks.begin(), found.locks.end(),
+                                  [](const lock_state& each) { return each.held; });
+    return held ? exit_status::finding : exit_status::good;
+}
+
+} // namespace
+
+void add_lock(program& to) {
+    const auto as_json = std::make_shared<bool>(false);
+    CLI::App& command = to.add("lock", "who holds the cross-process lock, who waits for it",
+                               looking, [as_json] { return lock(*as_json); });
+    add_json(command, *as_json);
+}
+
+} // namespace tarvoctl
