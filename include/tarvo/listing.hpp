@@ -194,8 +194,8 @@ class listed_range : public std::ranges::view_base {
             _record = line.empty() ? std::nullopt : Parse(line, *_state);
             return *this;
         }
-        void operator++(int /*unused*/) noexcept { ++*this; }
-        friend bool operator==(const iterator& at, std::default_sentinel_t) noexcept {
+        void operator++(int) noexcept { ++*this; }
+        friend bool operator==(const iterator& at, std::default_sentinel_t /*end*/) noexcept {
             return !at._record.has_value();
         }
 

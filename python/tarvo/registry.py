@@ -7,7 +7,7 @@ import contextlib
 import enum
 from typing import Iterator
 
-from ._checks import LARGEST_CHUNK
+from ._checks import LARGEST_CHUNK, number
 from ._library import calls, library
 from .chunks import Listing, refuse_under_listing
 from .device import Device
@@ -97,11 +97,10 @@ def iommu_map(device: Device, access: Access) -> None:
 
     Raises BadArgument for a region of 2 GiB and more; Refused, NotStarted, ListingOpen.
     """
+    mask = number("access", access, 32)
     with calls:
         _check_whole_region()
-        result = library().tarvo_iommu_map(
-            device.domain, device.bus, device.devfn, int(Access(access))
-        )
+        result = library().tarvo_iommu_map(device.domain, device.bus, device.devfn, mask)
     if result != 0:
         raise _refusal("map the region for", device)
 

@@ -1,0 +1,203 @@
+"""The reader of area files, on an area that the library made in a sandbox, and on worse ones."""
+
+import contextlib
+import io
+import random
+import struct
+import subprocess
+import sys
+import time
+import unittest
+
+import tarvo
+from region_case import AREA, RegionCase
+from tarvo import area
+
+CHUNKS, CHUNK_BYTES = 4, 4280
+CHUNKS_HEAD = 70123524
+DEVICES, DEVICE_BYTES = 70123536, 28
+
+# Offsets in a record.
+NEXT, PREV, ALLOCATED, NAME, PA, SIZE = 0, 4, 8, 9, 60, 68
+
+
+def report_of(path: str):
+    """What the program prints, and its status."""
+    printed = io.StringIO()
+    with contextlib.redirect_stdout(printed), contextlib.redirect_stderr(printed):
+        status = area.main([path])
+    return status, printed.getvalue()
+
+
+class AreaCase(RegionCase):
+    """Three chunks, the second and the third with a gap between them, and one device."""
+
+    def setUp(self) -> None:
+        super().setUp()
+        self.device = tarvo.Device.parse("0000:03:00.1")
+        tarvo.register_device(self.device)
+        for name, size in (("first", 4096), ("second", 8192), ("gone", 4096), ("third", 4096)):
+            tarvo.allocate(name, size, f"maker of {name}")
+        tarvo.free_chunk("gone")
+        with open(AREA, "rb") as file:
+            self.data = bytearray(file.read())
+        self.elements = {chunk.name: chunk.element for chunk in tarvo.chunks()}
+
+    def put(self, name: str, offset: int, form: str, value: int) -> None:
+        """Damages a chunk's record."""
+        struct.pack_into(form, self.data, CHUNKS + self.elements[name] * CHUNK_BYTES + offset, value)
+
+    def findings(self):
+        return [str(finding) for finding in area.Area(self.data).findings]
+
+
+class SoundAreas(AreaCase):
+    def test_are_read_as_the_library_lists_them(self) -> None:
+        found = area.Area(self.data)
+        self.assertEqual(found.findings, ())
+        self.assertEqual(
+            [(c.element, c.name, c.creator, c.physical, c.size, found.dma(c.physical))
+             for c in found.chunks],
+            [(c.element, c.name, c.creator, c.physical, c.size, c.dma) for c in tarvo.chunks()],
+        )  # fmt: skip
+        self.assertEqual([str(device) for device in found.devices], ["0000:03:00.1"])
+        self.assertEqual(found.region, (self.physical_start, self.physical_start + self.size))
+        self.assertEqual(found.unlisted, ())
+
+    def test_show_the_devices_of_each_chunk(self) -> None:
+        found = area.Area(self.data)
+        for chunk in found.chunks:
+            (reference,) = found.references(chunk)
+            self.assertEqual((reference.chunk, reference.device), (chunk, found.devices[0]))
+
+    def test_show_the_gaps(self) -> None:
+        gaps = area.Area(self.data).gaps
+        first, last = self.physical_start, self.physical_start + self.size
+        self.assertEqual(
+            [(gap.physical, gap.size) for gap in gaps],
+            [(first + 12288, 4096), (first + 20480, last - first - 20480)],
+        )
+        self.assertEqual(gaps[0].after, self.elements["second"])
+
+    def test_are_read_from_files(self) -> None:
+        self.assertEqual(area.read(AREA).findings, ())
+        with self.assertRaises(OSError):
+            area.read("/nowhere")
+        status, text = report_of(AREA)
+        self.assertEqual(status, 0)
+        self.assertIn("'second' by 'maker of second': 8192 bytes at", text)
+        self.assertIn("device 0000:03:00.1 online", text)
+        self.assertEqual(report_of("/nowhere")[0], 3)
+
+    def test_are_read_without_the_library(self) -> None:
+        told = subprocess.run(
+            [sys.executable, "-m", "tarvo.area", AREA],
+            env={"PYTHONPATH": ":".join(sys.path), "PYTHONDONTWRITEBYTECODE": "1"},
+            capture_output=True, text=True, check=True,
+        )  # fmt: skip
+        self.assertIn("'second'", told.stdout)
+
+
+class DamagedAreas(AreaCase):
+    def test_that_are_cut_short_tell_what_is_there(self) -> None:
+        self.data = self.data[: CHUNKS + 100 * CHUNK_BYTES]
+        found = area.Area(self.data)
+        self.assertIn("428004 bytes of 70130716 are there", str(found.findings[0]))
+        self.assertIn("first", [chunk.name for chunk in found.unlisted])
+
+    def test_of_no_bytes_at_all_are_told_from_others(self) -> None:
+        self.assertEqual(area.Area(b"").chunks, ())
+        self.assertIn("0 bytes of 70130716", str(area.Area(b"").findings[0]))
+
+    def test_with_a_link_to_nowhere_lose_what_is_behind(self) -> None:
+        self.put("first", NEXT, "<i", 99999)
+        found = area.Area(self.data)
+        self.assertIn(
+            f"broken: chunks: element {self.elements['first']} leads to 99999, which is none",
+            map(str, found.findings),
+        )
+        lost = {chunk.name for chunk in found.unlisted}
+        self.assertEqual(lost, {"second", "third", "__TAIL"})
+
+    def test_with_a_circle_end(self) -> None:
+        self.put("second", NEXT, "<i", self.elements["first"])
+        self.assertIn("leads back to", "\n".join(self.findings()))
+
+    def test_with_a_wrong_back_link_say_so(self) -> None:
+        self.put("second", PREV, "<i", 77)
+        self.assertEqual(
+            self.findings(),
+            [f"broken: chunks: not linked back to the one before: {self.elements['second']}"],
+        )
+
+    def test_with_overlapping_chunks_say_so(self) -> None:
+        self.put("first", SIZE, "<I", 8192)
+        (finding,) = self.findings()
+        self.assertIn(f"chunk {self.elements['second']}: starts at", finding)
+
+    def test_with_a_chunk_outside_the_region_say_so(self) -> None:
+        self.put("third", SIZE, "<I", 0xFFFFF000)
+        self.assertIn("are not in the region", "\n".join(self.findings()))
+
+    def test_with_two_chunks_of_one_name_tolerate_it(self) -> None:
+        start = CHUNKS + self.elements["third"] * CHUNK_BYTES + NAME
+        self.data[start : start + 6] = b"first\0"
+        (finding,) = self.findings()
+        self.assertTrue(finding.startswith("tolerated: "), finding)
+
+    def test_with_a_name_without_end_say_so(self) -> None:
+        start = CHUNKS + self.elements["third"] * CHUNK_BYTES + NAME
+        self.data[start : start + 50] = b"n" * 50
+        self.assertIn("has no end", "\n".join(self.findings()))
+
+    def test_with_a_reference_to_no_device_tolerate_it(self) -> None:
+        self.put("first", 172 + 12, "<i", 9)
+        (finding,) = self.findings()
+        self.assertTrue(finding.startswith("tolerated: devices of chunk"), finding)
+        found = area.Area(self.data)
+        self.assertIsNone(found.references(found.chunks[0])[0].device)
+
+    def test_with_a_leaked_element_say_which(self) -> None:
+        free = struct.unpack_from("<i", self.data, CHUNKS_HEAD + 8)[0]
+        following = struct.unpack_from("<i", self.data, CHUNKS + free * CHUNK_BYTES)[0]
+        struct.pack_into("<i", self.data, CHUNKS_HEAD + 8, following)
+        self.assertEqual(self.findings(), [f"leaked: chunks: neither free nor in use: {free}"])
+
+    def test_with_an_element_in_use_that_is_not_listed_show_it(self) -> None:
+        free = struct.unpack_from("<i", self.data, CHUNKS_HEAD + 8)[0]
+        at = CHUNKS + free * CHUNK_BYTES
+        following = struct.unpack_from("<i", self.data, at)[0]
+        struct.pack_into("<i", self.data, CHUNKS_HEAD + 8, following)
+        struct.pack_into("<iiB5s", self.data, at, 0, 0, 1, b"lost\0")
+        found = area.Area(self.data)
+        self.assertEqual([chunk.name for chunk in found.unlisted], ["lost"])
+        self.assertEqual([f.kind for f in found.findings], ["leaked"])
+
+    def test_with_random_bytes_anywhere_are_read_to_the_end(self) -> None:
+        for seed in range(15):
+            dice = random.Random(seed)
+            damaged = bytearray(self.data)
+            for _ in range(40):
+                # Mostly where the records are that are in use.
+                at = dice.choice(
+                    [
+                        dice.randrange(CHUNKS + 8 * CHUNK_BYTES),
+                        dice.randrange(CHUNKS_HEAD, DEVICES + 4 * DEVICE_BYTES),
+                        dice.randrange(DEVICES, area.AREA_BYTES),
+                    ]
+                )
+                damaged[at : at + 4] = dice.randbytes(4)[: area.AREA_BYTES - at]
+            with self.subTest(seed=seed):
+                found = area.Area(damaged)
+                self.assertNotEqual(found.findings, ())
+                for chunk in found.chunks:
+                    found.references(chunk)
+
+    def test_that_are_nothing_but_random_bytes_are_read_in_bounded_time(self) -> None:
+        started = time.monotonic()
+        self.assertNotEqual(area.Area(random.Random(1).randbytes(area.AREA_BYTES)).findings, ())
+        self.assertLess(time.monotonic() - started, 60)
+
+
+if __name__ == "__main__":
+    unittest.main()
