@@ -226,7 +226,7 @@ using device_range =
 /// One consistent picture of the region.
 ///
 /// *** THE LOCK OF ALL PROCESSES IS HELD FOR AS LONG AS THE OBJECT LIVES. *** Every process that
-/// wants anything of the library waits meanwhile: copy what you need, let the object go, then print.
+/// wants anything of the library waits meanwhile: copy what you need, let it go, then print.
 /// No other call may be made while it lives, by this header or by tarvo.h. Those of this header
 /// notice and return listing_open; those of tarvo.h would release the lock, and what is listed from
 /// then on need not fit what was listed before. Translations, and mappings that end, do no harm.
@@ -261,7 +261,7 @@ class listing {
         return listing(&state);
     }
 
-    /// The chunks in ascending address. Single pass: a second range goes on where the first stopped.
+    /// The chunks in ascending address. Single pass: a second range goes on where the first ended.
     chunk_range chunks() const noexcept { return chunk_range(_state); }
     /// The registered devices in order of registration; as chunks().
     device_range devices() const noexcept { return device_range(_state); }
