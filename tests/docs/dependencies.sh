@@ -22,22 +22,32 @@ function ends_with(text, end) {
     return substr(text, length(text) - length(end) + 1) == end
 }
 
-# What an #include means: the file beside this one, else the one whose path ends so, of the same
-# top folder if there is one; nothing if it is not ours. Several are put down as "a or b".
-function meant_by(name, file,    i, beside, top, near, far) {
+# How many folders two paths begin with alike.
+function common_folders(a, b,    i, n, in_a, in_b) {
+    n = split(a, in_a, "/")
+    split(b, in_b, "/")
+    for (i = 1; i < n && in_a[i] == in_b[i]; i++)
+        ;
+    return i
+}
+
+# What an #include means: the file beside this one, else the one whose path ends so and that lies
+# nearest; nothing if it is not ours. Several that are as near are put down as "a or b".
+function meant_by(name, file,    i, beside, distance, nearest, found) {
     beside = file
     sub(/[^\/]*$/, name, beside)
     if (beside in ours)
         return beside
-    top = substr(file, 1, index(file, "/"))
     for (i in ours)
         if (ends_with("/" i, "/" name)) {
-            if (index(i, top) == 1)
-                near = near (near ? " or " : "") i
-            else
-                far = far (far ? " or " : "") i
+            distance = common_folders(file, i)
+            if (distance > nearest) {
+                nearest = distance
+                found = i
+            } else if (distance == nearest)
+                found = found " or " i
         }
-    return near ? near : far
+    return found
 }
 
 function allowed(room, target,    i, n, rooms) {
