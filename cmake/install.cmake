@@ -68,30 +68,28 @@ install_matching(${CMAKE_INSTALL_DATADIR}/zsh/site-functions tools completions/z
 install_matching(${CMAKE_INSTALL_DATADIR}/fish/vendor_completions.d tools completions/fish/*)
 install_matching(${CMAKE_INSTALL_DATADIR}/tarvo tools share/tarvo/*)
 install_matching(${CMAKE_INSTALL_DOCDIR}/examples tools packaging/*.rules)
-install_matching(${CMAKE_INSTALL_DOCDIR}/examples development
-    examples/*.c examples/*.h examples/*.cpp examples/*.hpp examples/*.py)
+install(DIRECTORY examples DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT development
+    FILES_MATCHING PATTERN "*.[ch]" PATTERN "*.[ch]pp" PATTERN "*.py" PATTERN "__pycache__" EXCLUDE)
 install(FILES LICENSE DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT runtime)
 
 # systemd reads its folder in /usr/lib, in /usr/local/lib, and no library folder of an architecture.
 install(FILES packaging/libtarvo0.conf DESTINATION lib/tmpfiles.d COMPONENT runtime)
 
 # Python. The distribution's own comes first: the one that users of the system will run.
-if(EXISTS ${PROJECT_SOURCE_DIR}/python/tarvo AND NOT DEFINED TARVO_PYTHON_DIR)
-    find_program(TARVO_PYTHON python3 PATHS /usr/bin NO_DEFAULT_PATH)
-    find_program(TARVO_PYTHON python3)
-    if(TARVO_PYTHON)
-        execute_process(
-            COMMAND ${TARVO_PYTHON} -I packaging/python_folder.py ${CMAKE_INSTALL_PREFIX}
-            WORKING_DIRECTORY ${PROJECT_SOURCE_DIR}
-            OUTPUT_VARIABLE python_folder OUTPUT_STRIP_TRAILING_WHITESPACE
-            COMMAND_ERROR_IS_FATAL ANY)
-        set(TARVO_PYTHON_DIR ${python_folder} CACHE STRING
-            "Folder for the Python package, relative to the prefix")
-    else()
-        tarvo_left_out("installing the Python package" python3)
-    endif()
+find_program(TARVO_PYTHON python3 PATHS /usr/bin NO_DEFAULT_PATH)
+find_program(TARVO_PYTHON python3)
+if(TARVO_PYTHON AND NOT DEFINED TARVO_PYTHON_DIR)
+    execute_process(
+        COMMAND ${TARVO_PYTHON} -I packaging/python_folder.py ${CMAKE_INSTALL_PREFIX}
+        WORKING_DIRECTORY ${PROJECT_SOURCE_DIR}
+        OUTPUT_VARIABLE python_folder OUTPUT_STRIP_TRAILING_WHITESPACE
+        COMMAND_ERROR_IS_FATAL ANY)
+    set(TARVO_PYTHON_DIR ${python_folder} CACHE STRING
+        "Folder for the Python package, relative to the prefix")
 endif()
-if(DEFINED TARVO_PYTHON_DIR)
+if(TARVO_PYTHON_DIR)
     install(DIRECTORY python/tarvo DESTINATION ${TARVO_PYTHON_DIR} COMPONENT python
         PATTERN "__pycache__" EXCLUDE)
+else()
+    tarvo_left_out("installing the Python package" python3)
 endif()

@@ -76,7 +76,7 @@ what is in the region, and tarvo-sandbox, which runs a command on a machine
 that seems to have the kernel driver, so that programs can be tried and
 tested without it.]])
 
-if(DEFINED TARVO_PYTHON_DIR)
+if(TARVO_PYTHON_DIR)
     list(APPEND CPACK_COMPONENTS_ALL python)
     set(CPACK_DEBIAN_PYTHON_PACKAGE_NAME python3-tarvo)
     set(CPACK_DEBIAN_PYTHON_PACKAGE_SECTION python)

@@ -1,4 +1,4 @@
-# shellcheck shell=bash
+#!/usr/bin/env bash
 # Read by the scripts beside it. They are told of the build by variables that begin with TARVO_.
 set -euo pipefail
 umask 022

@@ -2,6 +2,7 @@
 # files.sh compare prefix: what is installed below a prefix, with modes, against prefix.txt.
 # files.sh compare packages FOLDER: what is in the packages there against packages.txt.
 # files.sh renew FOLDER: makes the packages there and writes both lists again.
+# shellcheck source=tests/install/common.sh
 source "$(dirname "$0")/common.sh"
 
 # Names for what differs between machines, builds and versions.

@@ -3,6 +3,7 @@
 # and uses them in it. That machine is this one's root with a layer of memory above it, which takes
 # every change and is gone at the end: Debian's tools and what they know of dependencies are real,
 # and nothing here is touched. The sources and the build cannot be seen from there.
+# shellcheck source=tests/install/common.sh
 source "$(dirname "$0")/common.sh"
 
 packages=$1
@@ -37,7 +38,7 @@ run_in_root() {
     umount --lazy mnt
     exec chroot . /usr/bin/env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin HOME=/root \
         LC_ALL=C.UTF-8 DEBIAN_FRONTEND=noninteractive \
-        bash /tmp/in_fresh_root.sh "$TARVO_VERSION" "${TARVO_PYTHON_DIR:+with_python}"
+        bash /tmp/in_fresh_root.sh "$TARVO_VERSION"
 }
 export -f set_up_root run_in_root fail
 export scratch source_dir here packages

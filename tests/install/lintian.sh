@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
 # lintian.sh FOLDER: Debian's judge of packages. Its warnings are shown by ctest --verbose.
+# shellcheck source=tests/install/common.sh
 source "$(dirname "$0")/common.sh"
 
 command -v lintian >/dev/null || fail "lintian is not there; run ./scripts/setup"

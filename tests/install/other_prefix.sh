@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
 # A build for another prefix than /usr makes no Debian packages: their folders would be wrong.
+# shellcheck source=tests/install/common.sh
 source "$(dirname "$0")/common.sh"
 
 cat >"$scratch/elsewhere.cmake" <<END

@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # users.sh moved_prefix | staging_root: programs in C and C++ are built against an installation, by
 # pkg-config and by CMake, and run with its library in its sandbox.
+# shellcheck source=tests/install/common.sh
 source "$(dirname "$0")/common.sh"
 
 case $1 in
@@ -52,7 +53,6 @@ fi
 "$sandbox" -- sh -euc 'by_cmake/user_c && "$0" list' "$prefix/bin/tarvoctl" >listed
 grep -q '\<ring\>' listed || fail "tarvoctl does not list the chunk: $(cat listed)"
 
-if [[ -n $TARVO_PYTHON_DIR ]]; then
-    expect "Python" tarvo env "PYTHONPATH=$prefix/$TARVO_PYTHON_DIR" "LD_LIBRARY_PATH=$library" \
-        "$sandbox" -- python3 -c 'import tarvo; print(tarvo.__name__)'
-fi
+expect "Python" "ready at 0x00001000" env PYTHONDONTWRITEBYTECODE=1 \
+    "PYTHONPATH=$prefix/$TARVO_PYTHON_DIR" "LD_LIBRARY_PATH=$library" \
+    "$sandbox" -- "$TARVO_PYTHON" "$here/user/user.py"
