@@ -9,9 +9,12 @@ int main(int argc, char** argv) {
     tarvoctl::add_devices(tool);
     tarvoctl::add_who(tool);
     tarvoctl::add_lock(tool);
+    tarvoctl::add_leaks(tool);
     tarvoctl::add_map(tool);
     tarvoctl::add_snapshot(tool);
     tarvoctl::add_diff(tool);
+    tarvoctl::add_watch(tool);
+    tarvoctl::add_top(tool);
     tarvoctl::add_read(tool);
     tarvoctl::add_find(tool);
     tarvoctl::add_translate(tool);

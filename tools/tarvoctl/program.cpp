@@ -87,6 +87,22 @@ void add_timeout(CLI::App& command, std::chrono::milliseconds& timeout) {
         ->type_name("SECONDS");
 }
 
+void add_interval(CLI::App& command, std::chrono::milliseconds& interval) {
+    command
+        .add_option_function<double>(
+            "--interval",
+            [&interval](double seconds) {
+                constexpr double shortest = 0.01;
+                constexpr double longest = 86400;
+                if (!(seconds >= shortest && seconds <= longest))
+                    throw CLI::ValidationError{"--interval", "give 0.01 to 86400 seconds"};
+                interval = std::chrono::duration_cast<std::chrono::milliseconds>(
+                    std::chrono::duration<double>{seconds});
+            },
+            "time between two looks, in seconds; 1 where left out")
+        ->type_name("SECONDS");
+}
+
 void add_source(CLI::App& command, area_source& source) {
     command.add_option("--area", source.file, "look into this copy of an area, not the live one")
         ->type_name("FILE");

@@ -39,6 +39,8 @@ inline constexpr const char* mending = "Checking and mending";
 void add_source(CLI::App& command, area_source& source);
 /// --timeout SECONDS alone, for commands on the live area.
 void add_timeout(CLI::App& command, std::chrono::milliseconds& timeout);
+/// --interval SECONDS, for commands that look again and again.
+void add_interval(CLI::App& command, std::chrono::milliseconds& interval);
 /// --json
 void add_json(CLI::App& command, bool& json);
 

@@ -12,6 +12,7 @@ void add_who(program& to);
 void add_lock(program& to);
 void add_leaks(program& to);
 void add_map(program& to);
+void add_doctor(program& to);
 void add_check(program& to);
 void add_repair(program& to);
 void add_snapshot(program& to);
@@ -29,5 +30,7 @@ void add_unregister(program& to);
 void add_iommu_map(program& to);
 void add_iommu_unmap(program& to);
 void add_dump(program& to);
+void add_watch(program& to);
+void add_top(program& to);
 
 } // namespace tarvoctl

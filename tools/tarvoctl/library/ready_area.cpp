@@ -2,6 +2,7 @@
 
 #include "common/unique_fd.hpp"
 #include "failure.hpp"
+#include "host/area_follower.hpp"
 #include "host/area_source.hpp"
 #include "library/library_call.hpp"
 #include "output/text.hpp"
@@ -11,8 +12,6 @@
 #include <cerrno>
 #include <fcntl.h>
 #include <fmt/format.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 namespace tarvoctl {
 
@@ -90,16 +89,6 @@ picture sound_picture(const site& here, std::chrono::milliseconds timeout) {
     return records;
 }
 
-/// The first byte says so, of a file that is long enough.
-bool is_built(const std::string& path) {
-    const unique_fd file{::open(path.c_str(), O_RDONLY | O_CLOEXEC)};
-    struct stat found {};
-    unsigned char first = 0;
-    return file && ::fstat(file.get(), &found) == 0 &&
-           found.st_size >= static_cast<off_t>(sizeof(shared_area_t)) &&
-           ::pread(file.get(), &first, 1, 0) == 1 && first != 0;
-}
-
 exit_status start_library() {
     uint32_t start_dma = 0;
     uint32_t end_dma = 0;
@@ -122,7 +111,7 @@ picture ready_area(std::chrono::milliseconds timeout) {
 picture ready_or_new_area(std::chrono::milliseconds timeout) {
     const site here = find_site();
     check_files(here, missing_file::accepted);
-    if (!is_built(here.area))
+    if (!open_built_area(here.area))
         in_library(timeout, start_library);
     return sound_picture(here, timeout);
 }

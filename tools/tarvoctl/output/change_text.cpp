@@ -57,7 +57,8 @@ json json_change(const change& told) {
     json made{{"change", change_word(told.kind)}};
     const bool is_of_chunk = told.before || told.after;
     made["chunk"] = is_of_chunk ? json_changed_chunk(told.chunk()) : json(nullptr);
-    made["before"] = told.before && told.after ? json_changed_chunk(*told.before) : json(nullptr);
+    const bool is_other = told.kind == change_kind::moved || told.kind == change_kind::resized;
+    made["before"] = is_other ? json_changed_chunk(*told.before) : json(nullptr);
     made["device"] = told.device ? json(device_text(*told.device)) : json(nullptr);
     made["device_index"] = told.device_index >= 0 ? json(told.device_index) : json(nullptr);
     return made;

@@ -11,7 +11,7 @@ namespace tarvoctl {
 std::string change_text(const change& told);
 
 /// {"change": "moved", "chunk": {...}, "before": {...}, "device": null, "device_index": null}.
-/// "before" is the chunk as it was, where it has become another.
+/// "before" is the chunk as it was, where it was moved or resized.
 json json_change(const change& told);
 
 } // namespace tarvoctl

@@ -1,0 +1,199 @@
+#include "area/changes.hpp"
+#include "commands/commands.hpp"
+#include "failure.hpp"
+#include "host/area_follower.hpp"
+#include "host/area_source.hpp"
+#include "output/change_text.hpp"
+#include "output/json.hpp"
+#include "output/text.hpp"
+#include "program.hpp"
+
+#include <csignal>
+#include <cstdio>
+#include <ctime>
+#include <fmt/chrono.h>
+#include <fmt/format.h>
+#include <memory>
+#include <thread>
+#include <unistd.h>
+
+namespace tarvoctl {
+
+namespace {
+
+struct watch_options {
+    std::chrono::milliseconds timeout = area_source{}.timeout;
+    std::chrono::milliseconds interval{1000};
+    bool json = false;
+};
+
+void end_well(int) {
+    ::_exit(static_cast<int>(exit_status::good));
+}
+
+/// Until interrupted, and that is a good end. Every line is written out at once, so none is lost.
+void end_well_when_interrupted() {
+    struct sigaction act {};
+    act.sa_handler = end_well;
+    ::sigaction(SIGINT, &act, nullptr);
+    ::sigaction(SIGTERM, &act, nullptr);
+}
+
+/// Tells one line after the other, each with the time at which it was noticed.
+class reporter {
+  public:
+    explicit reporter(bool as_json) : as_json_{as_json} {}
+
+    void tell(const change& each) const {
+        if (as_json_) {
+            tell_json(json_change(each));
+        } else {
+            tell_text(change_text(each));
+        }
+    }
+
+    /// What became of the area itself: `word` is "found", "gone" or "replaced".
+    void tell_area(const char* word, const area_look& look) const {
+        const std::size_t chunks = look.records ? look.records->chunks.size() : 0;
+        const std::size_t devices = look.records ? look.records->devices.size() : 0;
+        if (as_json_) {
+            tell_json({{"change", fmt::format("area_{}", word)},
+                       {"area", look.area},
+                       {"chunk_count", chunks},
+                       {"device_count", devices}});
+        } else if (look.records) {
+            tell_text(fmt::format("area {:<7}  {}: {} chunk(s), {} device(s)", word, look.area,
+                                  chunks, devices));
+        } else {
+            tell_text(fmt::format("area {:<7}  {}", word, look.area));
+        }
+    }
+
+    void tell_damage(const std::vector<std::string>& damage) const {
+        if (as_json_)
+            tell_json({{"change", "damaged"}, {"damage", damage}});
+        for (const auto& each : damage) {
+            if (!as_json_)
+                tell_text(fmt::format("{:<12}  {}", "damaged", each));
+        }
+    }
+
+  private:
+    static std::chrono::system_clock::time_point now() { return std::chrono::system_clock::now(); }
+
+    static int milliseconds_of(std::chrono::system_clock::time_point time) {
+        const auto since = time.time_since_epoch() % std::chrono::seconds{1};
+        return static_cast<int>(
+            std::chrono::duration_cast<std::chrono::milliseconds>(since).count());
+    }
+
+    static void tell_text(const std::string& text) {
+        const auto time = now();
+        fmt::print("{:%F %T}.{:03}  {}\n",
+                   fmt::localtime(std::chrono::system_clock::to_time_t(time)),
+                   milliseconds_of(time), text);
+        std::fflush(stdout);
+    }
+
+    static void tell_json(const json& what) {
+        const auto time = now();
+        json document = json_document("watch");
+        document["time"] =
+            fmt::format("{:%FT%T}.{:03}Z", fmt::gmtime(std::chrono::system_clock::to_time_t(time)),
+                        milliseconds_of(time));
+        document.update(what);
+        print_json_line(document);
+        std::fflush(stdout);
+    }
+
+    bool as_json_;
+};
+
+/// Makes lines of what the looks at the area find.
+class watcher {
+  public:
+    explicit watcher(bool as_json) : report_{as_json} {}
+
+    void take(area_look look) {
+        switch (look.found) {
+        case area_look::state::absent:
+            take_absence(look);
+            break;
+        case area_look::state::locked:
+            remark("the lock is not free; 'tarvoctl lock' tells who holds it. Waiting");
+            break;
+        default:
+            remark("");
+            take_records(std::move(look));
+        }
+        started_ = true;
+    }
+
+  private:
+    void take_absence(const area_look& look) {
+        if (present_)
+            report_.tell_area("gone", look);
+        present_ = false;
+        last_ = {};
+        remark(fmt::format("waiting for {}", look.area));
+    }
+
+    void take_records(area_look look) {
+        if (look.found == area_look::state::new_area)
+            take_new_area(look);
+        if (look.records->damage != damage_) {
+            damage_ = look.records->damage;
+            report_.tell_damage(damage_);
+        }
+        if (!damage_.empty()) // what cannot be read is not gone
+            return;
+        for (const auto& each : changes_between(last_, *look.records))
+            report_.tell(each);
+        last_ = std::move(*look.records);
+    }
+
+    /// What is there at the start is no change. What is in an area that is made later, is.
+    void take_new_area(const area_look& look) {
+        report_.tell_area(present_ ? "replaced" : "found", look);
+        last_ = started_ ? picture{} : *look.records;
+        present_ = true;
+        damage_.clear();
+    }
+
+    /// Tells people once what goes on, on standard error; "" when it is over.
+    void remark(const std::string& text) {
+        if (text != remark_ && !text.empty())
+            fmt::print(stderr, "tarvoctl: {}\n", text);
+        remark_ = text;
+    }
+
+    reporter report_;
+    bool started_ = false;
+    bool present_ = false;
+    picture last_{}; ///< the records as they were told last
+    std::vector<std::string> damage_;
+    std::string remark_;
+};
+
+exit_status watch(const watch_options& options) {
+    end_well_when_interrupted();
+    area_follower follower{options.timeout};
+    watcher lines{options.json};
+    for (;;) {
+        lines.take(follower.look());
+        std::this_thread::sleep_for(options.interval);
+    }
+}
+
+} // namespace
+
+void add_watch(program& to) {
+    const auto options = std::make_shared<watch_options>();
+    CLI::App& command = to.add("watch", "changes of chunks and devices as they happen", looking,
+                               [options] { return watch(*options); });
+    command.add_flag("--json", options->json, "for programs: one JSON object a line");
+    add_interval(command, options->interval);
+    add_timeout(command, options->timeout);
+}
+
+} // namespace tarvoctl

@@ -1,0 +1,65 @@
+#include "host/area_follower.hpp"
+
+#include "failure.hpp"
+#include "host/area_source.hpp"
+
+#include <cerrno>
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace tarvoctl {
+
+namespace {
+
+bool is_built(const unique_fd& file) {
+    struct stat found {};
+    unsigned char initialized = 0;
+    return ::fstat(file.get(), &found) == 0 &&
+           found.st_size >= static_cast<off_t>(sizeof(shared_area_t)) &&
+           ::pread(file.get(), &initialized, 1, 0) == 1 && initialized != 0;
+}
+
+} // namespace
+
+unique_fd open_built_area(const std::string& path) {
+    unique_fd file{::open(path.c_str(), O_RDONLY | O_CLOEXEC)};
+    if (!file && errno != ENOENT && errno != ENOTDIR) {
+        throw failure{exit_status::unreadable,
+                      fmt::format("cannot open {}: {}", path, error_text(errno))};
+    }
+    if (file && !is_built(file))
+        file.reset();
+    return file;
+}
+
+area_look area_follower::look() {
+    const std::string path = find_site().area;
+    unique_fd file = open_built_area(path);
+    if (!file) {
+        seen_.reset();
+        identity_.reset();
+        return {area_look::state::absent, path};
+    }
+    try {
+        return read(path, std::move(file));
+    } catch (const failure& wrong) {
+        if (wrong.status() == exit_status::timed_out)
+            return {area_look::state::locked, path};
+        if (!open_built_area(path)) // removed just now
+            return look();
+        throw;
+    }
+}
+
+area_look area_follower::read(const std::string& path, unique_fd file) {
+    const auto identity = identity_of(path);
+    picture records = read_picture({{}, timeout_});
+    const bool same = seen_ && identity == identity_;
+    seen_ = std::move(file);
+    identity_ = identity;
+    return {same ? area_look::state::same : area_look::state::new_area, path, std::move(records)};
+}
+
+} // namespace tarvoctl

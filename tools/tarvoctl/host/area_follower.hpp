@@ -1,0 +1,47 @@
+#pragma once
+
+#include "area/records.hpp"
+#include "common/unique_fd.hpp"
+#include "host/file_identity.hpp"
+
+#include <chrono>
+#include <optional>
+#include <string>
+
+namespace tarvoctl {
+
+/// The file of an area that a process has built; none where there is no such area yet. Throws
+/// failure where there is one that cannot be opened.
+unique_fd open_built_area(const std::string& path);
+
+/// What one look at the live area found.
+struct area_look {
+    enum class state {
+        absent,   ///< there is no area, or it is not built yet
+        locked,   ///< the lock was not free in time
+        same,     ///< the area of the look before
+        new_area, ///< another one than before, or the first
+    };
+    state found;
+    std::string area;                 ///< path of the file that was looked at
+    std::optional<picture> records{}; ///< where the area was read
+};
+
+/// Looks at the live area again and again, through its being made, removed and made anew.
+class area_follower {
+  public:
+    explicit area_follower(std::chrono::milliseconds timeout) : timeout_{timeout} {}
+
+    /// Throws failure where an area cannot be read.
+    area_look look();
+
+  private:
+    area_look read(const std::string& path, unique_fd file);
+
+    std::chrono::milliseconds timeout_;
+    /// The file seen last. It stays open, or a new file could be given its inode.
+    unique_fd seen_;
+    std::optional<file_identity> identity_;
+};
+
+} // namespace tarvoctl

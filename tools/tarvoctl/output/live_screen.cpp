@@ -1,0 +1,136 @@
+#include "output/live_screen.hpp"
+
+#include "exit_status.hpp"
+
+#include <cerrno>
+#include <csignal>
+#include <cstring>
+#include <poll.h>
+#include <string_view>
+#include <sys/ioctl.h>
+#include <termios.h>
+#include <unistd.h>
+
+namespace tarvoctl {
+
+namespace {
+
+// Of the terminal as it was, for a signal handler, too: only system calls are made with it.
+termios keyboard_before;
+bool keyboard_changed = false;
+
+constexpr std::string_view other_page = "\x1b[?1049h";
+constexpr std::string_view page_before = "\x1b[?1049l";
+constexpr std::string_view no_cursor = "\x1b[?25l";
+constexpr std::string_view cursor = "\x1b[?25h";
+constexpr std::string_view no_wrapping = "\x1b[?7l";
+constexpr std::string_view wrapping = "\x1b[?7h";
+constexpr std::string_view top_left = "\x1b[H";
+constexpr std::string_view clear_line_end = "\x1b[K";
+constexpr std::string_view clear_page_end = "\x1b[J";
+
+void put(std::string_view text) {
+    while (!text.empty()) {
+        const ssize_t count = ::write(STDOUT_FILENO, text.data(), text.size());
+        if (count < 0 && errno != EINTR)
+            return; // the terminal is gone, which the keyboard tells
+        text.remove_prefix(static_cast<std::size_t>(count > 0 ? count : 0));
+    }
+}
+
+void give_back() {
+    put(wrapping);
+    put(cursor);
+    put(page_before);
+    if (keyboard_changed)
+        ::tcsetattr(STDIN_FILENO, TCSANOW, &keyboard_before);
+}
+
+void end_well(int) {
+    give_back();
+    ::_exit(static_cast<int>(exit_status::good));
+}
+
+void end_by(int signal) {
+    give_back();
+    std::signal(signal, SIG_DFL);
+    ::raise(signal);
+}
+
+void do_nothing(int) {}
+
+void on(int signal, void (*handler)(int)) {
+    struct sigaction act {};
+    act.sa_handler = handler; // without SA_RESTART: the wait for a key ends
+    ::sigaction(signal, &act, nullptr);
+}
+
+/// Keys come one by one and are not shown. Ctrl-Z would leave the terminal as it is now.
+void take_keyboard() {
+    if (::tcgetattr(STDIN_FILENO, &keyboard_before) != 0)
+        return;
+    termios wanted = keyboard_before;
+    wanted.c_lflag &= ~static_cast<tcflag_t>(ICANON | ECHO);
+    wanted.c_cc[VMIN] = 0;
+    wanted.c_cc[VTIME] = 0;
+    wanted.c_cc[VSUSP] = _POSIX_VDISABLE;
+    keyboard_changed = ::tcsetattr(STDIN_FILENO, TCSANOW, &wanted) == 0;
+}
+
+} // namespace
+
+live_screen::live_screen() {
+    take_keyboard();
+    on(SIGINT, end_well);
+    on(SIGTERM, end_well);
+    on(SIGHUP, end_by);
+    on(SIGQUIT, end_by);
+    on(SIGWINCH, do_nothing);
+    put(other_page);
+    put(no_cursor);
+    put(no_wrapping);
+}
+
+live_screen::~live_screen() {
+    give_back();
+    for (const int signal : {SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGWINCH})
+        std::signal(signal, SIG_DFL);
+}
+
+bool live_screen::is_possible() {
+    return ::isatty(STDOUT_FILENO) != 0;
+}
+
+int live_screen::height() {
+    constexpr int usual_height = 24;
+    winsize size{};
+    const bool known = ::ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_row > 0;
+    return known ? size.ws_row : usual_height;
+}
+
+// Lines are cleared before they are written: behind a full one there is nothing left to clear.
+void live_screen::show(const std::string& page) {
+    std::string output{top_left};
+    output += clear_line_end;
+    int lines = 1;
+    for (const char each : page) {
+        output += each;
+        if (each == '\n') {
+            output += clear_line_end;
+            ++lines;
+        }
+    }
+    if (lines < height())
+        (output += '\n') += clear_page_end;
+    put(output);
+}
+
+bool live_screen::end_is_wanted_within(std::chrono::milliseconds time) {
+    pollfd keyboard{STDIN_FILENO, POLLIN, 0};
+    if (::poll(&keyboard, keyboard_changed ? 1 : 0, static_cast<int>(time.count())) <= 0)
+        return false;
+    char key = 0;
+    return ::read(STDIN_FILENO, &key, 1) <= 0 || key == 'q' || key == 'Q';
+}
+
+} // namespace tarvoctl

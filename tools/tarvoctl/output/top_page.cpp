@@ -1,0 +1,184 @@
+#include "output/top_page.hpp"
+
+#include "area/gaps.hpp"
+#include "library/holders.hpp"
+#include "output/region_bar.hpp"
+#include "output/table.hpp"
+#include "output/text.hpp"
+#include "shared/layout.hpp"
+
+#include <algorithm>
+#include <fmt/format.h>
+#include <map>
+#include <numeric>
+#include <sstream>
+#include <vector>
+
+namespace tarvoctl {
+
+namespace {
+
+using lines = std::vector<std::string>;
+
+/// The first `width` letters.
+std::string clipped(const std::string& text, std::size_t width) {
+    std::size_t letters = 0;
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        const bool starts_letter = (static_cast<unsigned char>(text[i]) & 0xc0U) != 0x80U;
+        if (starts_letter && letters++ == width)
+            return text.substr(0, i);
+    }
+    return text;
+}
+
+lines lines_of(const std::string& text) {
+    lines made;
+    std::istringstream stream{text};
+    for (std::string line; std::getline(stream, line);)
+        made.push_back(line);
+    return made;
+}
+
+class page {
+  public:
+    explicit page(const top_view& view) : view_{view} {}
+
+    std::string text() {
+        add_summary();
+        const lines devices = device_lines();
+        const std::size_t left = room();
+        const std::size_t for_devices =
+            devices.size() <= left / 3 ? devices.size() : std::max<std::size_t>(left / 3, 2);
+        add_blank();
+        add_table(chunk_lines(), left - std::min(left, for_devices + 2));
+        add_blank();
+        add_table(devices, room());
+        return joined();
+    }
+
+  private:
+    bool is_limited() const { return view_.height != 0; }
+
+    /// Lines that are still free.
+    std::size_t room() const {
+        if (!is_limited())
+            return SIZE_MAX;
+        return view_.height - std::min(view_.height, made_.size());
+    }
+
+    void add(const std::string& line) {
+        made_.push_back(is_limited() ? clipped(line, static_cast<std::size_t>(view_.on.width))
+                                     : line);
+    }
+    void add_blank() { made_.emplace_back(); }
+
+    void add_summary() {
+        const picture& records = view_.records;
+        const dma_window& region = records.region;
+        add(view_.title);
+        add(fmt::format("region  DMA {:#x}-{:#x}  physical {:#x}-{:#x}",
+                        region.dma_of(region.first_pa), region.dma_of(region.end_pa - 1),
+                        region.first_pa, region.end_pa - 1));
+        add_bar();
+        const auto gaps = gaps_of(records);
+        const free_space free = free_space_of(gaps);
+        constexpr int percent = 100;
+        add(fmt::format("free    {} of {}, largest gap {}, fragmentation {:.0f} %",
+                        size_text(free.total_bytes, true),
+                        size_text(region.end_pa - region.first_pa, true),
+                        size_text(free.largest_bytes, true), percent * free.fragmentation()));
+        constexpr int most_chunks = chunk_capacity - 2; // the others bound the region
+        add(fmt::format(
+            "in use  {} of {} chunk records, {} of {} device records, by {} process(es){}",
+            records.chunks.size(), most_chunks, records.devices.size(), device_capacity,
+            view_.memory.users.size(),
+            view_.memory.is_complete() ? "" : " and those that cannot be seen"));
+        for (const auto& each : records.damage)
+            add("DAMAGED " + each);
+    }
+
+    /// Not clipped: its lines hold colours, and know the screen's width.
+    void add_bar() {
+        constexpr std::size_t small_height = 16;
+        if (view_.records.region.end_pa <= view_.records.region.first_pa)
+            return;
+        const std::size_t bar_lines = is_limited() && view_.height < small_height ? 1 : 2;
+        for (auto& line : lines_of(region_bar(view_.records, view_.on, bar_lines)))
+            made_.push_back(std::move(line));
+    }
+
+    /// The chunks' positions, the largest first, those of one size by address.
+    std::vector<std::size_t> by_size() const {
+        const auto& chunks = view_.records.chunks;
+        std::vector<std::size_t> order(chunks.size());
+        std::iota(order.begin(), order.end(), 0);
+        std::stable_sort(order.begin(), order.end(), [&chunks](std::size_t a, std::size_t b) {
+            return chunks[a].size > chunks[b].size;
+        });
+        return order;
+    }
+
+    lines chunk_lines() const {
+        table rows{{{"SIZE", align::right},
+                    {"NAME"},
+                    {"HOLDERS", align::right},
+                    {"DMA"},
+                    {"CREATOR"},
+                    {"DEVICES"}}};
+        for (const std::size_t position : by_size()) {
+            const chunk_record& chunk = view_.records.chunks[position];
+            rows.add({size_text(chunk.size, true), shown(chunk.name),
+                      fmt::format("{}", holders_of(chunk, view_.memory).size()),
+                      fmt::format("{:#010x}", view_.records.region.dma_of(chunk.pa)),
+                      shown(chunk.creator), devices_text(chunk, view_.records)});
+        }
+        return lines_of(rows.text());
+    }
+
+    lines device_lines() const {
+        std::map<int, std::size_t> seen;
+        for (const auto& chunk : view_.records.chunks)
+            for (const int index : chunk.devices)
+                ++seen[index];
+        table rows{{{"DEVICE"}, {"STATE"}, {"CHUNKS", align::right}}};
+        for (const auto& device : view_.records.devices) {
+            rows.add({device_text(device), device.online ? "online" : "offline",
+                      fmt::format("{}", seen[device.index])});
+        }
+        return lines_of(rows.text());
+    }
+
+    /// As many rows as there is room for, and how many there is none for. The first line, with the
+    /// titles, is no row.
+    void add_table(const lines& table_lines, std::size_t most_lines) {
+        const bool fits = table_lines.size() <= most_lines;
+        const std::size_t kept =
+            fits ? table_lines.size() : std::max<std::size_t>(most_lines, 1) - 1;
+        for (std::size_t i = 0; i < kept; ++i)
+            add(table_lines[i]);
+        if (!fits && most_lines > 0)
+            add(fmt::format("... and {} more",
+                            table_lines.size() - std::max<std::size_t>(kept, 1)));
+    }
+
+    /// A page that fills the screen does not end its last line: that would move it up.
+    std::string joined() const {
+        const std::size_t count =
+            is_limited() ? std::min(view_.height, made_.size()) : made_.size();
+        std::string text;
+        for (std::size_t i = 0; i < count; ++i)
+            text += made_[i] + (is_limited() && i + 1 == count ? "" : "\n");
+        return text;
+    }
+
+    const top_view& view_;
+    lines made_;
+};
+
+} // namespace
+
+std::string top_page(const top_view& view) {
+    return page{view}.text();
+}
+
+} // namespace tarvoctl
