@@ -1,0 +1,178 @@
+#include "commands/commands.hpp"
+#include "host/mappings.hpp"
+#include "host/running_programs.hpp"
+#include "output/json.hpp"
+#include "output/process_text.hpp"
+#include "output/text.hpp"
+#include "program.hpp"
+
+#include <algorithm>
+#include <fmt/format.h>
+#include <memory>
+
+namespace tarvoctl {
+
+namespace {
+
+struct leaks_options {
+    std::chrono::milliseconds timeout = area_source{}.timeout;
+    bool json = false;
+};
+
+/// A chunk that nobody seems to need any more, and what speaks for and against that.
+struct suspect {
+    const chunk_record* chunk;
+    std::vector<std::string> reasons;
+    std::vector<std::string> doubts;
+};
+
+class detective {
+  public:
+    detective(const picture& records, const mapped_memory& memory)
+        : records_{records}, memory_{memory} {
+        for (const auto& mapping : memory.mappings) {
+            if (!shows_all_of(mapping, records.region)) {
+                partial_.push_back(&mapping);
+            } else if (whole_region_.empty() || whole_region_.back() != mapping.pid) {
+                whole_region_.push_back(mapping.pid);
+            }
+        }
+    }
+
+    std::vector<suspect> suspects() {
+        std::vector<suspect> found;
+        for (const auto& chunk : records_.chunks) {
+            if (!is_mapped(chunk) && !programs_.may_include(chunk.creator))
+                found.push_back({&chunk, reasons_of(chunk), doubts_of(chunk)});
+        }
+        return found;
+    }
+
+  private:
+    /// Mappings of the whole region show every chunk, and so tell nothing of any.
+    bool is_mapped(const chunk_record& chunk) const {
+        return std::any_of(partial_.begin(), partial_.end(), [&chunk](const auto* mapping) {
+            return shown_of(*mapping, chunk.pa, chunk.end_pa()).has_value();
+        });
+    }
+
+    std::vector<std::string> reasons_of(const chunk_record& chunk) const {
+        const std::string creator = shown(chunk.creator);
+        std::vector<std::string> reasons{
+            whole_region_.empty() ? "no process has it mapped"
+                                  : "no process has it mapped by itself",
+            chunk.creator.empty() ? "nobody is named as its creator"
+                                  : fmt::format("no program called '{}' runs", creator)};
+        if (chunk.devices.empty())
+            reasons.emplace_back("it is mapped for no device");
+        return reasons;
+    }
+
+    std::vector<std::string> doubts_of(const chunk_record& chunk) {
+        std::vector<std::string> doubts;
+        if (const std::string online = online_devices_of(chunk); !online.empty())
+            doubts.push_back("mapped for " + online + ", which may be using it");
+        if (!looks_like_a_program(chunk.creator)) {
+            doubts.push_back(fmt::format("its creator '{}' is no program's name, so whether that "
+                                         "one runs cannot be told",
+                                         shown(chunk.creator)));
+        }
+        if (!whole_region_.empty()) {
+            doubts.push_back("seen through a mapping of the whole region by " +
+                             processes_text(whole_region_, processes_));
+        }
+        if (!memory_.is_complete())
+            doubts.push_back(unseen_text(memory_, processes_));
+        return doubts;
+    }
+
+    std::string online_devices_of(const chunk_record& chunk) const {
+        std::string made;
+        for (const int index : chunk.devices) {
+            const device_record* const device = records_.device_at(index);
+            if (device != nullptr && device->online)
+                made += (made.empty() ? "" : ", ") + device_text(*device);
+        }
+        return made;
+    }
+
+    const picture& records_;
+    const mapped_memory& memory_;
+    running_programs programs_;
+    process_table processes_;
+    std::vector<const region_mapping*> partial_;
+    std::vector<pid_t> whole_region_;
+};
+
+uint64_t bytes_of(const std::vector<suspect>& found) {
+    uint64_t bytes = 0;
+    for (const auto& each : found)
+        bytes += each.chunk->size;
+    return bytes;
+}
+
+void print_reasons(const char* heading, const std::vector<std::string>& reasons) {
+    for (const auto& each : reasons)
+        fmt::print("  {:9}{}\n", heading, each);
+}
+
+void print_for_people(const std::vector<suspect>& found) {
+    constexpr bool human = true;
+    if (found.empty()) {
+        fmt::print("No suspects: of every chunk, a process has it mapped or its creator runs\n");
+        return;
+    }
+    for (const auto& each : found) {
+        fmt::print("{}  {}, created by {}\n", shown(each.chunk->name),
+                   size_text(each.chunk->size, human), shown(each.chunk->creator));
+        print_reasons("for", each.reasons);
+        print_reasons("against", each.doubts);
+    }
+    fmt::print("\n{} suspect(s), {} in all; nothing was freed. A chunk belongs to no process: ask "
+               "who else expects it, then 'tarvoctl free NAME'\n",
+               found.size(), size_text(bytes_of(found), human));
+}
+
+void print_as_json(const std::vector<suspect>& found, const picture& records,
+                   const mapped_memory& memory) {
+    json suspects = json::array();
+    for (const auto& each : found) {
+        json made = json_chunk(*each.chunk, records);
+        made["for"] = each.reasons;
+        made["against"] = each.doubts;
+        suspects.push_back(std::move(made));
+    }
+    json document = json_document("leaks");
+    document["suspects"] = std::move(suspects);
+    document["size"] = bytes_of(found);
+    document["unseen"] = json_unseen(memory);
+    document["damage"] = records.damage;
+    print_json(document);
+}
+
+exit_status leaks(const leaks_options& options) {
+    // In this order: the program of a chunk that is on record was there before the look at the
+    // processes. The other way round every chunk made in between would be a suspect.
+    const picture records = read_picture({{}, options.timeout});
+    const mapped_memory memory = mappings_of(find_site());
+    const auto found = detective{records, memory}.suspects();
+    if (options.json) {
+        print_as_json(found, records, memory);
+    } else {
+        print_for_people(found);
+    }
+    const exit_status damage = told_damage(records);
+    return damage == exit_status::good && !found.empty() ? exit_status::finding : damage;
+}
+
+} // namespace
+
+void add_leaks(program& to) {
+    const auto options = std::make_shared<leaks_options>();
+    CLI::App& command = to.add("leaks", "chunks that nobody seems to need any more; frees nothing",
+                               looking, [options] { return leaks(*options); });
+    add_json(command, options->json);
+    add_timeout(command, options->timeout);
+}
+
+} // namespace tarvoctl
