@@ -28,6 +28,7 @@ int main(int argc, char** argv) {
     tarvoctl::add_unregister(tool);
     tarvoctl::add_iommu_map(tool);
     tarvoctl::add_iommu_unmap(tool);
+    tarvoctl::add_doctor(tool);
     tarvoctl::add_check(tool);
     tarvoctl::add_repair(tool);
     return tool.run(argc, argv);

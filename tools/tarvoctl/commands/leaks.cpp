@@ -28,8 +28,8 @@ struct suspect {
 
 class detective {
   public:
-    detective(const picture& records, const mapped_memory& memory)
-        : records_{records}, memory_{memory} {
+    detective(const picture& records, const mapped_memory& memory, process_table& processes)
+        : records_{records}, processes_{processes} {
         for (const auto& mapping : memory.mappings) {
             if (!shows_all_of(mapping, records.region)) {
                 partial_.push_back(&mapping);
@@ -81,8 +81,6 @@ class detective {
             doubts.push_back("seen through a mapping of the whole region by " +
                              processes_text(whole_region_, processes_));
         }
-        if (!memory_.is_complete())
-            doubts.push_back(unseen_text(memory_, processes_));
         return doubts;
     }
 
@@ -97,9 +95,8 @@ class detective {
     }
 
     const picture& records_;
-    const mapped_memory& memory_;
+    process_table& processes_;
     running_programs programs_;
-    process_table processes_;
     std::vector<const region_mapping*> partial_;
     std::vector<pid_t> whole_region_;
 };
@@ -155,11 +152,14 @@ exit_status leaks(const leaks_options& options) {
     // processes. The other way round every chunk made in between would be a suspect.
     const picture records = read_picture({{}, options.timeout});
     const mapped_memory memory = mappings_of(find_site());
-    const auto found = detective{records, memory}.suspects();
+    process_table processes;
+    const auto found = detective{records, memory, processes}.suspects();
     if (options.json) {
         print_as_json(found, records, memory);
     } else {
         print_for_people(found);
+        if (!memory.is_complete())
+            fmt::print(stderr, "tarvoctl: {}\n", unseen_text(memory, processes));
     }
     const exit_status damage = told_damage(records);
     return damage == exit_status::good && !found.empty() ? exit_status::finding : damage;

@@ -83,7 +83,7 @@ class lock_reader {
         const auto identity = identity_of(fmt::format("/proc/{}/fd/{}", pid, descriptor));
         if (identity_ && identity == identity_) {
             adopt(pid, locks_of(pid, descriptor));
-        } else if (link == path_.string() + " (deleted)" && shares_our_mounts(pid)) {
+        } else if (link == path_.string() + removed_mark && shares_our_mounts(pid)) {
             state_.users.push_back({pid, false, true});
         }
     }
@@ -105,11 +105,6 @@ class lock_reader {
     lock_state take() { return std::move(state_); }
 
   private:
-    static bool shares_our_mounts(pid_t pid) {
-        const auto own = identity_of("/proc/self/ns/mnt");
-        return own && identity_of(fmt::format("/proc/{}/ns/mnt", pid)) == own;
-    }
-
     void adopt(pid_t pid, const std::vector<flock_line>& locks) {
         state_.users.push_back({pid, !locks.empty(), false});
         for (const auto& line : locks) {

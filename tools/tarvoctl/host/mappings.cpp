@@ -21,8 +21,9 @@ bool is_device(const std::string& path) {
 class map_reader {
   public:
     explicit map_reader(const site& here)
-        : memory_path_{here.memory}, memory_{mapped_identity_of(here.memory)},
-          area_{mapped_identity_of(here.area)}, memory_is_device_{is_device(here.memory)} {}
+        : memory_path_{here.memory}, removed_area_path_{here.area + removed_mark},
+          memory_{mapped_identity_of(here.memory)}, area_{mapped_identity_of(here.area)},
+          memory_is_device_{is_device(here.memory)} {}
 
     void read(pid_t pid) {
         const proc_text maps = read_proc(pid, "maps");
@@ -32,13 +33,17 @@ class map_reader {
             return;
         }
         bool uses_area = false;
+        bool uses_removed = false;
         for_each_file_mapping(maps.text, [&](const maps_line& line) {
             uses_area = uses_area || line.file == area_;
+            uses_removed = uses_removed || line.path == removed_area_path_;
             if (shows_memory(line))
                 add(pid, line);
         });
         if (uses_area)
             found_.users.push_back(pid);
+        if (uses_removed && shares_our_mounts(pid))
+            found_.users_of_removed.push_back(pid);
     }
 
     mapped_memory take() {
@@ -64,6 +69,7 @@ class map_reader {
     }
 
     std::string memory_path_;
+    std::string removed_area_path_;
     std::optional<file_identity> memory_;
     std::optional<file_identity> area_;
     bool memory_is_device_;

@@ -28,7 +28,9 @@ struct region_mapping {
 struct mapped_memory {
     std::vector<region_mapping> mappings; ///< by physical address, then by process
     std::vector<pid_t> users;             ///< have the area mapped: the library is started in them
-    std::vector<pid_t> unseen;            ///< may have mappings, too: theirs cannot be read
+    /// Have an area mapped that was removed from under its path: they share it with no newcomer.
+    std::vector<pid_t> users_of_removed;
+    std::vector<pid_t> unseen; ///< may have mappings, too: theirs cannot be read
     /// Processes of other users cannot even be listed (/proc is mounted with hidepid).
     bool others_hidden = false;
 

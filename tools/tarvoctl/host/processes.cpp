@@ -14,6 +14,8 @@
 #include <pwd.h>
 #include <sstream>
 #include <string_view>
+#include <sys/stat.h>
+#include <unistd.h>
 
 namespace tarvoctl {
 
@@ -42,13 +44,12 @@ std::optional<std::vector<int>> numbers_in(const std::string& folder) {
 }
 
 std::string executable_of(pid_t pid) {
-    constexpr std::string_view deleted = " (deleted)";
     std::array<char, 4096> target{};
     const ssize_t length =
         ::readlink((folder_of(pid) + "exe").c_str(), target.data(), target.size());
     std::string path(target.data(), length < 0 ? 0 : static_cast<std::size_t>(length));
-    if (path.ends_with(deleted))
-        path.resize(path.size() - deleted.size());
+    if (path.ends_with(removed_mark))
+        path.resize(path.size() - std::string_view{removed_mark}.size());
     return path;
 }
 
@@ -116,6 +117,14 @@ proc_text read_proc(pid_t pid, const std::string& name) {
 
 std::vector<pid_t> all_processes() {
     return numbers_in("/proc").value_or(std::vector<pid_t>{});
+}
+
+bool shares_our_mounts(pid_t pid) {
+    struct stat ours {};
+    struct stat theirs {};
+    return ::stat("/proc/self/ns/mnt", &ours) == 0 &&
+           ::stat((folder_of(pid) + "ns/mnt").c_str(), &theirs) == 0 &&
+           ours.st_ino == theirs.st_ino;
 }
 
 std::optional<std::vector<int>> descriptors_of(pid_t pid) {

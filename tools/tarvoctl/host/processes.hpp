@@ -39,6 +39,12 @@ struct proc_text {
 /// `name`: "maps", "environ", "fdinfo/3".
 proc_text read_proc(pid_t pid, const std::string& name);
 
+/// Whether paths mean the same files to it as to this process.
+bool shares_our_mounts(pid_t pid);
+
+/// What /proc puts behind the path of a file that was removed.
+inline constexpr const char* removed_mark = " (deleted)";
+
 /// Its open descriptors; nothing where they may not be seen.
 std::optional<std::vector<int>> descriptors_of(pid_t pid);
 

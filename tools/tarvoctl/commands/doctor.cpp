@@ -1,0 +1,114 @@
+#include "commands/commands.hpp"
+#include "host/diagnosis.hpp"
+#include "output/json.hpp"
+#include "output/screen.hpp"
+#include "output/text.hpp"
+#include "program.hpp"
+
+#include <fmt/format.h>
+#include <memory>
+
+namespace tarvoctl {
+
+namespace {
+
+struct verdict_look {
+    const char* word;
+    const char* colour; ///< what a terminal understands
+};
+
+verdict_look look_of(verdict how) {
+    switch (how) {
+    case verdict::ok:
+        return {"ok", "\033[32m"};
+    case verdict::note:
+        return {"note", "\033[36m"};
+    case verdict::warning:
+        return {"warning", "\033[33m"};
+    default:
+        return {"ERROR", "\033[1;31m"};
+    }
+}
+
+health_report examine() {
+    const site here = find_site();
+    health_report report;
+    diagnose_selection(here, report);
+    diagnose_drivers(here, report);
+    diagnose_files(here, report);
+    diagnose_area(here, report);
+    diagnose_users(here, report);
+    return report;
+}
+
+void print_summary(const health_report& report) {
+    const std::size_t errors = report.count(verdict::error);
+    const std::size_t warnings = report.count(verdict::warning);
+    if (errors + warnings == 0) {
+        fmt::print("\nNothing is wrong\n");
+    } else {
+        fmt::print("\n{} error(s), {} warning(s)\n", errors, warnings);
+    }
+}
+
+void print_for_people(const health_report& report) {
+    const bool coloured = standard_screen().colour;
+    for (const auto& [how, subject, text, fix] : report.all()) {
+        const auto [word, colour] = look_of(how);
+        fmt::print("{}{:8}{} {}: {}\n", coloured ? colour : "", word, coloured ? "\033[0m" : "",
+                   subject, shown(text));
+        if (!fix.empty())
+            fmt::print("{:8}   fix: {}\n", "", fix);
+    }
+    print_summary(report);
+}
+
+json json_of(const diagnosis& each) {
+    const std::string word = each.how == verdict::error ? "error" : look_of(each.how).word;
+    return {{"verdict", word},
+            {"subject", each.subject},
+            {"text", each.text},
+            {"fix", each.fix.empty() ? json{} : json(each.fix)}};
+}
+
+void print_as_json(const health_report& report) {
+    json checks = json::array();
+    for (const auto& each : report.all())
+        checks.push_back(json_of(each));
+    json document = json_document("doctor");
+    document["checks"] = std::move(checks);
+    document["errors"] = report.count(verdict::error);
+    document["warnings"] = report.count(verdict::warning);
+    print_json(document);
+}
+
+exit_status status_of(const health_report& report) {
+    if (report.is_damaged())
+        return exit_status::damaged;
+    if (!report.is_readable())
+        return exit_status::unreadable;
+    const bool good = report.count(verdict::error) + report.count(verdict::warning) == 0;
+    return good ? exit_status::good : exit_status::finding;
+}
+
+exit_status doctor(bool as_json) {
+    const health_report report = examine();
+    if (as_json) {
+        print_as_json(report);
+    } else {
+        print_for_people(report);
+    }
+    return status_of(report);
+}
+
+} // namespace
+
+void add_doctor(program& to) {
+    const auto as_json = std::make_shared<bool>(false);
+    CLI::App& command =
+        to.add("doctor", "what is wrong with files, drivers, area and users, each with the fix",
+               mending, [as_json] { return doctor(*as_json); });
+    add_json(command, *as_json);
+}
+
+} // namespace tarvoctl

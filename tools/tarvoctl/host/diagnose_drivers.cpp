@@ -1,0 +1,140 @@
+#include "common/unique_fd.hpp"
+#include "failure.hpp"
+#include "host/diagnosis.hpp"
+#include "shared/paths.hpp"
+#include "shared/region_line.hpp"
+
+#include <cerrno>
+#include <cstdio>
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <limits>
+#include <memory>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace tarvoctl {
+
+namespace {
+
+constexpr const char* load_driver = "load the region driver; on a machine without one, set "
+                                    "SIMULATION_VMID for all programs";
+
+std::string without_newline(const char* text) {
+    std::string line{text};
+    while (line.ends_with('\n'))
+        line.pop_back();
+    return line;
+}
+
+void diagnose_region_bounds(const region_line& line, health_report& report) {
+    constexpr uint64_t half_of_32_bits = uint64_t{1} << 31U;
+    const std::string subject = paths::region_driver;
+    const uint64_t bytes = line.last_pa + 1 - line.first_pa;
+    if (line.first_pa == 0 || line.last_pa <= line.first_pa) {
+        report.add(verdict::error, subject,
+                   fmt::format("describes an impossible region, {:#x} to {:#x}: every program that "
+                               "starts the library ends by an assertion",
+                               line.first_pa, line.last_pa),
+                   "repair the region driver's settings");
+    } else if (bytes > std::numeric_limits<uint32_t>::max()) {
+        report.add(verdict::error, subject,
+                   fmt::format("a region of {} bytes: the library counts in 32 bits and would use "
+                               "{} of them",
+                               bytes, static_cast<uint32_t>(bytes)),
+                   "reserve less than 4 GiB");
+    } else {
+        report.set_readable();
+        report.add(verdict::ok, subject,
+                   fmt::format("region \"{}\" from {:#x} to {:#x}, {} bytes{}", line.name,
+                               line.first_pa, line.last_pa, bytes,
+                               line.is_cma() ? "; the kernel places the chunks" : ""));
+        if (bytes >= half_of_32_bits)
+            report.add(verdict::note, subject,
+                       "of 2 GiB and more: it cannot be mapped for a device as a whole");
+    }
+}
+
+void diagnose_region_line(health_report& report) {
+    const std::unique_ptr<std::FILE, int (*)(std::FILE*)> driver{
+        std::fopen(paths::region_driver, "re"), &std::fclose};
+    region_line line{};
+    if (!driver) {
+        report.add(verdict::error, paths::region_driver,
+                   fmt::format("cannot be opened ({}): without it the library finds no region",
+                               error_text(errno)),
+                   load_driver);
+    } else if (std::fgets(line.text, sizeof line.text, driver.get()) == nullptr) {
+        report.add(verdict::error, paths::region_driver, "is empty: it describes no region",
+                   load_driver);
+    } else if (!parse(line)) {
+        report.add(verdict::error, paths::region_driver,
+                   fmt::format("the first line is \"{}\", and not start, end, 0 and name between "
+                               "tabs: the library finds no region",
+                               without_newline(line.text)),
+                   "the driver and the library do not fit: update the older one");
+    } else {
+        diagnose_region_bounds(line, report);
+    }
+}
+
+void report_refused_memory(int error, const char* call, health_report& report) {
+    const bool policy = error == EPERM;
+    report.add(verdict::error, paths::physical_memory,
+               fmt::format("{} refused: {}{}", call, error_text(error),
+                           policy ? ", which is the kernel's policy (CONFIG_STRICT_DEVMEM, or "
+                                    "lockdown)"
+                                  : ""),
+               policy ? "reserve the region so that it is no system memory (memmap= or the device "
+                        "tree) and is claimed by no driver, or boot with iomem=relaxed; switch "
+                        "lockdown off"
+                      : "run as root, or with CAP_SYS_RAWIO and access to the file");
+}
+
+/// Maps a page the way the library does, and touches nothing.
+void diagnose_memory_access(const site& here, health_report& report) {
+    const unique_fd memory{::open(paths::physical_memory, O_RDWR | O_CLOEXEC)};
+    if (!memory) {
+        report_refused_memory(errno, "opening", report);
+        return;
+    }
+    if (!here.driver)
+        return;
+    const auto page_bytes = static_cast<std::size_t>(::sysconf(_SC_PAGESIZE));
+    void* const page = ::mmap(nullptr, page_bytes, PROT_READ | PROT_WRITE, MAP_SHARED, memory.get(),
+                              static_cast<off_t>(here.driver->first_pa));
+    if (page == MAP_FAILED) {
+        report_refused_memory(errno, "mapping the region's first page", report);
+        return;
+    }
+    ::munmap(page, page_bytes);
+    struct stat file {};
+    const bool device = ::fstat(memory.get(), &file) == 0 && S_ISCHR(file.st_mode);
+    report.add(device ? verdict::ok : verdict::note, paths::physical_memory,
+               device ? "the region can be mapped"
+                      : "the region can be mapped, but of a stand-in: it is no device");
+}
+
+void diagnose_iommu(const site& here, health_report& report) {
+    if (::access(paths::iommu_driver, W_OK) == 0) {
+        report.add(verdict::ok, paths::iommu_driver, "the IOMMU driver takes requests");
+        return;
+    }
+    report.add(
+        here.simulation ? verdict::note : verdict::warning, paths::iommu_driver,
+        fmt::format("cannot be written ({}): no device can be registered", error_text(errno)),
+        errno == ENOENT ? "load the IOMMU driver" : "run programs with devices as root");
+}
+
+} // namespace
+
+void diagnose_drivers(const site& here, health_report& report) {
+    if (!here.simulation) {
+        diagnose_region_line(report);
+        diagnose_memory_access(here, report);
+    }
+    diagnose_iommu(here, report);
+}
+
+} // namespace tarvoctl

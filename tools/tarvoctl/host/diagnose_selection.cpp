@@ -1,0 +1,43 @@
+#include "host/diagnosis.hpp"
+#include "shared/paths.hpp"
+
+#include <algorithm>
+#include <fmt/format.h>
+#include <unistd.h>
+
+namespace tarvoctl {
+
+std::size_t health_report::count(verdict how) const {
+    return static_cast<std::size_t>(std::count_if(
+        all_.begin(), all_.end(), [how](const diagnosis& each) { return each.how == how; }));
+}
+
+void diagnose_selection(const site& here, health_report& report) {
+    const bool asked_for = simulation_is_asked_for();
+    const bool has_driver = ::access(paths::region_driver, F_OK) == 0;
+    const std::string chosen =
+        fmt::format("{}, because {}", here.simulation ? "simulation" : "hardware", here.reason);
+    if (here.simulation && !asked_for) {
+        report.add(verdict::warning, "selection",
+                   fmt::format("{}; {} is not set{}", chosen, simulation_variable,
+                               has_driver ? ", and this machine has a region driver" : ""),
+                   fmt::format("for hardware, end all programs that use the library, then rm {}; "
+                               "for simulation, set {} for all programs",
+                               paths::simulated_memory, simulation_variable));
+    } else if (asked_for && has_driver) {
+        report.add(verdict::note, "selection",
+                   chosen + ", although this machine has a region driver",
+                   fmt::format("for hardware, unset {} and rm {}", simulation_variable,
+                               paths::simulated_memory));
+    } else if (!here.simulation && ::access(paths::simulated_memory, F_OK) == 0) {
+        report.add(verdict::warning, "selection",
+                   fmt::format("hardware, because this user may not use {}; those who may get a "
+                               "simulation",
+                               paths::simulated_memory),
+                   fmt::format("rm {}", paths::simulated_memory));
+    } else {
+        report.add(verdict::ok, "selection", chosen);
+    }
+}
+
+} // namespace tarvoctl

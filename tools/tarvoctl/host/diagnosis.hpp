@@ -1,0 +1,54 @@
+#pragma once
+
+#include "host/lock_state.hpp"
+#include "host/mappings.hpp"
+#include "host/site.hpp"
+
+#include <string>
+#include <vector>
+
+namespace tarvoctl {
+
+enum class verdict { ok, note, warning, error };
+
+/// What one check found, and what helps.
+struct diagnosis {
+    verdict how;
+    std::string subject; ///< a file, or what the check is about
+    std::string text;
+    std::string fix; ///< empty where nothing is to be done
+};
+
+/// Collects what the checks find.
+class health_report {
+  public:
+    void add(verdict how, std::string subject, std::string text, std::string fix = {}) {
+        all_.push_back({how, std::move(subject), std::move(text), std::move(fix)});
+    }
+    void set_damaged() { damaged_ = true; }
+    void set_readable() { readable_ = true; }
+
+    const std::vector<diagnosis>& all() const { return all_; }
+    std::size_t count(verdict how) const;
+    bool is_damaged() const { return damaged_; }   ///< the area
+    bool is_readable() const { return readable_; } ///< the area, or where the region lies
+
+  private:
+    std::vector<diagnosis> all_;
+    bool damaged_ = false;
+    bool readable_ = false;
+};
+
+/// Why the library takes the files that it takes.
+void diagnose_selection(const site& here, health_report& report);
+/// Presence, kind, owner, mode and size of every file and folder.
+void diagnose_files(const site& here, health_report& report);
+/// The region driver, the IOMMU driver, and access to physical memory. Writes nothing.
+void diagnose_drivers(const site& here, health_report& report);
+/// The area's surface: built, long enough, and of this region. Takes no lock: what is read here
+/// never changes once the area is built.
+void diagnose_area(const site& here, health_report& report);
+/// The lock: who has it, and whether all users of the area take the same one.
+void diagnose_users(const site& here, health_report& report);
+
+} // namespace tarvoctl
