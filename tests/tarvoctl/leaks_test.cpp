@@ -1,0 +1,108 @@
+#include "tool.hpp"
+
+#include <csignal>
+#include <gtest/gtest.h>
+
+namespace {
+
+bool contains(const std::string& text, const std::string& part) {
+    return text.find(part) != std::string::npos;
+}
+
+std::vector<std::string> suspects_of(sandbox& machine) {
+    const auto document = json_of(tarvoctl(machine, {"leaks", "--json"}));
+    std::vector<std::string> names;
+    for (const auto& each : document.at("suspects")) {
+        names.push_back(each.at("name"));
+    }
+    return names;
+}
+
+using names = std::vector<std::string>;
+
+TEST(Leaks, SuspectsChunksWithNeitherMappingNorCreator) {
+    sandbox machine(high);
+    client driver = machine.start();
+    driver.alloc("kept", pages(1), "gone_agent");
+    driver.alloc("dropped", pages(2), "gone_agent");
+    driver.alloc("own", pages(1), "tarvo-client");
+    driver.map("kept");
+    EXPECT_EQ(suspects_of(machine), names{"dropped"});
+    const auto outcome = tarvoctl(machine, {"leaks"});
+    EXPECT_EQ(outcome.status, 1);
+    EXPECT_TRUE(outcome.output.starts_with("dropped  8K, created by gone_agent\n"
+                                           "  for      no process has it mapped\n"
+                                           "  for      no program called 'gone_agent' runs\n"
+                                           "  for      it is mapped for no device\n"))
+        << outcome.output;
+    EXPECT_TRUE(contains(outcome.output, "1 suspect(s), 8K in all; nothing was freed."));
+    EXPECT_EQ(driver.dump().size(), 3U);
+}
+
+TEST(Leaks, KnowsTheCreatorByItsPathAndItsFirstWord) {
+    sandbox machine(low);
+    client driver = machine.start();
+    driver.alloc("by_path", pages(1), "/usr/bin/tarvo-client");
+    driver.alloc("by_word", pages(1), "tarvo-client: port 3");
+    driver.alloc("other", pages(1), "tarvo-clientele");
+    EXPECT_EQ(suspects_of(machine), names{"other"});
+}
+
+TEST(Leaks, SpeaksAgainstItWhereADeviceMayUseTheChunk) {
+    sandbox machine(low);
+    client driver = machine.start();
+    driver.alloc("rx_ring", pages(1), "gone_agent");
+    driver.register_device(0, 3, 0);
+    const auto outcome = tarvoctl(machine, {"leaks"});
+    EXPECT_EQ(outcome.status, 1);
+    EXPECT_TRUE(
+        contains(outcome.output, "  against  mapped for 0000:03:00.0, which may be using it\n"))
+        << outcome.output;
+    EXPECT_FALSE(contains(outcome.output, "mapped for no device"));
+}
+
+TEST(Leaks, SpeaksAgainstItWhereTheCreatorIsNoProgramsName) {
+    sandbox machine(low);
+    client driver = machine.start();
+    driver.alloc("rx_ring", pages(1), "DMA test, John");
+    EXPECT_TRUE(contains(tarvoctl(machine, {"leaks"}).output,
+                         "  against  its creator 'DMA test, John' is no program's name"));
+}
+
+TEST(Leaks, SpeaksAgainstItWhereSomebodyMapsTheWholeRegion) {
+    sandbox machine(high);
+    client driver = machine.start();
+    driver.alloc("rx_ring", pages(1), "gone_agent");
+    driver.call("map_all");
+    EXPECT_TRUE(contains(tarvoctl(machine, {"leaks"}).output,
+                         "  against  seen through a mapping of the whole region by " +
+                             std::to_string(driver.pid()) + " (tarvo-client)\n"));
+}
+
+TEST(Leaks, EndsWellWhenThereIsNoSuspect) {
+    sandbox machine(simulation);
+    client driver = machine.start();
+    driver.alloc("rx_ring", pages(1), "gone_agent");
+    driver.map("rx_ring");
+    const auto outcome = tarvoctl(machine, {"leaks"});
+    EXPECT_EQ(outcome.status, 0);
+    EXPECT_EQ(outcome.output,
+              "No suspects: of every chunk, a process has it mapped or its creator runs\n");
+    EXPECT_EQ(json_of(tarvoctl(machine, {"leaks", "--json"})).at("suspects"),
+              nlohmann::json::array());
+}
+
+TEST(Leaks, SuspectsWhatAProcessThatDiedHadMapped) {
+    sandbox machine(low);
+    client driver = machine.start();
+    {
+        client agent = machine.start();
+        agent.alloc("rx_ring", pages(1), "gone_agent");
+        agent.map("rx_ring");
+        EXPECT_EQ(suspects_of(machine), names{});
+        agent.kill(SIGKILL);
+    }
+    EXPECT_EQ(suspects_of(machine), names{"rx_ring"});
+}
+
+} // namespace
