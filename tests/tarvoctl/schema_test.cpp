@@ -19,6 +19,9 @@ const std::vector<std::vector<std::string>> commands{
     {"diff", "@before"},
     {"who"},
     {"who", "rx_ring"},
+    {"lock"},
+    {"leaks"},
+    {"doctor"},
 };
 
 /// A region with two chunks of one name, a mapping, a device that is offline and references to one
