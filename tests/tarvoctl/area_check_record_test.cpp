@@ -225,7 +225,7 @@ TEST_F(area_check_record, TwoReferencesToADevice) {
 }
 
 TEST_F(area_check_record, NotesChunksThatAnOnlineDeviceDoesNotSee) {
-    const auto missing = [this](int chunk) {
+    const auto missing = [](int chunk) {
         return Contains(AllOf(Field(&finding::rule, "chunk-misses-device"),
                               Field(&finding::cls, finding_class::note),
                               Field(&finding::where, place{area_list::chunks, chunk})));

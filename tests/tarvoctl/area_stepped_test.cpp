@@ -85,7 +85,7 @@ class area_stepped : public testing::Test {
     /// Kills processes in the middle of calls, early and late, repairs the file itself after each
     /// and has the next process go on with it.
     void die_again_and_again(const std::vector<std::string>& commands) {
-        for (const std::size_t last_store : {1, 3, 6, 12, 20, 276}) {
+        for (const std::size_t last_store : {1U, 3U, 6U, 12U, 20U, 276U}) {
             for (const std::string& command : commands) {
                 SCOPED_TRACE(command + " up to store " + std::to_string(last_store));
                 client stepped = machine.start({"limits"});

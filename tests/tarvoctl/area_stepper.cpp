@@ -18,17 +18,11 @@ namespace {
     throw std::system_error(errno, std::generic_category(), what);
 }
 
-long request(__ptrace_request what, pid_t pid, void* address = nullptr, void* data = nullptr) {
-    const long result = ptrace(what, pid, address, data);
-    if (result == -1) {
+/// Both arguments are numbers or addresses, as the request has it.
+void request(__ptrace_request what, pid_t pid, long address = 0, long data = 0) {
+    if (ptrace(what, pid, address, data) == -1) {
         complain("ptrace");
     }
-    return result;
-}
-
-/// A number where the interface has a pointer.
-void* as_data(long value) {
-    return reinterpret_cast<void*>(value);
 }
 
 void wait_for_stop(pid_t pid) {
@@ -41,6 +35,11 @@ void wait_for_stop(pid_t pid) {
     }
 }
 
+void resume_and_wait(pid_t pid, __ptrace_request how) {
+    request(how, pid);
+    wait_for_stop(pid);
+}
+
 } // namespace
 
 area_stepper::area_stepper(client& stepped, const std::filesystem::path& lock_file)
@@ -48,7 +47,7 @@ area_stepper::area_stepper(client& stepped, const std::filesystem::path& lock_fi
     if (_lock == -1) {
         complain("the lock file");
     }
-    request(PTRACE_SEIZE, _pid, nullptr, as_data(PTRACE_O_TRACESYSGOOD | PTRACE_O_EXITKILL));
+    request(PTRACE_SEIZE, _pid, 0, PTRACE_O_TRACESYSGOOD | PTRACE_O_EXITKILL);
     request(PTRACE_INTERRUPT, _pid);
     wait_for_stop(_pid);
 }
@@ -59,16 +58,11 @@ area_stepper::~area_stepper() {
     close(_lock);
 }
 
-void area_stepper::resume_and_wait(__ptrace_request how) {
-    request(how, _pid);
-    wait_for_stop(_pid);
-}
-
-void area_stepper::run_until_it_has_the_lock() {
+void area_stepper::run_until_it_has_the_lock() const {
     for (bool takes_lock = false;;) {
-        resume_and_wait(PTRACE_SYSCALL);
+        resume_and_wait(_pid, PTRACE_SYSCALL);
         __ptrace_syscall_info info{};
-        request(PTRACE_GET_SYSCALL_INFO, _pid, as_data(sizeof info), &info);
+        request(PTRACE_GET_SYSCALL_INFO, _pid, sizeof info, reinterpret_cast<long>(&info));
         if (info.op == PTRACE_SYSCALL_INFO_ENTRY) {
             takes_lock = info.entry.nr == SYS_flock && info.entry.args[1] == LOCK_EX;
         } else if (info.op == PTRACE_SYSCALL_INFO_EXIT && takes_lock && info.exit.rval == 0) {
@@ -92,11 +86,11 @@ bool area_stepper::step(std::string_view command, const std::function<verdict()>
     run_until_it_has_the_lock();
     for (unsigned steps = 1; steps % steps_between_looks != 0 || !has_released_the_lock();
          ++steps) {
-        resume_and_wait(PTRACE_SINGLESTEP);
+        resume_and_wait(_pid, PTRACE_SINGLESTEP);
         if (after() == verdict::kill) {
             // As the signal of this stop: the client dies without another instruction, and not as
             // one that is traced, whose parent would learn of it too early.
-            request(PTRACE_DETACH, _pid, nullptr, as_data(SIGKILL));
+            request(PTRACE_DETACH, _pid, 0, SIGKILL);
             return false;
         }
     }

@@ -5,7 +5,6 @@
 #include <filesystem>
 #include <functional>
 #include <string_view>
-#include <sys/ptrace.h>
 #include <sys/types.h>
 
 /// Runs a client one machine instruction at a time while it holds the cross-process lock, which is
@@ -27,9 +26,8 @@ class area_stepper {
     bool step(std::string_view command, const std::function<verdict()>& after);
 
   private:
-    void run_until_it_has_the_lock();
+    void run_until_it_has_the_lock() const;
     bool has_released_the_lock() const;
-    void resume_and_wait(__ptrace_request how);
 
     client& _client;
     pid_t _pid;
