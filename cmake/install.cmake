@@ -66,7 +66,7 @@ endforeach()
 install_matching(${CMAKE_INSTALL_DATADIR}/bash-completion/completions tools completions/bash/*)
 install_matching(${CMAKE_INSTALL_DATADIR}/zsh/site-functions tools completions/zsh/*)
 install_matching(${CMAKE_INSTALL_DATADIR}/fish/vendor_completions.d tools completions/fish/*)
-install_matching(${CMAKE_INSTALL_DATADIR}/tarvo tools share/tarvo/*)
+install_matching(${CMAKE_INSTALL_DATADIR}/tarvo tools tools/tarvoctl/*.schema.json)
 install_matching(${CMAKE_INSTALL_DOCDIR}/examples tools packaging/*.rules)
 install(DIRECTORY examples DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT development
     FILES_MATCHING PATTERN "*.[ch]" PATTERN "*.[ch]pp" PATTERN "*.py" PATTERN "__pycache__" EXCLUDE)

@@ -3,7 +3,7 @@
 # the page that tells where things are decided.
 set -euo pipefail
 
-rooms='src|include|tools|tests|examples|scripts|docs|man|cmake|\.ci'
+rooms='src|include|tools|tests|examples|scripts|docs|man|cmake|packaging|python|completions|\.ci'
 missing=0
 
 complain() {

@@ -1,0 +1,47 @@
+#!/usr/bin/env bash
+# docs/tutorial.md: each command of it, run one after the other in one shell on one machine, prints
+# what is printed there.
+#
+# usage: tutorial.sh BUILD_DIRECTORY, in the source directory
+set -euo pipefail
+source_dir=$PWD
+build_dir=$1
+page=$source_dir/docs/tutorial.md
+
+# session: what stands in the ```console blocks.
+session() {
+    # shellcheck disable=SC2016 # marks of the page
+    sed -n '/^```console$/,/^```$/{/^```/!p}' "$page"
+}
+
+# As a person would have it who types the lines: what a command prints stands below it.
+typed() {
+    local line
+    while IFS= read -r line <&3; do
+        printf '%s\n' "$line"
+        eval "${line#$ }" </dev/null
+    done 3< <(session | grep '^\$ ')
+}
+
+place=$(mktemp -d)
+trap 'rm -rf "$place"' EXIT
+cd "$place"
+ln -s "$source_dir/examples" "$source_dir/python" .
+ln -s "$build_dir" build
+export -f typed session
+export page
+export PYTHONDONTWRITEBYTECODE=1
+
+[[ $(session | grep -c '^\$ ') -gt 20 ]] || { echo "the tutorial has hardly a command"; exit 1; }
+# The machine of the page's second step.
+# shellcheck disable=SC2016
+mapfile -t machine < <(sed -n '/^```sh$/,/^```$/{/tarvo-sandbox/p}' "$page")
+[[ ${machine[0]} == *"-- bash" ]] || { echo "the tutorial starts no machine"; exit 1; }
+status=0
+${machine[0]} -c typed >printed 2>&1 || status=$?
+if ((status == 125)); then
+    echo "SKIPPED: no sandbox on this machine: $(cat printed)"
+    exit 77
+fi
+# That there are processes nobody can look into is of this machine, not of the page.
+grep -v 'could not look into' printed | diff <(session) -
