@@ -1,6 +1,7 @@
 #include "repair_order.hpp"
 
 #include <algorithm>
+#include <fmt/format.h>
 #include <iterator>
 #include <map>
 #include <utility>
@@ -174,27 +175,23 @@ void list_links_reader::sort_out_the_rest() {
 
 namespace {
 
-/// Elements that a person has to look at.
-void leave_alone(const list_links& links, const std::vector<int>& elements, std::string_view why,
-                 decided_list& decided, repair_plan& plan) {
-    for (const int element : elements) {
-        plan.doubts.push_back({links.at(element), std::string(why)});
-        decided.left_alone.push_back(element);
-    }
-}
-
 constexpr std::string_view cut_off =
     "marked allocated, but the list is damaged in more than one place and it cannot be told "
     "whether this was part of it";
 
 } // namespace
 
+/// Devices and references that cannot be placed are one doubt: they say little by themselves, and a
+/// ruined area has millions of them.
 decided_list decide_unordered(const list_links& links, repair_plan& plan) {
     const list_links_reader reader(links, [](int) { return true; });
     decided_list decided{reader.order(), {}};
     decided.order.insert(decided.order.end(), reader.islands().begin(), reader.islands().end());
-    if (!reader.is_sound()) {
-        leave_alone(links, reader.strays(), cut_off, decided, plan);
+    if (!reader.is_sound() && !reader.strays().empty()) {
+        decided.left_alone = reader.strays();
+        plan.doubts.push_back({links.list, fmt::format("{} elements, the first of them {}: {}",
+                                                       decided.left_alone.size(),
+                                                       decided.left_alone.front(), cut_off)});
     }
     return decided;
 }
@@ -304,7 +301,8 @@ class chunk_decision {
     }
 
     void doubt(int chunk, std::string_view why) {
-        leave_alone(_links, {chunk}, why, _decided, _plan);
+        _plan.doubts.push_back({_links.at(chunk), std::string(why)});
+        _decided.left_alone.push_back(chunk);
     }
 
     void sort() {

@@ -43,35 +43,43 @@ std::vector<int> whole_free_chain(const list_links& links, const std::vector<boo
     return chain;
 }
 
-std::string reason_to_clear(const list_links& links, int element) {
+std::string_view reason_to_clear(const list_links& links, int element) {
     return links.flag(element) != 0 ? "marked allocated, but no part of the list: given back"
                                     : "free: cleared of what is left there";
 }
 
 } // namespace
 
+bool plan_writer::holds(std::size_t offset, std::span<const uint8_t> wanted) const {
+    return std::equal(wanted.begin(), wanted.end(),
+                      _bytes.begin() + static_cast<std::ptrdiff_t>(offset));
+}
+
 void plan_writer::write(std::size_t offset, std::span<const uint8_t> after, place where,
-                        std::string why) {
-    const auto before = _bytes.subspan(offset, after.size());
-    if (!std::equal(after.begin(), after.end(), before.begin())) {
+                        std::string_view why) {
+    if (!holds(offset, after)) {
+        const auto before = _bytes.subspan(offset, after.size());
         _plan.edits.push_back({offset,
                                {before.begin(), before.end()},
                                {after.begin(), after.end()},
                                where,
-                               std::move(why)});
+                               std::string(why)});
     }
 }
 
-void plan_writer::set_byte(std::size_t offset, uint8_t value, place where, std::string why) {
-    write(offset, {&value, 1}, where, std::move(why));
+void plan_writer::set_byte(std::size_t offset, uint8_t value, place where, std::string_view why) {
+    write(offset, {&value, 1}, where, why);
 }
 
-void plan_writer::set_link(std::size_t offset, int32_t value, place where, std::string why) {
+/// Nearly all links are as they should be, so their texts are not even made.
+void plan_writer::set_link(std::size_t offset, int32_t value, place where, std::string_view name) {
     const auto bytes = std::bit_cast<std::array<uint8_t, sizeof value>>(value);
-    write(offset, bytes, where, std::move(why));
+    if (!holds(offset, bytes)) {
+        write(offset, bytes, where, fmt::format("{} becomes {}", name, value));
+    }
 }
 
-void plan_writer::clear(std::size_t offset, std::size_t bytes, place where, std::string why) {
+void plan_writer::clear(std::size_t offset, std::size_t bytes, place where, std::string_view why) {
     const auto field = _bytes.subspan(offset, bytes);
     if (is_zero(field)) {
         return;
@@ -80,7 +88,7 @@ void plan_writer::clear(std::size_t offset, std::size_t bytes, place where, std:
     const auto first = std::find_if(field.begin(), field.end(), holds_something);
     const auto behind = std::find_if(field.rbegin(), field.rend(), holds_something).base();
     const std::vector<uint8_t> zeros(static_cast<std::size_t>(behind - first));
-    write(offset + static_cast<std::size_t>(first - field.begin()), zeros, where, std::move(why));
+    write(offset + static_cast<std::size_t>(first - field.begin()), zeros, where, why);
 }
 
 void plan_writer::write_order(const list_links& links, const std::vector<int>& order) {
@@ -90,10 +98,8 @@ void plan_writer::write_order(const list_links& links, const std::vector<int>& o
         const int prev = order[(i + order.size() - 1) % order.size()];
         const std::size_t offset = links.offset_of(element);
         const place where = links.at(element);
-        set_link(offset + list_links::next_offset, next, where,
-                 fmt::format("next becomes {}, the element that follows", next));
-        set_link(offset + list_links::prev_offset, prev, where,
-                 fmt::format("prev becomes {}, the element before", prev));
+        set_link(offset + list_links::next_offset, next, where, "next");
+        set_link(offset + list_links::prev_offset, prev, where, "prev");
         set_byte(offset + list_links::flag_offset, allocated, where,
                  "on the list, so marked allocated");
     }
@@ -103,8 +109,8 @@ void plan_writer::write_ends(const list_links& links, const std::vector<int>& or
     const int head = order.empty() ? -1 : order.front();
     const int tail = order.empty() ? -1 : order.back();
     const std::size_t ends = links.ends_offset();
-    set_link(ends + head_offset, head, links.list, fmt::format("head becomes {}", head));
-    set_link(ends + tail_offset, tail, links.list, fmt::format("tail becomes {}", tail));
+    set_link(ends + head_offset, head, links.list, "head");
+    set_link(ends + tail_offset, tail, links.list, "tail");
 }
 
 void plan_writer::write_free_chain(const list_links& links, const std::vector<bool>& in_use) {
@@ -115,12 +121,10 @@ void plan_writer::write_free_chain(const list_links& links, const std::vector<bo
         const std::size_t offset = links.offset_of(element);
         clear(offset + list_links::prev_offset, links.element_bytes - list_links::prev_offset,
               links.at(element), reason_to_clear(links, element));
-        set_link(offset + list_links::next_offset, next, links.at(element),
-                 fmt::format("next becomes {}, the free element that follows", next));
+        set_link(offset + list_links::next_offset, next, links.at(element), "next free element");
     }
     const int first = chain.empty() ? -1 : chain.front();
-    set_link(links.ends_offset() + free_offset, first, links.list,
-             fmt::format("the free chain begins with {}", first));
+    set_link(links.ends_offset() + free_offset, first, links.list, "first free element");
 }
 
 void plan_writer::write_list(const list_links& links, const decided_list& decided) {

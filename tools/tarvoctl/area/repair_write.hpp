@@ -4,7 +4,8 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <string>
+#include <span>
+#include <string_view>
 
 namespace tarvoctl {
 
@@ -18,13 +19,15 @@ class plan_writer {
     /// The same, but a list that needs many edits gets a single one: a plan of millions of edits
     /// helps nobody.
     void write_small_list(const list_links& links, const decided_list& decided);
-    void set_byte(std::size_t offset, uint8_t value, place where, std::string why);
+    void set_byte(std::size_t offset, uint8_t value, place where, std::string_view why);
 
   private:
-    void set_link(std::size_t offset, int32_t value, place where, std::string why);
+    bool holds(std::size_t offset, std::span<const uint8_t> wanted) const;
+    void set_link(std::size_t offset, int32_t value, place where, std::string_view name);
     /// Clears as little as makes the bytes zero.
-    void clear(std::size_t offset, std::size_t bytes, place where, std::string why);
-    void write(std::size_t offset, std::span<const uint8_t> after, place where, std::string why);
+    void clear(std::size_t offset, std::size_t bytes, place where, std::string_view why);
+    void write(std::size_t offset, std::span<const uint8_t> after, place where,
+               std::string_view why);
     void fuse(std::size_t first_edit, std::size_t offset, std::size_t bytes, place where);
     void write_order(const list_links& links, const std::vector<int>& order);
     void write_ends(const list_links& links, const std::vector<int>& order);
