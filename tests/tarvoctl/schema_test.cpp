@@ -1,5 +1,7 @@
 #include "tool.hpp"
 
+#include <csignal>
+#include <filesystem>
 #include <fstream>
 #include <gtest/gtest.h>
 #include <set>
@@ -22,6 +24,15 @@ const std::vector<std::vector<std::string>> commands{
     {"lock"},
     {"leaks"},
     {"doctor"},
+    {"find", "0x20000000"},
+    {"find", "0x30000000"},
+    {"translate", "0x200000000"},
+    {"limits"},
+    {"alloc", "fresh", "4K"},
+    {"register", "05:00.0"},
+    {"free", "rx_ring"},
+    {"free", "fresh", "--force"},
+    {"unregister", "05:00.0", "--force"},
 };
 
 /// A region with two chunks of one name, a mapping, a device that is offline and references to one
@@ -77,6 +88,27 @@ class validator {
     std::set<std::string> _seen;
 };
 
+/// Lines of watch: what it begins with, changes, and the end of the area.
+std::vector<nlohmann::json> watched(sandbox& machine, client& driver) {
+    running_tool watch = start_tarvoctl(machine, {"watch", "--json", "--interval", "0.02"});
+    std::vector<nlohmann::json> told;
+    const auto take = [&] {
+        told.push_back(nlohmann::json::parse(watch.program.read_line().value()));
+    };
+    take();
+    driver.alloc("watched", 0x1000, "driver");
+    take();
+    driver.register_device(0, 6, 0);
+    take();
+    machine.writable_area().writer().i32(area_offset::chunk(3) + area_offset::next, 3);
+    while (told.back().at("change") != "damaged")
+        take();
+    std::filesystem::remove(machine.shared_area());
+    take();
+    watch.end_by(SIGTERM);
+    return told;
+}
+
 TEST(Schema, EveryCommandKeepsToIt) {
     sandbox machine(high);
     const temporary_folder folder;
@@ -90,10 +122,15 @@ TEST(Schema, EveryCommandKeepsToIt) {
         words.emplace_back("--json");
         documents.add(json_of(tarvoctl(machine, words)));
     }
-    // One with damage to tell of.
-    machine.writable_area().writer().i32(area_offset::chunk(3) + area_offset::next, 3);
+    // With damage to tell of.
+    const auto link = area_offset::chunk(3) + area_offset::next;
+    const int32_t sound = machine.area().view().i32(link);
+    machine.writable_area().writer().i32(link, 3);
     for (const char* command : {"list", "check", "map", "devices"})
         documents.add(json_of(tarvoctl(machine, {command, "--json"})));
+    machine.writable_area().writer().i32(link, sound);
+    for (const auto& line : watched(machine, driver))
+        documents.add(line);
     EXPECT_EQ(documents.complaint(), "");
     EXPECT_EQ(documents.missing(), std::set<std::string>{});
 }

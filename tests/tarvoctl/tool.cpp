@@ -1,5 +1,6 @@
 #include "tool.hpp"
 
+#include <csignal>
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
@@ -19,6 +20,33 @@ tool_outcome tarvoctl(sandbox& where, const std::vector<std::string>& words,
     process tool = where.start_process(command);
     const ending end = tool.wait();
     return {end.signal == 0 ? end.status : -1, file_text(output_file), tool.error_text()};
+}
+
+ending running_tool::end_by(int signal) {
+    kill(pid, signal);
+    return program.wait();
+}
+
+running_tool start_tarvoctl(sandbox& where, const std::vector<std::string>& words,
+                            const std::string& terminal) {
+    // The shell tells its number, which becomes the program's.
+    const std::string script = terminal.empty() ? "echo $$; shift; exec \"$@\""
+                                                : "echo $$; exec <>\"$1\" >&0; shift; exec \"$@\"";
+    std::vector<std::string> command{"sh", "-c", script, "sh", terminal, TARVOCTL};
+    command.insert(command.end(), words.begin(), words.end());
+    process program = where.start_process(command);
+    const pid_t pid = std::stoi(program.read_line().value());
+    return {std::move(program), pid};
+}
+
+std::string own_errors(const tool_outcome& outcome) {
+    std::string own;
+    for (const std::string& line : lines_of(outcome.errors)) {
+        if (!line.starts_with("tarvoctl: could not look into ")) {
+            own += line + '\n';
+        }
+    }
+    return own;
 }
 
 nlohmann::json json_of(const tool_outcome& outcome) {

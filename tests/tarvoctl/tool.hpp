@@ -18,6 +18,24 @@ struct tool_outcome {
 tool_outcome tarvoctl(sandbox& where, const std::vector<std::string>& words,
                       const std::string& input = "");
 
+/// tarvoctl while it runs.
+struct running_tool {
+    process program;
+    pid_t pid; ///< its own, where `program` may be the sandbox's
+
+    /// Ends it by that signal and waits for its end.
+    ending end_by(int signal);
+};
+
+/// Starts tarvoctl in the sandbox, for commands that go on until they are ended. Its standard input
+/// and output are the terminal of that name, if one is given.
+running_tool start_tarvoctl(sandbox& where, const std::vector<std::string>& words,
+                            const std::string& terminal = "");
+
+/// What a command said on standard error, without a remark about processes that not even root may
+/// look into, which depends on the machine.
+std::string own_errors(const tool_outcome& outcome);
+
 /// The JSON object that a command printed; a test that gets none fails with what it got.
 nlohmann::json json_of(const tool_outcome& outcome);
 

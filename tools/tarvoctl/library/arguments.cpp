@@ -88,7 +88,8 @@ device_record parse_device(const std::string& text) {
                               : hexadecimal(take_behind(rest, '.'));
     const auto slot = hexadecimal(take_behind(rest, ':'));
     const auto bus = hexadecimal(take_behind(rest, ':'));
-    const auto domain = rest.empty() ? std::optional{0U} : hexadecimal(rest);
+    const bool has_domain = std::count(text.begin(), text.end(), ':') > 1;
+    const auto domain = has_domain ? hexadecimal(rest) : std::optional{0U};
     if (!domain || !bus || !slot || !function || *slot > last_slot || *function > last_function) {
         refuse(fmt::format("'{}' is no PCI device; write it as 0000:03:00.0 or 03:00.0 (lspci -D "
                            "lists them)",

@@ -1,0 +1,215 @@
+#include "tool.hpp"
+
+#include <gtest/gtest.h>
+
+namespace {
+
+class Bytes : public ::testing::Test {
+  protected:
+    Bytes() { driver.alloc("rx_ring", 0x2000, "driver"); }
+
+    sandbox machine{high};
+    client driver = machine.start();
+};
+
+TEST_F(Bytes, AreShownWithTheirOffsetsLikeHexdumpDoes) {
+    EXPECT_EQ(
+        tarvoctl(machine, {"write", "rx_ring", "--offset", "0x1014"}, "hello\n\x7f\xff").output,
+        "rx_ring: wrote 8 bytes at offset 0x1014\n");
+    const auto outcome =
+        tarvoctl(machine, {"read", "rx_ring", "--offset", "0xff0", "--size", "0x58"});
+    EXPECT_EQ(outcome.status, 0);
+    EXPECT_EQ(outcome.errors, "");
+    EXPECT_EQ(outcome.output,
+              "00000ff0  00 00 00 00 00 00 00 00  00 00 00 00 00 00 00 00  |................|\n"
+              "*\n"
+              "00001010  00 00 00 00 68 65 6c 6c  6f 0a 7f ff 00 00 00 00  |....hello.......|\n"
+              "00001020  00 00 00 00 00 00 00 00  00 00 00 00 00 00 00 00  |................|\n"
+              "*\n"
+              "00001040  00 00 00 00 00 00 00 00                           |........|\n"
+              "00001048\n");
+}
+
+TEST_F(Bytes, AreGivenRaw) {
+    tarvoctl(machine, {"write", "rx_ring"}, std::string("a\0b\n", 4));
+    EXPECT_EQ(tarvoctl(machine, {"read", "rx_ring", "--raw", "--size", "4"}).output,
+              std::string("a\0b\n", 4));
+    EXPECT_EQ(tarvoctl(machine, {"read", "rx_ring", "--raw"}).output.size(), 0x2000);
+}
+
+TEST_F(Bytes, AreSeenByOtherProcesses) {
+    const auto address = driver.map("rx_ring");
+    tarvoctl(machine, {"fill", "rx_ring", "0xab", "--offset", "0x1001", "--size", "2"});
+    const auto outcome =
+        tarvoctl(machine, {"read", "rx_ring", "--offset", "0x1000", "--size", "4", "--raw"});
+    EXPECT_EQ(outcome.output, std::string("\0\xab\xab\0", 4));
+    EXPECT_NE(address, 0);
+    EXPECT_EQ(file_text(machine.memory_file()).size() > 0, true);
+}
+
+TEST_F(Bytes, FillTakesTheWholeChunkWhereNothingElseIsSaid) {
+    const auto outcome = tarvoctl(machine, {"fill", "rx_ring", "65"});
+    EXPECT_EQ(outcome.status, 0);
+    EXPECT_EQ(outcome.output, "rx_ring: wrote 8192 bytes at offset 0x0\n");
+    EXPECT_EQ(tarvoctl(machine, {"read", "rx_ring", "--raw"}).output, std::string(0x2000, 'A'));
+}
+
+TEST_F(Bytes, AnInputThatIsTooLongIsRefusedBeforeAnythingIsWritten) {
+    const auto outcome =
+        tarvoctl(machine, {"write", "rx_ring", "--offset", "0x1fff"}, "no room for it");
+    EXPECT_EQ(outcome.status, 2);
+    EXPECT_EQ(outcome.errors, "tarvoctl: standard input has 14 bytes, and 'rx_ring' has 1 from "
+                              "offset 0x1fff on; nothing was written\n");
+    EXPECT_EQ(tarvoctl(machine, {"read", "rx_ring", "--raw"}).output, std::string(0x2000, '\0'));
+}
+
+TEST_F(Bytes, APipeThatIsTooLongIsWrittenUpToTheChunksEnd) {
+    driver.alloc("behind", 0x1000);
+    running_tool tool = start_tarvoctl(machine, {"write", "rx_ring", "--offset", "8190"});
+    tool.program.write_line("abcd");
+    EXPECT_EQ(tool.program.wait(), (ending{2, 0}));
+    EXPECT_EQ(tool.program.error_text(),
+              "tarvoctl: stopped at the end of 'rx_ring': 2 bytes are written at offset 0x1ffe, "
+              "and standard input has more\n");
+    EXPECT_EQ(tarvoctl(machine, {"read", "rx_ring", "--raw", "--offset", "8190"}).output, "ab");
+    EXPECT_EQ(tarvoctl(machine, {"read", "behind", "--raw", "--size", "2"}).output,
+              std::string(2, '\0'));
+}
+
+TEST_F(Bytes, WindowsOutsideTheChunkAreUsageErrors) {
+    const auto message = [&](const std::vector<std::string>& words) {
+        const auto outcome = tarvoctl(machine, words);
+        EXPECT_EQ(outcome.status, 2);
+        return outcome.errors;
+    };
+    EXPECT_EQ(message({"read", "rx_ring", "--offset", "8K"}),
+              "tarvoctl: --offset 8K is not in 'rx_ring', which has 8192 bytes\n");
+    EXPECT_EQ(message({"read", "rx_ring", "--offset", "4K", "--size", "4097"}),
+              "tarvoctl: --size 4097 is not 1 to 4096: 'rx_ring' has 4096 bytes from offset 4096 "
+              "on\n");
+    EXPECT_EQ(message({"fill", "rx_ring", "1", "--size", "0"}),
+              "tarvoctl: --size 0 is not 1 to 8192: 'rx_ring' has 8192 bytes from offset 0 on\n");
+    EXPECT_EQ(message({"fill", "rx_ring", "256"}), "tarvoctl: BYTE 256 is more than 0xff\n");
+    EXPECT_EQ(message({"fill", "rx_ring", "x"}),
+              "tarvoctl: BYTE 'x' is no number; write it as 128 or 0x80\n");
+    EXPECT_EQ(message({"read", "rx"}),
+              "tarvoctl: no chunk is called 'rx'; similar ones: rx_ring\n");
+}
+
+class Addresses : public ::testing::Test {
+  protected:
+    Addresses() { driver.alloc("rx_ring", 0x2000, "driver"); }
+
+    sandbox machine{high};
+    client driver = machine.start();
+};
+
+TEST_F(Addresses, FindTellsTheChunkAndTheOffset) {
+    const auto found = tarvoctl(machine, {"find", "0x20001004"});
+    EXPECT_EQ(found.status, 0);
+    EXPECT_EQ(found.output, "DMA 0x20001004 is in 'rx_ring', offset 0x1004 of 0x2000\n");
+    const auto document = json_of(tarvoctl(machine, {"find", "0x20001004", "--json"}));
+    EXPECT_EQ(document.at("chunk").at("name"), "rx_ring");
+    EXPECT_EQ(document.at("offset"), 0x1004);
+    EXPECT_EQ(document.at("pa").at("hex"), "0x200001004");
+}
+
+TEST_F(Addresses, FreeBytesAreAFinding) {
+    const auto outcome = tarvoctl(machine, {"find", "0x20002000"});
+    EXPECT_EQ(outcome.status, 1);
+    EXPECT_EQ(outcome.output, "DMA 0x20002000 is in no chunk\n");
+    EXPECT_EQ(json_of(tarvoctl(machine, {"find", "0x20002000", "--json"})).at("chunk"), nullptr);
+}
+
+TEST_F(Addresses, FindAgreesWithTheLibrary) {
+    driver.alloc("other", 0x1000);
+    for (const std::uint32_t dma :
+         {0x20000000U, 0x20001fffU, 0x20002000U, 0x20002fffU, 0x20003000U, 0x5fffffffU}) {
+        const auto document = json_of(tarvoctl(machine, {"find", std::to_string(dma), "--json"}));
+        const found_chunk found = driver.find(dma);
+        const auto& chunk = document.at("chunk");
+        EXPECT_EQ(chunk.is_null(), !found.name.has_value());
+        if (found.name) {
+            EXPECT_EQ(chunk.at("name"), *found.name);
+            EXPECT_EQ(chunk.at("dma").at("number"), found.dma);
+        }
+    }
+}
+
+TEST_F(Addresses, TranslateTakesBothKinds) {
+    const std::string expected =
+        "DMA 0x20001004, physical 0x200001004, in 'rx_ring', offset 0x1004 of 0x2000\n";
+    EXPECT_EQ(tarvoctl(machine, {"translate", "0x20001004"}).output, expected);
+    EXPECT_EQ(tarvoctl(machine, {"translate", "0x200001004"}).output, expected);
+    EXPECT_EQ(tarvoctl(machine, {"translate", "0x20001004", "--dma"}).output, expected);
+    EXPECT_EQ(tarvoctl(machine, {"translate", "8589938692", "--pa"}).output, expected);
+    EXPECT_EQ(tarvoctl(machine, {"translate", "0x23fffffff"}).output,
+              "DMA 0x5fffffff, physical 0x23fffffff, in no chunk\n");
+}
+
+TEST_F(Addresses, TranslateAgreesWithTheLibrary) {
+    const auto document = json_of(tarvoctl(machine, {"translate", "0x20001004", "--json"}));
+    EXPECT_EQ(document.at("pa").at("number"), driver.to_pa(0x20001004));
+    EXPECT_EQ(document.at("dma").at("number"), driver.to_dma(0x200001004));
+}
+
+TEST_F(Addresses, OutsideTheRegionIsAUsageErrorThatTellsTheRegion) {
+    const std::string region = " is not in the region; the region is DMA 0x20000000-0x5fffffff, "
+                               "physical 0x200000000-0x23fffffff\n";
+    const auto message = [&](const std::vector<std::string>& words) {
+        const auto outcome = tarvoctl(machine, words);
+        EXPECT_EQ(outcome.status, 2);
+        return outcome.errors;
+    };
+    EXPECT_EQ(message({"find", "0x1fffffff"}), "tarvoctl: DMA address 0x1fffffff" + region);
+    EXPECT_EQ(message({"find", "0x60000000"}), "tarvoctl: DMA address 0x60000000" + region);
+    EXPECT_EQ(message({"translate", "5"}), "tarvoctl: DMA or physical address 5" + region);
+    EXPECT_EQ(message({"translate", "0x20000000", "--pa"}),
+              "tarvoctl: physical address 0x20000000" + region);
+    EXPECT_EQ(message({"find", "0x100000000"}),
+              "tarvoctl: DMA 0x100000000 is more than 0xffffffff\n");
+    EXPECT_EQ(message({"find", "20z"}),
+              "tarvoctl: DMA '20z' is no number; write it as 128 or 0x80\n");
+}
+
+TEST(AmbiguousAddress, IsAskedAbout) {
+    // Seen from 0x20000000 on, because it ends above 4 GiB: the two ranges overlap.
+    sandbox machine(high, {"--region", "30000000-10fffffff"});
+    machine.start().alloc("a", 0x1000);
+    const auto outcome = tarvoctl(machine, {"translate", "0x30000000"});
+    EXPECT_EQ(outcome.status, 2);
+    EXPECT_EQ(outcome.errors,
+              "tarvoctl: 0x30000000 is a DMA address and a physical one; say --dma or --pa\n");
+    EXPECT_EQ(tarvoctl(machine, {"translate", "0x30000000", "--pa"}).output,
+              "DMA 0x20000000, physical 0x30000000, in 'a', offset 0x0 of 0x1000\n");
+    EXPECT_EQ(tarvoctl(machine, {"translate", "0x30000000", "--dma"}).output,
+              "DMA 0x30000000, physical 0x40000000, in no chunk\n");
+}
+
+class Limits : public ::testing::TestWithParam<world> {};
+
+TEST_P(Limits, AreTheLibrarys) {
+    sandbox machine(GetParam());
+    client driver = machine.start();
+    const dma_limits expected = driver.limits();
+    const auto document = json_of(tarvoctl(machine, {"limits", "--json"}));
+    const auto& region = document.at("region");
+    EXPECT_EQ(region.at("dma").at("number"), expected.start);
+    EXPECT_EQ(region.at("dma_end").at("number"), expected.end - 1);
+    EXPECT_EQ(region.at("pa").at("number"), GetParam().start);
+    EXPECT_EQ(region.at("size"), GetParam().bytes);
+    EXPECT_EQ(document.at("bookkeeping_bytes"), rounded_to_pages(area_offset::content_end));
+}
+
+INSTANTIATE_TEST_SUITE_P(Worlds, Limits, ::testing::ValuesIn(all_worlds()), world_name());
+
+TEST(LimitsText, TellsBothRangesAndTheSize) {
+    sandbox machine(crossing);
+    machine.start().limits();
+    EXPECT_EQ(tarvoctl(machine, {"limits"}).output, "DMA          0x20000000-0x3fffffff\n"
+                                                    "physical     0xf0000000-0x10fffffff\n"
+                                                    "size         536870912 (512M)\n"
+                                                    "bookkeeping  70131712\n");
+}
+
+} // namespace

@@ -1,0 +1,357 @@
+#include "tool.hpp"
+
+#include <algorithm>
+#include <gtest/gtest.h>
+#include <memory>
+#include <regex>
+#include <unistd.h>
+
+namespace {
+
+std::string first_column(const tool_outcome& outcome) {
+    return outcome.output.substr(0, outcome.output.find(','));
+}
+
+TEST(Alloc, MakesAChunkOnceAndSharesItThen) {
+    sandbox machine(high);
+    const auto made = tarvoctl(machine, {"alloc", "rx_ring", "64K", "--creator", "shell"});
+    EXPECT_EQ(made.status, 0);
+    EXPECT_EQ(made.output, "rx_ring: new, 65536 bytes at DMA 0x20000000, physical 0x200000000\n");
+    EXPECT_EQ(made.errors, "");
+    const auto shared = tarvoctl(machine, {"alloc", "rx_ring", "65535"});
+    EXPECT_EQ(shared.status, 0);
+    EXPECT_EQ(shared.output, "rx_ring: shared, it was there, 65536 bytes at DMA 0x20000000, "
+                             "physical 0x200000000\n");
+    const auto chunks = machine.area().view().chunks();
+    ASSERT_EQ(chunks.size(), 3);
+    EXPECT_EQ(chunks[1].creator, "shell");
+}
+
+TEST(Alloc, IsItsOwnCreatorAndTellsThePlaceAsJson) {
+    sandbox machine(low);
+    const auto document = json_of(tarvoctl(machine, {"alloc", "a", "1", "--json"}));
+    EXPECT_EQ(document.at("shared"), false);
+    EXPECT_EQ(document.at("chunk").at("size"), 4096);
+    EXPECT_EQ(document.at("chunk").at("pa").at("number"), 0x80000000);
+    EXPECT_EQ(document.at("chunk").at("creator"), "tarvoctl");
+    EXPECT_EQ(json_of(tarvoctl(machine, {"alloc", "a", "1", "--json"})).at("shared"), true);
+}
+
+TEST(Alloc, AnotherSizeOfANameNeedsToBeAskedFor) {
+    sandbox machine(low);
+    client driver = machine.start();
+    driver.alloc("stats", 0x1000);
+    const auto refused = tarvoctl(machine, {"alloc", "stats", "8K"});
+    EXPECT_EQ(refused.status, 2);
+    EXPECT_EQ(refused.errors,
+              "tarvoctl: there is a chunk 'stats' of 4096 bytes, not 8192; ask for that size, or "
+              "for a second chunk of the name with --duplicate\n");
+    EXPECT_EQ(machine.area().view().chunks().size(), 3);
+    const auto made = tarvoctl(machine, {"alloc", "stats", "8K", "--duplicate"});
+    EXPECT_EQ(made.status, 0);
+    EXPECT_EQ(made.output, "stats: new, 8192 bytes at DMA 0x80001000, physical 0x80001000\n");
+    EXPECT_EQ(made.errors, "tarvo: find_chunk_desc() size mismatch, see tarvo\n\n");
+}
+
+TEST(Alloc, WhatWouldEndTheLibrarysProcessIsRefusedBeforeTheCall) {
+    sandbox machine(low);
+    const auto message = [&](const std::vector<std::string>& words) {
+        const auto outcome = tarvoctl(machine, words);
+        EXPECT_EQ(outcome.status, 2) << outcome.errors;
+        return outcome.errors;
+    };
+    const std::string long_name(50, 'n');
+    EXPECT_EQ(message({"alloc", long_name, "1"}),
+              "tarvoctl: the name '" + long_name + "' has 50 bytes; a chunk's name has 1 to 49\n");
+    EXPECT_EQ(message({"alloc", "", "1"}),
+              "tarvoctl: NAME is empty; a chunk's name has 1 to 49 bytes\n");
+    EXPECT_EQ(message({"alloc", "__TAIL", "1"}),
+              "tarvoctl: '__TAIL' bounds the region and is no chunk; choose another name\n");
+    EXPECT_EQ(message({"free", "__TAIL", "--force"}),
+              "tarvoctl: '__TAIL' bounds the region and is no chunk; choose another name\n");
+    EXPECT_EQ(message({"alloc", "a", "0"}),
+              "tarvoctl: SIZE '0' is 0 bytes; a chunk has 1 to 4294963200\n");
+    EXPECT_EQ(message({"alloc", "a", "0xfffff001"}),
+              "tarvoctl: SIZE '0xfffff001' is 4294963201 bytes; a chunk has 1 to 4294963200\n");
+    EXPECT_EQ(message({"alloc", "a", "1", "--creator", ""}),
+              "tarvoctl: --creator is empty; say who allocates, or leave it out\n");
+    EXPECT_FALSE(exists(machine.shared_area())) << "nothing of this starts the region";
+}
+
+TEST(Alloc, MoreThanTwoGibibytesIsRefusedWhileADeviceIsOnline) {
+    sandbox machine(low, {});
+    client driver = machine.start();
+    driver.register_device(0, 3, 0);
+    const auto outcome = tarvoctl(machine, {"alloc", "big", "0x80000001"});
+    EXPECT_EQ(outcome.status, 2);
+    EXPECT_EQ(outcome.errors, "tarvoctl: SIZE: 2147487744 bytes cannot be mapped for 0000:03:00.0, "
+                              "which is online; devices see chunks of at most 2147483648 bytes\n");
+}
+
+TEST(Alloc, TellsHowMuchRoomThereIsWhenThereIsTooLittle) {
+    sandbox machine(low);
+    client driver = machine.start();
+    driver.alloc("a", 0x1000);
+    const auto outcome = tarvoctl(machine, {"alloc", "big", "256M"});
+    EXPECT_EQ(outcome.status, 1);
+    EXPECT_EQ(outcome.errors,
+              "tarvoctl: no room for 268435456 bytes: the largest gap has 268431360, all gaps "
+              "together 268431360; 'tarvoctl map' shows them\n");
+}
+
+TEST(Alloc, TellsThatTheKernelGaveNothing) {
+    sandbox machine(cma, {"--rule", "op=allocate,errno=ENOMEM"});
+    machine.start().limits();
+    const auto outcome = tarvoctl(machine, {"alloc", "a", "4K"});
+    EXPECT_EQ(outcome.status, 1);
+    EXPECT_NE(outcome.errors.find("tarvoctl: the kernel driver gave no place for 4096 bytes\n"),
+              std::string::npos)
+        << outcome.errors;
+}
+
+TEST(Alloc, TheLibrarysLastWordIsAFailureAndNotTheEndOfTheTool) {
+    sandbox machine(low);
+    client driver = machine.start();
+    driver.register_device(0, 3, 0);
+    machine.add_rules({"op=map,errno=EIO"});
+    const auto outcome = tarvoctl(machine, {"alloc", "a", "4K"});
+    EXPECT_EQ(outcome.status, 1);
+    EXPECT_EQ(outcome.output, "");
+    EXPECT_NE(outcome.errors.find("Error IOMMU mapping chunk Input/output error\n"),
+              std::string::npos);
+    EXPECT_TRUE(outcome.errors.ends_with(
+        "tarvoctl: the library broke off the call by SIGABRT; its reason is above. 'tarvoctl "
+        "check' tells whether the area is whole\n"))
+        << outcome.errors;
+}
+
+TEST(Alloc, ADamagedAreaIsLeftAlone) {
+    sandbox machine(low);
+    client driver = machine.start();
+    driver.alloc("first", 0x1000);
+    driver.alloc("second", 0x1000);
+    machine.writable_area().writer().i32(area_offset::chunk(2) + area_offset::next, 2);
+    const auto outcome = tarvoctl(machine, {"alloc", "third", "4K"});
+    EXPECT_EQ(outcome.status, 4);
+    EXPECT_EQ(outcome.errors,
+              "tarvoctl: the list of chunks is damaged: it leads back to element 2: the library "
+              "would break off the call, or make it worse; see 'tarvoctl check' and 'tarvoctl "
+              "repair'\n");
+}
+
+TEST(Alloc, AChunkOutsideTheRegionIsNotHandedToTheLibrary) {
+    sandbox machine(low);
+    client driver = machine.start();
+    driver.alloc("first", 0x1000);
+    machine.writable_area().writer().u64(area_offset::chunk(2) + area_offset::pa, 0x1000);
+    const auto outcome = tarvoctl(machine, {"read", "first"});
+    EXPECT_EQ(outcome.status, 4);
+    EXPECT_TRUE(outcome.errors.starts_with(
+        "tarvoctl: chunk 'first' (0x000001000-0x000001fff) does not lie in the region: "))
+        << outcome.errors;
+}
+
+TEST(Alloc, WithoutARegionItSaysWhatIsMissing) {
+    sandbox machine(low, {"--without", "proc"});
+    const auto outcome = tarvoctl(machine, {"alloc", "a", "4K"});
+    EXPECT_EQ(outcome.status, 3);
+    EXPECT_EQ(outcome.errors,
+              "tarvoctl: there is no region: /proc/tarvo is missing or does not describe one, and "
+              "SIMULATION_VMID is not set and /var/tmp/tarvo cannot be used. Load the kernel "
+              "driver, or run with SIMULATION_VMID set\n");
+    EXPECT_FALSE(exists(machine.shared_area()));
+}
+
+TEST(Free, NamesWhoHasTheChunkAndRefusesWithoutATerminal) {
+    sandbox machine(low);
+    client driver = machine.start();
+    driver.alloc("rx_ring", 0x1000);
+    driver.register_device(0, 3, 0);
+    driver.map("rx_ring");
+    const std::string holder = std::to_string(driver.pid()) + " (tarvo-client)";
+    const std::string effects = "tarvoctl: 'rx_ring' is mapped by " + holder +
+                                ", which would go on seeing memory that may become another "
+                                "chunk's\n"
+                                "tarvoctl: 'rx_ring' is mapped for 0000:03:00.0, which would lose "
+                                "it\n";
+    const auto refused = tarvoctl(machine, {"free", "rx_ring"});
+    EXPECT_EQ(refused.status, 1);
+    EXPECT_EQ(refused.output, "");
+    EXPECT_EQ(own_errors(refused),
+              effects + "tarvoctl: nothing was changed; --force does it without asking\n");
+    EXPECT_EQ(machine.area().view().chunks().size(), 3);
+    const auto forced = tarvoctl(machine, {"free", "rx_ring", "--force"});
+    EXPECT_EQ(forced.status, 0);
+    EXPECT_EQ(forced.output, "rx_ring: freed, 4096 bytes at DMA 0x80000000, physical 0x80000000\n");
+    EXPECT_EQ(own_errors(forced), effects);
+    EXPECT_EQ(machine.area().view().chunks().size(), 2);
+}
+
+TEST(Free, TellsWhoHadItAsJson) {
+    sandbox machine(simulation);
+    client driver = machine.start();
+    client other = machine.start();
+    driver.alloc("rx_ring", 0x2000);
+    driver.map("rx_ring");
+    other.map("rx_ring", false, 0x1000);
+    const auto refused = json_of(tarvoctl(machine, {"free", "rx_ring", "--json"}));
+    EXPECT_EQ(refused.at("freed"), false);
+    std::vector<pid_t> holders;
+    for (const auto& each : refused.at("processes"))
+        holders.push_back(each.at("pid"));
+    std::vector<pid_t> expected{driver.pid(), other.pid()};
+    std::sort(expected.begin(), expected.end());
+    EXPECT_EQ(holders, expected);
+    EXPECT_EQ(json_of(tarvoctl(machine, {"free", "rx_ring", "--json", "--force"})).at("freed"),
+              true);
+}
+
+TEST(Free, AChunkThatNobodyHasIsFreedWithoutATerminal) {
+    sandbox machine(low);
+    client driver = machine.start();
+    driver.alloc("a", 0x1000);
+    driver.alloc("a", 0x2000);
+    const auto outcome = tarvoctl(machine, {"free", "a"});
+    EXPECT_EQ(outcome.status, 0);
+    EXPECT_EQ(first_column(outcome), "a: freed");
+    EXPECT_EQ(own_errors(outcome),
+              "tarvoctl: 2 chunks are called 'a'; this is the lowest, at 0x80000000\n");
+    EXPECT_EQ(machine.area().view().chunks().at(1).size, 0x2000);
+}
+
+TEST(Free, AnUnknownNameIsAUsageErrorThatNamesSimilarOnes) {
+    sandbox machine(low);
+    client driver = machine.start();
+    driver.alloc("rx_ring", 0x1000);
+    const auto outcome = tarvoctl(machine, {"free", "rx_rnig"});
+    EXPECT_EQ(outcome.status, 2);
+    EXPECT_EQ(outcome.errors, "tarvoctl: no chunk is called 'rx_rnig'; similar ones: rx_ring\n");
+}
+
+TEST(Free, ARefusalOfTheDriverIsAFinding) {
+    sandbox machine(low);
+    client driver = machine.start();
+    driver.register_device(0, 3, 0);
+    driver.alloc("a", 0x1000);
+    machine.add_rules({"op=unmap,errno=EIO"});
+    const auto outcome = tarvoctl(machine, {"free", "a", "--force"});
+    EXPECT_EQ(outcome.status, 1);
+    EXPECT_TRUE(outcome.errors.ends_with("Error IOMMU unmapping chunk Input/output error\n"
+                                         "tarvoctl: 'a' could not be freed; the reason is above\n"))
+        << outcome.errors;
+}
+
+TEST(Calls, WaitForTheLockNoLongerThanTheyMay) {
+    sandbox machine(simulation);
+    machine.start().alloc("a", 0x1000);
+    const held_lock held(machine.lock_file());
+    for (const std::vector<std::string>& words :
+         std::vector<std::vector<std::string>>{{"alloc", "b", "4K"}, {"free", "a"}, {"dump"}}) {
+        std::vector<std::string> hurried = words;
+        hurried.insert(hurried.end(), {"--timeout", "0.1"});
+        const auto outcome = tarvoctl(machine, hurried);
+        EXPECT_EQ(outcome.status, 5) << words.front();
+        EXPECT_EQ(outcome.errors,
+                  "tarvoctl: the lock /var/tmp/tarvo_lock was not free within 0.1 s; 'tarvoctl "
+                  "lock' tells who holds it, --timeout waits longer\n");
+    }
+}
+
+bool waits_for_a_lock(pid_t pid) {
+    const std::regex line("-> FLOCK +ADVISORY +WRITE " + std::to_string(pid) + " ");
+    return std::regex_search(file_text("/proc/locks"), line);
+}
+
+void wait_until_it_waits(const running_tool& tool) {
+    while (!waits_for_a_lock(tool.pid))
+        usleep(1000);
+}
+
+/// Lets the tool have the lock as often as it takes it itself, each time with somebody behind it in
+/// the queue, and nobody else after that: its library finds it taken, and waits. False when the
+/// library came before the one in the queue, which can happen.
+bool library_was_made_to_wait(sandbox& machine, client& first, client& second) {
+    auto holder = std::make_unique<held_lock>(machine.lock_file());
+    running_tool tool = start_tarvoctl(machine, {"alloc", "b", "4K", "--timeout", "2"});
+    wait_until_it_waits(tool); // to look at the records, whether it may go on
+    first.send("dump_begin");
+    first.wait_until_it_waits_for_a_lock();
+    holder.reset();
+    first.reply();
+    wait_until_it_waits(tool); // to see that the lock can be had
+    second.send("dump_begin");
+    second.wait_until_it_waits_for_a_lock();
+    first.call("dump_end");
+    second.reply();
+    const ending end = tool.program.wait();
+    second.call("dump_end");
+    const std::string said = tool.program.error_text();
+    if (end == normal_end) {
+        first.free("b");
+        return false;
+    }
+    EXPECT_EQ(end, (ending{5, 0}));
+    EXPECT_EQ(said, "tarvo: failed to accquire lock: Interrupted system call\n"
+                    "tarvo: failed to initialize library\n"
+                    "tarvoctl: the library's lock was not free within 2 s; 'tarvoctl lock' tells "
+                    "who holds it, --timeout waits longer\n");
+    return true;
+}
+
+TEST(Calls, AWaitInsideTheLibraryIsInterrupted) {
+    sandbox machine(simulation);
+    client first = machine.start();
+    client second = machine.start();
+    first.alloc("a", 0x1000);
+    second.limits();
+    int attempts = 0;
+    while (!library_was_made_to_wait(machine, first, second))
+        ASSERT_LT(++attempts, 20);
+}
+
+TEST(Calls, LookingMakesNoFiles) {
+    sandbox machine(simulation);
+    for (const std::vector<std::string>& words : std::vector<std::vector<std::string>>{
+             {"read", "a"}, {"find", "0x1000"}, {"translate", "0x1000"}, {"limits"}, {"dump"}}) {
+        const auto outcome = tarvoctl(machine, words);
+        EXPECT_EQ(outcome.status, 3) << words.front();
+        EXPECT_TRUE(outcome.errors.starts_with("tarvoctl: there is no area: looked for "));
+    }
+    EXPECT_FALSE(exists(machine.shared_area()));
+    EXPECT_FALSE(exists(machine.memory_file()));
+    EXPECT_FALSE(exists(machine.lock_file()));
+}
+
+TEST(Calls, LookingMakesNoSecondLockOfASimulatedRegion) {
+    sandbox machine(simulation);
+    machine.start().alloc("a", 0x1000);
+    std::filesystem::remove(machine.simulated_lock());
+    const auto outcome = tarvoctl(machine, {"dump"});
+    EXPECT_EQ(outcome.status, 3);
+    EXPECT_EQ(outcome.errors, "tarvoctl: cannot open /var/tmp/tarvo_lock for reading: No such file "
+                              "or directory; 'tarvoctl doctor' tells more\n");
+    EXPECT_FALSE(exists(machine.simulated_lock()));
+}
+
+class Dump : public ::testing::TestWithParam<world> {};
+
+TEST_P(Dump, IsTheLibrarysOwnByteForByte) {
+    sandbox machine(GetParam());
+    client driver = machine.start();
+    driver.alloc("rx_ring", 0x10000, "driver");
+    driver.alloc("tx_ring", 0x1000, std::string(150, 'c'));
+    driver.register_device(0, 3, 0);
+    driver.register_device(0x10, 0x80, 0x21);
+    std::string expected;
+    for (const std::string& line : driver.dump())
+        expected += line + '\n';
+    const auto outcome = tarvoctl(machine, {"dump"});
+    EXPECT_EQ(outcome.status, 0);
+    EXPECT_EQ(outcome.output, expected);
+    EXPECT_EQ(outcome.errors, "");
+    EXPECT_TRUE(lock_is_free(machine.lock_file()));
+}
+
+INSTANTIATE_TEST_SUITE_P(Worlds, Dump, ::testing::ValuesIn(all_worlds()), world_name());
+
+} // namespace

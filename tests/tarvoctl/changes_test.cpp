@@ -1,0 +1,118 @@
+#include "tool.hpp"
+
+#include <functional>
+#include <gtest/gtest.h>
+
+// What diff and watch call a change, told by diff: it has a before and an after that stand still.
+
+namespace {
+
+class Changes : public ::testing::Test {
+  protected:
+    /// What diff says of a change that is made now.
+    std::string told(const std::function<void()>& change) {
+        const temporary_folder folder;
+        const std::string before = folder.path() / "before";
+        EXPECT_EQ(tarvoctl(machine, {"snapshot", before}).status, 0);
+        change();
+        return tarvoctl(machine, {"diff", before}).output;
+    }
+
+    sandbox machine{low};
+    client driver = machine.start();
+};
+
+TEST_F(Changes, NothingIsNoChange) {
+    driver.alloc("a", 0x1000);
+    driver.register_device(0, 3, 0);
+    EXPECT_EQ(told([] {}), "");
+}
+
+TEST_F(Changes, ChunksThatGoAreToldBeforeThoseThatCome) {
+    driver.alloc("a", 0x1000, "me");
+    driver.alloc("b", 0x1000, "me");
+    EXPECT_EQ(told([this] {
+                  driver.free("b");
+                  driver.alloc("c", 0x2000, "you");
+              }),
+              "freed         b: 4096 bytes at 0x80001000, creator me\n"
+              "allocated     c: 8192 bytes at 0x80001000, creator you\n");
+}
+
+TEST_F(Changes, ANameAtAnotherPlaceOrOfAnotherSizeIsTheSameChunk) {
+    driver.alloc("a", 0x1000);
+    driver.alloc("b", 0x1000);
+    driver.alloc("c", 0x1000);
+    EXPECT_EQ(told([this] {
+                  driver.free("a");
+                  driver.alloc("keeper", 0x1000, "x");
+                  driver.alloc("a", 0x1000);
+                  driver.free("c");
+                  driver.free("a");
+                  driver.alloc("c", 0x2000);
+                  driver.alloc("a", 0x1000);
+              }),
+              "allocated     keeper: 4096 bytes at 0x80000000, creator x\n"
+              "resized       c: from 4096 to 8192 bytes\n"
+              "moved         a: from 0x80000000 to 0x80004000\n");
+}
+
+TEST_F(Changes, OfChunksOfOneNameTheOneAtItsPlaceStaysItself) {
+    driver.alloc("a", 0x1000);
+    driver.alloc("a", 0x2000);
+    EXPECT_EQ(told([this] { driver.free("a"); }),
+              "freed         a: 4096 bytes at 0x80000000, creator test\n");
+    EXPECT_EQ(told([this] { driver.alloc("a", 0x1000); }),
+              "allocated     a: 4096 bytes at 0x80000000, creator test\n");
+}
+
+TEST_F(Changes, AChunkOfAnotherCreatorIsAnotherChunk) {
+    driver.alloc("a", 0x1000, "me");
+    EXPECT_EQ(told([this] {
+                  driver.free("a");
+                  driver.alloc("a", 0x1000, "you");
+              }),
+              "freed         a: 4096 bytes at 0x80000000, creator me\n"
+              "allocated     a: 4096 bytes at 0x80000000, creator you\n");
+}
+
+TEST_F(Changes, DevicesAreToldWithWhatTheySeeOfChunksThatStay) {
+    driver.alloc("a", 0x1000);
+    EXPECT_EQ(told([this] {
+                  driver.register_device(0, 3, 0);
+                  driver.alloc("b", 0x1000);
+              }),
+              "registered    0000:03:00.0\n"
+              "mapped        a: for 0000:03:00.0\n"
+              "allocated     b: 4096 bytes at 0x80001000, creator test\n");
+    EXPECT_EQ(told([this] { driver.unregister_device(0, 3, 0); }),
+              "unregistered  0000:03:00.0\n"
+              "unmapped      a: for 0000:03:00.0\n"
+              "unmapped      b: for 0000:03:00.0\n");
+}
+
+TEST_F(Changes, ADeviceThatIsGoneGoesOfflineAndComesBack) {
+    driver.register_device(0, 3, 0);
+    machine.add_rules({"op=map,nth=1,errno=ENODEV"});
+    EXPECT_EQ(told([this] { driver.alloc("a", 0x1000); }),
+              "offline       0000:03:00.0\n"
+              "allocated     a: 4096 bytes at 0x80000000, creator test\n");
+    EXPECT_EQ(told([this] { driver.register_device(0, 3, 0); }),
+              "online        0000:03:00.0\n"
+              "mapped        a: for 0000:03:00.0\n");
+}
+
+TEST_F(Changes, AForgottenDevicesMappingsAreInheritedAndNotUndone) {
+    driver.register_device(0, 3, 0);
+    driver.alloc("a", 0x1000);
+    machine.add_rules({"op=map,nth=1,errno=ENODEV"});
+    driver.alloc("b", 0x1000); // takes the device offline
+    EXPECT_EQ(told([this] { driver.unregister_device(0, 3, 0); }), "unregistered  0000:03:00.0\n");
+    machine.replace_rules({"op=map,errno=ENODEV"});
+    EXPECT_EQ(told([this] { driver.register_device(0, 4, 0); }),
+              "registered    0000:04:00.0\n"
+              "offline       0000:04:00.0\n"
+              "mapped        a: for 0000:04:00.0\n");
+}
+
+} // namespace

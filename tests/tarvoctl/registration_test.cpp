@@ -1,0 +1,188 @@
+#include "tool.hpp"
+
+#include <gtest/gtest.h>
+
+namespace {
+
+TEST(Register, LetsADeviceSeeEveryChunk) {
+    sandbox machine(low);
+    client driver = machine.start();
+    driver.alloc("a", 0x1000);
+    driver.alloc("b", 0x1000);
+    const auto outcome = tarvoctl(machine, {"register", "03:00.1"});
+    EXPECT_EQ(outcome.status, 0);
+    EXPECT_EQ(outcome.output, "0000:03:00.1: registered, online, 2 of 2 chunks mapped for it\n");
+    EXPECT_EQ(outcome.errors, "");
+    EXPECT_EQ(machine.request_lines().size(), 2);
+    EXPECT_EQ(tarvoctl(machine, {"register", "0000:03:00.1"}).output,
+              "0000:03:00.1: was registered already, online, 2 of 2 chunks mapped for it\n");
+}
+
+TEST(Register, TakesDomainBusSlotAndFunctionInHexadecimal) {
+    sandbox machine(low);
+    const auto document = json_of(tarvoctl(machine, {"register", "0001a:fe:1f.7", "--json"}));
+    EXPECT_EQ(document.at("device").at("domain"), 0x1a);
+    EXPECT_EQ(document.at("device").at("bus"), 0xfe);
+    EXPECT_EQ(document.at("device").at("devfn"), 0xff);
+    EXPECT_EQ(document.at("was_registered"), false);
+    EXPECT_EQ(document.at("chunks"), nlohmann::json::array());
+}
+
+TEST(Register, WhatIsNoDeviceIsAUsageError) {
+    sandbox machine(low);
+    for (const char* wrong : {"", "3", "03:00", "03:20.0", "03:00.8", "0:0:03:00.0", "x3:00.0",
+                              ":03:00.0", "03:00.0 "}) {
+        const auto outcome = tarvoctl(machine, {"register", wrong});
+        EXPECT_EQ(outcome.status, 2) << wrong;
+        EXPECT_EQ(outcome.errors, std::string("tarvoctl: '") + wrong +
+                                      "' is no PCI device; write it as 0000:03:00.0 or 03:00.0 "
+                                      "(lspci -D lists them)\n");
+    }
+    EXPECT_FALSE(exists(machine.shared_area()));
+}
+
+TEST(Register, ADeviceThatTheDriverDoesNotKnowIsAFinding) {
+    sandbox machine(low, {"--rule", "op=map,errno=ENODEV"});
+    client driver = machine.start();
+    driver.alloc("a", 0x1000);
+    const auto outcome = tarvoctl(machine, {"register", "03:00.0"});
+    EXPECT_EQ(outcome.status, 1);
+    EXPECT_EQ(outcome.output, "0000:03:00.0: registered, offline, 0 of 1 chunks mapped for it\n");
+    EXPECT_TRUE(outcome.errors.ends_with(
+        "tarvoctl: the kernel driver does not know the device, so no chunk made later is mapped "
+        "for it; the answers to the requests are above\n"))
+        << outcome.errors;
+}
+
+TEST(Register, ARefusedChunkIsAFinding) {
+    sandbox machine(low, {"--rule", "op=map,nth=2,errno=EIO"});
+    client driver = machine.start();
+    driver.alloc("a", 0x1000);
+    driver.alloc("b", 0x1000);
+    const auto outcome = tarvoctl(machine, {"register", "03:00.0"});
+    EXPECT_EQ(outcome.status, 1);
+    EXPECT_EQ(outcome.output, "0000:03:00.0: registered, online, 0 of 2 chunks mapped for it\n");
+    EXPECT_TRUE(outcome.errors.ends_with("tarvoctl: some chunk could not be mapped, so the others "
+                                         "were unmapped again; the answers to the requests are "
+                                         "above\n"))
+        << outcome.errors;
+}
+
+TEST(Register, The257thDeviceIsRefusedBeforeTheLibraryFaults) {
+    sandbox machine(low);
+    client driver = machine.start();
+    for (std::uint32_t devfn = 0; devfn < 256; ++devfn)
+        driver.register_device(0, 1, devfn);
+    const auto outcome = tarvoctl(machine, {"register", "02:00.0"});
+    EXPECT_EQ(outcome.status, 1);
+    EXPECT_EQ(outcome.errors, "tarvoctl: all 256 device records are in use; unregister one before "
+                              "0000:02:00.0\n");
+    EXPECT_EQ(tarvoctl(machine, {"register", "01:00.0"}).status, 0) << "that one is registered";
+}
+
+TEST(Unregister, NamesWhatTheDeviceSeesAndRefusesWithoutATerminal) {
+    sandbox machine(low);
+    client driver = machine.start();
+    driver.alloc("a", 0x1000);
+    driver.alloc("b", 0x1000);
+    driver.register_device(0, 3, 0);
+    const auto refused = tarvoctl(machine, {"unregister", "03:00.0"});
+    EXPECT_EQ(refused.status, 1);
+    EXPECT_EQ(refused.errors, "tarvoctl: 0000:03:00.0 would lose 2 chunk(s): a, b\n"
+                              "tarvoctl: nothing was changed; --force does it without asking\n");
+    EXPECT_EQ(machine.area().view().devices().size(), 1);
+    const auto document =
+        json_of(tarvoctl(machine, {"unregister", "03:00.0", "--force", "--json"}));
+    EXPECT_EQ(document.at("unregistered"), true);
+    EXPECT_EQ(document.at("chunks"), (nlohmann::json{"a", "b"}));
+    EXPECT_EQ(machine.area().view().devices().size(), 0);
+}
+
+TEST(Unregister, WarnsOfWhatAnOfflineDeviceLeavesBehind) {
+    sandbox machine(low);
+    client driver = machine.start();
+    driver.register_device(0, 3, 0);
+    driver.alloc("a", 0x1000);
+    machine.add_rules({"op=map,errno=ENODEV"});
+    driver.alloc("b", 0x1000);
+    const auto outcome = tarvoctl(machine, {"unregister", "03:00.0", "--force"});
+    EXPECT_EQ(outcome.status, 0);
+    EXPECT_EQ(outcome.output, "0000:03:00.0: unregistered\n");
+    EXPECT_EQ(outcome.errors,
+              "tarvoctl: 0000:03:00.0 is offline: nothing would be unmapped, and the next device "
+              "in its record would inherit 1 chunk(s): a\n");
+}
+
+TEST(Unregister, ADeviceThatSeesNothingNeedsNoForce) {
+    sandbox machine(low);
+    client driver = machine.start();
+    driver.register_device(0, 3, 0);
+    EXPECT_EQ(tarvoctl(machine, {"unregister", "03:00.0"}).output, "0000:03:00.0: unregistered\n");
+    const auto again = tarvoctl(machine, {"unregister", "03:00.0"});
+    EXPECT_EQ(again.status, 2);
+    EXPECT_EQ(again.errors, "tarvoctl: 0000:03:00.0 is not registered; 'tarvoctl devices' shows "
+                            "those that are\n");
+}
+
+TEST(Unregister, ARefusalOfTheDriverIsAFinding) {
+    sandbox machine(low);
+    client driver = machine.start();
+    driver.alloc("a", 0x1000);
+    driver.register_device(0, 3, 0);
+    machine.add_rules({"op=unmap,errno=EIO"});
+    const auto outcome = tarvoctl(machine, {"unregister", "03:00.0", "--force"});
+    EXPECT_EQ(outcome.status, 1);
+    EXPECT_TRUE(outcome.errors.ends_with(
+        "tarvoctl: 0000:03:00.0 could not be unregistered; the reason is above\n"))
+        << outcome.errors;
+}
+
+TEST(IommuMap, SendsOneRequestForTheWholeRegion) {
+    sandbox machine(low);
+    const auto outcome = tarvoctl(machine, {"iommu-map", "03:00.0", "--prot", "r"});
+    EXPECT_EQ(outcome.status, 0);
+    EXPECT_EQ(outcome.output, "0000:03:00.0: whole region mapped, r\n");
+    EXPECT_EQ(tarvoctl(machine, {"iommu-map", "03:00.0"}).output,
+              "0000:03:00.0: whole region mapped, rw\n");
+    const auto undone = tarvoctl(machine, {"iommu-unmap", "03:00.0"});
+    EXPECT_EQ(undone.status, 0);
+    EXPECT_EQ(undone.output, "0000:03:00.0: whole region unmapped\n");
+    EXPECT_EQ(undone.errors, "tarvo: Device not registered\n");
+    EXPECT_EQ(machine.request_lines(),
+              (std::vector<std::string>{"map 0 3 0 2147483648 2415919103 2147483648 1\n",
+                                        "map 0 3 0 2147483648 2415919103 2147483648 3\n",
+                                        "unmap 0 3 0 2147483648 2415919103 2147483648 0\n"}));
+}
+
+TEST(IommuMap, ARefusalOfTheDriverIsAFinding) {
+    sandbox machine(low, {"--rule", "op=map,errno=ENODEV"});
+    const auto outcome = tarvoctl(machine, {"iommu-map", "03:00.0"});
+    EXPECT_EQ(outcome.status, 1);
+    EXPECT_TRUE(outcome.errors.ends_with(
+        "tarvoctl: the request for 0000:03:00.0 failed; the reason is above\n"))
+        << outcome.errors;
+}
+
+TEST(IommuMap, ARegionThatCannotBeMappedWholeIsNotTried) {
+    sandbox machine(high, {"--region", "200000000-27fffffff"});
+    const auto outcome = tarvoctl(machine, {"iommu-map", "03:00.0"});
+    EXPECT_EQ(outcome.status, 1);
+    EXPECT_EQ(outcome.errors,
+              "tarvoctl: the region has 2147483648 bytes; only one of less than 2147483648 can be "
+              "mapped whole. 'tarvoctl register' maps each chunk\n");
+    EXPECT_EQ(machine.request_lines(), std::vector<std::string>{});
+}
+
+TEST(IommuUnmap, DoesNotUnregisterADeviceByTheWay) {
+    sandbox machine(low);
+    client driver = machine.start();
+    driver.register_device(0, 3, 0);
+    const auto outcome = tarvoctl(machine, {"iommu-unmap", "03:00.0"});
+    EXPECT_EQ(outcome.status, 2);
+    EXPECT_EQ(outcome.errors,
+              "tarvoctl: 0000:03:00.0 is registered, and the library would unregister it and "
+              "leave the whole region mapped; do that first: tarvoctl unregister 0000:03:00.0\n");
+    EXPECT_EQ(machine.area().view().devices().size(), 1);
+}
+
+} // namespace

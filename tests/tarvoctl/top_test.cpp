@@ -1,0 +1,197 @@
+#include "tool.hpp"
+
+#include <algorithm>
+#include <csignal>
+#include <cstdlib>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <regex>
+#include <sys/ioctl.h>
+#include <termios.h>
+#include <unistd.h>
+
+namespace {
+
+/// A pseudo terminal that a program is started on, seen from the side of the person at it.
+class terminal {
+  public:
+    terminal(unsigned short rows, unsigned short columns) {
+        _master = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
+        if (_master < 0 || grantpt(_master) != 0 || unlockpt(_master) != 0)
+            throw std::runtime_error("no pseudo terminal");
+        _slave = open(ptsname(_master), O_RDWR | O_NOCTTY | O_CLOEXEC);
+        resize(rows, columns);
+    }
+    ~terminal() {
+        close(_slave);
+        close(_master);
+    }
+    terminal(const terminal&) = delete;
+    terminal& operator=(const terminal&) = delete;
+
+    running_tool start(sandbox& machine, const std::vector<std::string>& words) const {
+        return start_tarvoctl(machine, words, ptsname(_master));
+    }
+
+    void resize(unsigned short rows, unsigned short columns) const {
+        const winsize size{rows, columns, 0, 0};
+        ioctl(_master, TIOCSWINSZ, &size);
+    }
+
+    void type(const std::string& keys) const {
+        ASSERT_EQ(write(_master, keys.data(), keys.size()), static_cast<ssize_t>(keys.size()));
+    }
+
+    /// All that was written to it, once that ends with or holds `wanted`.
+    const std::string& output_with(const std::string& wanted, std::size_t from = 0) {
+        while (_output.find(wanted, from) == std::string::npos) {
+            pollfd reading{_master, POLLIN, 0};
+            constexpr int patience_ms = 60'000;
+            if (poll(&reading, 1, patience_ms) != 1)
+                throw std::runtime_error("no '" + wanted + "' in: " + _output);
+            char buffer[4096];
+            const ssize_t count = read(_master, buffer, sizeof buffer);
+            if (count > 0)
+                _output.append(buffer, static_cast<std::size_t>(count));
+        }
+        return _output;
+    }
+    std::size_t seen() const { return _output.size(); }
+
+    termios mode() const {
+        termios now{};
+        tcgetattr(_slave, &now);
+        return now;
+    }
+
+  private:
+    int _master = -1;
+    int _slave = -1; ///< held open: the terminal's mode can be asked when the program is gone
+    std::string _output;
+};
+
+/// What a page shows, without the escapes.
+std::string plain(const std::string& output) {
+    static const std::regex escape("\x1b\\[[?0-9;]*[A-Za-z]");
+    std::string text = std::regex_replace(output, escape, "");
+    text.erase(std::remove(text.begin(), text.end(), '\r'), text.end());
+    return text;
+}
+
+constexpr const char* on_the_way_out = "\x1b[?7h\x1b[?25h\x1b[?1049l";
+
+class Top : public ::testing::Test {
+  protected:
+    Top() {
+        driver.alloc("rx_ring", 0x10000, "driver");
+        driver.alloc("big", 0x100000, "agent");
+        driver.register_device(0, 3, 0);
+        driver.map("rx_ring");
+    }
+
+    sandbox machine{low};
+    client driver = machine.start();
+};
+
+TEST_F(Top, PrintsOnePageWhereThereIsNoTerminal) {
+    const auto outcome = tarvoctl(machine, {"top"});
+    EXPECT_EQ(outcome.status, 0);
+    const auto lines = lines_of(outcome.output);
+    ASSERT_EQ(lines.size(), 13);
+    EXPECT_TRUE(std::regex_match(
+        lines[0], std::regex("tarvoctl top  \\d\\d:\\d\\d:\\d\\d  /var/shmem/tarvo_lib")))
+        << lines[0];
+    EXPECT_EQ(lines[1], "region  DMA 0x80000000-0x8fffffff  physical 0x80000000-0x8fffffff");
+    EXPECT_EQ(lines[4], "free    254.9M of 256M, largest gap 254.9M, fragmentation 0 %");
+    EXPECT_TRUE(lines[5].starts_with("in use  2 of 16382 chunk records, 1 of 256 device records, "
+                                     "by 1 process(es)"));
+    EXPECT_EQ(lines[7], "SIZE  NAME     HOLDERS  DMA         CREATOR  DEVICES");
+    EXPECT_EQ(lines[8], "  1M  big            0  0x80010000  agent    0000:03:00.0");
+    EXPECT_EQ(lines[9], " 64K  rx_ring        1  0x80000000  driver   0000:03:00.0");
+    EXPECT_EQ(lines[11], "DEVICE        STATE   CHUNKS");
+    EXPECT_EQ(lines[12], "0000:03:00.0  online       2");
+}
+
+TEST_F(Top, WithoutAnAreaAndATerminalItSaysSo) {
+    sandbox empty(simulation);
+    EXPECT_EQ(tarvoctl(empty, {"top"}).status, 3);
+    EXPECT_FALSE(exists(empty.shared_area()));
+}
+
+TEST_F(Top, FillsTheScreenFollowsChangesAndEndsWithQ) {
+    terminal screen(24, 80);
+    const termios before = screen.mode();
+    running_tool top = screen.start(machine, {"top", "--interval", "0.05"});
+    EXPECT_TRUE(screen.output_with("0000:03:00.0  online       2")
+                    .starts_with("\x1b[?1049h\x1b[?25l\x1b[?7l\x1b[H"));
+    EXPECT_EQ(screen.mode().c_lflag & static_cast<tcflag_t>(ICANON | ECHO), 0U);
+    driver.alloc("fresh", 0x200000, "driver");
+    EXPECT_NE(plain(screen.output_with("fresh")).find("  2M  fresh"), std::string::npos);
+    screen.type("xq");
+    EXPECT_EQ(top.program.wait(), normal_end);
+    EXPECT_TRUE(screen.output_with(on_the_way_out).ends_with(on_the_way_out));
+    EXPECT_EQ(screen.mode().c_lflag, before.c_lflag);
+    EXPECT_EQ(screen.mode().c_cc[VSUSP], before.c_cc[VSUSP]);
+}
+
+TEST_F(Top, GivesTheTerminalBackWhenASignalEndsIt) {
+    for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
+        terminal screen(24, 80);
+        const termios before = screen.mode();
+        running_tool top = screen.start(machine, {"top", "--interval", "0.05"});
+        screen.output_with("0000:03:00.0  online");
+        const ending end = top.end_by(signal);
+        EXPECT_EQ(end.status == 0, signal != SIGHUP) << shown(end);
+        EXPECT_TRUE(screen.output_with(on_the_way_out).ends_with(on_the_way_out));
+        EXPECT_EQ(screen.mode().c_lflag, before.c_lflag);
+    }
+}
+
+TEST_F(Top, FitsEveryPageIntoTheScreenAsItIsNow) {
+    for (int i = 0; i < 40; ++i)
+        driver.alloc("chunk_" + std::to_string(i), 0x1000);
+    terminal screen(24, 80);
+    running_tool top = screen.start(machine, {"top", "--interval", "30"});
+    const std::string large = plain(screen.output_with("0000:03:00.0  online      42"));
+    EXPECT_EQ(std::count(large.begin(), large.end(), '\n'), 23);
+    EXPECT_NE(large.find("... and 30 more\n"), std::string::npos) << large;
+    const std::size_t from = screen.seen();
+    screen.resize(12, 40);
+    kill(top.pid, SIGWINCH); // as the kernel does for the terminal's own session
+    const std::string small =
+        plain(screen.output_with("0000:03:00.0  online      42", from).substr(from));
+    EXPECT_EQ(std::count(small.begin(), small.end(), '\n'), 11);
+    for (const std::string& line : lines_of(small)) {
+        if (line.find('|') == std::string::npos) {
+            EXPECT_LE(line.size(), 40) << line;
+        }
+    }
+    screen.type("q");
+    EXPECT_EQ(top.program.wait(), normal_end);
+}
+
+TEST_F(Top, ShowsTheLastPictureWhileTheLockIsTaken) {
+    terminal screen(24, 100);
+    running_tool top = screen.start(machine, {"top", "--interval", "0.05", "--timeout", "0.05"});
+    screen.output_with("0000:03:00.0  online");
+    const std::size_t from = screen.seen();
+    const held_lock held(machine.lock_file());
+    screen.output_with("OLD: the lock is not free", from);
+    screen.output_with("rx_ring", screen.seen() > 200 ? screen.seen() - 200 : 0);
+    screen.type("q");
+    EXPECT_EQ(top.program.wait(), normal_end);
+}
+
+TEST(TopWithoutAnArea, WaitsForIt) {
+    sandbox machine(simulation);
+    terminal screen(24, 80);
+    running_tool top = screen.start(machine, {"top", "--interval", "0.05"});
+    screen.output_with("There is no area.");
+    machine.start().alloc("first_chunk", 0x1000);
+    screen.output_with("first_chunk");
+    screen.type("q");
+    EXPECT_EQ(top.program.wait(), normal_end);
+}
+
+} // namespace
