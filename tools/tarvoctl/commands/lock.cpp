@@ -37,11 +37,8 @@ std::string heading_of(const lock_state& lock, process_table& processes) {
         return "free";
     const auto parties = parties_of(lock);
     const bool known = !parties.empty() && parties.front().role != lock_role::waits;
-    const std::size_t waiting = lock.waiting.size();
     return fmt::format("held{}, {}", known ? " by " + processes.text(parties.front().pid) : "",
-                       waiting == 0   ? "nobody waits"
-                       : waiting == 1 ? "1 waits"
-                                      : fmt::format("{} wait", waiting));
+                       waiting_text(lock));
 }
 
 void print_parties(const lock_state& lock, process_table& processes) {
@@ -113,9 +110,10 @@ void print_as_json(const lock_picture& found, process_table& processes) {
 void check_known(const lock_picture& found) {
     const bool any_held = std::any_of(found.locks.begin(), found.locks.end(),
                                       [](const lock_state& lock) { return lock.held; });
-    if (!found.table_read && !any_held && !found.unseen.empty())
+    if (!found.table_read && !any_held && !found.unseen.empty()) {
         throw failure{exit_status::unreadable, "cannot read /proc/locks, nor the open files of all "
                                                "processes; run it as root"};
+    }
 }
 
 exit_status lock(bool as_json) {

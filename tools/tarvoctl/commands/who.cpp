@@ -148,9 +148,10 @@ void print_remarks(const answer& found, const picture& records, bool all) {
     const auto duplicates = records.duplicates();
     if (records.chunks.empty())
         fmt::print("There are no chunks\n");
-    if (all && !found.stale.empty())
+    if (all && !found.stale.empty()) {
         fmt::print(stderr, "tarvoctl: (freed): the mapping outlives its chunk, and shows whatever "
                            "is put there next; the process should unmap it\n");
+    }
     const bool marked =
         std::any_of(found.chunks.begin(), found.chunks.end(), [&](const auto& each) {
             return duplicates[static_cast<std::size_t>(each.chunk - records.chunks.data())];
@@ -165,16 +166,18 @@ void print_as_table(const answer& found, const picture& records, process_table& 
     who_table lines{processes};
     for (const auto& [chunk, views] : found.chunks) {
         const bool marked = duplicates[static_cast<std::size_t>(chunk - records.chunks.data())];
-        for (const auto& each : views)
+        for (const auto& each : views) {
             lines.add(shown(chunk->name) + (marked ? " *" : ""), window_text(each, *chunk),
                       *each.mapping);
+        }
     }
     for (const auto& each : found.whole_region)
         lines.add("(whole region)", "all", *each.mapping);
     if (all) {
-        for (const auto& [mapping, window] : found.stale)
+        for (const auto& [mapping, window] : found.stale) {
             lines.add("(freed)", fmt::format("pa {:#x}-{:#x}", window.pa, window.end_pa - 1),
                       *mapping);
+        }
     }
     fmt::print("{}", lines.text());
     print_unmapped(found);

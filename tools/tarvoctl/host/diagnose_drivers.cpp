@@ -50,9 +50,10 @@ void diagnose_region_bounds(const region_line& line, health_report& report) {
                    fmt::format("region \"{}\" from {:#x} to {:#x}, {} bytes{}", line.name,
                                line.first_pa, line.last_pa, bytes,
                                line.is_cma() ? "; the kernel places the chunks" : ""));
-        if (bytes >= half_of_32_bits)
+        if (bytes >= half_of_32_bits) {
             report.add(verdict::note, subject,
                        "of 2 GiB and more: it cannot be mapped for a device as a whole");
+        }
     }
 }
 

@@ -60,7 +60,9 @@ void diagnose_sides(const site& here, const mapped_memory& memory, const lock_pi
         return;
     }
     if (memory.users.empty()) {
-        report.add(verdict::ok, here.area, "no process uses it now");
+        report.add(verdict::ok, here.area,
+                   memory.is_complete() ? "no process uses it now"
+                                        : "no process that can be seen uses it now");
         return;
     }
     report.add(verdict::ok, here.area,
@@ -86,11 +88,9 @@ void diagnose_locks(const lock_picture& locks, process_table& processes, health_
             continue;
         const auto parties = parties_of(lock);
         report.add(lock.held ? verdict::note : verdict::ok, lock.file,
-                   !lock.held
-                       ? "free now"
-                       : fmt::format("held now by {}, {} waiting; if that lasts, see "
-                                     "tarvoctl lock",
-                                     processes.text(parties.front().pid), lock.waiting.size()));
+                   lock.held ? fmt::format("held now by {}, {}; if that lasts, see tarvoctl lock",
+                                           processes.text(parties.front().pid), waiting_text(lock))
+                             : "free now");
     }
 }
 

@@ -134,7 +134,9 @@ std::string link_of(pid_t pid, int descriptor) {
 void look_at_process(pid_t pid, std::vector<lock_reader>& readers, std::vector<pid_t>& unseen) {
     const auto descriptors = descriptors_of(pid);
     if (!descriptors) {
-        if (process_of(pid))
+        // Threads of the kernel, which have no arguments, hold no such lock.
+        const auto process = process_of(pid);
+        if (process && !process->arguments.empty())
             unseen.push_back(pid);
         return;
     }
@@ -172,9 +174,7 @@ bool lock_state::taker_keeps_it() const {
 
 lock_picture lock_picture_of(const std::vector<std::string>& files) {
     lock_picture made;
-    std::vector<lock_reader> readers;
-    for (const auto& file : files)
-        readers.emplace_back(file);
+    std::vector<lock_reader> readers(files.begin(), files.end());
     for (const pid_t pid : all_processes()) {
         if (pid != ::getpid())
             look_at_process(pid, readers, made.unseen);

@@ -66,6 +66,13 @@ std::vector<lock_party> parties_of(const lock_state& lock) {
     return parties;
 }
 
+std::string waiting_text(const lock_state& lock) {
+    const std::size_t waiting = lock.waiting.size();
+    return waiting == 0   ? "nobody waits"
+           : waiting == 1 ? "1 waits"
+                          : fmt::format("{} wait", waiting);
+}
+
 std::vector<std::string> lock_troubles(const lock_state& lock, process_table& processes) {
     std::vector<std::string> troubles;
     std::vector<pid_t> heirs;

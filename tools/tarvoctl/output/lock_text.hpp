@@ -23,6 +23,9 @@ struct lock_party {
 /// All that have to do with a lock, the ones that wait in their order.
 std::vector<lock_party> parties_of(const lock_state& lock);
 
+/// "nobody waits", "2 wait"
+std::string waiting_text(const lock_state& lock);
+
 /// What is wrong with who has the lock, and what helps: a sentence each.
 std::vector<std::string> lock_troubles(const lock_state& lock, process_table& processes);
 
