@@ -72,10 +72,10 @@ void plan_writer::set_byte(std::size_t offset, uint8_t value, place where, std::
 }
 
 /// Nearly all links are as they should be, so their texts are not even made.
-void plan_writer::set_link(std::size_t offset, int32_t value, place where, std::string_view name) {
+void plan_writer::set_link(std::size_t offset, int32_t value, place where, link_text why) {
     const auto bytes = std::bit_cast<std::array<uint8_t, sizeof value>>(value);
     if (!holds(offset, bytes)) {
-        write(offset, bytes, where, fmt::format("{} becomes {}", name, value));
+        write(offset, bytes, where, fmt::format(why, value));
     }
 }
 
@@ -98,8 +98,10 @@ void plan_writer::write_order(const list_links& links, const std::vector<int>& o
         const int prev = order[(i + order.size() - 1) % order.size()];
         const std::size_t offset = links.offset_of(element);
         const place where = links.at(element);
-        set_link(offset + list_links::next_offset, next, where, "next");
-        set_link(offset + list_links::prev_offset, prev, where, "prev");
+        set_link(offset + list_links::next_offset, next, where,
+                 "next becomes {}, the element that follows");
+        set_link(offset + list_links::prev_offset, prev, where,
+                 "prev becomes {}, the element before");
         set_byte(offset + list_links::flag_offset, allocated, where,
                  "on the list, so marked allocated");
     }
@@ -109,8 +111,8 @@ void plan_writer::write_ends(const list_links& links, const std::vector<int>& or
     const int head = order.empty() ? -1 : order.front();
     const int tail = order.empty() ? -1 : order.back();
     const std::size_t ends = links.ends_offset();
-    set_link(ends + head_offset, head, links.list, "head");
-    set_link(ends + tail_offset, tail, links.list, "tail");
+    set_link(ends + head_offset, head, links.list, "head becomes {}");
+    set_link(ends + tail_offset, tail, links.list, "tail becomes {}");
 }
 
 void plan_writer::write_free_chain(const list_links& links, const std::vector<bool>& in_use) {
@@ -121,10 +123,11 @@ void plan_writer::write_free_chain(const list_links& links, const std::vector<bo
         const std::size_t offset = links.offset_of(element);
         clear(offset + list_links::prev_offset, links.element_bytes - list_links::prev_offset,
               links.at(element), reason_to_clear(links, element));
-        set_link(offset + list_links::next_offset, next, links.at(element), "next free element");
+        set_link(offset + list_links::next_offset, next, links.at(element),
+                 "next becomes {}, the free element that follows");
     }
     const int first = chain.empty() ? -1 : chain.front();
-    set_link(links.ends_offset() + free_offset, first, links.list, "first free element");
+    set_link(links.ends_offset() + free_offset, first, links.list, "the free chain begins with {}");
 }
 
 void plan_writer::write_list(const list_links& links, const decided_list& decided) {

@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <fmt/format.h>
 #include <span>
 #include <string_view>
 
@@ -23,7 +24,8 @@ class plan_writer {
 
   private:
     bool holds(std::size_t offset, std::span<const uint8_t> wanted) const;
-    void set_link(std::size_t offset, int32_t value, place where, std::string_view name);
+    using link_text = fmt::format_string<int32_t&>;
+    void set_link(std::size_t offset, int32_t value, place where, link_text why);
     /// Clears as little as makes the bytes zero.
     void clear(std::size_t offset, std::size_t bytes, place where, std::string_view why);
     void write(std::size_t offset, std::span<const uint8_t> after, place where,
