@@ -5,6 +5,7 @@
 
 #include <memory>
 
+#include <cerrno>
 #include <cstdlib>
 #include <unistd.h>
 
@@ -48,9 +49,10 @@ site find_site() {
     // The library opens it for reading and writing, and takes the hardware where it cannot.
     if (::access(paths::simulated_memory, R_OK | W_OK) == 0)
         return simulated_site(std::string{paths::simulated_memory} + " is there");
+    const bool missing = errno == ENOENT;
     return {false,
             std::string{simulation_variable} + " is not set and " + paths::simulated_memory +
-                " cannot be used",
+                (missing ? " is not there" : " cannot be opened"),
             paths::hardware_area,
             paths::physical_memory,
             paths::hardware_lock,
