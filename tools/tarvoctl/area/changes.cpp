@@ -83,6 +83,7 @@ bool is_made_anew(const chunk_record& before, const chunk_record& after) {
 std::vector<chunk_pair> pairs_of(const picture& before, const picture& after) {
     former_chunks former{before};
     std::vector<chunk_pair> pairs;
+    pairs.reserve(after.chunks.size());
     for (const auto& chunk : after.chunks)
         pairs.push_back({former.take_at_same_place(chunk), &chunk});
     for (auto& pair : pairs) {
@@ -115,6 +116,7 @@ class comparison {
   private:
     void add_freed(const std::vector<chunk_pair>& pairs) {
         std::vector<const chunk_record*> kept;
+        kept.reserve(pairs.size());
         for (const auto& pair : pairs)
             kept.push_back(pair.before);
         std::sort(kept.begin(), kept.end());

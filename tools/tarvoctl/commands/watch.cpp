@@ -27,7 +27,7 @@ struct watch_options {
     bool json = false;
 };
 
-void end_well(int) {
+void end_well(int /*signal*/) {
     ::_exit(static_cast<int>(exit_status::good));
 }
 

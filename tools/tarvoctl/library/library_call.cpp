@@ -31,7 +31,7 @@ using clock = std::chrono::steady_clock;
 /// The library's wait fails when a handler without SA_RESTART has run.
 constexpr int interrupting_signal = SIGUSR1;
 
-void do_nothing(int) {}
+void do_nothing(int /*signal*/) {}
 
 [[noreturn]] void complain(const char* call) {
     throw std::system_error{errno, std::generic_category(), call};

@@ -76,9 +76,10 @@ void check_records(const picture& records) {
         const bool dangling =
             std::any_of(chunk.devices.begin(), chunk.devices.end(),
                         [](int index) { return index < 0 || index >= device_capacity; });
-        if (dangling)
+        if (dangling) {
             refuse_damaged(fmt::format("chunk '{}' refers to a device record that does not exist",
                                        shown(chunk.name)));
+        }
     }
 }
 

@@ -46,7 +46,7 @@ void give_back() {
         ::tcsetattr(STDIN_FILENO, TCSANOW, &keyboard_before);
 }
 
-void end_well(int) {
+void end_well(int /*signal*/) {
     give_back();
     ::_exit(static_cast<int>(exit_status::good));
 }
@@ -57,7 +57,7 @@ void end_by(int signal) {
     ::raise(signal);
 }
 
-void do_nothing(int) {}
+void do_nothing(int /*signal*/) {}
 
 void on(int signal, void (*handler)(int)) {
     struct sigaction act {};

@@ -137,9 +137,10 @@ class page {
 
     lines device_lines() const {
         std::map<int, std::size_t> seen;
-        for (const auto& chunk : view_.records.chunks)
+        for (const auto& chunk : view_.records.chunks) {
             for (const int index : chunk.devices)
                 ++seen[index];
+        }
         table rows{{{"DEVICE"}, {"STATE"}, {"CHUNKS", align::right}}};
         for (const auto& device : view_.records.devices) {
             rows.add({device_text(device), device.online ? "online" : "offline",
@@ -156,9 +157,10 @@ class page {
             fits ? table_lines.size() : std::max<std::size_t>(most_lines, 1) - 1;
         for (std::size_t i = 0; i < kept; ++i)
             add(table_lines[i]);
-        if (!fits && most_lines > 0)
-            add(fmt::format("... and {} more",
-                            table_lines.size() - std::max<std::size_t>(kept, 1)));
+        if (!fits && most_lines > 0) {
+            const std::size_t shown_rows = std::max<std::size_t>(kept, 1) - 1;
+            add(fmt::format("... and {} more", table_lines.size() - 1 - shown_rows));
+        }
     }
 
     /// A page that fills the screen does not end its last line: that would move it up.
