@@ -1,4 +1,4 @@
-#include "tool.hpp"
+#include "terminal.hpp"
 
 #include <algorithm>
 #include <gtest/gtest.h>
@@ -218,6 +218,29 @@ TEST(Free, AChunkThatNobodyHasIsFreedWithoutATerminal) {
     EXPECT_EQ(own_errors(outcome),
               "tarvoctl: 2 chunks are called 'a'; this is the lowest, at 0x80000000\n");
     EXPECT_EQ(machine.area().view().chunks().at(1).size, 0x2000);
+}
+
+TEST(Free, AsksAtATerminalAndTakesOnlyYesForAYes) {
+    sandbox machine(low);
+    client driver = machine.start();
+    driver.alloc("a", 0x1000);
+    for (const char* answer : {"n\n", "\n", "Yes please\n", "\x04"}) {
+        terminal person(24, 80);
+        running_tool tool = person.start(machine, {"free", "a"});
+        person.type(answer);
+        EXPECT_EQ(tool.program.wait(), (ending{1, 0}));
+        EXPECT_TRUE(tool.program.error_text().ends_with(
+            "Free 'a', 4096 bytes? [y/N] "
+            "tarvoctl: nothing was changed; --force does it without asking\n"))
+            << tool.program.error_text();
+        EXPECT_EQ(machine.area().view().chunks().size(), 3);
+    }
+    terminal person(24, 80);
+    running_tool tool = person.start(machine, {"free", "a"});
+    person.type("y\n");
+    EXPECT_EQ(tool.program.wait(), normal_end);
+    person.output_with("a: freed, 4096 bytes at DMA 0x80000000, physical 0x80000000\r\n");
+    EXPECT_EQ(machine.area().view().chunks().size(), 2);
 }
 
 TEST(Free, AnUnknownNameIsAUsageErrorThatNamesSimilarOnes) {

@@ -71,6 +71,15 @@ TEST_F(Repair, RefusesWhileTheLibraryIsStartedSomewhere) {
     EXPECT_TRUE(is_sound());
 }
 
+TEST_F(Repair, RefusesWhileSomethingIsLeftToAPerson) {
+    // Whose end the region's is can no longer be told.
+    machine.writable_area().writer().text(area_offset::chunk(1) + area_offset::name, "tail");
+    const auto before = machine.area().snapshot();
+    const auto outcome = tarvoctl(machine, {"repair", "--yes", "--backup", backup});
+    EXPECT_EQ(outcome.status, 4) << outcome.output << outcome.errors;
+    EXPECT_EQ(machine.area().snapshot(), before);
+}
+
 TEST_F(Repair, NeedsNothingOfASoundArea) {
     machine.writable_area().writer().i32(area_offset::chunk(3) + area_offset::prev, 2);
     const auto outcome = tarvoctl(machine, {"repair"});

@@ -1,75 +1,12 @@
-#include "tool.hpp"
+#include "terminal.hpp"
 
 #include <algorithm>
 #include <csignal>
-#include <cstdlib>
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <poll.h>
 #include <regex>
-#include <sys/ioctl.h>
 #include <termios.h>
-#include <unistd.h>
 
 namespace {
-
-/// A pseudo terminal that a program is started on, seen from the side of the person at it.
-class terminal {
-  public:
-    terminal(unsigned short rows, unsigned short columns) {
-        _master = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
-        if (_master < 0 || grantpt(_master) != 0 || unlockpt(_master) != 0)
-            throw std::runtime_error("no pseudo terminal");
-        _slave = open(ptsname(_master), O_RDWR | O_NOCTTY | O_CLOEXEC);
-        resize(rows, columns);
-    }
-    ~terminal() {
-        close(_slave);
-        close(_master);
-    }
-    terminal(const terminal&) = delete;
-    terminal& operator=(const terminal&) = delete;
-
-    running_tool start(sandbox& machine, const std::vector<std::string>& words) const {
-        return start_tarvoctl(machine, words, ptsname(_master));
-    }
-
-    void resize(unsigned short rows, unsigned short columns) const {
-        const winsize size{rows, columns, 0, 0};
-        ioctl(_master, TIOCSWINSZ, &size);
-    }
-
-    void type(const std::string& keys) const {
-        ASSERT_EQ(write(_master, keys.data(), keys.size()), static_cast<ssize_t>(keys.size()));
-    }
-
-    /// All that was written to it, once that ends with or holds `wanted`.
-    const std::string& output_with(const std::string& wanted, std::size_t from = 0) {
-        while (_output.find(wanted, from) == std::string::npos) {
-            pollfd reading{_master, POLLIN, 0};
-            constexpr int patience_ms = 60'000;
-            if (poll(&reading, 1, patience_ms) != 1)
-                throw std::runtime_error("no '" + wanted + "' in: " + _output);
-            char buffer[4096];
-            const ssize_t count = read(_master, buffer, sizeof buffer);
-            if (count > 0)
-                _output.append(buffer, static_cast<std::size_t>(count));
-        }
-        return _output;
-    }
-    std::size_t seen() const { return _output.size(); }
-
-    termios mode() const {
-        termios now{};
-        tcgetattr(_slave, &now);
-        return now;
-    }
-
-  private:
-    int _master = -1;
-    int _slave = -1; ///< held open: the terminal's mode can be asked when the program is gone
-    std::string _output;
-};
 
 /// What a page shows, without the escapes.
 std::string plain(const std::string& output) {

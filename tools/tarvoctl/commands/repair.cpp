@@ -78,6 +78,17 @@ void refuse_while_in_use(const repair_options& options) {
                     who)};
 }
 
+/// Mended lists look whole: what was left alone would be taken for leftovers by the next repair.
+void refuse_while_in_doubt(const repair_options& options, const repair_plan& plan) {
+    if (plan.doubts.empty() || options.force)
+        return;
+    throw failure{exit_status::damaged,
+                  fmt::format("not repaired: {} place(s) have to be decided by a person first, for "
+                              "they could not be told from leftovers afterwards; --force mends the "
+                              "rest all the same",
+                              plan.doubts.size())};
+}
+
 /// Under the lock, unless something has changed since the plan was shown.
 void carry_out(const repair_options& options, const repair_plan& plan) {
     const mapped_area mapped{path_of(options), mapped_area::access::write};
@@ -104,7 +115,8 @@ exit_status repair(const repair_options& options) {
         return end;
     }
     if (options.dry_run)
-        return exit_status::finding;
+        return plan.doubts.empty() ? exit_status::finding : exit_status::damaged;
+    refuse_while_in_doubt(options, plan);
     refuse_while_in_use(options);
     if (!options.yes && !confirmed(fmt::format("make these {} change(s)?", plan.edits.size())))
         throw failure{exit_status::finding, "not repaired: nobody said yes; --yes does"};
@@ -122,7 +134,7 @@ void add_repair(program& to) {
     command.add_option("FILE", options->source.file, "a copy to repair in place of the live area");
     command.add_flag("-n,--dry-run", options->dry_run, "only show the plan");
     command.add_flag("-y,--yes", options->yes, "do not ask");
-    command.add_flag("--force", options->force, "also while processes have the area mapped");
+    command.add_flag("--force", options->force, "also while it is in use, or in doubt");
     command.add_option("--backup", options->backup, "where the area is kept as it was")
         ->type_name("FILE");
     add_timeout(command, options->source.timeout);
