@@ -18,7 +18,7 @@ class program {
     program();
 
     /// Adds a command. `group` is the heading in the help under which it stands.
-    CLI::App& add(const std::string& name, const std::string& purpose, const std::string& group,
+    CLI::App& add(const std::string& name, const std::string& about, const std::string& group,
                   action run);
 
     /// Parses, carries the command out, and says how the program ends. Failures are told on

@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <type_traits>
 
 namespace tarvoctl {
 
@@ -12,7 +13,7 @@ namespace tarvoctl {
 /// the walk ended early, or nothing.
 template <typename List, typename Visit>
 std::optional<std::string> walk_list(const List& list, Visit visit) {
-    constexpr auto capacity = static_cast<int32_t>(sizeof list._arr / sizeof list._arr[0]);
+    constexpr auto capacity = static_cast<int32_t>(std::extent_v<decltype(list._arr)>);
     if (list._head == -1)
         return std::nullopt;
     std::bitset<capacity> seen;

@@ -23,9 +23,10 @@ using references = std::map<int, std::vector<const chunk_record*>>;
 
 references references_in(const picture& records) {
     references found;
-    for (const auto& chunk : records.chunks)
+    for (const auto& chunk : records.chunks) {
         for (const int index : chunk.devices)
             found[index].push_back(&chunk);
+    }
     return found;
 }
 

@@ -108,6 +108,7 @@ void print_as_table(const picture& records, const list_options& options) {
         const listed_chunk each{records.chunks[position], records, duplicates[position],
                                 options.human};
         std::vector<std::string> row;
+        row.reserve(chosen.size());
         for (const auto* wanted : chosen)
             row.push_back(wanted->cell(each));
         lines.add(std::move(row));

@@ -69,9 +69,10 @@ void print_pieces(const picture& records, const std::vector<gap>& gaps) {
     table lines{{{"PHYSICAL"}, {"SIZE", align::right}, {"WHAT"}}};
     auto next_gap = gaps.begin();
     const auto add_gaps_below = [&](uint64_t pa) {
-        for (; next_gap != gaps.end() && next_gap->pa < pa; ++next_gap)
+        for (; next_gap != gaps.end() && next_gap->pa < pa; ++next_gap) {
             lines.add(
                 {fmt::format("{:#011x}", next_gap->pa), size_text(next_gap->bytes, true), "-"});
+        }
     };
     for (const auto& chunk : records.chunks) {
         add_gaps_below(chunk.pa);

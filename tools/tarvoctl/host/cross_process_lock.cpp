@@ -16,7 +16,7 @@ namespace {
 
 using clock = std::chrono::steady_clock;
 
-void do_nothing(int) {}
+void do_nothing(int /*signal*/) {}
 
 /// Interrupts system calls again and again once a time is over, so that none that begins just
 /// behind the first interruption waits for ever.
