@@ -1,8 +1,8 @@
 #include "program.hpp"
 
 #include "failure.hpp"
-#include "host/cross_process_lock.hpp"
 
+#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <charconv>
 #include <cstdio>
@@ -39,26 +39,28 @@ uint64_t factor_of(std::string_view unit) {
 
 } // namespace
 
-program::program() : app_{purpose, "tarvoctl"} {
-    app_.require_subcommand(1);
-    app_.set_version_flag("--version", "tarvoctl " TARVOCTL_VERSION);
-    app_.footer("'tarvoctl COMMAND --help' tells the options; tarvoctl(1) tells all.");
+program::program() : parser_{std::make_unique<CLI::App>(purpose, "tarvoctl")} {
+    parser_->require_subcommand(1);
+    parser_->set_version_flag("--version", "tarvoctl " TARVOCTL_VERSION);
+    parser_->footer("'tarvoctl COMMAND --help' tells the options; tarvoctl(1) tells all.");
 }
 
-CLI::App& program::add(const std::string& name, const std::string& about, const std::string& group,
-                       action run) {
-    CLI::App* const command = app_.add_subcommand(name, about)->group(group);
+program::~program() = default;
+
+command_words program::add(const std::string& name, const std::string& about,
+                           const std::string& group, action run) {
+    CLI::App* const command = parser_->add_subcommand(name, about)->group(group);
     command->callback([this, run = std::move(run)] { chosen_ = run; });
-    return *command;
+    return command_words{*command};
 }
 
 int program::run(int argc, char** argv) {
     try {
-        app_.parse(argc, argv);
+        parser_->parse(argc, argv);
         return status_number(chosen_());
     } catch (const CLI::ParseError& wrong) {
         if (wrong.get_exit_code() == 0) // help or version
-            return app_.exit(wrong);
+            return parser_->exit(wrong);
         fmt::print(stderr, "tarvoctl: {}; see tarvoctl --help\n", one_line(wrong.what()));
         return status_number(exit_status::usage);
     } catch (const failure& wrong) {
@@ -70,47 +72,6 @@ int program::run(int argc, char** argv) {
         fmt::print(stderr, "tarvoctl: {}\n", wrong.what());
         return status_number(exit_status::unreadable);
     }
-}
-
-void add_timeout(CLI::App& command, std::chrono::milliseconds& timeout) {
-    command
-        .add_option_function<double>(
-            "--timeout",
-            [&timeout](double seconds) {
-                const auto most = std::chrono::duration<double>{longest_timeout};
-                if (!(seconds >= 0))
-                    throw CLI::ValidationError{"--timeout", "give a number of seconds, 0 or more"};
-                timeout = std::chrono::duration_cast<std::chrono::milliseconds>(
-                    std::min(std::chrono::duration<double>{seconds}, most));
-            },
-            "longest wait for the lock, in seconds; 5 where left out")
-        ->type_name("SECONDS");
-}
-
-void add_interval(CLI::App& command, std::chrono::milliseconds& interval) {
-    command
-        .add_option_function<double>(
-            "--interval",
-            [&interval](double seconds) {
-                constexpr double shortest = 0.01;
-                constexpr double longest = 86400;
-                if (!(seconds >= shortest && seconds <= longest))
-                    throw CLI::ValidationError{"--interval", "give 0.01 to 86400 seconds"};
-                interval = std::chrono::duration_cast<std::chrono::milliseconds>(
-                    std::chrono::duration<double>{seconds});
-            },
-            "time between two looks, in seconds; 1 where left out")
-        ->type_name("SECONDS");
-}
-
-void add_source(CLI::App& command, area_source& source) {
-    command.add_option("--area", source.file, "look into this copy of an area, not the live one")
-        ->type_name("FILE");
-    add_timeout(command, source.timeout);
-}
-
-void add_json(CLI::App& command, bool& json) {
-    command.add_flag("--json", json, "for programs: one JSON object");
 }
 
 uint64_t parse_size(const std::string& text, const std::string& what) {

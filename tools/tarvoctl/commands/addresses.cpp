@@ -145,12 +145,12 @@ exit_status limits(const address_options& options) {
 
 using question = exit_status (*)(const address_options&);
 
-CLI::App& add_question(program& to, const char* name, const char* purpose,
-                       const std::shared_ptr<address_options>& options, question answer) {
-    CLI::App& command =
+command_words add_question(program& to, const char* name, const char* purpose,
+                           const std::shared_ptr<address_options>& options, question answer) {
+    command_words command =
         to.add(name, purpose, looking, [options, answer] { return answer(*options); });
-    add_json(command, options->json);
-    add_source(command, options->source);
+    command.json(options->json);
+    command.source(options->source);
     return command;
 }
 
@@ -159,17 +159,17 @@ CLI::App& add_question(program& to, const char* name, const char* purpose,
 void add_find(program& to) {
     const auto options = std::make_shared<address_options>();
     add_question(to, "find", "the chunk that a DMA address lies in", options, find)
-        .add_option("DMA", options->address, "such as 0x20001000")
-        ->required();
+        .word("DMA", options->address, "such as 0x20001000");
 }
 
 void add_translate(program& to) {
     const auto options = std::make_shared<address_options>();
-    CLI::App& command = add_question(
+    command_words command = add_question(
         to, "translate", "the physical address of a DMA address, and back", options, translate);
-    command.add_option("ADDRESS", options->address, "such as 0x20001000")->required();
-    CLI::Option* const pa = command.add_flag("--pa", options->is_pa, "it is a physical address");
-    command.add_flag("--dma", options->is_dma, "it is a DMA address")->excludes(pa);
+    command.word("ADDRESS", options->address, "such as 0x20001000");
+    command.flag("--pa", options->is_pa, "it is a physical address");
+    command.flag("--dma", options->is_dma, "it is a DMA address");
+    command.exclude("--pa", "--dma");
 }
 
 void add_limits(program& to) {

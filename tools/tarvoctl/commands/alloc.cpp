@@ -127,17 +127,17 @@ exit_status alloc(const alloc_options& options) {
 
 void add_alloc(program& to) {
     const auto options = std::make_shared<alloc_options>();
-    CLI::App& command = to.add("alloc", "get the chunk of a name: the one there is, or a new one",
-                               changing, [options] { return alloc(*options); });
-    command.add_option("NAME", options->name, "1 to 49 bytes")->required();
-    command.add_option("SIZE", options->size, "such as 64K, 2M, 0x1000; whole pages are taken")
-        ->required();
-    command.add_option("--creator", options->creator, "who allocates; 'tarvoctl' where left out")
-        ->type_name("TEXT");
-    command.add_flag("--duplicate", options->duplicate,
-                     "where the name has another size: make a second chunk of it");
-    add_json(command, options->json);
-    add_timeout(command, options->timeout);
+    command_words command =
+        to.add("alloc", "get the chunk of a name: the one there is, or a new one", changing,
+               [options] { return alloc(*options); });
+    command.word("NAME", options->name, "1 to 49 bytes");
+    command.word("SIZE", options->size, "such as 64K, 2M, 0x1000; whole pages are taken");
+    command.option("--creator", "TEXT", options->creator,
+                   "who allocates; 'tarvoctl' where left out");
+    command.flag("--duplicate", options->duplicate,
+                 "where the name has another size: make a second chunk of it");
+    command.json(options->json);
+    command.timeout(options->timeout);
 }
 
 } // namespace tarvoctl

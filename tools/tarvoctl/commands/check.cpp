@@ -104,12 +104,13 @@ exit_status check(const check_command_options& options) {
 
 void add_check(program& to) {
     const auto options = std::make_shared<check_command_options>();
-    CLI::App& command = to.add("check", "every rule of the area, live or of a copy", mending,
-                               [options] { return check(*options); });
-    command.add_option("FILE", options->source.file, "a copy to check in place of the live area");
-    command.add_flag("--cma", options->cma, "the copy is of a CMA region: chunks may overlap");
-    add_json(command, options->json);
-    add_timeout(command, options->source.timeout);
+    command_words command = to.add("check", "every rule of the area, live or of a copy", mending,
+                                   [options] { return check(*options); });
+    command.optional_word("FILE", options->source.file,
+                          "a copy to check in place of the live area");
+    command.flag("--cma", options->cma, "the copy is of a CMA region: chunks may overlap");
+    command.json(options->json);
+    command.timeout(options->source.timeout);
 }
 
 } // namespace tarvoctl

@@ -96,10 +96,11 @@ exit_status devices(const devices_options& options) {
 
 void add_devices(program& to) {
     const auto options = std::make_shared<devices_options>();
-    CLI::App& command = to.add("devices", "the registered devices and how many chunks each sees",
-                               looking, [options] { return devices(*options); });
-    add_json(command, options->json);
-    add_source(command, options->source);
+    command_words command =
+        to.add("devices", "the registered devices and how many chunks each sees", looking,
+               [options] { return devices(*options); });
+    command.json(options->json);
+    command.source(options->source);
 }
 
 } // namespace tarvoctl

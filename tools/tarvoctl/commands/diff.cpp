@@ -36,12 +36,12 @@ exit_status diff(const diff_options& options) {
 
 void add_diff(program& to) {
     const auto options = std::make_shared<diff_options>();
-    CLI::App& command = to.add("diff", "what changed between two snapshots, or since one", looking,
-                               [options] { return diff(*options); });
-    command.add_option("A", options->before.file, "the snapshot from before")->required();
-    command.add_option("B", options->after.file, "the one from after; left out: the live area");
-    add_json(command, options->json);
-    add_timeout(command, options->after.timeout);
+    command_words command = to.add("diff", "what changed between two snapshots, or since one",
+                                   looking, [options] { return diff(*options); });
+    command.word("A", options->before.file, "the snapshot from before");
+    command.optional_word("B", options->after.file, "the one from after; left out: the live area");
+    command.json(options->json);
+    command.timeout(options->after.timeout);
 }
 
 } // namespace tarvoctl

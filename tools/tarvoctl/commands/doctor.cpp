@@ -105,10 +105,10 @@ exit_status doctor(bool as_json) {
 
 void add_doctor(program& to) {
     const auto as_json = std::make_shared<bool>(false);
-    CLI::App& command =
+    command_words command =
         to.add("doctor", "what is wrong with files, drivers, area and users, each with the fix",
                mending, [as_json] { return doctor(*as_json); });
-    add_json(command, *as_json);
+    command.json(*as_json);
 }
 
 } // namespace tarvoctl

@@ -49,9 +49,9 @@ exit_status dump(const dump_options& options) {
 
 void add_dump(program& to) {
     const auto options = std::make_shared<dump_options>();
-    CLI::App& command = to.add("dump", "the library's own listing, byte for byte", looking,
-                               [options] { return dump(*options); });
-    add_timeout(command, options->timeout);
+    command_words command = to.add("dump", "the library's own listing, byte for byte", looking,
+                                   [options] { return dump(*options); });
+    command.timeout(options->timeout);
 }
 
 } // namespace tarvoctl

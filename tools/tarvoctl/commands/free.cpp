@@ -99,13 +99,13 @@ exit_status free_chunk(const free_options& options) {
 
 void add_free(program& to) {
     const auto options = std::make_shared<free_options>();
-    CLI::App& command =
+    command_words command =
         to.add("free", "free the chunk of a name, for everybody; tells who has it and asks",
                changing, [options] { return free_chunk(*options); });
-    command.add_option("NAME", options->name, "the lowest chunk of that name")->required();
-    command.add_flag("--force", options->force, "do not ask");
-    add_json(command, options->json);
-    add_timeout(command, options->timeout);
+    command.word("NAME", options->name, "the lowest chunk of that name");
+    command.flag("--force", options->force, "do not ask");
+    command.json(options->json);
+    command.timeout(options->timeout);
 }
 
 } // namespace tarvoctl

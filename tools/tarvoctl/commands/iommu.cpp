@@ -84,12 +84,13 @@ exit_status iommu_unmap(const iommu_options& options) {
     });
 }
 
-CLI::App& add_request(program& to, const char* name, const char* purpose,
-                      const std::shared_ptr<iommu_options>& options,
-                      exit_status (*run)(const iommu_options&)) {
-    CLI::App& command = to.add(name, purpose, changing, [options, run] { return run(*options); });
-    command.add_option("DEVICE", options->device, "such as 0000:03:00.0 or 03:00.0")->required();
-    add_timeout(command, options->timeout);
+command_words add_request(program& to, const char* name, const char* purpose,
+                          const std::shared_ptr<iommu_options>& options,
+                          exit_status (*run)(const iommu_options&)) {
+    command_words command =
+        to.add(name, purpose, changing, [options, run] { return run(*options); });
+    command.word("DEVICE", options->device, "such as 0000:03:00.0 or 03:00.0");
+    command.timeout(options->timeout);
     return command;
 }
 
@@ -99,9 +100,8 @@ void add_iommu_map(program& to) {
     const auto options = std::make_shared<iommu_options>();
     add_request(to, "iommu-map", "map the whole region for a device, off the record", options,
                 iommu_map)
-        .add_option("--prot", options->prot, "what the device may do: r, w, or rw")
-        ->check(CLI::IsMember({"r", "w", "rw"}))
-        ->type_name("PROT");
+        .choice("--prot", "PROT", {"r", "w", "rw"}, options->prot,
+                "what the device may do: r, w, or rw");
 }
 
 void add_iommu_unmap(program& to) {

@@ -169,10 +169,11 @@ exit_status leaks(const leaks_options& options) {
 
 void add_leaks(program& to) {
     const auto options = std::make_shared<leaks_options>();
-    CLI::App& command = to.add("leaks", "chunks that nobody seems to need any more; frees nothing",
-                               looking, [options] { return leaks(*options); });
-    add_json(command, options->json);
-    add_timeout(command, options->timeout);
+    command_words command =
+        to.add("leaks", "chunks that nobody seems to need any more; frees nothing", looking,
+               [options] { return leaks(*options); });
+    command.json(options->json);
+    command.timeout(options->timeout);
 }
 
 } // namespace tarvoctl

@@ -147,21 +147,17 @@ exit_status list(const list_options& options) {
 
 void add_list(program& to) {
     const auto options = std::make_shared<list_options>();
-    CLI::App& command = to.add("list", "the chunks, in ascending address", looking,
-                               [options] { return list(*options); });
-    command
-        .add_option("-o,--columns", options->columns,
-                    "which, as in name,size: index, name, dma, pa, size, creator, devices")
-        ->delimiter(',')
-        ->type_name("COLUMNS");
-    command.add_option("--sort", options->sort, "by pa (also dma), name, size, creator or index")
-        ->check(CLI::IsMember({"pa", "dma", "name", "size", "creator", "index"}))
-        ->type_name("KEY");
-    command.add_flag("-r,--reverse", options->reverse, "the other way round");
-    command.add_flag("--human", options->human, "sizes as 64K, 2M");
-    command.add_flag("--no-header", options->no_header, "without the line of titles");
-    add_json(command, options->json);
-    add_source(command, options->source);
+    command_words command = to.add("list", "the chunks, in ascending address", looking,
+                                   [options] { return list(*options); });
+    command.list("-o,--columns", "COLUMNS", options->columns,
+                 "which, as in name,size: index, name, dma, pa, size, creator, devices");
+    command.choice("--sort", "KEY", {"pa", "dma", "name", "size", "creator", "index"},
+                   options->sort, "by pa (also dma), name, size, creator or index");
+    command.flag("-r,--reverse", options->reverse, "the other way round");
+    command.flag("--human", options->human, "sizes as 64K, 2M");
+    command.flag("--no-header", options->no_header, "without the line of titles");
+    command.json(options->json);
+    command.source(options->source);
 }
 
 } // namespace tarvoctl

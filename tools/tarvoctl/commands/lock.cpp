@@ -134,9 +134,9 @@ exit_status lock(bool as_json) {
 
 void add_lock(program& to) {
     const auto as_json = std::make_shared<bool>(false);
-    CLI::App& command = to.add("lock", "who holds the cross-process lock, who waits for it",
-                               looking, [as_json] { return lock(*as_json); });
-    add_json(command, *as_json);
+    command_words command = to.add("lock", "who holds the cross-process lock, who waits for it",
+                                   looking, [as_json] { return lock(*as_json); });
+    command.json(*as_json);
 }
 
 } // namespace tarvoctl

@@ -162,14 +162,12 @@ exit_status map(const map_options& options) {
 
 void add_map(program& to) {
     const auto options = std::make_shared<map_options>();
-    CLI::App& command = to.add("map", "a picture of the region: chunks and gaps to scale", looking,
-                               [options] { return map(*options); });
-    command.add_option("--fit", options->fit, "would a chunk of that size fit, and where?")
-        ->type_name("SIZE");
-    command.add_option("--svg", options->svg_file, "write the picture to this file, too")
-        ->type_name("FILE");
-    add_json(command, options->json);
-    add_source(command, options->source);
+    command_words command = to.add("map", "a picture of the region: chunks and gaps to scale",
+                                   looking, [options] { return map(*options); });
+    command.option("--fit", "SIZE", options->fit, "would a chunk of that size fit, and where?");
+    command.option("--svg", "FILE", options->svg_file, "write the picture to this file, too");
+    command.json(options->json);
+    command.source(options->source);
 }
 
 } // namespace tarvoctl

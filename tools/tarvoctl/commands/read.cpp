@@ -48,15 +48,13 @@ exit_status read_chunk(const read_options& options) {
 
 void add_read(program& to) {
     const auto options = std::make_shared<read_options>();
-    CLI::App& command = to.add("read", "what is in a chunk, as a hex dump or raw", looking,
-                               [options] { return read_chunk(*options); });
-    command.add_option("NAME", options->name, "the lowest chunk of that name")->required();
-    command.add_option("--offset", options->offset, "first byte within the chunk")
-        ->type_name("SIZE");
-    command.add_option("--size", options->size, "how many bytes; left out: to the chunk's end")
-        ->type_name("SIZE");
-    command.add_flag("--raw", options->raw, "the bytes themselves, for files and pipes");
-    add_timeout(command, options->timeout);
+    command_words command = to.add("read", "what is in a chunk, as a hex dump or raw", looking,
+                                   [options] { return read_chunk(*options); });
+    command.word("NAME", options->name, "the lowest chunk of that name");
+    command.option("--offset", "SIZE", options->offset, "first byte within the chunk");
+    command.option("--size", "SIZE", options->size, "how many bytes; left out: to the chunk's end");
+    command.flag("--raw", options->raw, "the bytes themselves, for files and pipes");
+    command.timeout(options->timeout);
 }
 
 } // namespace tarvoctl

@@ -161,13 +161,14 @@ exit_status unregister_device(const register_options& options) {
     return done ? exit_status::good : exit_status::finding;
 }
 
-CLI::App& add_registration(program& to, const char* name, const char* purpose,
-                           const std::shared_ptr<register_options>& options,
-                           exit_status (*run)(const register_options&)) {
-    CLI::App& command = to.add(name, purpose, changing, [options, run] { return run(*options); });
-    command.add_option("DEVICE", options->device, "such as 0000:03:00.0 or 03:00.0")->required();
-    add_json(command, options->json);
-    add_timeout(command, options->timeout);
+command_words add_registration(program& to, const char* name, const char* purpose,
+                               const std::shared_ptr<register_options>& options,
+                               exit_status (*run)(const register_options&)) {
+    command_words command =
+        to.add(name, purpose, changing, [options, run] { return run(*options); });
+    command.word("DEVICE", options->device, "such as 0000:03:00.0 or 03:00.0");
+    command.json(options->json);
+    command.timeout(options->timeout);
     return command;
 }
 
@@ -182,7 +183,7 @@ void add_unregister(program& to) {
     const auto options = std::make_shared<register_options>();
     add_registration(to, "unregister", "take all chunks from a device; tells what it sees and asks",
                      options, unregister_device)
-        .add_flag("--force", options->force, "do not ask");
+        .flag("--force", options->force, "do not ask");
 }
 
 } // namespace tarvoctl

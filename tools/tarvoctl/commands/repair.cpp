@@ -128,16 +128,16 @@ exit_status repair(const repair_options& options) {
 
 void add_repair(program& to) {
     const auto options = std::make_shared<repair_options>();
-    CLI::App& command =
+    command_words command =
         to.add("repair", "make the area whole after a process died in the middle of a change",
                mending, [options] { return repair(*options); });
-    command.add_option("FILE", options->source.file, "a copy to repair in place of the live area");
-    command.add_flag("-n,--dry-run", options->dry_run, "only show the plan");
-    command.add_flag("-y,--yes", options->yes, "do not ask");
-    command.add_flag("--force", options->force, "also while it is in use, or in doubt");
-    command.add_option("--backup", options->backup, "where the area is kept as it was")
-        ->type_name("FILE");
-    add_timeout(command, options->source.timeout);
+    command.optional_word("FILE", options->source.file,
+                          "a copy to repair in place of the live area");
+    command.flag("-n,--dry-run", options->dry_run, "only show the plan");
+    command.flag("-y,--yes", options->yes, "do not ask");
+    command.flag("--force", options->force, "also while it is in use, or in doubt");
+    command.option("--backup", "FILE", options->backup, "where the area is kept as it was");
+    command.timeout(options->source.timeout);
 }
 
 } // namespace tarvoctl

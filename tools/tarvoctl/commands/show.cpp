@@ -169,11 +169,11 @@ exit_status show(const show_options& options) {
 
 void add_show(program& to) {
     const auto options = std::make_shared<show_options>();
-    CLI::App& command = to.add("show", "one chunk in full, with its neighbours and its users",
-                               looking, [options] { return show(*options); });
-    command.add_option("NAME", options->name, "the chunk")->required();
-    add_json(command, options->json);
-    add_source(command, options->source);
+    command_words command = to.add("show", "one chunk in full, with its neighbours and its users",
+                                   looking, [options] { return show(*options); });
+    command.word("NAME", options->name, "the chunk");
+    command.json(options->json);
+    command.source(options->source);
 }
 
 } // namespace tarvoctl

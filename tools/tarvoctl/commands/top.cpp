@@ -81,11 +81,11 @@ exit_status top(const top_options& options) {
 
 void add_top(program& to) {
     const auto options = std::make_shared<top_options>();
-    CLI::App& command =
+    command_words command =
         to.add("top", "the region, its chunks and devices on the whole screen, as they change",
                looking, [options] { return top(*options); });
-    add_interval(command, options->interval);
-    add_timeout(command, options->timeout);
+    command.interval(options->interval);
+    command.timeout(options->timeout);
 }
 
 } // namespace tarvoctl

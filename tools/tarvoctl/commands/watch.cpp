@@ -189,11 +189,11 @@ exit_status watch(const watch_options& options) {
 
 void add_watch(program& to) {
     const auto options = std::make_shared<watch_options>();
-    CLI::App& command = to.add("watch", "changes of chunks and devices as they happen", looking,
-                               [options] { return watch(*options); });
-    command.add_flag("--json", options->json, "for programs: one JSON object a line");
-    add_interval(command, options->interval);
-    add_timeout(command, options->timeout);
+    command_words command = to.add("watch", "changes of chunks and devices as they happen", looking,
+                                   [options] { return watch(*options); });
+    command.flag("--json", options->json, "for programs: one JSON object a line");
+    command.interval(options->interval);
+    command.timeout(options->timeout);
 }
 
 } // namespace tarvoctl

@@ -247,12 +247,12 @@ exit_status who(const who_options& options) {
 
 void add_who(program& to) {
     const auto options = std::make_shared<who_options>();
-    CLI::App& command =
+    command_words command =
         to.add("who", "the processes that have chunks mapped, and what they see of them", looking,
                [options] { return who(*options); });
-    command.add_option("name", options->name, "this chunk alone")->type_name("NAME");
-    add_json(command, options->json);
-    add_timeout(command, options->timeout);
+    command.optional_word("NAME", options->name, "this chunk alone");
+    command.json(options->json);
+    command.timeout(options->timeout);
 }
 
 } // namespace tarvoctl

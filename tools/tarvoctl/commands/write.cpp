@@ -106,14 +106,14 @@ exit_status fill_chunk(const write_options& options) {
     });
 }
 
-CLI::App& add_writer(program& to, const char* name, const char* purpose,
-                     const std::shared_ptr<write_options>& options,
-                     exit_status (*run)(const write_options&)) {
-    CLI::App& command = to.add(name, purpose, changing, [options, run] { return run(*options); });
-    command.add_option("NAME", options->name, "the lowest chunk of that name")->required();
-    command.add_option("--offset", options->offset, "first byte within the chunk")
-        ->type_name("SIZE");
-    add_timeout(command, options->timeout);
+command_words add_writer(program& to, const char* name, const char* purpose,
+                         const std::shared_ptr<write_options>& options,
+                         exit_status (*run)(const write_options&)) {
+    command_words command =
+        to.add(name, purpose, changing, [options, run] { return run(*options); });
+    command.word("NAME", options->name, "the lowest chunk of that name");
+    command.option("--offset", "SIZE", options->offset, "first byte within the chunk");
+    command.timeout(options->timeout);
     return command;
 }
 
@@ -126,10 +126,10 @@ void add_write(program& to) {
 
 void add_fill(program& to) {
     const auto options = std::make_shared<write_options>();
-    CLI::App& command = add_writer(to, "fill", "one byte all over a chunk", options, fill_chunk);
-    command.add_option("BYTE", options->byte, "0 to 255, or 0x00 to 0xff")->required();
-    command.add_option("--size", options->size, "how many bytes; left out: to the chunk's end")
-        ->type_name("SIZE");
+    command_words command =
+        add_writer(to, "fill", "one byte all over a chunk", options, fill_chunk);
+    command.word("BYTE", options->byte, "0 to 255, or 0x00 to 0xff");
+    command.option("--size", "SIZE", options->size, "how many bytes; left out: to the chunk's end");
 }
 
 } // namespace tarvoctl

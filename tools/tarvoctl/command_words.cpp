@@ -1,0 +1,91 @@
+#include "command_words.hpp"
+
+#include "host/cross_process_lock.hpp"
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <functional>
+
+namespace tarvoctl {
+
+namespace {
+
+using seconds = std::chrono::duration<double>;
+
+/// An option whose value is a number of seconds, looked at by `take`.
+void add_seconds(CLI::App& parser, const std::string& name, const std::string& about,
+                 const std::function<void(double)>& take) {
+    parser.add_option_function<double>(name, take, about)->type_name("SECONDS");
+}
+
+std::chrono::milliseconds whole_milliseconds(seconds time) {
+    return std::chrono::duration_cast<std::chrono::milliseconds>(time);
+}
+
+} // namespace
+
+void command_words::word(const std::string& title, std::string& to, const std::string& about) {
+    parser_->add_option(title, to, about)->required();
+}
+
+void command_words::optional_word(const std::string& title, std::string& to,
+                                  const std::string& about) {
+    parser_->add_option(title, to, about);
+}
+
+void command_words::flag(const std::string& names, bool& to, const std::string& about) {
+    parser_->add_flag(names, to, about);
+}
+
+void command_words::option(const std::string& names, const std::string& title, std::string& to,
+                           const std::string& about) {
+    parser_->add_option(names, to, about)->type_name(title);
+}
+
+void command_words::choice(const std::string& names, const std::string& title,
+                           const std::vector<std::string>& values, std::string& to,
+                           const std::string& about) {
+    parser_->add_option(names, to, about)->check(CLI::IsMember(values))->type_name(title);
+}
+
+void command_words::list(const std::string& names, const std::string& title,
+                         std::vector<std::string>& to, const std::string& about) {
+    parser_->add_option(names, to, about)->delimiter(',')->type_name(title);
+}
+
+void command_words::exclude(const std::string& one, const std::string& other) {
+    parser_->get_option(one)->excludes(parser_->get_option(other));
+}
+
+void command_words::source(area_source& source) {
+    option("--area", "FILE", source.file, "look into this copy of an area, not the live one");
+    timeout(source.timeout);
+}
+
+void command_words::timeout(std::chrono::milliseconds& timeout) {
+    add_seconds(
+        *parser_, "--timeout", "longest wait for the lock, in seconds; 5 where left out",
+        [&timeout](double wanted) {
+            if (!(wanted >= 0)) {
+                throw CLI::ValidationError{"--timeout", "give a number of seconds, 0 or more"};
+            }
+            timeout = whole_milliseconds(std::min(seconds{wanted}, seconds{longest_timeout}));
+        });
+}
+
+void command_words::interval(std::chrono::milliseconds& interval) {
+    add_seconds(*parser_, "--interval", "time between two looks, in seconds; 1 where left out",
+                [&interval](double wanted) {
+                    constexpr double shortest = 0.01;
+                    constexpr double longest = 86400;
+                    if (!(wanted >= shortest && wanted <= longest))
+                        throw CLI::ValidationError{"--interval", "give 0.01 to 86400 seconds"};
+                    interval = whole_milliseconds(seconds{wanted});
+                });
+}
+
+void command_words::json(bool& json) {
+    flag("--json", json, "for programs: one JSON object");
+}
+
+} // namespace tarvoctl

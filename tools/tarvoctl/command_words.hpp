@@ -1,0 +1,52 @@
+#pragma once
+
+#include "host/area_source.hpp"
+
+#include <chrono>
+#include <string>
+#include <vector>
+
+namespace CLI {
+class App;
+}
+
+namespace tarvoctl {
+
+/// The words that one command understands, each with the place that takes its value. What is not
+/// given leaves its place as it was. `names` are as in "-r,--reverse", `title` is what the help
+/// calls the value.
+///
+/// The parser's own header stays behind this one: it takes longer to compile than any command.
+class command_words {
+  public:
+    explicit command_words(CLI::App& parser) : parser_{&parser} {}
+
+    void word(const std::string& title, std::string& to, const std::string& about);
+    void optional_word(const std::string& title, std::string& to, const std::string& about);
+
+    void flag(const std::string& names, bool& to, const std::string& about);
+    void option(const std::string& names, const std::string& title, std::string& to,
+                const std::string& about);
+    /// Takes one of `values` alone.
+    void choice(const std::string& names, const std::string& title,
+                const std::vector<std::string>& values, std::string& to, const std::string& about);
+    /// Takes several values with commas between them.
+    void list(const std::string& names, const std::string& title, std::vector<std::string>& to,
+              const std::string& about);
+    /// Refuses the two together.
+    void exclude(const std::string& one, const std::string& other);
+
+    /// --area FILE and --timeout SECONDS, for commands that read the records.
+    void source(area_source& source);
+    /// --timeout SECONDS alone, for commands on the live area.
+    void timeout(std::chrono::milliseconds& timeout);
+    /// --interval SECONDS, for commands that look again and again.
+    void interval(std::chrono::milliseconds& interval);
+    /// --json
+    void json(bool& json);
+
+  private:
+    CLI::App* parser_;
+};
+
+} // namespace tarvoctl
