@@ -1,5 +1,6 @@
 #include "tool.hpp"
 
+#include <filesystem>
 #include <fstream>
 #include <gtest/gtest.h>
 
@@ -58,7 +59,7 @@ TEST(Check, ComparesTheAreaWithTheRegionTheDriverDescribes) {
     const auto tail = static_cast<std::size_t>(area.view().chunk_ends().tail);
     area.writer().u64(area_offset::chunk(static_cast<int>(tail)) + area_offset::pa,
                       low.end() - 0x1000);
-    EXPECT_EQ(tarvoctl(machine, {"check"}).status, 1);
+    EXPECT_EQ(tarvoctl(machine, {"check"}).status, 4);
     // A copy may come from another machine.
     const temporary_folder folder;
     const std::string copy = folder.path() / "copy";
@@ -110,6 +111,68 @@ TEST(Snapshot, NeverReplacesAFileUnasked) {
     EXPECT_EQ(file_text(copy), "precious");
     EXPECT_EQ(tarvoctl(machine, {"snapshot", "--force", copy}).status, 0);
     EXPECT_EQ(tarvoctl(machine, {"check", copy}).status, 0);
+}
+
+/// A snapshot that is in the way, and the only file in its folder.
+class SnapshotOnto : public testing::Test {
+  protected:
+    SnapshotOnto() {
+        fill(machine);
+        EXPECT_EQ(tarvoctl(machine, {"snapshot", copy}).status, 0);
+        bytes = area_file(copy).snapshot();
+        machine.start().free("second");
+    }
+
+    std::ptrdiff_t files() const {
+        const std::filesystem::directory_iterator all(folder.path());
+        return std::distance(begin(all), end(all));
+    }
+
+    sandbox machine{low};
+    temporary_folder folder;
+    std::string copy = folder.path() / "copy";
+    std::vector<uint8_t> bytes;
+};
+
+TEST_F(SnapshotOnto, AFullDiskKeepsTheEarlierOne) {
+    // As much of a file as a full disk would take.
+    process tool = machine.start_process(
+        {"sh", "-c", "trap '' XFSZ; ulimit -f 100; exec \"$0\" snapshot --force \"$1\"", TARVOCTL,
+         copy});
+    EXPECT_EQ(tool.wait().status, 3);
+    EXPECT_EQ(tool.error_text(), "tarvoctl: cannot write " + copy + ": File too large\n");
+    EXPECT_EQ(area_file(copy).snapshot(), bytes);
+    EXPECT_EQ(files(), 1);
+}
+
+TEST_F(SnapshotOnto, ANewOneLeavesNothingElse) {
+    EXPECT_EQ(tarvoctl(machine, {"snapshot", "--force", copy}).status, 0);
+    EXPECT_EQ(area_file(copy).snapshot(), machine.area().snapshot());
+    EXPECT_EQ(files(), 1);
+}
+
+TEST_F(SnapshotOnto, WhatHasTheAreaMappedKeepsItsFile) {
+    const std::string link = folder.path() / "link";
+    std::filesystem::create_symlink("/var/shmem/tarvo_lib", link);
+    const auto before = machine.area().snapshot();
+    for (const std::string& file : {std::string("/var/shmem/tarvo_lib"), link}) {
+        const auto outcome = tarvoctl(machine, {"snapshot", "--force", file});
+        EXPECT_EQ(outcome.status, 2);
+        EXPECT_EQ(outcome.errors, "tarvoctl: cannot write " + file +
+                                      ": that is a file of the library; name another\n");
+    }
+    EXPECT_EQ(machine.area().snapshot(), before);
+    // One that is not there would select simulation.
+    EXPECT_EQ(tarvoctl(machine, {"snapshot", "/var/tmp/../tmp/tarvo"}).status, 2);
+    EXPECT_EQ(tarvoctl(machine, {"list"}).status, 0);
+}
+
+TEST_F(SnapshotOnto, WhatIsNoPlainFileStays) {
+    for (const std::string& file : {std::string("/dev/null"), folder.path().string()}) {
+        const auto outcome = tarvoctl(machine, {"snapshot", "--force", file});
+        EXPECT_EQ(outcome.status, 2);
+        EXPECT_EQ(outcome.errors, "tarvoctl: cannot write " + file + ": it is no plain file\n");
+    }
 }
 
 TEST(Diff, TellsWhatChangedSinceASnapshot) {

@@ -1,5 +1,6 @@
 #include "tool.hpp"
 
+#include <fstream>
 #include <gtest/gtest.h>
 
 namespace {
@@ -93,7 +94,27 @@ TEST(Map, WritesThePictureAsSvg) {
     const auto refused = tarvoctl(machine, {"map", "--svg", "/nowhere/map.svg"});
     EXPECT_EQ(refused.status, 3);
     EXPECT_EQ(refused.errors,
-              "tarvoctl: --svg: cannot write /nowhere/map.svg: No such file or directory\n");
+              "tarvoctl: cannot write /nowhere/map.svg: No such file or directory\n");
+}
+
+TEST(Map, ReplacesNoFileUnaskedAndNeverOneOfTheLibrary) {
+    sandbox machine(low);
+    fill(machine);
+    const temporary_folder folder;
+    const std::string file = folder.path() / "map.svg";
+    std::ofstream(file) << "precious";
+    const auto refused = tarvoctl(machine, {"map", "--svg", file});
+    EXPECT_EQ(refused.status, 2);
+    EXPECT_EQ(refused.errors, "tarvoctl: cannot write " + file +
+                                  ": File exists; name another file, or --force replaces it\n");
+    EXPECT_EQ(file_text(file), "precious");
+    EXPECT_EQ(tarvoctl(machine, {"map", "--svg", file, "--force"}).status, 0);
+    EXPECT_EQ(file_text(file).substr(0, 4), "<svg");
+    EXPECT_EQ(mode_of(file), "0644");
+
+    const auto area = machine.area().snapshot();
+    EXPECT_EQ(tarvoctl(machine, {"map", "--force", "--svg", "/var/shmem/tarvo_lib"}).status, 2);
+    EXPECT_EQ(machine.area().snapshot(), area);
 }
 
 TEST(Map, AnEmptyRegionIsOneGap) {

@@ -1,6 +1,7 @@
 #include "area/gaps.hpp"
 #include "commands/commands.hpp"
 #include "failure.hpp"
+#include "host/new_file.hpp"
 #include "output/json.hpp"
 #include "output/region_bar.hpp"
 #include "output/screen.hpp"
@@ -8,9 +9,7 @@
 #include "output/text.hpp"
 #include "program.hpp"
 
-#include <cerrno>
 #include <fmt/format.h>
-#include <fstream>
 #include <memory>
 #include <unistd.h>
 
@@ -22,6 +21,7 @@ struct map_options {
     area_source source;
     std::string fit;
     std::string svg_file;
+    bool force = false;
     bool json = false;
 };
 
@@ -125,14 +125,14 @@ void print_as_json(const picture& records, const std::vector<gap>& gaps, const f
     print_json(document);
 }
 
-void write_svg(const std::string& path, const picture& records) {
-    std::ofstream file{path};
-    file << region_svg(records);
-    file.close();
-    if (!file) {
-        throw failure{exit_status::unreadable,
-                      fmt::format("--svg: cannot write {}: {}", path, error_text(errno))};
-    }
+void write_svg(const map_options& options, const picture& records) {
+    constexpr mode_t everybody = 0666;
+    const std::string text = region_svg(records);
+    new_file file{
+        {options.svg_file, options.force ? existing_file::replaced : existing_file::refused},
+        everybody};
+    file.write_at(text.data(), text.size(), 0);
+    file.finish();
 }
 
 exit_status map(const map_options& options) {
@@ -145,7 +145,7 @@ exit_status map(const map_options& options) {
     const free_space free = free_space_of(gaps);
     const auto fit = options.fit.empty() ? std::nullopt : std::optional{fit_of(options, gaps)};
     if (!options.svg_file.empty())
-        write_svg(options.svg_file, records);
+        write_svg(options, records);
     if (options.json) {
         print_as_json(records, gaps, free, fit);
     } else if (fit) {
@@ -166,6 +166,7 @@ void add_map(program& to) {
                                    looking, [options] { return map(*options); });
     command.option("--fit", "SIZE", options->fit, "would a chunk of that size fit, and where?");
     command.option("--svg", "FILE", options->svg_file, "write the picture to this file, too");
+    command.flag("--force", options->force, "replace a file of --svg that is there");
     command.json(options->json);
     command.source(options->source);
 }

@@ -100,7 +100,7 @@ void carry_out(const repair_options& options, const repair_plan& plan) {
                                             "made; run it again"};
     }
     const std::string backup = backup_path(options);
-    write_area(backup, mapped.area(), existing_file::refused);
+    write_area({backup, existing_file::refused, "--backup names another"}, mapped.area());
     apply(plan, mapped.area());
     fmt::print("repaired; {} holds the area as it was\n", backup);
 }

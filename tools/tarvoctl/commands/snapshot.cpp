@@ -1,6 +1,4 @@
 #include "commands/commands.hpp"
-#include "common/unique_fd.hpp"
-#include "failure.hpp"
 #include "host/area_file.hpp"
 #include "program.hpp"
 
@@ -19,8 +17,8 @@ struct snapshot_options {
 
 exit_status snapshot(const snapshot_options& options) {
     const auto area = read_area(options.source);
-    write_area(options.file, *area,
-               options.force ? existing_file::replaced : existing_file::refused);
+    write_area({options.file, options.force ? existing_file::replaced : existing_file::refused},
+               *area);
     fmt::print("{} holds the area as it was; 'tarvoctl list --area', 'check' and 'diff' read it\n",
                options.file);
     return exit_status::good;

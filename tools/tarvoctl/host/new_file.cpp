@@ -1,0 +1,124 @@
+#include "host/new_file.hpp"
+
+#include "failure.hpp"
+#include "host/file_identity.hpp"
+#include "shared/paths.hpp"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <fcntl.h>
+#include <filesystem>
+#include <fmt/format.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace tarvoctl {
+
+namespace {
+
+std::filesystem::path folder_of(const std::filesystem::path& path) {
+    return path.has_parent_path() ? path.parent_path() : ".";
+}
+
+/// The same file, whatever leads to it, or the same name in the same folder.
+bool is_same(const std::string& path, const std::string& other) {
+    const std::filesystem::path one{path};
+    const std::filesystem::path two{other};
+    const auto file = identity_of(path);
+    const auto folder = identity_of(folder_of(one));
+    return (file && file == identity_of(other)) ||
+           (folder && folder == identity_of(folder_of(two)) && one.filename() == two.filename());
+}
+
+/// Processes may be using them now; one that is not there yet would change what the next one does.
+bool is_of_library(const std::string& path) {
+    constexpr const char* files[] = {paths::simulated_memory, paths::simulated_area,
+                                     paths::simulated_lock, paths::hardware_area,
+                                     paths::hardware_lock};
+    return std::any_of(std::begin(files), std::end(files),
+                       [&path](const char* file) { return is_same(path, file); });
+}
+
+mode_t umask_now() {
+    const mode_t mask = ::umask(0);
+    ::umask(mask);
+    return mask;
+}
+
+/// Fails with EEXIST where something has the name; `from` may be left over then and otherwise.
+int give_free_name(const std::string& from, const std::string& name) {
+    if (::renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, name.c_str(), RENAME_NOREPLACE) == 0)
+        return 0;
+    // Network file systems have no such condition, but a link replaces nothing either.
+    return errno == EINVAL ? ::link(from.c_str(), name.c_str()) : -1;
+}
+
+} // namespace
+
+new_file::new_file(target wanted, mode_t mode) : wanted_{std::move(wanted)} {
+    if (is_of_library(wanted_.path)) {
+        throw failure{exit_status::usage,
+                      fmt::format("cannot write {}: that is a file of the library; name another",
+                                  wanted_.path)};
+    }
+    struct stat found {};
+    if (::lstat(wanted_.path.c_str(), &found) == 0) {
+        if (wanted_.existing == existing_file::refused)
+            complain(EEXIST);
+        if (::stat(wanted_.path.c_str(), &found) == 0 && !S_ISREG(found.st_mode)) {
+            throw failure{exit_status::usage,
+                          fmt::format("cannot write {}: it is no plain file", wanted_.path)};
+        }
+    }
+    std::string name = folder_of(wanted_.path) / ".tarvoctl-XXXXXX";
+    file_.reset(::mkostemp(name.data(), O_CLOEXEC));
+    if (!file_)
+        complain(errno);
+    temporary_ = std::move(name);
+    ::fchmod(file_.get(), mode & ~umask_now());
+}
+
+new_file::~new_file() {
+    if (!temporary_.empty())
+        ::unlink(temporary_.c_str());
+}
+
+void new_file::complain(int number) const {
+    const bool is_there = number == EEXIST;
+    throw failure{is_there ? exit_status::usage : exit_status::unreadable,
+                  fmt::format("cannot write {}: {}{}", wanted_.path, error_text(number),
+                              is_there ? fmt::format("; {}", wanted_.way_out) : "")};
+}
+
+void new_file::resize(std::size_t bytes) {
+    if (::ftruncate(file_.get(), static_cast<off_t>(bytes)) != 0)
+        complain(errno);
+}
+
+void new_file::write_at(const char* first, std::size_t bytes, std::size_t offset) {
+    while (bytes > 0) {
+        const ssize_t written = ::pwrite(file_.get(), first, bytes, static_cast<off_t>(offset));
+        if (written < 0)
+            complain(errno);
+        first += written;
+        bytes -= static_cast<std::size_t>(written);
+        offset += static_cast<std::size_t>(written);
+    }
+}
+
+void new_file::finish() {
+    // A disk that is full may say so only now.
+    if (::fsync(file_.get()) != 0)
+        complain(errno);
+    const int named = wanted_.existing == existing_file::refused
+                          ? give_free_name(temporary_, wanted_.path)
+                          : std::rename(temporary_.c_str(), wanted_.path.c_str());
+    if (named != 0)
+        complain(errno);
+    ::unlink(temporary_.c_str()); // only where the name is a link
+    temporary_.clear();
+}
+
+} // namespace tarvoctl

@@ -1,0 +1,44 @@
+#pragma once
+
+#include "common/unique_fd.hpp"
+
+#include <cstddef>
+#include <string>
+#include <sys/types.h>
+
+namespace tarvoctl {
+
+/// What becomes of a file that has the name already.
+enum class existing_file { refused, replaced };
+
+/// A file in the making. It takes its name only when it is whole and on the disk; until then, and
+/// whatever goes wrong, what had the name before stays as it was. The library's own files are never
+/// replaced, and neither is what is no plain file. All members throw failure.
+class new_file {
+  public:
+    struct target {
+        std::string path;
+        existing_file existing = existing_file::refused;
+        const char* way_out = "name another file, or --force replaces it"; ///< where it is refused
+    };
+
+    /// `mode` is what the umask leaves of it.
+    new_file(target wanted, mode_t mode);
+    ~new_file();
+    new_file(const new_file&) = delete;
+    new_file& operator=(const new_file&) = delete;
+
+    void resize(std::size_t bytes);
+    void write_at(const char* first, std::size_t bytes, std::size_t offset);
+    /// Gives it its name.
+    void finish();
+
+  private:
+    [[noreturn]] void complain(int number) const;
+
+    target wanted_;
+    std::string temporary_; ///< its name so far, in the same folder
+    unique_fd file_;
+};
+
+} // namespace tarvoctl
