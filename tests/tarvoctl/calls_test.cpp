@@ -64,8 +64,7 @@ TEST(Alloc, WhatWouldEndTheLibrarysProcessIsRefusedBeforeTheCall) {
     const std::string long_name(50, 'n');
     EXPECT_EQ(message({"alloc", long_name, "1"}),
               "tarvoctl: the name '" + long_name + "' has 50 bytes; a chunk's name has 1 to 49\n");
-    EXPECT_EQ(message({"alloc", "", "1"}),
-              "tarvoctl: NAME is empty; a chunk's name has 1 to 49 bytes\n");
+    EXPECT_EQ(message({"alloc", "", "1"}), "tarvoctl: NAME is empty; give a value\n");
     EXPECT_EQ(message({"alloc", "__TAIL", "1"}),
               "tarvoctl: '__TAIL' bounds the region and is no chunk; choose another name\n");
     EXPECT_EQ(message({"free", "__TAIL", "--force"}),
@@ -75,7 +74,7 @@ TEST(Alloc, WhatWouldEndTheLibrarysProcessIsRefusedBeforeTheCall) {
     EXPECT_EQ(message({"alloc", "a", "0xfffff001"}),
               "tarvoctl: SIZE '0xfffff001' is 4294963201 bytes; a chunk has 1 to 4294963200\n");
     EXPECT_EQ(message({"alloc", "a", "1", "--creator", ""}),
-              "tarvoctl: --creator is empty; say who allocates, or leave it out\n");
+              "tarvoctl: --creator is empty; give a value, or leave it out\n");
     EXPECT_FALSE(exists(machine.shared_area())) << "nothing of this starts the region";
 }
 
@@ -135,9 +134,9 @@ TEST(Alloc, ADamagedAreaIsLeftAlone) {
     const auto outcome = tarvoctl(machine, {"alloc", "third", "4K"});
     EXPECT_EQ(outcome.status, 4);
     EXPECT_EQ(outcome.errors,
-              "tarvoctl: the list of chunks is damaged: it leads back to element 2: the library "
-              "would break off the call, or make it worse; see 'tarvoctl check' and 'tarvoctl "
-              "repair'\n");
+              "tarvoctl: the area is broken: chunk 2: the walk comes back to this element after 2 "
+              "elements and never reaches the tail 1. The library would break off the call, or "
+              "make it worse; see 'tarvoctl check' and 'tarvoctl repair'\n");
 }
 
 TEST(Alloc, AChunkOutsideTheRegionIsNotHandedToTheLibrary) {
@@ -148,7 +147,7 @@ TEST(Alloc, AChunkOutsideTheRegionIsNotHandedToTheLibrary) {
     const auto outcome = tarvoctl(machine, {"read", "first"});
     EXPECT_EQ(outcome.status, 4);
     EXPECT_TRUE(outcome.errors.starts_with(
-        "tarvoctl: chunk 'first' (0x000001000-0x000001fff) does not lie in the region: "))
+        "tarvoctl: the area is broken: chunk 2: begins at 0x1000, before its predecessor"))
         << outcome.errors;
 }
 

@@ -141,4 +141,30 @@ TEST(Devices, TellsOfReferencesToADeviceThatIsGone) {
     EXPECT_EQ(tarvoctl(machine, {"list", "-o", "devices", "--no-header"}).output, "?0\n-\n");
 }
 
+TEST(EmptyWords, DoNotPassForTheLiveArea) {
+    sandbox machine(low);
+    machine.start().alloc("precious", 0x1000);
+    const auto before = machine.area().snapshot();
+    const std::vector<std::vector<std::string>> commands{{"list", "--area", ""},
+                                                         {"check", ""},
+                                                         {"repair", "-y", "--force", ""},
+                                                         {"diff", ""},
+                                                         {"diff", "one", ""},
+                                                         {"who", ""},
+                                                         {"map", "--fit", ""},
+                                                         {"map", "--svg", ""},
+                                                         {"repair", "--backup", ""},
+                                                         {"snapshot", ""},
+                                                         {"read", "precious", "--size", ""}};
+    for (const auto& words : commands) {
+        const auto outcome = tarvoctl(machine, words);
+        EXPECT_EQ(outcome.status, 2) << words[0];
+        EXPECT_NE(outcome.errors.find(" is empty; give a value"), std::string::npos)
+            << words[0] << ": " << outcome.errors;
+    }
+    EXPECT_EQ(machine.area().snapshot(), before);
+    EXPECT_EQ(tarvoctl(machine, {"list", "--area", ""}).errors,
+              "tarvoctl: --area is empty; give a value, or leave it out\n");
+}
+
 } // namespace

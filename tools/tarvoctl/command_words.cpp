@@ -1,9 +1,11 @@
 #include "command_words.hpp"
 
+#include "failure.hpp"
 #include "host/cross_process_lock.hpp"
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <fmt/format.h>
 #include <functional>
 
 namespace tarvoctl {
@@ -18,6 +20,20 @@ void add_seconds(CLI::App& parser, const std::string& name, const std::string& a
     parser.add_option_function<double>(name, take, about)->type_name("SECONDS");
 }
 
+/// A value that is a text. An empty one would pass for one that is left out, and is mostly that of a
+/// variable which is not set.
+CLI::Option* add_text(CLI::App& parser, const std::string& names, std::string& to,
+                      const std::string& about, const char* way_out) {
+    return parser.add_option(names, to, about)->check([names, way_out](const std::string& value) {
+        if (value.empty())
+            throw failure{exit_status::usage, fmt::format("{} is empty; {}", names, way_out)};
+        return std::string{};
+    });
+}
+
+constexpr const char* give_one = "give a value";
+constexpr const char* give_one_or_none = "give a value, or leave it out";
+
 std::chrono::milliseconds whole_milliseconds(seconds time) {
     return std::chrono::duration_cast<std::chrono::milliseconds>(time);
 }
@@ -25,12 +41,12 @@ std::chrono::milliseconds whole_milliseconds(seconds time) {
 } // namespace
 
 void command_words::word(const std::string& title, std::string& to, const std::string& about) {
-    parser_->add_option(title, to, about)->required();
+    add_text(*parser_, title, to, about, give_one)->required();
 }
 
 void command_words::optional_word(const std::string& title, std::string& to,
                                   const std::string& about) {
-    parser_->add_option(title, to, about);
+    add_text(*parser_, title, to, about, give_one_or_none);
 }
 
 void command_words::flag(const std::string& names, bool& to, const std::string& about) {
@@ -39,7 +55,7 @@ void command_words::flag(const std::string& names, bool& to, const std::string& 
 
 void command_words::option(const std::string& names, const std::string& title, std::string& to,
                            const std::string& about) {
-    parser_->add_option(names, to, about)->type_name(title);
+    add_text(*parser_, names, to, about, give_one_or_none)->type_name(title);
 }
 
 void command_words::choice(const std::string& names, const std::string& title,

@@ -14,7 +14,7 @@ namespace tarvoctl {
 
 /// The words that one command understands, each with the place that takes its value. What is not
 /// given leaves its place as it was. `names` are as in "-r,--reverse", `title` is what the help
-/// calls the value.
+/// calls the value. Words and options that are empty are refused.
 ///
 /// The parser's own header stays behind this one: it takes longer to compile than any command.
 class command_words {

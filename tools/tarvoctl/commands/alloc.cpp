@@ -113,8 +113,6 @@ exit_status call_alloc(const alloc_options& options, uint32_t size, const pictur
 exit_status alloc(const alloc_options& options) {
     check_chunk_name(options.name);
     const uint32_t size = parse_chunk_size(options.size);
-    if (options.creator.empty())
-        throw failure{exit_status::usage, "--creator is empty; say who allocates, or leave it out"};
     const picture before = ready_or_new_area(options.timeout);
     const chunk_record* const existing = before.find(options.name);
     check_existing(existing, size, options.duplicate);

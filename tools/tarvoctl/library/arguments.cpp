@@ -46,8 +46,6 @@ std::string_view take_behind(std::string_view& text, char mark) {
 } // namespace
 
 void check_chunk_name(const std::string& name) {
-    if (name.empty())
-        refuse("NAME is empty; a chunk's name has 1 to 49 bytes");
     if (name.size() >= name_bytes) {
         refuse(fmt::format("the name '{}' has {} bytes; a chunk's name has 1 to {}", shown(name),
                            name.size(), name_bytes - 1));
