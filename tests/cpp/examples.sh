@@ -15,6 +15,11 @@ if ((status == 125)); then
     exit 77
 fi
 
+# What the two sides print goes into files here: other runs go on at the same time.
+scratch=$(mktemp -d)
+trap 'rm -rf "$scratch"' EXIT
+cd "$scratch"
+
 # expect TEXT: what the commands on standard input print, on both outputs together.
 expect() {
     local printed
