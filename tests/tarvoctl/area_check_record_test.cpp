@@ -95,7 +95,7 @@ TEST_F(area_check_record, ARegionThatEndsWhereItBegins) {
                                      "chunk-region-empty"));
 }
 
-TEST_F(area_check_record, ARegionThatIsNotTheMachinesIsTolerated) {
+TEST_F(area_check_record, ARegionThatIsNotTheMachinesIsBroken) {
     check_options options;
     options.region = {first_pa, region_bytes};
     EXPECT_THAT(rules(options), IsEmpty());
@@ -103,7 +103,9 @@ TEST_F(area_check_record, ARegionThatIsNotTheMachinesIsTolerated) {
     EXPECT_THAT(rules(options), ElementsAre("chunk-region-differs"));
     options.region = {first_pa + 0x1000, region_bytes};
     EXPECT_THAT(rules(options), ElementsAre("chunk-region-differs"));
-    EXPECT_FALSE(has_class(findings(options), finding_class::broken));
+    EXPECT_TRUE(has_class(findings(options), finding_class::broken));
+    EXPECT_TRUE(is_of_another_region(findings(options)));
+    EXPECT_FALSE(is_of_another_region(findings()));
 }
 
 TEST_F(area_check_record, ANameWithoutATerminator) {

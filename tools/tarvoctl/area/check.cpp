@@ -55,4 +55,10 @@ bool has_class(const std::vector<finding>& findings, finding_class cls) {
                        [cls](const finding& one) { return one.cls == cls; });
 }
 
+bool is_of_another_region(const std::vector<finding>& findings) {
+    return std::any_of(findings.begin(), findings.end(), [](const finding& one) {
+        return one.rule == rule_name(rule::region_differs, area_list::chunks);
+    });
+}
+
 } // namespace tarvoctl

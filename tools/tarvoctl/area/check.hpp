@@ -34,4 +34,7 @@ std::vector<finding> check_area(const shared_area_t& area, const check_options& 
 /// Whether some finding is of that class.
 bool has_class(const std::vector<finding>& findings, finding_class cls);
 
+/// Whether the area is that of another region than the machine's: no repair helps then.
+bool is_of_another_region(const std::vector<finding>& findings);
+
 } // namespace tarvoctl

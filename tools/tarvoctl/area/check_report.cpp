@@ -17,7 +17,7 @@ constexpr rule_entry rule_table[] = {
     {finding_class::note, "half-built"},
     {finding_class::broken, "built-flag-lost"},
     {finding_class::broken, "region-empty"},
-    {finding_class::tolerated, "region-differs"},
+    {finding_class::broken, "region-differs"},
 
     {finding_class::broken, "end-out-of-range"},
     {finding_class::broken, "one-end-only"},
@@ -70,23 +70,23 @@ const rule_entry& entry_of(rule broken_rule) {
 /// In the order of the enumeration.
 constexpr std::string_view list_names[] = {"area", "chunk", "ref", "device"};
 
-std::string full_name(rule broken_rule, area_list list) {
-    std::string name(list_names[static_cast<std::size_t>(list)]);
-    name += '-';
-    name += entry_of(broken_rule).name;
-    return name;
-}
-
 } // namespace
 
 finding_class class_of(rule broken_rule) {
     return entry_of(broken_rule).cls;
 }
 
+std::string rule_name(rule broken_rule, area_list list) {
+    std::string name(list_names[static_cast<std::size_t>(list)]);
+    name += '-';
+    name += entry_of(broken_rule).name;
+    return name;
+}
+
 void report::list(rule broken_rule, place where, std::string text) {
     tally_of(broken_rule, where.list).last_listed = _findings.size();
     _findings.push_back(
-        {class_of(broken_rule), full_name(broken_rule, where.list), where, std::move(text)});
+        {class_of(broken_rule), rule_name(broken_rule, where.list), where, std::move(text)});
 }
 
 std::vector<finding> report::take() {

@@ -67,6 +67,9 @@ enum class rule {
 
 finding_class class_of(rule broken_rule);
 
+/// What findings call the rule, applied to that list.
+std::string rule_name(rule broken_rule, area_list list);
+
 /// Collects findings and makes sure that a damaged area does not drown its reader.
 class report {
   public:

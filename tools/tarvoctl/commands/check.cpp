@@ -8,7 +8,6 @@
 
 #include <fmt/format.h>
 #include <memory>
-#include <unistd.h>
 
 namespace tarvoctl {
 
@@ -22,15 +21,12 @@ struct check_command_options {
 
 /// What the machine says is compared with the live area only: a copy may come from another one.
 check_options options_for(const check_command_options& options) {
-    check_options made;
-    made.page_bytes = static_cast<uint32_t>(::sysconf(_SC_PAGESIZE));
-    made.cma = options.cma;
-    if (!options.source.is_live())
-        return made;
-    const site here = find_site();
-    made.cma = made.cma || here.is_cma();
-    if (here.driver)
-        made.region = expected_region{here.driver->first_pa, here.driver->bytes};
+    check_options made = options_here(find_site());
+    if (!options.source.is_live()) {
+        made.cma = false;
+        made.region.reset();
+    }
+    made.cma = made.cma || options.cma;
     return made;
 }
 
@@ -65,7 +61,10 @@ void print_as_text(const std::vector<finding>& findings) {
         fmt::print("the area is sound\n");
         break;
     case exit_status::damaged:
-        fmt::print("the area is broken: 'tarvoctl repair' shows what can be done\n");
+        fmt::print("the area is broken: {}\n",
+                   is_of_another_region(findings)
+                       ? "end all programs that use it, then remove its file"
+                       : "'tarvoctl repair' shows what can be done");
         break;
     default:
         fmt::print("the library works on with what was found\n");

@@ -1,5 +1,7 @@
 #include "host/area_follower.hpp"
 
+#include "area/check_record.hpp"
+
 #include "failure.hpp"
 #include "host/area_source.hpp"
 
@@ -13,12 +15,14 @@ namespace tarvoctl {
 
 namespace {
 
-bool is_built(const unique_fd& file) {
+/// Most areas that are looked at have been built, so only the others are mapped.
+bool is_built(const unique_fd& file, const std::string& path) {
     struct stat found {};
     unsigned char initialized = 0;
     return ::fstat(file.get(), &found) == 0 &&
            found.st_size >= static_cast<off_t>(sizeof(shared_area_t)) &&
-           ::pread(file.get(), &initialized, 1, 0) == 1 && initialized != 0;
+           ::pread(file.get(), &initialized, 1, 0) == 1 &&
+           (initialized != 0 || is_in_use(mapped_area{path}.area()));
 }
 
 } // namespace
@@ -29,7 +33,7 @@ unique_fd open_built_area(const std::string& path) {
         throw failure{exit_status::unreadable,
                       fmt::format("cannot open {}: {}", path, error_text(errno))};
     }
-    if (file && !is_built(file))
+    if (file && !is_built(file, path))
         file.reset();
     return file;
 }

@@ -10,8 +10,8 @@
 
 namespace tarvoctl {
 
-/// The file of an area that a process has built; none where there is no such area yet. Throws
-/// failure where there is one that cannot be opened.
+/// The file of an area that a process has built, also where it says that none has, yet is in use;
+/// none where there is no such area yet. Throws failure where there is one that cannot be opened.
 unique_fd open_built_area(const std::string& path);
 
 /// What one look at the live area found.

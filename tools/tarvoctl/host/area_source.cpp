@@ -1,5 +1,6 @@
 #include "host/area_source.hpp"
 
+#include "area/check_record.hpp"
 #include "area/live_records.hpp"
 #include "common/unique_fd.hpp"
 #include "failure.hpp"
@@ -11,6 +12,7 @@
 #include <fmt/format.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 namespace tarvoctl {
 
@@ -36,15 +38,6 @@ namespace {
                               length, sizeof(shared_area_t))};
 }
 
-/// An area that its first process has not finished making says so in its first byte.
-void check_built(const shared_area_t& area, const std::string& path) {
-    if (area.initialized == 0) {
-        throw failure{
-            exit_status::unreadable,
-            fmt::format("{} is not built yet: no program has started the library on it", path)};
-    }
-}
-
 std::vector<std::string> locks_of(const area_source& source, const site& here) {
     return source.is_live() ? here.locks : std::vector<std::string>{};
 }
@@ -54,6 +47,31 @@ std::string path_of(const area_source& source, const site& here) {
 }
 
 } // namespace
+
+/// An area that its first process has not finished making says so in its first byte.
+void check_built(const shared_area_t& area, const std::string& path) {
+    if (has_lost_flag(area)) {
+        throw failure{exit_status::damaged,
+                      fmt::format("{} holds chunks or devices, yet says that it was not built: the "
+                                  "next program that starts the library would build it anew, and "
+                                  "they would be lost; see 'tarvoctl repair'",
+                                  path)};
+    }
+    if (area.initialized == 0) {
+        throw failure{
+            exit_status::unreadable,
+            fmt::format("{} is not built yet: no program has started the library on it", path)};
+    }
+}
+
+check_options options_here(const site& here) {
+    check_options made;
+    made.page_bytes = static_cast<uint32_t>(::sysconf(_SC_PAGESIZE));
+    made.cma = here.is_cma();
+    if (const auto region = here.region())
+        made.region = expected_region{region->first_pa, region->end_pa - region->first_pa};
+    return made;
+}
 
 mapped_area::mapped_area(const std::string& path, access wanted) {
     const bool writes = wanted == access::write;

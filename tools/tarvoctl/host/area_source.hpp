@@ -1,5 +1,6 @@
 #pragma once
 
+#include "area/check.hpp"
 #include "area/records.hpp"
 #include "host/site.hpp"
 #include "shared/layout.hpp"
@@ -25,6 +26,12 @@ picture read_picture(const area_source& source);
 
 /// A whole area, copied.
 std::unique_ptr<shared_area_t> read_area(const area_source& source);
+
+/// Throws failure for an area that no process has built, or one in use that says so.
+void check_built(const shared_area_t& area, const std::string& path);
+
+/// What check_area() holds the live area against.
+check_options options_here(const site& here);
 
 /// The same of a live area that is here. Throws failure when it is not all there: too short, or not
 /// built yet.

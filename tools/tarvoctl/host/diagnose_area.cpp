@@ -2,7 +2,6 @@
 #include "failure.hpp"
 #include "host/area_source.hpp"
 #include "host/diagnosis.hpp"
-#include "host/simulated_region.hpp"
 #include "shared/paths.hpp"
 
 #include <fmt/format.h>
@@ -14,14 +13,6 @@ namespace tarvoctl {
 namespace {
 
 constexpr const char* look_closer = "tarvoctl check tells all; tarvoctl repair mends what it can";
-
-std::optional<dma_window> region_here(const site& here) {
-    if (here.simulation)
-        return simulated_region;
-    if (!here.driver)
-        return std::nullopt;
-    return dma_window{here.driver->first_pa, here.driver->first_pa + here.driver->bytes};
-}
 
 const dma_chunk_t* element(const chunk_list& chunks, int32_t index) {
     return index >= 0 && index < chunk_capacity ? &chunks._arr[index] : nullptr;
@@ -37,7 +28,7 @@ std::optional<dma_window> region_in(const chunk_list& chunks) {
 }
 
 void compare_regions(const dma_window& in_area, const site& here, health_report& report) {
-    const auto expected = region_here(here);
+    const auto expected = here.region();
     const std::string text =
         fmt::format("made for the region {:#x} to {:#x}", in_area.first_pa, in_area.end_pa - 1);
     if (!expected) {
@@ -55,6 +46,14 @@ void compare_regions(const dma_window& in_area, const site& here, health_report&
 }
 
 void diagnose_surface(const shared_area_t& area, const site& here, health_report& report) {
+    if (has_lost_flag(area)) {
+        report.add(verdict::error, here.area,
+                   "holds chunks or devices, yet says that it was not built: the next program that "
+                   "starts builds it anew, and they are lost",
+                   "tarvoctl repair, before any program that uses the library is started");
+        report.set_damaged();
+        return;
+    }
     if (area.initialized == 0) {
         report.add(verdict::note, here.area,
                    "not built yet: the first program that starts does it");

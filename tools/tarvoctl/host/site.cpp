@@ -1,5 +1,6 @@
 #include "host/site.hpp"
 
+#include "host/simulated_region.hpp"
 #include "shared/paths.hpp"
 #include "shared/region_line.hpp"
 
@@ -38,6 +39,14 @@ std::optional<driver_region> driver_region_here() {
 }
 
 } // namespace
+
+std::optional<dma_window> site::region() const {
+    if (simulation)
+        return simulated_region;
+    if (!driver)
+        return std::nullopt;
+    return dma_window{driver->first_pa, driver->first_pa + driver->bytes};
+}
 
 bool simulation_is_asked_for() {
     return std::getenv(simulation_variable) != nullptr;

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "shared/dma_window.hpp"
+
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -31,6 +33,8 @@ struct site {
 
     /// Whether the kernel's allocator chooses the addresses of chunks.
     bool is_cma() const { return driver && driver->cma; }
+    /// Where the region of this machine lies, where that can be known.
+    std::optional<dma_window> region() const;
 };
 
 site find_site();

@@ -1,5 +1,6 @@
 #include "library/ready_area.hpp"
 
+#include "area/live_records.hpp"
 #include "common/unique_fd.hpp"
 #include "failure.hpp"
 #include "host/area_follower.hpp"
@@ -47,47 +48,32 @@ void check_files(const site& here, missing_file when_missing) {
     check_file(here.own_lock, O_RDONLY, when_missing);
 }
 
-[[noreturn]] void refuse_damaged(const std::string& what) {
-    throw failure{exit_status::damaged,
-                  what + ": the library would break off the call, or make it worse; see 'tarvoctl "
-                         "check' and 'tarvoctl repair'"};
-}
-
-void check_region(const site& here, const dma_window& region) {
-    if (!here.driver)
+/// The library itself looks at little: it would end the process halfway, or make it worse.
+void refuse_broken(const std::vector<finding>& findings, const site& here) {
+    const auto broken = std::find_if(findings.begin(), findings.end(), [](const finding& one) {
+        return one.cls == finding_class::broken;
+    });
+    if (broken == findings.end())
         return;
-    const uint64_t end_pa = here.driver->first_pa + here.driver->bytes;
-    if (here.driver->first_pa != region.first_pa || end_pa != region.end_pa) {
-        refuse_damaged(fmt::format("the area is of a region at {:#x}-{:#x}, and the kernel driver "
-                                   "says {:#x}-{:#x}",
-                                   region.first_pa, region.end_pa - 1, here.driver->first_pa,
-                                   end_pa - 1));
+    if (is_of_another_region(findings)) {
+        throw failure{exit_status::damaged,
+                      fmt::format("{} is left over from another region; end all programs that use "
+                                  "it, then rm {}. 'tarvoctl doctor' tells both regions",
+                                  here.area, here.area)};
     }
-}
-
-void check_records(const picture& records) {
-    if (!records.damage.empty())
-        refuse_damaged(records.damage.front());
-    for (const auto& chunk : records.chunks) {
-        if (chunk.pa < records.region.first_pa || chunk.end_pa() > records.region.end_pa) {
-            refuse_damaged(fmt::format("chunk '{}' ({}) does not lie in the region",
-                                       shown(chunk.name), pa_range(chunk)));
-        }
-        const bool dangling =
-            std::any_of(chunk.devices.begin(), chunk.devices.end(),
-                        [](int index) { return index < 0 || index >= device_capacity; });
-        if (dangling) {
-            refuse_damaged(fmt::format("chunk '{}' refers to a device record that does not exist",
-                                       shown(chunk.name)));
-        }
-    }
+    throw failure{exit_status::damaged,
+                  fmt::format("the area is broken: {}: {}. The library would break off the call, "
+                              "or make it worse; see 'tarvoctl check' and 'tarvoctl repair'",
+                              text_of(broken->where), shown(broken->text))};
 }
 
 picture sound_picture(const site& here, std::chrono::milliseconds timeout) {
-    picture records = read_picture({{}, timeout});
-    check_records(records);
-    check_region(here, records.region);
-    return records;
+    const auto area = read_area({{}, timeout});
+    check_built(*area, here.area);
+    refuse_broken(check_area(*area, options_here(here)), here);
+    live_records records;
+    records.copy(*area);
+    return records.to_picture();
 }
 
 exit_status start_library() {
