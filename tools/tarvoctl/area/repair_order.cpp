@@ -1,5 +1,7 @@
 #include "repair_order.hpp"
 
+#include "link_reader.hpp"
+
 #include <algorithm>
 #include <fmt/format.h>
 #include <iterator>
@@ -7,171 +9,6 @@
 #include <utility>
 
 namespace tarvoctl {
-
-namespace {
-
-std::vector<bool> set_of(const std::vector<int>& elements, int capacity) {
-    std::vector<bool> set(static_cast<std::size_t>(capacity));
-    for (const int element : elements) {
-        set[static_cast<std::size_t>(element)] = true;
-    }
-    return set;
-}
-
-bool holds(const std::vector<bool>& set, int element) {
-    return set[static_cast<std::size_t>(element)];
-}
-
-bool contains(std::vector<int> elements, std::vector<int> others) {
-    std::sort(elements.begin(), elements.end());
-    std::sort(others.begin(), others.end());
-    return std::includes(elements.begin(), elements.end(), others.begin(), others.end());
-}
-
-} // namespace
-
-list_links_reader::list_links_reader(const list_links& links,
-                                     std::function<bool(int)> may_be_listed)
-    : _links(links), _may_be_listed(std::move(may_be_listed)) {
-    read_order();
-    sort_out_the_rest();
-}
-
-bool list_links_reader::is_linked_both_ways(int element) const {
-    const int32_t next = _links.next(element);
-    const int32_t prev = _links.prev(element);
-    return _links.has(next) && _links.has(prev) && prev != element &&
-           _links.prev(next) == element && _links.next(prev) == element;
-}
-
-bool list_links_reader::is_member(int element) const {
-    return _links.flag(element) != 0 || (is_linked_both_ways(element) && _may_be_listed(element));
-}
-
-/// From one element to another; to -1: as far as it goes.
-list_links_reader::walked list_links_reader::walk(int from, int to, link way) const {
-    std::vector<bool> seen(static_cast<std::size_t>(_links.capacity));
-    walked result{{}, false};
-    int element = from;
-    while (_links.has(element) && !holds(seen, element) && is_member(element)) {
-        seen[static_cast<std::size_t>(element)] = true;
-        result.elements.push_back(element);
-        if (element == to) {
-            result.whole = true;
-            break;
-        }
-        element = follow(way, element);
-    }
-    return result;
-}
-
-/// All the way round, back to the element it began with.
-list_links_reader::walked list_links_reader::circle(int from, link way) const {
-    walked result = walk(from, -1, way);
-    result.whole = !result.elements.empty() && follow(way, result.elements.back()) == from;
-    return result;
-}
-
-void list_links_reader::take(std::vector<int> order, reliance source) {
-    _order = std::move(order);
-    _source = source;
-}
-
-/// What can be reached from both sides of a break.
-void list_links_reader::join(const std::vector<int>& prefix,
-                             const std::vector<int>& suffix_backwards) {
-    std::vector<int> joined = prefix;
-    const std::vector<bool> known = set_of(prefix, _links.capacity);
-    std::copy_if(suffix_backwards.rbegin(), suffix_backwards.rend(), std::back_inserter(joined),
-                 [&](int element) { return !holds(known, element); });
-    take(std::move(joined), reliance::pieces);
-    _last_forward = prefix.empty() ? -1 : prefix.back();
-    _last_backward = suffix_backwards.empty() ? -1 : suffix_backwards.back();
-}
-
-void list_links_reader::read_order() {
-    if (_links.has(_links.head) && _links.has(_links.tail)) {
-        read_between_ends();
-    } else if (_links.has(_links.head)) {
-        read_from_head();
-    } else if (_links.has(_links.tail)) {
-        read_from_tail();
-    } else {
-        const bool is_empty = _links.head == -1 && _links.tail == -1;
-        take({}, is_empty ? reliance::own_walk : reliance::pieces);
-    }
-}
-
-/// The walk along `prev` only counts when it has not lost what the other one met. Where the other
-/// one came back to the head, the tail was just being added.
-void list_links_reader::read_between_ends() {
-    walked forward = walk(_links.head, _links.tail, &list_links::next);
-    if (forward.whole) {
-        take(std::move(forward.elements), reliance::own_walk);
-        return;
-    }
-    walked backward = walk(_links.tail, _links.head, &list_links::prev);
-    if (backward.whole && contains(backward.elements, forward.elements)) {
-        std::reverse(backward.elements.begin(), backward.elements.end());
-        take(std::move(backward.elements), reliance::other_walk);
-        return;
-    }
-    if (!forward.elements.empty() && _links.next(forward.elements.back()) == _links.head) {
-        take(std::move(forward.elements), reliance::own_walk);
-        return;
-    }
-    join(forward.elements, backward.elements);
-}
-
-/// The tail is unknown. One element that leads nowhere is the first of a list, being appended.
-void list_links_reader::read_from_head() {
-    walked forward = circle(_links.head, &list_links::next);
-    if (forward.whole || forward.elements.size() <= 1) {
-        take(std::move(forward.elements), reliance::own_walk);
-        return;
-    }
-    join(forward.elements, walk(_links.prev(_links.head), -1, &list_links::prev).elements);
-}
-
-/// The head is unknown. With a head of -1, one element is the last of a list, being removed.
-void list_links_reader::read_from_tail() {
-    walked backward = circle(_links.tail, &list_links::prev);
-    if (_links.head == -1 && backward.elements.size() <= 1) {
-        take({}, reliance::own_walk);
-        return;
-    }
-    std::reverse(backward.elements.begin(), backward.elements.end());
-    take(std::move(backward.elements), backward.whole ? reliance::other_walk : reliance::pieces);
-}
-
-/// Whether a neighbour agrees to be one. Those in `no_evidence` do not count.
-bool list_links_reader::is_on_island(int element, const std::vector<bool>& no_evidence) const {
-    const auto agrees = [&](int32_t neighbour, link back) {
-        return _links.has(neighbour) && neighbour != element && !holds(no_evidence, neighbour) &&
-               _links.flag(neighbour) != 0 && follow(back, neighbour) == element;
-    };
-    return agrees(_links.next(element), &list_links::prev) ||
-           agrees(_links.prev(element), &list_links::next);
-}
-
-/// Its own links still tell where it stood, when those of its neighbours do not.
-bool list_links_reader::is_at_a_break(int element) const {
-    return (_last_forward != -1 && _links.prev(element) == _last_forward) ||
-           (_last_backward != -1 && _links.next(element) == _last_backward);
-}
-
-void list_links_reader::sort_out_the_rest() {
-    const std::vector<bool> listed = set_of(_order, _links.capacity);
-    const std::vector<bool> none(listed.size());
-    for (int element = 0; element < _links.capacity; ++element) {
-        if (_links.flag(element) != 0 && !holds(listed, element)) {
-            const bool belongs =
-                is_on_island(element, _source == reliance::own_walk ? listed : none) ||
-                is_at_a_break(element);
-            (belongs ? _islands : _strays).push_back(element);
-        }
-    }
-}
 
 namespace {
 
@@ -184,7 +21,7 @@ constexpr std::string_view cut_off =
 /// Devices and references that cannot be placed are one doubt: they say little by themselves, and a
 /// ruined area has millions of them.
 decided_list decide_unordered(const list_links& links, repair_plan& plan) {
-    const list_links_reader reader(links, [](int) { return true; });
+    const link_reader reader(links, [](int) { return true; });
     decided_list decided{reader.order(), {}};
     decided.order.insert(decided.order.end(), reader.islands().begin(), reader.islands().end());
     if (!reader.is_sound() && !reader.strays().empty()) {
@@ -234,7 +71,7 @@ class chunk_decision {
     }
 
     decided_list decide() {
-        const list_links_reader reader(_links, [this](int chunk) { return is_filled(chunk); });
+        const link_reader reader(_links, [this](int chunk) { return is_filled(chunk); });
         take_order(reader);
         for (const int chunk : reader.islands()) {
             put_back(chunk);
@@ -266,7 +103,7 @@ class chunk_decision {
 
     /// A chunk of size 0 was never anybody's: the size is filled in before the chunk is linked. It
     /// goes back. Others stay as long as the walk was whole, whatever they say.
-    void take_order(const list_links_reader& reader) {
+    void take_order(const link_reader& reader) {
         for (const int chunk : reader.order()) {
             if (is_end(chunk) || (reader.is_sound() && record(chunk).size != 0)) {
                 enter(chunk);
