@@ -11,6 +11,8 @@ namespace {
 // Both records have their flag first and then the bytes that bring the next field to its boundary.
 constexpr std::size_t padding_offset = list_links::flag_offset + 1;
 constexpr std::size_t padding_bytes = 3;
+static_assert(offsetof(iommu_dev_ref, dev) == padding_offset + padding_bytes);
+static_assert(offsetof(iommu_dev_t, domain) == padding_offset + padding_bytes);
 
 bool is_padded_with_zeros(std::span<const uint8_t> element) {
     return is_zero(element.subspan(padding_offset, padding_bytes));

@@ -32,6 +32,11 @@ struct list_links {
     static constexpr std::size_t next_offset = 0;
     static constexpr std::size_t prev_offset = 4;
     static constexpr std::size_t flag_offset = 8;
+    // Of the ends, which follow the elements.
+    static constexpr std::size_t head_offset = 0;
+    static constexpr std::size_t tail_offset = 4;
+    static constexpr std::size_t free_offset = 8;
+    static constexpr std::size_t ends_bytes = 12;
 
     bool has(int32_t element) const { return element >= 0 && element < capacity; }
     std::span<const uint8_t> bytes(int element) const {
@@ -48,7 +53,6 @@ struct list_links {
     std::size_t offset_of(int element) const {
         return offset + static_cast<std::size_t>(element) * element_bytes;
     }
-    /// The ends follow the elements: head, tail, free.
     std::size_t ends_offset() const { return offset_of(capacity); }
 
     place at(int element) const {
@@ -69,6 +73,11 @@ list_links links_of(const ArrayBackedList<T, MAX>& list, place name, std::size_t
     static_assert(offsetof(T, next) == list_links::next_offset);
     static_assert(offsetof(T, prev) == list_links::prev_offset);
     static_assert(offsetof(T, allocated) == list_links::flag_offset);
+    using list_type = ArrayBackedList<T, MAX>;
+    static_assert(offsetof(list_type, _head) == MAX * sizeof(T) + list_links::head_offset);
+    static_assert(offsetof(list_type, _tail) == MAX * sizeof(T) + list_links::tail_offset);
+    static_assert(offsetof(list_type, _free) == MAX * sizeof(T) + list_links::free_offset);
+    static_assert(sizeof(list_type) == MAX * sizeof(T) + list_links::ends_bytes);
     return {name,       offset,    reinterpret_cast<const uint8_t*>(&list),
             sizeof(T),  MAX,       list._head,
             list._tail, list._free};

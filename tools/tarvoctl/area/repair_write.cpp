@@ -11,12 +11,6 @@ namespace {
 
 constexpr uint8_t allocated = 1;
 
-// The three ends lie one behind the other.
-constexpr std::size_t head_offset = 0;
-constexpr std::size_t tail_offset = 4;
-constexpr std::size_t free_offset = 8;
-constexpr std::size_t ends_bytes = 12;
-
 /// The free chain as far as it is sound: elements that are free, each once.
 std::vector<int> sound_free_chain(const list_links& links, std::vector<bool>& met) {
     std::vector<int> chain;
@@ -111,8 +105,8 @@ void plan_writer::write_ends(const list_links& links, const std::vector<int>& or
     const int head = order.empty() ? -1 : order.front();
     const int tail = order.empty() ? -1 : order.back();
     const std::size_t ends = links.ends_offset();
-    set_link(ends + head_offset, head, links.list, "head becomes {}");
-    set_link(ends + tail_offset, tail, links.list, "tail becomes {}");
+    set_link(ends + list_links::head_offset, head, links.list, "head becomes {}");
+    set_link(ends + list_links::tail_offset, tail, links.list, "tail becomes {}");
 }
 
 void plan_writer::write_free_chain(const list_links& links, const std::vector<bool>& in_use) {
@@ -127,7 +121,8 @@ void plan_writer::write_free_chain(const list_links& links, const std::vector<bo
                  "next becomes {}, the free element that follows");
     }
     const int first = chain.empty() ? -1 : chain.front();
-    set_link(links.ends_offset() + free_offset, first, links.list, "the free chain begins with {}");
+    set_link(links.ends_offset() + list_links::free_offset, first, links.list,
+             "the free chain begins with {}");
 }
 
 void plan_writer::write_list(const list_links& links, const decided_list& decided) {
@@ -147,7 +142,8 @@ void plan_writer::write_small_list(const list_links& links, const decided_list& 
     const std::size_t first_edit = _plan.edits.size();
     write_list(links, decided);
     if (_plan.edits.size() - first_edit > many) {
-        fuse(first_edit, links.offset, links.ends_offset() + ends_bytes - links.offset, links.list);
+        fuse(first_edit, links.offset, links.ends_offset() + list_links::ends_bytes - links.offset,
+             links.list);
     }
 }
 
