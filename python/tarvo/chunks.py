@@ -9,7 +9,7 @@ import mmap
 import re
 from dataclasses import dataclass, field
 from types import TracebackType
-from typing import Callable, Iterator, List, Optional, Type
+from typing import Callable, Generator, Iterator, List, Optional, Type
 
 from ._checks import c_creator, c_name, chunk_size, decoded, encoded, number
 from ._library import calls, library
@@ -116,25 +116,18 @@ class Listing:
     ListingOpen, those of other threads wait. Close it in the thread that opened it.
     """
 
-    _open: Optional[Listing] = None
-
     def __init__(self) -> None:
+        self._lock: Optional[Generator[Limits, None, None]] = None
         self._region: Optional[Limits] = None
 
     def __enter__(self) -> Listing:
         """Takes the lock, waiting without limit. Raises NotStarted, NotLocked, ListingOpen."""
-        calls.acquire()
+        lock = _lock_held()
         try:
-            refuse_under_listing()
-            self._region = get_limits()
-            if not library().tarvo_dump_begin():
-                raise NotLocked(
-                    "the lock cannot be taken; standard error says why, and a signal's handler is "
-                    "reason enough"
-                )
-            Listing._open = self
+            self._region = next(lock)
+            self._lock = lock
         except BaseException:
-            calls.release()
+            lock.close()
             raise
         return self
 
@@ -145,9 +138,12 @@ class Listing:
         trace: Optional[TracebackType] = None,
     ) -> None:
         """Releases the lock."""
-        Listing._open = None
-        library().tarvo_dump_end()
-        calls.release()
+        # A signal's handler that raises before this line leaves it to the end of this object.
+        assert self._lock is not None  # since the listing was entered
+        self._lock.close()
+
+    def _is_open(self) -> bool:
+        return self._lock is not None and self._lock.gi_frame is not None
 
     def chunks(self) -> Iterator[Chunk]:
         """The chunks in ascending address; Damaged at a record that makes no sense.
@@ -163,7 +159,7 @@ class Listing:
     def _lines(self, call: Callable[[object, int], bool]) -> Iterator[bytes]:
         """Lines of the library; one that does not fit leaves its beginning behind."""
         room = ctypes.create_string_buffer(512)
-        while Listing._open is self:
+        while self._is_open():
             room[0] = b"\0"
             if not call(room, len(room)):
                 if room.value:
@@ -196,9 +192,38 @@ class Listing:
         )
 
 
+_listing_is_open = False  # read and written by who holds `calls`
+
+
+def _lock_held() -> Generator[Limits, None, None]:
+    """Takes the lock of all processes, and gives it back when it is closed or forgotten.
+
+    A signal's handler can raise behind every call. A generator ends by its own `finally` whatever
+    happens to those who use it; an object that keeps the lock would have to be told.
+    """
+    global _listing_is_open
+    with calls:
+        refuse_under_listing()
+        region = get_limits()
+        begin, end = library().tarvo_dump_begin, library().tarvo_dump_end
+        try:
+            if not begin():
+                raise NotLocked(
+                    "the lock cannot be taken; standard error says why, and a signal's handler is "
+                    "reason enough"
+                )
+            _listing_is_open = True
+            yield region
+        finally:
+            try:
+                end()  # harmless without the lock
+            finally:
+                _listing_is_open = False
+
+
 def refuse_under_listing() -> None:
     """Raises ListingOpen where this thread may not call the library."""
-    if Listing._open is not None:
+    if _listing_is_open:
         raise ListingOpen(
             "a Listing is open in this program and holds the lock; leave its with statement first"
         )

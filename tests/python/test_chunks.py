@@ -1,8 +1,11 @@
 """Chunks, mappings and the listing, in a sandbox."""
 
+import contextlib
 import fcntl
 import mmap
 import os
+import random
+import signal
 import subprocess
 import sys
 import threading
@@ -312,6 +315,47 @@ class Listings(RegionCase):
         self.assertFalse(others_wait())
         chunk.free()
         self.assertFalse(others_wait())
+
+    def test_give_the_lock_back_when_a_signals_handler_raises(self) -> None:
+        # At whichever step the handler comes: Ctrl-C must not hold up all other processes.
+        class Interrupt(Exception):
+            pass
+
+        def interrupt(*_: object) -> None:
+            nonlocal due
+            if due:
+                due = False
+                raise Interrupt
+
+        def interrupted_call() -> None:
+            nonlocal due
+            due = True
+            try:
+                signal.setitimer(signal.ITIMER_REAL, dice.uniform(1e-5, 4e-4))
+                while due:
+                    with contextlib.suppress(tarvo.NotLocked):  # a signal while it waits
+                        tarvo.find_chunk("ring")
+            except Interrupt:
+                pass
+
+        def other_threads_may_call() -> bool:
+            done: list[int] = []
+            thread = threading.Thread(target=lambda: done.append(len(tarvo.chunks())), daemon=True)
+            thread.start()
+            thread.join(60)
+            return done == [1]
+
+        tarvo.allocate("ring", 4096, "test")
+        due = False
+        dice = random.Random(1)
+        before = signal.signal(signal.SIGALRM, interrupt)
+        try:
+            for _ in range(3000):
+                interrupted_call()
+                self.assertFalse(others_wait())
+        finally:
+            signal.signal(signal.SIGALRM, before)
+        self.assertTrue(other_threads_may_call())
 
     def test_say_that_a_record_is_damaged(self) -> None:
         chunk = tarvo.allocate("ring", 4096, "test")
