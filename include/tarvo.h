@@ -281,7 +281,10 @@ TARVO_API int tarvo_dump_end(void);
  * adds.
  * ENOSYS says that there is no IOMMU: success, and nothing is printed. ENODEV and EUNATCH in answer
  * to a request for a chunk say that the device is gone: it goes offline, which is no error of the
- * call, and no chunk made later is mapped for it until it is registered again.
+ * call, and no chunk made later is mapped for it until it is registered again. The error is looked
+ * at after it was reported. Where the report changes errno the request counts as refused: always
+ * where standard error cannot be written, and after "failed to open sysfs file" where that is the
+ * first that the program writes to a standard error which is open for writing alone.
  */
 
 /**
