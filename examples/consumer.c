@@ -9,23 +9,32 @@
 
 #include <inttypes.h>
 #include <stdio.h>
+#include <stdlib.h>
 #include <string.h>
 
 static const char* const name = "rx_ring";
 static const size_t ring_bytes = 0x10000;
 static const char answer[] = "seen, says the consumer";
 
-/* The lock is held from begin to end: every other process waits meanwhile. */
+enum { most_chunks = 16384, line_bytes = 256 };
+
+/* Copied while the lock is held, for which every other process waits, and printed after it. */
 static void list_chunks(void) {
-    char line[256];
-    if (!tarvo_dump_begin()) {
+    char(*lines)[line_bytes] = malloc((size_t)most_chunks * line_bytes);
+    if (lines == NULL || !tarvo_dump_begin()) {
+        free(lines);
         return;
     }
-    printf("lists the chunks: number, name, creator, physical address, bytes\n");
-    while (tarvo_dump_next(line, sizeof line)) {
-        printf("%s\n", line);
+    int count = 0;
+    while (tarvo_dump_next(lines[count], line_bytes)) {
+        count++;
     }
     tarvo_dump_end();
+    printf("lists the chunks: number, name, creator, physical address, bytes\n");
+    for (int i = 0; i < count; i++) {
+        printf("%s\n", lines[i]);
+    }
+    free(lines);
 }
 
 int main(void) {
