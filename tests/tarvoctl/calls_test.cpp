@@ -219,6 +219,25 @@ TEST(Free, AChunkThatNobodyHasIsFreedWithoutATerminal) {
     EXPECT_EQ(machine.area().view().chunks().at(1).size, 0x2000);
 }
 
+TEST(Free, AsksWhereItCouldNotSeeWhoHasTheChunk) {
+    sandbox machine(simulation);
+    client driver = machine.start();
+    driver.alloc("a", 0x1000);
+    driver.map("a");
+    const auto refused = tarvoctl_of_stranger(machine, {"free", "a"});
+    EXPECT_EQ(refused.status, 1);
+    EXPECT_TRUE(refused.errors.starts_with(
+        "tarvoctl: who has 'a' mapped is not all known: could not look into "))
+        << refused.errors;
+    EXPECT_TRUE(
+        refused.errors.ends_with("; run it as root to see more\n"
+                                 "tarvoctl: nothing was changed; --force does it without asking\n"))
+        << refused.errors;
+    EXPECT_EQ(machine.area().view().chunks().size(), 3);
+    EXPECT_EQ(tarvoctl_of_stranger(machine, {"free", "a", "--force"}).status, 0);
+    EXPECT_EQ(machine.area().view().chunks().size(), 2);
+}
+
 TEST(Free, AsksAtATerminalAndTakesOnlyYesForAYes) {
     sandbox machine(low);
     client driver = machine.start();

@@ -18,6 +18,9 @@ struct tool_outcome {
 tool_outcome tarvoctl(sandbox& where, const std::vector<std::string>& words,
                       const std::string& input = "");
 
+/// The same by another user, who may use the files and look into no process of anybody's.
+tool_outcome tarvoctl_of_stranger(sandbox& where, const std::vector<std::string>& words);
+
 /// tarvoctl while it runs.
 struct running_tool {
     process program;

@@ -28,8 +28,13 @@ struct free_options {
 
 /// What freeing the chunk does to others.
 std::vector<std::string> effects_of(const chunk_record& chunk, const std::vector<pid_t>& holders,
-                                    const picture& records, process_table& processes) {
+                                    const mapped_memory& memory, const picture& records,
+                                    process_table& processes) {
     std::vector<std::string> effects;
+    if (memory.root_would_see_more()) {
+        effects.push_back(fmt::format("who has '{}' mapped is not all known: {}", shown(chunk.name),
+                                      unseen_text(memory, processes)));
+    }
     if (!holders.empty()) {
         effects.push_back(fmt::format("'{}' is mapped by {}, which would go on seeing memory that "
                                       "may become another chunk's",
@@ -49,7 +54,7 @@ void print_remarks(const std::vector<const chunk_record*>& called, const mapped_
         fmt::print(stderr, "tarvoctl: {} chunks are called '{}'; this is the lowest, at {:#x}\n",
                    called.size(), shown(lowest.name), lowest.pa);
     }
-    if (!memory.is_complete())
+    if (!memory.is_complete() && !memory.root_would_see_more())
         fmt::print(stderr, "tarvoctl: {}\n", unseen_text(memory, processes));
 }
 
@@ -83,7 +88,7 @@ exit_status free_chunk(const free_options& options) {
     process_table processes;
     print_remarks(called, memory, processes);
     const bool freed =
-        may_change(effects_of(chunk, holders, records, processes), options.force,
+        may_change(effects_of(chunk, holders, memory, records, processes), options.force,
                    fmt::format("Free '{}', {} bytes?", shown(chunk.name), chunk.size)) &&
         in_library(options.timeout, [&] { return call_free(options); }) == exit_status::good;
     if (options.json) {

@@ -95,6 +95,10 @@ std::optional<pa_window> shown_of(const region_mapping& mapping, uint64_t pa, ui
     return both.pa < both.end_pa ? std::optional{both} : std::nullopt;
 }
 
+bool mapped_memory::root_would_see_more() const {
+    return !is_complete() && ::geteuid() != 0;
+}
+
 bool shows_all_of(const region_mapping& mapping, const dma_window& region) {
     return mapping.pa <= region.first_pa && region.end_pa <= mapping.end_pa();
 }

@@ -39,6 +39,8 @@ struct mapped_memory {
 
 mapped_memory mappings_of(const site& here);
 
+    /// What is kept even from root does not count: it would speak against every change for ever.
+    bool root_would_see_more() const;
 /// Bytes by physical address, the end one past the last.
 struct pa_window {
     uint64_t pa;

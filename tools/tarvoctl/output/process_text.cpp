@@ -82,8 +82,9 @@ std::string processes_text(const std::vector<pid_t>& pids, process_table& proces
 }
 
 std::string unseen_text(const mapped_memory& memory, process_table& processes) {
-    const char* const help = ::geteuid() == 0 ? "they are kept even from root on this machine"
-                                              : "run it as root to see more";
+    const char* const help = memory.root_would_see_more()
+                                 ? "run it as root to see more"
+                                 : "they are kept even from root on this machine";
     std::string made;
     if (!memory.unseen.empty()) {
         made = fmt::format("could not look into {} process(es): {}; {}", memory.unseen.size(),
