@@ -79,14 +79,15 @@ void command_words::source(area_source& source) {
 }
 
 void command_words::timeout(std::chrono::milliseconds& timeout) {
-    add_seconds(
-        *parser_, "--timeout", "longest wait for the lock, in seconds; 5 where left out",
-        [&timeout](double wanted) {
-            if (!(wanted >= 0)) {
-                throw CLI::ValidationError{"--timeout", "give a number of seconds, 0 or more"};
-            }
-            timeout = whole_milliseconds(std::min(seconds{wanted}, seconds{longest_timeout}));
-        });
+    add_seconds(*parser_, "--timeout", "longest wait for the lock, in seconds; 5 where left out",
+                [&timeout](double wanted) {
+                    if (!(wanted >= 0)) {
+                        throw CLI::ValidationError{fmt::format(
+                            "--timeout {}: give a number of seconds, 0 or more", wanted)};
+                    }
+                    timeout =
+                        whole_milliseconds(std::min(seconds{wanted}, seconds{longest_timeout}));
+                });
 }
 
 void command_words::interval(std::chrono::milliseconds& interval) {
@@ -95,7 +96,8 @@ void command_words::interval(std::chrono::milliseconds& interval) {
                     constexpr double shortest = 0.01;
                     constexpr double longest = 86400;
                     if (!(wanted >= shortest && wanted <= longest))
-                        throw CLI::ValidationError{"--interval", "give 0.01 to 86400 seconds"};
+                        throw CLI::ValidationError{
+                            fmt::format("--interval {}: give 0.01 to 86400 seconds", wanted)};
                     interval = whole_milliseconds(seconds{wanted});
                 });
 }

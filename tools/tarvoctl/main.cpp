@@ -1,7 +1,26 @@
 #include "commands/commands.hpp"
 #include "program.hpp"
 
+#include <fcntl.h>
+#include <unistd.h>
+
+namespace {
+
+/// A standard descriptor that is closed would be given to the next file that is opened, and the
+/// library's messages be written into it. In its place input and output are files that refuse to be
+/// read and written, so that nothing is lost unnoticed; messages nobody wants go nowhere.
+void occupy_closed_descriptors() {
+    constexpr int ways[] = {O_WRONLY, O_RDONLY, O_WRONLY};
+    for (const int descriptor : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+        if (::fcntl(descriptor, F_GETFD) == -1) // the lowest free number, so open() gives that one
+            static_cast<void>(::open("/dev/null", ways[descriptor]));
+    }
+}
+
+} // namespace
+
 int main(int argc, char** argv) {
+    occupy_closed_descriptors();
     tarvoctl::program tool;
     // In the order in which the help lists them.
     tarvoctl::add_list(tool);

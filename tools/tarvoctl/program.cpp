@@ -1,6 +1,8 @@
 #include "program.hpp"
 
 #include "failure.hpp"
+#include "output/standard_output.hpp"
+#include "output/text.hpp"
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
@@ -23,6 +25,14 @@ int status_number(exit_status status) {
 std::string one_line(std::string text) {
     std::replace(text.begin(), text.end(), '\n', ' ');
     return text;
+}
+
+/// The parser itself does not name a command that there is none of.
+std::string usage_text(const CLI::App& parser, const CLI::ParseError& wrong) {
+    const auto unknown = parser.remaining();
+    if (parser.get_subcommands().empty() && !unknown.empty())
+        return fmt::format("'{}' is no command", shown(unknown.front()));
+    return one_line(wrong.what());
 }
 
 /// A size's unit as a factor; 0 for what is none.
@@ -54,23 +64,32 @@ command_words program::add(const std::string& name, const std::string& about,
     return command_words{*command};
 }
 
-int program::run(int argc, char** argv) {
+exit_status program::parse_and_carry_out(int argc, char** argv) {
     try {
         parser_->parse(argc, argv);
-        return status_number(chosen_());
     } catch (const CLI::ParseError& wrong) {
-        if (wrong.get_exit_code() == 0) // help or version
-            return parser_->exit(wrong);
-        fmt::print(stderr, "tarvoctl: {}; see tarvoctl --help\n", one_line(wrong.what()));
-        return status_number(exit_status::usage);
+        if (wrong.get_exit_code() == 0) { // help or version
+            parser_->exit(wrong);
+            return exit_status::good;
+        }
+        throw failure{exit_status::usage, usage_text(*parser_, wrong) + "; see tarvoctl --help"};
+    }
+    return chosen_();
+}
+
+int program::run(int argc, char** argv) {
+    const auto tell = [](const std::exception& wrong, exit_status status) {
+        std::fflush(stdout);
+        // Where messages cannot be written, either, the status alone tells.
+        static_cast<void>(std::fputs(fmt::format("tarvoctl: {}\n", wrong.what()).c_str(), stderr));
+        return status_number(status);
+    };
+    try {
+        return status_number(with_output([&] { return parse_and_carry_out(argc, argv); }));
     } catch (const failure& wrong) {
-        std::fflush(stdout);
-        fmt::print(stderr, "tarvoctl: {}\n", wrong.what());
-        return status_number(wrong.status());
+        return tell(wrong, wrong.status());
     } catch (const std::exception& wrong) {
-        std::fflush(stdout);
-        fmt::print(stderr, "tarvoctl: {}\n", wrong.what());
-        return status_number(exit_status::unreadable);
+        return tell(wrong, exit_status::unreadable);
     }
 }
 

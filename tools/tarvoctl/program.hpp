@@ -29,6 +29,8 @@ class program {
     int run(int argc, char** argv);
 
   private:
+    exit_status parse_and_carry_out(int argc, char** argv);
+
     std::unique_ptr<CLI::App> parser_;
     action chosen_;
 };

@@ -10,8 +10,8 @@
 #include "program.hpp"
 
 #include <cerrno>
-#include <fmt/format.h>
 #include <memory>
+#include <system_error>
 
 namespace tarvoctl {
 
@@ -30,8 +30,7 @@ exit_status print_window(const chunk_window& window, bool raw) {
     if (!raw) {
         print_hex_dump(bytes, window.offset);
     } else if (std::fwrite(bytes.data(), 1, bytes.size(), stdout) != bytes.size()) {
-        throw failure{exit_status::unreadable,
-                      fmt::format("cannot write to standard output: {}", error_text(errno))};
+        throw std::system_error{errno, std::generic_category(), "fwrite"};
     }
     return exit_status::good;
 }

@@ -5,6 +5,7 @@
 #include "host/area_source.hpp"
 #include "output/change_text.hpp"
 #include "output/json.hpp"
+#include "output/standard_output.hpp"
 #include "output/text.hpp"
 #include "program.hpp"
 
@@ -92,7 +93,7 @@ class reporter {
         fmt::print("{:%F %T}.{:03}  {}\n",
                    fmt::localtime(std::chrono::system_clock::to_time_t(time)),
                    milliseconds_of(time), text);
-        std::fflush(stdout);
+        flush_output();
     }
 
     static void tell_json(const json& what) {
@@ -103,7 +104,7 @@ class reporter {
                         milliseconds_of(time));
         document.update(what);
         print_json_line(document);
-        std::fflush(stdout);
+        flush_output();
     }
 
     bool as_json_;

@@ -4,6 +4,7 @@
 #include "failure.hpp"
 #include "host/cross_process_lock.hpp"
 #include "host/site.hpp"
+#include "output/standard_output.hpp"
 
 #include <algorithm>
 #include <array>
@@ -71,13 +72,12 @@ std::string report_of(exit_status status, const std::string& text) {
     auto status = exit_status::good;
     std::string report;
     try {
-        status = work();
+        status = with_output(work);
     } catch (const failure& wrong) {
         report = report_of(wrong.status(), wrong.what());
     } catch (const std::exception& wrong) {
         report = report_of(exit_status::unreadable, wrong.what());
     }
-    std::fflush(stdout);
     if (::write(report_fd, report.data(), report.size()) != static_cast<ssize_t>(report.size()))
         ::_exit(static_cast<int>(exit_status::unreadable));
     ::_exit(static_cast<int>(status));

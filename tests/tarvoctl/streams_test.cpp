@@ -1,0 +1,81 @@
+#include "tool.hpp"
+
+#include <fstream>
+#include <gtest/gtest.h>
+
+// Standard input, output and error that cannot be used.
+
+namespace {
+
+/// Runs the tool by a shell that gives it its descriptors, as in "list >/dev/full".
+ending run(sandbox& machine, const std::string& words, std::string& errors) {
+    process shell = machine.start_process({"sh", "-c", "LC_ALL=C exec " TARVOCTL " " + words});
+    const ending end = shell.wait();
+    errors = shell.error_text();
+    return end;
+}
+
+TEST(Streams, WhatCannotBeWrittenIsTold) {
+    sandbox machine(low);
+    const client driver = machine.start({"alloc a 1 me"});
+    const temporary_folder folder;
+    const std::string copy = folder.path() / "copy";
+    EXPECT_EQ(tarvoctl(machine, {"snapshot", copy}).status, 0);
+    for (const std::string words :
+         {"list", "list --json", "check", "doctor", "map", "limits", "read a", "read a --raw",
+          "dump", "alloc a 1", "write a </dev/null", "watch", "top", "--help"}) {
+        std::string errors;
+        const ending end = run(machine, words + " >/dev/full", errors);
+        EXPECT_EQ(end.status, 3) << words;
+        EXPECT_EQ(errors, "tarvoctl: cannot write to standard output: No space left on device\n")
+            << words;
+    }
+}
+
+TEST(Streams, AClosedInputIsNotWaitedFor) {
+    sandbox machine(low);
+    const client driver = machine.start({"alloc a 1 me"});
+    std::string errors;
+    EXPECT_EQ(run(machine, "write a <&-", errors).status, 3);
+    EXPECT_EQ(errors, "tarvoctl: cannot read standard input: Bad file descriptor\n");
+}
+
+TEST(Streams, AClosedOutputIsOneThatCannotBeWritten) {
+    sandbox machine(low);
+    const client driver = machine.start({"alloc a 1 me"});
+    std::string errors;
+    EXPECT_EQ(run(machine, "list >&-", errors).status, 3);
+    EXPECT_EQ(errors, "tarvoctl: cannot write to standard output: Bad file descriptor\n");
+}
+
+TEST(Streams, MessagesNeverGoIntoTheMemory) {
+    sandbox machine(simulation);
+    machine.start().alloc("a", 0x1000);
+    std::string errors;
+    // The library says something about the size.
+    const ending end = run(machine, "alloc a 8K --duplicate <&- >&- 2>&-", errors);
+    EXPECT_EQ(end.status, 3);
+    EXPECT_EQ(machine.area().view().chunks().size(), 4U);
+    std::string start(0x10000, '?');
+    EXPECT_TRUE(std::ifstream(machine.memory_file()).read(start.data(), 0x10000));
+    EXPECT_EQ(start.find("tarvo"), std::string::npos);
+}
+
+TEST(Streams, WithoutRoomForMessagesTheStatusTells) {
+    sandbox machine(simulation);
+    std::string errors;
+    EXPECT_EQ(run(machine, "list 2>/dev/full", errors).status, 3);
+    EXPECT_EQ(run(machine, "list --sort nothing 2>&-", errors).status, 2);
+}
+
+TEST(Streams, AWrongWordIsNamed) {
+    sandbox machine(simulation);
+    EXPECT_EQ(tarvoctl(machine, {"bogus"}).errors,
+              "tarvoctl: 'bogus' is no command; see tarvoctl --help\n");
+    EXPECT_EQ(tarvoctl(machine, {"list", "--timeout", "-1"}).errors,
+              "tarvoctl: --timeout -1: give a number of seconds, 0 or more; see tarvoctl --help\n");
+    EXPECT_EQ(tarvoctl(machine, {"top", "--interval", "0"}).errors,
+              "tarvoctl: --interval 0: give 0.01 to 86400 seconds; see tarvoctl --help\n");
+}
+
+} // namespace

@@ -1,0 +1,38 @@
+#include "output/standard_output.hpp"
+
+#include "failure.hpp"
+
+#include <cerrno>
+#include <cstdio>
+#include <system_error>
+
+namespace tarvoctl {
+
+namespace {
+
+[[noreturn]] void complain(int number) {
+    throw failure{exit_status::unreadable, "cannot write to standard output" +
+                                               (number != 0 ? ": " + error_text(number) : "")};
+}
+
+} // namespace
+
+void flush_output() {
+    errno = 0; // an earlier error is not known any longer
+    if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0)
+        complain(errno);
+}
+
+exit_status with_output(const std::function<exit_status()>& work) {
+    try {
+        const exit_status status = work();
+        flush_output();
+        return status;
+    } catch (const std::system_error& wrong) { // also what printing throws
+        if (std::ferror(stdout) == 0)
+            throw;
+        complain(wrong.code().value());
+    }
+}
+
+} // namespace tarvoctl
