@@ -224,6 +224,23 @@ check_programs() {
     enough "$count" 10 "programs"
 }
 
+# A driver that gets no memory takes its device's registration with it.
+leaves_no_device() {
+    local printed
+    ((sandbox_status != 125)) || return 0
+    printed=$("$build_dir/tarvo-sandbox" --world cma --rule op=allocate,errno=ENOMEM -- \
+        sh -c "! '$place/tarvo_register_device' 2>/dev/null && '$place/tarvo_dump_begin'")
+    [[ -z $printed ]] || complain "tarvo_register_device leaves behind: $printed"
+}
+
+# Memory that somebody else has in a CMA region stays that somebody's.
+leaves_memory_alone() {
+    ((sandbox_status != 125)) || return 0
+    "$build_dir/tarvo-sandbox" --world cma -- \
+        sh -c "echo a probe 10000 >/proc/tarvo; '$place/tarvo_steps' && grep -q ^probe /proc/tarvo" \
+        >"$place/printed" || complain "tarvo_steps gives memory back that is not its own"
+}
+
 check_form
 check_calls
 check_names
@@ -232,6 +249,8 @@ check_signatures
 check_messages
 check_layout
 check_programs
+leaves_no_device
+leaves_memory_alone
 
 if ((faults == 0 && sandbox_status == 125)); then
     echo "SKIPPED: no sandbox on this machine to run the programs in: $refusal"
