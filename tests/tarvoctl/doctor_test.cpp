@@ -179,6 +179,24 @@ TEST(Doctor, SeesUsersOfAnAreaThatWasRemoved) {
         "share nothing with those that start now: " + std::to_string(user.pid()), "restart them"));
 }
 
+TEST(Doctor, SeesUsersOfAMemoryThatWasRemoved) {
+    sandbox machine(simulation);
+    client mapping = machine.start({"alloc rx_ring 1 me"});
+    mapping.map("rx_ring");
+    client started = machine.start({"limits"});
+    fs::remove(machine.memory_file());
+    const examination found(machine);
+    const std::string first = std::to_string(std::min(mapping.pid(), started.pid()));
+    const std::string second = std::to_string(std::max(mapping.pid(), started.pid()));
+    EXPECT_EQ(found.status(), 1);
+    EXPECT_TRUE(found.says("error", "/var/tmp/tarvo",
+                           "was removed under processes that still use the removed one, and do "
+                           "not see what those that start now write to a chunk: " +
+                               first + " (tarvo-client), " + second + " (tarvo-client)",
+                           "restart them"))
+        << found.shown();
+}
+
 TEST(Doctor, CannotReadAnythingWithoutRegionDriver) {
     sandbox machine(low, {"--without", "proc"});
     const examination found(machine);

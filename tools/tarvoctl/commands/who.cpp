@@ -98,7 +98,8 @@ std::string access_text(const region_mapping& mapping) {
                                : mapping.writable                   ? "write"
                                : mapping.readable                   ? "read"
                                                                     : "none";
-    return access + (mapping.shared ? "" : ", private copy");
+    return access + (mapping.shared ? "" : ", private copy") +
+           (mapping.removed ? ", removed memory" : "");
 }
 
 std::string window_text(const view& each, const chunk_record& chunk) {
@@ -196,6 +197,7 @@ json json_views(const std::vector<view>& views, uint64_t base_pa, process_table&
         each["read"] = mapping->readable;
         each["write"] = mapping->writable;
         each["shared"] = mapping->shared;
+        each["removed"] = mapping->removed;
         made.push_back(std::move(each));
     }
     return made;

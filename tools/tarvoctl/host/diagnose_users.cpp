@@ -108,6 +108,13 @@ void diagnose_users(const site& here, health_report& report) {
                    "with those that start now: " +
                        processes_text(memory.users_of_removed, processes),
                    "restart them");
+    if (!memory.users_of_removed_memory.empty()) {
+        report.add(verdict::error, here.memory,
+                   "was removed under processes that still use the removed one, and do not see "
+                   "what those that start now write to a chunk: " +
+                       processes_text(memory.users_of_removed_memory, processes),
+                   "restart them");
+    }
     }
     if (!memory.is_complete())
         report.add(verdict::note, "processes", unseen_text(memory, processes));

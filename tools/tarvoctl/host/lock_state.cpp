@@ -126,11 +126,6 @@ class lock_reader {
     std::set<std::string> names_;
 };
 
-std::string link_of(pid_t pid, int descriptor) {
-    std::error_code ignored;
-    return std::filesystem::read_symlink(fmt::format("/proc/{}/fd/{}", pid, descriptor), ignored);
-}
-
 void look_at_process(pid_t pid, std::vector<lock_reader>& readers, std::vector<pid_t>& unseen) {
     const auto descriptors = descriptors_of(pid);
     if (!descriptors) {
@@ -141,7 +136,7 @@ void look_at_process(pid_t pid, std::vector<lock_reader>& readers, std::vector<p
         return;
     }
     for (const int descriptor : *descriptors) {
-        const std::string link = link_of(pid, descriptor);
+        const std::string link = file_behind(pid, descriptor);
         for (auto& reader : readers)
             reader.look_at(pid, descriptor, link);
     }

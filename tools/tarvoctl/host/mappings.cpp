@@ -21,9 +21,9 @@ bool is_device(const std::string& path) {
 class map_reader {
   public:
     explicit map_reader(const site& here)
-        : memory_path_{here.memory}, removed_area_path_{here.area + removed_mark},
-          memory_{mapped_identity_of(here.memory)}, area_{mapped_identity_of(here.area)},
-          memory_is_device_{is_device(here.memory)} {}
+        : memory_path_{here.memory}, removed_memory_path_{here.memory + removed_mark},
+          removed_area_path_{here.area + removed_mark}, memory_{mapped_identity_of(here.memory)},
+          area_{mapped_identity_of(here.area)}, memory_is_device_{is_device(here.memory)} {}
 
     void read(pid_t pid) {
         const proc_text maps = read_proc(pid, "maps");
@@ -37,13 +37,18 @@ class map_reader {
         for_each_file_mapping(maps.text, [&](const maps_line& line) {
             uses_area = uses_area || line.file == area_;
             uses_removed = uses_removed || line.path == removed_area_path_;
-            if (shows_memory(line))
-                add(pid, line);
+            if (shows_memory(line)) {
+                add(pid, line, false);
+            } else if (line.path == removed_memory_path_ && shares_our_mounts(pid)) {
+                add(pid, line, true);
+            }
         });
         if (uses_area)
             found_.users.push_back(pid);
         if (uses_removed && shares_our_mounts(pid))
             found_.users_of_removed.push_back(pid);
+        if ((uses_area || uses_removed) && has_removed_memory(pid))
+            found_.users_of_removed_memory.push_back(pid);
     }
 
     mapped_memory take() {
@@ -55,20 +60,32 @@ class map_reader {
     }
 
   private:
-    /// A container may have a device node of its own, another inode, for the same memory.
+    /// A container may have a device node of its own, another inode, for the same memory. So may a
+    /// node that was made anew.
     bool shows_memory(const maps_line& line) const {
-        return line.file == memory_ || (memory_is_device_ && line.path == memory_path_);
+        return line.file == memory_ || (memory_is_device_ && (line.path == memory_path_ ||
+                                                              line.path == removed_memory_path_));
     }
 
-    void add(pid_t pid, const maps_line& line) {
+    /// The library keeps it open, whether anything is mapped or not.
+    bool has_removed_memory(pid_t pid) const {
+        const auto descriptors = descriptors_of(pid).value_or(std::vector<int>{});
+        return !memory_is_device_ && shares_our_mounts(pid) &&
+               std::any_of(descriptors.begin(), descriptors.end(), [&](int descriptor) {
+                   return file_behind(pid, descriptor) == removed_memory_path_;
+               });
+    }
+
+    void add(pid_t pid, const maps_line& line, bool removed) {
         const auto has = [&line](char letter) {
             return line.permissions.find(letter) != std::string::npos;
         };
         found_.mappings.push_back({pid, line.start, line.file_offset, line.end - line.start,
-                                   has('r'), has('w'), has('s')});
+                                   has('r'), has('w'), has('s'), removed});
     }
 
     std::string memory_path_;
+    std::string removed_memory_path_;
     std::string removed_area_path_;
     std::optional<file_identity> memory_;
     std::optional<file_identity> area_;
@@ -77,6 +94,10 @@ class map_reader {
 };
 
 } // namespace
+
+bool mapped_memory::root_would_see_more() const {
+    return !is_complete() && ::geteuid() != 0;
+}
 
 mapped_memory mappings_of(const site& here) {
     map_reader reader{here};
@@ -93,10 +114,6 @@ mapped_memory mappings_of(const site& here) {
 std::optional<pa_window> shown_of(const region_mapping& mapping, uint64_t pa, uint64_t end_pa) {
     const pa_window both{std::max(mapping.pa, pa), std::min(mapping.end_pa(), end_pa)};
     return both.pa < both.end_pa ? std::optional{both} : std::nullopt;
-}
-
-bool mapped_memory::root_would_see_more() const {
-    return !is_complete() && ::geteuid() != 0;
 }
 
 bool shows_all_of(const region_mapping& mapping, const dma_window& region) {

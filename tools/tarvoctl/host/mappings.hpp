@@ -20,6 +20,8 @@ struct region_mapping {
     bool readable;
     bool writable;
     bool shared; ///< false: a private copy, which no device sees
+    /// Of a simulated memory that was removed from under its path: newcomers see another one.
+    bool removed;
 
     uint64_t end_pa() const { return pa + bytes; } ///< one past the last byte
 };
@@ -30,17 +32,19 @@ struct mapped_memory {
     std::vector<pid_t> users;             ///< have the area mapped: the library is started in them
     /// Have an area mapped that was removed from under its path: they share it with no newcomer.
     std::vector<pid_t> users_of_removed;
+    /// Use an area with a memory that was removed: what they write others do not see.
+    std::vector<pid_t> users_of_removed_memory;
     std::vector<pid_t> unseen; ///< may have mappings, too: theirs cannot be read
     /// Processes of other users cannot even be listed (/proc is mounted with hidepid).
     bool others_hidden = false;
 
     bool is_complete() const { return unseen.empty() && !others_hidden; }
+    /// What is kept even from root does not count: it would speak against every change for ever.
+    bool root_would_see_more() const;
 };
 
 mapped_memory mappings_of(const site& here);
 
-    /// What is kept even from root does not count: it would speak against every change for ever.
-    bool root_would_see_more() const;
 /// Bytes by physical address, the end one past the last.
 struct pa_window {
     uint64_t pa;

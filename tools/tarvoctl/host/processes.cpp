@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <dirent.h>
 #include <fcntl.h>
+#include <filesystem>
 #include <fmt/format.h>
 #include <memory>
 #include <pwd.h>
@@ -129,6 +130,12 @@ bool shares_our_mounts(pid_t pid) {
 
 std::optional<std::vector<int>> descriptors_of(pid_t pid) {
     return numbers_in(folder_of(pid) + "fd");
+}
+
+std::string file_behind(pid_t pid, int descriptor) {
+    std::error_code ignored;
+    return std::filesystem::read_symlink(fmt::format("{}fd/{}", folder_of(pid), descriptor),
+                                         ignored);
 }
 
 std::optional<process_info> process_of(pid_t pid) {

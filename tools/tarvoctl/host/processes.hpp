@@ -48,4 +48,8 @@ inline constexpr const char* removed_mark = " (deleted)";
 /// Its open descriptors; nothing where they may not be seen.
 std::optional<std::vector<int>> descriptors_of(pid_t pid);
 
+/// What one of them leads to: a path, with removed_mark where it was removed. Empty where that may
+/// not be seen.
+std::string file_behind(pid_t pid, int descriptor);
+
 } // namespace tarvoctl
