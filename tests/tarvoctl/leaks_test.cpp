@@ -30,10 +30,11 @@ TEST(Leaks, SuspectsChunksWithNeitherMappingNorCreator) {
     EXPECT_EQ(suspects_of(machine), names{"dropped"});
     const auto outcome = tarvoctl(machine, {"leaks"});
     EXPECT_EQ(outcome.status, 1);
-    EXPECT_TRUE(outcome.output.starts_with("dropped  8K, created by gone_agent\n"
-                                           "  for      no process has it mapped\n"
-                                           "  for      no program called 'gone_agent' runs\n"
-                                           "  for      it is mapped for no device\n"))
+    EXPECT_TRUE(with_all_seen(outcome.output)
+                    .starts_with("dropped  8K, created by gone_agent\n"
+                                 "  for      no process has it mapped\n"
+                                 "  for      no program called 'gone_agent' runs\n"
+                                 "  for      it is mapped for no device\n"))
         << outcome.output;
     EXPECT_TRUE(contains(outcome.output, "1 suspect(s), 8K in all; nothing was freed."));
     EXPECT_EQ(driver.dump().size(), 3U);
@@ -90,6 +91,27 @@ TEST(Leaks, EndsWellWhenThereIsNoSuspect) {
               "No suspects: of every chunk, a process has it mapped or its creator runs\n");
     EXPECT_EQ(json_of(tarvoctl(machine, {"leaks", "--json"})).at("suspects"),
               nlohmann::json::array());
+}
+
+TEST(Leaks, SaysThatItsReasonsAreOnlyWhatCanBeSeen) {
+    sandbox machine(simulation);
+    client driver = machine.start();
+    driver.alloc("rx_ring", pages(1), "gone_agent");
+    driver.map("rx_ring");
+    const auto outcome = tarvoctl_of_stranger(machine, {"leaks"});
+    EXPECT_TRUE(contains(outcome.output, "  for      no process that can be seen has it mapped\n"))
+        << outcome.output;
+    EXPECT_TRUE(contains(outcome.output, "no program that can be seen called 'gone_agent' runs\n"))
+        << outcome.output;
+}
+
+TEST(Leaks, SuspectsNothingOfARemovedMemoryThatIsMapped) {
+    sandbox machine(simulation);
+    client driver = machine.start();
+    driver.alloc("rx_ring", pages(1), "gone_agent");
+    driver.map("rx_ring");
+    std::filesystem::remove(machine.memory_file());
+    EXPECT_EQ(suspects_of(machine), names{});
 }
 
 TEST(Leaks, SuspectsWhatAProcessThatDiedHadMapped) {

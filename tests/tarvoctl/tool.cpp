@@ -67,6 +67,15 @@ std::string own_errors(const tool_outcome& outcome) {
     return own;
 }
 
+std::string with_all_seen(const std::string& output) {
+    const std::string limited = " that can be seen";
+    std::string plain = output;
+    for (auto at = plain.find(limited); at != std::string::npos; at = plain.find(limited)) {
+        plain.erase(at, limited.size());
+    }
+    return plain;
+}
+
 nlohmann::json json_of(const tool_outcome& outcome) {
     auto document = nlohmann::json::parse(outcome.output, nullptr, false);
     if (!document.is_object()) {

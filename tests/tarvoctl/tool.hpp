@@ -39,6 +39,10 @@ running_tool start_tarvoctl(sandbox& where, const std::vector<std::string>& word
 /// look into, which depends on the machine.
 std::string own_errors(const tool_outcome& outcome);
 
+/// What a command printed, without what it adds to "nobody" and "no process" on a machine with
+/// processes that not even root may look into.
+std::string with_all_seen(const std::string& output);
+
 /// The JSON object that a command printed; a test that gets none fails with what it got.
 nlohmann::json json_of(const tool_outcome& outcome);
 

@@ -29,7 +29,7 @@ struct suspect {
 class detective {
   public:
     detective(const picture& records, const mapped_memory& memory, process_table& processes)
-        : records_{records}, processes_{processes} {
+        : records_{records}, processes_{processes}, seen_only_{seen_only_text(memory)} {
         for (const auto& mapping : memory.mappings) {
             if (!shows_all_of(mapping, records.region)) {
                 partial_.push_back(&mapping);
@@ -59,10 +59,11 @@ class detective {
     std::vector<std::string> reasons_of(const chunk_record& chunk) const {
         const std::string creator = shown(chunk.creator);
         std::vector<std::string> reasons{
-            whole_region_.empty() ? "no process has it mapped"
-                                  : "no process has it mapped by itself",
-            chunk.creator.empty() ? "nobody is named as its creator"
-                                  : fmt::format("no program called '{}' runs", creator)};
+            fmt::format("no process{} has it mapped{}", seen_only_,
+                        whole_region_.empty() ? "" : " by itself"),
+            chunk.creator.empty()
+                ? "nobody is named as its creator"
+                : fmt::format("no program{} called '{}' runs", seen_only_, creator)};
         if (chunk.devices.empty())
             reasons.emplace_back("it is mapped for no device");
         return reasons;
@@ -96,6 +97,7 @@ class detective {
 
     const picture& records_;
     process_table& processes_;
+    const char* seen_only_;
     running_programs programs_;
     std::vector<const region_mapping*> partial_;
     std::vector<pid_t> whole_region_;

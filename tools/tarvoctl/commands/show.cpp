@@ -79,7 +79,7 @@ void print_mappings(const chunk_record& chunk, const mapped_memory& memory) {
                    each.writable ? "read and write" : "read only");
     }
     if (!any)
-        fmt::print("mapped by  nobody{}\n", memory.is_complete() ? "" : " that can be seen");
+        fmt::print("mapped by  nobody{}\n", seen_only_text(memory));
 }
 
 void print_as_text(const chunk_record& chunk, const picture& records, bool found_by_name) {

@@ -129,7 +129,7 @@ class who_table {
 };
 
 /// The chunks that nobody maps, a few by name.
-void print_unmapped(const answer& found) {
+void print_unmapped(const answer& found, const mapped_memory& memory) {
     constexpr std::size_t most_named = 10;
     std::size_t count = 0;
     std::string names;
@@ -141,7 +141,7 @@ void print_unmapped(const answer& found) {
         return;
     const std::string more =
         count > most_named ? fmt::format(" and {} more", count - most_named) : "";
-    fmt::print("Mapped by nobody{}: {}{}\n",
+    fmt::print("Mapped by nobody{}{}: {}{}\n", seen_only_text(memory),
                found.whole_region.empty() ? "" : " but with the whole region", names, more);
 }
 
@@ -161,8 +161,8 @@ void print_remarks(const answer& found, const picture& records, bool all) {
         fmt::print(stderr, "* not the only chunk of that name; calls find the lowest one\n");
 }
 
-void print_as_table(const answer& found, const picture& records, process_table& processes,
-                    bool all) {
+void print_as_table(const answer& found, const picture& records, const mapped_memory& memory,
+                    process_table& processes, bool all) {
     const auto duplicates = records.duplicates();
     who_table lines{processes};
     for (const auto& [chunk, views] : found.chunks) {
@@ -181,7 +181,7 @@ void print_as_table(const answer& found, const picture& records, process_table& 
         }
     }
     fmt::print("{}", lines.text());
-    print_unmapped(found);
+    print_unmapped(found, memory);
     print_remarks(found, records, all);
 }
 
@@ -236,7 +236,7 @@ exit_status who(const who_options& options) {
     if (options.json) {
         print_as_json(found, records, memory, processes);
     } else {
-        print_as_table(found, records, processes, options.name.empty());
+        print_as_table(found, records, memory, processes, options.name.empty());
         if (!memory.is_complete())
             fmt::print(stderr, "tarvoctl: {}\n", unseen_text(memory, processes));
     }

@@ -61,8 +61,7 @@ void diagnose_sides(const site& here, const mapped_memory& memory, const lock_pi
     }
     if (memory.users.empty()) {
         report.add(verdict::ok, here.area,
-                   memory.is_complete() ? "no process uses it now"
-                                        : "no process that can be seen uses it now");
+                   fmt::format("no process{} uses it now", seen_only_text(memory)));
         return;
     }
     report.add(verdict::ok, here.area,
@@ -108,13 +107,13 @@ void diagnose_users(const site& here, health_report& report) {
                    "with those that start now: " +
                        processes_text(memory.users_of_removed, processes),
                    "restart them");
+    }
     if (!memory.users_of_removed_memory.empty()) {
         report.add(verdict::error, here.memory,
                    "was removed under processes that still use the removed one, and do not see "
                    "what those that start now write to a chunk: " +
                        processes_text(memory.users_of_removed_memory, processes),
                    "restart them");
-    }
     }
     if (!memory.is_complete())
         report.add(verdict::note, "processes", unseen_text(memory, processes));

@@ -81,6 +81,10 @@ std::string processes_text(const std::vector<pid_t>& pids, process_table& proces
     return made;
 }
 
+const char* seen_only_text(const mapped_memory& memory) {
+    return memory.is_complete() ? "" : " that can be seen";
+}
+
 std::string unseen_text(const mapped_memory& memory, process_table& processes) {
     const char* const help = memory.root_would_see_more()
                                  ? "run it as root to see more"

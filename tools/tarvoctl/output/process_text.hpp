@@ -31,6 +31,9 @@ std::string start_text(const process_info& process);
 /// "4711 (my_driver), 4712 (agent) and 3 more"
 std::string processes_text(const std::vector<pid_t>& pids, process_table& processes);
 
+/// " that can be seen" where not all can: to be put behind "nobody" or "no process".
+const char* seen_only_text(const mapped_memory& memory);
+
 /// What of the mappings could not be seen, and what helps; empty when all was seen.
 std::string unseen_text(const mapped_memory& memory, process_table& processes);
 
