@@ -144,7 +144,8 @@ TARVO_API int tarvo_free(const char* name);
  *         window does not lie in the chunk (" offset ... > chunk->size ... or offset + size ... is"
  *         on standard error), or the system refuses the mapping, as it does a window of no bytes
  *         or an offset within a page. Names not found and refused mappings are only traced. The
- *         window's end is computed in 32 bits: from 4 GiB on it wraps and is not caught.
+ *         window's end is computed in 32 bits: in a chunk of 2 GiB and more it can wrap, which is
+ *         not caught.
  *
  * Ends the process when `name` is null ("name") or empty ("strlen(name)"), and when the chunk's
  * record is damaged ("0", after the report that tarvo_alloc_func() describes). Takes the lock.
