@@ -37,6 +37,14 @@ void terminal::type(const std::string& keys) const {
     }
 }
 
+void terminal::stop_output() const {
+    tcflow(_program, TCOOFF);
+}
+
+void terminal::go_on() const {
+    tcflow(_program, TCOON);
+}
+
 void terminal::receive(const std::string& wanted) {
     pollfd reading{_person, POLLIN, 0};
     const auto time = std::chrono::duration_cast<std::chrono::milliseconds>(patience);

@@ -118,13 +118,6 @@ repair_plan plan_repair(const shared_area_t& area) {
     return planner(area).plan();
 }
 
-bool applies_to(const repair_plan& plan, const shared_area_t& area) {
-    const auto bytes = raw(area);
-    return std::all_of(plan.edits.begin(), plan.edits.end(), [&](const repair_edit& edit) {
-        return std::equal(edit.before.begin(), edit.before.end(), bytes.data() + edit.offset);
-    });
-}
-
 void apply(const repair_plan& plan, shared_area_t& area) {
     auto* bytes = reinterpret_cast<uint8_t*>(&area);
     for (const repair_edit& edit : plan.edits) {

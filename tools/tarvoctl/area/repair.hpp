@@ -44,10 +44,7 @@ struct repair_plan {
 /// as a record whose text is destroyed.
 repair_plan plan_repair(const shared_area_t& area);
 
-/// Whether the area still holds what the plan was made from.
-bool applies_to(const repair_plan& plan, const shared_area_t& area);
-
-/// Makes the changes. The caller holds the lock and has asked applies_to().
+/// Makes the changes. The caller holds the lock, and the area is still the one planned for.
 void apply(const repair_plan& plan, shared_area_t& area);
 
 } // namespace tarvoctl

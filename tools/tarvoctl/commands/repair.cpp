@@ -5,16 +5,17 @@
 #include "host/area_file.hpp"
 #include "host/cross_process_lock.hpp"
 #include "host/mappings.hpp"
-
 #include "output/confirm.hpp"
 #include "output/process_text.hpp"
 #include "output/text.hpp"
 #include "program.hpp"
 
-#include <chrono>
+#include <cstring>
+#include <ctime>
 #include <fmt/chrono.h>
 #include <fmt/format.h>
 #include <memory>
+#include <unistd.h>
 
 namespace tarvoctl {
 
@@ -25,6 +26,7 @@ struct repair_options {
     std::string backup;
     bool dry_run = false;
     bool force = false;
+    bool partly = false;
     bool yes = false;
 };
 
@@ -32,12 +34,12 @@ std::string path_of(const repair_options& options) {
     return options.source.is_live() ? find_site().area : options.source.file;
 }
 
-/// Beside the area, named after the moment.
+/// Beside the area, named after the moment and, as one has room for several repairs, the process.
 std::string backup_path(const repair_options& options) {
     if (!options.backup.empty())
         return options.backup;
-    return fmt::format("{}.before-repair-{:%Y%m%dT%H%M%S}", path_of(options),
-                       fmt::localtime(std::time(nullptr)));
+    return fmt::format("{}.before-repair-{:%Y%m%dT%H%M%S}-{}", path_of(options),
+                       fmt::localtime(std::time(nullptr)), ::getpid());
 }
 
 std::string hex_of(const std::vector<uint8_t>& bytes) {
@@ -60,48 +62,68 @@ void print_plan(const repair_plan& plan) {
         fmt::print("left as it is: {}: {}\n", text_of(doubt.where), shown(doubt.why));
 }
 
-/// Processes that have the library started may be in the middle of what is about to be mended.
+/// Processes that have the library started may be in the middle of what is about to be mended. Those
+/// that not even root can look into are told of, but would speak against every repair for ever.
 void refuse_while_in_use(const repair_options& options) {
     if (!options.source.is_live() || options.force)
         return;
     const mapped_memory memory = mappings_of(find_site());
-    if (memory.users.empty() && memory.is_complete())
-        return;
     process_table processes;
-    std::string who = memory.users.empty() ? "perhaps" : processes_text(memory.users, processes);
-    if (!memory.is_complete())
-        who += "; " + unseen_text(memory, processes);
-    throw failure{
-        exit_status::finding,
-        fmt::format("not repaired, for the library is started in other processes: {}; end "
-                    "them first, or --force",
-                    who)};
+    const std::string unseen = memory.is_complete() ? "" : unseen_text(memory, processes);
+    if (!memory.users.empty()) {
+        throw failure{
+            exit_status::finding,
+            fmt::format("not repaired, for the library is started in other processes: {}; "
+                        "end them first, or --force",
+                        processes_text(memory.users, processes))};
+    }
+    if (memory.root_would_see_more()) {
+        throw failure{exit_status::finding,
+                      fmt::format("not repaired, for the library may be started in other "
+                                  "processes: {}, or --force",
+                                  unseen)};
+    }
+    if (!unseen.empty())
+        fmt::print(stderr, "tarvoctl: {}\n", unseen);
 }
 
 /// Mended lists look whole: what was left alone would be taken for leftovers by the next repair.
 void refuse_while_in_doubt(const repair_options& options, const repair_plan& plan) {
-    if (plan.doubts.empty() || options.force)
+    if (plan.doubts.empty() || options.partly)
         return;
     throw failure{exit_status::damaged,
                   fmt::format("not repaired: {} place(s) have to be decided by a person first, for "
-                              "they could not be told from leftovers afterwards; --force mends the "
-                              "rest all the same",
+                              "they could not be told from leftovers afterwards; --partly mends "
+                              "the rest all the same",
                               plan.doubts.size())};
 }
 
-/// Under the lock, unless something has changed since the plan was shown.
-void carry_out(const repair_options& options, const repair_plan& plan) {
-    const mapped_area mapped{path_of(options), mapped_area::access::write};
+/// Makes the changes, unless the area is no longer what they were planned for. Nothing else is done
+/// under the lock: everybody waits for it.
+void mend(const repair_options& options, const repair_plan& plan, const shared_area_t& planned_for,
+          const mapped_area& mapped) {
     const cross_process_lock lock{options.source.is_live() ? find_site().locks
                                                            : std::vector<std::string>{},
                                   options.source.timeout};
-    if (!applies_to(plan, mapped.area())) {
+    if (std::memcmp(&mapped.area(), &planned_for, sizeof planned_for) != 0) {
         throw failure{exit_status::finding, "not repaired: the area has changed since the plan was "
                                             "made; run it again"};
     }
-    const std::string backup = backup_path(options);
-    write_area({backup, existing_file::refused, "--backup names another"}, mapped.area());
     apply(plan, mapped.area());
+}
+
+void carry_out(const repair_options& options, const repair_plan& plan,
+               const shared_area_t& planned_for) {
+    const mapped_area mapped{path_of(options), mapped_area::access::write};
+    mapped.touch();
+    const std::string backup = backup_path(options);
+    write_area({backup, existing_file::refused, "--backup names another"}, planned_for);
+    try {
+        mend(options, plan, planned_for, mapped);
+    } catch (const failure&) {
+        ::unlink(backup.c_str()); // of an area that is as it was
+        throw;
+    }
     fmt::print("repaired; {} holds the area as it was\n", backup);
 }
 
@@ -120,7 +142,7 @@ exit_status repair(const repair_options& options) {
     refuse_while_in_use(options);
     if (!options.yes && !confirmed(fmt::format("make these {} change(s)?", plan.edits.size())))
         throw failure{exit_status::finding, "not repaired: nobody said yes; --yes does"};
-    carry_out(options, plan);
+    carry_out(options, plan, *area);
     return end;
 }
 
@@ -135,7 +157,9 @@ void add_repair(program& to) {
                           "a copy to repair in place of the live area");
     command.flag("-n,--dry-run", options->dry_run, "only show the plan");
     command.flag("-y,--yes", options->yes, "do not ask");
-    command.flag("--force", options->force, "also while it is in use, or in doubt");
+    command.flag("--force", options->force, "also while processes use it, or may");
+    command.flag("--partly", options->partly,
+                 "also where something is left for a person to decide: mend the rest");
     command.option("--backup", "FILE", options->backup, "where the area is kept as it was");
     command.timeout(options->source.timeout);
 }
