@@ -241,6 +241,32 @@ leaves_memory_alone() {
         >"$place/printed" || complain "tarvo_steps gives memory back that is not its own"
 }
 
+# The two lines of output that tarvo(7) shows are what the library prints.
+check_shown_output() {
+    local shown
+    ((sandbox_status != 125)) || return 0
+    cat >"$place/prog.c" <<'END'
+#include <tarvo.h>
+int main(void) {
+    char nothing;
+    tarvo_alloc_func("rx_ring", 4096, "me");
+    tarvo_free("rx_ring");
+    return tarvo_unmap("rx_ring", &nothing, 0);
+}
+END
+    "${cc[@]}" "${warnings[@]}" "$place/prog.c" -o "$place/prog" -L"$build_dir" -ltarvo \
+        -Wl,-rpath,"$build_dir"
+    # Without the shell's own word on how it ends.
+    {
+        (cd "$place" && "$build_dir/tarvo-sandbox" -- env ZUL_TRACE=tarvo=5 ./prog) \
+            >"$place/output" 2>&1 || true
+    } 2>/dev/null
+    while IFS= read -r shown; do
+        grep -qxF -- "$shown" "$place/output" ||
+            complain "man/tarvo.7 shows, and nothing prints: $shown"
+    done < <(sed -n "s/[\\](aq/'/g; /^prog: tarvo:/p; /^\[tarvo:5\]/p" man/tarvo.7)
+}
+
 check_form
 check_calls
 check_names
@@ -251,6 +277,7 @@ check_layout
 check_programs
 leaves_no_device
 leaves_memory_alone
+check_shown_output
 
 if ((faults == 0 && sandbox_status == 125)); then
     echo "SKIPPED: no sandbox on this machine to run the programs in: $refusal"
