@@ -33,6 +33,7 @@ tarvo::result<ring> make_ring(const char* name, tarvo::bytes size) {
     }
     auto memory = tarvo::map(*chunk);
     if (!memory) {
+        (void)tarvo::free_chunk(*chunk); // that it cannot be mapped is what there is to tell
         return memory.error();
     }
     return ring{*chunk, *std::move(memory)};
@@ -101,6 +102,10 @@ int main(int argc, char** argv) {
         return complain(device.error());
     }
     if (const auto registered = tarvo::register_device(*device); !registered) {
+        // A device that refuses is registered all the same.
+        if (registered.error().code() == tarvo::error_code::refused) {
+            (void)tarvo::unregister_device(*device);
+        }
         return complain(registered.error());
     }
     print_devices();

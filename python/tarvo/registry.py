@@ -84,7 +84,13 @@ def unregister_device(device: Device) -> None:
 @contextlib.contextmanager
 def registered(device: Device) -> Iterator[Device]:
     """register_device() for a with statement, at whose end the device is unregistered."""
-    register_device(device)
+    try:
+        register_device(device)
+    except Refused:
+        # It is registered all the same. One that refuses this as well keeps its registration.
+        with contextlib.suppress(NotRegistered, Refused):
+            unregister_device(device)
+        raise
     try:
         yield device
     finally:

@@ -23,7 +23,7 @@ bool lock_is_held() {
 /// A program whose output, on both streams, is read when the test wants it.
 class running {
   public:
-    explicit running(const char* program) {
+    explicit running(const char* program, const char* argument = nullptr) {
         int ends[2];
         EXPECT_EQ(::pipe2(ends, O_CLOEXEC), 0);
         _output = ends[0];
@@ -32,7 +32,7 @@ class running {
         if (_process == 0) {
             ::dup2(ends[1], STDOUT_FILENO);
             ::dup2(ends[1], STDERR_FILENO);
-            ::execl(program, program, static_cast<char*>(nullptr));
+            ::execl(program, program, argument, static_cast<char*>(nullptr));
             ::_exit(127);
         }
         ::close(ends[1]);
@@ -75,6 +75,17 @@ class running {
 } // namespace
 
 class examples : public region_test {};
+
+TEST_F(examples, leave_no_device_registered_that_refuses) {
+    allocated("ring", 4_KiB);
+    // By the run's rules.
+    running driver(TARVO_DRIVER, "0000:0e:00.0");
+    int status = 0;
+    EXPECT_NE(driver.finish(status).find("device_driver: the kernel driver refuses to map"),
+              std::string::npos);
+    EXPECT_EQ(status, 1);
+    EXPECT_EQ(devices_now().size(), 0U);
+}
 
 TEST_F(examples, print_while_nobody_waits_for_them) {
     for (int number = 0; number < 100; ++number) {

@@ -41,6 +41,13 @@ class Devices(RegionCase):
                 tarvo.register_device(REFUSES_ALL)
             tarvo.unregister_device(REFUSES_ALL)
 
+    def test_that_refuse_are_not_left_behind_by_a_with_statement(self) -> None:
+        with tarvo.allocated("ring", 4096, "test"):
+            with self.refused(tarvo.Refused, "map the chunks for 0000:0e:00.0"):
+                with tarvo.registered(REFUSES_ALL):
+                    self.fail("the statement's body was entered")
+            self.assertEqual(tarvo.devices(), [])
+
     @unittest.skipIf(WORLD == "cma", "there the driver has the memory back, and the chunk stays")
     def test_that_let_nothing_go_are_reported(self) -> None:
         chunk = tarvo.allocate("ring", 4096, "test")
