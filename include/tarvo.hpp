@@ -22,7 +22,9 @@
 ///     records.
 ///  3. A tarvo::chunk is a value, not an owner. The call that uses it makes sure, under the lock,
 ///     that the chunk's name still means this chunk: memory and DMA address always belong together.
-///     Only the chunk can still be freed by others while it is mapped; agree on who frees.
+///     Only where a C program made a name that ends in blanks beside the same name without them can
+///     the two be taken for each other: avoid such names. And the chunk can still be freed by
+///     others while it is mapped; agree on who frees.
 ///  4. Owners are move-only: tarvo::mapping, tarvo::read_only_mapping, tarvo::whole_region, and
 ///     tarvo::listing, *** which holds the lock of all processes while it lives ***.
 ///  5. Not for two threads at once, and not for a child of fork() beside its parent: as tarvo.h.

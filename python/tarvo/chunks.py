@@ -53,7 +53,9 @@ class Chunk:
     """A chunk as it was when it was allocated or listed.
 
     It is a value, not an owner: the chunk can be freed by any process meanwhile. Its calls look at
-    it again, under the lock, so that memory and DMA address always belong together.
+    it again, under the lock, so that memory and DMA address always belong together. Only where a C
+    program made a name that ends in blanks beside the same name without them can the two be taken
+    for each other: avoid such names.
     """
 
     name: str
