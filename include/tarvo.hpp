@@ -31,6 +31,11 @@
 ///  6. A call by name reads the list from its start, as the library does, and costs some
 ///     microseconds for every ten chunks: look a chunk up once, not for each access.
 
+#if __cplusplus < 202002L
+// Nothing else is read then: hundreds of errors would bury this one.
+#error "tarvo.hpp is for C++20: compile with -std=c++20, or include tarvo.h alone"
+#else
+
 #include "tarvo.h"
 #include "tarvo/allocation.hpp"
 #include "tarvo/chunk.hpp"
@@ -41,3 +46,5 @@
 #include "tarvo/registry.hpp"
 #include "tarvo/result.hpp"
 #include "tarvo/units.hpp"
+
+#endif
