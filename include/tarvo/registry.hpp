@@ -44,7 +44,7 @@ inline result<void> check_registrable(const listing& now, const device& wanted) 
     }
     std::size_t others = 0;
     for (const listed_device& known : now.devices()) {
-        others += known == wanted ? 0 : 1;
+        others += known == wanted ? 0U : 1U;
     }
     if (now.damage()) {
         return *now.damage();
