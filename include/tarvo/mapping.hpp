@@ -62,10 +62,11 @@ class basic_mapping {
         static_assert(std::is_standard_layout_v<T> && std::is_trivially_destructible_v<T>);
         using object_type = std::conditional_t<std::is_const_v<Byte>, const T, T>;
         const std::uint64_t start = offset.count();
-        if (start > _span.size() || _span.size() - start < sizeof(T) || start % alignof(T) != 0) {
+        if (start > _span.size() || _span.size() - start < sizeof(T) ||
+            reinterpret_cast<std::uintptr_t>(_span.data() + start) % alignof(T) != 0) {
             return error(error_code::bad_window,
-                         "an object of %zu bytes at %llu, in a mapping of %zu; it starts at a "
-                         "multiple of %zu and ends in the mapping",
+                         "an object of %zu bytes at %llu, in a mapping of %zu; its address is a "
+                         "multiple of %zu and it ends in the mapping",
                          sizeof(T), static_cast<unsigned long long>(start), _span.size(),
                          alignof(T));
         }

@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <cstring>
 #include <utility>
+#include <vector>
 
 using namespace tarvo::literals;
 using tarvo::error_code;
@@ -125,6 +126,22 @@ TEST_F(mappings, for_reading_only_fault_on_writing) {
     ASSERT_TRUE(memory);
     auto* byte = reinterpret_cast<volatile char*>(const_cast<std::byte*>(memory->span().data()));
     EXPECT_EXIT(*byte = 1, testing::KilledBySignal(SIGSEGV), "");
+}
+
+TEST_F(mappings, give_no_object_that_is_aligned_to_more_than_its_page) {
+    struct alignas(8192) large {
+        std::byte first;
+    };
+    const tarvo::chunk chunk = allocated("ring", 12_KiB);
+    // Of an odd number of pages and beside each other, so that every other one starts on an odd page.
+    std::vector<tarvo::mapping> all;
+    for (int count = 0; count < 8; ++count) {
+        all.push_back(*tarvo::map(chunk));
+        const auto first = all.back().object<large>();
+        const auto second = all.back().object<large>(4_KiB);
+        EXPECT_NE(first.has_value(), second.has_value());
+        EXPECT_EQ(reinterpret_cast<std::uintptr_t>(first ? *first : *second) % 8192, 0U);
+    }
 }
 
 TEST_F(mappings, give_typed_access_only_where_it_is_within_and_aligned) {
