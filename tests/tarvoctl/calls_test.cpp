@@ -94,9 +94,10 @@ TEST(Alloc, TellsHowMuchRoomThereIsWhenThereIsTooLittle) {
     driver.alloc("a", 0x1000);
     const auto outcome = tarvoctl(machine, {"alloc", "big", "256M"});
     EXPECT_EQ(outcome.status, 1);
-    EXPECT_EQ(outcome.errors,
-              "tarvoctl: no room for 268435456 bytes: the largest gap has 268431360, all gaps "
-              "together 268431360; 'tarvoctl map' shows them\n");
+    EXPECT_EQ(
+        outcome.errors,
+        "tarvoctl: no room for 268435456 bytes: the largest gap has 268431360 bytes, all gaps "
+        "together 268431360; see 'tarvoctl map'\n");
 }
 
 TEST(Alloc, TellsThatTheKernelGaveNothing) {

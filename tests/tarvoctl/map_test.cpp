@@ -62,6 +62,44 @@ TEST(Map, FitTellsHowMuchIsMissing) {
     EXPECT_EQ(machine.start().alloc("probe", 209715200), 0U);
 }
 
+TEST(Map, FitKnowsWhatElseAllocRefuses) {
+    sandbox machine(low);
+    client driver = machine.start();
+    for (int made = 0; made < 16382; ++made)
+        driver.alloc("c" + std::to_string(made), 0x1000);
+    const auto fit = tarvoctl(machine, {"map", "--fit", "4096"});
+    EXPECT_EQ(fit.status, 1);
+    const std::string obstacle = "all 16382 chunk records are in use; free some";
+    EXPECT_EQ(fit.output, "4096 bytes do not fit: " + obstacle + "\n");
+    EXPECT_EQ(
+        json_of(tarvoctl(machine, {"map", "--fit", "4096", "--json"})).at("fit").at("obstacle"),
+        obstacle);
+    EXPECT_TRUE(tarvoctl(machine, {"alloc", "one", "4096"})
+                    .errors.ends_with("tarvoctl: no room for 4096 bytes: " + obstacle +
+                                      "; see 'tarvoctl map'\n"));
+}
+
+TEST(Map, FitKnowsWhatNoDeviceCanSee) {
+    sandbox machine(low);
+    client driver = machine.start();
+    driver.register_device(0, 3, 0);
+    const auto fit = tarvoctl(machine, {"map", "--fit", "0x80000001"});
+    EXPECT_EQ(fit.status, 1);
+    EXPECT_EQ(fit.output, "2147487744 bytes do not fit: 2147487744 bytes cannot be mapped for "
+                          "0000:03:00.0, which is online; devices see chunks of at most "
+                          "2147483648 bytes\n");
+}
+
+TEST(Map, OfACopyItHasToBeSaidThatTheDriverChooses) {
+    sandbox machine(cma);
+    machine.start().alloc("first", 0x1000);
+    const temporary_folder folder;
+    const std::string copy = folder.path() / "copy";
+    EXPECT_EQ(tarvoctl(machine, {"snapshot", copy}).status, 0);
+    EXPECT_EQ(tarvoctl(machine, {"map", "--fit", "4K", "--area", copy}).status, 0);
+    EXPECT_EQ(tarvoctl(machine, {"map", "--fit", "4K", "--area", copy, "--cma"}).status, 1);
+}
+
 TEST(Map, FitSaysThatTheDriverChoosesInACmaRegion) {
     sandbox machine(cma);
     machine.start().alloc("first", 0x1000);

@@ -1,4 +1,4 @@
-#include "area/gaps.hpp"
+#include "area/new_chunk.hpp"
 #include "commands/commands.hpp"
 #include "failure.hpp"
 #include "host/area_source.hpp"
@@ -8,7 +8,6 @@
 #include "output/json.hpp"
 #include "output/text.hpp"
 #include "program.hpp"
-#include "shared/layout.hpp"
 #include "tarvo.h"
 
 #include <algorithm>
@@ -29,14 +28,8 @@ struct alloc_options {
 };
 
 void check_devices(const picture& records, uint32_t size) {
-    const auto online = std::find_if(records.devices.begin(), records.devices.end(),
-                                     [](const device_record& each) { return each.online; });
-    if (size > most_bytes_for_devices && online != records.devices.end()) {
-        throw failure{exit_status::usage,
-                      fmt::format("SIZE: {} bytes cannot be mapped for {}, which is online; "
-                                  "devices see chunks of at most {} bytes",
-                                  size, device_text(*online), most_bytes_for_devices)};
-    }
+    if (const auto refused = device_obstacle(size, records))
+        throw failure{exit_status::usage, "SIZE: " + *refused};
 }
 
 void check_existing(const chunk_record* existing, uint32_t size, bool duplicate) {
@@ -50,22 +43,13 @@ void check_existing(const chunk_record* existing, uint32_t size, bool duplicate)
 
 /// Why the library gave nothing, as far as it can be told behind it.
 failure refusal(uint32_t size, const picture& records) {
-    constexpr std::size_t most_chunks = chunk_capacity - 2; // the others bound the region
-    if (records.chunks.size() >= most_chunks) {
+    const bool is_cma = find_site().is_cma();
+    if (const auto obstacle = obstacle_to(size, records, is_cma))
         return {exit_status::finding,
-                fmt::format("all {} chunk records are in use; free some", most_chunks)};
-    }
-    const auto gaps = gaps_of(records);
-    if (find_site().is_cma()) {
+                fmt::format("no room for {} bytes: {}; see 'tarvoctl map'", size, *obstacle)};
+    if (is_cma) {
         return {exit_status::finding,
                 fmt::format("the kernel driver gave no place for {} bytes", size)};
-    }
-    if (!first_fit(gaps, size)) {
-        const free_space free = free_space_of(gaps);
-        return {exit_status::finding,
-                fmt::format("no room for {} bytes: the largest gap has {}, all gaps together {}; "
-                            "'tarvoctl map' shows them",
-                            size, free.largest_bytes, free.total_bytes)};
     }
     return {exit_status::finding, "the library allocated nothing; its reason is above"};
 }

@@ -1,4 +1,5 @@
 #include "area/gaps.hpp"
+#include "area/new_chunk.hpp"
 #include "commands/commands.hpp"
 #include "failure.hpp"
 #include "host/new_file.hpp"
@@ -22,6 +23,7 @@ struct map_options {
     std::string fit;
     std::string svg_file;
     bool force = false;
+    bool cma = false;
     bool json = false;
 };
 
@@ -29,10 +31,12 @@ struct map_options {
 struct fit_answer {
     uint32_t size; ///< rounded to whole pages
     bool driver_chooses;
-    std::optional<gap> place;
+    std::optional<std::string> obstacle; ///< why it cannot be had
+    std::optional<gap> place;            ///< where nothing is in the way
 };
 
-fit_answer fit_of(const map_options& options, const std::vector<gap>& gaps) {
+fit_answer fit_of(const map_options& options, const picture& records,
+                  const std::vector<gap>& gaps) {
     const auto page_bytes = static_cast<uint32_t>(::sysconf(_SC_PAGESIZE));
     const uint64_t asked = parse_size(options.fit, "--fit");
     if (asked == 0 || asked > UINT32_MAX - page_bytes + 1) {
@@ -40,7 +44,12 @@ fit_answer fit_of(const map_options& options, const std::vector<gap>& gaps) {
                                                       UINT32_MAX - page_bytes + 1, options.fit)};
     }
     const uint32_t size = rounded_size(asked, page_bytes);
-    return {size, options.source.is_live() && find_site().is_cma(), first_fit(gaps, size)};
+    fit_answer answer{size, options.cma || (options.source.is_live() && find_site().is_cma()),
+                      std::nullopt, std::nullopt};
+    answer.obstacle = obstacle_to(size, records, answer.driver_chooses);
+    if (!answer.obstacle)
+        answer.place = first_fit(gaps, size);
+    return answer;
 }
 
 std::string name_before(const gap& place) {
@@ -48,19 +57,18 @@ std::string name_before(const gap& place) {
                                    : "behind " + shown(place.before->name);
 }
 
-void print_fit(const fit_answer& answer, const picture& records, const free_space& free) {
-    if (answer.driver_chooses) {
+void print_fit(const fit_answer& answer, const picture& records) {
+    if (answer.obstacle) {
+        fmt::print("{} bytes do not fit: {}\n", answer.size, *answer.obstacle);
+    } else if (answer.driver_chooses) {
         fmt::print(
             "{} bytes: the kernel driver chooses the place in a CMA region; whether it finds "
             "one only it can tell\n",
             answer.size);
-    } else if (answer.place) {
+    } else {
         fmt::print("{} bytes fit: at physical {:#x}, DMA {:#x}, {}, the first gap of {} bytes\n",
                    answer.size, answer.place->pa, records.region.dma_of(answer.place->pa),
                    name_before(*answer.place), answer.place->bytes);
-    } else {
-        fmt::print("{} bytes do not fit: the largest gap has {} bytes, all gaps together {}\n",
-                   answer.size, free.largest_bytes, free.total_bytes);
     }
 }
 
@@ -106,6 +114,7 @@ json json_gap(const gap& each, const picture& records) {
 json json_fit(const fit_answer& answer, const picture& records) {
     return {{"size", answer.size},
             {"driver_chooses", answer.driver_chooses},
+            {"obstacle", answer.obstacle ? json(*answer.obstacle) : json(nullptr)},
             {"place", answer.place ? json_gap(*answer.place, records) : json(nullptr)}};
 }
 
@@ -143,18 +152,19 @@ exit_status map(const map_options& options) {
     }
     const auto gaps = gaps_of(records);
     const free_space free = free_space_of(gaps);
-    const auto fit = options.fit.empty() ? std::nullopt : std::optional{fit_of(options, gaps)};
+    const auto fit =
+        options.fit.empty() ? std::nullopt : std::optional{fit_of(options, records, gaps)};
     if (!options.svg_file.empty())
         write_svg(options, records);
     if (options.json) {
         print_as_json(records, gaps, free, fit);
     } else if (fit) {
-        print_fit(*fit, records, free);
+        print_fit(*fit, records);
     } else {
         print_as_text(records, gaps, free);
     }
     const exit_status read = told_damage(records);
-    const bool refused = fit && (fit->driver_chooses || !fit->place);
+    const bool refused = fit && (fit->driver_chooses || fit->obstacle);
     return read == exit_status::good && refused ? exit_status::finding : read;
 }
 
@@ -165,6 +175,7 @@ void add_map(program& to) {
     command_words command = to.add("map", "a picture of the region: chunks and gaps to scale",
                                    looking, [options] { return map(*options); });
     command.option("--fit", "SIZE", options->fit, "would a chunk of that size fit, and where?");
+    command.flag("--cma", options->cma, "with --fit: the copy is of a CMA region");
     command.option("--svg", "FILE", options->svg_file, "write the picture to this file, too");
     command.flag("--force", options->force, "replace a file of --svg that is there");
     command.json(options->json);

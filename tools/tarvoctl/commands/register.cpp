@@ -1,3 +1,4 @@
+#include "area/new_chunk.hpp"
 #include "commands/commands.hpp"
 #include "failure.hpp"
 #include "host/area_source.hpp"

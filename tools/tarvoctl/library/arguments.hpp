@@ -10,9 +10,6 @@ namespace tarvoctl {
 // What people write on the command line for the library's calls. Whatever the library would answer
 // by ending the process is refused here: each throws failure, with the value and the fix.
 
-/// Larger chunks cannot be mapped for devices.
-inline constexpr uint32_t most_bytes_for_devices = 1U << 31U;
-
 /// A name that a chunk can have: 1 to 49 bytes, and not one of those that bound the region.
 void check_chunk_name(const std::string& name);
 

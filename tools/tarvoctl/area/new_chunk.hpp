@@ -1,0 +1,22 @@
+#pragma once
+
+#include "area/records.hpp"
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+namespace tarvoctl {
+
+/// Larger chunks cannot be mapped for devices.
+inline constexpr uint32_t most_bytes_for_devices = 1U << 31U;
+
+/// Why no new chunk of that size, in whole pages, can be had because of a device; nothing where it
+/// can. The library would end the process at the attempt.
+std::optional<std::string> device_obstacle(uint32_t size, const picture& records);
+
+/// Why no new chunk of that size can be had at all, as far as the records tell: not in a region
+/// where the kernel driver chooses the place, of which it alone knows what is free.
+std::optional<std::string> obstacle_to(uint32_t size, const picture& records, bool driver_chooses);
+
+} // namespace tarvoctl
