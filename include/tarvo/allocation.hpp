@@ -48,9 +48,11 @@ inline result<void> check_unchanged(const listing& now, const chunk& known) noex
     }
     if (*found != known) {
         return error(error_code::changed,
-                     "'%s' was the chunk at DMA address 0x%x and is another one by now, at 0x%x; "
-                     "look it up again",
-                     known.c_name(), known.dma().value(), found->dma().value());
+                     "'%s' was the chunk of %llu bytes at DMA address 0x%x and is another one by "
+                     "now, of %llu bytes at 0x%x; look it up again",
+                     known.c_name(), static_cast<unsigned long long>(known.size().count()),
+                     known.dma().value(), static_cast<unsigned long long>(found->size().count()),
+                     found->dma().value());
     }
     return {};
 }

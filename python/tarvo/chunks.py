@@ -260,8 +260,8 @@ def _check_unchanged(now: Listing, known: Chunk) -> None:
     found = _lowest_named(now, known.name)
     if found != known:
         raise Changed(
-            f"{known.name!r} was the chunk at DMA address {known.dma:#x} and is another one by "
-            f"now, at {found.dma:#x}; look it up again"
+            f"{known.name!r} was the chunk of {known.size} bytes at DMA address {known.dma:#x} and "
+            f"is another one by now, of {found.size} bytes at {found.dma:#x}; look it up again"
         )
 
 

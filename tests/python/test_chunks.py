@@ -110,7 +110,7 @@ class Chunks(RegionCase):
         before = tarvo.allocate("ring", 4096, "test")
         tarvo.free_chunk("ring")
         now = tarvo.allocate("ring", 8192, "test")
-        with self.refused(tarvo.Changed, "look it up again"):
+        with self.refused(tarvo.Changed, "of 8192 bytes at"):
             before.free()
         with self.refused(tarvo.Changed, "look it up again"):
             before.map()
