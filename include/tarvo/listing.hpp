@@ -153,6 +153,11 @@ inline std::optional<listed_device> device_of(std::string_view line,
     return listed_device(*address, online);
 }
 
+inline error already_listing() noexcept {
+    return {error_code::listing_open, "a listing is open in this program and holds the lock; let "
+                                      "it go first"};
+}
+
 /// Writes the next chunk's or device's line.
 using line_call = bool (*)(char* line, std::size_t bytes);
 
@@ -246,8 +251,7 @@ class listing {
     static result<listing> open() noexcept {
         detail::listing_state& state = detail::the_listing;
         if (state.open) {
-            return error(error_code::listing_open, "a listing is open in this program and holds "
-                                                   "the lock; let it go first");
+            return detail::already_listing();
         }
         const result<limits> region = get_limits();
         if (!region) {

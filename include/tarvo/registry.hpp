@@ -26,8 +26,7 @@ namespace detail {
 /// The region, for calls that must not be made under a listing.
 inline result<limits> unlisted_region() noexcept {
     if (the_listing.open) {
-        return error(error_code::listing_open, "a listing is open in this program and holds the "
-                                               "lock; let it go first");
+        return already_listing();
     }
     return get_limits();
 }
@@ -71,6 +70,8 @@ inline result<void> check_whole_region() noexcept {
     return {};
 }
 
+inline constexpr int not_registered = -2; ///< of tarvo_unregister_device()
+
 inline error request_refused(const char* what, const device& known) noexcept {
     return {error_code::refused, "the kernel driver refuses to %s %s; standard error says why",
             what, known.text().c_str()};
@@ -113,7 +114,7 @@ inline result<void> unregister_device(const device& known) noexcept {
     switch (tarvo_unregister_device(known.domain(), known.bus(), known.devfn())) {
     case 0:
         return {};
-    case -2:
+    case detail::not_registered:
         return error(error_code::not_registered, "%s is not registered", known.text().c_str());
     default:
         return detail::request_refused("unmap the chunks for", known);

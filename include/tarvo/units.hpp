@@ -112,7 +112,7 @@ inline bytes page_size() noexcept {
     return bytes(static_cast<std::uint64_t>(::sysconf(_SC_PAGESIZE)));
 }
 
-/// `size` rounded up to whole pages, as chunks are.
+/// `size` rounded up to whole pages, as chunks are. Wraps for the last page of 64 bits.
 inline bytes rounded_to_pages(bytes size) noexcept {
     const std::uint64_t page = page_size().count();
     return bytes((size.count() + page - 1) / page * page);
