@@ -1,5 +1,7 @@
 #include "tool.hpp"
 
+#include <filesystem>
+#include <fstream>
 #include <gtest/gtest.h>
 
 namespace {
@@ -165,6 +167,56 @@ TEST(EmptyWords, DoNotPassForTheLiveArea) {
     EXPECT_EQ(machine.area().snapshot(), before);
     EXPECT_EQ(tarvoctl(machine, {"list", "--area", ""}).errors,
               "tarvoctl: --area is empty; give a value, or leave it out\n");
+}
+
+TEST(List, WorksForAUserWhoMayNotOpenTheLockThatIsNotHis) {
+    sandbox machine(simulation);
+    machine.start().alloc("rx_ring", pages(1));
+    std::ofstream(machine.hardware_lock()) << "";
+    std::filesystem::permissions(machine.hardware_lock(), std::filesystem::perms::none);
+    const auto outcome = tarvoctl_of_stranger(machine, {"list"});
+    EXPECT_EQ(outcome.status, 0) << outcome.errors;
+    EXPECT_EQ(outcome.errors, "");
+    std::filesystem::permissions(machine.simulated_lock(), std::filesystem::perms::none);
+    EXPECT_EQ(tarvoctl_of_stranger(machine, {"list"}).status, 3) << "his own he has to take";
+}
+
+/// The world `low` with something in place of a simulated memory that the library cannot open as
+/// one, and with a chunk of the hardware's region.
+class NoSimulation : public testing::Test {
+  public:
+    NoSimulation() {
+        std::filesystem::create_directory(machine.simulated_memory());
+        driver.alloc("rx_ring", pages(1));
+    }
+
+    std::string area_of(const std::vector<std::string>& program) {
+        std::vector<std::string> words{program};
+        words.insert(words.end(), {TARVOCTL, "doctor", "--json"});
+        const auto checks = json_of(run_program(machine, words)).at("checks");
+        return checks.at(0).at("text");
+    }
+
+    sandbox machine{low};
+    client driver{machine.start()};
+};
+
+TEST_F(NoSimulation, WithoutTheVariableTheHardwareIsLookedAt) {
+    ASSERT_TRUE(exists(machine.hardware_area()));
+    EXPECT_EQ(tarvoctl(machine, {"list", "-o", "name", "--no-header"}).output, "rx_ring\n");
+    EXPECT_EQ(area_of({}), "hardware, because SIMULATION_VMID is not set and /var/tmp/tarvo cannot "
+                           "be used; users who can get a simulation");
+}
+
+TEST_F(NoSimulation, WithTheVariableTheHardwareIsLookedAt) {
+    client asking = machine.start({"setenv SIMULATION_VMID 1", "alloc tx_ring 4096 me"});
+    ASSERT_EQ(driver.dump().size(), 2U);
+    const auto listed =
+        run_program(machine, {"env", "SIMULATION_VMID=1", TARVOCTL, "list", "-o", "name"});
+    EXPECT_EQ(listed.output, "NAME\nrx_ring\ntx_ring\n") << listed.errors;
+    EXPECT_EQ(area_of({"env", "SIMULATION_VMID=1"}),
+              "hardware, because SIMULATION_VMID is set, but /var/tmp/tarvo cannot be used: "
+              "programs that ask for simulation get the hardware");
 }
 
 } // namespace

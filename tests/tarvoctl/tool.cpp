@@ -5,10 +5,8 @@
 #include <sstream>
 #include <stdexcept>
 
-namespace {
-
-tool_outcome outcome_of(sandbox& where, const std::vector<std::string>& words,
-                        const std::string& input) {
+tool_outcome run_program(sandbox& where, const std::vector<std::string>& words,
+                         const std::string& input) {
     const temporary_folder folder;
     const std::string input_file = folder.path() / "input";
     const std::string output_file = folder.path() / "output";
@@ -23,21 +21,21 @@ tool_outcome outcome_of(sandbox& where, const std::vector<std::string>& words,
     return {end.signal == 0 ? end.status : -1, file_text(output_file), tool.error_text()};
 }
 
-} // namespace
-
 tool_outcome tarvoctl(sandbox& where, const std::vector<std::string>& words,
                       const std::string& input) {
     std::vector<std::string> command{TARVOCTL};
     command.insert(command.end(), words.begin(), words.end());
-    return outcome_of(where, command, input);
+    return run_program(where, command, input);
 }
 
-tool_outcome tarvoctl_of_stranger(sandbox& where, const std::vector<std::string>& words) {
+tool_outcome tarvoctl_of_stranger(sandbox& where, const std::vector<std::string>& words,
+                                  const std::vector<std::string>& through) {
     // Works also where the tests do not run as root: only the namespace knows the other user.
-    std::vector<std::string> command{"unshare", "--user", "--map-user=65534", "--map-group=65534",
-                                     TARVOCTL};
+    std::vector<std::string> command{"unshare", "--user", "--map-user=65534", "--map-group=65534"};
+    command.insert(command.end(), through.begin(), through.end());
+    command.emplace_back(TARVOCTL);
     command.insert(command.end(), words.begin(), words.end());
-    return outcome_of(where, command, "");
+    return run_program(where, command);
 }
 
 ending running_tool::end_by(int signal) {

@@ -13,13 +13,19 @@ struct tool_outcome {
     std::string errors;
 };
 
+/// Runs a program in the sandbox to its end.
+tool_outcome run_program(sandbox& where, const std::vector<std::string>& words,
+                         const std::string& input = "");
+
 /// Runs tarvoctl in the sandbox to its end, with these words behind its name and `input` as its
 /// standard input.
 tool_outcome tarvoctl(sandbox& where, const std::vector<std::string>& words,
                       const std::string& input = "");
 
 /// The same by another user, who may use the files and look into no process of anybody's.
-tool_outcome tarvoctl_of_stranger(sandbox& where, const std::vector<std::string>& words);
+/// `through`: what runs it, such as env with its words.
+tool_outcome tarvoctl_of_stranger(sandbox& where, const std::vector<std::string>& words,
+                                  const std::vector<std::string>& through = {});
 
 /// tarvoctl while it runs.
 struct running_tool {

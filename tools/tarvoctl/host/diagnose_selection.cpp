@@ -12,6 +12,16 @@ std::size_t health_report::count(verdict how) const {
         all_.begin(), all_.end(), [how](const diagnosis& each) { return each.how == how; }));
 }
 
+namespace {
+
+/// It may be what another user simulates with, or no file of the library's at all.
+std::string unusable_memory_fix() {
+    return fmt::format("end all programs that use {0}, then mv {0} {0}.old",
+                       paths::simulated_memory);
+}
+
+} // namespace
+
 void diagnose_selection(const site& here, health_report& report) {
     const bool asked_for = simulation_is_asked_for();
     const bool has_driver = ::access(paths::region_driver, F_OK) == 0;
@@ -24,17 +34,18 @@ void diagnose_selection(const site& here, health_report& report) {
                    fmt::format("for hardware, end all programs that use the library, then rm {}; "
                                "for simulation, set {} for all programs",
                                paths::simulated_memory, simulation_variable));
+    } else if (asked_for && !here.simulation) {
+        report.add(verdict::error, "selection",
+                   chosen + ": programs that ask for simulation get the hardware",
+                   unusable_memory_fix());
     } else if (asked_for && has_driver) {
         report.add(verdict::note, "selection",
                    chosen + ", although this machine has a region driver",
                    fmt::format("for hardware, unset {} and rm {}", simulation_variable,
                                paths::simulated_memory));
     } else if (!here.simulation && ::access(paths::simulated_memory, F_OK) == 0) {
-        report.add(verdict::warning, "selection",
-                   fmt::format("hardware, because this user may not use {}; those who may get a "
-                               "simulation",
-                               paths::simulated_memory),
-                   fmt::format("rm {}", paths::simulated_memory));
+        report.add(verdict::warning, "selection", chosen + "; users who can get a simulation",
+                   unusable_memory_fix());
     } else {
         report.add(verdict::ok, "selection", chosen);
     }

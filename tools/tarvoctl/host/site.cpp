@@ -1,31 +1,57 @@
 #include "host/site.hpp"
 
+#include "common/unique_fd.hpp"
 #include "host/simulated_region.hpp"
 #include "shared/paths.hpp"
 #include "shared/region_line.hpp"
 
-#include <memory>
-
 #include <cerrno>
 #include <cstdlib>
+#include <fcntl.h>
+#include <filesystem>
+#include <memory>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace tarvoctl {
 
 namespace {
 
+/// The library's is chosen by the variable alone, whatever the region is.
 std::string lock_by_environment() {
     return simulation_is_asked_for() ? paths::simulated_lock : paths::hardware_lock;
 }
 
-site simulated_site(const std::string& reason) {
-    return {true,
-            reason,
-            paths::simulated_area,
-            paths::simulated_memory,
-            lock_by_environment(),
-            {paths::simulated_lock, paths::hardware_lock},
-            std::nullopt};
+bool may_make_files_in(const std::string& folder) {
+    return ::faccessat(AT_FDCWD, folder.c_str(), W_OK | X_OK, AT_EACCESS) == 0;
+}
+
+/// Whether the library would take the simulated memory: it opens it for reading and writing, makes
+/// it where the variable asks for that, and sets its length, which only a plain file has. That
+/// fs.protected_regular may forbid opening it to make it is left to doctor: it is a fault of the
+/// file's, and looking works all the same.
+bool simulated_memory_can_be_used() {
+    const unique_fd file{
+        ::open(paths::simulated_memory, O_RDWR | O_CLOEXEC | O_NONBLOCK | O_NOCTTY)};
+    if (!file) {
+        return errno == ENOENT && simulation_is_asked_for() &&
+               may_make_files_in(std::filesystem::path{paths::simulated_memory}.parent_path());
+    }
+    struct stat found {};
+    return ::fstat(file.get(), &found) == 0 && S_ISREG(found.st_mode);
+}
+
+/// Why that region, for people.
+std::string reason_for(bool simulation) {
+    const bool asked_for = simulation_is_asked_for();
+    const std::string variable{simulation_variable};
+    const std::string memory{paths::simulated_memory};
+    if (simulation)
+        return asked_for ? variable + " is set" : memory + " is there";
+    if (asked_for)
+        return variable + " is set, but " + memory + " cannot be used";
+    const bool there = ::access(paths::simulated_memory, F_OK) == 0;
+    return variable + " is not set and " + memory + (there ? " cannot be used" : " is not there");
 }
 
 std::optional<driver_region> driver_region_here() {
@@ -52,21 +78,30 @@ bool simulation_is_asked_for() {
     return std::getenv(simulation_variable) != nullptr;
 }
 
+std::vector<std::string> site::locks_to_take() const {
+    std::vector<std::string> taken;
+    for (const auto& lock : locks) {
+        const bool forbidden =
+            ::faccessat(AT_FDCWD, lock.c_str(), R_OK, AT_EACCESS) != 0 && errno == EACCES;
+        if (lock == own_lock || !forbidden)
+            taken.push_back(lock);
+    }
+    return taken;
+}
+
 site find_site() {
-    if (simulation_is_asked_for())
-        return simulated_site(std::string{simulation_variable} + " is set");
-    // The library opens it for reading and writing, and takes the hardware where it cannot.
-    if (::access(paths::simulated_memory, R_OK | W_OK) == 0)
-        return simulated_site(std::string{paths::simulated_memory} + " is there");
-    const bool missing = errno == ENOENT;
-    return {false,
-            std::string{simulation_variable} + " is not set and " + paths::simulated_memory +
-                (missing ? " is not there" : " cannot be opened"),
-            paths::hardware_area,
-            paths::physical_memory,
-            paths::hardware_lock,
-            {paths::hardware_lock},
-            driver_region_here()};
+    const bool simulation = simulated_memory_can_be_used();
+    const std::string own_lock = lock_by_environment();
+    std::vector<std::string> locks{paths::hardware_lock};
+    if (simulation || own_lock == paths::simulated_lock)
+        locks.insert(locks.begin(), paths::simulated_lock);
+    return {simulation,
+            reason_for(simulation),
+            simulation ? paths::simulated_area : paths::hardware_area,
+            simulation ? paths::simulated_memory : paths::physical_memory,
+            own_lock,
+            locks,
+            simulation ? std::nullopt : driver_region_here()};
 }
 
 } // namespace tarvoctl
