@@ -101,6 +101,34 @@ TEST(Doctor, WarnsOfHardwareFilesThatStrangersCanOpen) {
                                           "chmod 0600 /var/shmem/tarvo_lib"));
 }
 
+TEST(Doctor, JudgesTheHardwaresLockInSimulationByTheHardwaresMode) {
+    sandbox machine(simulation);
+    const client user = machine.start({"alloc rx_ring 1 me"});
+    const std::string lock = "/var/lock/subsys/tarvo_lock";
+    std::ofstream(machine.hardware_lock()) << "";
+    const auto verdict_of = [&](unsigned mode, const std::string& verdict, const std::string& words,
+                                const std::string& fix) {
+        fs::permissions(machine.hardware_lock(), fs::perms(mode));
+        const examination found(machine);
+        EXPECT_TRUE(found.says(verdict, lock, words, fix)) << found.shown();
+    };
+    verdict_of(0600, "ok", "the lock: mode 0600", "");
+    verdict_of(0666, "ok", "the lock: mode 0666", ""); // the library's, without the variable
+    verdict_of(0640, "warning", "more users than it is meant for", "chmod 0600 " + lock);
+}
+
+TEST(Doctor, TellsWhoMayNotOpenHisLock) {
+    sandbox machine(simulation);
+    const client with = machine.start({"limits"});
+    const client without = machine.start({"unsetenv SIMULATION_VMID", "limits"});
+    fs::permissions(machine.hardware_lock(), fs::perms::none);
+    const auto outcome =
+        tarvoctl_of_stranger(machine, {"doctor"}, {"env", "-u", "SIMULATION_VMID"});
+    EXPECT_TRUE(contains(outcome.output, "/var/lock/subsys/tarvo_lock: this user may not open the "
+                                         "lock, and programs started from here take it\n"))
+        << outcome.output;
+}
+
 TEST(Doctor, WarnsOfLinks) {
     sandbox machine(simulation);
     const client user = machine.start({"alloc rx_ring 1 me"});

@@ -183,11 +183,39 @@ void diagnose_folder(const std::string& path, verdict if_missing, health_report&
     }
 }
 
+/// Simulation, too, has the hardware's lock: a program without the variable makes it with
+/// simulation's mode, and one that ran on the hardware has left it with its own.
+mode_t mode_of_lock(const std::string& path, const site& here) {
+    if (!here.simulation)
+        return hardware_mode;
+    if (path == paths::simulated_lock)
+        return simulation_mode;
+    struct stat file {};
+    constexpr mode_t permission_bits = 0777;
+    const bool made_here =
+        ::stat(path.c_str(), &file) == 0 && (file.st_mode & permission_bits) == simulation_mode;
+    return made_here ? simulation_mode : hardware_mode;
+}
+
+void diagnose_locks(const site& here, health_report& report) {
+    constexpr mode_t reading = 0444;
+    for (const auto& lock : here.locks) {
+        const mode_t mode = mode_of_lock(lock, here);
+        diagnose_file({lock, "the lock", mode, mode & reading}, here, report);
+    }
+    if (::access(here.own_lock.c_str(), R_OK) != 0 && errno == EACCES) {
+        report.add(verdict::error, here.own_lock,
+                   "this user may not open the lock, and programs started from here take it",
+                   here.simulation ? fmt::format("set {}, as it is for the others that simulate",
+                                                 simulation_variable)
+                                   : "run them as root");
+    }
+}
+
 } // namespace
 
 void diagnose_files(const site& here, health_report& report) {
     const mode_t mode = here.simulation ? simulation_mode : hardware_mode;
-    constexpr mode_t reading = 0444;
     // Processes without the variable lock a file in here, also in simulation.
     const bool locks_there = here.own_lock == paths::hardware_lock;
     diagnose_folder(parent_of(here.area), verdict::error, report);
@@ -201,8 +229,7 @@ void diagnose_files(const site& here, health_report& report) {
     const auto area = diagnose_file({here.area, "the bookkeeping", mode, mode}, here, report);
     if (area)
         diagnose_area_length(here, *area, report);
-    for (const auto& lock : here.locks)
-        diagnose_file({lock, "the lock", mode, mode & reading}, here, report);
+    diagnose_locks(here, report);
 }
 
 } // namespace tarvoctl

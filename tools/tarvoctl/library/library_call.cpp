@@ -191,7 +191,7 @@ exit_status outcome_in_time(worker& process, std::chrono::milliseconds timeout) 
 exit_status in_library(std::chrono::milliseconds timeout,
                        const std::function<exit_status()>& work) {
     const auto last_moment = clock::now() + timeout;
-    { const cross_process_lock taken_once{find_site().locks, timeout}; }
+    { const cross_process_lock taken_once{find_site().locks_to_take(), timeout}; }
     worker process{work};
     constexpr std::chrono::milliseconds between_looks{20};
     for (auto moment = last_moment; !process.report_ends_before(moment);
