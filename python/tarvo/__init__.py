@@ -28,6 +28,8 @@ from .device import *
 from .device import __all__ as _device_all
 from .errors import *
 from .errors import __all__ as _errors_all
+from .listing import *
+from .listing import __all__ as _listing_all
 from .mapping import *
 from .mapping import __all__ as _mapping_all
 from .region import *
@@ -41,6 +43,7 @@ __all__ = [
     *_chunks_all,
     *_device_all,
     *_errors_all,
+    *_listing_all,
     *_mapping_all,
     *_region_all,
     *_registry_all,

@@ -9,9 +9,9 @@ from typing import Iterator
 
 from ._checks import LARGEST_CHUNK, number
 from ._library import calls, library
-from .chunks import Listing, refuse_under_listing
 from .device import Device
 from .errors import BadArgument, NotRegistered, Refused, TooManyDevices
+from .listing import Listing, refuse_under_listing
 from .region import get_limits
 
 __all__ = [
@@ -24,6 +24,7 @@ __all__ = [
 ]
 
 _MOST_DEVICES = 256
+_NOT_REGISTERED = -2  # of tarvo_unregister_device()
 
 
 class Access(enum.IntFlag):
@@ -75,7 +76,7 @@ def unregister_device(device: Device) -> None:
         refuse_under_listing()
         get_limits()
         result = library().tarvo_unregister_device(device.domain, device.bus, device.devfn)
-    if result == -2:
+    if result == _NOT_REGISTERED:
         raise NotRegistered(f"{device} is not registered")
     if result != 0:
         raise _refusal("unmap the chunks for", device)
