@@ -3,6 +3,8 @@
 #include <filesystem>
 #include <fstream>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 namespace {
 
@@ -80,6 +82,78 @@ TEST(Check, SaysWhatIsNoArea) {
     const auto missing = tarvoctl(machine, {"check", "/nowhere"});
     EXPECT_EQ(missing.status, 3);
     EXPECT_EQ(missing.errors, "tarvoctl: /nowhere is not there\n");
+}
+
+TEST(Check, WaitsForNobodyBehindAFifo) {
+    sandbox machine(low);
+    fill(machine);
+    const temporary_folder folder;
+    const std::string fifo = folder.path() / "fifo";
+    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+    const std::vector<std::vector<std::string>> commands{
+        {"check", fifo}, {"list", "--area", fifo}, {"diff", fifo}, {"repair", fifo}};
+    for (const auto& words : commands) {
+        const auto outcome = tarvoctl(machine, words);
+        EXPECT_EQ(outcome.status, 3);
+        EXPECT_EQ(outcome.errors, "tarvoctl: " + fifo + " is no plain file\n");
+    }
+    const auto of_folder = tarvoctl(machine, {"check", folder.path()});
+    EXPECT_EQ(of_folder.errors, "tarvoctl: " + folder.path().string() + " is no plain file\n");
+
+    std::filesystem::remove(machine.lock_file());
+    ASSERT_EQ(mkfifo(machine.lock_file().c_str(), 0600), 0);
+    for (const auto& words : {std::vector<std::string>{"check"}, {"alloc", "fourth", "4K"}}) {
+        const auto outcome = tarvoctl(machine, words);
+        EXPECT_EQ(outcome.status, 3);
+        EXPECT_EQ(outcome.errors, "tarvoctl: /var/lock/subsys/tarvo_lock is no plain file\n");
+    }
+}
+
+TEST(Check, TakesNoMemoryForTheHolesOfACopy) {
+    sandbox machine(low);
+    const std::string copy = "/dev/shm/tarvoctl-check-" + std::to_string(getpid());
+    std::ofstream{copy};
+    std::filesystem::resize_file(copy, 70131712);
+    EXPECT_NE(tarvoctl(machine, {"check", copy}).output, "");
+    EXPECT_EQ(tarvoctl(machine, {"list", "--area", copy}).status, 3);
+    struct stat found {};
+    EXPECT_EQ(stat(copy.c_str(), &found), 0);
+    EXPECT_EQ(found.st_blocks, 0);
+    std::filesystem::remove(copy);
+}
+
+TEST(Check, AnEmptyFileIsTheLiveAreaAtItsVeryBeginning) {
+    sandbox machine(low);
+    fill(machine);
+    std::filesystem::resize_file(machine.shared_area(), 0);
+    for (const char* command : {"check", "list"}) {
+        const auto outcome = tarvoctl(machine, {command});
+        EXPECT_EQ(outcome.status, 3);
+        EXPECT_EQ(outcome.errors, "tarvoctl: /var/shmem/tarvo_lib is not built yet: no program has "
+                                  "started the library on it\n");
+    }
+    std::filesystem::resize_file(machine.shared_area(), 100);
+    EXPECT_EQ(tarvoctl(machine, {"list"}).status, 4);
+}
+
+TEST(Check, TellsWhoMayNotLookThatRootMay) {
+    sandbox machine(low);
+    fill(machine);
+    std::filesystem::permissions(machine.shared_area(), std::filesystem::perms::none);
+    const auto outcome = tarvoctl_of_stranger(machine, {"list"});
+    EXPECT_EQ(outcome.status, 3);
+    EXPECT_EQ(outcome.errors,
+              "tarvoctl: cannot open /var/shmem/tarvo_lib: Permission denied; run it as root\n");
+}
+
+TEST(Check, SaysWhyThereCanBeNoArea) {
+    sandbox machine(low, {"--without", "proc"});
+    const auto outcome = tarvoctl(machine, {"list"});
+    EXPECT_EQ(outcome.status, 3);
+    EXPECT_EQ(outcome.errors,
+              "tarvoctl: there is no region: /proc/tarvo is missing or does not describe one, and "
+              "SIMULATION_VMID is not set and /var/tmp/tarvo is not there. Load the kernel driver, "
+              "or run with SIMULATION_VMID set\n");
 }
 
 TEST(Snapshot, IsAConsistentCopyThatAllCommandsRead) {

@@ -95,7 +95,7 @@ TEST_F(Repair, IsPartlyDoneWhenAskedForAlone) {
     EXPECT_EQ(machine.area().snapshot(), before);
     const auto partly =
         tarvoctl(machine, {"repair", "--yes", "--force", "--partly", "--backup", backup});
-    EXPECT_EQ(partly.status, 4) << partly.output << partly.errors;
+    ASSERT_EQ(partly.status, 4) << partly.output << partly.errors;
     EXPECT_EQ(lines_of(partly.output).back(), "repaired; " + backup + " holds the area as it was");
     EXPECT_NE(machine.area().snapshot(), before);
 }

@@ -4,6 +4,7 @@
 
 #include "failure.hpp"
 #include "host/area_source.hpp"
+#include "host/plain_file.hpp"
 
 #include <cerrno>
 #include <fcntl.h>
@@ -28,7 +29,7 @@ bool is_built(const unique_fd& file, const std::string& path) {
 } // namespace
 
 unique_fd open_built_area(const std::string& path) {
-    unique_fd file{::open(path.c_str(), O_RDONLY | O_CLOEXEC)};
+    unique_fd file = open_plain_file(path, O_RDONLY);
     if (!file && errno != ENOENT && errno != ENOTDIR) {
         throw failure{exit_status::unreadable,
                       fmt::format("cannot open {}: {}", path, error_text(errno))};

@@ -27,6 +27,9 @@ picture read_picture(const area_source& source);
 /// A whole area, copied.
 std::unique_ptr<shared_area_t> read_area(const area_source& source);
 
+/// Throws failure where this machine has no region, so that no program can make an area.
+void require_region(const site& here);
+
 /// Throws failure for an area that no process has built, or one in use that says so.
 void check_built(const shared_area_t& area, const std::string& path);
 

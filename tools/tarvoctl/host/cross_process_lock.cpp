@@ -1,6 +1,7 @@
 #include "host/cross_process_lock.hpp"
 
 #include "failure.hpp"
+#include "host/plain_file.hpp"
 
 #include <cerrno>
 #include <csignal>
@@ -75,7 +76,7 @@ cross_process_lock::cross_process_lock(const std::vector<std::string>& files,
                                        std::chrono::milliseconds timeout) {
     const auto last_moment = clock::now() + timeout;
     for (const auto& path : files) {
-        unique_fd file{::open(path.c_str(), O_RDONLY | O_CLOEXEC)};
+        unique_fd file = open_plain_file(path, O_RDONLY);
         if (!file && (errno == ENOENT || errno == ENOTDIR))
             continue;
         if (!file) {

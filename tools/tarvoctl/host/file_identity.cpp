@@ -34,7 +34,8 @@ std::optional<file_identity> identity_of(const std::string& path) {
 }
 
 std::optional<file_identity> mapped_identity_of(const std::string& path) {
-    const unique_fd file{::open(path.c_str(), O_RDONLY | O_CLOEXEC)};
+    // A FIFO would be waited on.
+    const unique_fd file{::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC)};
     if (!file)
         return identity_of(path);
     const auto page_bytes = static_cast<std::size_t>(::sysconf(_SC_PAGESIZE));

@@ -22,7 +22,7 @@ enum class missing_file { accepted, refused };
 
 /// Whether the library, started now, could open the file as it would.
 void check_file(const std::string& path, int access, missing_file when_missing) {
-    const unique_fd file{::open(path.c_str(), access | O_CLOEXEC)};
+    const unique_fd file{::open(path.c_str(), access | O_NONBLOCK | O_CLOEXEC)};
     if (file || (errno == ENOENT && when_missing == missing_file::accepted))
         return;
     const int number = errno;
@@ -35,14 +35,7 @@ void check_file(const std::string& path, int access, missing_file when_missing) 
 }
 
 void check_files(const site& here, missing_file when_missing) {
-    if (!here.simulation && !here.driver) {
-        throw failure{
-            exit_status::unreadable,
-            fmt::format("there is no region: /proc/tarvo is missing or does not describe "
-                        "one, and {}. Load the kernel driver, or run with SIMULATION_VMID "
-                        "set",
-                        here.reason)};
-    }
+    require_region(here);
     check_file(here.memory, O_RDWR, here.simulation ? when_missing : missing_file::refused);
     check_file(here.area, O_RDWR, when_missing);
     check_file(here.own_lock, O_RDONLY, when_missing);
