@@ -10,6 +10,7 @@ from .errors import BadArgument
 
 NAME_ROOM = 50  # bytes of a chunk's record, with the zero byte
 LARGEST_CHUNK = 1 << 31  # bytes; no device could be registered while a larger one exists
+MOST_DEVICES = 256
 
 
 def encoded(text: str) -> bytes:
@@ -26,7 +27,10 @@ def c_text(what: str, text: str) -> bytes:
     """A text that can be given to a C call."""
     if not isinstance(text, str):
         raise BadArgument(f"{what} {text!r} is no str")
-    code = encoded(text)
+    try:
+        code = encoded(text)
+    except UnicodeEncodeError:
+        raise BadArgument(f"{what} {text!r} cannot be encoded; leave the surrogates out") from None
     if b"\0" in code:
         raise BadArgument(f"{what} {text!r} has a zero byte in it; leave it out")
     return code

@@ -35,7 +35,7 @@ class Device:
     @classmethod
     def parse(cls, text: str) -> Device:
         """Reads an address such as 0000:03:00.0, in hexadecimal as lspci -D shows it."""
-        found = _ADDRESS.fullmatch(text)
+        found = _ADDRESS.fullmatch(text) if isinstance(text, str) else None
         if found is None:
             raise BadArgument(
                 f"{text!r} is no PCI address; write DOMAIN:BUS:SLOT.FUNCTION, as 0000:03:00.0"

@@ -7,7 +7,7 @@ import contextlib
 import enum
 from typing import Iterator
 
-from ._checks import LARGEST_CHUNK, number
+from ._checks import LARGEST_CHUNK, MOST_DEVICES, number
 from ._library import calls, library
 from .device import Device
 from .errors import BadArgument, NotRegistered, Refused, TooManyDevices
@@ -23,7 +23,6 @@ __all__ = [
     "unregister_device",
 ]
 
-_MOST_DEVICES = 256
 _NOT_REGISTERED = -2  # of tarvo_unregister_device()
 
 
@@ -44,11 +43,17 @@ def register_device(device: Device) -> None:
     same; Damaged, NotStarted, NotLocked, ListingOpen. Takes the lock, also while the requests are
     sent.
     """
+    _check_device(device)
     with Listing() as now:
         _check_registrable(now, device)
         result = library().tarvo_register_device(device.domain, device.bus, device.devfn)
     if result != 0:
         raise _refusal("map the chunks for", device)
+
+
+def _check_device(device: Device) -> None:
+    if not isinstance(device, Device):
+        raise BadArgument(f"{device!r} is no tarvo.Device; Device.parse() makes one of a text")
 
 
 def _check_registrable(now: Listing, device: Device) -> None:
@@ -60,7 +65,7 @@ def _check_registrable(now: Listing, device: Device) -> None:
                 "given; free it first"
             )
     others = sum(known != device for known in now.devices())
-    if others >= _MOST_DEVICES:
+    if others >= MOST_DEVICES:
         raise TooManyDevices(
             f"no place for {device}: {others} devices are registered; unregister one"
         )
@@ -72,6 +77,7 @@ def unregister_device(device: Device) -> None:
     Raises NotRegistered; Refused, also when the lock cannot be taken, with the device still
     registered; NotStarted, ListingOpen. Takes the lock, also while the requests are sent.
     """
+    _check_device(device)
     with calls:
         refuse_under_listing()
         get_limits()
@@ -104,6 +110,7 @@ def iommu_map(device: Device, access: Access) -> None:
 
     Raises BadArgument for a region of 2 GiB and more; Refused, NotStarted, ListingOpen.
     """
+    _check_device(device)
     mask = number("access", access, 32)
     with calls:
         _check_whole_region()
@@ -117,6 +124,7 @@ def iommu_unmap(device: Device) -> None:
 
     Raises as iommu_map().
     """
+    _check_device(device)
     with calls:
         _check_whole_region()
         result = library().tarvo_iommu_unmap(device.domain, device.bus, device.devfn)

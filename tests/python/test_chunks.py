@@ -56,6 +56,12 @@ class Chunks(RegionCase):
             with self.refused(tarvo.BadArgument, "is no str"):
                 tarvo.allocate(name, 4096, "test")  # type: ignore[arg-type]
 
+    def test_with_texts_that_cannot_be_encoded_are_refused(self) -> None:
+        with self.refused(tarvo.BadArgument, "name '\\ud800' cannot be encoded"):
+            tarvo.allocate("\ud800", 4096, "test")
+        with self.refused(tarvo.BadArgument, "creator '\\ud800' cannot be encoded"):
+            tarvo.allocate("ring", 4096, "\ud800")
+
     def test_can_have_any_bytes_in_the_longest_name(self) -> None:
         name = "n" * 49 if WORLD == "cma" else " \té\udcff 0x1" + "n" * 38 + "\n"
         mine = tarvo.allocate(name, 4096, "test")

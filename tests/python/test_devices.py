@@ -58,6 +58,20 @@ class Devices(RegionCase):
             chunk.free()
         tarvo.unregister_device(KEEPS_ALL)
 
+    def test_that_are_none_are_refused(self) -> None:
+        for nothing in ("0000:03:00.0", None, (0, 3, 0, 0)):
+            for call in (
+                tarvo.register_device,
+                tarvo.unregister_device,
+                lambda device: tarvo.iommu_map(device, tarvo.Access.READ),
+                tarvo.iommu_unmap,
+            ):
+                with self.refused(tarvo.BadArgument, f"{nothing!r} is no tarvo.Device"):
+                    call(nothing)  # type: ignore[arg-type]
+        for nothing in (None, 3, b"0000:03:00.0"):
+            with self.refused(tarvo.BadArgument, "is no PCI address"):
+                tarvo.Device.parse(nothing)  # type: ignore[arg-type]
+
     def test_can_be_given_the_whole_region(self) -> None:
         tarvo.iommu_map(MINE, tarvo.Access.READ_WRITE)
         tarvo.iommu_unmap(MINE)
