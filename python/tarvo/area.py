@@ -18,7 +18,7 @@ import sys
 from dataclasses import dataclass
 from typing import Callable, Dict, Iterable, Iterator, List, Optional, Sequence, Set, Tuple, Union
 
-from ._checks import decoded, encoded
+from ._checks import MOST_DEVICES, NAME_ROOM, decoded, encoded
 
 __all__ = [
     "AREA_BYTES",
@@ -37,15 +37,12 @@ AREA_BYTES = 70130716  #: what an area has, without the zeros that fill its last
 _CHUNK_CAPACITY = 16384
 _CHUNK = struct.Struct("<iiB50sxQI100s")
 _CHUNK_BYTES = 4280
-_NAME_ROOM = 50
 _CREATOR_ROOM = 100
 _CHUNKS_AT = 4
 _CHUNK_ENDS_AT = 70123524
-_DEVICE_CAPACITY = 256
 _DEVICE = struct.Struct("<iiB3xiiiB3x")
 _DEVICES_AT = 70123536
 _DEVICE_ENDS_AT = 70130704
-_REFERENCE_CAPACITY = 256
 _REFERENCE = struct.Struct("<iiB3xi")
 _REFERENCES_AT = 172  # in a chunk
 _REFERENCE_ENDS_AT = 4268  # in a chunk
@@ -139,14 +136,14 @@ class _List:
 
 
 _CHUNKS = _List("chunks", _CHUNK_CAPACITY, _CHUNK_BYTES, _CHUNKS_AT, _CHUNK_ENDS_AT)
-_DEVICES = _List("devices", _DEVICE_CAPACITY, _DEVICE.size, _DEVICES_AT, _DEVICE_ENDS_AT)
+_DEVICES = _List("devices", MOST_DEVICES, _DEVICE.size, _DEVICES_AT, _DEVICE_ENDS_AT)
 
 
 def _references_of(chunk: int) -> _List:
     base = _CHUNKS.offset(chunk)
     return _List(
         f"devices of chunk {chunk}",
-        _REFERENCE_CAPACITY,
+        MOST_DEVICES,
         _REFERENCE.size,
         base + _REFERENCES_AT,
         base + _REFERENCE_ENDS_AT,
@@ -173,9 +170,11 @@ class Area:
             # The rest is taken as zero: what lies before the cut can still be told.
             self._found("area", f"{len(self._data)} bytes of {AREA_BYTES} are there")
             self._data += bytes(AREA_BYTES - len(self._data))
-        self.initialized = self._data[0] == 1
+        self.initialized = self._data[0] != 0
         if not self.initialized:
-            self._found("area", f"it says it is not built yet (initialized is {self._data[0]})")
+            self._found("area", "it says it is not built yet (initialized is 0)")
+        elif self._data[0] != 1:
+            self._found("area", f"initialized is {self._data[0]}, neither 0 nor 1")
         self.devices: Tuple[AreaDevice, ...] = tuple(map(self._device, self._walk(_DEVICES)))
         listed = [self._chunk(element) for element in self._walk(_CHUNKS)]
         self._check_sentinels(listed)
@@ -226,7 +225,7 @@ class Area:
         walked: List[int] = []
         if head == -1 and tail == -1:
             return walked
-        unused, misplaced = [], []
+        unused, odd, misplaced = [], [], []
         seen = bytearray(which.capacity)
         before, element = tail, head
         while True:
@@ -239,14 +238,17 @@ class Area:
             seen[element] = True
             walked.append(element)
             following, previous, allocated = self._links(which, element)
-            if allocated != 1:
+            if allocated == 0:
                 unused.append(element)
+            elif allocated != 1:
+                odd.append(element)
             if previous != before:
                 misplaced.append(element)
             if element == tail:
                 break
             before, element = element, following
         self._found_many(which.name, "listed, but not in use", unused)
+        self._found_many(which.name, "allocated is neither 0 nor 1", odd)
         self._found_many(which.name, "not linked back to the one before", misplaced)
         return walked
 
@@ -277,14 +279,17 @@ class Area:
                 )
 
     def _gaps(self, listed: Sequence[AreaChunk]) -> Iterator[Gap]:
+        furthest = listed[0] if listed else None  # a chunk can lie within one before it
         for lower, upper in zip(listed, listed[1:]):
-            if lower.end < upper.physical:
-                yield Gap(lower.end, upper.physical - lower.end, lower.element)
-            elif lower.end > upper.physical:
+            assert furthest is not None
+            furthest = max(furthest, lower, key=lambda chunk: chunk.end)
+            if furthest.end < upper.physical:
+                yield Gap(furthest.end, upper.physical - furthest.end, lower.element)
+            elif furthest.end > upper.physical:
                 self._found(
                     f"chunk {upper.element}",
-                    f"starts at {upper.physical:#x}, before the end {lower.end:#x} of chunk "
-                    f"{lower.element}; only the driver of a CMA region may place it so",
+                    f"starts at {upper.physical:#x}, before the end {furthest.end:#x} of chunk "
+                    f"{furthest.element}; only the driver of a CMA region may place it so",
                 )
 
     def _unlisted(self, listed: Iterable[int]) -> Tuple[AreaChunk, ...]:
@@ -319,7 +324,7 @@ class Area:
         names: Dict[str, int] = {}
         for chunk in self.chunks:
             where = f"chunk {chunk.element}"
-            for text, room in ((chunk.name, _NAME_ROOM), (chunk.creator, _CREATOR_ROOM)):
+            for text, room in ((chunk.name, NAME_ROOM), (chunk.creator, _CREATOR_ROOM)):
                 if len(encoded(text)) == room:
                     self._found(where, f"{text!r} has no end")
             first = names.setdefault(chunk.name, chunk.element)
@@ -345,9 +350,11 @@ class Area:
 
     def _check_devices(self) -> None:
         self._check_free_chain(_DEVICES, (device.element for device in self.devices))
-        first: Dict[str, int] = {}
+        first: Dict[Tuple[int, int, int], int] = {}
         for device in self.devices:
-            if first.setdefault(str(device), device.element) != device.element:
+            # Not by its text, which has not all bits of the last number.
+            numbers = (device.domain, device.bus, device.devfn)
+            if first.setdefault(numbers, device.element) != device.element:
                 self._found(f"device {device.element}", f"is {device}, which is listed before")
 
 

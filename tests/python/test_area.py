@@ -139,6 +139,45 @@ class DamagedAreas(AreaCase):
         self.put("third", SIZE, "<I", 0xFFFFF000)
         self.assertIn("are not in the region", "\n".join(self.findings()))
 
+    def test_a_chunk_within_another_leaves_no_gap(self) -> None:
+        # As the driver of a CMA region may place it.
+        start = self.physical_start
+        self.put("first", SIZE, "<I", 0x8000)
+        self.put("second", PA, "<Q", start + 0x1000)
+        self.put("second", SIZE, "<I", 0x1000)
+        self.put("third", PA, "<Q", start + 0x9000)
+        gaps = area.Area(self.data).gaps
+        self.assertEqual((gaps[0].physical, gaps[0].size), (start + 0x8000, 0x1000))
+
+    def test_with_a_flag_of_another_value_are_read_as_the_library_does(self) -> None:
+        self.data[0] = 2
+        self.put("second", ALLOCATED, "<B", 2)
+        found = area.Area(self.data)
+        self.assertTrue(found.initialized)
+        self.assertEqual(
+            [str(finding) for finding in found.findings],
+            [
+                "broken: area: initialized is 2, neither 0 nor 1",
+                f"broken: chunks: allocated is neither 0 nor 1: {self.elements['second']}",
+            ],
+        )
+        self.data[0] = 0
+        self.assertFalse(area.Area(self.data).initialized)
+
+    def test_with_devices_that_only_look_alike_tell_them_apart(self) -> None:
+        other = tarvo.Device.parse("0000:03:00.2")
+        tarvo.register_device(other)
+        with open(AREA, "rb") as file:
+            self.data = bytearray(file.read())
+        element = area.Area(self.data).devices[1].element
+        at = DEVICES + element * DEVICE_BYTES + 20  # devfn, of which a text has 8 bits
+        struct.pack_into("<i", self.data, at, self.device.devfn + 256)
+        self.assertEqual([str(d) for d in area.Area(self.data).devices], ["0000:03:00.1"] * 2)
+        self.assertEqual(self.findings(), [])
+        struct.pack_into("<i", self.data, at, self.device.devfn)
+        (finding,) = self.findings()
+        self.assertIn("which is listed before", finding)
+
     def test_with_two_chunks_of_one_name_tolerate_it(self) -> None:
         start = CHUNKS + self.elements["third"] * CHUNK_BYTES + NAME
         self.data[start : start + 6] = b"first\0"
