@@ -80,7 +80,7 @@ find_program(TARVO_PYTHON python3 PATHS /usr/bin NO_DEFAULT_PATH)
 find_program(TARVO_PYTHON python3)
 if(TARVO_PYTHON AND NOT DEFINED TARVO_PYTHON_DIR)
     execute_process(
-        COMMAND ${TARVO_PYTHON} -I packaging/python_folder.py ${CMAKE_INSTALL_PREFIX}
+        COMMAND ${TARVO_PYTHON} -I cmake/python_folder.py ${CMAKE_INSTALL_PREFIX}
         WORKING_DIRECTORY ${PROJECT_SOURCE_DIR}
         OUTPUT_VARIABLE python_folder OUTPUT_STRIP_TRAILING_WHITESPACE
         COMMAND_ERROR_IS_FATAL ANY)
