@@ -75,6 +75,13 @@ install(FILES LICENSE DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT runtime)
 # systemd reads its folder in /usr/lib, in /usr/local/lib, and no library folder of an architecture.
 install(FILES packaging/libtarvo0.conf DESTINATION lib/tmpfiles.d COMPONENT runtime)
 
+# The Python package says its version itself, as it can be installed without CMake.
+file(STRINGS python/tarvo/__init__.py python_version REGEX "^__version__ = ")
+if(NOT python_version STREQUAL "__version__ = \"${PROJECT_VERSION}\"")
+    message(FATAL_ERROR "python/tarvo/__init__.py says \"${python_version}\", and the project's "
+        "version is ${PROJECT_VERSION}")
+endif()
+
 # Python. The distribution's own comes first: the one that users of the system will run.
 find_program(TARVO_PYTHON python3 PATHS /usr/bin NO_DEFAULT_PATH)
 find_program(TARVO_PYTHON python3)
