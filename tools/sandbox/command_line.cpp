@@ -88,6 +88,15 @@ std::vector<rule> parse_rules(const std::vector<std::string>& texts) {
     return parsed;
 }
 
+// In simulation the library has a region of its own and looks at no other. Who names the simulation
+// along with a region may want to see just that.
+void check_region_is_used(bool has_region, bool names_world) {
+    if (has_region && !names_world) {
+        throw failure{"a region is of no use in simulation; name a world for it, as in "
+                      "'tarvo-sandbox --world high --region 100000000-13fffffff -- ./client'"};
+    }
+}
+
 options parse_run(const words& given) {
     std::string world_name = "simulation";
     std::string region_text;
@@ -98,7 +107,7 @@ options parse_run(const words& given) {
     run_options made;
 
     CLI::App app;
-    app.add_option("--world", world_name);
+    const auto* const world_option = app.add_option("--world", world_name);
     const auto* const region_option = app.add_option("--region", region_text);
     const auto* const line_option = app.add_option("--region-line", region_line);
     app.add_option("--state", state_dir);
@@ -113,6 +122,8 @@ options parse_run(const words& given) {
         set_region(made.played, parse_region(region_text));
     if (line_option->count() > 0)
         set_region_line(made.played, region_line);
+    check_region_is_used(region_option->count() + line_option->count() > 0,
+                         world_option->count() > 0);
     for (const auto& name : without)
         made.played.without.insert(parse_item(name));
     made.played.state_dir = absolute(state_dir);
