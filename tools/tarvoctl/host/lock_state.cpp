@@ -167,6 +167,16 @@ bool lock_state::taker_keeps_it() const {
     return std::find(all.begin(), all.end(), taker) != all.end();
 }
 
+bool waits_for_lock(pid_t pid) {
+    std::istringstream lines{lock_table().value_or("")};
+    for (std::string text; std::getline(lines, text);) {
+        const auto line = parse(text);
+        if (line && line->waits && line->pid == pid)
+            return true;
+    }
+    return false;
+}
+
 lock_picture lock_picture_of(const std::vector<std::string>& files) {
     lock_picture made;
     std::vector<lock_reader> readers(files.begin(), files.end());

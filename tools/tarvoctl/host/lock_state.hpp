@@ -39,6 +39,9 @@ struct lock_picture {
     bool table_read = false;   ///< /proc/locks could be read: else nobody is known to wait
 };
 
+/// Whether a process stands in the queue for some flock.
+bool waits_for_lock(pid_t pid);
+
 lock_picture lock_picture_of(const std::vector<std::string>& files);
 
 } // namespace tarvoctl

@@ -3,6 +3,7 @@
 #include "common/unique_fd.hpp"
 #include "failure.hpp"
 #include "host/cross_process_lock.hpp"
+#include "host/lock_state.hpp"
 #include "host/site.hpp"
 #include "output/standard_output.hpp"
 
@@ -14,9 +15,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <fmt/format.h>
-#include <fstream>
 #include <poll.h>
-#include <sstream>
 #include <string>
 #include <sys/prctl.h>
 #include <sys/wait.h>
@@ -36,25 +35,6 @@ void do_nothing(int /*signal*/) {}
 
 [[noreturn]] void complain(const char* call) {
     throw std::system_error{errno, std::generic_category(), call};
-}
-
-/// Whether a process stands in the queue for some flock. Its line in /proc/locks reads
-/// "4: -> FLOCK  ADVISORY  WRITE 4711 00:2a:1234 0 EOF".
-bool waits_for_lock(pid_t pid) {
-    std::ifstream locks{"/proc/locks"};
-    for (std::string line; std::getline(locks, line);) {
-        std::istringstream words{line};
-        std::string number;
-        std::string arrow;
-        std::string kind;
-        std::string advisory;
-        std::string access;
-        pid_t waiter = 0;
-        words >> number >> arrow >> kind >> advisory >> access >> waiter;
-        if (arrow == "->" && kind == "FLOCK" && waiter == pid)
-            return true;
-    }
-    return false;
 }
 
 /// What a failure is told by across the pipe: its status, then its text.
