@@ -29,6 +29,7 @@ complete -c tarvoctl -n '__tarvoctl_takes show who alloc free read write fill' -
 complete -c tarvoctl -n '__tarvoctl_takes register unregister iommu-map iommu-unmap' -f -a '(__tarvoctl_devices)'
 complete -c tarvoctl -n '__tarvoctl_takes list devices lock leaks map top watch doctor limits find translate dump' -f
 complete -c tarvoctl -l sort -n '__tarvoctl_takes list' -x -a 'pa name size creator index'
+complete -c tarvoctl -l prot -n '__tarvoctl_takes iommu-map' -x -a 'r w rw'
 for option in area svg backup
     complete -c tarvoctl -l $option -r -F
 end
