@@ -2,7 +2,6 @@
 #include "host/diagnosis.hpp"
 #include "output/json.hpp"
 #include "output/screen.hpp"
-#include "output/text.hpp"
 #include "program.hpp"
 
 #include <fmt/format.h>
@@ -56,7 +55,7 @@ void print_for_people(const health_report& report) {
     for (const auto& [how, subject, text, fix] : report.all()) {
         const auto [word, colour] = look_of(how);
         fmt::print("{}{:8}{} {}: {}\n", coloured ? colour : "", word, coloured ? "\033[0m" : "",
-                   subject, shown(text));
+                   subject, text);
         if (!fix.empty())
             fmt::print("{:8}   fix: {}\n", "", fix);
     }

@@ -1,6 +1,7 @@
 #include "common/unique_fd.hpp"
 #include "failure.hpp"
 #include "host/diagnosis.hpp"
+#include "output/text.hpp"
 #include "shared/paths.hpp"
 #include "shared/region_line.hpp"
 
@@ -73,7 +74,7 @@ void diagnose_region_line(health_report& report) {
         report.add(verdict::error, paths::region_driver,
                    fmt::format("the first line is \"{}\", and not start, end, 0 and name between "
                                "tabs: the library finds no region",
-                               without_newline(line.text)),
+                               shown(without_newline(line.text))),
                    "the driver and the library do not fit: update the older one");
     } else {
         diagnose_region_bounds(line, report);

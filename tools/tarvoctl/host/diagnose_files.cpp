@@ -1,5 +1,6 @@
 #include "host/diagnosis.hpp"
 #include "host/simulated_region.hpp"
+#include "output/text.hpp"
 #include "shared/layout.hpp"
 #include "shared/paths.hpp"
 
@@ -60,7 +61,7 @@ bool diagnose_kind(const expected_file& expected, health_report& report) {
         return false;
     }
     std::error_code unread;
-    const std::string link = std::filesystem::read_symlink(path, unread);
+    const std::string link = shown(std::filesystem::read_symlink(path, unread).string());
     if (::stat(path.c_str(), &target) != 0) {
         report.add(verdict::error, path,
                    fmt::format("{} cannot be reached: {}{}", expected.role,

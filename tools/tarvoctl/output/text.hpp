@@ -9,7 +9,10 @@
 
 namespace tarvoctl {
 
-/// A name as a terminal can show it: bytes that are no printable ASCII or UTF-8 as \xNN.
+bool is_utf8(std::string_view text);
+
+/// A name as a terminal can show it: bytes that are no printable ASCII or UTF-8 as \xNN, and so a
+/// backslash. Not to be applied twice.
 std::string shown(std::string_view text);
 
 /// A device as "0000:03:00.0".
