@@ -1,4 +1,4 @@
-#include "tool.hpp"
+#include "terminal.hpp"
 
 #include <gtest/gtest.h>
 
@@ -209,6 +209,25 @@ TEST(LimitsText, TellsBothRangesAndTheSize) {
                                                     "physical     0xf0000000-0x10fffffff\n"
                                                     "size         536870912 (512M)\n"
                                                     "bookkeeping  70131712\n");
+}
+
+TEST(Read, TellsAtATerminalHowFarItIsWhenThatTakesLong) {
+    sandbox machine(low);
+    constexpr std::size_t bytes = 0x400000;
+    machine.start().alloc("long", bytes);
+    std::string input(bytes, '\0');
+    for (std::size_t i = 0; i < bytes; ++i)
+        input[i] = static_cast<char>(i / 16); // no line repeats the one above
+    ASSERT_EQ(tarvoctl(machine, {"write", "long"}, input).status, 0);
+    terminal screen(24, 80);
+    // Its reader takes nothing for longer than a second.
+    process tool = machine.start_process(
+        {"sh", "-c", "\"$0\" read long 2>\"$1\" | { sleep 1.5; cat >/dev/null; }", TARVOCTL,
+         screen.name()});
+    EXPECT_EQ(tool.wait(), normal_end);
+    EXPECT_NE(screen.output_with("\x1b[K").find(" % of 4194304 bytes"), std::string::npos);
+    // A program that reads standard error has nothing of it.
+    EXPECT_EQ(tarvoctl(machine, {"read", "long"}).errors, "");
 }
 
 } // namespace

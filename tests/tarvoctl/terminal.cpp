@@ -23,7 +23,11 @@ terminal::~terminal() {
 }
 
 running_tool terminal::start(sandbox& machine, const std::vector<std::string>& words) const {
-    return start_tarvoctl(machine, words, ptsname(_person));
+    return start_tarvoctl(machine, words, name());
+}
+
+std::string terminal::name() const {
+    return ptsname(_person);
 }
 
 void terminal::resize(unsigned short rows, unsigned short columns) const {

@@ -17,6 +17,9 @@ class terminal {
     /// Its standard input and output are the terminal; signals by keys do not reach it.
     running_tool start(sandbox& machine, const std::vector<std::string>& words) const;
 
+    /// By which programs open it.
+    std::string name() const;
+
     void resize(unsigned short rows, unsigned short columns) const;
     void type(const std::string& keys) const;
     /// Takes no output until it is told to again, as by Ctrl-S and Ctrl-Q.

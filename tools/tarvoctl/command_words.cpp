@@ -95,9 +95,10 @@ void command_words::interval(std::chrono::milliseconds& interval) {
                 [&interval](double wanted) {
                     constexpr double shortest = 0.01;
                     constexpr double longest = 86400;
-                    if (!(wanted >= shortest && wanted <= longest))
+                    if (!(wanted >= shortest && wanted <= longest)) {
                         throw CLI::ValidationError{
                             fmt::format("--interval {}: give 0.01 to 86400 seconds", wanted)};
+                    }
                     interval = whole_milliseconds(seconds{wanted});
                 });
 }

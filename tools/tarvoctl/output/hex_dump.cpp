@@ -1,8 +1,12 @@
 #include "output/hex_dump.hpp"
 
+#include "output/progress.hpp"
+
 #include <algorithm>
+#include <cstdio>
 #include <fmt/format.h>
 #include <iterator>
+#include <string>
 #include <vector>
 
 namespace tarvoctl {
@@ -17,28 +21,37 @@ char letter_of(std::byte each) {
     return printable ? static_cast<char>(code) : '.';
 }
 
+void add_byte(std::string& text, std::byte each) {
+    constexpr const char* digits = "0123456789abcdef";
+    constexpr unsigned digit_bits = 4;
+    constexpr std::byte lower{0xf};
+    text += digits[std::to_integer<unsigned>(each >> digit_bits)];
+    text += digits[std::to_integer<unsigned>(each & lower)];
+}
+
+/// By hand, as a region has tens of millions of lines.
 void print_line(std::span<const std::byte> line, uint64_t offset) {
-    fmt::memory_buffer text;
-    const auto out = std::back_inserter(text);
-    fmt::format_to(out, "{:08x}", offset);
+    std::string text = fmt::format("{:08x}", offset);
     for (std::size_t i = 0; i < line_bytes; ++i) {
         const bool half = i % (line_bytes / 2) == 0;
-        fmt::format_to(out, "{}", half ? "  " : " ");
+        text += half ? "  " : " ";
         if (i < line.size()) {
-            fmt::format_to(out, "{:02x}", std::to_integer<unsigned>(line[i]));
+            add_byte(text, line[i]);
         } else {
-            fmt::format_to(out, "  ");
+            text += "  ";
         }
     }
-    fmt::format_to(out, "  |");
-    std::transform(line.begin(), line.end(), out, letter_of);
-    fmt::print("{}|\n", fmt::to_string(text));
+    text += "  |";
+    std::transform(line.begin(), line.end(), std::back_inserter(text), letter_of);
+    text += "|\n";
+    std::fwrite(text.data(), 1, text.size(), stdout);
 }
 
 } // namespace
 
 // The bytes are a device's, too, and may change while they are printed: each is read once.
 void print_hex_dump(std::span<const std::byte> bytes, uint64_t offset) {
+    progress so_far{bytes.size()};
     std::vector<std::byte> above;
     bool repeating = false;
     for (std::size_t at = 0; at < bytes.size(); at += line_bytes) {
@@ -52,6 +65,7 @@ void print_hex_dump(std::span<const std::byte> bytes, uint64_t offset) {
         }
         repeating = repeats;
         above = std::move(line);
+        so_far.reached(at);
     }
     fmt::print("{:08x}\n", offset + bytes.size());
 }

@@ -1,0 +1,29 @@
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+
+namespace tarvoctl {
+
+/// Tells the person at a terminal how far something is, from its first second on; nothing is left of
+/// it at the end. Where standard output is a terminal, too, what is printed there tells it.
+class progress {
+  public:
+    explicit progress(uint64_t total_bytes);
+    ~progress();
+    progress(const progress&) = delete;
+    progress& operator=(const progress&) = delete;
+
+    /// Meant to be called often.
+    void reached(uint64_t bytes);
+
+  private:
+    using clock = std::chrono::steady_clock;
+
+    uint64_t total_bytes_;
+    uint64_t next_look_; ///< at the clock, when so many bytes are reached
+    clock::time_point next_words_;
+    bool told_ = false;
+};
+
+} // namespace tarvoctl
