@@ -89,6 +89,12 @@ TEST(Without, LeavesNoRoomForARequestFileOfTheProgramsOwn) {
     EXPECT_EQ(ended.output, "refused\n");
 }
 
+TEST(Without, AnswersWhoWritesTheRegionsFileAsTheKernelDoes) {
+    const auto ended =
+        run_script({"--world", "low", "--without", "proc"}, "LC_ALL=C touch /proc/tarvo 2>&1");
+    EXPECT_EQ(ended.output, "touch: cannot touch '/proc/tarvo': No such file or directory\n");
+}
+
 TEST(Without, CanBeRepeated) {
     const auto ended = run_script({"--world", "low", "--without", "mem", "--without", "proc"},
                                   "test -e /dev/mem || test -e /proc/tarvo || echo neither");

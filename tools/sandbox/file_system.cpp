@@ -232,6 +232,12 @@ struct file_system::state {
         reply_part(asked, of(asked).folders.at(info), size, offset);
     }
 
+    // As the kernel's /proc answers; without this FUSE would say that it has no such call.
+    static void create(fuse_req_t asked, fuse_ino_t /*folder*/, const char* /*name*/,
+                       mode_t /*mode*/, fuse_file_info* /*info*/) {
+        fuse_reply_err(asked, ENOENT);
+    }
+
     static void releasedir(fuse_req_t asked, fuse_ino_t /*node*/, fuse_file_info* info) {
         of(asked).folders.remove(info);
         fuse_reply_err(asked, 0);
@@ -244,6 +250,7 @@ struct file_system::state {
         all.getattr = getattr;
         all.setattr = setattr;
         all.readlink = readlink;
+        all.create = create;
         all.open = open;
         all.read = read;
         all.write = write;
