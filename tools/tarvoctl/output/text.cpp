@@ -8,8 +8,6 @@ namespace tarvoctl {
 
 namespace {
 
-bool is_utf8(std::string_view text) {
-    try {
 unsigned char byte_at(std::string_view text, std::size_t position) {
     return position < text.size() ? static_cast<unsigned char>(text[position]) : '\0';
 }
@@ -23,6 +21,8 @@ bool is_high_control(std::string_view text, std::size_t position) {
 
 } // namespace
 
+bool is_utf8(std::string_view text) {
+    try {
         static_cast<void>(nlohmann::json(text).dump());
         return true;
     } catch (const nlohmann::json::type_error&) {
