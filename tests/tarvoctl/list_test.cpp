@@ -169,6 +169,39 @@ TEST(EmptyWords, DoNotPassForTheLiveArea) {
               "tarvoctl: --area is empty; give a value, or leave it out\n");
 }
 
+TEST(List, ShowsNoByteThatATerminalObeys) {
+    sandbox machine(simulation);
+    const auto shown_as = [&](const std::string& name) {
+        EXPECT_EQ(tarvoctl(machine, {"alloc", name, "4K"}).status, 0);
+        const auto lines =
+            lines_of(tarvoctl(machine, {"list", "-o", "name", "--no-header"}).output);
+        EXPECT_EQ(tarvoctl(machine, {"free", name, "--force"}).status, 0);
+        return lines.at(0);
+    };
+    EXPECT_EQ(shown_as("x\x1b[31mz"), "x\\x1b[31mz");
+    EXPECT_EQ(shown_as("x\xc2\x9b"
+                       "31mz"),
+              "x\\xc2\\x9b31mz");
+    EXPECT_EQ(shown_as("\xc2\xa0\xc3\x9b"), "\xc2\xa0\xc3\x9b") << "letters stay";
+    EXPECT_EQ(shown_as("x\xffz"), "x\\xffz");
+    EXPECT_EQ(shown_as("x\xc2z"), "x\\xc2z");
+    EXPECT_EQ(shown_as("x\\x1b"), "x\\x5cx1b") << "not to be taken for an escape";
+}
+
+TEST(List, KeepsNamesApartThatAreNoUtf8) {
+    sandbox machine(simulation);
+    ASSERT_EQ(tarvoctl(machine, {"alloc", "a\xfe", "4K"}).status, 0);
+    ASSERT_EQ(tarvoctl(machine, {"alloc", "a\xff", "4K", "--creator", "\x80"}).status, 0);
+    ASSERT_EQ(tarvoctl(machine, {"alloc", "plain", "4K"}).status, 0);
+    const auto chunks = json_of(tarvoctl(machine, {"list", "--json"})).at("chunks");
+    EXPECT_EQ(chunks.at(0).at("name"), chunks.at(1).at("name"));
+    EXPECT_EQ(chunks.at(0).at("name_bytes"), "61fe");
+    EXPECT_EQ(chunks.at(1).at("name_bytes"), "61ff");
+    EXPECT_EQ(chunks.at(1).at("creator_bytes"), "80");
+    EXPECT_FALSE(chunks.at(2).contains("name_bytes"));
+    EXPECT_FALSE(chunks.at(0).contains("creator_bytes"));
+}
+
 TEST(List, WorksForAUserWhoMayNotOpenTheLockThatIsNotHis) {
     sandbox machine(simulation);
     machine.start().alloc("rx_ring", pages(1));

@@ -46,6 +46,7 @@ void fill(sandbox& machine, client& driver, const std::string& before) {
     driver.register_device(0, 4, 8);
     driver.map("rx_ring");
     machine.add_rules({"op=map,errno=ENODEV"});
+    driver.alloc("\xfe", 0x1000, "\xff");
     driver.alloc("more", 0x1000, "driver"); // takes both offline
     driver.unregister_device(0, 4, 8);
 }

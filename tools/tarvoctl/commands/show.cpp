@@ -102,8 +102,11 @@ void print_as_text(const chunk_record& chunk, const picture& records, bool found
 }
 
 json json_neighbour(const chunk_record* chunk, uint64_t gap_bytes) {
-    return {{"name", chunk == nullptr ? json(nullptr) : json(chunk->name)},
-            {"gap_bytes", gap_bytes}};
+    json made{{"name", nullptr}};
+    if (chunk != nullptr)
+        add_text(made, "name", chunk->name);
+    made["gap_bytes"] = gap_bytes;
+    return made;
 }
 
 json json_mappings(const chunk_record& chunk, const mapped_memory& memory) {

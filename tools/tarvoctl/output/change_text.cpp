@@ -40,11 +40,12 @@ std::string what_changed(const change& told) {
 
 /// Without DMA addresses: a change does not know the region.
 json json_changed_chunk(const chunk_record& chunk) {
-    return {{"index", chunk.index},
-            {"name", chunk.name},
-            {"pa", json_address(chunk.pa)},
-            {"size", chunk.size},
-            {"creator", chunk.creator}};
+    json made{{"index", chunk.index}};
+    add_text(made, "name", chunk.name);
+    made["pa"] = json_address(chunk.pa);
+    made["size"] = chunk.size;
+    add_text(made, "creator", chunk.creator);
+    return made;
 }
 
 } // namespace

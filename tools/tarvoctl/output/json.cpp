@@ -48,20 +48,30 @@ json json_device(const device_record& device) {
             {"bus", device.bus},     {"devfn", device.devfn},         {"online", device.online}};
 }
 
+void add_text(json& to, const std::string& key, const std::string& text) {
+    to[key] = text;
+    if (is_utf8(text))
+        return;
+    std::string digits;
+    for (const char each : text)
+        digits += fmt::format("{:02x}", static_cast<unsigned char>(each));
+    to[key + "_bytes"] = digits;
+}
+
 json json_chunk(const chunk_record& chunk, const picture& records) {
-    json references = json::array();
-    for (const int index : chunk.devices)
-        references.push_back(json_reference(index, records));
     const dma_window& region = records.region;
-    return {{"index", chunk.index},
-            {"name", chunk.name},
-            {"dma", json_address(region.dma_of(chunk.pa))},
-            {"dma_end", json_address(region.dma_of(chunk.end_pa() - 1))},
-            {"pa", json_address(chunk.pa)},
-            {"pa_end", json_address(chunk.end_pa() - 1)},
-            {"size", chunk.size},
-            {"creator", chunk.creator},
-            {"devices", references}};
+    json made{{"index", chunk.index}};
+    add_text(made, "name", chunk.name);
+    made["dma"] = json_address(region.dma_of(chunk.pa));
+    made["dma_end"] = json_address(region.dma_of(chunk.end_pa() - 1));
+    made["pa"] = json_address(chunk.pa);
+    made["pa_end"] = json_address(chunk.end_pa() - 1);
+    made["size"] = chunk.size;
+    add_text(made, "creator", chunk.creator);
+    made["devices"] = json::array();
+    for (const int index : chunk.devices)
+        made["devices"].push_back(json_reference(index, records));
+    return made;
 }
 
 void print_json(const json& document) {

@@ -17,6 +17,10 @@ json json_document(std::string_view command);
 /// An address, as a number and as hexadecimal text: {"number": 4096, "hex": "0x1000"}.
 json json_address(uint64_t address);
 
+/// Adds a name of the records. One that is no UTF-8 is added as KEY_bytes, too, in hexadecimal:
+/// what replaces its bytes is the same for all of them.
+void add_text(json& to, const std::string& key, const std::string& text);
+
 /// Where the region lies, for processors and for devices.
 json json_region(const picture& records);
 json json_device(const device_record& device);
