@@ -69,6 +69,9 @@ TEST(Alloc, WhatWouldEndTheLibrarysProcessIsRefusedBeforeTheCall) {
               "tarvoctl: '__TAIL' bounds the region and is no chunk; choose another name\n");
     EXPECT_EQ(message({"free", "__TAIL", "--force"}),
               "tarvoctl: '__TAIL' bounds the region and is no chunk; choose another name\n");
+    EXPECT_EQ(message({"alloc", "a ", "1"}),
+              "tarvoctl: the name 'a ' ends in a blank, which a listing cannot show; leave it "
+              "out\n");
     EXPECT_EQ(message({"alloc", "a", "0"}),
               "tarvoctl: SIZE '0' is 0 bytes; a chunk has 1 to 4294963200\n");
     EXPECT_EQ(message({"alloc", "a", "0xfffff001"}),

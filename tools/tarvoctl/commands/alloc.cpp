@@ -95,7 +95,7 @@ exit_status call_alloc(const alloc_options& options, uint32_t size, const pictur
 }
 
 exit_status alloc(const alloc_options& options) {
-    check_chunk_name(options.name);
+    check_new_name(options.name);
     const uint32_t size = parse_chunk_size(options.size);
     const picture before = ready_or_new_area(options.timeout);
     const chunk_record* const existing = before.find(options.name);

@@ -54,6 +54,15 @@ void check_chunk_name(const std::string& name) {
         refuse(fmt::format("'{}' bounds the region and is no chunk; choose another name", name));
 }
 
+void check_new_name(const std::string& name) {
+    check_chunk_name(name);
+    if (name.ends_with(' ')) {
+        refuse(fmt::format("the name '{}' ends in a blank, which a listing cannot show; leave it "
+                           "out",
+                           shown(name)));
+    }
+}
+
 uint32_t parse_chunk_size(const std::string& text) {
     const auto page_bytes = static_cast<uint32_t>(::sysconf(_SC_PAGESIZE));
     const uint32_t most = UINT32_MAX - page_bytes + 1; // in whole pages; what is more wraps

@@ -13,6 +13,10 @@ namespace tarvoctl {
 /// A name that a chunk can have: 1 to 49 bytes, and not one of those that bound the region.
 void check_chunk_name(const std::string& name);
 
+/// The same for a chunk that is made now: listings cannot show a blank at the end of its name, and
+/// programs that read them would take it for a chunk without.
+void check_new_name(const std::string& name);
+
 /// A size that a chunk can have, "64K": rounded up to whole pages.
 uint32_t parse_chunk_size(const std::string& text);
 
