@@ -53,7 +53,7 @@ class running {
     }
 
     /// All it prints, until it ends; its exit status goes to `status`.
-    std::string finish(int& status) {
+    std::string finish(int& status) const {
         std::string printed;
         char some[1024];
         for (ssize_t got = 1; got > 0;) {
