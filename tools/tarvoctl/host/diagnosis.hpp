@@ -15,8 +15,8 @@ enum class verdict { ok, note, warning, error };
 struct diagnosis {
     verdict how;
     std::string subject; ///< a file, or what the check is about
-    std::string text; ///< as a terminal can show it
-    std::string fix; ///< empty where nothing is to be done
+    std::string text;    ///< as a terminal can show it
+    std::string fix;     ///< empty where nothing is to be done
 };
 
 /// Collects what the checks find.

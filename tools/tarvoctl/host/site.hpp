@@ -28,8 +28,8 @@ struct site {
     /// All lock files that processes of this area may be using, in the order in which to take them:
     /// in simulation some may run with the variable and some without.
     std::vector<std::string> locks;
-    /// Those of `locks` that a look takes: the library's own, and what else it may open. The library
-    /// takes its own alone, and so works for users who may not open the others.
+    /// Those of `locks` that a look takes: the library's own, and what else may be opened. The
+    /// library takes its own alone, and so works for users who may not open the others.
     std::vector<std::string> locks_to_take() const;
     /// What the region driver's first line says, where it is used and can be read.
     std::optional<driver_region> driver;
