@@ -97,6 +97,73 @@ TEST_F(Damage, AnAreaThatLostItsFlagIsNotBuiltAnew) {
     EXPECT_EQ(machine.area().view().chunks().size(), 6U);
 }
 
+constexpr const char* lost_region =
+    "the two records that bound the region are damaged: it is not known where it lies";
+
+/// What does without the region goes on, and says so.
+void expect_unknown_region(sandbox& machine) {
+    for (const char* command : {"list", "devices", "who", "top"}) {
+        const auto outcome = tarvoctl(machine, {command});
+        EXPECT_EQ(outcome.status, 4) << command;
+        EXPECT_NE(outcome.errors.find(lost_region), std::string::npos) << outcome.errors;
+    }
+    const auto listed = json_of(tarvoctl(machine, {"list", "--json"}));
+    EXPECT_EQ(listed.at("region"), nullptr);
+    EXPECT_EQ(listed.at("damage").at(0), lost_region);
+    for (const std::vector<std::string>& words : std::vector<std::vector<std::string>>{
+             {"limits"}, {"map"}, {"find", "0x80000000"}, {"translate", "0x80000000"}}) {
+        const auto outcome = tarvoctl(machine, words);
+        EXPECT_EQ(outcome.status, 4) << words.front();
+        EXPECT_EQ(outcome.output, "");
+        EXPECT_EQ(outcome.errors,
+                  "tarvoctl: the records do not say where the region lies; see 'tarvoctl check'\n");
+    }
+}
+
+TEST_F(Damage, AListWithoutEndsIsNoEmptyRegion) {
+    write.i32(area_offset::chunks_head, -1);
+    write.i32(area_offset::chunks_tail, -1);
+    expect_unknown_region(machine);
+    expect_all_calls_refused("tarvoctl: the area is broken: ");
+    const auto shown = tarvoctl(machine, {"show", "first"});
+    EXPECT_EQ(shown.status, 4);
+    EXPECT_EQ(shown.errors, "tarvoctl: no chunk called 'first' could be read, and " +
+                                std::string(lost_region) + "; see 'tarvoctl check'\n");
+}
+
+TEST_F(Damage, ARegionThatEndsBelowItsStartIsNoRegion) {
+    const auto tail = area.view().chunk_ends().tail;
+    write.u64(area_offset::chunk(tail) + area_offset::pa, 0);
+    expect_unknown_region(machine);
+    const auto chunk = json_of(tarvoctl(machine, {"list", "--json"})).at("chunks").at(0);
+    EXPECT_EQ(chunk.at("dma"), nullptr);
+    EXPECT_EQ(chunk.at("pa").at("number"), 0x80000000);
+}
+
+TEST_F(Damage, AnAddressOutsideTheRegionOfADamagedAreaIsNotTheCallersFault) {
+    EXPECT_EQ(tarvoctl(machine, {"find", "0x1000"}).status, 2);
+    write.i32(area_offset::chunk(second) + area_offset::next, second);
+    EXPECT_EQ(tarvoctl(machine, {"find", "0x1000"}).status, 4);
+    EXPECT_EQ(tarvoctl(machine, {"translate", "0x1000"}).status, 4);
+}
+
+TEST_F(Damage, WhatCannotBeReadIsNotToldAsFreed) {
+    const temporary_folder folder;
+    const std::string before = folder.path() / "before";
+    EXPECT_EQ(tarvoctl(machine, {"snapshot", before}).status, 0);
+    write.i32(area_offset::chunk(second) + area_offset::next, 99999);
+    const std::string why = "the list of chunks is damaged: it leads to element 99999, which does "
+                            "not exist";
+    const auto since = tarvoctl(machine, {"diff", before});
+    EXPECT_EQ(since.status, 4);
+    EXPECT_EQ(since.output, "");
+    EXPECT_EQ(since.errors, "tarvoctl: " + why +
+                                "\ntarvoctl: not everything could be read; see 'tarvoctl check'\n");
+    const auto document = json_of(tarvoctl(machine, {"diff", before, "--json"}));
+    EXPECT_EQ(document.at("changes").size(), 0U);
+    EXPECT_EQ(document.at("damage").at(0), why);
+}
+
 TEST(Unbuilt, AnAreaWithoutChunksIsBuiltByTheFirstCall) {
     sandbox machine(low);
     machine.start().limits();

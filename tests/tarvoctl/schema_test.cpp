@@ -138,7 +138,8 @@ TEST(Schema, EveryCommandKeepsToIt) {
 
 TEST(Schema, ADocumentThatBreaksItIsNoticed) {
     validator documents;
-    documents.add({{"schema", 1}, {"command", "diff"}, {"changes", 7}});
+    documents.add(
+        {{"schema", 1}, {"command", "diff"}, {"changes", 7}, {"damage", nlohmann::json::array()}});
     EXPECT_NE(documents.complaint().find("7 is not of type 'array'"), std::string::npos);
 }
 

@@ -68,7 +68,7 @@ TEST(Show, ANameThatIsNotThereIsAUsageError) {
     const auto outcome = tarvoctl(machine, {"show", "chink"});
     EXPECT_EQ(outcome.status, 2);
     EXPECT_EQ(outcome.errors,
-              "tarvoctl: there is no chunk 'chink'; 'tarvoctl list' tells which there are\n");
+              "tarvoctl: no chunk is called 'chink'; similar ones: chunk\n");
 }
 
 } // namespace

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "finding.hpp"
+#include "shared/dma_window.hpp"
 #include "shared/layout.hpp"
 
 #include <algorithm>
@@ -144,6 +145,19 @@ inline bool has_lost_flag(const shared_area_t& area) {
         return __atomic_load_n(&area.initialized, __ATOMIC_SEQ_CST) == 0;
     };
     return is_flag_down() && is_in_use(area) && is_flag_down();
+}
+
+/// Where the region lies, by the sentinels at the ends of the list; nothing where they are damaged.
+inline std::optional<dma_window> region_in(const chunk_list& chunks) {
+    const auto sentinel = [&chunks](int32_t end, std::string_view name) -> const dma_chunk_t* {
+        const bool exists = end >= 0 && end < chunk_capacity;
+        return exists && is_sentinel(chunks._arr[end], name) ? &chunks._arr[end] : nullptr;
+    };
+    const dma_chunk_t* const head = sentinel(chunks._head, head_name);
+    const dma_chunk_t* const tail = sentinel(chunks._tail, tail_name);
+    if (head == nullptr || tail == nullptr || head->pa >= tail->pa)
+        return std::nullopt;
+    return dma_window{head->pa, tail->pa};
 }
 
 /// The bytes between the sentinels.

@@ -1,5 +1,6 @@
 #include "live_records.hpp"
 
+#include "check_record.hpp"
 #include "list_walk.hpp"
 
 #include <cstring>
@@ -45,9 +46,12 @@ void live_records::copy(const shared_area_t& area) {
 }
 
 void live_records::copy_region(const chunk_list& chunks) {
-    const auto exists = [](int32_t index) { return index >= 0 && index < chunk_capacity; };
-    if (exists(chunks._head) && exists(chunks._tail))
-        region_ = {chunks._arr[chunks._head].pa, chunks._arr[chunks._tail].pa};
+    if (const auto region = region_in(chunks)) {
+        region_ = *region;
+    } else {
+        damage_.emplace_back(
+            "the two records that bound the region are damaged: it is not known where it lies");
+    }
 }
 
 void live_records::copy_chunk(int index, const dma_chunk_t& chunk) {

@@ -68,6 +68,12 @@ std::vector<const chunk_record*> chunks_called(const std::string& name, const pi
         if (chunk.name == name)
             found.push_back(&chunk);
     }
+    if (found.empty() && !records.damage.empty()) {
+        throw failure{
+            exit_status::damaged,
+            fmt::format("no chunk called '{}' could be read, and {}; see 'tarvoctl check'",
+                        shown(name), records.damage.front())};
+    }
     if (found.empty()) {
         const std::string similar = similar_names(name, records);
         throw failure{exit_status::usage,

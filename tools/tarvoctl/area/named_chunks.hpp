@@ -8,7 +8,7 @@
 namespace tarvoctl {
 
 /// All chunks of that name, the one that calls find first. Throws failure, with the names that
-/// are similar, when there is none.
+/// are similar, when there is none, or that the list could not be read to its end.
 std::vector<const chunk_record*> chunks_called(const std::string& name, const picture& records);
 
 } // namespace tarvoctl

@@ -31,12 +31,14 @@ struct chunk_record {
 
 /// What is on record, at one moment.
 struct picture {
-    dma_window region;
+    dma_window region; ///< of no bytes where the records do not tell
     std::vector<chunk_record> chunks;   ///< in list order, which is that of their addresses
     std::vector<device_record> devices; ///< in order of registration
-    /// Why a list could not be read to its end; what was read before is above.
+    /// Why the region is not known, or a list could not be read to its end; what was read before
+    /// is above.
     std::vector<std::string> damage;
 
+    bool has_region() const { return region.first_pa < region.end_pa; }
     /// The registered device with that element number; null if there is none.
     const device_record* device_at(int index) const;
     /// The chunk that calls by that name find: the lowest one; null if there is none.

@@ -56,12 +56,15 @@ std::string region_text(const dma_window& region) {
 }
 
 [[noreturn]] void refuse_outside(const std::string& address, const char* kind,
-                                 const dma_window& region) {
-    throw failure{exit_status::usage, fmt::format("{} address {} is not in the region; {}", kind,
-                                                  address, region_text(region))};
+                                 const picture& records) {
+    const bool is_sound = told_damage(records.damage) == exit_status::good;
+    throw failure{is_sound ? exit_status::usage : exit_status::damaged,
+                  fmt::format("{} address {} is not in the region; {}", kind, address,
+                              region_text(records.region))};
 }
 
-uint64_t pa_by_reading(const address_options& options, const dma_window& region) {
+uint64_t pa_by_reading(const address_options& options, const picture& records) {
+    const dma_window& region = known_region(records);
     const uint64_t address = parse_number(options.address, "ADDRESS", UINT64_MAX);
     const auto as_dma = options.is_pa ? std::nullopt : pa_of_dma(address, region);
     const bool as_pa = !options.is_dma && lies_in(region, address);
@@ -74,7 +77,7 @@ uint64_t pa_by_reading(const address_options& options, const dma_window& region)
         const char* const kind = options.is_pa    ? "physical"
                                  : options.is_dma ? "DMA"
                                                   : "DMA or physical";
-        refuse_outside(options.address, kind, region);
+        refuse_outside(options.address, kind, records);
     }
     return as_dma ? *as_dma : address;
 }
@@ -99,34 +102,34 @@ std::string place_text(uint64_t pa, const picture& records) {
 exit_status find(const address_options& options) {
     const picture records = read_picture(options.source);
     const uint64_t dma = parse_number(options.address, "DMA", UINT32_MAX);
-    const auto pa = pa_of_dma(dma, records.region);
+    const auto pa = pa_of_dma(dma, known_region(records));
     if (!pa)
-        refuse_outside(options.address, "DMA", records.region);
+        refuse_outside(options.address, "DMA", records);
     if (options.json) {
         print_json(json_place("find", *pa, records));
     } else {
         fmt::print("DMA {:#x} is {}\n", dma, place_text(*pa, records));
     }
-    const exit_status read = told_damage(records);
+    const exit_status read = told_damage(records.damage);
     const bool found = chunk_holding(*pa, records) != nullptr;
     return read == exit_status::good && !found ? exit_status::finding : read;
 }
 
 exit_status translate(const address_options& options) {
     const picture records = read_picture(options.source);
-    const uint64_t pa = pa_by_reading(options, records.region);
+    const uint64_t pa = pa_by_reading(options, records);
     if (options.json) {
         print_json(json_place("translate", pa, records));
     } else {
         fmt::print("DMA {:#x}, physical {:#x}, {}\n", records.region.dma_of(pa), pa,
                    place_text(pa, records));
     }
-    return told_damage(records);
+    return told_damage(records.damage);
 }
 
 exit_status limits(const address_options& options) {
     const picture records = read_picture(options.source);
-    const dma_window& region = records.region;
+    const dma_window& region = known_region(records);
     if (options.json) {
         json document = json_document("limits");
         document["region"] = json_region(records);
@@ -140,7 +143,7 @@ exit_status limits(const address_options& options) {
                    region.first_pa, region.end_pa - 1, bytes, size_text(bytes, true),
                    tarvo_get_overhead());
     }
-    return told_damage(records);
+    return told_damage(records.damage);
 }
 
 using question = exit_status (*)(const address_options&);

@@ -2,6 +2,7 @@
 #include "commands/commands.hpp"
 #include "output/change_text.hpp"
 #include "output/json.hpp"
+#include "output/text.hpp"
 #include "program.hpp"
 
 #include <fmt/format.h>
@@ -18,17 +19,25 @@ struct diff_options {
 };
 
 exit_status diff(const diff_options& options) {
-    const auto changes = changes_between(read_picture(options.before), read_picture(options.after));
+    const picture before = read_picture(options.before);
+    const picture after = read_picture(options.after);
+    std::vector<std::string> damage = before.damage;
+    damage.insert(damage.end(), after.damage.begin(), after.damage.end());
+    // What cannot be read is not gone.
+    const auto changes = damage.empty() ? changes_between(before, after) : std::vector<change>{};
     if (options.json) {
         json document = json_document("diff");
         document["changes"] = json::array();
         for (const auto& each : changes)
             document["changes"].push_back(json_change(each));
+        document["damage"] = damage;
         print_json(document);
     } else {
         for (const auto& each : changes)
             fmt::print("{}\n", change_text(each));
     }
+    if (const exit_status read = told_damage(damage); read != exit_status::good)
+        return read;
     return changes.empty() ? exit_status::good : exit_status::finding;
 }
 

@@ -163,7 +163,7 @@ exit_status leaks(const leaks_options& options) {
         if (!memory.is_complete())
             fmt::print(stderr, "tarvoctl: {}\n", unseen_text(memory, processes));
     }
-    const exit_status damage = told_damage(records);
+    const exit_status damage = told_damage(records.damage);
     return damage == exit_status::good && !found.empty() ? exit_status::finding : damage;
 }
 

@@ -47,9 +47,7 @@ const list_column all_columns[] = {
      [](const listed_chunk& each) {
          return shown(each.chunk.name) + (each.duplicate ? " *" : "");
      }},
-    {"dma",
-     {"DMA"},
-     [](const listed_chunk& each) { return dma_range(each.chunk, each.records.region); }},
+    {"dma", {"DMA"}, [](const listed_chunk& each) { return dma_range(each.chunk, each.records); }},
     {"pa", {"PHYSICAL"}, [](const listed_chunk& each) { return pa_range(each.chunk); }},
     {"size",
      {"SIZE", align::right},
@@ -140,7 +138,7 @@ exit_status list(const list_options& options) {
     } else {
         print_as_table(records, options);
     }
-    return told_damage(records);
+    return told_damage(records.damage);
 }
 
 } // namespace

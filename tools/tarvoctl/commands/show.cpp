@@ -1,4 +1,5 @@
 #include "area/gaps.hpp"
+#include "area/named_chunks.hpp"
 #include "commands/commands.hpp"
 #include "failure.hpp"
 #include "host/mappings.hpp"
@@ -46,21 +47,6 @@ surroundings around(const chunk_record& chunk, const picture& records) {
     return found;
 }
 
-/// All chunks of that name, the one that calls find first.
-std::vector<const chunk_record*> called(const std::string& name, const picture& records) {
-    std::vector<const chunk_record*> found;
-    for (const auto& chunk : records.chunks) {
-        if (chunk.name == name)
-            found.push_back(&chunk);
-    }
-    if (found.empty() && records.damage.empty()) {
-        throw failure{exit_status::usage, fmt::format("there is no chunk '{}'; 'tarvoctl list' "
-                                                      "tells which there are",
-                                                      shown(name))};
-    }
-    return found;
-}
-
 std::string neighbour(const chunk_record* chunk, const char* region_end, uint64_t gap_bytes) {
     const std::string who = chunk == nullptr ? region_end : shown(chunk->name);
     return fmt::format("{}, {} bytes between", who, gap_bytes);
@@ -94,8 +80,8 @@ void print_as_text(const chunk_record& chunk, const picture& records, bool found
                "above      {}\n"
                "devices    {}\n",
                shown(chunk.name), found_by_name ? "" : "  (calls by name find the one above)",
-               pa_range(chunk), dma_range(chunk, records.region), chunk.size,
-               size_text(chunk.size, true), shown(chunk.creator), chunk.index,
+               pa_range(chunk), dma_range(chunk, records), chunk.size, size_text(chunk.size, true),
+               shown(chunk.creator), chunk.index,
                neighbour(place.below, "the region's start", place.gap_below),
                neighbour(place.above, "the region's end", place.gap_above),
                devices_text(chunk, records));
@@ -159,13 +145,13 @@ void print_all_as_json(const std::vector<const chunk_record*>& chunks, const pic
 
 exit_status show(const show_options& options) {
     const picture records = read_picture(options.source);
-    const auto chunks = called(options.name, records);
+    const auto chunks = chunks_called(options.name, records);
     std::optional<mapped_memory> memory;
     if (options.source.is_live()) // nobody maps the chunks of a copy
         memory = mappings_of(find_site());
     (options.json ? print_all_as_json : print_all_as_text)(chunks, records,
                                                            memory ? &*memory : nullptr);
-    return told_damage(records);
+    return told_damage(records.damage);
 }
 
 } // namespace

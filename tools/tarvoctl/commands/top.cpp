@@ -70,7 +70,7 @@ exit_status one_page(const top_options& options) {
     const site here = find_site();
     fmt::print("{}", top_page({records, mappings_of(here), title_of(here.area, ""),
                                standard_screen(), 0}));
-    return told_damage(records);
+    return told_damage(records.damage);
 }
 
 exit_status top(const top_options& options) {

@@ -240,7 +240,7 @@ exit_status who(const who_options& options) {
         if (!memory.is_complete())
             fmt::print(stderr, "tarvoctl: {}\n", unseen_text(memory, processes));
     }
-    const exit_status damage = told_damage(records);
+    const exit_status damage = told_damage(records.damage);
     const bool nobody = !options.name.empty() && !is_mapped(found);
     return damage == exit_status::good && nobody ? exit_status::finding : damage;
 }

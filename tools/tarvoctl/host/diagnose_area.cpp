@@ -14,19 +14,6 @@ namespace {
 
 constexpr const char* look_closer = "tarvoctl check tells all; tarvoctl repair mends what it can";
 
-const dma_chunk_t* element(const chunk_list& chunks, int32_t index) {
-    return index >= 0 && index < chunk_capacity ? &chunks._arr[index] : nullptr;
-}
-
-/// The region as the area has it; nothing where its ends are damaged.
-std::optional<dma_window> region_in(const chunk_list& chunks) {
-    const dma_chunk_t* const head = element(chunks, chunks._head);
-    const dma_chunk_t* const tail = element(chunks, chunks._tail);
-    const bool sound = head != nullptr && tail != nullptr && is_sentinel(*head, head_name) &&
-                       is_sentinel(*tail, tail_name) && head->pa < tail->pa;
-    return sound ? std::optional{dma_window{head->pa, tail->pa}} : std::nullopt;
-}
-
 void compare_regions(const dma_window& in_area, const site& here, health_report& report) {
     const auto expected = here.region();
     const std::string text =

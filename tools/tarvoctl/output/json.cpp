@@ -34,7 +34,13 @@ json json_address(uint64_t address) {
     return {{"number", address}, {"hex", fmt::format("{:#x}", address)}};
 }
 
+json json_dma(uint64_t pa, const picture& records) {
+    return records.has_region() ? json_address(records.region.dma_of(pa)) : json(nullptr);
+}
+
 json json_region(const picture& records) {
+    if (!records.has_region())
+        return nullptr;
     const dma_window& region = records.region;
     return {{"pa", json_address(region.first_pa)},
             {"pa_end", json_address(region.end_pa - 1)},
@@ -59,11 +65,10 @@ void add_text(json& to, const std::string& key, const std::string& text) {
 }
 
 json json_chunk(const chunk_record& chunk, const picture& records) {
-    const dma_window& region = records.region;
     json made{{"index", chunk.index}};
     add_text(made, "name", chunk.name);
-    made["dma"] = json_address(region.dma_of(chunk.pa));
-    made["dma_end"] = json_address(region.dma_of(chunk.end_pa() - 1));
+    made["dma"] = json_dma(chunk.pa, records);
+    made["dma_end"] = json_dma(chunk.end_pa() - 1, records);
     made["pa"] = json_address(chunk.pa);
     made["pa_end"] = json_address(chunk.end_pa() - 1);
     made["size"] = chunk.size;

@@ -17,11 +17,14 @@ json json_document(std::string_view command);
 /// An address, as a number and as hexadecimal text: {"number": 4096, "hex": "0x1000"}.
 json json_address(uint64_t address);
 
+/// An address as devices see it; null where it is not known where the region lies.
+json json_dma(uint64_t pa, const picture& records);
+
 /// Adds a name of the records. One that is no UTF-8 is added as KEY_bytes, too, in hexadecimal:
 /// what replaces its bytes is the same for all of them.
 void add_text(json& to, const std::string& key, const std::string& text);
 
-/// Where the region lies, for processors and for devices.
+/// Where the region lies, for processors and for devices; null where that is not known.
 json json_region(const picture& records);
 json json_device(const device_record& device);
 json json_chunk(const chunk_record& chunk, const picture& records);

@@ -1,5 +1,7 @@
 #include "output/text.hpp"
 
+#include "failure.hpp"
+
 #include <array>
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
@@ -70,7 +72,10 @@ std::string pa_range(const chunk_record& chunk) {
     return fmt::format("{:#011x}-{:#011x}", chunk.pa, chunk.end_pa() - 1);
 }
 
-std::string dma_range(const chunk_record& chunk, const dma_window& region) {
+std::string dma_range(const chunk_record& chunk, const picture& records) {
+    if (!records.has_region())
+        return "?";
+    const dma_window& region = records.region;
     return fmt::format("{:#010x}-{:#010x}", region.dma_of(chunk.pa),
                        region.dma_of(chunk.end_pa() - 1));
 }
@@ -91,13 +96,21 @@ std::string size_text(uint64_t bytes, bool human) {
     return (whole ? digits.substr(0, digits.size() - 2) : digits) + units[unit];
 }
 
-exit_status told_damage(const picture& records) {
-    for (const auto& each : records.damage)
+exit_status told_damage(const std::vector<std::string>& damage) {
+    for (const auto& each : damage)
         fmt::print(stderr, "tarvoctl: {}\n", each);
-    if (records.damage.empty())
+    if (damage.empty())
         return exit_status::good;
-    fmt::print(stderr, "tarvoctl: what could be read is above; see 'tarvoctl check'\n");
+    fmt::print(stderr, "tarvoctl: not everything could be read; see 'tarvoctl check'\n");
     return exit_status::damaged;
+}
+
+const dma_window& known_region(const picture& records) {
+    if (!records.has_region()) {
+        throw failure{exit_status::damaged,
+                      "the records do not say where the region lies; see 'tarvoctl check'"};
+    }
+    return records.region;
 }
 
 } // namespace tarvoctl

@@ -76,9 +76,11 @@ class page {
         const picture& records = view_.records;
         const dma_window& region = records.region;
         add(view_.title);
-        add(fmt::format("region  DMA {:#x}-{:#x}  physical {:#x}-{:#x}",
-                        region.dma_of(region.first_pa), region.dma_of(region.end_pa - 1),
-                        region.first_pa, region.end_pa - 1));
+        add(records.has_region()
+                ? fmt::format("region  DMA {:#x}-{:#x}  physical {:#x}-{:#x}",
+                              region.dma_of(region.first_pa), region.dma_of(region.end_pa - 1),
+                              region.first_pa, region.end_pa - 1)
+                : "region  not known");
         add_bar();
         const auto gaps = gaps_of(records);
         const free_space free = free_space_of(gaps);
@@ -100,7 +102,7 @@ class page {
     /// Not clipped: its lines hold colours, and know the screen's width.
     void add_bar() {
         constexpr std::size_t small_height = 16;
-        if (view_.records.region.end_pa <= view_.records.region.first_pa)
+        if (!view_.records.has_region())
             return;
         const std::size_t bar_lines = is_limited() && view_.height < small_height ? 1 : 2;
         for (auto& line : lines_of(region_bar(view_.records, view_.on, bar_lines)))
