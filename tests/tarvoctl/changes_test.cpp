@@ -1,5 +1,6 @@
 #include "tool.hpp"
 
+#include <chrono>
 #include <functional>
 #include <gtest/gtest.h>
 
@@ -113,6 +114,51 @@ TEST_F(Changes, AForgottenDevicesMappingsAreInheritedAndNotUndone) {
               "registered    0000:04:00.0\n"
               "offline       0000:04:00.0\n"
               "mapped        a: for 0000:04:00.0\n");
+}
+
+constexpr int all_devices = 256;
+
+/// Puts a reference to each device into a chunk's list of them.
+void refer_to_all_devices(const area_writer& write, int chunk) {
+    for (int ref = 0; ref < all_devices; ++ref) {
+        const std::size_t at = area_offset::ref(chunk, ref);
+        write.i32(at + area_offset::next, (ref + 1) % all_devices);
+        write.i32(at + area_offset::prev, (ref + all_devices - 1) % all_devices);
+        write.u8(at + area_offset::allocated, 1);
+        write.i32(at + area_offset::dev, ref);
+    }
+    write.i32(area_offset::chunk(chunk) + area_offset::devs_head, 0);
+    write.i32(area_offset::chunk(chunk) + area_offset::devs_tail, all_devices - 1);
+    write.i32(area_offset::chunk(chunk) + area_offset::devs_free, -1);
+}
+
+TEST_F(Changes, DevicesUnderOtherNumbersAreTheSameAndQuicklyFound) {
+    constexpr int chunks = 4000;
+    for (int made = 0; made < chunks; ++made)
+        driver.alloc("c" + std::to_string(made), 0x1000);
+    const auto area = machine.writable_area();
+    const area_writer write = area.writer();
+    for (int device = 0; device < all_devices; ++device) {
+        const std::size_t at = area_offset::device(device);
+        write.i32(at + area_offset::next, (device + 1) % all_devices);
+        write.i32(at + area_offset::prev, (device + all_devices - 1) % all_devices);
+        write.u8(at + area_offset::allocated, 1);
+        write.i32(at + area_offset::bus, device);
+        write.u8(at + area_offset::online, 1);
+    }
+    write.i32(area_offset::devices_head, 0);
+    write.i32(area_offset::devices_tail, all_devices - 1);
+    write.i32(area_offset::devices_free, -1);
+    for (int chunk = 2; chunk < 2 + chunks; ++chunk)
+        refer_to_all_devices(write, chunk);
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(told([&] {
+                  for (int device = 0; device < all_devices; ++device)
+                      write.i32(area_offset::device(device) + area_offset::bus,
+                                all_devices - 1 - device);
+              }),
+              "");
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10));
 }
 
 } // namespace

@@ -1,6 +1,10 @@
 #include "area/changes.hpp"
 
+#include "shared/layout.hpp"
+
 #include <algorithm>
+#include <bitset>
+#include <cstdint>
 #include <map>
 #include <string_view>
 #include <tuple>
@@ -62,13 +66,74 @@ class former_chunks {
     places by_place_;
 };
 
-/// Whether a chunk refers to what element `index` is in another picture. Devices rarely change their
-/// number, so that one is tried first.
-template <typename Same>
-bool refers(const std::vector<int>& indexes, int index, Same is_same) {
-    const bool has_number = std::find(indexes.begin(), indexes.end(), index) != indexes.end();
-    return (has_number && is_same(index)) || std::any_of(indexes.begin(), indexes.end(), is_same);
-}
+/// The devices of two pictures, each under a number that is the same in both: its position among
+/// all names.
+class common_devices {
+  public:
+    common_devices(const picture& before, const picture& after) {
+        for (const auto* records : {&before, &after}) {
+            for (const auto& device : records->devices)
+                positions_.try_emplace(name_of(device), positions_.size());
+        }
+    }
+
+    std::size_t position_of(const device_record& device) const {
+        return positions_.at(name_of(device));
+    }
+
+  private:
+    std::map<device_name, std::size_t> positions_;
+};
+
+/// A picture's devices by element number. References are looked at by the million, so that none of
+/// them must cost a search.
+class device_index {
+  public:
+    static constexpr std::size_t no_device = SIZE_MAX;
+
+    device_index(const picture& records, const common_devices& common)
+        : positions_(device_capacity, no_device) {
+        for (const auto& device : records.devices)
+            positions_.at(static_cast<std::size_t>(device.index)) = common.position_of(device);
+    }
+
+    /// The device's common position; no_device where none is registered under that number.
+    std::size_t at(int index) const {
+        return index >= 0 && index < device_capacity ? positions_[static_cast<std::size_t>(index)]
+                                                     : no_device;
+    }
+
+  private:
+    std::vector<std::size_t> positions_;
+};
+
+/// What one chunk refers to in one picture, as sets.
+class reference_set {
+  public:
+    reference_set(const std::vector<int>& references, const device_index& devices)
+        : devices_{devices}, numbers_{references} {
+        std::sort(numbers_.begin(), numbers_.end());
+        for (const int index : references) {
+            if (devices.at(index) != device_index::no_device)
+                positions_.set(devices.at(index));
+        }
+    }
+
+    bool has_device(std::size_t position) const { return positions_[position]; }
+    /// A reference by that number, whatever is registered under it.
+    bool has_number(int index) const {
+        return std::binary_search(numbers_.begin(), numbers_.end(), index);
+    }
+    /// A reference by a number that no device has.
+    bool has_bare_number(int index) const {
+        return devices_.at(index) == device_index::no_device && has_number(index);
+    }
+
+  private:
+    const device_index& devices_;
+    std::vector<int> numbers_;
+    std::bitset<2 * device_capacity> positions_;
+};
 
 bool same_device(const device_record& a, const device_record& b) {
     return a.index == b.index && name_of(a) == name_of(b);
@@ -100,9 +165,11 @@ std::vector<chunk_pair> pairs_of(const picture& before, const picture& after) {
 class comparison {
   public:
     comparison(const picture& before, const picture& after)
-        : before_{before}, after_{after},
-          same_devices_{std::equal(before.devices.begin(), before.devices.end(),
-                                   after.devices.begin(), after.devices.end(), same_device)} {}
+        : before_{before}, after_{after}, common_{before, after}, index_before_{before, common_},
+          index_after_{after, common_}, same_devices_{
+                                            std::equal(before.devices.begin(), before.devices.end(),
+                                                       after.devices.begin(), after.devices.end(),
+                                                       same_device)} {}
 
     std::vector<change> take() {
         const auto pairs = pairs_of(before_, after_);
@@ -159,33 +226,33 @@ class comparison {
     void add_references(const chunk_pair& pair) {
         if (same_devices_ && pair.before->devices == pair.after->devices)
             return;
+        const reference_set was{pair.before->devices, index_before_};
+        const reference_set is{pair.after->devices, index_after_};
         for (const int index : pair.before->devices) {
-            if (!refers(pair.after->devices, index,
-                        [&](int other) { return is_same(index, other); }))
+            if (!is_kept(index, is))
                 add_reference(change_kind::unmapped, pair, before_, index);
         }
         for (const int index : pair.after->devices) {
-            if (!refers(pair.before->devices, index, [&](int other) {
-                    return is_same(other, index) && !(other == index && is_inherited(index));
-                }))
+            if (!was_there(index, was))
                 add_reference(change_kind::mapped, pair, after_, index);
         }
     }
 
     /// Forgetting a device unmaps nothing: a reference by a number that no device has any longer
     /// is still the one it was.
-    bool is_same(int index_before, int index_after) const {
-        const device_record* const was = before_.device_at(index_before);
-        const device_record* const is = after_.device_at(index_after);
-        if (was != nullptr && is != nullptr)
-            return name_of(*was) == name_of(*is);
-        return index_before == index_after;
+    bool is_kept(int index, const reference_set& after) const {
+        const std::size_t device = index_before_.at(index);
+        return device == device_index::no_device
+                   ? after.has_number(index)
+                   : after.has_device(device) || after.has_bare_number(index);
     }
 
     /// A new device takes over the references that a forgotten one left: a mapping which nothing
     /// else tells of.
-    bool is_inherited(int index) const {
-        return before_.device_at(index) == nullptr && after_.device_at(index) != nullptr;
+    bool was_there(int index, const reference_set& before) const {
+        const std::size_t device = index_after_.at(index);
+        return device == device_index::no_device ? before.has_number(index)
+                                                 : before.has_device(device);
     }
 
     void add_reference(change_kind kind, const chunk_pair& pair, const picture& records,
@@ -197,6 +264,9 @@ class comparison {
 
     const picture& before_;
     const picture& after_;
+    common_devices common_;
+    device_index index_before_;
+    device_index index_after_;
     bool same_devices_; ///< under the same numbers: equal references then mean equal mappings
     std::vector<change> found_;
 };
