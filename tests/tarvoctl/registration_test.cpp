@@ -1,6 +1,9 @@
 #include "tool.hpp"
 
+#include <chrono>
+#include <csignal>
 #include <gtest/gtest.h>
+#include <thread>
 
 namespace {
 
@@ -30,8 +33,8 @@ TEST(Register, TakesDomainBusSlotAndFunctionInHexadecimal) {
 
 TEST(Register, WhatIsNoDeviceIsAUsageError) {
     sandbox machine(low);
-    for (const char* wrong : {"", "3", "03:00", "03:20.0", "03:00.8", "0:0:03:00.0", "x3:00.0",
-                              ":03:00.0", "03:00.0 "}) {
+    for (const char* wrong :
+         {"3", "03:00", "03:20.0", "03:00.8", "0:0:03:00.0", "x3:00.0", ":03:00.0", "03:00.0 "}) {
         const auto outcome = tarvoctl(machine, {"register", wrong});
         EXPECT_EQ(outcome.status, 2) << wrong;
         EXPECT_EQ(outcome.errors, std::string("tarvoctl: '") + wrong +
@@ -183,6 +186,46 @@ TEST(IommuUnmap, DoesNotUnregisterADeviceByTheWay) {
               "tarvoctl: 0000:03:00.0 is registered, and the library would unregister it and "
               "leave the whole region mapped; do that first: tarvoctl unregister 0000:03:00.0\n");
     EXPECT_EQ(machine.area().view().devices().size(), 1);
+}
+
+/// Ends the tool by that signal in the middle of a registration.
+ending end_while_registering(sandbox& machine, int signal) {
+    constexpr int early_chunk = 20;
+    const auto area = machine.area();
+    running_tool tool = start_tarvoctl(machine, {"register", "0000:03:00.0"});
+    while (area.view().chunk(early_chunk).devs.head == -1 &&
+           !tool.program.has_line(std::chrono::milliseconds(1))) {
+    }
+    return tool.end_by(signal);
+}
+
+TEST(Register, IsCompleteBeforeASignalEndsIt) {
+    constexpr std::size_t chunks = 6000;
+    for (const int signal : {SIGTERM, SIGINT, SIGHUP}) {
+        sandbox machine(low);
+        client driver = machine.start();
+        for (std::size_t made = 0; made < chunks; ++made)
+            driver.alloc("c" + std::to_string(made), 0x1000);
+        const ending end = end_while_registering(machine, signal);
+        EXPECT_EQ(end.signal, signal);
+        driver.limits(); // behind the end of whoever has the lock
+        EXPECT_EQ(machine.request_lines().size(), chunks);
+        const auto area = machine.area();
+        EXPECT_EQ(area_breaches(area.view()), std::vector<std::string>{});
+        for (const auto& chunk : area.view().chunks()) {
+            if (chunk.size != 0) { // those that bound the region have no list
+                ASSERT_EQ(area.view().refs(chunk.index).size(), 1U) << chunk.name;
+            }
+        }
+    }
+}
+
+TEST(Register, ASignalEndsWorkThatChangesNothingAtOnce) {
+    sandbox machine(low);
+    client driver = machine.start({"alloc a 1 me"});
+    running_tool tool = start_tarvoctl(machine, {"write", "a"}); // waits for its input
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    EXPECT_EQ(tool.end_by(SIGINT).signal, SIGINT);
 }
 
 } // namespace

@@ -80,8 +80,13 @@ void print_chunk(const chunk_record& chunk, const picture& records, bool is_shar
     }
 }
 
+uint32_t alloc_unbroken(const alloc_options& options, uint32_t size) {
+    const change_of_records unbroken;
+    return tarvo_alloc_func(options.name.c_str(), size, options.creator.c_str());
+}
+
 exit_status call_alloc(const alloc_options& options, uint32_t size, const picture& before) {
-    const uint32_t dma = tarvo_alloc_func(options.name.c_str(), size, options.creator.c_str());
+    const uint32_t dma = alloc_unbroken(options, size);
     const picture after = read_picture({{}, options.timeout});
     if (dma == 0)
         throw refusal(size, after);

@@ -69,13 +69,18 @@ void print_outcome(const chunk_record& chunk, const picture& records,
     print_json(document);
 }
 
+int free_unbroken(const std::string& name) {
+    const change_of_records unbroken;
+    return tarvo_free(name.c_str());
+}
+
 exit_status call_free(const free_options& options) {
-    if (tarvo_free(options.name.c_str()) == 0)
+    if (free_unbroken(options.name) == 0)
         return exit_status::good;
     const picture records = read_picture({{}, options.timeout});
     static_cast<void>(chunks_called(options.name, records)); // or somebody else has freed it
     throw failure{exit_status::finding,
-                  fmt::format("'{}' could not be freed; the reason is above", options.name)};
+                  fmt::format("'{}' could not be freed; the reason is above", shown(options.name))};
 }
 
 exit_status free_chunk(const free_options& options) {

@@ -94,14 +94,18 @@ exit_status tell_registered(const register_options& options, const device_record
     return exit_status::finding;
 }
 
+bool register_unbroken(const device_record& device) {
+    const change_of_records unbroken;
+    return tarvo_register_device(device.domain, device.bus, device.devfn) == 0;
+}
+
 exit_status register_device(const register_options& options) {
     const device_record device = parse_device(options.device);
     const picture before = ready_or_new_area(options.timeout);
     check_room(device, before);
     const bool was_registered = registered(device, before) != nullptr;
     return in_library(options.timeout, [&] {
-        const bool accepted = tarvo_register_device(device.domain, device.bus, device.devfn) == 0;
-        return tell_registered(options, device, was_registered, accepted);
+        return tell_registered(options, device, was_registered, register_unbroken(device));
     });
 }
 
@@ -129,6 +133,7 @@ std::vector<std::string> effects_of(const device_record& device,
 }
 
 exit_status call_unregister(const device_record& device) {
+    const change_of_records unbroken;
     if (tarvo_unregister_device(device.domain, device.bus, device.devfn) == 0)
         return exit_status::good;
     throw failure{exit_status::finding, fmt::format("{} could not be unregistered; the reason is "

@@ -15,6 +15,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <fmt/format.h>
+#include <optional>
 #include <poll.h>
 #include <string>
 #include <sys/prctl.h>
@@ -43,7 +44,9 @@ std::string report_of(exit_status status, const std::string& text) {
 }
 
 /// The process that does the work.
-[[noreturn]] void carry_out(const std::function<exit_status()>& work, int report_fd) {
+[[noreturn]] void carry_out(const std::function<exit_status()>& work, int report_fd,
+                            const awaited_signals& signals) {
+    signals.release();
     struct sigaction act {};
     act.sa_handler = do_nothing;
     ::sigaction(interrupting_signal, &act, nullptr);
@@ -65,7 +68,7 @@ std::string report_of(exit_status status, const std::string& text) {
 
 class worker {
   public:
-    explicit worker(const std::function<exit_status()>& work) {
+    worker(const std::function<exit_status()>& work, const awaited_signals& signals) {
         std::array<int, 2> ends{};
         if (::pipe2(ends.data(), O_CLOEXEC) != 0)
             complain("pipe2");
@@ -76,24 +79,28 @@ class worker {
         if (pid_ < 0)
             complain("fork");
         if (pid_ == 0)
-            carry_out(work, report_end.get());
+            carry_out(work, report_end.get(), signals);
     }
 
-    /// Reads what it reports to the end, and so waits for the process; false when the time is over.
-    bool report_ends_before(clock::time_point moment) {
+    /// Reads what it reports to the end, and so waits for the process; false when the time is over
+    /// or a signal has come.
+    bool report_ends_before(clock::time_point moment, const awaited_signals& signals) {
         for (;;) {
             const auto left =
                 std::chrono::duration_cast<std::chrono::milliseconds>(moment - clock::now());
             constexpr int64_t longest_poll = 1'000'000; // which has to fit an int
-            pollfd reading{report_.get(), POLLIN, 0};
+            std::array<pollfd, 2> looks{pollfd{report_.get(), POLLIN, 0},
+                                        pollfd{signals.descriptor(), POLLIN, 0}};
             const auto time = static_cast<int>(std::clamp<int64_t>(left.count(), 0, longest_poll));
-            const int ready = ::poll(&reading, 1, time);
-            if (ready > 0 && !receive())
+            const int ready = ::poll(looks.data(), looks.size(), time);
+            if (ready > 0 && looks[0].revents != 0 && !receive())
                 return true;
-            if (ready == 0 && clock::now() >= moment)
+            if ((ready > 0 && looks[1].revents != 0) || (ready == 0 && clock::now() >= moment))
                 return false;
         }
     }
+
+    void end_by(int signal) const { ::kill(pid_, signal); }
 
     /// Ends its wait for the lock, if it is in one.
     void interrupt_wait() {
@@ -146,6 +153,22 @@ class worker {
     bool interrupted_ = false;
 };
 
+/// Waits for its end, of which no wait for the lock is left to keep it, once the time is over or a
+/// signal is to end it. Returns that signal, or 0.
+int wait_for(worker& process, clock::time_point last_moment, const awaited_signals& signals) {
+    constexpr std::chrono::milliseconds between_looks{20};
+    int signal = 0;
+    for (auto moment = last_moment; !process.report_ends_before(moment, signals);
+         moment = clock::now() + between_looks) {
+        if (const int next = signals.take()) {
+            signal = next;
+            process.end_by(signal);
+        }
+        process.interrupt_wait();
+    }
+    return signal;
+}
+
 exit_status outcome_in_time(worker& process, std::chrono::milliseconds timeout) {
     const auto too_late = [timeout] {
         return failure{exit_status::timed_out,
@@ -172,12 +195,16 @@ exit_status in_library(std::chrono::milliseconds timeout,
                        const std::function<exit_status()>& work) {
     const auto last_moment = clock::now() + timeout;
     { const cross_process_lock taken_once{find_site().locks_to_take(), timeout}; }
-    worker process{work};
-    constexpr std::chrono::milliseconds between_looks{20};
-    for (auto moment = last_moment; !process.report_ends_before(moment);
-         moment = clock::now() + between_looks)
-        process.interrupt_wait();
-    return outcome_in_time(process, timeout);
+    int signal = 0;
+    std::optional<worker> process;
+    {
+        const awaited_signals signals;
+        process.emplace(work, signals);
+        signal = wait_for(*process, last_moment, signals);
+    }
+    if (signal != 0) // which ended the process as soon as it could
+        ::raise(signal);
+    return outcome_in_time(*process, timeout);
 }
 
 } // namespace tarvoctl

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "exit_status.hpp"
+#include "library/ending_signals.hpp"
 
 #include <chrono>
 #include <functional>
@@ -14,6 +15,12 @@ namespace tarvoctl {
 /// The library waits for its lock without limit. So the lock is taken and released here first, and
 /// a wait that lasts longer than `timeout` from the start all the same is interrupted; both are the
 /// failure timed_out.
+///
+/// A signal that ends the tool ends the work, too, but not within a change_of_records.
 exit_status in_library(std::chrono::milliseconds timeout, const std::function<exit_status()>& work);
+
+/// A call of the library that changes the records, as long as it lives: ended halfway it would leave
+/// them damaged, or a device with some of the chunks.
+using change_of_records = held_back_signals;
 
 } // namespace tarvoctl

@@ -72,6 +72,7 @@ picture sound_picture(const site& here, std::chrono::milliseconds timeout) {
 exit_status start_library() {
     uint32_t start_dma = 0;
     uint32_t end_dma = 0;
+    const change_of_records unbroken;
     if (tarvo_get_limits(&start_dma, &end_dma) != 0) {
         throw failure{exit_status::unreadable, "the library cannot start; its reason is above, and "
                                                "'tarvoctl doctor' tells more"};

@@ -1,0 +1,49 @@
+#include "library/ending_signals.hpp"
+
+#include <cerrno>
+#include <sys/signalfd.h>
+#include <system_error>
+#include <unistd.h>
+
+namespace tarvoctl {
+
+namespace {
+
+/// A signal that is held back is kept even if it is ignored, so those are left out.
+bool is_ignored(int signal) {
+    struct sigaction found {};
+    return ::sigaction(signal, nullptr, &found) == 0 && found.sa_handler == SIG_IGN;
+}
+
+} // namespace
+
+held_back_signals::held_back_signals() {
+    ::sigemptyset(&held_);
+    for (const int signal : {SIGINT, SIGTERM, SIGHUP, SIGQUIT}) {
+        if (!is_ignored(signal))
+            ::sigaddset(&held_, signal);
+    }
+    ::sigprocmask(SIG_BLOCK, &held_, &earlier_);
+}
+
+held_back_signals::~held_back_signals() {
+    ::sigprocmask(SIG_SETMASK, &earlier_, nullptr);
+}
+
+awaited_signals::awaited_signals()
+    : arrivals_{::signalfd(-1, &held_back_.held(), SFD_CLOEXEC | SFD_NONBLOCK)} {
+    if (!arrivals_)
+        throw std::system_error{errno, std::generic_category(), "signalfd"};
+}
+
+int awaited_signals::take() const {
+    signalfd_siginfo come{};
+    const bool any = ::read(arrivals_.get(), &come, sizeof come) == sizeof come;
+    return any ? static_cast<int>(come.ssi_signo) : 0;
+}
+
+void awaited_signals::release() const {
+    ::sigprocmask(SIG_SETMASK, &held_back_.earlier(), nullptr);
+}
+
+} // namespace tarvoctl

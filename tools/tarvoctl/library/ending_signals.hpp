@@ -1,0 +1,44 @@
+#pragma once
+
+#include "common/unique_fd.hpp"
+
+#include <csignal>
+
+namespace tarvoctl {
+
+/// Holds back the signals by which people end a program, as long as it lives; those that came then
+/// take effect. What is ignored stays so.
+class held_back_signals {
+  public:
+    held_back_signals();
+    ~held_back_signals();
+    held_back_signals(const held_back_signals&) = delete;
+    held_back_signals& operator=(const held_back_signals&) = delete;
+
+    const sigset_t& held() const { return held_; }
+    /// Which were held back before.
+    const sigset_t& earlier() const { return earlier_; }
+
+  private:
+    sigset_t held_{};
+    sigset_t earlier_{};
+};
+
+/// The same, for a process that looks what came.
+class awaited_signals {
+  public:
+    awaited_signals();
+
+    /// Readable, for poll(), once a signal has come.
+    int descriptor() const { return arrivals_.get(); }
+    /// The next one that has come; 0 where there is none.
+    int take() const;
+    /// In a child: everything is as before.
+    void release() const;
+
+  private:
+    held_back_signals held_back_;
+    unique_fd arrivals_;
+};
+
+} // namespace tarvoctl
