@@ -279,4 +279,11 @@ TEST(Diff, TellsWhatChangedSinceASnapshot) {
     EXPECT_EQ(tarvoctl(machine, {"diff", after, after}).status, 0);
 }
 
+TEST(Diff, ComplainsFirstOfTheFileThatWasNamed) {
+    sandbox machine(simulation);
+    const auto outcome = tarvoctl(machine, {"diff", "/nowhere"});
+    EXPECT_EQ(outcome.status, 3);
+    EXPECT_EQ(outcome.errors, "tarvoctl: /nowhere is not there\n");
+}
+
 } // namespace

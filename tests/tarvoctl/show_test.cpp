@@ -67,8 +67,7 @@ TEST(Show, ANameThatIsNotThereIsAUsageError) {
     machine.start().alloc("chunk", 0x1000);
     const auto outcome = tarvoctl(machine, {"show", "chink"});
     EXPECT_EQ(outcome.status, 2);
-    EXPECT_EQ(outcome.errors,
-              "tarvoctl: no chunk is called 'chink'; similar ones: chunk\n");
+    EXPECT_EQ(outcome.errors, "tarvoctl: no chunk is called 'chink'; similar ones: chunk\n");
 }
 
 } // namespace

@@ -130,9 +130,11 @@ class reference_set {
     }
 
   private:
+    static constexpr std::size_t most_positions = std::size_t{2} * device_capacity;
+
     const device_index& devices_;
     std::vector<int> numbers_;
-    std::bitset<2 * device_capacity> positions_;
+    std::bitset<most_positions> positions_;
 };
 
 bool same_device(const device_record& a, const device_record& b) {

@@ -31,7 +31,7 @@ struct chunk_record {
 
 /// What is on record, at one moment.
 struct picture {
-    dma_window region; ///< of no bytes where the records do not tell
+    dma_window region;                  ///< of no bytes where the records do not tell
     std::vector<chunk_record> chunks;   ///< in list order, which is that of their addresses
     std::vector<device_record> devices; ///< in order of registration
     /// Why the region is not known, or a list could not be read to its end; what was read before

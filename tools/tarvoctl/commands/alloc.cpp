@@ -44,9 +44,10 @@ void check_existing(const chunk_record* existing, uint32_t size, bool duplicate)
 /// Why the library gave nothing, as far as it can be told behind it.
 failure refusal(uint32_t size, const picture& records) {
     const bool is_cma = find_site().is_cma();
-    if (const auto obstacle = obstacle_to(size, records, is_cma))
+    if (const auto obstacle = obstacle_to(size, records, is_cma)) {
         return {exit_status::finding,
                 fmt::format("no room for {} bytes: {}; see 'tarvoctl map'", size, *obstacle)};
+    }
     if (is_cma) {
         return {exit_status::finding,
                 fmt::format("the kernel driver gave no place for {} bytes", size)};
