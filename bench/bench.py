@@ -153,7 +153,7 @@ class Contest:
         print(report.line_of(result), flush=True)
 
     def libraries(self, place: Place, setup: str) -> dict[str, Worker]:
-        """All three on one region, which the first sets up."""
+        """All libraries on one region, which the first sets up."""
         workers = {who: place.worker(program) for who, program in LIBRARIES.items()}
         workers["tarvo"].ask(setup)
         for one in workers.values():

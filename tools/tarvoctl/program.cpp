@@ -6,7 +6,6 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
-#include <charconv>
 #include <cstdio>
 #include <fmt/format.h>
 
@@ -33,18 +32,6 @@ std::string usage_text(const CLI::App& parser, const CLI::ParseError& wrong) {
     if (parser.get_subcommands().empty() && !unknown.empty())
         return fmt::format("'{}' is no command", shown(unknown.front()));
     return one_line(wrong.what());
-}
-
-/// A size's unit as a factor; 0 for what is none.
-uint64_t factor_of(std::string_view unit) {
-    constexpr uint64_t step = 1024;
-    if (unit.empty())
-        return 1;
-    if (unit == "K" || unit == "k" || unit == "KiB")
-        return step;
-    if (unit == "M" || unit == "m" || unit == "MiB")
-        return step * step;
-    return unit == "G" || unit == "g" || unit == "GiB" ? step * step * step : 0;
 }
 
 } // namespace
@@ -91,22 +78,6 @@ int program::run(int argc, char** argv) {
     } catch (const std::exception& wrong) {
         return tell(wrong, exit_status::unreadable);
     }
-}
-
-uint64_t parse_size(const std::string& text, const std::string& what) {
-    const bool hexadecimal = text.starts_with("0x") || text.starts_with("0X");
-    const char* const first = text.data() + (hexadecimal ? 2 : 0);
-    const char* const last = text.data() + text.size();
-    uint64_t number = 0;
-    const auto [end, error] = std::from_chars(first, last, number, hexadecimal ? 16 : 10);
-    const uint64_t factor = factor_of({end, static_cast<std::size_t>(last - end)});
-    uint64_t bytes = 0;
-    if (error != std::errc{} || factor == 0 || __builtin_mul_overflow(number, factor, &bytes)) {
-        throw failure{
-            exit_status::usage,
-            fmt::format("{} '{}' is no size; write it as 4096, 64K, 2M, 1G or 0x1000", what, text)};
-    }
-    return bytes;
 }
 
 } // namespace tarvoctl

@@ -3,7 +3,6 @@
 #include "command_words.hpp"
 #include "exit_status.hpp"
 
-#include <cstdint>
 #include <functional>
 #include <memory>
 #include <string>
@@ -39,8 +38,5 @@ class program {
 inline constexpr const char* looking = "Looking";
 inline constexpr const char* changing = "Changing";
 inline constexpr const char* mending = "Checking and mending";
-
-/// Reads a size such as 64K, 2M, 0x1000: throws failure with `what` in its text.
-uint64_t parse_size(const std::string& text, const std::string& what);
 
 } // namespace tarvoctl

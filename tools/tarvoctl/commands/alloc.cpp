@@ -1,9 +1,9 @@
-#include "area/new_chunk.hpp"
 #include "commands/commands.hpp"
 #include "failure.hpp"
 #include "host/area_source.hpp"
 #include "library/arguments.hpp"
 #include "library/library_call.hpp"
+#include "library/new_chunk.hpp"
 #include "library/ready_area.hpp"
 #include "output/json.hpp"
 #include "output/text.hpp"
@@ -102,7 +102,7 @@ exit_status call_alloc(const alloc_options& options, uint32_t size, const pictur
 
 exit_status alloc(const alloc_options& options) {
     check_new_name(options.name);
-    const uint32_t size = parse_chunk_size(options.size);
+    const uint32_t size = parse_chunk_size(options.size, "SIZE");
     const picture before = ready_or_new_area(options.timeout);
     const chunk_record* const existing = before.find(options.name);
     check_existing(existing, size, options.duplicate);

@@ -1,5 +1,5 @@
 #include "commands/commands.hpp"
-#include "host/diagnosis.hpp"
+#include "doctor/diagnosis.hpp"
 #include "output/json.hpp"
 #include "output/screen.hpp"
 #include "program.hpp"

@@ -24,13 +24,12 @@ struct iommu_options {
 /// One request has less than 2 GiB. Its end needs no look: a region of that size ends below 4 GiB as
 /// devices see it, whether it lies there or is seen from 0x20000000 on.
 void check_region(const dma_window& region) {
-    constexpr uint64_t too_large = 1ULL << 31U;
     const uint64_t bytes = region.end_pa - region.first_pa;
-    if (bytes >= too_large) {
+    if (bytes >= most_bytes_for_devices) {
         throw failure{exit_status::finding,
                       fmt::format("the region has {} bytes; only one of less than {} can be mapped "
                                   "whole. 'tarvoctl register' maps each chunk",
-                                  bytes, too_large)};
+                                  bytes, most_bytes_for_devices)};
     }
 }
 

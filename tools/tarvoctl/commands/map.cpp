@@ -1,8 +1,9 @@
 #include "area/gaps.hpp"
-#include "area/new_chunk.hpp"
 #include "commands/commands.hpp"
 #include "failure.hpp"
 #include "host/new_file.hpp"
+#include "library/arguments.hpp"
+#include "library/new_chunk.hpp"
 #include "output/json.hpp"
 #include "output/region_bar.hpp"
 #include "output/screen.hpp"
@@ -12,7 +13,6 @@
 
 #include <fmt/format.h>
 #include <memory>
-#include <unistd.h>
 
 namespace tarvoctl {
 
@@ -37,13 +37,7 @@ struct fit_answer {
 
 fit_answer fit_of(const map_options& options, const picture& records,
                   const std::vector<gap>& gaps) {
-    const auto page_bytes = static_cast<uint32_t>(::sysconf(_SC_PAGESIZE));
-    const uint64_t asked = parse_size(options.fit, "--fit");
-    if (asked == 0 || asked > UINT32_MAX - page_bytes + 1) {
-        throw failure{exit_status::usage, fmt::format("--fit: a chunk has 1 to {} bytes, not {}",
-                                                      UINT32_MAX - page_bytes + 1, options.fit)};
-    }
-    const uint32_t size = rounded_size(asked, page_bytes);
+    const uint32_t size = parse_chunk_size(options.fit, "--fit");
     fit_answer answer{size, options.cma || (options.source.is_live() && find_site().is_cma()),
                       std::nullopt, std::nullopt};
     answer.obstacle = obstacle_to(size, records, answer.driver_chooses);

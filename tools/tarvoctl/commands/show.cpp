@@ -1,6 +1,6 @@
 #include "area/gaps.hpp"
-#include "area/named_chunks.hpp"
 #include "commands/commands.hpp"
+#include "commands/named_chunks.hpp"
 #include "failure.hpp"
 #include "host/mappings.hpp"
 

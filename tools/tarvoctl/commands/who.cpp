@@ -1,5 +1,5 @@
-#include "area/named_chunks.hpp"
 #include "commands/commands.hpp"
+#include "commands/named_chunks.hpp"
 #include "host/mappings.hpp"
 #include "output/json.hpp"
 #include "output/process_text.hpp"

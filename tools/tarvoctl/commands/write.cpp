@@ -1,5 +1,5 @@
-#include "area/named_chunks.hpp"
 #include "commands/commands.hpp"
+#include "commands/named_chunks.hpp"
 #include "failure.hpp"
 #include "host/area_source.hpp"
 #include "library/arguments.hpp"

@@ -7,7 +7,6 @@
 
 #include <chrono>
 #include <memory>
-#include <optional>
 #include <string>
 
 namespace tarvoctl {
@@ -36,8 +35,8 @@ void check_built(const shared_area_t& area, const std::string& path);
 /// What check_area() holds the live area against.
 check_options options_here(const site& here);
 
-/// The same of a live area that is here. Throws failure when it is not all there: too short, or not
-/// built yet.
+/// An area's file, live or a copy, mapped. Throws failure when it cannot be opened or is too short;
+/// whether it is built is the caller's to ask.
 class mapped_area {
   public:
     enum class access { read, write };

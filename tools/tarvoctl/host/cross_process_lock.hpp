@@ -16,7 +16,7 @@ inline constexpr std::chrono::milliseconds longest_timeout = std::chrono::hours{
 class cross_process_lock {
   public:
     /// Waits in the same queue as everybody else, but not longer than `timeout`. Throws failure:
-    /// timed_out, with the holder's name, or unreadable.
+    /// timed_out, which names the lock file, or unreadable.
     cross_process_lock(const std::vector<std::string>& files, std::chrono::milliseconds timeout);
 
   private:

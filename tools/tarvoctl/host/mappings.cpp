@@ -116,6 +116,17 @@ std::optional<pa_window> shown_of(const region_mapping& mapping, uint64_t pa, ui
     return both.pa < both.end_pa ? std::optional{both} : std::nullopt;
 }
 
+std::vector<pid_t> holders_of(const chunk_record& chunk, const mapped_memory& memory) {
+    std::vector<pid_t> found;
+    for (const auto& mapping : memory.mappings) {
+        if (shown_of(mapping, chunk.pa, chunk.end_pa()))
+            found.push_back(mapping.pid);
+    }
+    std::sort(found.begin(), found.end());
+    found.erase(std::unique(found.begin(), found.end()), found.end());
+    return found;
+}
+
 bool shows_all_of(const region_mapping& mapping, const dma_window& region) {
     return mapping.pa <= region.first_pa && region.end_pa <= mapping.end_pa();
 }

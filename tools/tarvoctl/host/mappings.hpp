@@ -54,6 +54,9 @@ struct pa_window {
 /// What a mapping shows of the bytes from `pa` on; nothing where it shows none of them.
 std::optional<pa_window> shown_of(const region_mapping& mapping, uint64_t pa, uint64_t end_pa);
 
+/// The processes that have some of a chunk mapped, in ascending order.
+std::vector<pid_t> holders_of(const chunk_record& chunk, const mapped_memory& memory);
+
 /// Whether a mapping shows the whole region, as tarvo_map_all() makes it.
 bool shows_all_of(const region_mapping& mapping, const dma_window& region);
 

@@ -3,7 +3,6 @@
 #include "area/gaps.hpp"
 #include "failure.hpp"
 #include "output/text.hpp"
-#include "program.hpp"
 #include "shared/layout.hpp"
 
 #include <algorithm>
@@ -43,6 +42,18 @@ std::string_view take_behind(std::string_view& text, char mark) {
     return behind;
 }
 
+/// A size's unit as a factor; 0 for what is none.
+uint64_t factor_of(std::string_view unit) {
+    constexpr uint64_t step = 1024;
+    if (unit.empty())
+        return 1;
+    if (unit == "K" || unit == "k" || unit == "KiB")
+        return step;
+    if (unit == "M" || unit == "m" || unit == "MiB")
+        return step * step;
+    return unit == "G" || unit == "g" || unit == "GiB" ? step * step * step : 0;
+}
+
 } // namespace
 
 void check_chunk_name(const std::string& name) {
@@ -63,12 +74,28 @@ void check_new_name(const std::string& name) {
     }
 }
 
-uint32_t parse_chunk_size(const std::string& text) {
+uint64_t parse_size(const std::string& text, const std::string& what) {
+    const bool hexadecimal = text.starts_with("0x") || text.starts_with("0X");
+    const char* const first = text.data() + (hexadecimal ? 2 : 0);
+    const char* const last = text.data() + text.size();
+    uint64_t number = 0;
+    const auto [end, error] = std::from_chars(first, last, number, hexadecimal ? 16 : 10);
+    const uint64_t factor = factor_of({end, static_cast<std::size_t>(last - end)});
+    uint64_t bytes = 0;
+    if (error != std::errc{} || factor == 0 || __builtin_mul_overflow(number, factor, &bytes)) {
+        throw failure{
+            exit_status::usage,
+            fmt::format("{} '{}' is no size; write it as 4096, 64K, 2M, 1G or 0x1000", what, text)};
+    }
+    return bytes;
+}
+
+uint32_t parse_chunk_size(const std::string& text, const std::string& what) {
     const auto page_bytes = static_cast<uint32_t>(::sysconf(_SC_PAGESIZE));
     const uint32_t most = UINT32_MAX - page_bytes + 1; // in whole pages; what is more wraps
-    const uint64_t bytes = parse_size(text, "SIZE");
+    const uint64_t bytes = parse_size(text, what);
     if (bytes == 0 || bytes > most)
-        refuse(fmt::format("SIZE '{}' is {} bytes; a chunk has 1 to {}", text, bytes, most));
+        refuse(fmt::format("{} '{}' is {} bytes; a chunk has 1 to {}", what, text, bytes, most));
     return rounded_size(bytes, page_bytes);
 }
 

@@ -17,8 +17,11 @@ void check_chunk_name(const std::string& name);
 /// programs that read them would take it for a chunk without.
 void check_new_name(const std::string& name);
 
+/// A size or an offset in bytes, such as 64K, 2M, 0x1000; `what` stands for it in the failure's text.
+uint64_t parse_size(const std::string& text, const std::string& what);
+
 /// A size that a chunk can have, "64K": rounded up to whole pages.
-uint32_t parse_chunk_size(const std::string& text);
+uint32_t parse_chunk_size(const std::string& text, const std::string& what);
 
 /// "0x80" or "128", at most `most`; `what` stands for it in the failure's text.
 uint64_t parse_number(const std::string& text, const std::string& what, uint64_t most);

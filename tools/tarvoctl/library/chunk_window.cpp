@@ -1,8 +1,8 @@
 #include "library/chunk_window.hpp"
 
 #include "failure.hpp"
+#include "library/arguments.hpp"
 #include "output/text.hpp"
-#include "program.hpp"
 #include "tarvo.h"
 
 #include <fmt/format.h>

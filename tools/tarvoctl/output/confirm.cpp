@@ -15,4 +15,15 @@ bool confirmed(const std::string& question) {
     return answer == "y" || answer == "yes";
 }
 
+bool may_change(const std::vector<std::string>& effects, bool force, const std::string& question) {
+    for (const auto& effect : effects)
+        fmt::print(stderr, "tarvoctl: {}\n", effect);
+    if (force || (effects.empty() && ::isatty(STDIN_FILENO) == 0))
+        return true;
+    if (confirmed(question))
+        return true;
+    fmt::print(stderr, "tarvoctl: nothing was changed; --force does it without asking\n");
+    return false;
+}
+
 } // namespace tarvoctl

@@ -1,7 +1,6 @@
 #include "output/top_page.hpp"
 
 #include "area/gaps.hpp"
-#include "library/holders.hpp"
 #include "output/region_bar.hpp"
 #include "output/table.hpp"
 #include "output/text.hpp"

@@ -1,4 +1,4 @@
-#include "area/new_chunk.hpp"
+#include "library/new_chunk.hpp"
 
 #include "area/gaps.hpp"
 #include "output/text.hpp"

@@ -1,6 +1,6 @@
 #include "common/unique_fd.hpp"
+#include "doctor/diagnosis.hpp"
 #include "failure.hpp"
-#include "host/diagnosis.hpp"
 #include "output/text.hpp"
 #include "shared/paths.hpp"
 #include "shared/region_line.hpp"
@@ -30,7 +30,6 @@ std::string without_newline(const char* text) {
 }
 
 void diagnose_region_bounds(const region_line& line, health_report& report) {
-    constexpr uint64_t half_of_32_bits = uint64_t{1} << 31U;
     const std::string subject = paths::region_driver;
     const uint64_t bytes = line.last_pa + 1 - line.first_pa;
     if (line.first_pa == 0 || line.last_pa <= line.first_pa) {
@@ -51,7 +50,7 @@ void diagnose_region_bounds(const region_line& line, health_report& report) {
                    fmt::format("region \"{}\" from {:#x} to {:#x}, {} bytes{}", line.name,
                                line.first_pa, line.last_pa, bytes,
                                line.is_cma() ? "; the kernel places the chunks" : ""));
-        if (bytes >= half_of_32_bits) {
+        if (bytes >= most_bytes_for_devices) {
             report.add(verdict::note, subject,
                        "of 2 GiB and more: it cannot be mapped for a device as a whole");
         }

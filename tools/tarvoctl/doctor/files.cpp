@@ -1,4 +1,4 @@
-#include "host/diagnosis.hpp"
+#include "doctor/diagnosis.hpp"
 #include "host/simulated_region.hpp"
 #include "output/text.hpp"
 #include "shared/layout.hpp"

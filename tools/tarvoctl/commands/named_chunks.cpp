@@ -1,4 +1,4 @@
-#include "area/named_chunks.hpp"
+#include "commands/named_chunks.hpp"
 
 #include "failure.hpp"
 #include "output/text.hpp"

@@ -1,7 +1,7 @@
 #include "area/check_record.hpp"
+#include "doctor/diagnosis.hpp"
 #include "failure.hpp"
 #include "host/area_source.hpp"
-#include "host/diagnosis.hpp"
 #include "shared/paths.hpp"
 
 #include <fmt/format.h>

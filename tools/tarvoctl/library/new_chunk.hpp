@@ -8,9 +8,6 @@
 
 namespace tarvoctl {
 
-/// Larger chunks cannot be mapped for devices.
-inline constexpr uint32_t most_bytes_for_devices = 1U << 31U;
-
 /// Why no new chunk of that size, in whole pages, can be had because of a device; nothing where it
 /// can. The library would end the process at the attempt.
 std::optional<std::string> device_obstacle(uint32_t size, const picture& records);

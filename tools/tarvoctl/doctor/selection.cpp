@@ -1,4 +1,4 @@
-#include "host/diagnosis.hpp"
+#include "doctor/diagnosis.hpp"
 #include "shared/paths.hpp"
 
 #include <algorithm>

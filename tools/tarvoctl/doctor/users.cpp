@@ -1,4 +1,4 @@
-#include "host/diagnosis.hpp"
+#include "doctor/diagnosis.hpp"
 #include "host/processes.hpp"
 #include "output/lock_text.hpp"
 #include "output/process_text.hpp"
