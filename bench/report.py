@@ -8,6 +8,7 @@ from typing import Any
 
 from goals import goals_of
 
+
 def ratio(result: Any, who: str) -> float | None:
     """How many times as long as the library that one takes."""
     medians = result.medians()
