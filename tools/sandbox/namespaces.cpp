@@ -65,8 +65,13 @@ namespaces namespaces::create() {
         made.user_ = open_namespace(user_path);
     }
     // Without this the mounts would appear outside as well.
-    if (::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0)
+    if (::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
+        if (errno == EINVAL) {
+            throw failure{"cannot make the mounts private: / is no mount point, as in a plain "
+                          "chroot; 'mount --bind DIR DIR' before chroot makes DIR one"};
+        }
         throw failed_call("cannot make the mounts private");
+    }
     made.mount_ = open_namespace(mount_path);
     return made;
 }
