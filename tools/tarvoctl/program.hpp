@@ -23,6 +23,14 @@ class program {
     command_words add(const std::string& name, const std::string& about, const std::string& group,
                       action run);
 
+    /// The same for one that runs with options, which its words fill in.
+    template <typename Options>
+    command_words add(const std::string& name, const std::string& about, const std::string& group,
+                      const std::shared_ptr<Options>& options,
+                      exit_status (*carry_out)(const Options&)) {
+        return add(name, about, group, [options, carry_out] { return carry_out(*options); });
+    }
+
     /// Parses, carries the command out, and says how the program ends. Failures are told on
     /// standard error.
     int run(int argc, char** argv);

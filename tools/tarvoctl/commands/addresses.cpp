@@ -150,8 +150,7 @@ using question = exit_status (*)(const address_options&);
 
 command_words add_question(program& to, const char* name, const char* purpose,
                            const std::shared_ptr<address_options>& options, question answer) {
-    command_words command =
-        to.add(name, purpose, looking, [options, answer] { return answer(*options); });
+    command_words command = to.add(name, purpose, looking, options, answer);
     command.json(options->json);
     command.source(options->source);
     return command;

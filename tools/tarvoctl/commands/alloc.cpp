@@ -117,7 +117,7 @@ void add_alloc(program& to) {
     const auto options = std::make_shared<alloc_options>();
     command_words command =
         to.add("alloc", "get the chunk of a name: the one there is, or a new one", changing,
-               [options] { return alloc(*options); });
+               options, alloc);
     command.word("NAME", options->name, "1 to 49 bytes");
     command.word("SIZE", options->size, "such as 64K, 2M, 0x1000; whole pages are taken");
     command.option("--creator", "TEXT", options->creator,

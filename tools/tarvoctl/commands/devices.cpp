@@ -97,8 +97,8 @@ exit_status devices(const devices_options& options) {
 void add_devices(program& to) {
     const auto options = std::make_shared<devices_options>();
     command_words command =
-        to.add("devices", "the registered devices and how many chunks each sees", looking,
-               [options] { return devices(*options); });
+        to.add("devices", "the registered devices and how many chunks each sees", looking, options,
+               devices);
     command.json(options->json);
     command.source(options->source);
 }

@@ -45,8 +45,8 @@ exit_status diff(const diff_options& options) {
 
 void add_diff(program& to) {
     const auto options = std::make_shared<diff_options>();
-    command_words command = to.add("diff", "what changed between two snapshots, or since one",
-                                   looking, [options] { return diff(*options); });
+    command_words command =
+        to.add("diff", "what changed between two snapshots, or since one", looking, options, diff);
     command.word("A", options->before.file, "the snapshot from before");
     command.optional_word("B", options->after.file, "the one from after; left out: the live area");
     command.json(options->json);

@@ -49,8 +49,8 @@ exit_status dump(const dump_options& options) {
 
 void add_dump(program& to) {
     const auto options = std::make_shared<dump_options>();
-    command_words command = to.add("dump", "the library's own listing, byte for byte", looking,
-                                   [options] { return dump(*options); });
+    command_words command =
+        to.add("dump", "the library's own listing, byte for byte", looking, options, dump);
     command.timeout(options->timeout);
 }
 

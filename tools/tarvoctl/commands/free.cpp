@@ -111,7 +111,7 @@ void add_free(program& to) {
     const auto options = std::make_shared<free_options>();
     command_words command =
         to.add("free", "free the chunk of a name, for everybody; tells who has it and asks",
-               changing, [options] { return free_chunk(*options); });
+               changing, options, free_chunk);
     command.word("NAME", options->name, "the lowest chunk of that name");
     command.flag("--force", options->force, "do not ask");
     command.json(options->json);

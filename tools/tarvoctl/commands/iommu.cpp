@@ -79,8 +79,7 @@ exit_status iommu_unmap(const iommu_options& options) {
 command_words add_request(program& to, const char* name, const char* purpose,
                           const std::shared_ptr<iommu_options>& options,
                           exit_status (*run)(const iommu_options&)) {
-    command_words command =
-        to.add(name, purpose, changing, [options, run] { return run(*options); });
+    command_words command = to.add(name, purpose, changing, options, run);
     command.word("DEVICE", options->device, "such as 0000:03:00.0 or 03:00.0");
     command.timeout(options->timeout);
     return command;

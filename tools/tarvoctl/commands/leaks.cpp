@@ -173,7 +173,7 @@ void add_leaks(program& to) {
     const auto options = std::make_shared<leaks_options>();
     command_words command =
         to.add("leaks", "chunks that nobody seems to need any more; frees nothing", looking,
-               [options] { return leaks(*options); });
+               options, leaks);
     command.json(options->json);
     command.timeout(options->timeout);
 }

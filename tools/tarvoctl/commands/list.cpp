@@ -145,8 +145,8 @@ exit_status list(const list_options& options) {
 
 void add_list(program& to) {
     const auto options = std::make_shared<list_options>();
-    command_words command = to.add("list", "the chunks, in ascending address", looking,
-                                   [options] { return list(*options); });
+    command_words command =
+        to.add("list", "the chunks, in ascending address", looking, options, list);
     command.list("-o,--columns", "COLUMNS", options->columns,
                  "which, as in name,size: index, name, dma, pa, size, creator, devices");
     command.choice("--sort", "KEY", {"pa", "dma", "name", "size", "creator", "index"},

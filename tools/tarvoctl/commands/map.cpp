@@ -163,8 +163,8 @@ exit_status map(const map_options& options) {
 
 void add_map(program& to) {
     const auto options = std::make_shared<map_options>();
-    command_words command = to.add("map", "a picture of the region: chunks and gaps to scale",
-                                   looking, [options] { return map(*options); });
+    command_words command =
+        to.add("map", "a picture of the region: chunks and gaps to scale", looking, options, map);
     command.option("--fit", "SIZE", options->fit, "would a chunk of that size fit, and where?");
     command.flag("--cma", options->cma, "with --fit: the copy is of a CMA region");
     command.option("--svg", "FILE", options->svg_file, "write the picture to this file, too");

@@ -47,8 +47,8 @@ exit_status read_chunk(const read_options& options) {
 
 void add_read(program& to) {
     const auto options = std::make_shared<read_options>();
-    command_words command = to.add("read", "what is in a chunk, as a hex dump or raw", looking,
-                                   [options] { return read_chunk(*options); });
+    command_words command =
+        to.add("read", "what is in a chunk, as a hex dump or raw", looking, options, read_chunk);
     command.word("NAME", options->name, "the lowest chunk of that name");
     command.option("--offset", "SIZE", options->offset, "first byte within the chunk");
     command.option("--size", "SIZE", options->size, "how many bytes; left out: to the chunk's end");

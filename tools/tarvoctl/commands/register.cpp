@@ -170,8 +170,7 @@ exit_status unregister_device(const register_options& options) {
 command_words add_registration(program& to, const char* name, const char* purpose,
                                const std::shared_ptr<register_options>& options,
                                exit_status (*run)(const register_options&)) {
-    command_words command =
-        to.add(name, purpose, changing, [options, run] { return run(*options); });
+    command_words command = to.add(name, purpose, changing, options, run);
     command.word("DEVICE", options->device, "such as 0000:03:00.0 or 03:00.0");
     command.json(options->json);
     command.timeout(options->timeout);

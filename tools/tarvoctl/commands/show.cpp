@@ -159,7 +159,7 @@ exit_status show(const show_options& options) {
 void add_show(program& to) {
     const auto options = std::make_shared<show_options>();
     command_words command = to.add("show", "one chunk in full, with its neighbours and its users",
-                                   looking, [options] { return show(*options); });
+                                   looking, options, show);
     command.word("NAME", options->name, "the chunk");
     command.json(options->json);
     command.source(options->source);

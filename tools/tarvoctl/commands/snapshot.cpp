@@ -28,8 +28,8 @@ exit_status snapshot(const snapshot_options& options) {
 
 void add_snapshot(program& to) {
     const auto options = std::make_shared<snapshot_options>();
-    command_words command = to.add("snapshot", "a consistent copy of the area, for later", looking,
-                                   [options] { return snapshot(*options); });
+    command_words command =
+        to.add("snapshot", "a consistent copy of the area, for later", looking, options, snapshot);
     command.word("FILE", options->file, "the copy, which must not be there yet");
     command.flag("--force", options->force, "replace a file that is there");
     command.source(options->source);

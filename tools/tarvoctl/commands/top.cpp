@@ -83,7 +83,7 @@ void add_top(program& to) {
     const auto options = std::make_shared<top_options>();
     command_words command =
         to.add("top", "the region, its chunks and devices on the whole screen, as they change",
-               looking, [options] { return top(*options); });
+               looking, options, top);
     command.interval(options->interval);
     command.timeout(options->timeout);
 }

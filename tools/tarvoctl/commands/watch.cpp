@@ -190,8 +190,8 @@ exit_status watch(const watch_options& options) {
 
 void add_watch(program& to) {
     const auto options = std::make_shared<watch_options>();
-    command_words command = to.add("watch", "changes of chunks and devices as they happen", looking,
-                                   [options] { return watch(*options); });
+    command_words command =
+        to.add("watch", "changes of chunks and devices as they happen", looking, options, watch);
     command.flag("--json", options->json, "for programs: one JSON object a line");
     command.interval(options->interval);
     command.timeout(options->timeout);

@@ -251,7 +251,7 @@ void add_who(program& to) {
     const auto options = std::make_shared<who_options>();
     command_words command =
         to.add("who", "the processes that have chunks mapped, and what they see of them", looking,
-               [options] { return who(*options); });
+               options, who);
     command.optional_word("NAME", options->name, "this chunk alone");
     command.json(options->json);
     command.timeout(options->timeout);

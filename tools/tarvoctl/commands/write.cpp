@@ -109,8 +109,7 @@ exit_status fill_chunk(const write_options& options) {
 command_words add_writer(program& to, const char* name, const char* purpose,
                          const std::shared_ptr<write_options>& options,
                          exit_status (*run)(const write_options&)) {
-    command_words command =
-        to.add(name, purpose, changing, [options, run] { return run(*options); });
+    command_words command = to.add(name, purpose, changing, options, run);
     command.word("NAME", options->name, "the lowest chunk of that name");
     command.option("--offset", "SIZE", options->offset, "first byte within the chunk");
     command.timeout(options->timeout);

@@ -93,6 +93,17 @@ void diagnose_locks(const lock_picture& locks, process_table& processes, health_
     }
 }
 
+/// A file that was removed from under its path, and what that means for those who still use it.
+void diagnose_removed(const std::string& path, const std::vector<pid_t>& users, const char* meaning,
+                      process_table& processes, health_report& report) {
+    if (users.empty())
+        return;
+    report.add(verdict::error, path,
+               fmt::format("was removed under processes that still use the removed one, and {}: {}",
+                           meaning, processes_text(users, processes)),
+               "restart them");
+}
+
 } // namespace
 
 void diagnose_users(const site& here, health_report& report) {
@@ -101,20 +112,10 @@ void diagnose_users(const site& here, health_report& report) {
     process_table processes;
     diagnose_locks(locks, processes, report);
     diagnose_sides(here, memory, locks, processes, report);
-    if (!memory.users_of_removed.empty()) {
-        report.add(verdict::error, here.area,
-                   "was removed under processes that still use the removed one, and share nothing "
-                   "with those that start now: " +
-                       processes_text(memory.users_of_removed, processes),
-                   "restart them");
-    }
-    if (!memory.users_of_removed_memory.empty()) {
-        report.add(verdict::error, here.memory,
-                   "was removed under processes that still use the removed one, and do not see "
-                   "what those that start now write to a chunk: " +
-                       processes_text(memory.users_of_removed_memory, processes),
-                   "restart them");
-    }
+    diagnose_removed(here.area, memory.users_of_removed, "share nothing with those that start now",
+                     processes, report);
+    diagnose_removed(here.memory, memory.users_of_removed_memory,
+                     "do not see what those that start now write to a chunk", processes, report);
     if (!memory.is_complete())
         report.add(verdict::note, "processes", unseen_text(memory, processes));
 }
