@@ -79,6 +79,10 @@ static_assert(std::is_same_v<std::ranges::range_value_t<tarvo::chunk_range>, tar
 static_assert(std::derived_from<tarvo::listed_chunk, tarvo::chunk>);
 static_assert(std::derived_from<tarvo::listed_device, tarvo::device>);
 
+// Programs keep a code in an int, with 0 for success: no error may look like that.
+static_assert(static_cast<int>(tarvo::error_code::bad_name) == 1);
+static_assert(static_cast<int>(tarvo::error_code::damaged) == 17);
+
 // Nothing throws.
 constexpr std::string_view no_text;
 static_assert(noexcept(tarvo::allocate(no_text, 1_B, no_text)) && noexcept(tarvo::map({})));
