@@ -52,8 +52,10 @@ foreach(tool tarvo-sandbox tarvoctl)
 endforeach()
 
 # What there is of text, by its kind. A folder is asked again whenever something is built.
+set(python_manual ${PROJECT_SOURCE_DIR}/man/tarvo_py.3) # comes with the Python package
 function(install_matching destination component)
     file(GLOB_RECURSE files CONFIGURE_DEPENDS ${ARGN})
+    list(REMOVE_ITEM files ${python_manual})
     install(FILES ${files} DESTINATION ${destination} COMPONENT ${component})
 endfunction()
 
@@ -97,6 +99,7 @@ endif()
 if(TARVO_PYTHON_DIR)
     install(DIRECTORY python/tarvo DESTINATION ${TARVO_PYTHON_DIR} COMPONENT python
         PATTERN "__pycache__" EXCLUDE)
+    install(FILES ${python_manual} DESTINATION ${CMAKE_INSTALL_MANDIR}/man3 COMPONENT python)
 else()
     tarvo_left_out("installing the Python package" python3)
 endif()
