@@ -1,7 +1,29 @@
 # SPDX-License-Identifier: MIT
 """Named chunks of one reserved, physically contiguous memory region that devices reach by DMA.
 
-The calls of libtarvo, with the conventions and caveats of tarvo.h::
+Chunks:
+    allocate(name, size, creator)   the Chunk of that name and size; a new one is zero
+    allocated(name, size, creator)  the same in a with statement, freed at its end
+    find_chunk(name)                the Chunk of that name
+    find_address(dma)               the Chunk that a DMA address lies in
+    free_chunk(name)                frees the chunk of that name, for all processes
+    chunks()                        all there are
+
+PCI devices:
+    register_device(device)         keeps all chunks mapped for a Device
+    registered(device)              the same in a with statement, until its end
+    unregister_device(device)       undoes it
+    devices()                       all that are registered
+    iommu_map(device, access)       maps the whole region for a Device; Access says how
+    iommu_unmap(device)             undoes it
+
+The region:
+    get_limits()                    where it lies, as Limits
+    get_overhead()                  bytes that the bookkeeping takes
+    dma_to_pa(dma)                  the PhysicalAddress of a DMA address
+    pa_to_dma(pa)                   the DmaAddress of a physical address
+
+help(tarvo.allocate) and so on tell results and errors, tarvo_py(3) all of it in one page::
 
     import tarvo
 
@@ -10,11 +32,13 @@ The calls of libtarvo, with the conventions and caveats of tarvo.h::
             memory.view[:4] = b"ping"
             print(f"DMA address {ring.dma:#x}")
 
-- Every failure is a TarvoError. Arguments for which the C call would end the process raise
-  BadArgument before the call. What is left of that is said with each call: a driver that refuses a
-  new chunk, and damaged records.
-- A mapping's `view` is a writable memoryview; numpy.frombuffer(memory.view) wraps it without a copy
-  (NumPy 1.20 and later).
+- Chunk.map() gives a Mapping, whose `view` is a writable memoryview; numpy.frombuffer(memory.view)
+  wraps it without a copy (NumPy 1.20 and later). WholeRegion() maps the whole region.
+- Listing gives chunks and devices in one consistent picture, and holds the lock meanwhile.
+- Every failure is a TarvoError: BadArgument, Changed, Damaged, ListingOpen, MappingInUse, NoRoom,
+  NotFound, NotLocked, NotRegistered, NotStarted, Refused, SizeMismatch or TooManyDevices. Arguments
+  for which the C call would end the process raise BadArgument before the call. What still ends it
+  is said with each call: a driver that refuses a new chunk, and damaged records.
 - Threads may call at the same time: the calls wait for each other. A child of fork() must not use
   the library beside its parent.
 - tarvo.area reads area files after the fact, without the library.

@@ -5,7 +5,7 @@ from __future__ import annotations
 
 import contextlib
 import enum
-from typing import Iterator
+from typing import Iterator, List
 
 from ._checks import LARGEST_CHUNK, MOST_DEVICES, number
 from ._library import calls, library
@@ -26,7 +26,14 @@ __all__ = [
 _NOT_REGISTERED = -2  # of tarvo_unregister_device()
 
 
-class Access(enum.IntFlag):
+class _ListedByMembers(enum.EnumMeta):
+    """For help() and dir(): the members alone, not the hundred methods that every int has."""
+
+    def __dir__(cls) -> List[str]:
+        return list(cls.__members__)
+
+
+class Access(enum.IntFlag, metaclass=_ListedByMembers):
     """What a device may do with the whole region."""
 
     NONE = 0
