@@ -8,6 +8,7 @@ namespace {
 
 constexpr int first = 2;
 constexpr int second = 3;
+constexpr int third = 4;
 
 class Damage : public ::testing::Test {
   protected:
@@ -157,11 +158,118 @@ TEST_F(Damage, WhatCannotBeReadIsNotToldAsFreed) {
     const auto since = tarvoctl(machine, {"diff", before});
     EXPECT_EQ(since.status, 4);
     EXPECT_EQ(since.output, "");
-    EXPECT_EQ(since.errors, "tarvoctl: " + why +
-                                "\ntarvoctl: not everything could be read; see 'tarvoctl check'\n");
+    EXPECT_EQ(since.errors,
+              "tarvoctl: " + why + "\ntarvoctl: the area is damaged; see 'tarvoctl check'\n");
     const auto document = json_of(tarvoctl(machine, {"diff", before, "--json"}));
     EXPECT_EQ(document.at("changes").size(), 0U);
     EXPECT_EQ(document.at("damage").at(0), why);
+}
+
+/// Places that the records no longer tell. In the region are "first", "second" and "third", a page
+/// each.
+class UnknownPlaces : public Damage {
+  protected:
+    /// The list breaks off after "first"; "second" and "third" are still in use.
+    void cut_after_first() const { write.i32(area_offset::chunk(first) + area_offset::next, 77); }
+    /// "first" reaches to the end of "second".
+    void overlap() const { write.u32(area_offset::chunk(first) + area_offset::size, 0x2000); }
+
+    tool_outcome run(const std::vector<std::string>& words) { return tarvoctl(machine, words); }
+};
+
+TEST_F(UnknownPlaces, NoPlaceIsPromisedWhereNotAllChunksCouldBeRead) {
+    // It breaks off after "first"; it leads past "second", to which "third" still links back.
+    for (const int next : {77, third}) {
+        write.i32(area_offset::chunk(first) + area_offset::next, next);
+        const auto fit = run({"map", "--fit", "4K"});
+        EXPECT_EQ(fit.status, 4);
+        EXPECT_EQ(fit.output, "4096 bytes: where they would go is not known, because not all "
+                              "chunks could be read\n");
+        EXPECT_TRUE(fit.errors.ends_with("see 'tarvoctl check'\n")) << fit.errors;
+        const auto document = json_of(run({"map", "--fit", "4K", "--json"}));
+        EXPECT_EQ(document.at("fit").at("damage"), "not all chunks could be read");
+        EXPECT_EQ(document.at("fit").at("place"), nullptr);
+        EXPECT_EQ(document.at("free_bytes"), nullptr);
+        EXPECT_EQ(document.at("gaps").size(), 0U);
+    }
+}
+
+TEST_F(UnknownPlaces, UsedMemoryIsNotDrawnAsFree) {
+    cut_after_first();
+    const auto map = run({"map"});
+    EXPECT_EQ(map.status, 4);
+    const auto lines = lines_of(map.output);
+    ASSERT_EQ(lines.size(), 14U) << map.output;
+    EXPECT_EQ(lines[7], "0x0008e000000 |" + std::string(64, '?') + "|");
+    EXPECT_EQ(lines[9], "how much of 256M is free is not known; 1 chunk(s) could be read");
+    EXPECT_EQ(lines[12], "0x080000000    4K  first");
+    EXPECT_EQ(lines[13], "0x080001000  256M  not known");
+    EXPECT_NE(run({"top"}).output.find("\nfree    not known\n"), std::string::npos);
+}
+
+TEST_F(UnknownPlaces, AnAddressIsInNoChunkThatCouldBeRead) {
+    cut_after_first();
+    const auto found = run({"find", "0x80001000"});
+    EXPECT_EQ(found.status, 4);
+    EXPECT_EQ(found.output, "DMA 0x80001000 is in no chunk that could be read\n");
+    const auto shown = run({"show", "first"});
+    EXPECT_NE(shown.output.find("\nabove      not known\n"), std::string::npos) << shown.output;
+    const auto chunk = json_of(run({"show", "first", "--json"})).at("chunks").at(0);
+    EXPECT_EQ(chunk.at("above").at("gap_bytes"), nullptr);
+}
+
+TEST_F(UnknownPlaces, OverlapsAreMarked) {
+    overlap();
+    const auto map = run({"map"});
+    EXPECT_EQ(map.status, 4);
+    EXPECT_EQ(map.errors, "tarvoctl: 'first' and 'second' overlap\n"
+                          "tarvoctl: the area is damaged; see 'tarvoctl check'\n");
+    const auto lines = lines_of(map.output);
+    ASSERT_EQ(lines.size(), 16U) << map.output;
+    EXPECT_EQ(lines[0].substr(15, 2), "!.");
+    EXPECT_EQ(lines[13], "0x080001000    4K  OVERLAP of first and second");
+    const auto overlaps = json_of(run({"map", "--json"})).at("overlaps");
+    ASSERT_EQ(overlaps.size(), 1U);
+    EXPECT_EQ(overlaps[0].at("chunks"), (std::vector<std::string>{"first", "second"}));
+    EXPECT_NE(run({"show", "second"}).output.find("OVERLAPS   first, "), std::string::npos);
+    EXPECT_EQ(run({"map", "--fit", "4K"}).status, 4);
+}
+
+TEST_F(UnknownPlaces, AllOwnersOfAnAddressAreNamed) {
+    overlap();
+    const auto found = run({"find", "0x80001010"});
+    EXPECT_EQ(found.output, "DMA 0x80001010 is in 'first', offset 0x1010 of 0x2000, and in "
+                            "'second', offset 0x10 of 0x1000\n");
+    const auto document = json_of(run({"translate", "--json", "0x80001010"}));
+    EXPECT_EQ(document.at("chunk").at("name"), "first");
+    EXPECT_EQ(document.at("also_in").at(0).at("chunk").at("name"), "second");
+    EXPECT_EQ(document.at("also_in").at(0).at("offset"), 0x10);
+}
+
+TEST_F(UnknownPlaces, ChunksInTheWrongOrderOrOutsideTheRegionPromiseNothing) {
+    write.u64(area_offset::chunk(first) + area_offset::pa, low.start + 0x10000);
+    const auto disorder = run({"map", "--fit", "4K"});
+    EXPECT_EQ(disorder.status, 4);
+    EXPECT_EQ(disorder.errors,
+              "tarvoctl: 'second' lies below 'first' but comes after it on the list\n"
+              "tarvoctl: the area is damaged; see 'tarvoctl check'\n");
+    write.u64(area_offset::chunk(first) + area_offset::pa, 0x1000);
+    const auto outside = run({"map", "--fit", "4K"});
+    EXPECT_EQ(outside.status, 4);
+    EXPECT_EQ(outside.output, "4096 bytes: where they would go is not known, because 'first' does "
+                              "not lie in the region\n");
+}
+
+TEST(OverlapUnderCma, IsMarkedAndNoDamage) {
+    sandbox machine(cma);
+    machine.start({"alloc first 1 me", "alloc second 1 me"});
+    const auto area = machine.writable_area();
+    area.writer().u32(area_offset::chunk(first) + area_offset::size, 0x2000);
+    area.writer().u64(area_offset::chunk(second) + area_offset::pa,
+                      area.view().chunk(first).pa + 0x1000);
+    const auto map = tarvoctl(machine, {"map"});
+    EXPECT_EQ(map.status, 0) << map.errors;
+    EXPECT_NE(map.output.find("OVERLAP of first and second"), std::string::npos) << map.output;
 }
 
 TEST(Unbuilt, AnAreaWithoutChunksIsBuiltByTheFirstCall) {

@@ -98,7 +98,7 @@ TEST(List, ShowsWhatCanBeReadOfADamagedListAndSaysSo) {
     EXPECT_EQ(outcome.output, "first\n");
     EXPECT_EQ(outcome.errors,
               "tarvoctl: the list of chunks is damaged: it leads back to element 2\n"
-              "tarvoctl: not everything could be read; see 'tarvoctl check'\n");
+              "tarvoctl: the area is damaged; see 'tarvoctl check'\n");
 }
 
 TEST(List, WrongWordsAreUsageErrorsThatNameThem) {

@@ -127,9 +127,26 @@ TEST(Schema, EveryCommandKeepsToIt) {
     const auto link = area_offset::chunk(3) + area_offset::next;
     const int32_t sound = machine.area().view().i32(link);
     machine.writable_area().writer().i32(link, 3);
-    for (const char* command : {"list", "check", "map", "devices"})
-        documents.add(json_of(tarvoctl(machine, {command, "--json"})));
+    const std::vector<std::vector<std::string>> looks{{"list"},
+                                                      {"check"},
+                                                      {"map"},
+                                                      {"map", "--fit", "4K"},
+                                                      {"devices"},
+                                                      {"show", "rx_ring"},
+                                                      {"find", "0x20000000"}};
+    for (std::vector<std::string> words : looks) {
+        words.emplace_back("--json");
+        documents.add(json_of(tarvoctl(machine, words)));
+    }
     machine.writable_area().writer().i32(link, sound);
+    // And with chunks that overlap.
+    const auto size = area_offset::chunk(2) + area_offset::size;
+    machine.writable_area().writer().u32(size, 0x20000);
+    for (std::vector<std::string> words : looks) {
+        words.emplace_back("--json");
+        documents.add(json_of(tarvoctl(machine, words)));
+    }
+    machine.writable_area().writer().u32(size, 0x10000);
     for (const auto& line : watched(machine, driver))
         documents.add(line);
     EXPECT_EQ(documents.complaint(), "");

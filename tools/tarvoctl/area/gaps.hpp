@@ -2,11 +2,34 @@
 
 #include "area/records.hpp"
 
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <vector>
 
 namespace tarvoctl {
+
+/// What the records say of some bytes of the region.
+enum class piece_state {
+    free,
+    used,        ///< by one chunk
+    overlapping, ///< by several chunks
+    unknown,     ///< in no chunk that was read, but not all chunks could be
+};
+
+/// Bytes side by side of which the records say the same.
+struct piece {
+    uint64_t pa; ///< of its first byte
+    uint64_t bytes;
+    piece_state state;
+    const chunk_record* owner; ///< null where it is in no chunk; of several the lowest
+    const chunk_record* other; ///< where it is in several: the next one
+    std::size_t owners;        ///< how many chunks it is in
+};
+
+/// The whole region in ascending address, without holes between the pieces, whatever the order of
+/// the records. What chunks claim outside the region is left out.
+std::vector<piece> pieces_of(const picture& records);
 
 /// Free bytes between two neighbours.
 struct gap {
@@ -16,9 +39,8 @@ struct gap {
     const chunk_record* behind; ///< null: the region's end
 };
 
-/// The gaps of the region in ascending address, those of no bytes left out. Chunks that overlap,
-/// which only a CMA region can have, leave none between them.
-std::vector<gap> gaps_of(const picture& region);
+/// The pieces that are free, in ascending address; none where not all chunks could be read.
+std::vector<gap> gaps_of(const picture& records);
 
 struct free_space {
     uint64_t total_bytes = 0;

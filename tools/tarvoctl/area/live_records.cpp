@@ -37,6 +37,7 @@ void live_records::copy(const shared_area_t& area) {
                 copy_chunk(index, chunk);
         })) {
         damage_.push_back("the list of chunks is damaged: " + *why);
+        all_chunks_ = false;
     }
     if (const auto why = walk_list(area.devices, [this](int index, const iommu_dev_t& device) {
             devices_.push_back({index, device});
@@ -94,6 +95,7 @@ picture live_records::to_picture() const {
                                 static_cast<uint32_t>(device.devfn), device.online != 0});
     }
     made.damage = damage_;
+    made.all_chunks = all_chunks_;
     return made;
 }
 

@@ -45,6 +45,7 @@ class live_records {
     std::vector<device_copy> devices_;
     std::vector<int> refs_;
     std::vector<std::string> damage_;
+    bool all_chunks_ = true;
 };
 
 } // namespace tarvoctl

@@ -41,6 +41,9 @@ struct picture {
     /// Why the region is not known, or a list could not be read to its end; what was read before
     /// is above.
     std::vector<std::string> damage;
+    /// Whether the list of chunks led to its end, each link with its counterpart. Only then is what
+    /// lies in no chunk free.
+    bool all_chunks = true;
 
     bool has_region() const { return region.first_pa < region.end_pa; }
     /// The registered device with that element number; null if there is none.

@@ -31,13 +31,15 @@ bool lies_in(const dma_window& region, uint64_t pa) {
     return pa >= region.first_pa && pa < region.end_pa;
 }
 
-/// The first chunk on the list that holds the byte; null when it is free.
-const chunk_record* chunk_holding(uint64_t pa, const picture& records) {
-    const auto found =
-        std::find_if(records.chunks.begin(), records.chunks.end(), [pa](const chunk_record& each) {
-            return each.pa <= pa && pa < each.end_pa();
-        });
-    return found == records.chunks.end() ? nullptr : &*found;
+/// The chunks that hold the byte, in the order of the list: calls find the first one.
+std::vector<const chunk_record*> owners_of(uint64_t pa, const picture& records) {
+    std::vector<const chunk_record*> owners;
+    for (const auto& each : records.chunks) {
+        if (each.pa <= pa && pa < each.end_pa()) {
+            owners.push_back(&each);
+        }
+    }
+    return owners;
 }
 
 /// The physical address a DMA address stands for, if it lies in the region. Where DMA addresses
@@ -82,21 +84,36 @@ uint64_t pa_by_reading(const address_options& options, const picture& records) {
     return as_dma ? *as_dma : address;
 }
 
+json json_owner(const chunk_record& owner, uint64_t pa, const picture& records) {
+    return {{"chunk", json_chunk(owner, records)}, {"offset", pa - owner.pa}};
+}
+
 json json_place(const char* command, uint64_t pa, const picture& records) {
-    const chunk_record* const chunk = chunk_holding(pa, records);
+    const auto owners = owners_of(pa, records);
     json document = json_document(command);
     document["dma"] = json_address(records.region.dma_of(pa));
     document["pa"] = json_address(pa);
-    document["chunk"] = chunk != nullptr ? json_chunk(*chunk, records) : json(nullptr);
-    document["offset"] = chunk != nullptr ? json(pa - chunk->pa) : json(nullptr);
+    document.update(owners.empty() ? json{{"chunk", nullptr}, {"offset", nullptr}}
+                                   : json_owner(*owners.front(), pa, records));
+    document["also_in"] = json::array();
+    for (std::size_t i = 1; i < owners.size(); ++i) {
+        document["also_in"].push_back(json_owner(*owners[i], pa, records));
+    }
+    document["damage"] = records.damage;
     return document;
 }
 
 std::string place_text(uint64_t pa, const picture& records) {
-    const chunk_record* const chunk = chunk_holding(pa, records);
-    return chunk == nullptr ? "in no chunk"
-                            : fmt::format("in '{}', offset {:#x} of {:#x}", shown(chunk->name),
-                                          pa - chunk->pa, chunk->size);
+    const auto owners = owners_of(pa, records);
+    if (owners.empty()) {
+        return records.all_chunks ? "in no chunk" : "in no chunk that could be read";
+    }
+    std::string text;
+    for (const auto* owner : owners) {
+        text += fmt::format("{} '{}', offset {:#x} of {:#x}", text.empty() ? "in" : ", and in",
+                            shown(owner->name), pa - owner->pa, owner->size);
+    }
+    return text;
 }
 
 exit_status find(const address_options& options) {
@@ -111,7 +128,7 @@ exit_status find(const address_options& options) {
         fmt::print("DMA {:#x} is {}\n", dma, place_text(*pa, records));
     }
     const exit_status read = told_damage(records.damage);
-    const bool found = chunk_holding(*pa, records) != nullptr;
+    const bool found = !owners_of(*pa, records).empty();
     return read == exit_status::good && !found ? exit_status::finding : read;
 }
 

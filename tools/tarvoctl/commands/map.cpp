@@ -27,19 +27,26 @@ struct map_options {
     bool json = false;
 };
 
+bool driver_chooses_places(const map_options& options) {
+    return options.cma || (options.source.is_live() && find_site().is_cma());
+}
+
 /// Where a chunk of a size would go.
 struct fit_answer {
     uint32_t size; ///< rounded to whole pages
     bool driver_chooses;
+    std::optional<std::string> damage;   ///< why that is not known
     std::optional<std::string> obstacle; ///< why it cannot be had
     std::optional<gap> place;            ///< where nothing is in the way
 };
 
-fit_answer fit_of(const map_options& options, const picture& records,
-                  const std::vector<gap>& gaps) {
+fit_answer fit_of(const map_options& options, const picture& records, const std::vector<gap>& gaps,
+                  const std::optional<std::string>& damage) {
     const uint32_t size = parse_chunk_size(options.fit, "--fit");
-    fit_answer answer{size, options.cma || (options.source.is_live() && find_site().is_cma()),
-                      std::nullopt, std::nullopt};
+    fit_answer answer{size, driver_chooses_places(options), damage, std::nullopt, std::nullopt};
+    if (damage) {
+        return answer;
+    }
     answer.obstacle = obstacle_to(size, records, answer.driver_chooses);
     if (!answer.obstacle)
         answer.place = first_fit(gaps, size);
@@ -52,7 +59,10 @@ std::string name_before(const gap& place) {
 }
 
 void print_fit(const fit_answer& answer, const picture& records) {
-    if (answer.obstacle) {
+    if (answer.damage) {
+        fmt::print("{} bytes: where they would go is not known, because {}\n", answer.size,
+                   *answer.damage);
+    } else if (answer.obstacle) {
         fmt::print("{} bytes do not fit: {}\n", answer.size, *answer.obstacle);
     } else if (answer.driver_chooses) {
         fmt::print(
@@ -66,36 +76,52 @@ void print_fit(const fit_answer& answer, const picture& records) {
     }
 }
 
-/// Chunks and gaps in ascending address.
-void print_pieces(const picture& records, const std::vector<gap>& gaps) {
-    table lines{{{"PHYSICAL"}, {"SIZE", align::right}, {"WHAT"}}};
-    auto next_gap = gaps.begin();
-    const auto add_gaps_below = [&](uint64_t pa) {
-        for (; next_gap != gaps.end() && next_gap->pa < pa; ++next_gap) {
-            lines.add(
-                {fmt::format("{:#011x}", next_gap->pa), size_text(next_gap->bytes, true), "-"});
-        }
-    };
-    for (const auto& chunk : records.chunks) {
-        add_gaps_below(chunk.pa);
-        lines.add(
-            {fmt::format("{:#011x}", chunk.pa), size_text(chunk.size, true), shown(chunk.name)});
+std::string text_of(const piece& each) {
+    switch (each.state) {
+    case piece_state::free:
+        return "-";
+    case piece_state::used:
+        return shown(each.owner->name);
+    case piece_state::unknown:
+        return "not known";
+    case piece_state::overlapping:
+        break;
     }
-    add_gaps_below(records.region.end_pa);
+    const std::string more =
+        each.owners > 2 ? fmt::format(" and {} more", each.owners - 2) : std::string{};
+    return fmt::format("OVERLAP of {} and {}{}", shown(each.owner->name), shown(each.other->name),
+                       more);
+}
+
+void print_pieces(const std::vector<piece>& pieces) {
+    table lines{{{"PHYSICAL"}, {"SIZE", align::right}, {"WHAT"}}};
+    for (const auto& each : pieces) {
+        lines.add({fmt::format("{:#011x}", each.pa), size_text(each.bytes, true), text_of(each)});
+    }
     fmt::print("\n{}", lines.text());
+}
+
+std::string totals_text(const picture& records, const std::vector<gap>& gaps,
+                        const free_space& free) {
+    const uint64_t bytes = records.region.end_pa - records.region.first_pa;
+    if (!records.all_chunks) {
+        return fmt::format("how much of {} is free is not known; {} chunk(s) could be read",
+                           size_text(bytes, true), records.chunks.size());
+    }
+    return fmt::format(
+        "{} of {} free in {} gap(s), the largest {}; {} chunk(s); fragmentation {:.0f} %",
+        size_text(free.total_bytes, true), size_text(bytes, true), gaps.size(),
+        size_text(free.largest_bytes, true), records.chunks.size(), 100 * free.fragmentation());
 }
 
 void print_as_text(const picture& records, const std::vector<gap>& gaps, const free_space& free) {
     constexpr std::size_t picture_lines = 8;
     constexpr std::size_t most_pieces_listed = 40;
-    const uint64_t bytes = records.region.end_pa - records.region.first_pa;
     fmt::print("{}\n", region_bar(records, standard_screen(), picture_lines));
-    fmt::print("{} of {} free in {} gap(s), the largest {}; {} chunk(s); fragmentation {:.0f} %\n",
-               size_text(free.total_bytes, true), size_text(bytes, true), gaps.size(),
-               size_text(free.largest_bytes, true), records.chunks.size(),
-               100 * free.fragmentation());
-    if (records.chunks.size() + gaps.size() <= most_pieces_listed)
-        print_pieces(records, gaps);
+    fmt::print("{}\n", totals_text(records, gaps, free));
+    if (const auto pieces = pieces_of(records); pieces.size() <= most_pieces_listed) {
+        print_pieces(pieces);
+    }
 }
 
 json json_gap(const gap& each, const picture& records) {
@@ -108,8 +134,23 @@ json json_gap(const gap& each, const picture& records) {
 json json_fit(const fit_answer& answer, const picture& records) {
     return {{"size", answer.size},
             {"driver_chooses", answer.driver_chooses},
+            {"damage", answer.damage ? json(*answer.damage) : json(nullptr)},
             {"obstacle", answer.obstacle ? json(*answer.obstacle) : json(nullptr)},
             {"place", answer.place ? json_gap(*answer.place, records) : json(nullptr)}};
+}
+
+json json_overlaps(const picture& records) {
+    json made = json::array();
+    for (const auto& each : pieces_of(records)) {
+        if (each.state == piece_state::overlapping) {
+            made.push_back({{"pa", json_address(each.pa)},
+                            {"dma", json_address(records.region.dma_of(each.pa))},
+                            {"size", each.bytes},
+                            {"chunks", {each.owner->name, each.other->name}},
+                            {"owners", each.owners}});
+        }
+    }
+    return made;
 }
 
 void print_as_json(const picture& records, const std::vector<gap>& gaps, const free_space& free,
@@ -117,12 +158,14 @@ void print_as_json(const picture& records, const std::vector<gap>& gaps, const f
     json document = json_document("map");
     document["region"] = json_region(records);
     document["chunk_count"] = records.chunks.size();
-    document["free_bytes"] = free.total_bytes;
-    document["largest_gap_bytes"] = free.largest_bytes;
-    document["fragmentation"] = free.fragmentation();
+    const bool known = records.all_chunks;
+    document["free_bytes"] = known ? json(free.total_bytes) : json(nullptr);
+    document["largest_gap_bytes"] = known ? json(free.largest_bytes) : json(nullptr);
+    document["fragmentation"] = known ? json(free.fragmentation()) : json(nullptr);
     document["gaps"] = json::array();
     for (const auto& each : gaps)
         document["gaps"].push_back(json_gap(each, records));
+    document["overlaps"] = json_overlaps(records);
     document["fit"] = fit ? json_fit(*fit, records) : json(nullptr);
     document["damage"] = records.damage;
     print_json(document);
@@ -138,13 +181,20 @@ void write_svg(const map_options& options, const picture& records) {
     file.finish();
 }
 
+/// Damage to the places that does not keep the lists from being read counts as well.
+std::vector<std::string> told_with(const std::optional<std::string>& damage,
+                                   const picture& records) {
+    return damage && records.damage.empty() ? std::vector{*damage} : records.damage;
+}
+
 exit_status map(const map_options& options) {
     const picture records = read_picture(options.source);
     static_cast<void>(known_region(records)); // or there is nothing to draw
     const auto gaps = gaps_of(records);
     const free_space free = free_space_of(gaps);
+    const auto damage = damage_to_places(records, driver_chooses_places(options));
     const auto fit =
-        options.fit.empty() ? std::nullopt : std::optional{fit_of(options, records, gaps)};
+        options.fit.empty() ? std::nullopt : std::optional{fit_of(options, records, gaps, damage)};
     if (!options.svg_file.empty())
         write_svg(options, records);
     if (options.json) {
@@ -154,7 +204,7 @@ exit_status map(const map_options& options) {
     } else {
         print_as_text(records, gaps, free);
     }
-    const exit_status read = told_damage(records.damage);
+    const exit_status read = told_damage(told_with(damage, records));
     const bool refused = fit && (fit->driver_chooses || fit->obstacle);
     return read == exit_status::good && refused ? exit_status::finding : read;
 }
@@ -166,7 +216,8 @@ void add_map(program& to) {
     command_words command =
         to.add("map", "a picture of the region: chunks and gaps to scale", looking, options, map);
     command.option("--fit", "SIZE", options->fit, "would a chunk of that size fit, and where?");
-    command.flag("--cma", options->cma, "with --fit: the copy is of a CMA region");
+    command.flag("--cma", options->cma,
+                 "the copy is of a CMA region: chunks may overlap, and the driver chooses places");
     command.option("--svg", "FILE", options->svg_file, "write the picture to this file, too");
     command.flag("--force", options->force, "replace a file of --svg that is there");
     command.json(options->json);

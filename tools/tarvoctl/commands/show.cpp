@@ -12,6 +12,8 @@
 #include <algorithm>
 #include <fmt/format.h>
 #include <memory>
+#include <optional>
+#include <vector>
 
 namespace tarvoctl {
 
@@ -27,9 +29,14 @@ struct show_options {
 struct surroundings {
     const chunk_record* below = nullptr; ///< null: the region's start
     const chunk_record* above = nullptr; ///< null: the region's end
-    uint64_t gap_below = 0;              ///< free bytes
-    uint64_t gap_above = 0;
+    std::optional<uint64_t> gap_below;   ///< free bytes; nothing where damage hides them
+    std::optional<uint64_t> gap_above;
+    std::vector<const chunk_record*> overlapping;
 };
+
+bool overlap(const chunk_record& a, const chunk_record& b) {
+    return &a != &b && a.pa < b.end_pa() && b.pa < a.end_pa();
+}
 
 surroundings around(const chunk_record& chunk, const picture& records) {
     surroundings found;
@@ -38,18 +45,31 @@ surroundings around(const chunk_record& chunk, const picture& records) {
         found.below = &records.chunks[position - 1];
     if (position + 1 < records.chunks.size())
         found.above = &records.chunks[position + 1];
+    if (records.all_chunks) {
+        found.gap_below = 0;
+        found.gap_above = 0;
+    }
     for (const auto& each : gaps_of(records)) {
         if (each.pa + each.bytes == chunk.pa)
             found.gap_below = each.bytes;
         if (each.pa == chunk.end_pa())
             found.gap_above = each.bytes;
     }
+    for (const auto& each : records.chunks) {
+        if (overlap(chunk, each)) {
+            found.overlapping.push_back(&each);
+        }
+    }
     return found;
 }
 
-std::string neighbour(const chunk_record* chunk, const char* region_end, uint64_t gap_bytes) {
+std::string neighbour(const chunk_record* chunk, const char* region_end,
+                      std::optional<uint64_t> gap_bytes) {
+    if (!gap_bytes) {
+        return "not known";
+    }
     const std::string who = chunk == nullptr ? region_end : shown(chunk->name);
-    return fmt::format("{}, {} bytes between", who, gap_bytes);
+    return fmt::format("{}, {} bytes between", who, *gap_bytes);
 }
 
 void print_mappings(const chunk_record& chunk, const mapped_memory& memory) {
@@ -85,13 +105,16 @@ void print_as_text(const chunk_record& chunk, const picture& records, bool found
                neighbour(place.below, "the region's start", place.gap_below),
                neighbour(place.above, "the region's end", place.gap_above),
                devices_text(chunk, records));
+    for (const auto* each : place.overlapping) {
+        fmt::print("OVERLAPS   {}, {}\n", shown(each->name), pa_range(*each));
+    }
 }
 
-json json_neighbour(const chunk_record* chunk, uint64_t gap_bytes) {
+json json_neighbour(const chunk_record* chunk, std::optional<uint64_t> gap_bytes) {
     json made{{"name", nullptr}};
     if (chunk != nullptr)
         add_text(made, "name", chunk->name);
-    made["gap_bytes"] = gap_bytes;
+    made["gap_bytes"] = gap_bytes ? json(*gap_bytes) : json(nullptr);
     return made;
 }
 
@@ -114,6 +137,10 @@ json json_shown(const chunk_record& chunk, const picture& records, const mapped_
     json made = json_chunk(chunk, records);
     made["below"] = json_neighbour(place.below, place.gap_below);
     made["above"] = json_neighbour(place.above, place.gap_above);
+    made["overlaps"] = json::array();
+    for (const auto* each : place.overlapping) {
+        made["overlaps"].push_back(json_chunk(*each, records));
+    }
     made["mappings"] = memory != nullptr ? json_mappings(chunk, *memory) : json::array();
     return made;
 }

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <fmt/format.h>
+#include <iterator>
 
 namespace tarvoctl {
 
@@ -27,7 +28,56 @@ std::optional<std::string> gap_obstacle(uint32_t size, const picture& records) {
                        free.total_bytes);
 }
 
+/// The library looks for gaps in the order of the list.
+std::optional<std::string> disorder_in(const std::vector<chunk_record>& chunks) {
+    const auto upper = std::adjacent_find(
+        chunks.begin(), chunks.end(),
+        [](const chunk_record& a, const chunk_record& b) { return b.pa < a.pa; });
+    if (upper == chunks.end()) {
+        return std::nullopt;
+    }
+    return fmt::format("'{}' lies below '{}' but comes after it on the list",
+                       shown(std::next(upper)->name), shown(upper->name));
+}
+
+std::optional<std::string> outsider_in(const picture& records) {
+    const dma_window& region = records.region;
+    const auto outside = [&region](const chunk_record& each) {
+        return each.pa < region.first_pa || each.pa > region.end_pa ||
+               each.size > region.end_pa - each.pa;
+    };
+    const auto found = std::find_if(records.chunks.begin(), records.chunks.end(), outside);
+    if (found == records.chunks.end()) {
+        return std::nullopt;
+    }
+    return fmt::format("'{}' does not lie in the region", shown(found->name));
+}
+
+std::optional<std::string> overlap_in(const std::vector<piece>& pieces) {
+    const auto found = std::find_if(pieces.begin(), pieces.end(), [](const piece& each) {
+        return each.state == piece_state::overlapping;
+    });
+    if (found == pieces.end()) {
+        return std::nullopt;
+    }
+    return fmt::format("'{}' and '{}' overlap", shown(found->owner->name),
+                       shown(found->other->name));
+}
+
 } // namespace
+
+std::optional<std::string> damage_to_places(const picture& records, bool driver_chooses) {
+    if (!records.all_chunks) {
+        return "not all chunks could be read";
+    }
+    if (auto outsider = outsider_in(records)) {
+        return outsider;
+    }
+    if (auto disorder = disorder_in(records.chunks)) {
+        return disorder;
+    }
+    return driver_chooses ? std::nullopt : overlap_in(pieces_of(records));
+}
 
 std::optional<std::string> device_obstacle(uint32_t size, const picture& records) {
     const auto online = std::find_if(records.devices.begin(), records.devices.end(),

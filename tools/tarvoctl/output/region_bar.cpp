@@ -1,5 +1,6 @@
 #include "output/region_bar.hpp"
 
+#include "area/gaps.hpp"
 #include "output/text.hpp"
 
 #include <algorithm>
@@ -30,6 +31,26 @@ void add_chunk(const chunk_record& chunk, int position, const dma_window& region
     }
 }
 
+/// Marks the cells of which something cannot be told or is taken twice.
+void mark(const piece& marked, const dma_window& region, double bytes_per_cell,
+          std::vector<bar_cell>& cells) {
+    if (marked.state != piece_state::unknown && marked.state != piece_state::overlapping) {
+        return;
+    }
+    const auto cell_at = [&](uint64_t pa) {
+        const auto cell = static_cast<double>(pa - region.first_pa) / bytes_per_cell;
+        return std::min(static_cast<std::size_t>(cell), cells.size() - 1);
+    };
+    const bool overlaps = marked.state == piece_state::overlapping;
+    for (std::size_t i = cell_at(marked.pa); i <= cell_at(marked.pa + marked.bytes - 1); ++i) {
+        if (overlaps) {
+            cells[i].what = bar_cell::content::overlapping;
+        } else if (cells[i].what == bar_cell::content::free) {
+            cells[i].what = bar_cell::content::unknown;
+        }
+    }
+}
+
 struct letters {
     const char* free;
     const char* partly;
@@ -46,9 +67,14 @@ const char* letter_of(const bar_cell& cell, const letters& alphabet) {
         return alphabet.free;
     case bar_cell::content::partly:
         return alphabet.partly;
-    default:
-        return alphabet.full;
+    case bar_cell::content::overlapping:
+        return "!";
+    case bar_cell::content::unknown:
+        return "?";
+    case bar_cell::content::full:
+        break;
     }
+    return alphabet.full;
 }
 
 /// Neighbours differ in colour, so that one can tell them apart.
@@ -81,6 +107,9 @@ std::vector<bar_cell> cells_of(const picture& records, std::size_t cells) {
             made[i].what = bar_cell::content::partly;
         if (used[i] >= nearly_all * bytes_per_cell)
             made[i].what = bar_cell::content::full;
+    }
+    for (const auto& each : pieces_of(records)) {
+        mark(each, records.region, bytes_per_cell, made);
     }
     return made;
 }

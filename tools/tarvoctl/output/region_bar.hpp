@@ -10,7 +10,8 @@ namespace tarvoctl {
 
 /// One cell of a picture of the region.
 struct bar_cell {
-    enum class content { free, partly, full };
+    /// `overlapping` and `unknown`: some of it at least.
+    enum class content { free, partly, full, overlapping, unknown };
     content what = content::free;
     int chunk = -1; ///< position of the chunk that has most of it; -1: none
 };

@@ -101,7 +101,7 @@ exit_status told_damage(const std::vector<std::string>& damage) {
         fmt::print(stderr, "tarvoctl: {}\n", each);
     if (damage.empty())
         return exit_status::good;
-    fmt::print(stderr, "tarvoctl: not everything could be read; see 'tarvoctl check'\n");
+    fmt::print(stderr, "tarvoctl: the area is damaged; see 'tarvoctl check'\n");
     return exit_status::damaged;
 }
 

@@ -81,13 +81,7 @@ class page {
                               region.first_pa, region.end_pa - 1)
                 : "region  not known");
         add_bar();
-        const auto gaps = gaps_of(records);
-        const free_space free = free_space_of(gaps);
-        constexpr int percent = 100;
-        add(fmt::format("free    {} of {}, largest gap {}, fragmentation {:.0f} %",
-                        size_text(free.total_bytes, true),
-                        size_text(region.end_pa - region.first_pa, true),
-                        size_text(free.largest_bytes, true), percent * free.fragmentation()));
+        add(free_text());
         constexpr int most_chunks = chunk_capacity - 2; // the others bound the region
         add(fmt::format(
             "in use  {} of {} chunk records, {} of {} device records, by {} process(es){}",
@@ -96,6 +90,19 @@ class page {
             view_.memory.is_complete() ? "" : " and those that cannot be seen"));
         for (const auto& each : records.damage)
             add("DAMAGED " + each);
+    }
+
+    std::string free_text() const {
+        const picture& records = view_.records;
+        if (!records.all_chunks) {
+            return "free    not known";
+        }
+        constexpr int percent = 100;
+        const free_space free = free_space_of(gaps_of(records));
+        return fmt::format("free    {} of {}, largest gap {}, fragmentation {:.0f} %",
+                           size_text(free.total_bytes, true),
+                           size_text(records.region.end_pa - records.region.first_pa, true),
+                           size_text(free.largest_bytes, true), percent * free.fragmentation());
     }
 
     /// Not clipped: its lines hold colours, and know the screen's width.
