@@ -70,6 +70,7 @@ install_matching(${CMAKE_INSTALL_DATADIR}/zsh/site-functions tools completions/z
 install_matching(${CMAKE_INSTALL_DATADIR}/fish/vendor_completions.d tools completions/fish/*)
 install_matching(${CMAKE_INSTALL_DATADIR}/tarvo tools tools/tarvoctl/*.schema.json)
 install_matching(${CMAKE_INSTALL_DOCDIR}/examples tools packaging/*.rules)
+install_matching(${CMAKE_INSTALL_DOCDIR} tools docs/hardware.md)
 install(DIRECTORY examples DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT development
     FILES_MATCHING PATTERN "*.[ch]" PATTERN "*.[ch]pp" PATTERN "*.py" PATTERN "__pycache__" EXCLUDE)
 install(FILES LICENSE DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT runtime)

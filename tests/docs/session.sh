@@ -1,12 +1,13 @@
 #!/usr/bin/env bash
-# docs/tutorial.md: each command of it, run one after the other in one shell on one machine, prints
-# what is printed there.
+# A page of docs/: the commands of its console blocks, run one after the other in one shell on one
+# machine, print what is printed there.
 #
-# usage: tutorial.sh BUILD_DIRECTORY, in the source directory
+# usage: session.sh BUILD_DIRECTORY PAGE LEAST_COMMANDS, in the source directory
 set -euo pipefail
 source_dir=$PWD
 build_dir=$1
-page=$source_dir/docs/tutorial.md
+page=$source_dir/$2
+least=$3
 
 # session: what stands in the ```console blocks.
 session() {
@@ -32,11 +33,11 @@ export -f typed session
 export page
 export PYTHONDONTWRITEBYTECODE=1
 
-[[ $(session | grep -c '^\$ ') -gt 20 ]] || { echo "the tutorial has hardly a command"; exit 1; }
-# The machine of the page's second step.
+[[ $(session | grep -c '^\$ ') -ge $least ]] || { echo "$page has hardly a command"; exit 1; }
+# The machine that the page starts.
 # shellcheck disable=SC2016
 mapfile -t machine < <(sed -n '/^```sh$/,/^```$/{/tarvo-sandbox/p}' "$page")
-[[ ${machine[0]} == *"-- bash" ]] || { echo "the tutorial starts no machine"; exit 1; }
+[[ ${machine[0]} == *"-- bash" ]] || { echo "$page starts no machine"; exit 1; }
 status=0
 ${machine[0]} -c typed >printed 2>&1 || status=$?
 if ((status == 125)); then
