@@ -7,13 +7,13 @@ Chunks:
     find_chunk(name)                the Chunk of that name
     find_address(dma)               the Chunk that a DMA address lies in
     free_chunk(name)                frees the chunk of that name, for all processes
-    chunks()                        all there are
+    chunks()                        all chunks, in ascending address
 
 PCI devices:
     register_device(device)         keeps all chunks mapped for a Device
     registered(device)              the same in a with statement, until its end
     unregister_device(device)       undoes it
-    devices()                       all that are registered
+    devices()                       all registered devices
     iommu_map(device, access)       maps the whole region for a Device; Access says how
     iommu_unmap(device)             undoes it
 
@@ -23,7 +23,7 @@ The region:
     dma_to_pa(dma)                  the PhysicalAddress of a DMA address
     pa_to_dma(pa)                   the DmaAddress of a physical address
 
-help(tarvo.allocate) and so on tell results and errors, tarvo_py(3) all of it in one page::
+help(tarvo.allocate) shows results and errors; tarvo_py(3) has everything on one page. An example::
 
     import tarvo
 
@@ -38,7 +38,7 @@ help(tarvo.allocate) and so on tell results and errors, tarvo_py(3) all of it in
 - Every failure is a TarvoError: BadArgument, Changed, Damaged, ListingOpen, MappingInUse, NoRoom,
   NotFound, NotLocked, NotRegistered, NotStarted, Refused, SizeMismatch or TooManyDevices. Arguments
   for which the C call would end the process raise BadArgument before the call. What still ends it
-  is said with each call: a driver that refuses a new chunk, and damaged records.
+  is documented with each call: a driver that refuses a new chunk, and damaged records.
 - Threads may call at the same time: the calls wait for each other. A child of fork() must not use
   the library beside its parent.
 - tarvo.area reads area files after the fact, without the library.
