@@ -1,3 +1,4 @@
+#include "shared/open.hpp"
 #include "shared/paths.hpp"
 #include "tarvo.h"
 
@@ -16,7 +17,7 @@ namespace {
 constexpr uint64_t cma_failure = ~uint64_t{0};
 
 FILE* open_driver(const char* mode) {
-    FILE* driver = fopen(paths::region_driver, mode);
+    FILE* driver = open_stream(paths::region_driver, mode);
     if (driver == nullptr) {
         fprintf(stderr, "Error opening %s: %s\n", paths::region_driver, strerror(errno));
     }

@@ -1,6 +1,7 @@
 #include "iommu/request.hpp"
 
 #include "assertion.hpp"
+#include "shared/open.hpp"
 #include "shared/paths.hpp"
 
 #include <algorithm>
@@ -69,7 +70,7 @@ iommu_mapping_t::iommu_mapping_t(int64_t from_pa, int64_t to_pa, int32_t from_dm
 
 int tarvo_iommu_act(const char* op, unsigned domain, unsigned bus, unsigned devfn, unsigned prot,
                     iommu_mapping_t* mapping) {
-    FILE* driver = fopen(paths::iommu_driver, "we");
+    FILE* driver = open_stream(paths::iommu_driver, "we");
     if (driver == nullptr) {
         perror("tarvo: failed to open sysfs file");
         return -1;

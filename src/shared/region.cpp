@@ -94,12 +94,12 @@ void adopt_region(const region_line& line) {
 }
 
 bool open_hardware_files() {
-    mem_fd = open(paths::physical_memory, O_RDWR | O_CLOEXEC);
+    mem_fd = open_file(paths::physical_memory, O_RDWR);
     if (mem_fd == -1) {
         perror("tarvo: failed to open DMA memory\n");
         return false;
     }
-    shm_fd = open(paths::hardware_area, O_RDWR | O_CREAT | O_CLOEXEC, hardware_mode);
+    shm_fd = open_file(paths::hardware_area, O_RDWR | O_CREAT, hardware_mode);
     if (shm_fd == -1) {
         give_up_area(paths::hardware_area);
         return false;
@@ -109,7 +109,7 @@ bool open_hardware_files() {
 
 /// The region that the kernel driver describes.
 bool tarvo_devmem_init() {
-    FILE* driver = fopen(paths::region_driver, "re");
+    FILE* driver = open_stream(paths::region_driver, "re");
     if (driver == nullptr) {
         perror("tarvo: failed to open /proc/tarvo\n");
         return false;

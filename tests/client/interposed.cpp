@@ -157,6 +157,25 @@ int munmap(void* addr, size_t len) noexcept {
         "munmap", -1, [=] { return real(addr, len); }, shown(addr), shown(len));
 }
 
+/// Noted where it makes a second descriptor of an open file.
+int fcntl(int fd, int cmd, ...) {
+    static const auto real = real_one<int(int, int, ...)>("fcntl");
+    std::va_list rest;
+    va_start(rest, cmd);
+    const long argument = va_arg(rest, long);
+    va_end(rest);
+    const auto call = [=] { return real(fd, cmd, argument); };
+    return cmd != F_DUPFD_CLOEXEC
+               ? call()
+               : watched("fcntl", -1, call, shown(fd), "F_DUPFD_CLOEXEC", shown(argument));
+}
+
+FILE* fdopen(int fd, const char* modes) noexcept {
+    static const auto real = real_one<FILE*(int, const char*)>("fdopen");
+    return watched<FILE*>(
+        "fdopen", nullptr, [=] { return real(fd, modes); }, shown(fd), shown(modes));
+}
+
 FILE* fopen(const char* filename, const char* modes) {
     static const auto real = real_one<FILE*(const char*, const char*)>("fopen");
     return watched<FILE*>(

@@ -55,6 +55,12 @@ std::string close_descriptor(const arguments& a) {
     return done_or_error(close(a.number_int(0)) == 0);
 }
 
+/// Writes as the program itself does, to its standard output for instance.
+std::string write_text(const arguments& a) {
+    const std::string_view text = a.text(1);
+    return write(a.number_int(0), text.data(), text.size()) < 0 ? std::strerror(errno) : "done";
+}
+
 /// Leaves the process room for so many bytes more than it has mapped now.
 std::string limit_memory(const arguments& a) {
     std::ifstream statm("/proc/self/statm");
@@ -145,6 +151,7 @@ commands process_commands() {
         {"umask [MASK]", set_umask},
         {"chdir FOLDER", change_folder},
         {"close FD", close_descriptor},
+        {"write FD TEXT", write_text},
         {"rlimit_as BYTES", limit_memory},
         {"fds", descriptors},
         {"fail CALL ERRNO [NTH]", fail},
