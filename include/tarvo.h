@@ -25,8 +25,9 @@
  *     again. A kernel driver that describes an impossible region ends the process ("start && (end >
  *     start)"). Simulation is selected by the environment variable SIMULATION_VMID (its presence,
  *     not its value), or by the file /var/tmp/tarvo being there. There is no shut-down: three
- *     descriptors, close-on-exec and never 0, 1 or 2, stay open until the process ends. When the
- *     bookkeeping file cannot be given its size, descriptor 0 of the program is closed, too.
+ *     descriptors, close-on-exec and never 0, 1 or 2, stay open until the process ends, and
+ *     dlclose() does not unload the library. When the bookkeeping file cannot be given its size,
+ *     descriptor 0 of the program is closed, too.
  *  4. The lock. Processes are kept apart by one flock() on a lock file. Calls marked "takes the
  *     lock" wait for it without limit, and a process that is stopped in the middle of a call, or
  *     between tarvo_dump_begin() and tarvo_dump_end(), makes all others wait. A wait that a signal
