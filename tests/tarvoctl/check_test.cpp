@@ -77,8 +77,8 @@ TEST(Check, SaysWhatIsNoArea) {
     const auto outcome = tarvoctl(machine, {"check", file});
     EXPECT_EQ(outcome.status, 4);
     EXPECT_EQ(outcome.errors, "tarvoctl: " + file +
-                                  " is no area: it has 5 bytes, and an area has at least "
-                                  "70130716\n");
+                                  " is 5 bytes, an area takes 70130716: it is no copy of an "
+                                  "area, or not a whole one; 'tarvoctl snapshot' makes one\n");
     const auto missing = tarvoctl(machine, {"check", "/nowhere"});
     EXPECT_EQ(missing.status, 3);
     EXPECT_EQ(missing.errors, "tarvoctl: /nowhere is not there\n");

@@ -138,13 +138,9 @@ inline bool is_in_use(const shared_area_t& area) {
                        [](const auto& one) { return one.allocated != 0; });
 }
 
-/// Whether such an area has lost its flag. Without the lock it may be built between two looks, so
-/// the flag is looked at behind the records.
+/// Whether such an area has lost its flag.
 inline bool has_lost_flag(const shared_area_t& area) {
-    const auto is_flag_down = [&area] {
-        return __atomic_load_n(&area.initialized, __ATOMIC_SEQ_CST) == 0;
-    };
-    return is_flag_down() && is_in_use(area) && is_flag_down();
+    return area.initialized == 0 && is_in_use(area);
 }
 
 /// Where the region lies, by the sentinels at the ends of the list; nothing where they are damaged.

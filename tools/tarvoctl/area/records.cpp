@@ -1,10 +1,78 @@
 #include "records.hpp"
 
+#include "check_record.hpp"
+#include "list_walk.hpp"
+
 #include <algorithm>
+#include <cstring>
 #include <string_view>
 #include <unordered_map>
 
 namespace tarvoctl {
+
+namespace {
+
+/// A text field, also one that has lost its end.
+template <std::size_t Bytes>
+std::string whole_text(const char (&field)[Bytes]) {
+    return {field, strnlen(field, Bytes)};
+}
+
+chunk_record record_of(int index, const dma_chunk_t& chunk, std::vector<std::string>& damage) {
+    chunk_record record{index,      whole_text(chunk.name),    chunk.pa,
+                        chunk.size, whole_text(chunk.creator), {}};
+    if (const auto why = walk_list(chunk.devs, [&record](int, const iommu_dev_ref& ref) {
+            record.devices.push_back(ref.dev);
+        })) {
+        damage.push_back("the list of devices of chunk " + std::to_string(index) +
+                         " is damaged: " + *why);
+    }
+    return record;
+}
+
+device_record record_of(int index, const iommu_dev_t& device) {
+    return {index, static_cast<uint32_t>(device.domain), static_cast<uint32_t>(device.bus),
+            static_cast<uint32_t>(device.devfn), device.online != 0};
+}
+
+void add_region(const chunk_list& chunks, picture& to) {
+    if (const auto region = region_in(chunks)) {
+        to.region = *region;
+    } else {
+        to.damage.emplace_back(
+            "the two records that bound the region are damaged: it is not known where it lies");
+    }
+}
+
+void add_chunks(const chunk_list& chunks, picture& to) {
+    if (const auto why = walk_list(chunks, [&](int index, const dma_chunk_t& chunk) {
+            // The sentinels only say where the region lies.
+            if (index != chunks._head && index != chunks._tail) {
+                to.chunks.push_back(record_of(index, chunk, to.damage));
+            }
+        })) {
+        to.damage.push_back("the list of chunks is damaged: " + *why);
+        to.all_chunks = false;
+    }
+}
+
+void add_devices(const device_list& devices, picture& to) {
+    if (const auto why = walk_list(devices, [&to](int index, const iommu_dev_t& device) {
+            to.devices.push_back(record_of(index, device));
+        })) {
+        to.damage.push_back("the list of devices is damaged: " + *why);
+    }
+}
+
+} // namespace
+
+picture picture_of(const shared_area_t& area) {
+    picture made{};
+    add_region(area.chunks, made);
+    add_chunks(area.chunks, made);
+    add_devices(area.devices, made);
+    return made;
+}
 
 const device_record* picture::device_at(int index) const {
     const auto found = std::find_if(devices.begin(), devices.end(),

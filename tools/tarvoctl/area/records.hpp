@@ -6,6 +6,8 @@
 #include <string>
 #include <vector>
 
+struct shared_area_t;
+
 namespace tarvoctl {
 
 /// Larger chunks cannot be mapped for devices. The request for the whole region names its end, too,
@@ -53,5 +55,9 @@ struct picture {
     /// For each chunk in turn, whether there is another one of its name.
     std::vector<bool> duplicates() const;
 };
+
+/// Of an area's copy, whatever its bytes are: a list that runs in circles or out of the array is
+/// left where it does so.
+picture picture_of(const shared_area_t& area);
 
 } // namespace tarvoctl

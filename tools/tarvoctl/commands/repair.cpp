@@ -114,7 +114,7 @@ void mend(const repair_options& options, const repair_plan& plan, const shared_a
 
 void carry_out(const repair_options& options, const repair_plan& plan,
                const shared_area_t& planned_for) {
-    const mapped_area mapped{path_of(options), mapped_area::access::write};
+    const mapped_area mapped{path_of(options)};
     mapped.touch();
     const std::string backup = backup_path(options);
     write_area({backup, existing_file::refused, "--backup names another"}, planned_for);

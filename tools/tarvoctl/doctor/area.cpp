@@ -70,9 +70,9 @@ void diagnose_area(const site& here, health_report& report) {
         return;
     }
     try {
-        const mapped_area mapped{here.area};
+        const area_copy area = read_area_file(here.area);
         report.set_readable();
-        diagnose_surface(mapped.area(), here, report);
+        diagnose_surface(*area, here, report);
     } catch (const failure& wrong) {
         report.add(verdict::error, here.area, wrong.what(), "run it as root");
     }

@@ -9,21 +9,20 @@
 #include <cerrno>
 #include <fcntl.h>
 #include <fmt/format.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 namespace tarvoctl {
 
 namespace {
 
-/// Most areas that are looked at have been built, so only the others are mapped.
+/// Most areas that are looked at have been built, so only the others are read.
 bool is_built(const unique_fd& file, const std::string& path) {
-    struct stat found {};
     unsigned char initialized = 0;
-    return ::fstat(file.get(), &found) == 0 &&
-           found.st_size >= static_cast<off_t>(sizeof(shared_area_t)) &&
-           ::pread(file.get(), &initialized, 1, 0) == 1 &&
-           (initialized != 0 || is_in_use(mapped_area{path}.area()));
+    if (::pread(file.get(), &initialized, 1, 0) != 1) {
+        return false; // its first process has just made it
+    }
+    require_whole(file, path);
+    return initialized != 0 || is_in_use(*read_area_file(path));
 }
 
 } // namespace

@@ -1,8 +1,7 @@
 #include "host/area_source.hpp"
 
 #include "area/check_record.hpp"
-#include "area/live_records.hpp"
-#include "common/unique_fd.hpp"
+#include "area/list_walk.hpp"
 #include "failure.hpp"
 #include "host/cross_process_lock.hpp"
 #include "host/plain_file.hpp"
@@ -10,6 +9,7 @@
 #include <cerrno>
 #include <fcntl.h>
 #include <fmt/format.h>
+#include <new>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -45,46 +45,93 @@ namespace {
 }
 
 [[noreturn]] void complain_of_length(const std::string& path, off_t length) {
+    const bool is_live = path == find_site().area;
     // The first process makes the file, and then gives it its length.
-    if (length == 0 && path == find_site().area)
+    if (length == 0 && is_live)
         complain_of_unbuilt(path);
-    throw failure{exit_status::damaged,
-                  fmt::format("{} is no area: it has {} bytes, and an area has at least {}", path,
-                              length, sizeof(shared_area_t))};
+    throw failure{
+        exit_status::damaged,
+        fmt::format("{} is {} bytes, an area takes {}: {}", path, length, sizeof(shared_area_t),
+                    is_live ? "it was cut short; end all programs that use it, then rm " + path
+                            : "it is no copy of an area, or not a whole one; 'tarvoctl snapshot' "
+                              "makes one")};
 }
 
-unique_fd open_area(const std::string& path, int access) {
-    unique_fd file = open_plain_file(path, access);
-    struct stat found {};
-    if (!file || ::fstat(file.get(), &found) != 0)
-        complain_of(path, errno);
-    if (found.st_size < static_cast<off_t>(sizeof(shared_area_t)))
-        complain_of_length(path, found.st_size);
-    return file;
-}
-
-/// Not by a mapping: that fills up the holes of a file in a tmpfs, and ends the process where the
-/// file has become shorter or no memory is left for it.
-void read_whole(const unique_fd& file, const std::string& path, shared_area_t& to) {
-    auto* const bytes = reinterpret_cast<char*>(&to);
-    for (std::size_t offset = 0; offset < sizeof to;) {
-        const ssize_t count =
-            ::pread(file.get(), bytes + offset, sizeof to - offset, static_cast<off_t>(offset));
-        if (count < 0)
-            complain_of(path, errno);
-        if (count == 0)
-            complain_of_length(path, static_cast<off_t>(offset));
-        offset += static_cast<std::size_t>(count);
+/// An area's file, read by parts into a copy. Not by a mapping: that fills up the holes of a file in
+/// a tmpfs, and ends the process where the file has become shorter or no room is left for it.
+class area_reader {
+  public:
+    explicit area_reader(const std::string& path)
+        : path_{path}, file_{open_plain_file(path, O_RDONLY)},
+          copy_{static_cast<shared_area_t*>(std::calloc(1, sizeof(shared_area_t)))} {
+        if (!file_) {
+            complain_of(path_, errno);
+        }
+        if (!copy_) {
+            throw std::bad_alloc{};
+        }
     }
-}
 
-/// By a mapping, so that the lock is held only while what is in use is looked at.
-void copy_live_records(const site& here, std::chrono::milliseconds timeout, live_records& records) {
-    const mapped_area mapped{here.area};
-    mapped.touch();
+    void read_all() {
+        read(0, sizeof(shared_area_t));
+        read(offsetof(shared_area_t, initialized), sizeof copy_->initialized);
+    }
+
+    /// What a picture is made of: the flag, the ends of the lists, the devices, and those chunks
+    /// that are on their list.
+    void read_lists() {
+        constexpr std::size_t ends = offsetof(shared_area_t, chunks._head);
+        read(offsetof(shared_area_t, initialized), sizeof copy_->initialized);
+        read(ends, sizeof(shared_area_t) - ends);
+        read_chunk(copy_->chunks._head);
+        read_chunk(copy_->chunks._tail); // which a damaged list does not lead to
+        walk_list(copy_->chunks,
+                  [this](int /*index*/, const dma_chunk_t& chunk) { read_chunk(chunk.next); });
+        if (copy_->initialized == 0) { // those that are on no list tell whether it ever was
+            read_all();
+        }
+    }
+
+    const shared_area_t& area() const { return *copy_; }
+    area_copy take() { return std::move(copy_); }
+
+  private:
+    void read_chunk(int32_t index) {
+        if (index >= 0 && index < chunk_capacity) {
+            constexpr std::size_t bytes = sizeof(dma_chunk_t);
+            read(offsetof(shared_area_t, chunks) + static_cast<std::size_t>(index) * bytes, bytes);
+        }
+    }
+
+    void read(std::size_t first, std::size_t bytes) {
+        auto* const to = reinterpret_cast<char*>(copy_.get());
+        for (std::size_t offset = first; offset < first + bytes;) {
+            const ssize_t count = ::pread(file_.get(), to + offset, first + bytes - offset,
+                                          static_cast<off_t>(offset));
+            if (count < 0) {
+                complain_of(path_, errno);
+            }
+            if (count == 0) {
+                require_whole(file_, path_);
+            }
+            offset += static_cast<std::size_t>(count);
+        }
+    }
+
+    std::string path_;
+    unique_fd file_;
+    area_copy copy_;
+};
+
+/// Reads the live area as `read` does: once before the lock is taken, so that nobody waits for a
+/// disk or for memory while it is held, and then for good.
+area_reader read_live(std::chrono::milliseconds timeout, void (area_reader::*read)()) {
+    const site here = find_site();
+    area_reader reader{here.area};
+    (reader.*read)();
     const cross_process_lock lock{here.locks_to_take(), timeout};
-    check_built(mapped.area(), here.area);
-    records.copy(mapped.area());
+    (reader.*read)();
+    return reader;
 }
 
 } // namespace
@@ -97,6 +144,14 @@ void require_region(const site& here) {
         fmt::format("there is no region: /proc/tarvo is missing or does not describe one, and {}. "
                     "Load the kernel driver, or run with SIMULATION_VMID set",
                     here.reason)};
+}
+
+void require_whole(const unique_fd& file, const std::string& path) {
+    struct stat found {};
+    if (::fstat(file.get(), &found) != 0)
+        complain_of(path, errno);
+    if (found.st_size < static_cast<off_t>(sizeof(shared_area_t)))
+        complain_of_length(path, found.st_size);
 }
 
 /// An area that its first process has not finished making says so in its first byte.
@@ -121,15 +176,16 @@ check_options options_here(const site& here) {
     return made;
 }
 
-mapped_area::mapped_area(const std::string& path, access wanted) {
-    const bool writes = wanted == access::write;
-    const unique_fd file = open_area(path, writes ? O_RDWR : O_RDONLY);
+mapped_area::mapped_area(const std::string& path) {
+    const unique_fd file = open_plain_file(path, O_RDWR);
+    if (!file)
+        complain_of(path, errno);
+    require_whole(file, path);
     constexpr std::size_t bytes = sizeof(shared_area_t);
     // Where a hole has no room on the disk, the first store into it would end the process.
-    if (writes && ::fallocate(file.get(), FALLOC_FL_KEEP_SIZE, 0, bytes) != 0 && errno == ENOSPC)
+    if (::fallocate(file.get(), FALLOC_FL_KEEP_SIZE, 0, bytes) != 0 && errno == ENOSPC)
         complain_of(path, errno);
-    void* const start =
-        ::mmap(nullptr, bytes, PROT_READ | (writes ? PROT_WRITE : 0), MAP_SHARED, file.get(), 0);
+    void* const start = ::mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_SHARED, file.get(), 0);
     if (start == MAP_FAILED)
         complain_of(path, errno);
     area_ = static_cast<shared_area_t*>(start);
@@ -145,30 +201,25 @@ void mapped_area::touch() const {
 }
 
 picture read_picture(const area_source& source) {
-    live_records records;
     if (source.is_live()) {
-        copy_live_records(find_site(), source.timeout, records);
-    } else {
-        const auto area = read_area(source);
-        check_built(*area, source.file);
-        records.copy(*area);
+        const area_reader reader = read_live(source.timeout, &area_reader::read_lists);
+        check_built(reader.area(), find_site().area);
+        return picture_of(reader.area());
     }
-    return records.to_picture();
+    const area_copy area = read_area_file(source.file);
+    check_built(*area, source.file);
+    return picture_of(*area);
 }
 
-std::unique_ptr<shared_area_t> read_area(const area_source& source) {
-    auto copied = std::make_unique<shared_area_t>();
-    if (!source.is_live()) {
-        read_whole(open_area(source.file, O_RDONLY), source.file, *copied);
-        return copied;
-    }
-    const site here = find_site();
-    const unique_fd file = open_area(here.area, O_RDONLY);
-    // Once before, so that nobody waits for a disk while the lock is held.
-    read_whole(file, here.area, *copied);
-    const cross_process_lock lock{here.locks_to_take(), source.timeout};
-    read_whole(file, here.area, *copied);
-    return copied;
+area_copy read_area(const area_source& source) {
+    return source.is_live() ? read_live(source.timeout, &area_reader::read_all).take()
+                            : read_area_file(source.file);
+}
+
+area_copy read_area_file(const std::string& path) {
+    area_reader reader{path};
+    reader.read_all();
+    return reader.take();
 }
 
 } // namespace tarvoctl

@@ -2,10 +2,12 @@
 
 #include "area/check.hpp"
 #include "area/records.hpp"
+#include "common/unique_fd.hpp"
 #include "host/site.hpp"
 #include "shared/layout.hpp"
 
 #include <chrono>
+#include <cstdlib>
 #include <memory>
 #include <string>
 
@@ -23,11 +25,25 @@ struct area_source {
 /// Throws failure, also where there is no area: none is ever made by looking.
 picture read_picture(const area_source& source);
 
-/// A whole area, copied.
-std::unique_ptr<shared_area_t> read_area(const area_source& source);
+struct memory_release {
+    void operator()(void* memory) const { std::free(memory); }
+};
+
+/// An area copied. What is zero there, or was not read, takes no memory.
+using area_copy = std::unique_ptr<shared_area_t, memory_release>;
+
+/// A whole area.
+area_copy read_area(const area_source& source);
+
+/// The same of the file of that path, without a lock: what others change meanwhile may be read half
+/// before and half after. The flag `initialized` is read last.
+area_copy read_area_file(const std::string& path);
 
 /// Throws failure where this machine has no region, so that no program can make an area.
 void require_region(const site& here);
+
+/// Throws failure where an area's file is shorter than an area.
+void require_whole(const unique_fd& file, const std::string& path);
 
 /// Throws failure for an area that no process has built, or one in use that says so.
 void check_built(const shared_area_t& area, const std::string& path);
@@ -35,19 +51,17 @@ void check_built(const shared_area_t& area, const std::string& path);
 /// What check_area() holds the live area against.
 check_options options_here(const site& here);
 
-/// An area's file, live or a copy, mapped. Throws failure when it cannot be opened or is too short;
-/// whether it is built is the caller's to ask.
+/// An area's file, live or a copy, mapped for writing. Throws failure when it cannot be opened, is
+/// too short, or has no room for what is written; whether it is built is the caller's to ask.
 class mapped_area {
   public:
-    enum class access { read, write };
-
-    explicit mapped_area(const std::string& path, access wanted = access::read);
+    explicit mapped_area(const std::string& path);
     ~mapped_area();
     mapped_area(const mapped_area&) = delete;
     mapped_area& operator=(const mapped_area&) = delete;
 
     shared_area_t& area() const { return *area_; }
-    /// Brings the pages in that hold something, so that copying does not wait for them.
+    /// Brings the pages in that hold something, so that nobody waits for them under the lock.
     void touch() const;
 
   private:

@@ -1,6 +1,5 @@
 #include "library/ready_area.hpp"
 
-#include "area/live_records.hpp"
 #include "common/unique_fd.hpp"
 #include "failure.hpp"
 #include "host/area_follower.hpp"
@@ -64,9 +63,7 @@ picture sound_picture(const site& here, std::chrono::milliseconds timeout) {
     const auto area = read_area({{}, timeout});
     check_built(*area, here.area);
     refuse_broken(check_area(*area, options_here(here)), here);
-    live_records records;
-    records.copy(*area);
-    return records.to_picture();
+    return picture_of(*area);
 }
 
 exit_status start_library() {
