@@ -11,13 +11,16 @@ uint64_t end_of(const dma_chunk_t& chunk) {
 }
 
 /// The first chunk between which and its successor `fits` (predecessor, successor) holds. __HEAD
-/// can be the one, __TAIL the other.
+/// can be the one, __TAIL the other; what a damaged list has behind __TAIL is not looked at.
 template <typename Predicate>
 dma_chunk_t* first_predecessor(Predicate fits) {
     dma_chunk_t* prev = dma_chunk_head;
     for (dma_chunk_t& cur : chunks_behind_head()) {
         if (fits(*prev, cur)) {
             return prev;
+        }
+        if (&cur == dma_chunk_tail) {
+            break;
         }
         prev = &cur;
     }

@@ -109,6 +109,30 @@ TEST_P(placement, LeavesGapsThatFreeSizeTells) {
 
 INSTANTIATE_TEST_SUITE_P(, placement, testing::ValuesIn(region_worlds()), world_name());
 
+/// A list that goes on behind __TAIL, with much room there, for a process that has started before.
+class damaged_tail : public world_test {
+  protected:
+    damaged_tail() {
+        user.call("setenv ZUL_TRACE tarvo=3");
+        user.alloc("stray", 4096);
+        const area_file area = machine.writable_area();
+        area.writer().i32(offset::chunk(0) + offset::next, 1);
+        area.writer().i32(offset::chunk(1) + offset::next, 2);
+        area.writer().u64(offset::chunk(2) + offset::pa, region().end() + 2 * region().bytes);
+        area.writer().i32(offset::chunks_tail, 2);
+    }
+};
+
+TEST_P(damaged_tail, EndsTheSearchForAPlaceAllTheSame) {
+    machine.add_rules({"op=allocate,address=0x" + hex(region().end() + pages(1))});
+    const std::vector<std::uint8_t> before = machine.area().snapshot();
+    EXPECT_EQ(outcome(user, "alloc new " + std::to_string(region().bytes + 1) + " me"),
+              "0x0\n" + traced(3, "tarvo_alloc_func", "tarvo_alloc_func: ran out of tarvo space"));
+    EXPECT_EQ(first_difference(machine.area().snapshot(), before), "");
+}
+
+INSTANTIATE_TEST_SUITE_P(, damaged_tail, testing::ValuesIn(all_worlds()), world_name());
+
 TEST(a_small_region, HoldsOneChunkOfItsWholeSizeAndNoLargerOne) {
     sandbox machine(high, {"--region", "200000000-20000ffff"});
     client user = machine.start();
