@@ -2,7 +2,6 @@
 
 #include "assertion.hpp"
 
-#include <cstddef>
 #include <cstdint>
 #include <cstring>
 #include <type_traits>
@@ -29,6 +28,7 @@ struct ArrayBackedList {
     int32_t _free;
 
     static constexpr int32_t none = -1;
+    static_assert(std::is_trivially_copyable_v<T>, "an element is nothing but its bytes");
 
     /// Empties the list: every element that is not `allocated` joins the free chain, lowest first.
     void init() {
@@ -54,11 +54,13 @@ struct ArrayBackedList {
         return &_arr[idx];
     }
 
-    /// The index of `e`, which must point into this list. Compared before it is narrowed: a stray
-    /// pointer must not be folded into the valid range.
+    /// The index of the element that holds the byte `e` points at, which must lie in this list.
+    /// Addresses are subtracted, not pointers: those of other objects have no difference that a
+    /// compiler need respect. In 64 bits without sign, so that a pointer below the list comes out far
+    /// above it, and compared before it is narrowed: no stray pointer is folded into the valid range.
     int index(T* e) {
-        const std::ptrdiff_t idx = e - _arr;
-        LIST_ASSERT(idx >= 0 && idx < MAX, "idx >= 0 && idx < MAX", 154);
+        const uint64_t idx = (address(e) - address(_arr)) / sizeof(T);
+        LIST_ASSERT(idx < MAX, "idx >= 0 && idx < MAX", 154);
         return static_cast<int>(idx);
     }
 
@@ -138,7 +140,7 @@ struct ArrayBackedList {
     /// Zeroes `cur` whole and puts it at the front of the free chain.
     void free(T* cur) {
         LIST_ASSERT(cur->allocated, "cur->allocated", 141);
-        std::memset(cur, 0, sizeof(T));
+        std::memset(static_cast<void*>(cur), 0, sizeof(T));
         cur->next = _free;
         _free = index(cur);
     }
@@ -170,6 +172,8 @@ struct ArrayBackedList {
     iterator end() { return iterator(this, nullptr); }
 
   private:
+    static uint64_t address(const T* e) { return reinterpret_cast<std::uintptr_t>(e); }
+
     bool is_head(T* cur) { return cur == arr_elem(_head); }
     bool is_tail(T* cur) { return cur == arr_elem(_tail); }
 
