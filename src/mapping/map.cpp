@@ -36,10 +36,13 @@ struct window {
     }
 };
 
-/// Traces tarvo_map's arguments and, behind them, what became of the call; `error` is an errno.
-void trace_map(const char* name, const window& part, const char* outcome, int error = 0) {
-    TARVO_TRACE(trace_progress, "tarvo_map", "%s: name %s off %zx size %zx%s%s", "tarvo_map", name,
-                part.offset, part.size, outcome, error != 0 ? strerror(error) : "");
+/// Traces tarvo_map's arguments and, behind them, what became of the call; `error` is an errno. The
+/// record carries the line of whoever calls this.
+void trace_map(const char* name, const window& part, const char* outcome, int error = 0,
+               int line = __builtin_LINE()) {
+    TARVO_TRACE_AT(trace_progress, line, "tarvo_map",
+                   Zul::format("%s: name %s off %zx size %zx%s%s", "tarvo_map", name, part.offset,
+                               part.size, outcome, error != 0 ? strerror(error) : ""));
 }
 
 /// Neither offset nor size is rounded: mmap refuses what does not lie on a page.

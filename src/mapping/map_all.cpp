@@ -21,8 +21,9 @@ char* tarvo_mapall_va = nullptr;
 /// never tried again in this process.
 int tarvo_mapall_refcount = 0;
 
-void trace_state(const char* function) {
-    TARVO_TRACE_AT(trace_progress, __LINE__, function,
+/// The record carries the line of whoever calls this.
+void trace_state(const char* function, int line = __builtin_LINE()) {
+    TARVO_TRACE_AT(trace_progress, line, function,
                    function << " va " << tarvo_mapall_va << " refcount " << tarvo_mapall_refcount);
 }
 

@@ -1,6 +1,8 @@
 #include "sandbox.hpp"
 
 #include <gtest/gtest.h>
+#include <regex>
+#include <set>
 
 namespace {
 
@@ -112,6 +114,41 @@ TEST(tracing, OfALiteralTextWithANewlineIsOneLine) {
     EXPECT_EQ(user.alloc("rx_ring", 4096), 0U);
     EXPECT_EQ(without_lines(user.error_text()),
               "[tarvo:3] tarvo:LINE tarvo_alloc_func: Unable to allocate CMA memory\n");
+}
+
+/// The line of the one record whose text ends so.
+int line_of_record(const std::string& error_text, const std::string& end) {
+    std::smatch found;
+    const std::regex record(R"(\[tarvo:5\] tarvo:(\d+) [^\n]*)" + end + R"(\n)");
+    return std::regex_search(error_text, found, record) ? std::stoi(found[1]) : 0;
+}
+
+TEST(tracing, OfEachOutcomeOfAMappingHasALineOfItsOwn) {
+    sandbox machine(simulation);
+    client user = machine.start({"setenv ZUL_TRACE 5"});
+    user.alloc("rx_ring", 4096);
+    EXPECT_EQ(user.call("map nothing 1 0 0"), "null");
+    EXPECT_EQ(user.call("map rx_ring 1 4096 0"), "null");
+    user.call("fail flock EINTR");
+    EXPECT_EQ(user.call("map rx_ring 1 0 0"), "null");
+    std::set<int> lines;
+    for (const char* end : {"off 1000 size 0", "not found", "Invalid argument", "lock failed"}) {
+        lines.insert(line_of_record(user.error_text(), end));
+    }
+    EXPECT_EQ(lines.size(), 4U) << user.error_text();
+    EXPECT_FALSE(lines.contains(0)) << user.error_text();
+}
+
+TEST(tracing, OfMappingTheWholeRegionAndOfUnmappingItHaveLinesOfTheirOwn) {
+    sandbox machine(simulation);
+    client user = machine.start({"setenv ZUL_TRACE 5"});
+    user.call("map_all");
+    user.call("unmap_all");
+    const int mapping = line_of_record(user.error_text(), "tarvo_map_all va .* refcount 0");
+    const int unmapping = line_of_record(user.error_text(), "tarvo_unmap_all va .* refcount 1");
+    EXPECT_NE(mapping, 0) << user.error_text();
+    EXPECT_NE(unmapping, 0) << user.error_text();
+    EXPECT_NE(mapping, unmapping);
 }
 
 TEST(tracing, OfTranslationsNeedsLevel6) {
