@@ -66,6 +66,13 @@
 #include <stddef.h>
 #include <stdint.h>
 
+#ifdef __cplusplus
+extern "C++" { /* whatever the linkage where this header is included */
+#include <memory>
+#include <string>
+}
+#endif
+
 #if defined(__GNUC__)
 #define TARVO_API __attribute__((visibility("default")))
 #else
@@ -342,25 +349,27 @@ TARVO_API int tarvo_iommu_map(uint32_t domain, uint32_t bus, uint32_t devfn, uin
  */
 TARVO_API int tarvo_iommu_unmap(uint32_t domain, uint32_t bus, uint32_t devfn);
 
-#ifdef __cplusplus
-} /* extern "C" */
-
-#include <memory>
-#include <string>
-
-/* ---- Inner steps, C++ only ------------------------------------------------------------------- */
+/* ---- Inner steps ----------------------------------------------------------------------------- */
 /*
  * The steps that the calls above are made of. They work on records of the shared bookkeeping, whose
  * layout is not public, and none takes the lock: unless it says otherwise the caller holds it, and
  * the library is started. They are here for tools that are built together with the library.
+ *
+ * Each has two symbols for the one function: that of a C++ function, which C++ calls, and its plain
+ * name, which C calls and other languages look up.
  */
 
+#ifdef __cplusplus
+} /* extern "C" */
+extern "C++" {
 struct dma_chunk_t;
 struct iommu_dev_t;
 struct iommu_dev_ref;
-
-/** What stands in for a text that could not be formatted: "Error formatting string". */
-extern "C" TARVO_API std::shared_ptr<std::string> to_string_err;
+#else
+typedef struct dma_chunk_t dma_chunk_t;
+typedef struct iommu_dev_t iommu_dev_t;
+typedef struct iommu_dev_ref iommu_dev_ref;
+#endif
 
 /** Bytes between the end of `a` and the start of its successor `b`. Needs neither lock nor start.
  */
@@ -407,6 +416,16 @@ TARVO_API int map_chunks_to_dev(iommu_dev_t* dev);
 /** Unmaps a device from every chunk, striking off what was accepted; -1 when one was refused. */
 TARVO_API int unmap_dev_all_chunks(iommu_dev_t* dev);
 
-#endif /* __cplusplus */
+#ifdef __cplusplus
+#if defined(__GLIBCXX__) && _GLIBCXX_USE_CXX11_ABI
+/**
+ * What stands in for a text that could not be formatted: "Error formatting string". Not declared
+ * for programs with another C++ library, or with the strings of g++ before 5: theirs is another
+ * type. A program that declares it itself, with or without "C", links as well.
+ */
+extern "C" TARVO_API std::shared_ptr<std::string> to_string_err;
+#endif
+} /* extern "C++" */
+#endif
 
 #endif /* TARVO_H */

@@ -7,7 +7,8 @@ namespace {
 
 using any_function = void (*)();
 
-// What only C++ can call, beside some of the rest. A name that does not link fails here.
+// What C++ calls by other symbols than C, beside some of the rest. A name that does not link fails
+// here.
 const any_function functions[] = {
     reinterpret_cast<any_function>(tarvo_alloc_func),
     reinterpret_cast<any_function>(tarvo_dump_next),
