@@ -43,3 +43,11 @@ block c >rx_ring.c
 [[ -s rx_ring.c && -n $(block console) ]] || { echo "README has no example"; exit 1; }
 replay >printed 2>&1 || { cat printed; exit 1; }
 diff <(block console) printed
+
+# What the comment on a full region says: no word from the program, and the reason from the command.
+why=$(sed -n 's/.*a full region is silent: "\(tarvoctl .*\)" says why.*/\1/p' rx_ring.c)
+[[ -n $why ]] || { echo "README does not say how to learn why"; exit 1; }
+PATH=$build_dir:$PATH tarvo-sandbox -- sh -c "tarvoctl alloc all 713031680 >/dev/null
+    ./rx_ring 2>&1; echo \"status \$?\"; $why" >full || status=$?
+[[ $status == 1 && $(head -n 1 full) == 'status 1' ]] && grep -q 'do not fit: ' full ||
+    { cat full; exit 1; }
