@@ -5,6 +5,8 @@
 #include <filesystem>
 #include <fstream>
 #include <gtest/gtest.h>
+#include <utility>
+#include <vector>
 
 namespace {
 
@@ -34,6 +36,25 @@ class examination {
                    contains(each.at("text"), words) && contains(known_fix, fix);
         });
     }
+    /// The fix of the only check about that subject with these words; fails where there is none.
+    std::string fix(const std::string& subject, const std::string& words) const {
+        for (const auto& each : _document.at("checks")) {
+            if (each.at("subject") == subject && contains(each.at("text"), words) &&
+                !each.at("fix").is_null()) {
+                return each.at("fix");
+            }
+        }
+        ADD_FAILURE() << "no fix for " << subject << ": " << words << '\n' << shown();
+        return "";
+    }
+    /// Whether nothing is said about a subject any more but that it is well, or worth knowing.
+    bool is_content_with(const std::string& subject) const {
+        const auto& checks = _document.at("checks");
+        return std::none_of(checks.begin(), checks.end(), [&](const auto& each) {
+            return each.at("subject") == subject &&
+                   (each.at("verdict") == "warning" || each.at("verdict") == "error");
+        });
+    }
     std::size_t troubles() const {
         return _document.at("errors").get<std::size_t>() +
                _document.at("warnings").get<std::size_t>();
@@ -43,6 +64,38 @@ class examination {
     tool_outcome _outcome;
     nlohmann::json _document;
 };
+
+/// What a fix says up to its remark.
+std::string command_in(const std::string& fix) {
+    return fix.substr(0, fix.find(';'));
+}
+
+/// Carries out a fix that is a command, in the sandbox.
+void carry_out(sandbox& machine, const std::string& fix) {
+    const auto outcome = run_program(machine, {"sh", "-c", fix});
+    ASSERT_EQ(outcome.status, 0) << fix << ": " << outcome.errors;
+}
+
+/// Carries out the fix for what the doctor says of a subject, and sees the doctor content with it.
+void expect_fixed_by_its_command(sandbox& machine, const std::string& subject,
+                                 const std::string& words) {
+    const std::string fix = command_in(examination(machine).fix(subject, words));
+    carry_out(machine, fix);
+    const examination after(machine);
+    EXPECT_TRUE(after.is_content_with(subject)) << fix << '\n' << after.shown();
+}
+
+constexpr const char* no_more_programs = "end all programs that use it, then ";
+
+/// The same of a fix that is for when no program is left.
+void expect_fixed_without_programs(sandbox& machine, const std::string& subject,
+                                   const std::string& words) {
+    const std::string fix = examination(machine).fix(subject, words);
+    ASSERT_TRUE(fix.starts_with(no_more_programs)) << fix;
+    carry_out(machine, fix.substr(std::string(no_more_programs).size()));
+    const examination after(machine);
+    EXPECT_EQ(after.status(), 0) << fix << '\n' << after.shown();
+}
 
 TEST(Doctor, FindsNothingWrongWhereAllIsWell) {
     for (const world& each : all_worlds()) {
@@ -195,7 +248,8 @@ TEST(Doctor, CallsAnAreaThatIsCutShortDamaged) {
     fs::resize_file(machine.shared_area(), 4096);
     const examination found(machine);
     EXPECT_EQ(found.status(), 4);
-    EXPECT_TRUE(found.says("error", "/var/tmp/tarvo_lib", "is cut short: 4096 bytes"));
+    EXPECT_TRUE(found.says("error", "/var/tmp/tarvo_lib",
+                           "is cut short: 4096 bytes, an area takes 70130716"));
 }
 
 TEST(Doctor, SeesUsersOfAnAreaThatWasRemoved) {
@@ -265,6 +319,194 @@ TEST(Doctor, WarnsOfAStoppedProcessThatHoldsTheLock) {
     } while (!seen);
     EXPECT_EQ(examination(machine).status(), 1);
     ::kill(holder.pid(), SIGCONT);
+}
+
+// What each fix says, done, and the doctor asked again.
+
+TEST(DoctorFix, OfAModeIsAChmod) {
+    sandbox machine(simulation);
+    const client user = machine.start({"alloc rx_ring 1 me"});
+    for (const auto& [file, path] : std::vector<std::pair<fs::path, std::string>>{
+             {machine.memory_file(), "/var/tmp/tarvo"},
+             {machine.shared_area(), "/var/tmp/tarvo_lib"},
+             {machine.lock_file(), "/var/tmp/tarvo_lock"}}) {
+        fs::permissions(file, fs::perms(0600));
+        expect_fixed_by_its_command(machine, path, "has mode 0600, not 0666");
+    }
+    EXPECT_EQ(examination(machine).status(), 0);
+}
+
+TEST(DoctorFix, OfALinkPutsTheFileInItsPlace) {
+    sandbox machine(simulation);
+    machine.start({"alloc rx_ring 1 me"}).finish();
+    fs::rename(machine.lock_file(), machine.lock_file().string() + "_real");
+    fs::create_symlink("tarvo_lock_real", machine.lock_file());
+    expect_fixed_without_programs(machine, "/var/tmp/tarvo_lock", "is a link, to tarvo_lock_real");
+    EXPECT_TRUE(fs::is_regular_file(fs::symlink_status(machine.lock_file())));
+}
+
+TEST(DoctorFix, OfALinkThatLeadsNowhereOrToADeviceRemovesTheLinkAlone) {
+    sandbox machine(simulation);
+    machine.start({"alloc rx_ring 1 me"}).finish();
+    for (const auto& [target, words] : std::vector<std::pair<std::string, std::string>>{
+             {"nowhere", "it is a link to nowhere"}, {"/dev/null", "is no plain file"}}) {
+        fs::remove(machine.lock_file());
+        fs::create_symlink(target, machine.lock_file());
+        expect_fixed_by_its_command(machine, "/var/tmp/tarvo_lock", words);
+    }
+    EXPECT_EQ(run_program(machine, {"test", "-c", "/dev/null"}).status, 0);
+}
+
+TEST(DoctorFix, OfAFolderInPlaceOfAFileMovesItAway) {
+    sandbox machine(simulation);
+    fs::create_directory(machine.lock_file());
+    expect_fixed_by_its_command(machine, "/var/tmp/tarvo_lock", "is no plain file");
+    fs::create_directory(machine.shared_area());
+    expect_fixed_by_its_command(machine, "/var/tmp/tarvo_lib", "is no plain file");
+}
+
+TEST(DoctorFix, OfAMissingFolderMakesIt) {
+    sandbox machine(low, {"--without", "shmem", "--without", "lockdir"});
+    for (const char* folder : {"/var/shmem", "/var/lock/subsys"}) {
+        expect_fixed_by_its_command(machine, folder, "cannot be used");
+    }
+    EXPECT_EQ(examination(machine).status(), 0);
+}
+
+TEST(DoctorFix, OfAFileInPlaceOfAFolderMovesItAwayAndMakesTheFolder) {
+    sandbox machine(low, {"--without", "shmem"});
+    carry_out(machine, "touch /var/shmem");
+    expect_fixed_by_its_command(machine, "/var/shmem", "is no folder");
+}
+
+TEST(DoctorFix, OfALeftOverMemoryLeadsToEitherRegion) {
+    sandbox machine(low);
+    std::ofstream(machine.simulated_memory()) << "";
+    fs::permissions(machine.simulated_memory(), fs::perms(0666));
+    EXPECT_EQ(examination(machine).fix("selection", "SIMULATION_VMID is not set"),
+              "for hardware, end all programs that use the library, then rm /var/tmp/tarvo; for "
+              "simulation, set SIMULATION_VMID for all programs");
+    const auto as_simulation =
+        run_program(machine, {"env", "SIMULATION_VMID=1", TARVOCTL, "doctor"});
+    EXPECT_EQ(as_simulation.status, 0) << as_simulation.output;
+    carry_out(machine, "rm /var/tmp/tarvo");
+    EXPECT_EQ(examination(machine).status(), 0);
+}
+
+TEST(DoctorFix, OfALeftOverMemoryOffersNoHardwareWithoutADriver) {
+    sandbox machine(low, {"--without", "proc"});
+    std::ofstream(machine.simulated_memory()) << "";
+    EXPECT_EQ(examination(machine).fix("selection", "SIMULATION_VMID is not set"),
+              "for simulation, set SIMULATION_VMID for all programs");
+}
+
+TEST(DoctorFix, OfAMemoryThatCannotBeUsedMovesItAway) {
+    sandbox machine(simulation);
+    fs::create_directory(machine.simulated_memory());
+    const std::string fix =
+        examination(machine).fix("selection", "programs that ask for simulation get the hardware");
+    EXPECT_EQ(fix, "end all programs that use /var/tmp/tarvo, then mv /var/tmp/tarvo "
+                   "/var/tmp/tarvo.old");
+    carry_out(machine, "mv /var/tmp/tarvo /var/tmp/tarvo.old");
+    EXPECT_EQ(examination(machine).status(), 0);
+}
+
+TEST(DoctorFix, OfARegionLineIsALineThatCanBeRead) {
+    for (const char* line : {"80000000 to 8fffffff\\n", ""}) {
+        sandbox machine(low, {"--region-line", line});
+        const std::string fix = examination(machine).fix("/proc/tarvo", "the first line is");
+        const std::string such_as = "such as ";
+        const auto first = fix.find(such_as) + such_as.size();
+        const std::string right = fix.substr(first, fix.find(';') - first);
+        sandbox corrected(low, {"--region-line", right + "\\n"});
+        EXPECT_EQ(examination(corrected).status(), 0) << right;
+        const auto simulated =
+            run_program(machine, {"env", "SIMULATION_VMID=1", TARVOCTL, "doctor"});
+        EXPECT_EQ(simulated.status, 0) << simulated.output;
+    }
+}
+
+TEST(DoctorFix, OfAMissingRegionDriverIsSimulation) {
+    sandbox machine(low, {"--without", "proc"});
+    EXPECT_EQ(examination(machine).fix("/proc/tarvo", "cannot be opened"),
+              "load the region driver; on a machine without one, set SIMULATION_VMID for all "
+              "programs");
+    const auto simulated = run_program(machine, {"env", "SIMULATION_VMID=1", TARVOCTL, "doctor"});
+    EXPECT_EQ(simulated.status, 0) << simulated.output;
+}
+
+TEST(DoctorFix, OfAMissingMemoryMakesItsFile) {
+    sandbox machine(low, {"--without", "mem"});
+    const std::string fix = examination(machine).fix("/dev/mem", "No such file or directory");
+    EXPECT_EQ(fix, "mknod -m 0600 /dev/mem c 1 1");
+    // Not the machine's own memory, which no test may touch, but a file of its name.
+    carry_out(machine, "truncate -s 4G /dev/mem");
+    EXPECT_EQ(examination(machine).status(), 0);
+}
+
+TEST(DoctorFix, OfNoIommuIsNoneInASimulation) {
+    sandbox machine(simulation, {"--without", "sysfs"});
+    const examination found(machine);
+    EXPECT_EQ(found.status(), 0) << found.shown();
+    EXPECT_TRUE(found.says("note", "/sys/kernel/tarvo_iommu_map_region", "as in most simulations"));
+    EXPECT_FALSE(contains(found.shown(), "load the IOMMU driver")) << found.shown();
+    sandbox hardware(low, {"--without", "sysfs"});
+    EXPECT_EQ(examination(hardware).fix("/sys/kernel/tarvo_iommu_map_region", "cannot be written"),
+              "load the IOMMU driver");
+    EXPECT_TRUE(examination(hardware).status() == 1);
+}
+
+TEST(DoctorFix, OfAnAreaOfAnotherRegionOrCutShortRemovesItWhenNobodyUsesIt) {
+    sandbox machine(low);
+    machine.start({"limits"}).finish();
+    machine.writable_area().writer().u64(area_offset::chunk(0) + area_offset::pa, 0x70000000);
+    expect_fixed_without_programs(machine, "/var/shmem/tarvo_lib", "left over from another region");
+    machine.start({"limits"}).finish();
+    fs::resize_file(machine.shared_area(), 4096);
+    expect_fixed_without_programs(machine, "/var/shmem/tarvo_lib", "is cut short: 4096 bytes");
+}
+
+TEST(DoctorFix, OfAMemoryThatIsCutShortLengthensItUnderItsPrograms) {
+    sandbox machine(simulation);
+    client user = machine.start({"alloc rx_ring 4096 me", "map rx_ring 1 0 0"});
+    fs::resize_file(machine.memory_file(), 0);
+    expect_fixed_by_its_command(machine, "/var/tmp/tarvo", "is cut short: 0 bytes");
+    EXPECT_EQ(examination(machine).status(), 0);
+    client next = machine.start({"alloc tx_ring 4096 me"});
+    EXPECT_EQ(fs::file_size(machine.memory_file()), 713035776U);
+}
+
+TEST(DoctorFix, OfTwoLocksStartsTheOthersAgain) {
+    sandbox machine(simulation);
+    client with = machine.start({"limits"});
+    client without = machine.start({"unsetenv SIMULATION_VMID", "limits"});
+    EXPECT_EQ(examination(machine).fix("/var/tmp/tarvo_lib", "two different locks"),
+              "start all programs with SIMULATION_VMID set, or all without it");
+    without.finish();
+    EXPECT_EQ(examination(machine).status(), 0);
+}
+
+TEST(DoctorFix, OfARemovedFileIsARestart) {
+    sandbox machine(simulation);
+    client user = machine.start({"limits"});
+    fs::remove(machine.shared_area());
+    EXPECT_EQ(examination(machine).fix("/var/tmp/tarvo_lib", "was removed"), "restart them");
+    user.finish();
+    const client again = machine.start({"limits"});
+    EXPECT_EQ(examination(machine).status(), 0);
+}
+
+TEST(DoctorFix, OfAStoppedHolderLetsItGoOn) {
+    sandbox machine(simulation);
+    client holder = machine.start({"dump_begin"});
+    ASSERT_EQ(::kill(holder.pid(), SIGSTOP), 0);
+    while (!examination(machine).says("warning", "/var/tmp/tarvo_lock", "is stopped")) {
+    } // the signal takes a moment
+    const std::string fix = examination(machine).fix("/var/tmp/tarvo_lock", "is stopped");
+    EXPECT_EQ(fix, "kill -CONT " + std::to_string(holder.pid()));
+    ASSERT_EQ(::kill(holder.pid(), SIGCONT), 0);
+    holder.call("dump_end");
+    EXPECT_EQ(examination(machine).status(), 0);
 }
 
 } // namespace

@@ -1,5 +1,6 @@
 #include "tool.hpp"
 
+#include <filesystem>
 #include <gtest/gtest.h>
 
 // Files that are too short, and file systems that are too full, for what the library maps of them.
@@ -67,6 +68,137 @@ TEST(Room, ReadersSayThatAnAreaIsCutShortAndWhatHelps) {
                   "short; end all programs that use it, then rm /var/tmp/tarvo_lib\n")
             << words.front();
     }
+}
+
+/// What a command must leave alone, times included.
+std::string state_of(sandbox& machine) {
+    const auto outcome =
+        run_program(machine, {"sh", "-c", "stat -c '%n %s %i %b %y %z' /var/tmp/tarvo*"});
+    return outcome.output;
+}
+
+void expect_refused_without_a_trace(sandbox& machine, const std::vector<std::string>& words,
+                                    int status, const std::string& why) {
+    const std::string before = state_of(machine);
+    const auto outcome = tarvoctl(machine, words);
+    EXPECT_EQ(outcome.status, status) << words.front();
+    EXPECT_EQ(outcome.output, "") << words.front();
+    EXPECT_TRUE(outcome.errors.starts_with("tarvoctl: " + why)) << outcome.errors;
+    EXPECT_EQ(state_of(machine), before) << words.front();
+}
+
+/// All that change the records, and those that read by the library.
+const std::vector<std::vector<std::string>> calls{{"alloc", "b", "4K"},
+                                                  {"free", "a", "--force"},
+                                                  {"register", "03:00.0"},
+                                                  {"unregister", "03:00.0", "--force"},
+                                                  {"iommu-map", "03:00.0"},
+                                                  {"iommu-unmap", "03:00.0"},
+                                                  {"fill", "a", "1"},
+                                                  {"write", "a"},
+                                                  {"read", "a"},
+                                                  {"dump"}};
+
+TEST(Refused, OnAnAreaThatIsCutShortChangesNoByte) {
+    sandbox machine(simulation);
+    machine.start({"alloc a 4096 me"}).finish();
+    std::filesystem::resize_file(machine.shared_area(), 4096);
+    for (const auto& words : calls) {
+        expect_refused_without_a_trace(machine, words, 4,
+                                       "/var/tmp/tarvo_lib is 4096 bytes, an area takes 70130716");
+    }
+}
+
+TEST(Refused, ForLackOfRoomInTheRegionChangesNoByteAndMakesNoFile) {
+    sandbox machine(simulation);
+    const auto before = tarvoctl(machine, {"alloc", "big", "1G"});
+    EXPECT_EQ(before.status, 1);
+    EXPECT_TRUE(before.errors.starts_with("tarvoctl: no room for 1073741824 bytes: "))
+        << before.errors;
+    EXPECT_FALSE(exists(machine.shared_area()));
+    machine.start({"alloc a 4096 me"}).finish();
+    expect_refused_without_a_trace(machine, {"alloc", "big", "1G"}, 1,
+                                   "no room for 1073741824 bytes: ");
+    expect_refused_without_a_trace(machine, {"alloc", "a", "8K"}, 2, "there is a chunk 'a' of ");
+}
+
+/// The fix of what the doctor says of a file, if it says that at all.
+std::string fix_for(sandbox& machine, const std::string& path, const std::string& words) {
+    const auto document = json_of(tarvoctl(machine, {"doctor", "--json"}));
+    for (const auto& each : document.at("checks")) {
+        if (each.at("subject") == path && each.at("fix").is_string() &&
+            each.at("text").get<std::string>().find(words) != std::string::npos) {
+            return each.at("fix");
+        }
+    }
+    return "";
+}
+
+TEST(Room, DoctorAsksForWhatTheAreaAndTheMemoryNeedBeforeAProgramEnds) {
+    room_of small("8m");
+    sandbox& machine = small.machine;
+    const auto doctor = tarvoctl(machine, {"doctor"});
+    EXPECT_EQ(doctor.status, 1);
+    EXPECT_NE(doctor.output.find("ERROR    /var/tmp/tarvo_lib: needs 70131712 bytes more, and the "
+                                 "file system on /var/tmp has 8388608 left: a program that touches "
+                                 "what is missing ends by SIGBUS\n"),
+              std::string::npos)
+        << doctor.output;
+    for (const char* path : {area, "/var/tmp/tarvo"}) {
+        const std::string fix = fix_for(machine, path, "bytes more");
+        EXPECT_TRUE(fix.starts_with("mount -o remount,size=")) << path << ": " << fix;
+        run(machine, {"sh", "-c", fix});
+        EXPECT_EQ(fix_for(machine, path, "bytes more"), "");
+    }
+    const auto content = tarvoctl(machine, {"doctor"});
+    EXPECT_EQ(content.status, 0) << content.output;
+    const auto whole = tarvoctl(machine, {"alloc", "a", "680M"});
+    EXPECT_EQ(whole.status, 0) << whole.errors;
+}
+
+TEST(Room, AnAreaThatHasItsBlocksNeedsNoMore) {
+    room_of small("80m");
+    small.machine.start({"alloc a 4096 me"}).finish();
+    run(small.machine, {"sh", "-c", "head -c 20M /dev/zero >/var/tmp/filler; true"});
+    EXPECT_EQ(fix_for(small.machine, area, "bytes more"), "");
+    EXPECT_EQ(tarvoctl(small.machine, {"free", "a", "--force"}).status, 0);
+}
+
+TEST(Room, ACallWithoutRoomForTheAreaIsRefusedWithTheFix) {
+    room_of small("8m");
+    const auto outcome = tarvoctl(small.machine, {"alloc", "a", "4K"});
+    EXPECT_EQ(outcome.status, 3);
+    EXPECT_EQ(outcome.errors, "tarvoctl: /var/tmp/tarvo_lib needs 70131712 bytes more, and the "
+                              "file system on /var/tmp has 8388608 left: a program that touches "
+                              "what is missing ends by SIGBUS; mount -o remount,size=67m "
+                              "/var/tmp\n");
+    EXPECT_FALSE(run_program(small.machine, {"test", "-e", area}).status == 0);
+}
+
+TEST(Room, AChunkWithoutRoomIsRefusedBeforeItIsOnTheList) {
+    room_of small("80m");
+    small.machine.start({"alloc a 4096 me"}).finish();
+    const auto outcome = tarvoctl(small.machine, {"alloc", "b", "64M"});
+    EXPECT_EQ(outcome.status, 3);
+    EXPECT_TRUE(outcome.errors.starts_with("tarvoctl: /var/tmp/tarvo needs 67108864 bytes more"))
+        << outcome.errors;
+    EXPECT_EQ(json_of(tarvoctl(small.machine, {"list", "--json"})).at("chunks").size(), 1U);
+}
+
+TEST(Room, ACallThatEndsBySigbusSaysWhy) {
+    room_of small("96m");
+    small.machine.start({"alloc a 16777216 me"}).finish();
+    // Its pages go, and their room with them.
+    run(small.machine, {"sh", "-c",
+                        "truncate -s 0 /var/tmp/tarvo; truncate -s 713035776 "
+                        "/var/tmp/tarvo; head -c 30M /dev/zero >/var/tmp/filler; true"});
+    const auto outcome = tarvoctl(small.machine, {"fill", "a", "1"});
+    EXPECT_EQ(outcome.status, 1);
+    EXPECT_TRUE(outcome.errors.starts_with("tarvoctl: the library broke off the call by SIGBUS: "
+                                           "/var/tmp/tarvo needs 713031680 bytes more, and the "
+                                           "file system on /var/tmp has 0 left: "))
+        << outcome.errors;
+    EXPECT_NE(outcome.errors.find("; mount -o remount,size="), std::string::npos) << outcome.errors;
 }
 
 } // namespace

@@ -1,6 +1,8 @@
+#include "area/gaps.hpp"
 #include "commands/commands.hpp"
 #include "failure.hpp"
 #include "host/area_source.hpp"
+#include "host/file_shortage.hpp"
 #include "library/arguments.hpp"
 #include "library/library_call.hpp"
 #include "library/new_chunk.hpp"
@@ -41,12 +43,37 @@ void check_existing(const chunk_record* existing, uint32_t size, bool duplicate)
                               shown(existing->name), existing->size, size)};
 }
 
-/// Why the library gave nothing, as far as it can be told behind it.
+failure no_room(uint32_t size, const std::string& obstacle) {
+    return {exit_status::finding,
+            fmt::format("no room for {} bytes: {}; see 'tarvoctl map'", size, obstacle)};
+}
+
+/// The library zeroes a new chunk once it is on the list: without room for that its process ends,
+/// and the chunk stays.
+void check_memory(const site& here, uint32_t size, const picture& records) {
+    const auto place = first_fit(gaps_of(records), size);
+    const auto lacking = place ? chunk_without_room(here, place->pa, size) : std::nullopt;
+    if (lacking) {
+        throw failure{exit_status::unreadable,
+                      fmt::format("{} {}; {}", lacking->path, lacking->text, lacking->fix)};
+    }
+}
+
+/// What the library would refuse, or not survive, is refused before it touches any file.
+void check_new_chunk(uint32_t size, const picture& records) {
+    check_devices(records, size);
+    const site here = find_site();
+    if (const auto obstacle = obstacle_to(size, records, here.is_cma())) {
+        throw no_room(size, *obstacle);
+    }
+    check_memory(here, size, records);
+}
+
+/// Why the library gave nothing, as far as it can be told after it.
 failure refusal(uint32_t size, const picture& records) {
     const bool is_cma = find_site().is_cma();
     if (const auto obstacle = obstacle_to(size, records, is_cma)) {
-        return {exit_status::finding,
-                fmt::format("no room for {} bytes: {}; see 'tarvoctl map'", size, *obstacle)};
+        return no_room(size, *obstacle);
     }
     if (is_cma) {
         return {exit_status::finding,
@@ -107,8 +134,8 @@ exit_status alloc(const alloc_options& options) {
     const chunk_record* const existing = before.find(options.name);
     check_existing(existing, size, options.duplicate);
     if (existing == nullptr || existing->size != size)
-        check_devices(before, size);
-    return in_library(options.timeout, [&] { return call_alloc(options, size, before); });
+        check_new_chunk(size, before);
+    return in_started_library(options.timeout, [&] { return call_alloc(options, size, before); });
 }
 
 } // namespace

@@ -2,7 +2,6 @@
 #include "failure.hpp"
 #include "host/area_source.hpp"
 #include "library/arguments.hpp"
-#include "library/library_call.hpp"
 #include "library/ready_area.hpp"
 #include "output/text.hpp"
 #include "program.hpp"
@@ -53,7 +52,7 @@ uint32_t prot_of(const std::string& letters) {
 exit_status iommu_map(const iommu_options& options) {
     const device_record device = parse_device(options.device);
     check_region(ready_or_new_area(options.timeout).region);
-    return in_library(options.timeout, [&] {
+    return in_started_library(options.timeout, [&] {
         const int result =
             tarvo_iommu_map(device.domain, device.bus, device.devfn, prot_of(options.prot));
         return told(result, device, "mapped, " + options.prot);
@@ -71,7 +70,7 @@ exit_status iommu_unmap(const iommu_options& options) {
                         "the whole region mapped; do that first: tarvoctl unregister {0}",
                         device_text(device))};
     }
-    return in_library(options.timeout, [&] {
+    return in_started_library(options.timeout, [&] {
         return told(tarvo_iommu_unmap(device.domain, device.bus, device.devfn), device, "unmapped");
     });
 }

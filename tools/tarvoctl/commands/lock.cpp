@@ -62,7 +62,7 @@ void print_as_table(const lock_picture& found, process_table& processes) {
         fmt::print("{}: {}\n", lock.file, heading_of(lock, processes));
         print_parties(lock, processes);
         for (const auto& trouble : lock_troubles(lock, processes))
-            fmt::print("  ! {}\n", trouble);
+            fmt::print("  ! {}\n", trouble.text);
         any_held = any_held || lock.held;
     }
     if (any_held)
@@ -90,9 +90,13 @@ json json_of(const lock_state& lock, process_table& processes) {
     json parties = json::array();
     for (const auto& party : parties_of(lock))
         parties.push_back(json_of(party, processes));
+    json troubles = json::array();
+    for (const auto& trouble : lock_troubles(lock, processes)) {
+        troubles.push_back(trouble.text);
+    }
     return {{"file", lock.file},    {"exists", lock.exists},
             {"held", lock.held},    {"taker", lock.taker == 0 ? json{} : json(lock.taker)},
-            {"processes", parties}, {"troubles", lock_troubles(lock, processes)}};
+            {"processes", parties}, {"troubles", troubles}};
 }
 
 void print_as_json(const lock_picture& found, process_table& processes) {

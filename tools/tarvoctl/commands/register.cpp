@@ -104,7 +104,7 @@ exit_status register_device(const register_options& options) {
     const picture before = ready_or_new_area(options.timeout);
     check_room(device, before);
     const bool was_registered = registered(device, before) != nullptr;
-    return in_library(options.timeout, [&] {
+    return in_started_library(options.timeout, [&] {
         return tell_registered(options, device, was_registered, register_unbroken(device));
     });
 }

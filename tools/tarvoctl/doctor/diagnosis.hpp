@@ -11,6 +11,9 @@ namespace tarvoctl {
 
 enum class verdict { ok, note, warning, error };
 
+/// The fix where only the right to look is missing.
+inline constexpr const char* run_as_root = "run it as root";
+
 /// What one check found, and what helps.
 struct diagnosis {
     verdict how;

@@ -21,6 +21,11 @@ namespace {
 
 constexpr const char* load_driver = "load the region driver; on a machine without one, set "
                                     "SIMULATION_VMID for all programs";
+constexpr const char* name_a_region =
+    "let the region driver's first line name a region that begins above 0 and ends above its start";
+constexpr const char* write_the_line =
+    "let the region driver write its first line as start, end, 0 and name between tabs, such as "
+    "80000000\\t8fffffff\\t0\\ttarvo; until then, set SIMULATION_VMID for all programs";
 
 std::string without_newline(const char* text) {
     std::string line{text};
@@ -37,7 +42,7 @@ void diagnose_region_bounds(const region_line& line, health_report& report) {
                    fmt::format("describes an impossible region, {:#x} to {:#x}: every program that "
                                "starts the library ends by an assertion",
                                line.first_pa, line.last_pa),
-                   "repair the region driver's settings");
+                   name_a_region);
     } else if (bytes > std::numeric_limits<uint32_t>::max()) {
         report.add(verdict::error, subject,
                    fmt::format("a region of {} bytes: the library counts in 32 bits and would use "
@@ -65,48 +70,70 @@ void diagnose_region_line(health_report& report) {
         report.add(verdict::error, paths::region_driver,
                    fmt::format("cannot be opened ({}): without it the library finds no region",
                                error_text(errno)),
-                   load_driver);
+                   errno == ENOENT ? load_driver : run_as_root);
     } else if (std::fgets(line.text, sizeof line.text, driver.get()) == nullptr) {
         report.add(verdict::error, paths::region_driver, "is empty: it describes no region",
-                   load_driver);
+                   write_the_line);
     } else if (!parse(line)) {
         report.add(verdict::error, paths::region_driver,
                    fmt::format("the first line is \"{}\", and not start, end, 0 and name between "
                                "tabs: the library finds no region",
                                shown(without_newline(line.text))),
-                   "the driver and the library do not fit: update the older one");
+                   write_the_line);
     } else {
         diagnose_region_bounds(line, report);
     }
 }
 
-void report_refused_memory(int error, const char* call, health_report& report) {
-    const bool policy = error == EPERM;
-    report.add(verdict::error, paths::physical_memory,
-               fmt::format("{} refused: {}{}", call, error_text(error),
-                           policy ? ", which is the kernel's policy (CONFIG_STRICT_DEVMEM, or "
-                                    "lockdown)"
-                                  : ""),
-               policy ? "reserve the region so that it is no system memory (memmap= or the device "
-                        "tree) and is claimed by no driver, or boot with iomem=relaxed; switch "
-                        "lockdown off"
-                      : "run as root, or with CAP_SYS_RAWIO and access to the file");
+constexpr const char* reserve_region =
+    "reserve the region so that it is no system memory (memmap= or the device tree) and is claimed "
+    "by no driver, or boot with iomem=relaxed; switch lockdown off";
+constexpr const char* is_policy =
+    ", which is the kernel's policy (CONFIG_STRICT_DEVMEM, or lockdown)";
+
+std::string fix_for_opening(int error) {
+    switch (error) {
+    case ENOENT:
+        return fmt::format("mknod -m 0600 {} c 1 1", paths::physical_memory);
+    case ENXIO:
+    case ENODEV:
+        return "boot a kernel with CONFIG_DEVMEM=y";
+    case EPERM:
+        return "run with CAP_SYS_RAWIO, and switch lockdown off";
+    case EACCES:
+        return "run as root";
+    default:
+        return fmt::format("mv {0} {0}.old && mknod -m 0600 {0} c 1 1", paths::physical_memory);
+    }
+}
+
+std::string fix_for_mapping(int error) {
+    return error == EPERM ? reserve_region
+                          : "let the region driver name a region of this machine's memory; "
+                            "/proc/iomem shows what there is";
 }
 
 /// Maps a page the way the library does, and touches nothing.
 void diagnose_memory_access(const site& here, health_report& report) {
     const unique_fd memory{::open(paths::physical_memory, O_RDWR | O_CLOEXEC)};
     if (!memory) {
-        report_refused_memory(errno, "opening", report);
+        const int error = errno;
+        report.add(verdict::error, paths::physical_memory,
+                   fmt::format("opening refused: {}", error_text(error)), fix_for_opening(error));
         return;
     }
-    if (!here.driver)
+    if (!here.driver) {
         return;
+    }
     const auto page_bytes = static_cast<std::size_t>(::sysconf(_SC_PAGESIZE));
     void* const page = ::mmap(nullptr, page_bytes, PROT_READ | PROT_WRITE, MAP_SHARED, memory.get(),
                               static_cast<off_t>(here.driver->first_pa));
     if (page == MAP_FAILED) {
-        report_refused_memory(errno, "mapping the region's first page", report);
+        const int error = errno;
+        report.add(verdict::error, paths::physical_memory,
+                   fmt::format("mapping the region's first page refused: {}{}", error_text(error),
+                               error == EPERM ? is_policy : ""),
+                   fix_for_mapping(error));
         return;
     }
     ::munmap(page, page_bytes);
@@ -117,15 +144,22 @@ void diagnose_memory_access(const site& here, health_report& report) {
                       : "the region can be mapped, but of a stand-in: it is no device");
 }
 
+/// Simulation does without the driver, and then there is nothing to fix.
 void diagnose_iommu(const site& here, health_report& report) {
     if (::access(paths::iommu_driver, W_OK) == 0) {
         report.add(verdict::ok, paths::iommu_driver, "the IOMMU driver takes requests");
         return;
     }
-    report.add(
-        here.simulation ? verdict::note : verdict::warning, paths::iommu_driver,
-        fmt::format("cannot be written ({}): no device can be registered", error_text(errno)),
-        errno == ENOENT ? "load the IOMMU driver" : "run programs with devices as root");
+    const int error = errno;
+    const bool missing = error == ENOENT || error == EROFS;
+    const std::string text =
+        fmt::format("cannot be written ({}): no device can be registered", error_text(error));
+    if (here.simulation && missing) {
+        report.add(verdict::note, paths::iommu_driver, text + ", as in most simulations");
+    } else {
+        report.add(here.simulation ? verdict::note : verdict::warning, paths::iommu_driver, text,
+                   missing ? "load the IOMMU driver" : "run programs with devices as root");
+    }
 }
 
 } // namespace

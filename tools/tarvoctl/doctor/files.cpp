@@ -1,18 +1,16 @@
 #include "doctor/diagnosis.hpp"
-#include "host/simulated_region.hpp"
+#include "failure.hpp"
+#include "host/file_shortage.hpp"
 #include "output/text.hpp"
-#include "shared/layout.hpp"
 #include "shared/paths.hpp"
 
 #include <cerrno>
-#include <cstring>
 #include <filesystem>
 #include <fmt/format.h>
 #include <fstream>
 #include <optional>
 #include <pwd.h>
 #include <sys/stat.h>
-#include <sys/statvfs.h>
 #include <unistd.h>
 
 namespace tarvoctl {
@@ -36,16 +34,28 @@ std::string parent_of(const std::string& path) {
     return std::filesystem::path{path}.parent_path();
 }
 
-/// In a folder that is everybody's and sticky, such as /var/tmp, the kernel may refuse to open a
+/// Of a path that leads through a file.
+std::string first_non_folder(const std::string& path) {
+    std::filesystem::path walked;
+    std::error_code unread;
+    for (const auto& part : std::filesystem::path{path}) {
+        walked /= part;
+        if (!std::filesystem::is_directory(walked, unread)) {
+            break;
+        }
+    }
+    return walked;
+}
+
+/// In a sticky folder that others may write to, such as /var/tmp, the kernel may refuse to open a
 /// file for creating, as the library does, to all but its owner, root included.
-bool is_refused_to_others(const expected_file& expected, const struct stat& file) {
+bool is_refused_to_others(const struct stat& file, const struct stat& folder) {
     std::ifstream setting{"/proc/sys/fs/protected_regular"};
     int level = 0;
-    struct stat folder {};
     setting >> level;
-    constexpr mode_t sticky_for_all = S_ISVTX | S_IWOTH;
-    return level > 0 && ::stat(parent_of(expected.path).c_str(), &folder) == 0 &&
-           (folder.st_mode & sticky_for_all) == sticky_for_all && file.st_uid != folder.st_uid;
+    const bool may_refuse = (level > 0 && (folder.st_mode & S_IWOTH) != 0) ||
+                            (level > 1 && (folder.st_mode & S_IWGRP) != 0);
+    return may_refuse && (folder.st_mode & S_ISVTX) != 0 && file.st_uid != folder.st_uid;
 }
 
 /// False when what is there can be no such file.
@@ -54,10 +64,14 @@ bool diagnose_kind(const expected_file& expected, health_report& report) {
     struct stat target {};
     const std::string& path = expected.path;
     if (::lstat(path.c_str(), &entry) != 0) {
-        report.add(errno == ENOENT ? verdict::note : verdict::warning, path,
-                   errno == ENOENT ? expected.role + " is not there yet: the first program that "
-                                                     "needs it makes it"
-                                   : fmt::format("{}: {}", expected.role, std::strerror(errno)));
+        if (errno == ENOENT) {
+            report.add(verdict::note, path,
+                       expected.role + " is not there yet: the first program that needs it makes "
+                                       "it");
+        } else if (errno != ENOTDIR) { // which was told of the folder
+            report.add(verdict::warning, path,
+                       fmt::format("{}: {}", expected.role, error_text(errno)), run_as_root);
+        }
         return false;
     }
     std::error_code unread;
@@ -66,20 +80,22 @@ bool diagnose_kind(const expected_file& expected, health_report& report) {
         report.add(verdict::error, path,
                    fmt::format("{} cannot be reached: {}{}", expected.role,
                                link.empty() ? "" : "it is a link to " + link + ": ",
-                               std::strerror(errno)),
+                               error_text(errno)),
                    link.empty() ? "" : "rm " + path);
+        return false;
+    }
+    if (!S_ISREG(target.st_mode)) {
+        report.add(verdict::error, path, expected.role + " is no plain file",
+                   link.empty() ? fmt::format("mv {0} {0}.old", path) : "rm " + path);
         return false;
     }
     if (!link.empty()) {
         report.add(verdict::warning, path,
                    fmt::format("{} is a link, to {}: processes that reach the same file by another "
                                "path still share it, but removing the link parts them",
-                               expected.role, link));
-    }
-    if (!S_ISREG(target.st_mode)) {
-        report.add(verdict::error, path, expected.role + " is no plain file",
-                   fmt::format("mv {0} {0}.old", path));
-        return false;
+                               expected.role, link),
+                   fmt::format("end all programs that use it, then mv {} {}",
+                               shown(std::filesystem::canonical(path, unread).string()), path));
     }
     return true;
 }
@@ -111,13 +127,16 @@ bool diagnose_owner(const expected_file& expected, const struct stat& file, cons
                    fmt::format("chown root {}", expected.path));
         return false;
     }
-    if (here.simulation && is_refused_to_others(expected, file)) {
+    struct stat folder {};
+    if (here.simulation && ::stat(parent_of(expected.path).c_str(), &folder) == 0 &&
+        is_refused_to_others(file, folder)) {
         report.add(
             verdict::warning, expected.path,
             fmt::format("{} belongs to {}, and the kernel (fs.protected_regular) lets nobody "
                         "else, not even root, open it as the library does",
                         expected.role, owner_of(file)),
-            fmt::format("chown root {}, or sysctl fs.protected_regular=0", expected.path));
+            fmt::format("chown {} {}, or sysctl fs.protected_regular=0", owner_of(folder),
+                        expected.path));
         return false;
     }
     return true;
@@ -140,45 +159,52 @@ std::optional<struct stat> diagnose_file(const expected_file& expected, const si
     return file;
 }
 
-void diagnose_area_length(const site& here, const struct stat& file, health_report& report) {
-    constexpr auto least_bytes = static_cast<off_t>(sizeof(shared_area_t));
-    if (file.st_size == 0) {
-        report.add(verdict::note, here.area, "the bookkeeping is empty: not built yet");
-    } else if (file.st_size < least_bytes) {
-        report.add(verdict::error, here.area,
-                   fmt::format("the bookkeeping is cut short: {} bytes, an area has at least {}; "
-                               "the next program that starts fills it up with zeros",
-                               file.st_size, least_bytes),
-                   fmt::format("end all programs that use it, then rm {}", here.area));
-        report.set_damaged();
+/// A shortage that ends programs, or only those that touch the missing part.
+void report_shortage(const std::optional<file_shortage>& shortage, verdict how,
+                     health_report& report) {
+    if (shortage) {
+        report.add(how, shortage->path, shortage->text, shortage->fix);
     }
 }
 
-/// The file has holes: its memory takes room on the disk only when it is written.
-void diagnose_room(const site& here, const struct stat& file, health_report& report) {
-    struct statvfs disk {};
-    if (::statvfs(here.memory.c_str(), &disk) != 0)
-        return;
-    constexpr uint64_t block_bytes = 512; // of st_blocks, whatever the file system's are
-    const uint64_t taken = static_cast<uint64_t>(file.st_blocks) * block_bytes;
-    const uint64_t room = static_cast<uint64_t>(disk.f_bavail) * disk.f_frsize;
-    if (taken + room < simulated_region.end_pa) {
-        report.add(verdict::warning, here.memory,
-                   fmt::format("the disk has {} bytes left, and the simulated region can grow by "
-                               "{}: a program that writes to memory beyond that ends by SIGBUS",
-                               room, simulated_region.end_pa - taken),
-                   "make room in " + parent_of(here.memory));
+void diagnose_memory_size(const site& here, health_report& report) {
+    report_shortage(cut_short_memory(here), verdict::warning, report);
+    report_shortage(memory_without_room(here), verdict::warning, report);
+}
+
+void diagnose_area_size(const site& here, const std::optional<struct stat>& file,
+                        health_report& report) {
+    if (file && file->st_size == 0) {
+        report.add(verdict::note, here.area, "the bookkeeping is empty: not built yet");
+    }
+    const auto cut_short = cut_short_area(here);
+    report_shortage(cut_short, verdict::error, report);
+    if (cut_short) {
+        report.set_damaged();
+    }
+    report_shortage(area_without_room(here), verdict::error, report);
+}
+
+std::string folder_fix(const std::string& path, int error) {
+    switch (error) {
+    case ENOENT:
+        return fmt::format("mkdir -p {}; a tmpfiles.d entry makes it at every start", path);
+    case EACCES:
+        return run_as_root;
+    default: // something in its path is no folder
+        return fmt::format("mv {0} {0}.old && mkdir -p {1}", first_non_folder(path), path);
     }
 }
 
 void diagnose_folder(const std::string& path, verdict if_missing, health_report& report) {
     struct stat folder {};
     if (::stat(path.c_str(), &folder) != 0) {
+        const int error = errno;
         report.add(if_missing, path,
-                   fmt::format("the folder cannot be used: {}", std::strerror(errno)),
-                   fmt::format("mkdir -p {}; a tmpfiles.d entry makes it at every start", path));
+                   fmt::format("the folder cannot be used: {}", error_text(error)),
+                   folder_fix(path, error));
     } else if (!S_ISDIR(folder.st_mode)) {
-        report.add(verdict::error, path, "is no folder", fmt::format("mv {0} {0}.old", path));
+        report.add(if_missing, path, "is no folder", folder_fix(path, ENOTDIR));
     } else {
         report.add(verdict::ok, path, "the folder is there");
     }
@@ -223,13 +249,11 @@ void diagnose_files(const site& here, health_report& report) {
     diagnose_folder(parent_of(paths::hardware_lock), locks_there ? verdict::error : verdict::note,
                     report);
     if (here.simulation) {
-        const auto memory = diagnose_file({here.memory, "the memory", mode, mode}, here, report);
-        if (memory)
-            diagnose_room(here, *memory, report);
+        diagnose_file({here.memory, "the memory", mode, mode}, here, report);
+        diagnose_memory_size(here, report);
     }
     const auto area = diagnose_file({here.area, "the bookkeeping", mode, mode}, here, report);
-    if (area)
-        diagnose_area_length(here, *area, report);
+    diagnose_area_size(here, area, report);
     diagnose_locks(here, report);
 }
 

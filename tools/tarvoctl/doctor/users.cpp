@@ -82,7 +82,7 @@ void diagnose_locks(const lock_picture& locks, process_table& processes, health_
     for (const auto& lock : locks.locks) {
         const auto troubles = lock_troubles(lock, processes);
         for (const auto& trouble : troubles)
-            report.add(verdict::warning, lock.file, trouble, "tarvoctl lock tells more");
+            report.add(verdict::warning, lock.file, trouble.text, trouble.fix);
         if (!lock.exists || !troubles.empty())
             continue;
         const auto parties = parties_of(lock);

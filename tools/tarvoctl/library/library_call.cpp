@@ -3,6 +3,7 @@
 #include "common/unique_fd.hpp"
 #include "failure.hpp"
 #include "host/cross_process_lock.hpp"
+#include "host/file_shortage.hpp"
 #include "host/lock_state.hpp"
 #include "host/site.hpp"
 #include "output/standard_output.hpp"
@@ -41,6 +42,22 @@ void do_nothing(int /*signal*/) {}
 /// What a failure is told by across the pipe: its status, then its text.
 std::string report_of(exit_status status, const std::string& text) {
     return static_cast<char>(status) + text;
+}
+
+/// What there is to know of a call that ended its process by that signal.
+std::string reason_of(int signal) {
+    if (signal == SIGABRT) {
+        return "; its reason is above";
+    }
+    if (signal != SIGBUS) {
+        return ", as damaged records can make it";
+    }
+    const site here = find_site();
+    if (const auto lacking = shortage_in(here)) {
+        return fmt::format(": {} {}; {}", lacking->path, lacking->text, lacking->fix);
+    }
+    return fmt::format(": {} or {} was cut short meanwhile, or had no room on its file system",
+                       here.area, here.memory);
 }
 
 /// The process that does the work.
@@ -142,9 +159,9 @@ class worker {
             ::raise(signal);
         }
         throw failure{exit_status::finding,
-                      fmt::format("the library broke off the call by SIG{}; its reason is above. "
-                                  "'tarvoctl check' tells whether the area is whole",
-                                  ::sigabbrev_np(signal))};
+                      fmt::format("the library broke off the call by SIG{}{}. 'tarvoctl check' "
+                                  "tells whether the area is whole",
+                                  ::sigabbrev_np(signal), reason_of(signal))};
     }
 
     unique_fd report_;

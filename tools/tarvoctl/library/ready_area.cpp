@@ -4,6 +4,7 @@
 #include "failure.hpp"
 #include "host/area_follower.hpp"
 #include "host/area_source.hpp"
+#include "host/file_shortage.hpp"
 #include "library/library_call.hpp"
 #include "output/text.hpp"
 #include "tarvo.h"
@@ -33,11 +34,20 @@ void check_file(const std::string& path, int access, missing_file when_missing) 
                               forbidden ? "run it as root" : "'tarvoctl doctor' tells more")};
 }
 
+/// The library's own look into the area would end its process.
+void check_room(const site& here) {
+    if (const auto lacking = area_without_room(here)) {
+        throw failure{exit_status::unreadable,
+                      fmt::format("{} {}; {}", lacking->path, lacking->text, lacking->fix)};
+    }
+}
+
 void check_files(const site& here, missing_file when_missing) {
     require_region(here);
     check_file(here.memory, O_RDWR, here.simulation ? when_missing : missing_file::refused);
     check_file(here.area, O_RDWR, when_missing);
     check_file(here.own_lock, O_RDONLY, when_missing);
+    check_room(here);
 }
 
 /// The library itself looks at little: it would end the process halfway, or make it worse.
@@ -66,7 +76,13 @@ picture sound_picture(const site& here, std::chrono::milliseconds timeout) {
     return picture_of(*area);
 }
 
-exit_status start_library() {
+picture new_picture(const site& here) {
+    picture made{};
+    made.region = here.region().value(); // or require_region() had thrown
+    return made;
+}
+
+void start_library() {
     uint32_t start_dma = 0;
     uint32_t end_dma = 0;
     const change_of_records unbroken;
@@ -74,7 +90,6 @@ exit_status start_library() {
         throw failure{exit_status::unreadable, "the library cannot start; its reason is above, and "
                                                "'tarvoctl doctor' tells more"};
     }
-    return exit_status::good;
 }
 
 } // namespace
@@ -89,9 +104,15 @@ picture ready_area(std::chrono::milliseconds timeout) {
 picture ready_or_new_area(std::chrono::milliseconds timeout) {
     const site here = find_site();
     check_files(here, missing_file::accepted);
-    if (!open_built_area(here.area))
-        in_library(timeout, start_library);
-    return sound_picture(here, timeout);
+    return open_built_area(here.area) ? sound_picture(here, timeout) : new_picture(here);
+}
+
+exit_status in_started_library(std::chrono::milliseconds timeout,
+                               const std::function<exit_status()>& work) {
+    return in_library(timeout, [&work] {
+        start_library();
+        return work();
+    });
 }
 
 } // namespace tarvoctl

@@ -1,8 +1,10 @@
 #pragma once
 
 #include "area/records.hpp"
+#include "exit_status.hpp"
 
 #include <chrono>
+#include <functional>
 
 namespace tarvoctl {
 
@@ -11,8 +13,13 @@ namespace tarvoctl {
 /// the library's calls look. Makes nothing. Throws failure.
 picture ready_area(std::chrono::milliseconds timeout);
 
-/// The same for calls that make the region the first time they are used: starts the library where
-/// there is no area yet.
+/// The same for calls that make the region the first time they are used: where there is no area yet,
+/// what is on record in a new one.
 picture ready_or_new_area(std::chrono::milliseconds timeout);
+
+/// in_library() for such a call. Starts the library first; a start that fails is a failure of its
+/// own.
+exit_status in_started_library(std::chrono::milliseconds timeout,
+                               const std::function<exit_status()>& work);
 
 } // namespace tarvoctl

@@ -20,35 +20,43 @@ bool is_unexplained(const lock_state& lock) {
 }
 
 /// Told of all at once: one of them that lives is enough to keep the lock.
-std::string text_of_keepers(const lock_state& lock, const std::vector<pid_t>& keepers,
-                            process_table& processes) {
+lock_trouble trouble_of_keepers(const lock_state& lock, const std::vector<pid_t>& keepers,
+                                process_table& processes) {
     const std::string taker = lock.taker == 0 ? "" : fmt::format(" {}", lock.taker);
-    std::string numbers;
-    for (const pid_t pid : keepers)
-        numbers += fmt::format(" {}", pid);
+    const std::string fix = fmt::format("kill {}", fmt::join(keepers, " "));
     const bool one = keepers.size() == 1;
-    return fmt::format("process{} took the lock and ended without giving it back; {} {} inherited "
-                       "its open lock file by fork, and nobody gets the lock before {} (kill{})",
-                       taker, processes_text(keepers, processes), one ? "has" : "have",
-                       one ? "that ends" : "these end", numbers);
+    return {fmt::format("process{} took the lock and ended without giving it back; {} {} inherited "
+                        "its open lock file by fork, and nobody gets the lock before {} ({})",
+                        taker, processes_text(keepers, processes), one ? "has" : "have",
+                        one ? "that ends" : "these end", fix),
+            fix};
 }
 
-std::string text_of_stopped(pid_t pid, process_table& processes) {
-    return fmt::format("{} is stopped: nobody gets the lock before it goes on (kill -CONT {}) or "
-                       "ends (kill -KILL {})",
-                       processes.text(pid), pid, pid);
+lock_trouble trouble_of_stopped(pid_t pid, process_table& processes) {
+    const std::string fix = fmt::format("kill -CONT {}", pid);
+    return {fmt::format("{} is stopped: nobody gets the lock before it goes on ({}) or ends (kill "
+                        "-KILL {})",
+                        processes.text(pid), fix, pid),
+            fix};
 }
 
-std::string text_of_sharer(const lock_state& lock, pid_t pid, process_table& processes) {
-    return fmt::format("{} has inherited the open lock file of {}: if that one ends in the middle "
-                       "of a call, the lock stays taken",
-                       processes.text(pid), lock.taker);
+lock_trouble trouble_of_sharer(const lock_state& lock, pid_t pid, process_table& processes) {
+    return {fmt::format("{} has inherited the open lock file of {}: if that one ends in the middle "
+                        "of a call, the lock stays taken",
+                        processes.text(pid), lock.taker),
+            fmt::format("end {}, or let it call exec() after fork()", pid)};
 }
 
-std::string text_of_removed(pid_t pid, process_table& processes) {
-    return fmt::format("{} uses a lock file that was removed: it is not kept apart from those that "
-                       "opened the new one; restart it",
-                       processes.text(pid));
+lock_trouble trouble_of_removed(pid_t pid, process_table& processes) {
+    return {fmt::format("{} uses a lock file that was removed: it is not kept apart from those "
+                        "that opened the new one; restart it",
+                        processes.text(pid)),
+            fmt::format("restart {}", pid)};
+}
+
+lock_trouble trouble_of_unseen_holder() {
+    return {"the process that has it cannot be seen from here",
+            "look as root, and outside of containers"};
 }
 
 } // namespace
@@ -73,24 +81,24 @@ std::string waiting_text(const lock_state& lock) {
                           : fmt::format("{} wait", waiting);
 }
 
-std::vector<std::string> lock_troubles(const lock_state& lock, process_table& processes) {
-    std::vector<std::string> troubles;
+std::vector<lock_trouble> lock_troubles(const lock_state& lock, process_table& processes) {
+    std::vector<lock_trouble> troubles;
     std::vector<pid_t> heirs;
     for (const auto& [role, pid] : parties_of(lock)) {
         if (role == lock_role::keeps)
             heirs.push_back(pid);
         if (role == lock_role::holds && processes.of(pid).is_stopped())
-            troubles.push_back(text_of_stopped(pid, processes));
+            troubles.push_back(trouble_of_stopped(pid, processes));
         if (role == lock_role::shares)
-            troubles.push_back(text_of_sharer(lock, pid, processes));
+            troubles.push_back(trouble_of_sharer(lock, pid, processes));
     }
     if (!heirs.empty())
-        troubles.push_back(text_of_keepers(lock, heirs, processes));
+        troubles.push_back(trouble_of_keepers(lock, heirs, processes));
     if (is_unexplained(lock) && lock.taker == 0)
-        troubles.emplace_back("the process that has it cannot be seen from here");
+        troubles.push_back(trouble_of_unseen_holder());
     for (const auto& user : lock.users) {
         if (user.removed)
-            troubles.push_back(text_of_removed(user.pid, processes));
+            troubles.push_back(trouble_of_removed(user.pid, processes));
     }
     return troubles;
 }

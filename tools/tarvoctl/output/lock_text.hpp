@@ -26,7 +26,12 @@ std::vector<lock_party> parties_of(const lock_state& lock);
 /// "nobody waits", "2 wait"
 std::string waiting_text(const lock_state& lock);
 
-/// What is wrong with who has the lock, and what helps: a sentence each.
-std::vector<std::string> lock_troubles(const lock_state& lock, process_table& processes);
+/// Something wrong with who has the lock.
+struct lock_trouble {
+    std::string text; ///< a sentence, with what helps
+    std::string fix;  ///< only that
+};
+
+std::vector<lock_trouble> lock_troubles(const lock_state& lock, process_table& processes);
 
 } // namespace tarvoctl

@@ -1,0 +1,201 @@
+#include "host/file_shortage.hpp"
+
+#include "common/unique_fd.hpp"
+#include "host/simulated_region.hpp"
+#include "shared/layout.hpp"
+
+#include <algorithm>
+#include <cstdio>
+#include <fcntl.h>
+#include <filesystem>
+#include <fmt/format.h>
+#include <memory>
+#include <mntent.h>
+#include <sys/stat.h>
+#include <sys/statvfs.h>
+#include <system_error>
+#include <unistd.h>
+
+namespace tarvoctl {
+
+namespace {
+
+constexpr const char* ends_programs = "a program that touches what is missing ends by SIGBUS";
+
+uint64_t area_bytes() {
+    const auto page_bytes = static_cast<uint64_t>(::sysconf(_SC_PAGESIZE));
+    return (sizeof(shared_area_t) + page_bytes - 1) / page_bytes * page_bytes;
+}
+
+/// Nothing where there is no such file.
+std::optional<struct stat> state_of(const std::string& path) {
+    struct stat found {};
+    if (::stat(path.c_str(), &found) != 0 || !S_ISREG(found.st_mode)) {
+        return std::nullopt;
+    }
+    return found;
+}
+
+/// What a file of that size has yet to take from its file system.
+uint64_t missing_bytes(const std::string& path, uint64_t size) {
+    constexpr uint64_t block_bytes = 512; // of st_blocks, whatever the file system's are
+    const auto file = state_of(path);
+    const uint64_t taken = file ? static_cast<uint64_t>(file->st_blocks) * block_bytes : 0;
+    return size - std::min(size, taken);
+}
+
+struct mount {
+    std::string point;
+    std::string type;
+};
+
+bool lies_below(const std::string& path, const std::string& point) {
+    return path.starts_with(point) && (point.ends_with('/') || path[point.size()] == '/');
+}
+
+/// The last one over the longest beginning of the path.
+mount mount_of(const std::string& path) {
+    std::error_code unresolved;
+    const std::string resolved = std::filesystem::weakly_canonical(path, unresolved).string();
+    mount found{"/", ""};
+    const std::unique_ptr<std::FILE, int (*)(std::FILE*)> mounts{
+        ::setmntent("/proc/self/mounts", "re"), &::endmntent};
+    while (const mntent* each = mounts ? ::getmntent(mounts.get()) : nullptr) {
+        const std::string point{each->mnt_dir};
+        if (point.size() >= found.point.size() && lies_below(resolved, point)) {
+            found = {point, each->mnt_type};
+        }
+    }
+    return found;
+}
+
+/// Room on a file system, in bytes.
+struct room {
+    uint64_t total;
+    uint64_t free; ///< for this user
+};
+
+/// Nothing where that is not known, or without limit.
+std::optional<room> room_for(const std::string& path) {
+    const std::string there =
+        state_of(path) ? path : std::filesystem::path{path}.parent_path().string();
+    struct statvfs found {};
+    if (::statvfs(there.c_str(), &found) != 0 || found.f_blocks == 0) {
+        return std::nullopt;
+    }
+    const uint64_t free_blocks = ::geteuid() == 0 ? found.f_bfree : found.f_bavail;
+    return room{uint64_t{found.f_blocks} * found.f_frsize, free_blocks * found.f_frsize};
+}
+
+std::string room_fix(const mount& where, const room& has, uint64_t lacking) {
+    if (where.type != "tmpfs") {
+        return fmt::format("free {} bytes on {}", lacking, where.point);
+    }
+    constexpr unsigned mebibyte_shift = 20;
+    const uint64_t mebibytes = ((has.total + lacking - 1) >> mebibyte_shift) + 1;
+    return fmt::format("mount -o remount,size={}m {}", mebibytes, where.point);
+}
+
+/// `reserved`: what another file on the same file system takes as well.
+std::optional<file_shortage> without_room(const std::string& path, uint64_t needed,
+                                          uint64_t reserved) {
+    const auto has = room_for(path);
+    if (!has || needed == 0 || needed + reserved <= has->free) {
+        return std::nullopt;
+    }
+    const mount where = mount_of(path);
+    return file_shortage{
+        path,
+        fmt::format("needs {} bytes more{}, and the file system on {} has {} "
+                    "left: {}",
+                    needed,
+                    reserved == 0 ? "" : fmt::format(", besides {} for the bookkeeping", reserved),
+                    where.point, has->free, ends_programs),
+        room_fix(where, *has, needed + reserved - has->free)};
+}
+
+/// What is to be taken of the file system when all these bytes are written.
+uint64_t hole_bytes(const std::string& path, uint64_t first, uint64_t end) {
+    const unique_fd file{::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC)};
+    if (!file) {
+        return end - first;
+    }
+    uint64_t holes = 0;
+    const auto last = static_cast<off_t>(end);
+    for (auto at = static_cast<off_t>(first); at < last;) {
+        const off_t data = ::lseek(file.get(), at, SEEK_DATA);
+        const off_t hole_end = data < 0 ? last : std::min(data, last);
+        holes += static_cast<uint64_t>(hole_end - at);
+        const off_t hole = ::lseek(file.get(), hole_end, SEEK_HOLE);
+        at = hole_end == last || hole < 0 ? last : hole;
+    }
+    return holes;
+}
+
+uint64_t missing_bytes_of_area(const site& here) {
+    return missing_bytes(here.area, area_bytes());
+}
+
+} // namespace
+
+std::optional<file_shortage> cut_short_area(const site& here) {
+    const auto file = state_of(here.area);
+    constexpr auto least_bytes = static_cast<off_t>(sizeof(shared_area_t));
+    if (!file || file->st_size == 0 || file->st_size >= least_bytes) {
+        return std::nullopt;
+    }
+    return file_shortage{here.area,
+                         fmt::format("is cut short: {} bytes, an area takes {}; the next program "
+                                     "that starts fills it up with zeros",
+                                     file->st_size, least_bytes),
+                         fmt::format("end all programs that use it, then rm {}", here.area)};
+}
+
+std::optional<file_shortage> cut_short_memory(const site& here) {
+    const auto area = state_of(here.area);
+    const auto file = here.simulation ? state_of(here.memory) : std::nullopt;
+    const auto whole = static_cast<off_t>(simulated_region.end_pa);
+    const bool is_new = !area || area->st_size == 0;
+    if (!file || file->st_size >= whole || (file->st_size == 0 && is_new)) {
+        return std::nullopt;
+    }
+    return file_shortage{
+        here.memory,
+        fmt::format("is cut short: {} bytes, the region takes {}: {}", file->st_size, whole,
+                    ends_programs),
+        fmt::format("truncate -s {} {}; what chunks held there is lost", whole, here.memory)};
+}
+
+std::optional<file_shortage> area_without_room(const site& here) {
+    return without_room(here.area, missing_bytes_of_area(here), 0);
+}
+
+std::optional<file_shortage> memory_without_room(const site& here) {
+    if (!here.simulation) {
+        return std::nullopt;
+    }
+    return without_room(
+        here.memory,
+        missing_bytes(here.memory, simulated_region.end_pa - simulated_region.first_pa),
+        missing_bytes_of_area(here));
+}
+
+std::optional<file_shortage> chunk_without_room(const site& here, uint64_t pa, uint32_t size) {
+    if (!here.simulation) {
+        return std::nullopt;
+    }
+    return without_room(here.memory, hole_bytes(here.memory, pa, pa + size),
+                        missing_bytes_of_area(here));
+}
+
+std::optional<file_shortage> shortage_in(const site& here) {
+    for (const auto look :
+         {cut_short_area, cut_short_memory, area_without_room, memory_without_room}) {
+        if (auto found = look(here)) {
+            return found;
+        }
+    }
+    return std::nullopt;
+}
+
+} // namespace tarvoctl

@@ -1,0 +1,34 @@
+#pragma once
+
+#include "host/site.hpp"
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+namespace tarvoctl {
+
+/// What a file lacks that the library maps. A process that touches it there ends by SIGBUS.
+struct file_shortage {
+    std::string path;
+    std::string text; ///< follows the path: "needs 4096 bytes more, and ..."
+    std::string fix;
+};
+
+/// A file that is there, but shorter than the library makes it. One that is empty is as good as new.
+std::optional<file_shortage> cut_short_area(const site& here);
+/// In simulation, where the memory is a file; also one that is empty, once there is an area.
+std::optional<file_shortage> cut_short_memory(const site& here);
+
+/// A file system that lacks room for what the file does not have of its blocks yet, also where the
+/// file itself is not there.
+std::optional<file_shortage> area_without_room(const site& here);
+/// In simulation. All of the region has room where there is no shortage.
+std::optional<file_shortage> memory_without_room(const site& here);
+/// The same for one chunk of it.
+std::optional<file_shortage> chunk_without_room(const site& here, uint64_t pa, uint32_t size);
+
+/// The first of all these.
+std::optional<file_shortage> shortage_in(const site& here);
+
+} // namespace tarvoctl
