@@ -156,10 +156,19 @@ TEST_F(area_repair, MarksListedElementsAllocated) {
 }
 
 TEST_F(area_repair, GivesBackAChunkThatHoldsNoMemory) {
-    write.u32(at(middle, area_offset::size), 0);
+    write.u32(at(low, area_offset::size), 0);
     repair_fully();
-    EXPECT_THAT(names(), ElementsAre("__HEAD", "low", "high", "__TAIL"));
-    EXPECT_EQ(area.view().free_chunks().front(), middle);
+    EXPECT_THAT(names(), ElementsAre("__HEAD", "middle", "high", "__TAIL"));
+    EXPECT_EQ(area.view().free_chunks().front(), low);
+}
+
+TEST_F(area_repair, LeavesAChunkThatDevicesSeeToAPersonWithoutASize) {
+    write.u32(at(middle, area_offset::size), 0);
+    const repair_plan plan = repair();
+    EXPECT_THAT(plan.edits, IsEmpty());
+    EXPECT_THAT(plan.doubts,
+                ElementsAre(AllOf(Field(&repair_doubt::where, place{area_list::chunks, middle}),
+                                  Field(&repair_doubt::why, HasSubstr("size is 0")))));
 }
 
 TEST_F(area_repair, SortsTheChunks) {

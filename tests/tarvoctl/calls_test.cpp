@@ -138,7 +138,8 @@ TEST(Alloc, ADamagedAreaIsLeftAlone) {
     const auto outcome = tarvoctl(machine, {"alloc", "third", "4K"});
     EXPECT_EQ(outcome.status, 4);
     EXPECT_EQ(outcome.errors,
-              "tarvoctl: the area is broken: chunk 2: the walk comes back to this element after 2 "
+              "tarvoctl: the area is broken: chunk 2 'first' (creator test): the walk comes back to "
+              "this element after 2 "
               "elements and never reaches the tail 1. The library would break off the call, or "
               "make it worse; see 'tarvoctl check' and 'tarvoctl repair'\n");
 }
@@ -151,7 +152,8 @@ TEST(Alloc, AChunkOutsideTheRegionIsNotHandedToTheLibrary) {
     const auto outcome = tarvoctl(machine, {"read", "first"});
     EXPECT_EQ(outcome.status, 4);
     EXPECT_TRUE(outcome.errors.starts_with(
-        "tarvoctl: the area is broken: chunk 2: begins at 0x1000, before its predecessor"))
+        "tarvoctl: the area is broken: chunk 2 'first' (creator test): begins at 0x1000, before "
+        "its predecessor"))
         << outcome.errors;
 }
 

@@ -44,21 +44,22 @@ class Damage : public ::testing::Test {
 
 TEST_F(Damage, AWrongBackLinkKeepsTheLibraryAway) {
     write.i32(area_offset::chunk(second) + area_offset::prev, 77);
-    expect_all_calls_refused("tarvoctl: the area is broken: chunk 3: prev is 77, but the list "
-                             "comes here from 2. The library would break off the call, or make it "
-                             "worse; see 'tarvoctl check' and 'tarvoctl repair'\n");
+    expect_all_calls_refused(
+        "tarvoctl: the area is broken: chunk 3 'second' (creator me): prev is "
+        "77, but the list comes here from 2. The library would break off the call, or make it "
+        "worse; see 'tarvoctl check' and 'tarvoctl repair'\n");
 }
 
 TEST_F(Damage, AFreeChainThatLeadsToAUsedChunkKeepsTheLibraryAway) {
     write.i32(area_offset::chunks_free, first);
-    expect_all_calls_refused("tarvoctl: the area is broken: chunk 2: on the list and on the free "
-                             "chain");
+    expect_all_calls_refused("tarvoctl: the area is broken: chunk 2 'first' (creator me): on the "
+                             "list and on the free chain");
 }
 
 TEST_F(Damage, AFreeChainOfDeviceReferencesThatLeadsNowhereKeepsTheLibraryAway) {
     write.i32(area_offset::chunk(first) + area_offset::devs_free, 777);
-    expect_all_calls_refused("tarvoctl: the area is broken: chunk 2, its device list: the free "
-                             "chain goes on at 777, which is no element");
+    expect_all_calls_refused("tarvoctl: the area is broken: chunk 2 'first' (creator me), its "
+                             "device list: the free chain goes on at 777, which is no element");
 }
 
 TEST_F(Damage, AnotherRegionsAreaIsNotWorkedOn) {

@@ -38,7 +38,8 @@ TEST_F(Repair, ShowsItsPlanKeepsACopyAndMendsTheArea) {
     const auto lines = lines_of(outcome.output);
     ASSERT_EQ(lines.size(), 2U) << outcome.output;
     EXPECT_EQ(lines[0],
-              "offset    12848  04000000 -> 02000000  chunk 3: prev becomes 2, the element before");
+              "offset    12848  04000000 -> 02000000  chunk 3 'second' (creator test): prev "
+              "becomes 2, the element before");
     EXPECT_EQ(lines[1], "repaired; " + backup + " holds the area as it was");
     EXPECT_TRUE(is_sound());
     EXPECT_EQ(area_file(backup).snapshot(), broken);
@@ -147,6 +148,160 @@ TEST_F(Repair, NamesTheWayOutOfABackupThatIsThere) {
     EXPECT_EQ(own_errors(outcome),
               "tarvoctl: cannot write " + backup + ": File exists; --backup names another\n");
     EXPECT_TRUE(is_untouched());
+}
+
+constexpr const char* free_it = "free the chunk with 'tarvoctl free' and allocate it again";
+constexpr const char* remove_it = "end all programs that use it, then remove its file";
+
+/// A record that says what it cannot: no link is wrong.
+class RecordOf : public testing::Test {
+  protected:
+    static std::size_t at(int chunk, std::size_t field) {
+        return area_offset::chunk(chunk) + field;
+    }
+
+    /// Repair changes nothing and says what stays broken, and check sends to what helps.
+    void expect_broken(const std::string& what, const std::string& way_out) {
+        const auto before = machine.area().snapshot();
+        const auto repair = tarvoctl(machine, {"repair", "--yes", "--force"});
+        EXPECT_EQ(repair.status, 4) << repair.errors;
+        EXPECT_EQ(repair.output, "stays broken: " + what + "\nto get rid of what stays broken, " +
+                                     way_out + "\nrepair has nothing to change\n");
+        EXPECT_EQ(machine.area().snapshot(), before);
+        const auto check = tarvoctl(machine, {"check"});
+        EXPECT_EQ(check.status, 4);
+        EXPECT_EQ(lines_of(check.output).back(), "the area is broken: " + way_out);
+        EXPECT_NE(check.output.find("broken     " + what + "\n"), std::string::npos)
+            << check.output;
+    }
+
+    /// Freeing the chunk helps, and so does allocating it again.
+    void expect_free_to_help(const std::string& name) {
+        const auto freed = tarvoctl(machine, {"free", name, "--force"});
+        EXPECT_EQ(freed.status, 0) << freed.errors;
+        EXPECT_EQ(tarvoctl(machine, {"alloc", name, "4K"}).status, 0);
+        EXPECT_EQ(tarvoctl(machine, {"check"}).status, 0);
+    }
+
+    sandbox machine{low};
+    client driver = machine.start(
+        {"alloc first 1 test", "alloc second 1 test", "alloc third 1 test", "register 0 3 0"});
+    area_file area = machine.writable_area();
+    area_writer write = area.writer();
+};
+
+TEST_F(RecordOf, AChunkOfPartOfAPageIsFreed) {
+    write.u32(at(4, area_offset::size), 0x800);
+    expect_broken("chunk 4 'third' (creator test): size 2048 is not whole pages of 4096 bytes "
+                  "[chunk-size-not-pages]",
+                  free_it);
+    expect_free_to_help("third");
+}
+
+TEST_F(RecordOf, OneOfTwoChunksThatOverlapIsFreed) {
+    write.u32(at(2, area_offset::size), 0x2000);
+    expect_broken("chunk 3 'second' (creator test): begins at 0x80001000, but chunk 2 'first' "
+                  "reaches to 0x80002000 [chunk-overlap]",
+                  free_it);
+    expect_free_to_help("first");
+}
+
+TEST_F(RecordOf, AChunkWithoutANameCostsTheArea) {
+    write.u8(at(3, area_offset::name), 0);
+    expect_broken("chunk 3 (creator test): no name: it can be neither found nor freed "
+                  "[chunk-name-empty]",
+                  remove_it);
+    driver.finish();
+    std::filesystem::remove(machine.shared_area());
+    EXPECT_EQ(tarvoctl(machine, {"alloc", "second", "4K"}).status, 0);
+    EXPECT_EQ(tarvoctl(machine, {"check"}).status, 0);
+}
+
+/// Freeing it would end the library's process where a device sees it.
+TEST_F(RecordOf, AChunkOutsideTheRegionCostsTheArea) {
+    write.u64(at(4, area_offset::pa), low.end() + 0x1000);
+    const auto repair = tarvoctl(machine, {"repair"});
+    EXPECT_EQ(repair.status, 4);
+    EXPECT_NE(repair.output.find("stays broken: chunk 4 'third' (creator test): 4096 bytes from "
+                                 "0x90001000 do not lie in the region"),
+              std::string::npos)
+        << repair.output;
+    EXPECT_NE(repair.output.find(std::string("to get rid of what stays broken, ") + remove_it),
+              std::string::npos)
+        << repair.output;
+    const auto check = tarvoctl(machine, {"check"});
+    EXPECT_EQ(lines_of(check.output).back(), std::string("the area is broken: ") + remove_it);
+    EXPECT_EQ(tarvoctl(machine, {"free", "third", "--force"}).status, 4);
+}
+
+TEST_F(RecordOf, ADeviceThatIsThereTwiceIsUnregistered) {
+    machine.start().register_device(0, 4, 0);
+    write.i32(area_offset::device(1) + area_offset::bus, 3);
+    expect_broken("device 1: the same domain, bus and devfn as device 0, which is the one that "
+                  "calls find [device-address-twice]",
+                  "unregister the device with 'tarvoctl unregister' and register it again");
+    EXPECT_EQ(tarvoctl(machine, {"unregister", "03:00.0", "--force"}).status, 0);
+    EXPECT_EQ(tarvoctl(machine, {"register", "03:00.0"}).status, 0);
+    EXPECT_EQ(tarvoctl(machine, {"check"}).status, 0);
+}
+
+TEST_F(RecordOf, AChunkThatDevicesSeeIsNotGivenBackForItsSize) {
+    write.u32(at(3, area_offset::size), 0);
+    const auto before = machine.area().snapshot();
+    const auto repair = tarvoctl(machine, {"repair", "--yes", "--force"});
+    EXPECT_EQ(repair.status, 4);
+    EXPECT_EQ(lines_of(repair.output).front(),
+              "left as it is: chunk 3 'second' (creator test): its size is 0, yet it is mapped "
+              "for devices: the size is lost");
+    EXPECT_EQ(machine.area().snapshot(), before);
+    expect_free_to_help("second");
+}
+
+TEST_F(RecordOf, WhatStaysBrokenIsToldBesidesWhatIsRepaired) {
+    write.u32(at(4, area_offset::size), 0x800);
+    write.i32(at(3, area_offset::prev), 4);
+    EXPECT_EQ(lines_of(tarvoctl(machine, {"check"}).output).back(),
+              "the area is broken: 'tarvoctl repair' shows what can be done");
+    EXPECT_EQ(tarvoctl(machine, {"repair", "--dry-run"}).status, 4);
+    const auto repair = tarvoctl(machine, {"repair", "--yes", "--force"});
+    EXPECT_EQ(repair.status, 4);
+    const auto lines = lines_of(repair.output);
+    ASSERT_EQ(lines.size(), 4U) << repair.output;
+    EXPECT_EQ(lines[1].substr(0, 30), "stays broken: chunk 4 'third' ");
+    EXPECT_EQ(lines[3].substr(0, 10), "repaired; ");
+    expect_free_to_help("third");
+}
+
+TEST_F(RecordOf, OfACopyOverlapsAreInOrderUnderCma) {
+    write.u32(at(2, area_offset::size), 0x2000);
+    const temporary_folder folder;
+    const std::string copy = folder.path() / "copy";
+    ASSERT_EQ(tarvoctl(machine, {"snapshot", copy}).status, 0);
+    EXPECT_EQ(tarvoctl(machine, {"repair", copy}).status, 4);
+    EXPECT_EQ(tarvoctl(machine, {"repair", "--cma", copy}).output, "nothing to repair\n");
+}
+
+TEST_F(RecordOf, ThereIsNoRoomForTheCopyBesideTheArea) {
+    write.i32(at(3, area_offset::prev), 4);
+    const auto before = machine.area().snapshot();
+    // The mount has room for the area alone.
+    const auto repair = run_program(
+        machine, {"sh", "-c",
+                  "cp -a /var/shmem/tarvo_lib /var/tmp/kept && "
+                  "mount -t tmpfs -o size=68m,mode=0755 tmpfs /var/shmem && "
+                  "cp -a /var/tmp/kept /var/shmem/tarvo_lib && "
+                  "\"$0\" repair --yes --force; echo $?; "
+                  "\"$0\" repair --yes --force --backup /var/tmp/backup >/dev/null; echo $?; "
+                  "ls -A /var/shmem",
+                  TARVOCTL});
+    EXPECT_NE(repair.errors.find(": No space left on device: the copy takes 671"),
+              std::string::npos)
+        << repair.errors;
+    EXPECT_TRUE(own_errors(repair).ends_with(
+        " are free there; --backup FILE puts it where there is room\n"))
+        << repair.errors;
+    EXPECT_TRUE(repair.output.ends_with("\n3\n0\ntarvo_lib\n")) << repair.output;
+    EXPECT_EQ(machine.area().snapshot(), before);
 }
 
 /// A person at a terminal who is asked before the area is mended.

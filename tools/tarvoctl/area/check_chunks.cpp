@@ -128,8 +128,8 @@ class chunk_judge {
         const dma_chunk_t& one = record(chunk);
         if (one.pa < _furthest_end && !is_first(chunk)) {
             add(_options.cma ? rule::overlap_under_cma : rule::overlap, chunk,
-                "begins at {:#x}, but chunk {} reaches to {:#x}", uint64_t{one.pa}, _furthest,
-                _furthest_end);
+                "begins at {:#x}, but chunk {} '{}' reaches to {:#x}", uint64_t{one.pa}, _furthest,
+                text_up_to_end(record(_furthest).name), _furthest_end);
         }
         const uint64_t room = std::numeric_limits<uint64_t>::max() - one.pa;
         const uint64_t end = one.pa + std::min<uint64_t>(one.size, room);

@@ -119,6 +119,12 @@ std::optional<std::string_view> text_in(const char (&field)[Bytes]) {
     return std::string_view(field, end);
 }
 
+/// The same, or all of the field where it has no terminator.
+template <std::size_t Bytes>
+std::string_view text_up_to_end(const char (&field)[Bytes]) {
+    return {field, strnlen(field, Bytes)};
+}
+
 inline constexpr std::string_view head_name = "__HEAD";
 inline constexpr std::string_view tail_name = "__TAIL";
 

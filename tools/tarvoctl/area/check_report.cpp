@@ -9,6 +9,7 @@ namespace {
 struct rule_entry {
     finding_class cls;
     std::string_view name;
+    way_out out = way_out::remove_file;
 };
 
 /// In the order of the enumeration.
@@ -44,18 +45,18 @@ constexpr rule_entry rule_table[] = {
     {finding_class::broken, "name-not-terminated"},
     {finding_class::broken, "name-empty"},
     {finding_class::tolerated, "name-twice"},
-    {finding_class::broken, "creator-not-terminated"},
-    {finding_class::broken, "creator-empty"},
-    {finding_class::broken, "size-zero"},
-    {finding_class::broken, "size-not-pages"},
+    {finding_class::broken, "creator-not-terminated", way_out::free_chunk},
+    {finding_class::broken, "creator-empty", way_out::free_chunk},
+    {finding_class::broken, "size-zero", way_out::free_chunk},
+    {finding_class::broken, "size-not-pages", way_out::free_chunk},
     {finding_class::tolerated, "address-not-page"},
     {finding_class::broken, "outside-region"},
     {finding_class::broken, "order"},
-    {finding_class::broken, "overlap"},
+    {finding_class::broken, "overlap", way_out::free_chunk},
     {finding_class::tolerated, "overlap-under-cma"},
     {finding_class::note, "misses-device"},
 
-    {finding_class::broken, "address-twice"},
+    {finding_class::broken, "address-twice", way_out::unregister_device},
     {finding_class::broken, "online-value"},
     {finding_class::broken, "device-out-of-range"},
     {finding_class::tolerated, "device-not-registered"},
@@ -72,10 +73,6 @@ constexpr std::string_view list_names[] = {"area", "chunk", "ref", "device"};
 
 } // namespace
 
-finding_class class_of(rule broken_rule) {
-    return entry_of(broken_rule).cls;
-}
-
 std::string rule_name(rule broken_rule, area_list list) {
     std::string name(list_names[static_cast<std::size_t>(list)]);
     name += '-';
@@ -85,8 +82,9 @@ std::string rule_name(rule broken_rule, area_list list) {
 
 void report::list(rule broken_rule, place where, std::string text) {
     tally_of(broken_rule, where.list).last_listed = _findings.size();
+    const rule_entry& entry = entry_of(broken_rule);
     _findings.push_back(
-        {class_of(broken_rule), rule_name(broken_rule, where.list), where, std::move(text)});
+        {entry.cls, rule_name(broken_rule, where.list), where, std::move(text), 0, entry.out});
 }
 
 std::vector<finding> report::take() {

@@ -65,8 +65,6 @@ enum class rule {
     count_of_rules
 };
 
-finding_class class_of(rule broken_rule);
-
 /// What findings call the rule, applied to that list.
 std::string rule_name(rule broken_rule, area_list list);
 

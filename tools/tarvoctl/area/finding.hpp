@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace tarvoctl {
 
@@ -32,8 +33,16 @@ struct place {
     bool operator==(const place&) const = default;
 };
 
-/// As people read it: "chunk 17", "chunk 17, reference 3", "the device list".
-std::string text_of(const place& where);
+/// As people read it: "chunk 17", "chunk 17, device reference 3", "the device list". `label` follows
+/// the chunk's number.
+std::string text_of(const place& where, const std::string& label = "");
+
+/// What helps against what repair leaves broken.
+enum class way_out {
+    remove_file,       ///< while nobody uses it: the next program builds a new one
+    free_chunk,        ///< and allocate it again
+    unregister_device, ///< and register it again
+};
 
 struct finding {
     finding_class cls = finding_class::note;
@@ -42,6 +51,11 @@ struct finding {
     std::string text; ///< the values found and what they mean
     /// Further findings of this rule that were counted but not listed; on the rule's last one.
     std::size_t unlisted = 0;
+    way_out out = way_out::remove_file; ///< where it is broken
 };
+
+/// What helps against all that is broken, as a sentence without its end. Removing the file helps
+/// against everything.
+std::string text_of_ways_out(const std::vector<finding>& findings);
 
 } // namespace tarvoctl

@@ -4,7 +4,6 @@
 #include "list_walk.hpp"
 
 #include <algorithm>
-#include <cstring>
 #include <string_view>
 #include <unordered_map>
 
@@ -12,15 +11,9 @@ namespace tarvoctl {
 
 namespace {
 
-/// A text field, also one that has lost its end.
-template <std::size_t Bytes>
-std::string whole_text(const char (&field)[Bytes]) {
-    return {field, strnlen(field, Bytes)};
-}
-
 chunk_record record_of(int index, const dma_chunk_t& chunk, std::vector<std::string>& damage) {
-    chunk_record record{index,      whole_text(chunk.name),    chunk.pa,
-                        chunk.size, whole_text(chunk.creator), {}};
+    chunk_record record{index,      std::string{text_up_to_end(chunk.name)},    chunk.pa,
+                        chunk.size, std::string{text_up_to_end(chunk.creator)}, {}};
     if (const auto why = walk_list(chunk.devs, [&record](int, const iommu_dev_ref& ref) {
             record.devices.push_back(ref.dev);
         })) {

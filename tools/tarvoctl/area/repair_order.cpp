@@ -101,13 +101,21 @@ class chunk_decision {
         _taken.add(record(chunk).pa, end_of(chunk));
     }
 
+    bool is_mapped(int chunk) const {
+        const auto& refs = record(chunk).devs._arr;
+        return std::any_of(std::begin(refs), std::end(refs),
+                           [](const iommu_dev_ref& ref) { return ref.allocated != 0; });
+    }
+
     /// A chunk of size 0 was never anybody's: the size is filled in before the chunk is linked. It
-    /// goes back. Others stay as long as the walk was whole, whatever they say.
+    /// goes back, unless devices see it: then the size is what was lost. Others stay as long as the
+    /// walk was whole, whatever they say.
     void take_order(const link_reader& reader) {
         for (const int chunk : reader.order()) {
-            if (is_end(chunk) || (reader.is_sound() && record(chunk).size != 0)) {
-                enter(chunk);
-            } else if (record(chunk).size != 0) {
+            const bool is_empty = record(chunk).size == 0 && !is_mapped(chunk);
+            if (is_end(chunk) || (reader.is_sound() && !is_empty)) {
+                take_listed(chunk);
+            } else if (!is_empty) {
                 put_back(chunk);
             }
         }
@@ -116,6 +124,13 @@ class chunk_decision {
                 _decided.order.end()) {
                 enter(end);
             }
+        }
+    }
+
+    void take_listed(int chunk) {
+        enter(chunk);
+        if (!is_end(chunk) && record(chunk).size == 0) {
+            add_doubt(chunk, "its size is 0, yet it is mapped for devices: the size is lost");
         }
     }
 
@@ -137,8 +152,12 @@ class chunk_decision {
         }
     }
 
-    void doubt(int chunk, std::string_view why) {
+    void add_doubt(int chunk, std::string_view why) {
         _plan.doubts.push_back({_links.at(chunk), std::string(why)});
+    }
+
+    void doubt(int chunk, std::string_view why) {
+        add_doubt(chunk, why);
         _decided.left_alone.push_back(chunk);
     }
 

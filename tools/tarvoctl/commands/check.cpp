@@ -1,9 +1,9 @@
 #include "area/check.hpp"
+#include "area/repair.hpp"
 
 #include "commands/commands.hpp"
 #include "output/json.hpp"
-#include "output/table.hpp"
-#include "output/text.hpp"
+#include "output/place_text.hpp"
 #include "program.hpp"
 
 #include <fmt/format.h>
@@ -18,17 +18,6 @@ struct check_command_options {
     bool cma = false;
     bool json = false;
 };
-
-/// What the machine says is compared with the live area only: a copy may come from another one.
-check_options options_for(const check_command_options& options) {
-    check_options made = options_here(find_site());
-    if (!options.source.is_live()) {
-        made.cma = false;
-        made.region.reset();
-    }
-    made.cma = made.cma || options.cma;
-    return made;
-}
 
 exit_status status_for(const std::vector<finding>& findings) {
     if (has_class(findings, finding_class::broken))
@@ -45,38 +34,39 @@ const char* verdict_of(const std::vector<finding>& findings) {
     return status == exit_status::damaged ? "broken" : "usable";
 }
 
-std::string text_of(const finding& each) {
-    std::string text = fmt::format("{:<9}  {}: {} [{}]", name_of(each.cls), text_of(each.where),
-                                   shown(each.text), each.rule);
-    if (each.unlisted > 0)
-        text += fmt::format("\n           and {} more like it", each.unlisted);
-    return text;
+/// What helps depends on whether repair has anything to do.
+std::string advice_on(const std::vector<finding>& findings, const shared_area_t& area) {
+    const repair_plan plan = plan_repair(area);
+    const bool repairs = !plan.edits.empty() && !is_of_another_region(findings);
+    return repairs ? "'tarvoctl repair' shows what can be done" : text_of_ways_out(findings);
 }
 
-void print_as_text(const std::vector<finding>& findings) {
-    for (const auto& each : findings)
-        fmt::print("{}\n", text_of(each));
+void print_as_text(const std::vector<finding>& findings, const shared_area_t& area) {
+    for (const auto& each : findings) {
+        fmt::print("{:<9}  {}\n", name_of(each.cls), finding_text(each, area));
+        if (each.unlisted > 0) {
+            fmt::print("           and {} more like it\n", each.unlisted);
+        }
+    }
     switch (status_for(findings)) {
     case exit_status::good:
         fmt::print("the area is sound\n");
         break;
     case exit_status::damaged:
-        fmt::print("the area is broken: {}\n",
-                   is_of_another_region(findings)
-                       ? "end all programs that use it, then remove its file"
-                       : "'tarvoctl repair' shows what can be done");
+        fmt::print("the area is broken: {}\n", advice_on(findings, area));
         break;
     default:
         fmt::print("the library works on with what was found\n");
     }
 }
 
-void print_as_json(const std::vector<finding>& findings) {
+void print_as_json(const std::vector<finding>& findings, const shared_area_t& area) {
     json listed = json::array();
     for (const auto& each : findings) {
         listed.push_back({{"class", name_of(each.cls)},
                           {"rule", each.rule},
                           {"where", text_of(each.where)},
+                          {"chunk", json_label(each.where, area)},
                           {"element", each.where.element},
                           {"reference", each.where.ref},
                           {"text", each.text},
@@ -90,11 +80,11 @@ void print_as_json(const std::vector<finding>& findings) {
 
 exit_status check(const check_command_options& options) {
     const auto area = read_area(options.source);
-    const auto findings = check_area(*area, options_for(options));
+    const auto findings = check_area(*area, options_for(options.source, options.cma));
     if (options.json) {
-        print_as_json(findings);
+        print_as_json(findings, *area);
     } else {
-        print_as_text(findings);
+        print_as_text(findings, *area);
     }
     return status_for(findings);
 }

@@ -85,7 +85,7 @@ exit_status call_free(const free_options& options) {
 
 exit_status free_chunk(const free_options& options) {
     check_chunk_name(options.name);
-    const picture records = ready_area(options.timeout);
+    const picture records = ready_area(options.timeout, way_out::free_chunk);
     const auto called = chunks_called(options.name, records);
     const chunk_record& chunk = *called.front();
     const mapped_memory memory = mappings_of(find_site());

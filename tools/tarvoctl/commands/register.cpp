@@ -143,7 +143,7 @@ exit_status call_unregister(const device_record& device) {
 
 exit_status unregister_device(const register_options& options) {
     const device_record wanted = parse_device(options.device);
-    const picture records = ready_area(options.timeout);
+    const picture records = ready_area(options.timeout, way_out::unregister_device);
     const device_record* const device = registered(wanted, records);
     if (device == nullptr) {
         throw failure{exit_status::usage,

@@ -6,6 +6,7 @@
 #include "host/cross_process_lock.hpp"
 #include "host/mappings.hpp"
 #include "output/confirm.hpp"
+#include "output/place_text.hpp"
 #include "output/process_text.hpp"
 #include "output/text.hpp"
 #include "program.hpp"
@@ -24,6 +25,7 @@ namespace {
 struct repair_options {
     area_source source;
     std::string backup;
+    bool cma = false;
     bool dry_run = false;
     bool force = false;
     bool partly = false;
@@ -50,16 +52,39 @@ std::string hex_of(const std::vector<uint8_t>& bytes) {
     return bytes.size() > most_shown ? made + "..." : made;
 }
 
-void print_plan(const repair_plan& plan) {
+void print_plan(const repair_plan& plan, const shared_area_t& area) {
     for (const auto& edit : plan.edits) {
         const std::string change = edit.zeroes()
                                        ? fmt::format("zero {} bytes", edit.before.size())
                                        : hex_of(edit.before) + " -> " + hex_of(edit.after);
-        fmt::print("offset {:>8}  {}  {}: {}\n", edit.offset, change, text_of(edit.where),
+        fmt::print("offset {:>8}  {}  {}: {}\n", edit.offset, change, place_text(edit.where, area),
                    shown(edit.why));
     }
-    for (const auto& doubt : plan.doubts)
-        fmt::print("left as it is: {}: {}\n", text_of(doubt.where), shown(doubt.why));
+    for (const auto& doubt : plan.doubts) {
+        fmt::print("left as it is: {}: {}\n", place_text(doubt.where, area), shown(doubt.why));
+    }
+}
+
+/// What would still be broken after the plan.
+std::vector<finding> broken_after(const repair_plan& plan, const shared_area_t& area,
+                                  const check_options& options) {
+    const auto planned = std::make_unique<shared_area_t>(area);
+    apply(plan, *planned);
+    std::vector<finding> findings = check_area(*planned, options);
+    std::erase_if(findings, [](const finding& one) { return one.cls != finding_class::broken; });
+    return findings;
+}
+
+void print_rest(const std::vector<finding>& rest, const shared_area_t& area) {
+    for (const auto& each : rest) {
+        fmt::print("stays broken: {}\n", finding_text(each, area));
+        if (each.unlisted > 0) {
+            fmt::print("              and {} more like it\n", each.unlisted);
+        }
+    }
+    if (!rest.empty()) {
+        fmt::print("to get rid of what stays broken, {}\n", text_of_ways_out(rest));
+    }
 }
 
 /// Processes that have the library started may be in the middle of what is about to be mended. Those
@@ -117,7 +142,9 @@ void carry_out(const repair_options& options, const repair_plan& plan,
     const mapped_area mapped{path_of(options)};
     mapped.touch();
     const std::string backup = backup_path(options);
-    write_area({backup, existing_file::refused, "--backup names another"}, planned_for);
+    write_area({backup, existing_file::refused, "--backup names another",
+                "--backup FILE puts it where there is room"},
+               planned_for);
     try {
         mend(options, plan, planned_for, mapped);
     } catch (const failure&) {
@@ -130,14 +157,18 @@ void carry_out(const repair_options& options, const repair_plan& plan,
 exit_status repair(const repair_options& options) {
     const auto area = read_area(options.source);
     const repair_plan plan = plan_repair(*area);
-    print_plan(plan);
-    const exit_status end = plan.doubts.empty() ? exit_status::good : exit_status::damaged;
+    const auto rest = broken_after(plan, *area, options_for(options.source, options.cma));
+    print_plan(plan, *area);
+    print_rest(rest, *area);
+    const bool is_whole = plan.doubts.empty() && rest.empty();
+    const exit_status end = is_whole ? exit_status::good : exit_status::damaged;
     if (plan.edits.empty()) {
-        fmt::print("nothing to repair\n");
+        fmt::print("{}\n", is_whole ? "nothing to repair" : "repair has nothing to change");
         return end;
     }
-    if (options.dry_run)
-        return plan.doubts.empty() ? exit_status::finding : exit_status::damaged;
+    if (options.dry_run) {
+        return is_whole ? exit_status::finding : exit_status::damaged;
+    }
     refuse_while_in_doubt(options, plan);
     refuse_while_in_use(options);
     if (!options.yes && !confirmed(fmt::format("make these {} change(s)?", plan.edits.size())))
@@ -155,6 +186,7 @@ void add_repair(program& to) {
                mending, options, repair);
     command.optional_word("FILE", options->source.file,
                           "a copy to repair in place of the live area");
+    command.flag("--cma", options->cma, "the copy is of a CMA region: chunks may overlap");
     command.flag("-n,--dry-run", options->dry_run, "only show the plan");
     command.flag("-y,--yes", options->yes, "do not ask");
     command.flag("--force", options->force, "also while processes use it, or may");

@@ -176,6 +176,16 @@ check_options options_here(const site& here) {
     return made;
 }
 
+check_options options_for(const area_source& source, bool cma) {
+    check_options made = options_here(find_site());
+    if (!source.is_live()) {
+        made.cma = false;
+        made.region.reset();
+    }
+    made.cma = made.cma || cma;
+    return made;
+}
+
 mapped_area::mapped_area(const std::string& path) {
     const unique_fd file = open_plain_file(path, O_RDWR);
     if (!file)

@@ -51,6 +51,10 @@ void check_built(const shared_area_t& area, const std::string& path);
 /// What check_area() holds the live area against.
 check_options options_here(const site& here);
 
+/// The same for any source. What the machine says goes for its live area only: a copy may come from
+/// another one. `cma`: the copy is of a CMA region.
+check_options options_for(const area_source& source, bool cma);
+
 /// An area's file, live or a copy, mapped for writing. Throws failure when it cannot be opened, is
 /// too short, or has no room for what is written; whether it is built is the caller's to ask.
 class mapped_area {

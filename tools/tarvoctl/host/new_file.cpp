@@ -12,6 +12,7 @@
 #include <filesystem>
 #include <fmt/format.h>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <unistd.h>
 
 namespace tarvoctl {
@@ -90,6 +91,22 @@ void new_file::complain(int number) const {
     throw failure{is_there ? exit_status::usage : exit_status::unreadable,
                   fmt::format("cannot write {}: {}{}", wanted_.path, error_text(number),
                               is_there ? fmt::format("; {}", wanted_.way_out) : "")};
+}
+
+void new_file::require_room(std::size_t bytes) const {
+    struct statvfs disk {};
+    // Some file systems do not count their blocks.
+    if (::fstatvfs(file_.get(), &disk) != 0 || disk.f_blocks == 0) {
+        return;
+    }
+    const uint64_t free = (::geteuid() == 0 ? disk.f_bfree : disk.f_bavail) * disk.f_frsize;
+    if (free < bytes) {
+        throw failure{exit_status::unreadable,
+                      fmt::format("cannot write {}: {}: the copy takes {} bytes, and {} are free "
+                                  "there; {}",
+                                  wanted_.path, error_text(ENOSPC), bytes, free,
+                                  wanted_.way_to_room)};
+    }
 }
 
 void new_file::resize(std::size_t bytes) {

@@ -20,6 +20,7 @@ class new_file {
         std::string path;
         existing_file existing = existing_file::refused;
         const char* way_out = "name another file, or --force replaces it"; ///< where it is refused
+        const char* way_to_room = "name a file where there is room";
     };
 
     /// `mode` is what the umask leaves of it.
@@ -28,6 +29,8 @@ class new_file {
     new_file(const new_file&) = delete;
     new_file& operator=(const new_file&) = delete;
 
+    /// Throws failure where the file system has less room than that many bytes.
+    void require_room(std::size_t bytes) const;
     void resize(std::size_t bytes);
     void write_at(const char* first, std::size_t bytes, std::size_t offset);
     /// Gives it its name.

@@ -6,6 +6,7 @@
 #include "host/area_source.hpp"
 #include "host/file_shortage.hpp"
 #include "library/library_call.hpp"
+#include "output/place_text.hpp"
 #include "output/text.hpp"
 #include "tarvo.h"
 
@@ -51,9 +52,10 @@ void check_files(const site& here, missing_file when_missing) {
 }
 
 /// The library itself looks at little: it would end the process halfway, or make it worse.
-void refuse_broken(const std::vector<finding>& findings, const site& here) {
-    const auto broken = std::find_if(findings.begin(), findings.end(), [](const finding& one) {
-        return one.cls == finding_class::broken;
+void refuse_broken(const shared_area_t& area, const site& here, std::optional<way_out> call) {
+    const auto findings = check_area(area, options_here(here));
+    const auto broken = std::find_if(findings.begin(), findings.end(), [call](const finding& one) {
+        return one.cls == finding_class::broken && one.out != call;
     });
     if (broken == findings.end())
         return;
@@ -66,13 +68,14 @@ void refuse_broken(const std::vector<finding>& findings, const site& here) {
     throw failure{exit_status::damaged,
                   fmt::format("the area is broken: {}: {}. The library would break off the call, "
                               "or make it worse; see 'tarvoctl check' and 'tarvoctl repair'",
-                              text_of(broken->where), shown(broken->text))};
+                              place_text(broken->where, area), shown(broken->text))};
 }
 
-picture sound_picture(const site& here, std::chrono::milliseconds timeout) {
+picture sound_picture(const site& here, std::chrono::milliseconds timeout,
+                      std::optional<way_out> call = std::nullopt) {
     const auto area = read_area({{}, timeout});
     check_built(*area, here.area);
-    refuse_broken(check_area(*area, options_here(here)), here);
+    refuse_broken(*area, here, call);
     return picture_of(*area);
 }
 
@@ -94,9 +97,9 @@ void start_library() {
 
 } // namespace
 
-picture ready_area(std::chrono::milliseconds timeout) {
+picture ready_area(std::chrono::milliseconds timeout, std::optional<way_out> call) {
     const site here = find_site();
-    picture records = sound_picture(here, timeout);
+    picture records = sound_picture(here, timeout, call);
     check_files(here, missing_file::refused);
     return records;
 }

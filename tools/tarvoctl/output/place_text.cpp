@@ -1,0 +1,48 @@
+#include "output/place_text.hpp"
+
+#include "area/check_record.hpp"
+#include "output/text.hpp"
+
+#include <fmt/format.h>
+
+namespace tarvoctl {
+
+namespace {
+
+/// Null where it is in no chunk.
+const dma_chunk_t* chunk_of(const place& where, const shared_area_t& area) {
+    const bool in_chunk = where.list == area_list::chunks || where.list == area_list::refs;
+    const bool exists = where.element >= 0 && where.element < chunk_capacity;
+    return in_chunk && exists ? &area.chunks._arr[where.element] : nullptr;
+}
+
+std::string label_of(const dma_chunk_t& chunk) {
+    const std::string name{text_up_to_end(chunk.name)};
+    const std::string creator{text_up_to_end(chunk.creator)};
+    return (name.empty() ? "" : fmt::format(" '{}'", shown(name))) +
+           (creator.empty() ? "" : fmt::format(" (creator {})", shown(creator)));
+}
+
+} // namespace
+
+std::string place_text(const place& where, const shared_area_t& area) {
+    const dma_chunk_t* const chunk = chunk_of(where, area);
+    return text_of(where, chunk != nullptr ? label_of(*chunk) : "");
+}
+
+json json_label(const place& where, const shared_area_t& area) {
+    const dma_chunk_t* const chunk = chunk_of(where, area);
+    if (chunk == nullptr) {
+        return nullptr;
+    }
+    json made = json::object();
+    add_text(made, "name", std::string{text_up_to_end(chunk->name)});
+    add_text(made, "creator", std::string{text_up_to_end(chunk->creator)});
+    return made;
+}
+
+std::string finding_text(const finding& told, const shared_area_t& area) {
+    return fmt::format("{}: {} [{}]", place_text(told.where, area), shown(told.text), told.rule);
+}
+
+} // namespace tarvoctl

@@ -1,0 +1,21 @@
+#pragma once
+
+#include "area/finding.hpp"
+#include "output/json.hpp"
+#include "shared/layout.hpp"
+
+#include <string>
+
+namespace tarvoctl {
+
+/// A place in that area with what its chunk's record says, whatever that is: "chunk 3 'rx_ring'
+/// (creator driver), device reference 0".
+std::string place_text(const place& where, const shared_area_t& area);
+
+/// The chunk's name and creator; null for a place in no chunk.
+json json_label(const place& where, const shared_area_t& area);
+
+/// "chunk 3 'rx_ring' (creator driver): size is 0 ... [chunk-size-zero]"
+std::string finding_text(const finding& told, const shared_area_t& area);
+
+} // namespace tarvoctl
