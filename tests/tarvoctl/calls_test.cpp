@@ -1,10 +1,13 @@
 #include "terminal.hpp"
 
 #include <algorithm>
+#include <filesystem>
 #include <gtest/gtest.h>
 #include <memory>
 #include <optional>
 #include <regex>
+#include <sstream>
+#include <thread>
 #include <unistd.h>
 
 namespace {
@@ -137,11 +140,12 @@ TEST(Alloc, ADamagedAreaIsLeftAlone) {
     machine.writable_area().writer().i32(area_offset::chunk(2) + area_offset::next, 2);
     const auto outcome = tarvoctl(machine, {"alloc", "third", "4K"});
     EXPECT_EQ(outcome.status, 4);
-    EXPECT_EQ(outcome.errors,
-              "tarvoctl: the area is broken: chunk 2 'first' (creator test): the walk comes back to "
-              "this element after 2 "
-              "elements and never reaches the tail 1. The library would break off the call, or "
-              "make it worse; see 'tarvoctl check' and 'tarvoctl repair'\n");
+    EXPECT_EQ(
+        outcome.errors,
+        "tarvoctl: the area is broken: chunk 2 'first' (creator test): the walk comes back to "
+        "this element after 2 "
+        "elements and never reaches the tail 1. The library would break off the call, or "
+        "make it worse; see 'tarvoctl check' and 'tarvoctl repair'\n");
 }
 
 TEST(Alloc, AChunkOutsideTheRegionIsNotHandedToTheLibrary) {
@@ -310,6 +314,14 @@ bool waits_for_a_lock(pid_t pid) {
     return std::regex_search(file_text("/proc/locks"), line);
 }
 
+/// 0 where it has none.
+pid_t child_of(pid_t parent) {
+    const std::string number = std::to_string(parent);
+    pid_t child = 0;
+    std::istringstream(file_text("/proc/" + number + "/task/" + number + "/children")) >> child;
+    return child;
+}
+
 /// False when it ended instead.
 bool comes_to_wait(running_tool& tool) {
     while (!waits_for_a_lock(tool.pid)) {
@@ -319,13 +331,13 @@ bool comes_to_wait(running_tool& tool) {
     return true;
 }
 
-/// Lets the tool have the lock as often as it takes it itself, each time with somebody behind it in
-/// the queue, and nobody else after that: its library finds it taken, and waits. Nothing when the
-/// tool came before the one in the queue, which can happen.
-std::optional<tool_outcome> made_to_wait_in_the_library(sandbox& machine, client& first,
-                                                        client& second) {
+/// Lets the tool, which allocates "b", have the lock as often as it takes it itself, each time with
+/// somebody behind it in the queue, and nobody else after that: its library finds it taken by
+/// `second`, and waits. Nothing when the tool came before the one in the queue, which can happen.
+std::optional<running_tool> waiting_in_the_library(sandbox& machine, client& first, client& second,
+                                                   const std::string& timeout) {
     auto holder = std::make_unique<held_lock>(machine.lock_file());
-    running_tool tool = start_tarvoctl(machine, {"alloc", "b", "4K", "--timeout", "3"});
+    running_tool tool = start_tarvoctl(machine, {"alloc", "b", "4K", "--timeout", timeout});
     EXPECT_TRUE(comes_to_wait(tool)); // to look at the records, whether it may go on
     first.send("dump_begin");
     first.wait_until_it_waits_for_a_lock();
@@ -337,16 +349,31 @@ std::optional<tool_outcome> made_to_wait_in_the_library(sandbox& machine, client
         second.wait_until_it_waits_for_a_lock();
     }
     first.call("dump_end");
-    if (waits)
+    if (waits) {
         second.reply();
-    const ending end = tool.program.wait();
-    if (waits)
+        while (!waits_for_a_lock(child_of(tool.pid))) {
+            if (tool.program.has_line(std::chrono::milliseconds(1))) {
+                break;
+            }
+        }
+        if (waits_for_a_lock(child_of(tool.pid))) {
+            return tool;
+        }
         second.call("dump_end");
-    if (end == normal_end) {
-        first.free("b");
-        return std::nullopt;
     }
-    return tool_outcome{end.status, "", tool.program.error_text()};
+    tool.program.wait();
+    first.free("b");
+    return std::nullopt;
+}
+
+/// As often as it takes.
+running_tool made_to_wait_in_the_library(sandbox& machine, client& first, client& second,
+                                         const std::string& timeout) {
+    for (;;) {
+        if (auto tool = waiting_in_the_library(machine, first, second, timeout)) {
+            return std::move(*tool);
+        }
+    }
 }
 
 TEST(Calls, AWaitInsideTheLibraryIsInterrupted) {
@@ -355,18 +382,44 @@ TEST(Calls, AWaitInsideTheLibraryIsInterrupted) {
     client second = machine.start();
     first.alloc("a", 0x1000);
     second.limits();
-    std::optional<tool_outcome> outcome;
-    for (int attempt = 0; attempt < 10 && !outcome; ++attempt)
-        outcome = made_to_wait_in_the_library(machine, first, second);
-    ASSERT_TRUE(outcome);
-    EXPECT_EQ(outcome->status, 5);
-    EXPECT_TRUE(
-        outcome->errors.starts_with("tarvo: failed to accquire lock: Interrupted system call\n"))
-        << outcome->errors;
-    EXPECT_TRUE(outcome->errors.ends_with(
+    running_tool tool = made_to_wait_in_the_library(machine, first, second, "3");
+    EXPECT_EQ(tool.program.wait().status, 5);
+    const std::string errors = tool.program.error_text();
+    EXPECT_TRUE(errors.starts_with("tarvo: failed to accquire lock: Interrupted system call\n"))
+        << errors;
+    EXPECT_TRUE(errors.ends_with(
         "tarvoctl: the library's lock was not free within 3 s; 'tarvoctl lock' tells who holds it, "
         "--timeout waits longer\n"))
-        << outcome->errors;
+        << errors;
+}
+
+/// Whether it ends within a few seconds.
+bool ends_soon(pid_t pid) {
+    constexpr int looks = 500;
+    for (int look = 0; look < looks; ++look) {
+        if (!std::filesystem::exists("/proc/" + std::to_string(pid) + "/exe")) {
+            return true;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds{10});
+    }
+    return false;
+}
+
+TEST(Calls, AKilledToolMakesNoChangeOnceItCouldHaveTheLock) {
+    sandbox machine(simulation);
+    client first = machine.start();
+    client second = machine.start();
+    first.alloc("a", 0x1000);
+    second.limits();
+    running_tool tool = made_to_wait_in_the_library(machine, first, second, "60");
+    const pid_t child = child_of(tool.pid);
+    tool.end_by(SIGKILL);
+    EXPECT_TRUE(ends_soon(child));
+    second.call("dump_end");
+    while (waits_for_a_lock(child)) {
+    }
+    first.limits(); // behind whoever waited
+    EXPECT_EQ(machine.area().view().chunks().size(), 3U);
 }
 
 TEST(Calls, LookingMakesNoFiles) {

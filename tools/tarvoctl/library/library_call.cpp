@@ -6,6 +6,7 @@
 #include "host/file_shortage.hpp"
 #include "host/lock_state.hpp"
 #include "host/site.hpp"
+#include "library/lifeline.hpp"
 #include "output/standard_output.hpp"
 
 #include <algorithm>
@@ -19,7 +20,6 @@
 #include <optional>
 #include <poll.h>
 #include <string>
-#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <system_error>
 #include <unistd.h>
@@ -62,16 +62,15 @@ std::string reason_of(int signal) {
 
 /// The process that does the work.
 [[noreturn]] void carry_out(const std::function<exit_status()>& work, int report_fd,
-                            const awaited_signals& signals) {
+                            const awaited_signals& signals, lifeline& parent) {
     signals.release();
     struct sigaction act {};
     act.sa_handler = do_nothing;
     ::sigaction(interrupting_signal, &act, nullptr);
-    // Who ends the tool means to end the call, too.
-    ::prctl(PR_SET_PDEATHSIG, SIGTERM);
     auto status = exit_status::good;
     std::string report;
     try {
+        parent.follow_parent(interrupting_signal); // who ends the tool means to end the call, too
         status = with_output(work);
     } catch (const failure& wrong) {
         report = report_of(wrong.status(), wrong.what());
@@ -96,7 +95,7 @@ class worker {
         if (pid_ < 0)
             complain("fork");
         if (pid_ == 0)
-            carry_out(work, report_end.get(), signals);
+            carry_out(work, report_end.get(), signals, lifeline_);
     }
 
     /// Reads what it reports to the end, and so waits for the process; false when the time is over
@@ -164,6 +163,7 @@ class worker {
                                   ::sigabbrev_np(signal), reason_of(signal))};
     }
 
+    lifeline lifeline_;
     unique_fd report_;
     pid_t pid_ = -1;
     std::string received_;
@@ -207,6 +207,12 @@ exit_status outcome_in_time(worker& process, std::chrono::milliseconds timeout) 
 }
 
 } // namespace
+
+change_of_records::change_of_records() {
+    if (parent_has_ended()) {
+        ::_exit(static_cast<int>(exit_status::unreadable)); // nobody is left to tell
+    }
+}
 
 exit_status in_library(std::chrono::milliseconds timeout,
                        const std::function<exit_status()>& work) {

@@ -1,0 +1,26 @@
+#pragma once
+
+#include "common/unique_fd.hpp"
+
+namespace tarvoctl {
+
+/// By which a child learns that its parent has ended, also if it was killed or ended before the
+/// child could ask: a pipe that the parent alone can write to.
+class lifeline {
+  public:
+    lifeline();
+
+    /// In the child, once. From now on the parent's end is a SIGTERM to the child; and while that is
+    /// held back, a wait for a file lock is interrupted again and again by `interrupting_signal`,
+    /// which has a handler.
+    void follow_parent(int interrupting_signal);
+
+  private:
+    unique_fd child_end_;
+    unique_fd parent_end_;
+};
+
+/// In a child that follows its parent: whether that has ended. False in any other process.
+bool parent_has_ended();
+
+} // namespace tarvoctl
