@@ -303,9 +303,10 @@ TEST(Calls, WaitForTheLockNoLongerThanTheyMay) {
         hurried.insert(hurried.end(), {"--timeout", "0.1"});
         const auto outcome = tarvoctl(machine, hurried);
         EXPECT_EQ(outcome.status, 5) << words.front();
-        EXPECT_EQ(outcome.errors,
-                  "tarvoctl: the lock /var/tmp/tarvo_lock was not free within 0.1 s; 'tarvoctl "
-                  "lock' tells who holds it, --timeout waits longer\n");
+        EXPECT_EQ(
+            outcome.errors,
+            "tarvoctl: the lock /var/tmp/tarvo_lock was not free within 0.1 s: " + this_process() +
+                " holds it; 'tarvoctl lock' tells more, --timeout waits longer\n");
     }
 }
 
@@ -388,8 +389,7 @@ TEST(Calls, AWaitInsideTheLibraryIsInterrupted) {
     EXPECT_TRUE(errors.starts_with("tarvo: failed to accquire lock: Interrupted system call\n"))
         << errors;
     EXPECT_TRUE(errors.ends_with(
-        "tarvoctl: the library's lock was not free within 3 s; 'tarvoctl lock' tells who holds it, "
-        "--timeout waits longer\n"))
+        " (tarvo-client) holds it; 'tarvoctl lock' tells more, --timeout waits longer\n"))
         << errors;
 }
 

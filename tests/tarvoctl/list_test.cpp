@@ -82,9 +82,11 @@ TEST(List, GivesUpAfterTheTimeoutWhileSomebodyHoldsTheLock) {
     const held_lock held(machine.lock_file());
     const auto outcome = tarvoctl(machine, {"list", "--timeout", "0.1"});
     EXPECT_EQ(outcome.status, 5);
-    EXPECT_EQ(outcome.errors,
-              "tarvoctl: the lock /var/tmp/tarvo_lock was not free within 0.1 s; 'tarvoctl lock' "
-              "tells who holds it, --timeout waits longer\n");
+    EXPECT_EQ(
+        outcome.errors,
+        "tarvoctl: the lock /var/tmp/tarvo_lock was not free within 0.1 s: " + this_process() +
+            " holds it; 'tarvoctl lock' tells more, --timeout waits longer, --no-lock reads "
+            "without it\n");
 }
 
 TEST(List, ShowsWhatCanBeReadOfADamagedListAndSaysSo) {

@@ -155,8 +155,11 @@ TEST(Schema, EveryCommandKeepsToIt) {
 
 TEST(Schema, ADocumentThatBreaksItIsNoticed) {
     validator documents;
-    documents.add(
-        {{"schema", 1}, {"command", "diff"}, {"changes", 7}, {"damage", nlohmann::json::array()}});
+    documents.add({{"schema", 1},
+                   {"command", "diff"},
+                   {"consistent", true},
+                   {"changes", 7},
+                   {"damage", nlohmann::json::array()}});
     EXPECT_NE(documents.complaint().find("7 is not of type 'array'"), std::string::npos);
 }
 

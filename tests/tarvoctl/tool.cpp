@@ -4,6 +4,7 @@
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
+#include <unistd.h>
 
 tool_outcome run_program(sandbox& where, const std::vector<std::string>& words,
                          const std::string& input) {
@@ -80,6 +81,12 @@ nlohmann::json json_of(const tool_outcome& outcome) {
         throw std::runtime_error("no JSON object: " + outcome.output + outcome.errors);
     }
     return document;
+}
+
+std::string this_process() {
+    std::string name = file_text("/proc/self/comm");
+    name.pop_back(); // the line's end
+    return std::to_string(::getpid()) + " (" + name + ")";
 }
 
 std::vector<std::string> lines_of(const std::string& text) {

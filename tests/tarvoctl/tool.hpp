@@ -52,5 +52,8 @@ std::string with_all_seen(const std::string& output);
 /// The JSON object that a command printed; a test that gets none fails with what it got.
 nlohmann::json json_of(const tool_outcome& outcome);
 
+/// The process that runs the test, as commands name it: "4711 (tarvoctl_list_t)".
+std::string this_process();
+
 /// The lines of a text, without their ends.
 std::vector<std::string> lines_of(const std::string& text);

@@ -75,7 +75,15 @@ void command_words::exclude(const std::string& one, const std::string& other) {
 
 void command_words::source(area_source& source) {
     option("--area", "FILE", source.file, "look into this copy of an area, not the live one");
+    live(source);
+}
+
+void command_words::live(area_source& source) {
     timeout(source.timeout);
+    source.lock = lock_use::offered;
+    parser_->add_flag_callback(
+        "--no-lock", [&source] { source.lock = lock_use::none; },
+        "do not wait: read without the lock, until two readings are alike");
 }
 
 void command_words::timeout(std::chrono::milliseconds& timeout) {

@@ -36,9 +36,11 @@ class command_words {
     /// Refuses the two together.
     void exclude(const std::string& one, const std::string& other);
 
-    /// --area FILE and --timeout SECONDS, for commands that read the records.
+    /// --area FILE, and what live() takes, for commands that read the records.
     void source(area_source& source);
-    /// --timeout SECONDS alone, for commands on the live area.
+    /// --timeout SECONDS and --no-lock, for those that read the live ones.
+    void live(area_source& source);
+    /// --timeout SECONDS alone, for commands that need the lock.
     void timeout(std::chrono::milliseconds& timeout);
     /// --interval SECONDS, for commands that look again and again.
     void interval(std::chrono::milliseconds& interval);

@@ -46,6 +46,8 @@ struct picture {
     /// Whether the list of chunks led to its end, each link with its counterpart. Only then is what
     /// lies in no chunk free.
     bool all_chunks = true;
+    /// False: read while others changed it, so parts may be of different moments.
+    bool consistent = true;
 
     bool has_region() const { return region.first_pa < region.end_pa; }
     /// The registered device with that element number; null if there is none.

@@ -90,7 +90,7 @@ json json_owner(const chunk_record& owner, uint64_t pa, const picture& records) 
 
 json json_place(const char* command, uint64_t pa, const picture& records) {
     const auto owners = owners_of(pa, records);
-    json document = json_document(command);
+    json document = json_document(command, records);
     document["dma"] = json_address(records.region.dma_of(pa));
     document["pa"] = json_address(pa);
     document.update(owners.empty() ? json{{"chunk", nullptr}, {"offset", nullptr}}
@@ -148,7 +148,7 @@ exit_status limits(const address_options& options) {
     const picture records = read_picture(options.source);
     const dma_window& region = known_region(records);
     if (options.json) {
-        json document = json_document("limits");
+        json document = json_document("limits", records);
         document["region"] = json_region(records);
         document["bookkeeping_bytes"] = tarvo_get_overhead();
         print_json(document);

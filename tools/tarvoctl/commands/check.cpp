@@ -60,7 +60,8 @@ void print_as_text(const std::vector<finding>& findings, const shared_area_t& ar
     }
 }
 
-void print_as_json(const std::vector<finding>& findings, const shared_area_t& area) {
+void print_as_json(const std::vector<finding>& findings, const shared_area_t& area,
+                   bool consistent) {
     json listed = json::array();
     for (const auto& each : findings) {
         listed.push_back({{"class", name_of(each.cls)},
@@ -73,6 +74,7 @@ void print_as_json(const std::vector<finding>& findings, const shared_area_t& ar
                           {"unlisted", each.unlisted}});
     }
     json document = json_document("check");
+    document["consistent"] = consistent;
     document["verdict"] = verdict_of(findings);
     document["findings"] = std::move(listed);
     print_json(document);
@@ -82,7 +84,7 @@ exit_status check(const check_command_options& options) {
     const auto area = read_area(options.source);
     const auto findings = check_area(*area, options_for(options.source, options.cma));
     if (options.json) {
-        print_as_json(findings, *area);
+        print_as_json(findings, *area, area.consistent);
     } else {
         print_as_text(findings, *area);
     }
@@ -99,7 +101,7 @@ void add_check(program& to) {
                           "a copy to check in place of the live area");
     command.flag("--cma", options->cma, "the copy is of a CMA region: chunks may overlap");
     command.json(options->json);
-    command.timeout(options->source.timeout);
+    command.live(options->source);
 }
 
 } // namespace tarvoctl

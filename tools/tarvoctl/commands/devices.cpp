@@ -75,7 +75,7 @@ void print_as_json(const picture& records, references all) {
     json left_over = json::array();
     for (const auto& [index, chunks] : dangling(all, records))
         left_over.push_back({{"index", index}, {"chunks", names_of(chunks)}});
-    json document = json_document("devices");
+    json document = json_document("devices", records);
     document["devices"] = std::move(devices);
     document["left_over_references"] = std::move(left_over);
     document["damage"] = records.damage;

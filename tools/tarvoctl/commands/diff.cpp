@@ -26,7 +26,7 @@ exit_status diff(const diff_options& options) {
     // What cannot be read is not gone.
     const auto changes = damage.empty() ? changes_between(before, after) : std::vector<change>{};
     if (options.json) {
-        json document = json_document("diff");
+        json document = json_document("diff", after);
         document["changes"] = json::array();
         for (const auto& each : changes)
             document["changes"].push_back(json_change(each));
@@ -50,7 +50,7 @@ void add_diff(program& to) {
     command.word("A", options->before.file, "the snapshot from before");
     command.optional_word("B", options->after.file, "the one from after; left out: the live area");
     command.json(options->json);
-    command.timeout(options->after.timeout);
+    command.live(options->after);
 }
 
 } // namespace tarvoctl

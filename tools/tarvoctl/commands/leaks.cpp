@@ -15,7 +15,7 @@ namespace tarvoctl {
 namespace {
 
 struct leaks_options {
-    std::chrono::milliseconds timeout = area_source{}.timeout;
+    area_source source;
     bool json = false;
 };
 
@@ -141,7 +141,7 @@ void print_as_json(const std::vector<suspect>& found, const picture& records,
         made["against"] = each.doubts;
         suspects.push_back(std::move(made));
     }
-    json document = json_document("leaks");
+    json document = json_document("leaks", records);
     document["suspects"] = std::move(suspects);
     document["size"] = bytes_of(found);
     document["unseen"] = json_unseen(memory);
@@ -152,7 +152,7 @@ void print_as_json(const std::vector<suspect>& found, const picture& records,
 exit_status leaks(const leaks_options& options) {
     // In this order: the program of a chunk that is on record was there before the look at the
     // processes. The other way round every chunk made in between would be a suspect.
-    const picture records = read_picture({{}, options.timeout});
+    const picture records = read_picture(options.source);
     const mapped_memory memory = mappings_of(find_site());
     process_table processes;
     const auto found = detective{records, memory, processes}.suspects();
@@ -175,7 +175,7 @@ void add_leaks(program& to) {
         to.add("leaks", "chunks that nobody seems to need any more; frees nothing", looking,
                options, leaks);
     command.json(options->json);
-    command.timeout(options->timeout);
+    command.live(options->source);
 }
 
 } // namespace tarvoctl

@@ -124,7 +124,7 @@ void print_as_json(const picture& records, const list_options& options) {
         chunk["duplicate"] = static_cast<bool>(duplicates[position]);
         chunks.push_back(std::move(chunk));
     }
-    json document = json_document("list");
+    json document = json_document("list", records);
     document["region"] = json_region(records);
     document["chunks"] = std::move(chunks);
     document["damage"] = records.damage;

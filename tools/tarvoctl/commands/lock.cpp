@@ -35,9 +35,8 @@ std::string heading_of(const lock_state& lock, process_table& processes) {
         return "free, for the file is not there";
     if (!lock.held)
         return "free";
-    const auto parties = parties_of(lock);
-    const bool known = !parties.empty() && parties.front().role != lock_role::waits;
-    return fmt::format("held{}, {}", known ? " by " + processes.text(parties.front().pid) : "",
+    const auto holder = lock.holder();
+    return fmt::format("held{}, {}", holder ? " by " + processes.text(*holder) : "",
                        waiting_text(lock));
 }
 

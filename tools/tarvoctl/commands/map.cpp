@@ -155,7 +155,7 @@ json json_overlaps(const picture& records) {
 
 void print_as_json(const picture& records, const std::vector<gap>& gaps, const free_space& free,
                    const std::optional<fit_answer>& fit) {
-    json document = json_document("map");
+    json document = json_document("map", records);
     document["region"] = json_region(records);
     document["chunk_count"] = records.chunks.size();
     const bool known = records.all_chunks;

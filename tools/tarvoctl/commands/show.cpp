@@ -161,7 +161,7 @@ void print_all_as_text(const std::vector<const chunk_record*>& chunks, const pic
 
 void print_all_as_json(const std::vector<const chunk_record*>& chunks, const picture& records,
                        const mapped_memory* memory) {
-    json document = json_document("show");
+    json document = json_document("show", records);
     document["chunks"] = json::array();
     for (const auto* chunk : chunks)
         document["chunks"].push_back(json_shown(*chunk, records, memory));

@@ -17,7 +17,7 @@ namespace tarvoctl {
 namespace {
 
 struct top_options {
-    std::chrono::milliseconds timeout{1000}; // a screen that stands still says nothing
+    area_source source{{}, std::chrono::seconds{1}}; // a screen that stands still says nothing
     std::chrono::milliseconds interval{1000};
 };
 
@@ -31,7 +31,9 @@ class live_view {
     std::string page_of(area_look look) {
         if (look.records) {
             records_ = std::move(look.records);
-            title_ = title_of(look.area, "  q ends");
+            title_ = title_of(look.area, look.found != area_look::state::changing
+                                             ? "  q ends"
+                                             : "  HALF CHANGED: read without the lock");
             return page_with(title_);
         }
         if (look.found == area_look::state::locked && records_)
@@ -54,7 +56,7 @@ class live_view {
 };
 
 exit_status live(const top_options& options) {
-    area_follower follower{options.timeout};
+    area_follower follower{options.source};
     live_view view;
     // Before the screen is taken, so that an area that cannot be read is told in the usual way.
     area_look look = follower.look();
@@ -66,7 +68,7 @@ exit_status live(const top_options& options) {
 }
 
 exit_status one_page(const top_options& options) {
-    const picture records = read_picture({{}, options.timeout});
+    const picture records = read_picture(options.source);
     const site here = find_site();
     fmt::print("{}", top_page({records, mappings_of(here), title_of(here.area, ""),
                                standard_screen(), 0}));
@@ -85,7 +87,7 @@ void add_top(program& to) {
         to.add("top", "the region, its chunks and devices on the whole screen, as they change",
                looking, options, top);
     command.interval(options->interval);
-    command.timeout(options->timeout);
+    command.live(options->source);
 }
 
 } // namespace tarvoctl

@@ -23,7 +23,7 @@ namespace tarvoctl {
 namespace {
 
 struct watch_options {
-    std::chrono::milliseconds timeout = area_source{}.timeout;
+    area_source source;
     std::chrono::milliseconds interval{1000};
     bool json = false;
 };
@@ -123,11 +123,13 @@ class watcher {
         case area_look::state::locked:
             remark("the lock is not free; 'tarvoctl lock' tells who holds it. Waiting");
             break;
+        case area_look::state::changing: // half a change would be told as one
+            remark("the area changed during every reading without its lock. Waiting");
+            break;
         default:
             remark("");
             take_records(std::move(look));
         }
-        started_ = true;
     }
 
   private:
@@ -136,6 +138,7 @@ class watcher {
             report_.tell_area("gone", look);
         present_ = false;
         last_ = {};
+        started_ = true;
         remark(fmt::format("waiting for {}", look.area));
     }
 
@@ -157,6 +160,7 @@ class watcher {
     void take_new_area(const area_look& look) {
         report_.tell_area(present_ ? "replaced" : "found", look);
         last_ = started_ ? picture{} : *look.records;
+        started_ = true;
         present_ = true;
         damage_.clear();
     }
@@ -178,7 +182,7 @@ class watcher {
 
 exit_status watch(const watch_options& options) {
     end_well_when_interrupted();
-    area_follower follower{options.timeout};
+    area_follower follower{options.source};
     watcher lines{options.json};
     for (;;) {
         lines.take(follower.look());
@@ -194,7 +198,7 @@ void add_watch(program& to) {
         to.add("watch", "changes of chunks and devices as they happen", looking, options, watch);
     command.flag("--json", options->json, "for programs: one JSON object a line");
     command.interval(options->interval);
-    command.timeout(options->timeout);
+    command.live(options->source);
 }
 
 } // namespace tarvoctl

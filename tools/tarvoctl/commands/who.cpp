@@ -16,8 +16,8 @@ namespace tarvoctl {
 namespace {
 
 struct who_options {
+    area_source source;
     std::string name;
-    std::chrono::milliseconds timeout = area_source{}.timeout;
     bool json = false;
 };
 
@@ -211,7 +211,7 @@ void print_as_json(const answer& found, const picture& records, const mapped_mem
         each["mappings"] = json_views(views, chunk->pa, processes);
         chunks.push_back(std::move(each));
     }
-    json document = json_document("who");
+    json document = json_document("who", records);
     document["region"] = json_region(records);
     document["chunks"] = std::move(chunks);
     document["whole_region"] = json_views(found.whole_region, records.region.first_pa, processes);
@@ -228,7 +228,7 @@ bool is_mapped(const answer& found) {
 }
 
 exit_status who(const who_options& options) {
-    const picture records = read_picture({{}, options.timeout});
+    const picture records = read_picture(options.source);
     const auto wanted = wanted_of(options, records);
     const mapped_memory memory = mappings_of(find_site());
     const answer found = answer_of(wanted, records, memory);
@@ -254,7 +254,7 @@ void add_who(program& to) {
                options, who);
     command.optional_word("NAME", options->name, "this chunk alone");
     command.json(options->json);
-    command.timeout(options->timeout);
+    command.live(options->source);
 }
 
 } // namespace tarvoctl

@@ -3,7 +3,6 @@
 #include "area/check_record.hpp"
 
 #include "failure.hpp"
-#include "host/area_source.hpp"
 #include "host/plain_file.hpp"
 
 #include <cerrno>
@@ -59,8 +58,10 @@ area_look area_follower::look() {
 
 area_look area_follower::read(const std::string& path, unique_fd file) {
     const auto identity = identity_of(path);
-    picture records = read_picture({{}, timeout_});
+    picture records = look_at_records(source_);
     const bool same = seen_ && identity == identity_;
+    if (!records.consistent)
+        return {area_look::state::changing, path, std::move(records)};
     seen_ = std::move(file);
     identity_ = identity;
     return {same ? area_look::state::same : area_look::state::new_area, path, std::move(records)};

@@ -2,11 +2,12 @@
 
 #include "area/records.hpp"
 #include "common/unique_fd.hpp"
+#include "host/area_source.hpp"
 #include "host/file_identity.hpp"
 
-#include <chrono>
 #include <optional>
 #include <string>
+#include <utility>
 
 namespace tarvoctl {
 
@@ -19,8 +20,9 @@ struct area_look {
     enum class state {
         absent,   ///< there is no area, or it is not built yet
         locked,   ///< the lock was not free in time
-        same,     ///< the area of the look before
-        new_area, ///< another one than before, or the first
+        changing, ///< it was read without the lock, and changed meanwhile
+        same,     ///< the area of the last good look
+        new_area, ///< another one, or the first
     };
     state found;
     std::string area;                 ///< path of the file that was looked at
@@ -30,7 +32,7 @@ struct area_look {
 /// Looks at the live area again and again, through its being made, removed and made anew.
 class area_follower {
   public:
-    explicit area_follower(std::chrono::milliseconds timeout) : timeout_{timeout} {}
+    explicit area_follower(area_source source) : source_{std::move(source)} {}
 
     /// Throws failure where an area cannot be read.
     area_look look();
@@ -38,7 +40,7 @@ class area_follower {
   private:
     area_look read(const std::string& path, unique_fd file);
 
-    std::chrono::milliseconds timeout_;
+    area_source source_; ///< the live area
     /// The file seen last. It stays open, or a new file could be given its inode.
     unique_fd seen_;
     std::optional<file_identity> identity_;

@@ -7,12 +7,15 @@
 #include "host/plain_file.hpp"
 
 #include <cerrno>
+#include <cstring>
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <new>
 #include <sys/mman.h>
 #include <sys/stat.h>
+#include <thread>
 #include <unistd.h>
+#include <utility>
 
 namespace tarvoctl {
 
@@ -62,13 +65,9 @@ namespace {
 class area_reader {
   public:
     explicit area_reader(const std::string& path)
-        : path_{path}, file_{open_plain_file(path, O_RDONLY)},
-          copy_{static_cast<shared_area_t*>(std::calloc(1, sizeof(shared_area_t)))} {
+        : path_{path}, file_{open_plain_file(path, O_RDONLY)} {
         if (!file_) {
             complain_of(path_, errno);
-        }
-        if (!copy_) {
-            throw std::bad_alloc{};
         }
     }
 
@@ -92,7 +91,27 @@ class area_reader {
         }
     }
 
+    using reading = void (area_reader::*)();
+
+    /// Reads without the lock, until two readings in a row are alike: then nobody has changed
+    /// anything in between. Where that does not come about, the copy is not consistent.
+    void repeat_until_alike(reading look) {
+        constexpr int most_readings = 20;
+        // Long enough for a change to go on that was interrupted during the reading before.
+        constexpr std::chrono::milliseconds between_readings{5};
+        for (int readings = 1; readings < most_readings; ++readings) {
+            std::this_thread::sleep_for(between_readings);
+            const area_copy before = std::exchange(copy_, area_copy{});
+            (this->*look)();
+            if (copy_.has_bytes_of(before)) {
+                return;
+            }
+        }
+        copy_.consistent = false;
+    }
+
     const shared_area_t& area() const { return *copy_; }
+    bool is_consistent() const { return copy_.consistent; }
     area_copy take() { return std::move(copy_); }
 
   private:
@@ -104,7 +123,7 @@ class area_reader {
     }
 
     void read(std::size_t first, std::size_t bytes) {
-        auto* const to = reinterpret_cast<char*>(copy_.get());
+        auto* const to = reinterpret_cast<char*>(&*copy_);
         for (std::size_t offset = first; offset < first + bytes;) {
             const ssize_t count = ::pread(file_.get(), to + offset, first + bytes - offset,
                                           static_cast<off_t>(offset));
@@ -123,18 +142,48 @@ class area_reader {
     area_copy copy_;
 };
 
+cross_process_lock lock_of(const site& here, const area_source& source) {
+    return {here.locks_to_take(), source.timeout,
+            source.lock == lock_use::offered
+                ? fmt::format("{}, --no-lock reads without it", wait_longer)
+                : wait_longer};
+}
+
 /// Reads the live area as `read` does: once before the lock is taken, so that nobody waits for a
 /// disk or for memory while it is held, and then for good.
-area_reader read_live(std::chrono::milliseconds timeout, void (area_reader::*read)()) {
+area_reader read_live(const area_source& source, area_reader::reading read) {
     const site here = find_site();
     area_reader reader{here.area};
     (reader.*read)();
-    const cross_process_lock lock{here.locks_to_take(), timeout};
-    (reader.*read)();
+    if (source.lock == lock_use::none) {
+        reader.repeat_until_alike(read);
+    } else {
+        const cross_process_lock lock = lock_of(here, source);
+        (reader.*read)();
+    }
     return reader;
 }
 
+void remark_on(bool consistent) {
+    if (!consistent) {
+        fmt::print(stderr, "tarvoctl: the area changed during every reading without its lock: what "
+                           "is told may be half changed\n");
+    }
+}
+
 } // namespace
+
+area_copy::area_copy() : area_{static_cast<shared_area_t*>(std::calloc(1, sizeof(shared_area_t)))} {
+    if (!area_) {
+        throw std::bad_alloc{};
+    }
+}
+
+bool area_copy::has_bytes_of(const area_copy& other) const {
+    const void* const bytes = area_.get();
+    const void* const others = other.area_.get();
+    return std::memcmp(bytes, others, sizeof(shared_area_t)) == 0;
+}
 
 void require_region(const site& here) {
     if (here.simulation || here.driver)
@@ -210,20 +259,32 @@ void mapped_area::touch() const {
     ::madvise(area_, sizeof(shared_area_t), MADV_POPULATE_READ);
 }
 
-picture read_picture(const area_source& source) {
+picture look_at_records(const area_source& source) {
     if (source.is_live()) {
-        const area_reader reader = read_live(source.timeout, &area_reader::read_lists);
+        const area_reader reader = read_live(source, &area_reader::read_lists);
         check_built(reader.area(), find_site().area);
-        return picture_of(reader.area());
+        picture made = picture_of(reader.area());
+        made.consistent = reader.is_consistent();
+        return made;
     }
     const area_copy area = read_area_file(source.file);
     check_built(*area, source.file);
     return picture_of(*area);
 }
 
+picture read_picture(const area_source& source) {
+    picture records = look_at_records(source);
+    remark_on(records.consistent);
+    return records;
+}
+
 area_copy read_area(const area_source& source) {
-    return source.is_live() ? read_live(source.timeout, &area_reader::read_all).take()
-                            : read_area_file(source.file);
+    if (!source.is_live()) {
+        return read_area_file(source.file);
+    }
+    area_copy copied = read_live(source, &area_reader::read_all).take();
+    remark_on(copied.consistent);
+    return copied;
 }
 
 area_copy read_area_file(const std::string& path) {

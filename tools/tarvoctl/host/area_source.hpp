@@ -13,26 +13,50 @@
 
 namespace tarvoctl {
 
+/// What a command does about the live area's lock.
+enum class lock_use {
+    always,  ///< takes it
+    offered, ///< takes it, and can be told not to
+    none,    ///< reads without it
+};
+
 /// Where a command reads the records: the live area, or a copy of one.
 struct area_source {
     std::string file; ///< a copy; empty: the live area
     std::chrono::milliseconds timeout{5000};
+    lock_use lock = lock_use::always;
 
     bool is_live() const { return file.empty(); }
 };
 
-/// The records, as one consistent picture. The live area's lock is held only while they are copied.
-/// Throws failure, also where there is no area: none is ever made by looking.
+/// The records. The live area's lock is held only while they are copied. Without it they are read
+/// until two readings are alike, or some have not been; the picture tells which, and so does a line
+/// on standard error. Throws failure, also where there is no area: none is ever made by looking.
 picture read_picture(const area_source& source);
 
-struct memory_release {
-    void operator()(void* memory) const { std::free(memory); }
-};
+/// The same for those that tell in their own way of a picture that is not consistent.
+picture look_at_records(const area_source& source);
 
 /// An area copied. What is zero there, or was not read, takes no memory.
-using area_copy = std::unique_ptr<shared_area_t, memory_release>;
+class area_copy {
+  public:
+    area_copy();
 
-/// A whole area.
+    shared_area_t& operator*() const { return *area_; }
+    shared_area_t* operator->() const { return area_.get(); }
+    bool has_bytes_of(const area_copy& other) const;
+
+    /// As picture has it.
+    bool consistent = true;
+
+  private:
+    struct release {
+        void operator()(void* memory) const { std::free(memory); }
+    };
+    std::unique_ptr<shared_area_t, release> area_;
+};
+
+/// A whole area, with or without the lock as read_picture() does it.
 area_copy read_area(const area_source& source);
 
 /// The same of the file of that path, without a lock: what others change meanwhile may be read half

@@ -1,7 +1,10 @@
 #include "host/cross_process_lock.hpp"
 
 #include "failure.hpp"
+#include "host/lock_state.hpp"
 #include "host/plain_file.hpp"
+#include "host/processes.hpp"
+#include "shown.hpp"
 
 #include <cerrno>
 #include <csignal>
@@ -70,10 +73,32 @@ bool take(const unique_fd& file, clock::time_point last_moment) {
     return true;
 }
 
+/// "4711 (my_driver) holds it"; empty where that is not known.
+std::string holder_text(const std::string& file) {
+    const auto holder = lock_picture_of({file}).locks.front().holder();
+    if (!holder)
+        return {};
+    const auto process = process_of(*holder);
+    const std::string command = process ? shown(process->command) : "";
+    return command.empty() ? fmt::format("{} holds it", *holder)
+                           : fmt::format("{} ({}) holds it", *holder, command);
+}
+
 } // namespace
 
+failure busy_lock(const std::string& file, std::chrono::milliseconds timeout,
+                  const std::string& way_out) {
+    const std::string holder = holder_text(file);
+    const double seconds = std::chrono::duration<double>{timeout}.count();
+    return {exit_status::timed_out,
+            fmt::format("the lock {} was not free within {} s{}; 'tarvoctl lock' tells {}, {}",
+                        file, seconds, holder.empty() ? "" : ": " + holder,
+                        holder.empty() ? "who holds it" : "more", way_out)};
+}
+
 cross_process_lock::cross_process_lock(const std::vector<std::string>& files,
-                                       std::chrono::milliseconds timeout) {
+                                       std::chrono::milliseconds timeout,
+                                       const std::string& way_out) {
     const auto last_moment = clock::now() + timeout;
     for (const auto& path : files) {
         unique_fd file = open_plain_file(path, O_RDONLY);
@@ -84,12 +109,8 @@ cross_process_lock::cross_process_lock(const std::vector<std::string>& files,
                 exit_status::unreadable,
                 fmt::format("cannot open the lock {}: {}; try as root", path, error_text(errno))};
         }
-        if (!take(file, last_moment)) {
-            throw failure{exit_status::timed_out,
-                          fmt::format("the lock {} was not free within {} s; 'tarvoctl lock' tells "
-                                      "who holds it, --timeout waits longer",
-                                      path, std::chrono::duration<double>{timeout}.count())};
-        }
+        if (!take(file, last_moment))
+            throw busy_lock(path, timeout, way_out);
         held_.push_back(std::move(file));
     }
 }

@@ -167,6 +167,15 @@ bool lock_state::taker_keeps_it() const {
     return std::find(all.begin(), all.end(), taker) != all.end();
 }
 
+std::optional<pid_t> lock_state::holder() const {
+    if (!held)
+        return std::nullopt;
+    const auto all = keepers();
+    if (!all.empty() && !taker_keeps_it())
+        return all.front();
+    return taker != 0 ? std::optional{taker} : std::nullopt;
+}
+
 bool waits_for_lock(pid_t pid) {
     std::istringstream lines{lock_table().value_or("")};
     for (std::string text; std::getline(lines, text);) {

@@ -30,6 +30,8 @@ struct lock_state {
     std::vector<pid_t> keepers() const;
     /// The taker holds it itself, as far as can be seen.
     bool taker_keeps_it() const;
+    /// The process that nobody else gets the lock before the end of; nothing where none is known.
+    std::optional<pid_t> holder() const;
 };
 
 /// The lock files' states at about the same time.

@@ -187,12 +187,7 @@ int wait_for(worker& process, clock::time_point last_moment, const awaited_signa
 }
 
 exit_status outcome_in_time(worker& process, std::chrono::milliseconds timeout) {
-    const auto too_late = [timeout] {
-        return failure{exit_status::timed_out,
-                       fmt::format("the library's lock was not free within {} s; 'tarvoctl lock' "
-                                   "tells who holds it, --timeout waits longer",
-                                   std::chrono::duration<double>{timeout}.count())};
-    };
+    const auto too_late = [timeout] { return busy_lock(find_site().own_lock, timeout); };
     try {
         const exit_status status = process.outcome();
         // An interruption that came just too late did no harm.

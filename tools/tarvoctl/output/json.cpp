@@ -30,6 +30,12 @@ json json_document(std::string_view command) {
     return {{"schema", schema_number}, {"command", command}};
 }
 
+json json_document(std::string_view command, const picture& records) {
+    json made = json_document(command);
+    made["consistent"] = records.consistent;
+    return made;
+}
+
 json json_address(uint64_t address) {
     return {{"number", address}, {"hex", fmt::format("{:#x}", address)}};
 }

@@ -14,6 +14,9 @@ using json = nlohmann::ordered_json;
 /// What every output begins with: the number of the schema it follows and the command.
 json json_document(std::string_view command);
 
+/// The same of what was read from an area: adds whether all of it is of one moment.
+json json_document(std::string_view command, const picture& records);
+
 /// An address, as a number and as hexadecimal text: {"number": 4096, "hex": "0x1000"}.
 json json_address(uint64_t address);
 
