@@ -1,5 +1,6 @@
 #include "tool.hpp"
 
+#include <algorithm>
 #include <csignal>
 #include <filesystem>
 #include <fstream>
@@ -33,6 +34,11 @@ const std::vector<std::vector<std::string>> commands{
     {"free", "rx_ring"},
     {"free", "fresh", "--force"},
     {"unregister", "05:00.0", "--force"},
+    {"snapshot", "@after"},
+    {"iommu-unmap", "05:00.0"},
+    {"write", "stats"},
+    {"fill", "stats", "7", "--size", "16"},
+    {"dump"},
 };
 
 /// A region with two chunks of one name, a mapping, a device that is offline and references to one
@@ -57,7 +63,8 @@ class validator {
     void add(const nlohmann::json& document) {
         _files.push_back(_folder.path() / (std::to_string(_files.size()) + ".json"));
         std::ofstream(_files.back()) << document;
-        _seen.insert(document.at("command").get<std::string>());
+        _seen.insert(document.contains("error") ? "error"
+                                                : document.at("command").get<std::string>());
     }
 
     /// The schema's complaint; empty when there is none.
@@ -115,11 +122,12 @@ TEST(Schema, EveryCommandKeepsToIt) {
     const temporary_folder folder;
     const std::string before = folder.path() / "before";
     client driver = machine.start();
-    fill(machine, driver, before);
     validator documents;
+    documents.add(json_of(tarvoctl(machine, {"iommu-map", "05:00.0", "--prot", "r", "--json"})));
+    fill(machine, driver, before);
     for (std::vector<std::string> words : commands) {
         for (std::string& word : words)
-            word = word == "@before" ? before : word;
+            word = word == "@before" ? before : word == "@after" ? before + "_after" : word;
         words.emplace_back("--json");
         documents.add(json_of(tarvoctl(machine, words)));
     }
@@ -151,6 +159,91 @@ TEST(Schema, EveryCommandKeepsToIt) {
         documents.add(line);
     EXPECT_EQ(documents.complaint(), "");
     EXPECT_EQ(documents.missing(), std::set<std::string>{});
+}
+
+/// Commands that fail: in their words, in what they find, in a call of the library.
+const std::vector<std::vector<std::string>> failing{
+    {},
+    {"--json"},
+    {"lits"},
+    {"list", "--sort", "weight"},
+    {"list", "--area", "/missing"},
+    {"show", "missing"},
+    {"find", "0xffffffff"},
+    {"alloc", "a", "4K", "--creator", ""},
+    {"free", "missing"},
+    {"read", "missing"},
+    {"write", "missing"},
+    {"repair", "/missing"},
+    {"snapshot", "/missing/file"},
+    {"top", "--interval", "0"},
+    {"watch", "--interval", "0"},
+    {"iommu-map", "02:00.0"},
+    {"dump", "surplus"},
+};
+
+TEST(Schema, EveryFailureIsADocument) {
+    sandbox machine(low, {"--rule", "op=map,errno=EIO"});
+    machine.start().alloc("rx_ring", 0x1000);
+    validator documents;
+    for (std::vector<std::string> words : failing) {
+        words.emplace_back("--json");
+        const auto outcome = tarvoctl(machine, words);
+        const auto document = json_of(outcome);
+        documents.add(document);
+        EXPECT_EQ(document.at("error").at("status"), outcome.status);
+        EXPECT_TRUE(outcome.errors.ends_with(
+            "tarvoctl: " + document.at("error").at("message").get<std::string>() + "\n"))
+            << outcome.errors;
+        const bool named = words.front().find_first_of("-") != 0 && words.front() != "lits";
+        EXPECT_EQ(document.at("command"), named ? nlohmann::json(words.front()) : nullptr);
+    }
+    EXPECT_EQ(documents.complaint(), "");
+}
+
+TEST(Schema, AFailureAfterADocumentThatCannotBeWrittenIsNoSecondOne) {
+    sandbox machine(low);
+    machine.start().alloc("rx_ring", 0x1000);
+    const auto outcome =
+        run_program(machine, {"sh", "-c", "exec \"$0\" list --json >/dev/full", TARVOCTL});
+    EXPECT_EQ(outcome.status, 3);
+    EXPECT_EQ(outcome.errors,
+              "tarvoctl: cannot write to standard output: No space left on device\n");
+}
+
+TEST(Schema, CompactIsADocumentALine) {
+    sandbox machine(low);
+    client driver = machine.start();
+    driver.alloc("first", 0x1000);
+    driver.alloc("second", 0x1000);
+    const auto outcome = tarvoctl(machine, {"list", "--json=compact"});
+    EXPECT_EQ(outcome.output.find('\n'), outcome.output.size() - 1);
+    EXPECT_EQ(json_of(outcome), json_of(tarvoctl(machine, {"list", "--json"})));
+    const auto failed = tarvoctl(machine, {"show", "third", "--json=compact"});
+    EXPECT_EQ(failed.status, 2);
+    EXPECT_EQ(failed.output.find('\n'), failed.output.size() - 1);
+    EXPECT_EQ(json_of(failed).at("error").at("kind"), "usage");
+}
+
+TEST(Schema, AnElementOfAListIsALine) {
+    sandbox machine(low);
+    client driver = machine.start();
+    for (int i = 0; i < 100; ++i)
+        driver.alloc("chunk_" + std::to_string(i), 0x1000);
+    const auto lines = lines_of(tarvoctl(machine, {"list", "--json"}).output);
+    EXPECT_LT(lines.size(), 110);
+    EXPECT_EQ(
+        std::count_if(lines.begin(), lines.end(),
+                      [](const std::string& line) { return line.starts_with("    {\"index\":"); }),
+        100);
+}
+
+TEST(Schema, AnUnknownLayoutIsAUsageError) {
+    sandbox machine(low);
+    const auto outcome = tarvoctl(machine, {"list", "--json=pretty"});
+    EXPECT_EQ(outcome.status, 2);
+    EXPECT_EQ(outcome.errors,
+              "tarvoctl: --json=pretty: unknown layout; there are --json and --json=compact\n");
 }
 
 TEST(Schema, ADocumentThatBreaksItIsNoticed) {

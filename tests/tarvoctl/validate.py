@@ -24,7 +24,7 @@ def main(schema_file, names):
     commands = {branch["$ref"].rsplit("/", 1)[1] for branch in schema["oneOf"]}
     definitions = schema["$defs"]
     for name, document in documents(names):
-        command = document.get("command")
+        command = "error" if "error" in document else document.get("command")
         if command not in commands:
             sys.exit(f"{name}: the schema does not know the command {command!r}")
         # Against its own branch alone, as the complaint then names the fault.

@@ -2,11 +2,13 @@
 
 #include "failure.hpp"
 #include "host/cross_process_lock.hpp"
+#include "shown.hpp"
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <fmt/format.h>
 #include <functional>
+#include <memory>
 
 namespace tarvoctl {
 
@@ -112,7 +114,17 @@ void command_words::interval(std::chrono::milliseconds& interval) {
 }
 
 void command_words::json(bool& json) {
-    flag("--json", json, "for programs: one JSON object");
+    const auto layout = std::make_shared<std::string>();
+    parser_->add_flag("--json", *layout, "for programs; --json=compact: a document a line")
+        ->each([&json, layout](const std::string& value) {
+            if (value != "true" && value != compact_json) {
+                throw failure{
+                    exit_status::usage,
+                    fmt::format("--json={}: unknown layout; there are --json and --json={}",
+                                shown(value), compact_json)};
+            }
+            json = true;
+        });
 }
 
 } // namespace tarvoctl

@@ -12,6 +12,9 @@ class App;
 
 namespace tarvoctl {
 
+/// The value of --json that wants each document on one line.
+inline constexpr const char* compact_json = "compact";
+
 /// The words that one command understands, each with the place that takes its value. What is not
 /// given leaves its place as it was. `names` are as in "-r,--reverse", `title` is what the help
 /// calls the value. Words and options that are empty are refused.
@@ -44,7 +47,7 @@ class command_words {
     void timeout(std::chrono::milliseconds& timeout);
     /// --interval SECONDS, for commands that look again and again.
     void interval(std::chrono::milliseconds& interval);
-    /// --json
+    /// --json and --json=compact; program lays the documents out.
     void json(bool& json);
 
   private:

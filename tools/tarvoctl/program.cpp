@@ -1,6 +1,7 @@
 #include "program.hpp"
 
 #include "failure.hpp"
+#include "output/json.hpp"
 #include "output/standard_output.hpp"
 #include "output/text.hpp"
 
@@ -8,6 +9,9 @@
 #include <algorithm>
 #include <cstdio>
 #include <fmt/format.h>
+#include <optional>
+#include <string_view>
+#include <vector>
 
 namespace tarvoctl {
 
@@ -24,6 +28,21 @@ int status_number(exit_status status) {
 std::string one_line(std::string text) {
     std::replace(text.begin(), text.end(), '\n', ' ');
     return text;
+}
+
+/// Whether JSON is asked for, and which. It is looked for before the words are parsed, as what is
+/// wrong with one of them is told in JSON, too.
+std::optional<json_layout> json_asked_for(const std::vector<std::string>& words) {
+    constexpr std::string_view option = "--json";
+    for (const auto& word : words) {
+        if (word == "--")
+            break;
+        if (word == fmt::format("{}={}", option, compact_json))
+            return json_layout::compact;
+        if (word == option || word.starts_with(fmt::format("{}=", option)))
+            return json_layout::readable;
+    }
+    return std::nullopt;
 }
 
 /// The parser itself does not name a command that there is none of.
@@ -64,10 +83,22 @@ exit_status program::parse_and_carry_out(int argc, char** argv) {
     return chosen_();
 }
 
+std::string program::chosen_name() const {
+    const auto chosen = parser_->get_subcommands();
+    return chosen.empty() ? "" : chosen.front()->get_name();
+}
+
 int program::run(int argc, char** argv) {
-    const auto tell = [](const std::exception& wrong, exit_status status) {
+    const auto layout = json_asked_for({argv, argv + argc});
+    if (layout)
+        lay_json_out(*layout);
+    const auto tell = [&](const std::exception& wrong, exit_status status) {
+        // Where this cannot be written, the status alone tells.
+        if (layout) {
+            const json document = json_error(chosen_name(), status, wrong.what());
+            static_cast<void>(std::fputs(json_text(document).c_str(), stdout));
+        }
         std::fflush(stdout);
-        // Where messages cannot be written, either, the status alone tells.
         static_cast<void>(std::fputs(fmt::format("tarvoctl: {}\n", wrong.what()).c_str(), stderr));
         return status_number(status);
     };

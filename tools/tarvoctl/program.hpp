@@ -32,11 +32,13 @@ class program {
     }
 
     /// Parses, carries the command out, and says how the program ends. Failures are told on
-    /// standard error.
+    /// standard error and, where JSON is asked for, on standard output as well.
     int run(int argc, char** argv);
 
   private:
     exit_status parse_and_carry_out(int argc, char** argv);
+    /// The command that was parsed; empty where there is none.
+    std::string chosen_name() const;
 
     std::unique_ptr<CLI::App> parser_;
     action chosen_;

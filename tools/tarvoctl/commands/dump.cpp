@@ -3,12 +3,15 @@
 #include "host/area_source.hpp"
 #include "library/library_call.hpp"
 #include "library/ready_area.hpp"
+#include "output/json.hpp"
 #include "program.hpp"
 #include "tarvo.h"
 
 #include <array>
 #include <fmt/format.h>
 #include <memory>
+#include <string>
+#include <vector>
 
 namespace tarvoctl {
 
@@ -16,33 +19,41 @@ namespace {
 
 struct dump_options {
     std::chrono::milliseconds timeout = area_source{}.timeout;
+    bool json = false;
 };
 
 /// All lines of one kind.
-std::string lines_of(bool (*next)(char*, std::size_t)) {
+std::vector<std::string> lines_of(bool (*next)(char*, std::size_t)) {
     constexpr std::size_t line_bytes = 256; // always enough
     std::array<char, line_bytes> line{};
-    std::string lines;
+    std::vector<std::string> lines;
     while (next(line.data(), line.size())) {
-        lines += line.data();
-        lines += '\n';
+        lines.emplace_back(line.data());
     }
     return lines;
 }
 
-exit_status call_dump() {
+exit_status call_dump(bool as_json) {
     if (!tarvo_dump_begin())
         throw failure{exit_status::unreadable, "the listing could not begin; the reason is above"};
-    std::string lines = lines_of(tarvo_dump_next);
-    lines += lines_of(tarvo_dump_next_iommu_device);
+    const auto chunks = lines_of(tarvo_dump_next);
+    const auto devices = lines_of(tarvo_dump_next_iommu_device);
     tarvo_dump_end();
-    fmt::print("{}", lines);
+    if (as_json) {
+        json document = json_document("dump");
+        document["chunks"] = chunks;
+        document["devices"] = devices;
+        print_json(document);
+    } else {
+        fmt::print("{}{}{}{}", fmt::join(chunks, "\n"), chunks.empty() ? "" : "\n",
+                   fmt::join(devices, "\n"), devices.empty() ? "" : "\n");
+    }
     return exit_status::good;
 }
 
 exit_status dump(const dump_options& options) {
     static_cast<void>(ready_area(options.timeout));
-    return in_library(options.timeout, call_dump);
+    return in_library(options.timeout, [&] { return call_dump(options.json); });
 }
 
 } // namespace
@@ -51,6 +62,7 @@ void add_dump(program& to) {
     const auto options = std::make_shared<dump_options>();
     command_words command =
         to.add("dump", "the library's own listing, byte for byte", looking, options, dump);
+    command.json(options->json);
     command.timeout(options->timeout);
 }
 

@@ -3,6 +3,7 @@
 #include "host/area_source.hpp"
 #include "library/arguments.hpp"
 #include "library/ready_area.hpp"
+#include "output/json.hpp"
 #include "output/text.hpp"
 #include "program.hpp"
 #include "tarvo.h"
@@ -18,6 +19,7 @@ struct iommu_options {
     std::string device;
     std::string prot = "rw";
     std::chrono::milliseconds timeout = area_source{}.timeout;
+    bool json = false;
 };
 
 /// One request has less than 2 GiB. Its end needs no look: a region of that size ends below 4 GiB as
@@ -32,13 +34,23 @@ void check_region(const dma_window& region) {
     }
 }
 
-exit_status told(int result, const device_record& device, const std::string& done) {
+/// `prot`: what the device may do now; empty: nothing any more.
+exit_status told(const char* command, int result, const device_record& device,
+                 const iommu_options& options, const std::string& prot) {
     if (result != 0) {
         throw failure{
             exit_status::finding,
             fmt::format("the request for {} failed; the reason is above", device_text(device))};
     }
-    fmt::print("{}: whole region {}\n", device_text(device), done);
+    if (options.json) {
+        json document = json_document(command);
+        document["device"] = device_text(device);
+        document["prot"] = prot.empty() ? json(nullptr) : json(prot);
+        print_json(document);
+    } else {
+        fmt::print("{}: whole region {}\n", device_text(device),
+                   prot.empty() ? "unmapped" : "mapped, " + prot);
+    }
     return exit_status::good;
 }
 
@@ -55,7 +67,7 @@ exit_status iommu_map(const iommu_options& options) {
     return in_started_library(options.timeout, [&] {
         const int result =
             tarvo_iommu_map(device.domain, device.bus, device.devfn, prot_of(options.prot));
-        return told(result, device, "mapped, " + options.prot);
+        return told("iommu-map", result, device, options, options.prot);
     });
 }
 
@@ -71,7 +83,8 @@ exit_status iommu_unmap(const iommu_options& options) {
                         device_text(device))};
     }
     return in_started_library(options.timeout, [&] {
-        return told(tarvo_iommu_unmap(device.domain, device.bus, device.devfn), device, "unmapped");
+        const int result = tarvo_iommu_unmap(device.domain, device.bus, device.devfn);
+        return told("iommu-unmap", result, device, options, "");
     });
 }
 
@@ -80,6 +93,7 @@ command_words add_request(program& to, const char* name, const char* purpose,
                           exit_status (*run)(const iommu_options&)) {
     command_words command = to.add(name, purpose, changing, options, run);
     command.word("DEVICE", options->device, "such as 0000:03:00.0 or 03:00.0");
+    command.json(options->json);
     command.timeout(options->timeout);
     return command;
 }

@@ -103,7 +103,7 @@ class reporter {
             fmt::format("{:%FT%T}.{:03}Z", fmt::gmtime(std::chrono::system_clock::to_time_t(time)),
                         milliseconds_of(time));
         document.update(what);
-        print_json_line(document);
+        print_json(document);
         flush_output();
     }
 
@@ -182,6 +182,7 @@ class watcher {
 
 exit_status watch(const watch_options& options) {
     end_well_when_interrupted();
+    lay_json_out(json_layout::compact); // a line for each change
     area_follower follower{options.source};
     watcher lines{options.json};
     for (;;) {
@@ -196,7 +197,7 @@ void add_watch(program& to) {
     const auto options = std::make_shared<watch_options>();
     command_words command =
         to.add("watch", "changes of chunks and devices as they happen", looking, options, watch);
-    command.flag("--json", options->json, "for programs: one JSON object a line");
+    command.json(options->json);
     command.interval(options->interval);
     command.live(options->source);
 }

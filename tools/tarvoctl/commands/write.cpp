@@ -6,6 +6,7 @@
 #include "library/chunk_window.hpp"
 #include "library/library_call.hpp"
 #include "library/ready_area.hpp"
+#include "output/json.hpp"
 #include "output/text.hpp"
 #include "program.hpp"
 
@@ -27,6 +28,7 @@ struct write_options {
     std::string offset;
     std::string size; ///< of fill alone
     std::chrono::milliseconds timeout = area_source{}.timeout;
+    bool json = false;
 };
 
 chunk_window window_of(const write_options& options) {
@@ -57,12 +59,23 @@ std::size_t read_some(std::byte* to, std::size_t room) {
     return static_cast<std::size_t>(count);
 }
 
-void print_written(const chunk_window& window, std::size_t bytes) {
-    fmt::print("{}: wrote {} bytes at offset {:#x}\n", shown(window.name), bytes, window.offset);
+exit_status told_written(const char* command, const chunk_window& window, std::size_t bytes,
+                         bool as_json) {
+    if (as_json) {
+        json document = json_document(command);
+        add_text(document, "name", window.name);
+        document["offset"] = window.offset;
+        document["written"] = bytes;
+        print_json(document);
+    } else {
+        fmt::print("{}: wrote {} bytes at offset {:#x}\n", shown(window.name), bytes,
+                   window.offset);
+    }
+    return exit_status::good;
 }
 
 /// Goes through a buffer: not every system reads from a file straight into device memory.
-exit_status copy_input(const chunk_window& window) {
+exit_status copy_input(const chunk_window& window, bool as_json) {
     constexpr std::size_t buffer_bytes = 65536;
     const std::span<std::byte> target = map_window(window, true);
     std::vector<std::byte> buffer(buffer_bytes);
@@ -78,8 +91,7 @@ exit_status copy_input(const chunk_window& window) {
                                       shown(window.name), written, window.offset)};
         }
     }
-    print_written(window, written);
-    return exit_status::good;
+    return told_written("write", window, written, as_json);
 }
 
 exit_status write_chunk(const write_options& options) {
@@ -91,7 +103,7 @@ exit_status write_chunk(const write_options& options) {
                                   "on; nothing was written",
                                   *bytes, shown(window.name), window.size, window.offset)};
     }
-    return in_library(options.timeout, [&] { return copy_input(window); });
+    return in_library(options.timeout, [&] { return copy_input(window, options.json); });
 }
 
 exit_status fill_chunk(const write_options& options) {
@@ -101,8 +113,7 @@ exit_status fill_chunk(const write_options& options) {
     return in_library(options.timeout, [&] {
         const std::span<std::byte> target = map_window(window, true);
         std::fill(target.begin(), target.end(), value);
-        print_written(window, target.size());
-        return exit_status::good;
+        return told_written("fill", window, target.size(), options.json);
     });
 }
 
@@ -112,6 +123,7 @@ command_words add_writer(program& to, const char* name, const char* purpose,
     command_words command = to.add(name, purpose, changing, options, run);
     command.word("NAME", options->name, "the lowest chunk of that name");
     command.option("--offset", "SIZE", options->offset, "first byte within the chunk");
+    command.json(options->json);
     command.timeout(options->timeout);
     return command;
 }

@@ -2,18 +2,51 @@
 
 #include "output/text.hpp"
 
-#include <cstdio>
 #include <fmt/format.h>
+#include <vector>
 
 namespace tarvoctl {
 
 namespace {
 
-/// Of share/tarvo/tarvoctl.schema.json. Counted up when a reader of the old one would be misled.
+/// Of share/tarvo/tarvoctl.schema.json, whose description says when it rises.
 constexpr int schema_number = 1;
 
-void print(const json& document, int indentation) {
-    fmt::print("{}\n", document.dump(indentation, ' ', false, json::error_handler_t::replace));
+json_layout layout = json_layout::readable;
+
+std::string on_one_line(const json& value) {
+    constexpr int no_indentation = -1;
+    return value.dump(no_indentation, ' ', false, json::error_handler_t::replace);
+}
+
+/// What opens and closes it, with its parts between them, a line each.
+std::string on_lines(char opening, const std::vector<std::string>& parts, char closing,
+                     std::size_t indentation) {
+    const std::string blanks(indentation, ' ');
+    std::string made{opening};
+    for (const auto& part : parts) {
+        made += fmt::format("{}\n{}  {}", made.size() == 1 ? "" : ",", blanks, part);
+    }
+    return fmt::format("{}\n{}{}", made, blanks, closing);
+}
+
+std::string member_text(const std::string& key, const json& value) {
+    constexpr std::size_t indentation = 2;
+    std::vector<std::string> elements;
+    if (value.is_array()) {
+        for (const auto& each : value) {
+            elements.push_back(on_one_line(each));
+        }
+    }
+    return on_one_line(key) + ": " +
+           (elements.empty() ? on_one_line(value) : on_lines('[', elements, ']', indentation));
+}
+
+/// The key of the status in the table of tarvoctl(1).
+const char* word_of(exit_status status) {
+    constexpr const char* words[] = {"good",       "finding", "usage",
+                                     "unreadable", "damaged", "timed_out"};
+    return words[static_cast<int>(status)];
 }
 
 json json_reference(int index, const picture& records) {
@@ -85,13 +118,31 @@ json json_chunk(const chunk_record& chunk, const picture& records) {
     return made;
 }
 
-void print_json(const json& document) {
-    constexpr int indentation = 2;
-    print(document, indentation);
+void lay_json_out(json_layout wanted) {
+    layout = wanted;
 }
 
-void print_json_line(const json& document) {
-    print(document, -1);
+std::string json_text(const json& document) {
+    if (layout == json_layout::compact)
+        return on_one_line(document) + '\n';
+    std::vector<std::string> members;
+    for (const auto& [key, value] : document.items()) {
+        members.push_back(member_text(key, value));
+    }
+    return on_lines('{', members, '}', 0) + '\n';
+}
+
+void print_json(const json& document) {
+    fmt::print("{}", json_text(document));
+}
+
+json json_error(std::string_view command, exit_status status, std::string_view message) {
+    json made = json_document(command);
+    if (command.empty())
+        made["command"] = nullptr;
+    made["error"] = {
+        {"status", static_cast<int>(status)}, {"kind", word_of(status)}, {"message", message}};
+    return made;
 }
 
 } // namespace tarvoctl

@@ -1,9 +1,11 @@
 #pragma once
 
 #include "area/records.hpp"
+#include "exit_status.hpp"
 
 #include <cstdint>
 #include <nlohmann/json.hpp>
+#include <string>
 #include <string_view>
 
 namespace tarvoctl {
@@ -32,9 +34,22 @@ json json_region(const picture& records);
 json json_device(const device_record& device);
 json json_chunk(const chunk_record& chunk, const picture& records);
 
-/// Writes a document to standard output. Bytes that are no UTF-8 become U+FFFD.
+enum class json_layout {
+    readable, ///< a member a line, and of a list in it an element a line
+    compact,  ///< a document a line
+};
+
+/// How documents are laid out from now on; readable to begin with.
+void lay_json_out(json_layout wanted);
+
+/// A document as it is printed, with its end of line. Bytes that are no UTF-8 become U+FFFD.
+std::string json_text(const json& document);
+
+/// Writes a document to standard output.
 void print_json(const json& document);
-/// The same on one line, for streams of documents.
-void print_json_line(const json& document);
+
+/// What stands in for the document of a command that failed. `command` is empty where the command
+/// line names none.
+json json_error(std::string_view command, exit_status status, std::string_view message);
 
 } // namespace tarvoctl
