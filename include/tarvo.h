@@ -36,13 +36,13 @@
  *     (SIGABRT).
  *  5. What ends the process. Wrong use, and records that are damaged, end the process with an
  *     assertion message on standard error and SIGABRT; each call lists its own. In addition every
- *     call that reads the lists ends it where a link is out of range ("idx >= 0 && idx < MAX") or
- *     an element is in the wrong state ("cur->allocated", "!chunk->allocated",
- *     "cur->allocated && new_elem->allocated", "_head != -1 && _tail != -1"), and every call that
- *     would send a request for a chunk of more than 2 GiB ("end_dma - start_dma == end_pa -
- *     start_pa") or for one whose record lies outside the region ("pa >= dma_chunk_head->pa && pa
- *     <= dma_chunk_tail->pa"). Whatever such a process had half changed stays; its lock goes with
- *     it.
+ *     call that reads the lists ends it where a link is out of range ("idx >= 0 && idx < MAX"),
+ *     where links lead in a circle ("visited <= MAX") or where an element is in the wrong state
+ *     ("cur->allocated", "!chunk->allocated", "cur->allocated && new_elem->allocated",
+ *     "_head != -1 && _tail != -1"), and every call that would send a request for a chunk of more
+ *     than 2 GiB ("end_dma - start_dma == end_pa - start_pa") or for one whose record lies outside
+ *     the region ("pa >= dma_chunk_head->pa && pa <= dma_chunk_tail->pa"). Whatever such a process
+ *     had half changed stays; its lock goes with it.
  *  6. Threads. The lock keeps processes apart, not threads: a program must not be in the library
  *     with two threads at once. A child after fork() shares its parent's lock and must not use the
  *     library while its parent does; after exec it starts afresh.

@@ -77,12 +77,19 @@ struct ArrayBackedList {
         return is_tail(cur) ? nullptr : get_next(cur);
     }
 
-    /// Whether next() of the element at `idx` is the element at `guess`. For walks that have a guess
-    /// and no time: it checks nothing, and where it says no, next() has to be asked.
-    bool leads_to(int idx, int guess) const {
-        const T& cur = _arr[idx];
-        return cur.next == guess && cur.allocated && idx != _tail;
+    /// Whether next() of `cur`, the element at `idx`, is the one at `guess`. For walks that have a
+    /// guess and no time: it checks nothing, and where it says no, next() has to be asked.
+    bool leads_to(const T& cur, std::size_t idx, std::size_t guess) const {
+        if (cur.next != static_cast<int32_t>(guess) || !cur.allocated ||
+            static_cast<int32_t>(idx) == _tail) [[unlikely]] {
+            return false;
+        }
+        return true;
     }
+
+    /// What every walk asserts of the elements that it has met. Links that lead in a circle would
+    /// otherwise keep it for ever, and the lock with it.
+    static void check_visited(int visited) { LIST_ASSERT(visited <= MAX, "visited <= MAX", 166); }
 
     /// Links `new_elem` directly behind `cur`. The head never changes.
     void insert_after(T* cur, T* new_elem) {
@@ -155,21 +162,28 @@ struct ArrayBackedList {
     /// be on the list when the walk moves on.
     class iterator {
       public:
+        /// Stands at the end.
+        iterator() = default;
         iterator(ArrayBackedList* list, T* cur) : _list(list), _cur(cur) {}
         T& operator*() const { return *_cur; }
         iterator& operator++() {
             _cur = _list->next(_cur);
+            if (_cur != nullptr) {
+                check_visited(++_visited);
+            }
             return *this;
         }
+        bool at_end() const { return _cur == nullptr; }
         bool operator!=(const iterator& other) const { return _cur != other._cur; }
 
       private:
-        ArrayBackedList* _list;
-        T* _cur;
+        ArrayBackedList* _list = nullptr;
+        T* _cur = nullptr;
+        int _visited = 1;
     };
 
     iterator begin() { return iterator(this, arr_elem(_head)); }
-    iterator end() { return iterator(this, nullptr); }
+    iterator end() { return {}; }
 
   private:
     static uint64_t address(const T* e) { return reinterpret_cast<std::uintptr_t>(e); }

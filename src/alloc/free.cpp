@@ -4,6 +4,7 @@
 #include "shared/init.hpp"
 #include "shared/lock.hpp"
 #include "shared/trace.hpp"
+#include "shared/wanted_name.hpp"
 #include "tarvo.h"
 
 // Free space has no record: it is the gap between neighbours, so taking a chunk off the list is all

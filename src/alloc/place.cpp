@@ -27,9 +27,38 @@ dma_chunk_t* first_predecessor(Predicate fits) {
     return nullptr;
 }
 
-/// The place directly behind that chunk, if there is one.
-place behind(dma_chunk_t* predecessor) {
-    return {predecessor, predecessor != nullptr ? end_of(*predecessor) : 0};
+/// The place directly behind that chunk.
+place behind(dma_chunk_t& predecessor) {
+    return {&predecessor, end_of(predecessor)};
+}
+
+/// Whether so many bytes are free from that place up to `following`.
+bool has_room(const place& gap, const dma_chunk_t& following, uint32_t size) {
+    return following.pa - gap.pa >= size;
+}
+
+/// Whether the last name that was asked for was there. Like the remembered order it can be wrong,
+/// and costs time then.
+bool names_are_there = false;
+
+/// A function of its own, so that a search for a name alone does not save and restore what this one
+/// keeps in registers.
+[[gnu::noinline]] survey survey_with_gaps(const char* name, uint32_t size) {
+    const wanted_name wanted(name);
+    place gap = behind(*dma_chunk_head);
+    chunk_walk::iterator at = chunks_between_sentinels().begin();
+    for (; !at.at_end(); ++at) {
+        dma_chunk_t& chunk = *at;
+        if (has_room(gap, chunk, size)) {
+            return {first_named(name, {&chunk, dma_chunk_tail}), gap};
+        }
+        if (wanted.is_name_of(chunk)) {
+            return {&chunk, {}};
+        }
+        gap = behind(chunk);
+    }
+    const dma_chunk_t* tail = at.stopped_before();
+    return {nullptr, tail != nullptr && has_room(gap, *tail, size) ? gap : place{}};
 }
 
 } // namespace
@@ -39,29 +68,16 @@ uint64_t free_size(dma_chunk_t* a, dma_chunk_t* b) {
 }
 
 place first_fit(uint32_t size) {
-    return behind(first_predecessor(
-        [size](dma_chunk_t& prev, dma_chunk_t& cur) { return free_size(&prev, &cur) >= size; }));
+    dma_chunk_t* predecessor = first_predecessor(
+        [size](dma_chunk_t& prev, dma_chunk_t& cur) { return free_size(&prev, &cur) >= size; });
+    return predecessor != nullptr ? behind(*predecessor) : place{};
 }
 
 survey survey_for(const char* name, uint32_t size) {
-    const wanted_name wanted(name);
-    dma_chunk_t* named = nullptr;
-    dma_chunk_t* predecessor = nullptr;
-    dma_chunk_t* prev = dma_chunk_head;
-    for (dma_chunk_t& cur : chunks_behind_head()) {
-        if (predecessor == nullptr && free_size(prev, &cur) >= size) {
-            predecessor = prev;
-        }
-        if (&cur == dma_chunk_tail) {
-            break;
-        }
-        if (wanted.is_name_of(cur)) {
-            named = &cur;
-            break;
-        }
-        prev = &cur;
-    }
-    return {named, behind(predecessor)};
+    const survey found = names_are_there ? survey{first_named(name, chunks_between_sentinels()), {}}
+                                         : survey_with_gaps(name, size);
+    names_are_there = found.named != nullptr;
+    return found;
 }
 
 place place_of(uint64_t pa) {

@@ -13,13 +13,17 @@ struct place {
 /// The low end of the first gap of at least `size` bytes, among all chunks.
 place first_fit(uint32_t size);
 
-/// What a single pass from the lowest chunk on tells whoever looks for a name.
+/// What the search for a name has found on its way.
 struct survey {
     dma_chunk_t* named; ///< the lowest chunk of that name; null when there is none
-    place room;         ///< the first gap of that many bytes below it, or below __TAIL
+    /// The first gap of that many bytes below it, or below __TAIL; null also where gaps were not
+    /// looked at.
+    place room;
 };
 
-/// Most names that are not there are about to be placed, so the gaps are looked at on the way.
+/// Most names that are not there are about to be placed, so the gaps are looked at on the way,
+/// unless the last name that was asked for was there: then this one may be, too, and a search for a
+/// name alone is shorter. A wrong guess takes first_fit() as well.
 survey survey_for(const char* name, uint32_t size);
 
 /// The place in the list of a chunk whose address the kernel driver chose. Its end is not looked

@@ -22,7 +22,7 @@ constexpr size_t size_columns = 9;
 
 /// What is listed next; at the end when the listing is over, or none is open.
 chunk_walk::iterator dump_chunk_cursor;
-iommu_dev_t* dump_device_cursor = nullptr;
+device_list::iterator dump_device_cursor;
 
 } // namespace
 
@@ -31,7 +31,7 @@ bool tarvo_dump_begin() {
         return false;
     }
     dump_chunk_cursor = chunks_between_sentinels().begin();
-    dump_device_cursor = shm_base->devices.arr_elem(shm_base->devices._head);
+    dump_device_cursor = shm_base->devices.begin();
     return true;
 }
 
@@ -58,22 +58,23 @@ bool tarvo_dump_next(char* dst, size_t n) {
 }
 
 bool tarvo_dump_next_iommu_device(char* dst, size_t n) {
-    if (dump_device_cursor == nullptr) {
+    if (dump_device_cursor.at_end()) {
         return false;
     }
-    const std::shared_ptr<std::string> address = device_name(*dump_device_cursor);
+    const iommu_dev_t& device = *dump_device_cursor;
+    const std::shared_ptr<std::string> address = device_name(device);
     line written(dst, n);
     written.text(address->c_str());
-    written.text(dump_device_cursor->online ? ": online" : ": offline");
+    written.text(device.online ? ": online" : ": offline");
     if (!written.finish()) {
         return false;
     }
-    dump_device_cursor = shm_base->devices.next(dump_device_cursor);
+    ++dump_device_cursor;
     return true;
 }
 
 int tarvo_dump_end() {
     dump_chunk_cursor = {};
-    dump_device_cursor = nullptr;
+    dump_device_cursor = {};
     return tarvo_unlock();
 }

@@ -5,6 +5,7 @@
 #include "shared/init.hpp"
 #include "shared/lock.hpp"
 #include "shared/trace.hpp"
+#include "shared/wanted_name.hpp"
 #include "tarvo.h"
 
 #include <cerrno>

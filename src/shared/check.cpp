@@ -11,12 +11,7 @@ bool inside_region(const dma_chunk_t& chunk) {
     return chunk.pa >= region_start && chunk.pa + chunk.size <= region_start + region_size;
 }
 
-} // namespace
-
-int chunk_desc_check(dma_chunk_t* chunk) {
-    if (inside_region(*chunk)) {
-        return 0;
-    }
+[[gnu::cold]] void report(dma_chunk_t* chunk) {
     static constexpr char format[] =
         "tarvo: %s() - DMA memory corrupted: chunk (%d), pa (%llx), size (%d)";
     constexpr const char* function = "chunk_desc_check";
@@ -26,5 +21,14 @@ int chunk_desc_check(dma_chunk_t* chunk) {
     TARVO_TRACE(trace_failure, function, format, function, index, pa, size);
     fprintf(stderr, format, function, index, pa, size);
     fputc('\n', stderr);
+}
+
+} // namespace
+
+int chunk_desc_check(dma_chunk_t* chunk) {
+    if (inside_region(*chunk)) {
+        return 0;
+    }
+    report(chunk);
     return -1;
 }

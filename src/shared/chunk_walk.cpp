@@ -1,15 +1,30 @@
 #include "shared/chunk_walk.hpp"
-#include "shared/remembered_order.hpp"
-#include "shared/wanted_name.hpp"
 
-constinit remembered_order chunk_order;
+namespace {
 
-dma_chunk_t* first_named(const char* name, chunk_walk chunks) {
-    const wanted_name wanted(name);
-    for (dma_chunk_t& chunk : chunks) {
-        if (wanted.is_name_of(chunk)) {
-            return &chunk;
-        }
+/// So many wrong guesses in one walk say that the order is another one altogether.
+constexpr int wrong_guesses_for_a_new_order = 64;
+
+} // namespace
+
+void chunk_walk::iterator::take_slow_step() {
+    const std::size_t from = _element;
+    go_to(_list->next(_chunk));
+    if (at_end()) {
+        return;
     }
-    return nullptr;
+    const std::size_t steps = _quick_steps + _later_steps;
+    chunk_list::check_visited(chunk_capacity + 1 - static_cast<int>(steps));
+    if (chunk_order.after(from) == _element) {
+        fetch(full_lead - first_lead);
+        plan(steps, steps);
+        return;
+    }
+    ++_wrong_guesses;
+    if (_wrong_guesses == wrong_guesses_for_a_new_order) {
+        chunk_order.learn_all(*_list);
+    } else {
+        chunk_order.learn(from, _element);
+    }
+    start_fetching(steps);
 }

@@ -3,6 +3,9 @@
 #include "shared/process_state.hpp"
 #include "shared/remembered_order.hpp"
 
+#include <algorithm>
+#include <cstddef>
+
 /// Chunks in list order, which is ascending physical address, as a range-for. Every search and
 /// every visit of the chunks is one of these. The lock is held throughout.
 ///
@@ -18,18 +21,27 @@ class chunk_walk {
         /// Stands at the end.
         iterator() = default;
 
-        iterator(dma_chunk_t* chunk, dma_chunk_t* stop) : _stop(stop) { jump_to(chunk); }
+        [[gnu::always_inline]] iterator(dma_chunk_t* first, dma_chunk_t* stop)
+            : _list(dma_chunks), _stop(stop) {
+            go_to(first);
+            start_fetching(chunk_capacity);
+        }
 
         dma_chunk_t& operator*() const { return *_chunk; }
 
-        iterator& operator++() {
-            const int guess = chunk_order.behind(_element);
-            if (dma_chunks->leads_to(_element, incognito(guess))) [[likely]] {
-                _chunk = &dma_chunks->_arr[guess];
+        /// The quick step, which is nearly always taken, needs registers only. The slow one is given
+        /// a copy: an object whose address is known elsewhere is kept in memory.
+        [[gnu::always_inline]] iterator& operator++() {
+            const std::size_t guess = incognito(chunk_order.after(_element));
+            --_quick_steps;
+            if (_quick_steps != 0 && _list->leads_to(*_chunk, _element, guess)) [[likely]] {
+                _chunk = &_list->_arr[guess];
                 _element = guess;
-                fetch_ahead();
+                fetch(1);
             } else {
-                follow_link();
+                iterator copy = *this;
+                copy.take_slow_step();
+                *this = copy;
             }
             return *this;
         }
@@ -37,78 +49,83 @@ class chunk_walk {
         bool at_end() const { return _chunk == _stop; }
         bool operator!=(end_of_walk /*unused*/) const { return !at_end(); }
 
+        /// At the end: the chunk before which the walk was to stop; null where the list ended first.
+        dma_chunk_t* stopped_before() const { return _chunk; }
+
       private:
         /// So many records are under way at once: more than the processor can wait for.
-        static constexpr int max_lead = 24;
+        static constexpr std::size_t full_lead = 24;
+        /// At first fewer: short lists are not made to wait for what they do not have.
+        static constexpr std::size_t first_lead = full_lead / 2;
 
-        /// The same number, but the compiler does not know: it could otherwise go on with the link that
-        /// was compared and found equal, and wait for it after all.
-        static int incognito(int element) {
+        /// The same number, but the compiler does not know: it could otherwise go on with the link
+        /// that was compared and found equal, and wait for it after all.
+        static std::size_t incognito(std::size_t element) {
             asm("" : "+r"(element));
             return element;
         }
 
-        void follow_link() {
-            dma_chunk_t* following = dma_chunks->next(_chunk);
-            if (following != nullptr) {
-                chunk_order.learn(_element, dma_chunks->index(following));
-            }
-            jump_to(following);
-        }
+        /// A step by the link itself: where the guess was wrong, where the list ends or is damaged,
+        /// and where the quick steps are used up.
+        [[gnu::cold]] void take_slow_step();
 
-        void jump_to(dma_chunk_t* chunk) {
-            if (chunk == nullptr || chunk == _stop) {
-                _chunk = _stop;
-                return;
+        [[gnu::always_inline]] void go_to(dma_chunk_t* chunk) {
+            if (chunk == nullptr) {
+                _stop = nullptr;
             }
             _chunk = chunk;
-            _element = dma_chunks->index(chunk);
-            _fetched = _element;
-            _lead = 0;
-        }
-
-        /// Two records at a step until the lead is reached: short lists are not made to wait for
-        /// what they do not have.
-        void fetch_ahead() {
-            fetch_one();
-            if (_lead < max_lead) {
-                ++_lead;
-                fetch_one();
+            if (!at_end()) {
+                _element = static_cast<std::size_t>(_list->index(chunk));
             }
         }
 
-        void fetch_one() {
-            _fetched = chunk_order.behind(_fetched);
-            __builtin_prefetch(&dma_chunks->_arr[_fetched]);
+        /// Begins to fetch from here on. Then come quick steps, of all those that may still come.
+        [[gnu::always_inline]] void start_fetching(std::size_t steps) {
+            _fetched = _element;
+            fetch(first_lead);
+            plan(std::min(first_lead, steps), steps);
         }
 
-        dma_chunk_t* _stop = nullptr;
+        [[gnu::always_inline]] void plan(std::size_t quick, std::size_t steps) {
+            _quick_steps = quick;
+            _later_steps = steps - quick;
+        }
+
+        [[gnu::always_inline]] void fetch(std::size_t count) {
+            for (std::size_t i = 0; i < count; ++i) {
+                _fetched = chunk_order.after(_fetched);
+                __builtin_prefetch(&_list->_arr[_fetched]);
+            }
+        }
+
+        // In this order compilers keep the first three in registers of their own.
+        chunk_list* _list = nullptr;
         dma_chunk_t* _chunk = nullptr;
-        int _element = 0; ///< number of _chunk
-        int _fetched = 0; ///< the last one that was fetched
-        int _lead = 0;    ///< how far that one is ahead
+        dma_chunk_t* _stop = nullptr;
+        std::size_t _element = 0;     ///< number of _chunk
+        std::size_t _fetched = 0;     ///< the last one that was fetched
+        std::size_t _quick_steps = 0; ///< before one is taken slowly, that one included
+        std::size_t _later_steps = 0; ///< after these, up to one more than a list can have
+        int _wrong_guesses = 0;
     };
 
-    /// `stop` is not visited, nor what follows it; null walks to the end of the list.
-    explicit chunk_walk(dma_chunk_t* stop) : _stop(stop) {}
+    /// From `first` on; `stop` is not visited, nor what follows it. Null is the end of the list.
+    chunk_walk(dma_chunk_t* first, dma_chunk_t* stop) : _first(first), _stop(stop) {}
 
-    iterator begin() const { return {dma_chunks->next(dma_chunk_head), _stop}; }
+    [[gnu::always_inline]] iterator begin() const { return {_first, _stop}; }
     static end_of_walk end() { return {}; }
 
   private:
+    dma_chunk_t* _first;
     dma_chunk_t* _stop;
 };
 
 /// The allocated chunks: everything between the two sentinels.
 inline chunk_walk chunks_between_sentinels() {
-    return chunk_walk(dma_chunk_tail);
+    return {dma_chunks->next(dma_chunk_head), dma_chunk_tail};
 }
 
 /// Everything behind __HEAD, __TAIL included.
 inline chunk_walk chunks_behind_head() {
-    return chunk_walk(nullptr);
+    return {dma_chunks->next(dma_chunk_head), nullptr};
 }
-
-/// The first chunk of `chunks` that is called `name`; null when there is none. Where several
-/// chunks share a name this is the lowest one.
-dma_chunk_t* first_named(const char* name, chunk_walk chunks);

@@ -134,12 +134,8 @@ void clean_up() {
     region_size = 0;
 }
 
-} // namespace
-
-int tarvo_init() {
-    if (shm_base != nullptr) {
-        return 0;
-    }
+/// What the first call does, apart from the others that only ask: these are short.
+[[gnu::cold]] int start_or_clean_up() {
     page_size = static_cast<uint32_t>(sysconf(_SC_PAGESIZE));
     if (!start_up()) {
         clean_up();
@@ -151,8 +147,14 @@ int tarvo_init() {
     return 0;
 }
 
-bool library_is_ready() {
-    if (tarvo_init() != 0) {
+} // namespace
+
+int tarvo_init() {
+    return shm_base != nullptr ? 0 : start_or_clean_up();
+}
+
+bool start_or_complain() {
+    if (start_or_clean_up() != 0) {
         fprintf(stderr, "tarvo: failed to initialize library\n");
         return false;
     }

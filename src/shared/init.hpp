@@ -1,5 +1,7 @@
 #pragma once
 
+#include "shared/process_state.hpp"
+
 #include <cstdint>
 
 /// Makes the library ready in this process: finds the region, maps the shared area, builds it if
@@ -8,9 +10,14 @@
 /// returns 0 at once, without a system call.
 int tarvo_init();
 
+/// The first start of this process, for library_is_ready.
+[[gnu::cold]] bool start_or_complain();
+
 /// tarvo_init for the top of an exported call: true when ready; otherwise standard error has
 /// also been told that the library is not.
-bool library_is_ready();
+inline bool library_is_ready() {
+    return shm_base != nullptr || start_or_complain();
+}
 
 /// Bytes of the shared area file: the shared area rounded up to whole pages.
 uint32_t reservesize();

@@ -16,20 +16,23 @@ class remembered_order {
     /// Elements that were never looked at are taken to lie one behind the other, as in a list that
     /// was only filled.
     constexpr remembered_order() {
-        for (int element = 0; element < chunk_capacity; ++element) {
+        for (std::size_t element = 0; element < chunk_capacity; ++element) {
             learn(element, (element + 1) % chunk_capacity);
         }
     }
 
-    int behind(int element) const { return _behind[static_cast<std::size_t>(element)]; }
+    std::size_t after(std::size_t element) const { return _after[element]; }
 
-    constexpr void learn(int element, int behind) {
-        _behind[static_cast<std::size_t>(element)] = static_cast<uint16_t>(behind);
+    constexpr void learn(std::size_t element, std::size_t after) {
+        _after[element] = static_cast<uint16_t>(after);
     }
+
+    /// Learns every link at once, in the order of the array: no read waits for another one.
+    void learn_all(const chunk_list& list);
 
   private:
     /// 32 KiB: small enough to stay in the cache nearest to the processor.
-    std::array<uint16_t, chunk_capacity> _behind{};
+    std::array<uint16_t, chunk_capacity> _after{};
     static_assert(chunk_capacity - 1 <= UINT16_MAX);
 };
 

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "shared/layout.hpp"
+#include "shared/chunk_walk.hpp"
 
 #include <algorithm>
 #include <cstdint>
@@ -13,10 +13,13 @@ class wanted_name {
   public:
     explicit wanted_name(const char* name) : _name(name) {
         const std::size_t bytes = std::min(strlen(name) + 1, name_bytes);
-        const std::size_t compared = std::min(bytes, sizeof _end);
-        _end_at = bytes - compared;
-        memcpy(&_end, name + _end_at, compared);
-        memset(&_counts, 0xff, compared);
+        if (bytes >= sizeof _end) {
+            _end_at = bytes - sizeof _end;
+            memcpy(&_end, name + _end_at, sizeof _end);
+        } else {
+            memcpy(&_end, name, bytes);
+            _counts >>= 8 * (sizeof _end - bytes);
+        }
     }
 
     bool is_name_of(const dma_chunk_t& chunk) const {
@@ -27,7 +30,11 @@ class wanted_name {
 
   private:
     const char* _name;
-    std::size_t _end_at; ///< where in a name the bytes lie that are compared in place
+    std::size_t _end_at = 0; ///< where in a name the bytes lie that are compared in place
     uint64_t _end = 0;
-    uint64_t _counts = 0; ///< ones where _end has bytes of the name
+    uint64_t _counts = ~uint64_t{0}; ///< ones where _end has bytes of the name
 };
+
+/// The first chunk of `chunks` that is called `name`; null when there is none. Where several
+/// chunks share a name this is the lowest one.
+dma_chunk_t* first_named(const char* name, chunk_walk chunks);

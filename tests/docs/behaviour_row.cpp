@@ -187,6 +187,9 @@ void set_field(const sandbox& machine, const std::vector<std::string>& words) {
     const std::string& list = words.at(1);
     if (list == "chunks" && field == "free") {
         area.writer().i32(offset::chunks_free, static_cast<std::int32_t>(value));
+    } else if (list == "chunk" && field == "next") {
+        area.writer().i32(offset::chunk(std::stoi(words.at(2))) + offset::next,
+                          static_cast<std::int32_t>(value));
     } else if (list == "chunk" && field == "pa") {
         area.writer().u64(offset::chunk(std::stoi(words.at(2))) + offset::pa, value);
     } else if (list == "chunk" && field == "size") {

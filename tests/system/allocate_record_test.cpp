@@ -192,6 +192,10 @@ TEST_F(a_full_list, HasRoomForNoMoreThan16382Chunks) {
                                "tarvo: tarvo_alloc_func() no free tarvo chunks left"));
     EXPECT_EQ(troubles(machine), texts{});
 
+    // As many records as there can be are no circle.
+    EXPECT_EQ(user.free("__tail"), -1);
+    EXPECT_EQ(watched.find(0x3ffe000).name, "chunk_16381");
+
     // Sharing needs no record, and a freed one serves again.
     EXPECT_EQ(user.alloc("chunk_0", 1), 0x1000U);
     EXPECT_EQ(user.free("chunk_7000"), 0);

@@ -36,6 +36,9 @@ constexpr const char* alloc_signature =
     "T *ArrayBackedList<small_element, 5>::alloc() [T = small_element, MAX = 5]";
 constexpr const char* free_signature =
     "void ArrayBackedList<small_element, 5>::free(T *) [T = small_element, MAX = 5]";
+constexpr const char* check_visited_signature =
+    "static void ArrayBackedList<small_element, 5>::check_visited(int) [T = small_element, MAX = "
+    "5]";
 #else
 constexpr const char* arr_elem_signature =
     "T* ArrayBackedList<T, MAX>::arr_elem(int) [with T = small_element; int MAX = 5]";
@@ -53,6 +56,9 @@ constexpr const char* alloc_signature =
     "T* ArrayBackedList<T, MAX>::alloc() [with T = small_element; int MAX = 5]";
 constexpr const char* free_signature =
     "void ArrayBackedList<T, MAX>::free(T*) [with T = small_element; int MAX = 5]";
+constexpr const char* check_visited_signature =
+    "static void ArrayBackedList<T, MAX>::check_visited(int) [with T = small_element; int MAX = "
+    "5]";
 #endif
 
 std::string message(int line, const std::string& signature, const std::string& expression) {
@@ -215,6 +221,22 @@ TEST(list_walk_ends_the_process, WhenTheHeadIsOutOfRange) {
     small_list list = list_with(2);
     list._head = 5;
     EXPECT_ABORT(walk(list), bad_index_message);
+}
+
+const std::string endless_message = message(166, check_visited_signature, "visited <= MAX");
+
+TEST(list_walk_ends_the_process, WhereLinksLeadInACircle) {
+    small_list list = list_with(3);
+    list._arr[1].next = 0;
+    EXPECT_ABORT(walk(list), endless_message);
+    list._arr[1].next = 1;
+    EXPECT_ABORT(walk(list), endless_message);
+}
+
+TEST(list_walk_ends_the_process, WhereItNeverMeetsTheTail) {
+    small_list list = list_with(5);
+    list._tail = -1;
+    EXPECT_ABORT(walk(list), endless_message);
 }
 
 } // namespace

@@ -11,7 +11,7 @@ class chunk_walk {
     class iterator {
       public:
         iterator() = default;
-        iterator(dma_chunk_t* chunk, dma_chunk_t* stop) : _stop(stop) { go_to(chunk); }
+        iterator(dma_chunk_t* first, dma_chunk_t* stop) : _stop(stop) { go_to(first); }
 
         dma_chunk_t& operator*() const { return *_chunk; }
 
@@ -20,31 +20,40 @@ class chunk_walk {
             return *this;
         }
 
-        bool at_end() const { return _chunk == nullptr; }
+        bool at_end() const { return _chunk == _stop; }
         bool operator!=(end_of_walk /*unused*/) const { return !at_end(); }
+        dma_chunk_t* stopped_before() const { return _chunk; }
 
       private:
-        void go_to(dma_chunk_t* chunk) { _chunk = chunk != _stop ? chunk : nullptr; }
+        void go_to(dma_chunk_t* chunk) {
+            if (chunk == nullptr) {
+                _stop = nullptr;
+            }
+            _chunk = chunk;
+            if (!at_end()) {
+                chunk_list::check_visited(++_visited);
+            }
+        }
 
         dma_chunk_t* _stop = nullptr;
         dma_chunk_t* _chunk = nullptr;
+        int _visited = 0;
     };
 
-    explicit chunk_walk(dma_chunk_t* stop) : _stop(stop) {}
+    chunk_walk(dma_chunk_t* first, dma_chunk_t* stop) : _first(first), _stop(stop) {}
 
-    iterator begin() const { return {dma_chunks->next(dma_chunk_head), _stop}; }
+    iterator begin() const { return {_first, _stop}; }
     static end_of_walk end() { return {}; }
 
   private:
+    dma_chunk_t* _first;
     dma_chunk_t* _stop;
 };
 
 inline chunk_walk chunks_between_sentinels() {
-    return chunk_walk(dma_chunk_tail);
+    return {dma_chunks->next(dma_chunk_head), dma_chunk_tail};
 }
 
 inline chunk_walk chunks_behind_head() {
-    return chunk_walk(nullptr);
+    return {dma_chunks->next(dma_chunk_head), nullptr};
 }
-
-dma_chunk_t* first_named(const char* name, chunk_walk chunks);
