@@ -21,13 +21,14 @@ namespace {
 constexpr std::size_t least_rows = 3;
 
 std::set<std::string> exported_names() {
-    static const std::regex entry("^ {8}(?:_Z[0-9]+(\\w+?)P\\w*|(\\w+));");
+    // What has a mangled name has a plain one, too.
+    static const std::regex entry("^ {8}(?!_Z)(\\w+);");
     std::set<std::string> names;
     std::istringstream lines(file_text(TARVO_EXPORTS));
     std::smatch match;
     for (std::string line; std::getline(lines, line);) {
         if (std::regex_search(line, match, entry)) {
-            names.insert(match[1].matched ? match[1] : match[2]);
+            names.insert(match[1]);
         }
     }
     return names;
