@@ -2,7 +2,11 @@
 
 #include "zul/Trace.hpp"
 
+#include <cerrno>
 #include <cstddef>
+#include <exception>
+#include <ios>
+#include <ostream>
 #include <string_view>
 
 /// The levels the library traces at.
@@ -10,6 +14,7 @@ inline constexpr Zul::TraceFacility::FacilityLevel trace_failure{3};
 inline constexpr Zul::TraceFacility::FacilityLevel trace_progress{5};
 inline constexpr Zul::TraceFacility::FacilityLevel trace_translation{6};
 
+/// The name is short enough to be kept without memory of its own, so that this does not throw.
 [[gnu::cold]] inline Zul::TraceHandle make_trace_handle() {
     constexpr std::string_view facility = "tarvo";
     return {Zul::String(facility.data(), facility.size()), false};
@@ -22,21 +27,35 @@ inline constexpr Zul::TraceFacility::FacilityLevel trace_translation{6};
     return handle;
 }
 
-/// One trace record of a level that is enabled.
-class trace_record {
-  public:
-    explicit trace_record(Zul::TraceFacility::FacilityLevel level)
-        : _helper(Zul::TraceHelper::createIfEnabled(_defaultTraceHandle(), level, _storage)),
-          _ensure_destroyed(_helper) {}
+/// Has `add_text` put its text into a record. A null text fails the stream: that drops the rest of
+/// the line, but not the record.
+template <typename Function>
+void add_trace_text(std::ostream& stream, const Function& add_text) {
+    try {
+        add_text(stream);
+    } catch (const std::ios_base::failure&) {
+    }
+}
 
-    std::ostream& stream() { return _helper->stream(); }
-    void emit(int line, const char* function) { _helper->trace("tarvo", line, function); }
-
-  private:
-    alignas(Zul::TraceHelper) std::byte _storage[sizeof(Zul::TraceHelper)];
-    Zul::TraceHelper* _helper;
-    Zul::EnsureTraceHelperIsDestroyed _ensure_destroyed;
-};
+/// Makes one trace record of a level that is enabled. This happens in the middle of calls, with the
+/// lock held and lists half changed: nothing is thrown, and errno stays as it was. A record that
+/// there is no memory for is left out.
+template <typename Function>
+[[gnu::noinline, gnu::cold]] void write_trace_record(Zul::TraceFacility::FacilityLevel level,
+                                                     int line, const char* function,
+                                                     const Function& add_text) {
+    const int callers_errno = errno;
+    try {
+        alignas(Zul::TraceHelper) std::byte storage[sizeof(Zul::TraceHelper)];
+        Zul::TraceHelper* helper =
+            Zul::TraceHelper::createIfEnabled(_defaultTraceHandle(), level, storage);
+        const Zul::EnsureTraceHelperIsDestroyed ensure(helper);
+        add_trace_text(helper->stream(), add_text);
+        helper->trace("tarvo", line, function);
+    } catch (const std::exception&) {
+    }
+    errno = callers_errno;
+}
 
 /// Traces what follows `function`, one or more values with << between. The record is tagged with
 /// the line and with `function`, the name it is known by, wherever the code stands. When the level
@@ -44,9 +63,8 @@ class trace_record {
 #define TARVO_TRACE_AT(level, line, function, ...)                                                 \
     do {                                                                                           \
         if (_defaultTraceHandle().enabled(level)) [[unlikely]] {                                   \
-            trace_record record(level);                                                            \
-            record.stream() << __VA_ARGS__;                                                        \
-            record.emit(line, function);                                                           \
+            write_trace_record(level, line, function,                                              \
+                               [&](std::ostream& stream) { stream << __VA_ARGS__; });              \
         }                                                                                          \
     } while (false)
 

@@ -3,6 +3,8 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
+#include <memory>
+#include <new>
 
 namespace Zul {
 
@@ -13,11 +15,10 @@ String format(const char* format, ...) {
     const int length = vasprintf(&text, format, args);
     va_end(args);
     if (length < 0) {
-        return {"", 0};
+        throw std::bad_alloc();
     }
-    String string(text, static_cast<unsigned>(length));
-    std::free(text);
-    return string;
+    const std::unique_ptr<char, decltype(&std::free)> owned(text, std::free);
+    return {text, static_cast<unsigned>(length)};
 }
 
 std::ostream& operator<<(std::ostream& stream, const String& string) {

@@ -15,7 +15,7 @@ class String {
     std::string _text;
 };
 
-/// printf-style formatting into a String.
+/// printf-style formatting into a String. Throws std::bad_alloc where there is no memory for it.
 [[gnu::format(printf, 1, 2)]] String format(const char* format, ...);
 
 std::ostream& operator<<(std::ostream& stream, const String& string);

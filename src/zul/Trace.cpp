@@ -1,7 +1,6 @@
 #include "zul/Trace.hpp"
 
 #include <algorithm>
-#include <cerrno>
 #include <charconv>
 #include <cstdio>
 #include <cstdlib>
@@ -68,12 +67,10 @@ TraceHelper* TraceHelper::createIfEnabled(TraceHandle& handle, TraceFacility::Fa
 }
 
 void TraceHelper::trace(const char* file, int line, const char* function) {
-    const int callers_errno = errno;
     const std::string record = "[" + _handle.facility() + ":" + std::to_string(_level) + "] " +
                                file + ":" + std::to_string(line) + " " + function + ": " +
                                on_one_line(_text.str()) + "\n";
     std::fwrite(record.data(), 1, record.size(), stderr);
-    errno = callers_errno;
 }
 
 } // namespace Zul

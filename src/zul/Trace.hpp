@@ -42,14 +42,17 @@ class TraceHelper {
     static TraceHelper* createIfEnabled(TraceHandle& handle, TraceFacility::FacilityLevel level,
                                         void* storage);
 
+    /// Throws what cannot be put into it: a text cut short would pass for a whole one.
     std::ostream& stream() { return _text; }
 
-    /// Writes the record with one write; leaves errno as it was.
+    /// Writes the record with one write.
     void trace(const char* file, int line, const char* function);
 
   private:
     TraceHelper(const TraceHandle& handle, TraceFacility::FacilityLevel level)
-        : _handle(handle), _level(level) {}
+        : _handle(handle), _level(level) {
+        _text.exceptions(std::ios_base::badbit);
+    }
 
     const TraceHandle& _handle;
     TraceFacility::FacilityLevel _level;

@@ -1,9 +1,12 @@
 #include "shared/trace.hpp"
 
+#include <cerrno>
 #include <cstdlib>
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <string>
+#include <unistd.h>
 
 // The library's own trace macros. The handle is made once in a process, so each case is a process.
 
@@ -59,6 +62,43 @@ TEST(trace, TagsARecordWithItsLine) {
     unsetenv("ZUL_TRACE");
     TARVO_TRACE(trace_failure, "first", "%s", "text");
     trace_with("6");
+}
+
+/// Ends with status 0 where `errno` is still the caller's.
+template <typename Step>
+[[noreturn]] void keep_errno(const Step& step) {
+    setenv("ZUL_TRACE", "5", 1);
+    errno = EUNATCH;
+    step();
+    std::exit(errno == EUNATCH ? 0 : 1);
+}
+
+TEST(trace, LeavesOutARecordThatCannotBeMade) {
+    // No character of the locale that a program starts with.
+    EXPECT_EXIT(keep_errno([] {
+                    TARVO_TRACE(trace_progress, "first", "%ls", L"\u20ac");
+                    TARVO_TRACE_AT(trace_progress, 11, "second", "text");
+                }),
+                ExitedWithCode(0), testing::Eq("[tarvo:5] tarvo:11 second: text\n"));
+}
+
+TEST(trace, DropsTheRestOfTheLineAfterANullText) {
+    const char* null = nullptr;
+    EXPECT_EXIT(keep_errno([=] {
+                    TARVO_TRACE_AT(trace_progress, 10, "first", "text " << null << " rest");
+                }),
+                ExitedWithCode(0), testing::Eq("[tarvo:5] tarvo:10 first: text \n"));
+}
+
+TEST(trace, KeepsErrnoEvenWhenTheRecordCannotBeWritten) {
+    EXPECT_EXIT(keep_errno([] {
+                    const int full = open("/dev/full", O_WRONLY | O_CLOEXEC);
+                    dup2(full, STDERR_FILENO);
+                    close(full);
+                    errno = EUNATCH;
+                    TARVO_TRACE(trace_progress, "here", "%s", "text");
+                }),
+                ExitedWithCode(0), testing::IsEmpty());
 }
 
 TEST(trace, ReadsTheEnvironmentOnceOnFirstUse) {

@@ -4,12 +4,10 @@
 
 #include <algorithm>
 #include <array>
-#include <cerrno>
 #include <cstddef>
 #include <cstdlib>
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <optional>
+#include <new>
 #include <ostream>
 #include <sstream>
 #include <string>
@@ -144,21 +142,6 @@ TEST_F(zul, BuildsTheHelperInTheCallersStorage) {
     EXPECT_EQ(static_cast<void*>(helper), static_cast<void*>(storage.data()));
 }
 
-TEST_F(zul, KeepsErrnoEvenWhenTheRecordCannotBeWritten) {
-    set("tarvo=5");
-    std::optional<int> after;
-    const std::string written = stderr_of([&] {
-        const int full = open("/dev/full", O_WRONLY | O_CLOEXEC);
-        dup2(full, STDERR_FILENO);
-        close(full);
-        errno = EUNATCH;
-        trace("text");
-        after = errno;
-    });
-    EXPECT_EQ(written, "");
-    EXPECT_EQ(after, EUNATCH);
-}
-
 TEST_F(zul, DestroysNoHelperWhereThereIsNone) {
     EXPECT_EQ(stderr_of([] { const Zul::EnsureTraceHelperIsDestroyed ensure(nullptr); }), "");
 }
@@ -180,6 +163,11 @@ TEST(zul_format, FormatsAsPrintfDoes) {
                   .text(),
               "name: -5 2a801000 0x140000000");
     EXPECT_EQ(Zul::format("%s", "").text(), "");
+}
+
+TEST(zul_format, ThrowsWhatCannotBeMade) {
+    // No character of the locale that a program starts with.
+    EXPECT_THROW(Zul::format("%ls", L"\u20ac"), std::bad_alloc);
 }
 
 TEST(zul_format, HasNoLimitOfItsOwn) {
