@@ -43,9 +43,13 @@
  *     than 2 GiB ("end_dma - start_dma == end_pa - start_pa") or for one whose record lies outside
  *     the region ("pa >= dma_chunk_head->pa && pa <= dma_chunk_tail->pa"). Whatever such a process
  *     had half changed stays; its lock goes with it.
- *  6. Threads. The lock keeps processes apart, not threads: a program must not be in the library
- *     with two threads at once. A child after fork() shares its parent's lock and must not use the
- *     library while its parent does; after exec it starts afresh.
+ *  6. Threads and children. The lock keeps processes apart, not threads: a program must not be in
+ *     the library with two threads at once. A child of fork() keeps what its parent has mapped and
+ *     opens the lock file anew before fork() returns: it, its parent and its siblings keep each
+ *     other out, and a listing stays the parent's alone. A child that may not open that file, as
+ *     one whose parent gave up its rights before, shares its parent's lock and must not use the
+ *     library while its parent does. vfork(), and clone() called directly, do not let the library
+ *     see to this: such a child must not use it at all. After exec a program starts afresh.
  *  7. Two lock files. Processes with SIMULATION_VMID set lock /var/tmp/tarvo_lock, all others
  *     /var/lock/subsys/tarvo_lock. On a machine where /var/tmp/tarvo selects simulation, processes
  *     with and without the variable share the region and NOT the lock: give it to all or to none.

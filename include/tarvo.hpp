@@ -27,7 +27,8 @@
 ///     others while it is mapped; agree on who frees.
 ///  4. Owners are move-only: tarvo::mapping, tarvo::read_only_mapping, tarvo::whole_region, and
 ///     tarvo::listing, *** which holds the lock of all processes while it lives ***.
-///  5. Not for two threads at once, and not for a child of fork() beside its parent: as tarvo.h.
+///  5. Not for two threads at once; a child of fork() may use it beside its parent, but a
+///     tarvo::listing is its parent's and of no use to it. For both see tarvo.h.
 ///  6. A call by name reads the list from its start, as the library does, and costs some
 ///     microseconds for every ten chunks: look a chunk up once, not for each access.
 

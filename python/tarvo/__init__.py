@@ -39,8 +39,8 @@ help(tarvo.allocate) shows results and errors; tarvo_py(3) has everything on one
   NotFound, NotLocked, NotRegistered, NotStarted, Refused, SizeMismatch or TooManyDevices. Arguments
   for which the C call would end the process raise BadArgument before the call. What still ends it
   is documented with each call: a driver that refuses a new chunk, and damaged records.
-- Threads may call at the same time: the calls wait for each other. A child of fork() must not use
-  the library beside its parent.
+- Threads may call at the same time: the calls wait for each other. So do those of a child of
+  os.fork() and of its parent; do not fork within a Listing, nor while another thread calls.
 - tarvo.area reads area files after the fact, without the library.
 """
 

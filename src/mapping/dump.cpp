@@ -8,6 +8,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <pthread.h>
 
 // The lists, line by line. The lock is held from tarvo_dump_begin to tarvo_dump_end, so that a
 // listing is one consistent picture.
@@ -24,12 +25,23 @@ constexpr size_t size_columns = 9;
 chunk_walk::iterator dump_chunk_cursor;
 device_list::iterator dump_device_cursor;
 
+void forget_listing() {
+    dump_chunk_cursor = {};
+    dump_device_cursor = {};
+}
+
+/// A listing is that of the process that began it, as is the lock: a child of it has neither.
+void keep_listing_from_children() {
+    [[maybe_unused]] static const int registered = pthread_atfork(nullptr, nullptr, forget_listing);
+}
+
 } // namespace
 
 bool tarvo_dump_begin() {
     if (!library_is_ready() || tarvo_lock() != 0) {
         return false;
     }
+    keep_listing_from_children();
     dump_chunk_cursor = chunks_between_sentinels().begin();
     dump_device_cursor = shm_base->devices.begin();
     return true;
@@ -74,7 +86,6 @@ bool tarvo_dump_next_iommu_device(char* dst, size_t n) {
 }
 
 int tarvo_dump_end() {
-    dump_chunk_cursor = {};
-    dump_device_cursor = {};
+    forget_listing();
     return tarvo_unlock();
 }

@@ -1,5 +1,6 @@
 #include "shared/init.hpp"
 
+#include "shared/fork.hpp"
 #include "shared/lock.hpp"
 #include "shared/open.hpp"
 #include "shared/paths.hpp"
@@ -141,6 +142,7 @@ void clean_up() {
         clean_up();
         return -1;
     }
+    part_children_from_the_lock();
     TARVO_TRACE(trace_progress, function, "%s: HEAD: 0x%llx, TAIL: 0x%llx", function,
                 static_cast<unsigned long long>(dma_chunk_head->pa),
                 static_cast<unsigned long long>(dma_chunk_tail->pa));

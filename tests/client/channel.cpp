@@ -3,6 +3,7 @@
 #include <array>
 #include <cstdlib>
 #include <fcntl.h>
+#include <poll.h>
 #include <unistd.h>
 
 namespace channel {
@@ -63,6 +64,12 @@ void write_line(std::string_view line) {
             std::_Exit(EXIT_FAILURE);
         }
         rest.erase(0, static_cast<std::size_t>(count));
+    }
+}
+
+void wait_until_nobody_reads() {
+    pollfd reader{reply_fd, 0, 0};
+    while (poll(&reader, 1, -1) < 0) {
     }
 }
 

@@ -18,4 +18,7 @@ void open();
 std::optional<std::string> read_line();
 void write_line(std::string_view line);
 
+/// Returns when nobody reads replies any more.
+void wait_until_nobody_reads();
+
 } // namespace channel

@@ -31,6 +31,16 @@ std::string free_chunk(const arguments& a) {
     return status(tarvo_free(a.text(0)));
 }
 
+/// Allocates and frees a chunk again and again: two changes a round.
+std::string churn(const arguments& a) {
+    for (std::uint64_t round = 0; round < a.number(1); ++round) {
+        if (tarvo_alloc_func(a.text(0), 1, "churn") == 0 || tarvo_free(a.text(0)) != 0) {
+            return "failed in round " + std::to_string(round);
+        }
+    }
+    return "done";
+}
+
 std::string map(const arguments& a) {
     return pointer(tarvo_map(a.text(0), truth(a, 1), a.size(2), a.size(3)));
 }
@@ -108,6 +118,7 @@ commands chunk_commands() {
     return {
         {"alloc NAME SIZE CREATOR", alloc},
         {"free NAME", free_chunk},
+        {"churn NAME ROUNDS", churn},
         {"map NAME WRITABLE OFFSET SIZE", map},
         {"unmap NAME ADDRESS SIZE", unmap},
         {"find DMA", find},

@@ -83,9 +83,17 @@ std::string carry_out(const arguments& a) {
 
 std::string answer(std::string_view line);
 
+/// What the library asks of the C library meanwhile is watched.
+pid_t watched_fork() {
+    watch::begin();
+    const pid_t child = fork();
+    watch::end();
+    return child;
+}
+
 /// "in_child COMMAND": a forked child carries the command out and replies; the parent waits.
 std::string in_child(std::string_view line) {
-    const pid_t child = fork();
+    const pid_t child = watched_fork();
     if (child == 0) {
         channel::write_line(answer(line));
         std::_Exit(EXIT_SUCCESS);
@@ -96,11 +104,27 @@ std::string in_child(std::string_view line) {
                                : "child ended";
 }
 
+/// "fork COMMAND": the parent replies at once with the child's pid; the child carries the command
+/// out, replies, and stays until nobody reads replies any more.
+std::string fork_off(std::string_view line) {
+    const pid_t child = watched_fork();
+    if (child == 0) {
+        channel::write_line(answer(line));
+        channel::wait_until_nobody_reads();
+        std::_Exit(EXIT_SUCCESS);
+    }
+    return "forked " + std::to_string(child);
+}
+
 std::string answer(std::string_view line) {
     constexpr std::string_view child_prefix = "in_child ";
+    constexpr std::string_view fork_prefix = "fork ";
     try {
         if (line.starts_with(child_prefix)) {
             return in_child(line.substr(child_prefix.size()));
+        }
+        if (line.starts_with(fork_prefix)) {
+            return fork_off(line.substr(fork_prefix.size()));
         }
         return line == "help" ? help() : carry_out(arguments(line));
     } catch (const command_error& wrong) {

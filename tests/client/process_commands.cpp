@@ -55,6 +55,12 @@ std::string close_descriptor(const arguments& a) {
     return done_or_error(close(a.number_int(0)) == 0);
 }
 
+/// The descriptor.
+std::string open_file(const arguments& a) {
+    const int fd = open(a.text(0), O_RDONLY | O_CLOEXEC);
+    return fd < 0 ? throw command_error(std::strerror(errno)) : std::to_string(fd);
+}
+
 /// Writes as the program itself does, to its standard output for instance.
 std::string write_text(const arguments& a) {
     const std::string_view text = a.text(1);
@@ -150,6 +156,7 @@ commands process_commands() {
         {"unsetenv NAME", unset_variable},
         {"umask [MASK]", set_umask},
         {"chdir FOLDER", change_folder},
+        {"open PATH", open_file},
         {"close FD", close_descriptor},
         {"write FD TEXT", write_text},
         {"rlimit_as BYTES", limit_memory},

@@ -13,6 +13,7 @@ import unittest
 
 import tarvo
 from region_case import AREA, LOCK, WORLD, RegionCase
+from tarvo import area
 
 KIB, GIB = 1 << 10, 1 << 30
 
@@ -166,6 +167,24 @@ class Chunks(RegionCase):
         for thread in threads:
             thread.join()
         self.assertEqual(failures, [])
+
+    def test_can_be_used_by_a_forked_child_and_its_parent_at_once(self) -> None:
+        def use(name: str) -> None:
+            for _ in range(1000):
+                tarvo.allocate(name, 4096, "test").free()
+
+        tarvo.chunks()
+        child = os.fork()
+        if child == 0:
+            try:
+                use("child")
+                os._exit(0)
+            finally:
+                os._exit(1)
+        use("parent")
+        self.assertEqual(os.waitpid(child, 0), (child, 0))
+        self.assertEqual(tarvo.chunks(), [])
+        self.assertEqual(area.read(AREA).findings, ())
 
 
 class Mappings(RegionCase):

@@ -166,9 +166,9 @@ bool client::has_replied(std::chrono::milliseconds time) {
     return _process.has_line(time);
 }
 
-void client::wait_until_it_waits_for_a_lock() {
+void client::wait_until_it_waits_for_a_lock(std::optional<pid_t> child) {
     const auto last_moment = std::chrono::steady_clock::now() + patience;
-    while (!waits_for_a_lock(_pid)) {
+    while (!waits_for_a_lock(child.value_or(_pid))) {
         if (has_replied() || std::chrono::steady_clock::now() > last_moment) {
             throw std::runtime_error("the client does not wait for a lock");
         }

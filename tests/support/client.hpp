@@ -56,8 +56,8 @@ class client {
     void send(std::string_view command);
     std::string reply();
     bool has_replied(std::chrono::milliseconds time = std::chrono::milliseconds(0));
-    /// Returns once the program waits for a file lock.
-    void wait_until_it_waits_for_a_lock();
+    /// Returns once the program waits for a file lock, or a child of it.
+    void wait_until_it_waits_for_a_lock(std::optional<pid_t> child = std::nullopt);
 
     /// Sends a command that has to end the program, and waits for that. A reply is thrown.
     ending dies(std::string_view command);
