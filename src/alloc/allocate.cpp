@@ -151,9 +151,9 @@ bool zero_memory(const dma_chunk_t* chunk) {
     if (memory == MAP_FAILED) {
         return false;
     }
-    zero_mapping(memory, bytes);
+    const bool zeroed = zero_mapping(memory, bytes);
     munmap(memory, bytes);
-    return true;
+    return zeroed;
 }
 
 /// Makes a new chunk of a free element and zeroes its memory, for which the lock is let go.

@@ -36,13 +36,17 @@ bool size_shared_area(uint32_t area_bytes) {
     return true;
 }
 
-bool map_shared_area(uint32_t area_bytes) {
+bool report_unmappable_area() {
     constexpr const char* complaint = "failed to map shared memory";
+    fprintf(stderr, "%s: %s\n", function, complaint);
+    TARVO_TRACE(trace_failure, function, "%s: %s", function, complaint);
+    return false;
+}
+
+bool map_shared_area(uint32_t area_bytes) {
     void* area = mmap64(nullptr, area_bytes, PROT_READ | PROT_WRITE, MAP_SHARED, shm_fd, 0);
     if (area == MAP_FAILED) {
-        fprintf(stderr, "%s: %s\n", function, complaint);
-        TARVO_TRACE(trace_failure, function, "%s: %s", function, complaint);
-        return false;
+        return report_unmappable_area();
     }
     shm_base = static_cast<shared_area_t*>(area);
     return true;
@@ -75,9 +79,12 @@ dma_chunk_t* append_sentinel(const char* name, uint64_t pa) {
 }
 
 /// Builds the shared area's lists. The flag goes up last: a process that dies in here leaves an
-/// area that the next one builds again from nothing.
-void build_shared_area(uint32_t area_bytes) {
-    zero_mapping(shm_base, area_bytes);
+/// area that the next one builds again from nothing. An area that the file system has no room for
+/// counts as one that cannot be mapped.
+bool build_shared_area(uint32_t area_bytes) {
+    if (!zero_mapping(shm_base, area_bytes)) {
+        return report_unmappable_area();
+    }
     dma_chunks->init();
     shm_base->devices.init();
     dma_chunk_head = append_sentinel("__HEAD", region_start);
@@ -87,6 +94,7 @@ void build_shared_area(uint32_t area_bytes) {
                 static_cast<unsigned long long>(dma_chunk_head->pa),
                 static_cast<unsigned long long>(dma_chunk_tail->pa));
     std::atomic_ref(shm_base->initialized).store(1, std::memory_order_release);
+    return true;
 }
 
 /// Takes up the picture that the machine's processes share, or starts it. An area that is already
@@ -97,13 +105,15 @@ bool attach_shared_area(uint32_t area_bytes) {
         TARVO_TRACE(trace_failure, function, "%s: couldn't acquire tarvo lock", function);
         return false;
     }
+    if (!can_be_read(shm_base, sizeof shm_base->initialized)) {
+        return report_unmappable_area();
+    }
     dma_chunks = &shm_base->chunks;
     if (!shm_base->initialized) {
-        build_shared_area(area_bytes);
-    } else {
-        dma_chunk_head = dma_chunks->arr_elem(dma_chunks->_head);
-        dma_chunk_tail = dma_chunks->arr_elem(dma_chunks->_tail);
+        return build_shared_area(area_bytes);
     }
+    dma_chunk_head = dma_chunks->arr_elem(dma_chunks->_head);
+    dma_chunk_tail = dma_chunks->arr_elem(dma_chunks->_tail);
     return true;
 }
 

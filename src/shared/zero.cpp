@@ -1,5 +1,6 @@
 #include "shared/zero.hpp"
 
+#include <cerrno>
 #include <cstdint>
 #include <cstring>
 #include <sys/mman.h>
@@ -55,11 +56,22 @@ void fill(void* memory, std::size_t bytes) {
 
 #endif
 
+/// Gets all pages at once instead of by one fault for each. EFAULT says that the access would be a
+/// SIGBUS. Some mappings and older systems refuse for other reasons: then the faults do it.
+bool populate(void* memory, std::size_t bytes, int advice) {
+    return madvise(memory, bytes, advice) == 0 || errno != EFAULT;
+}
+
 } // namespace
 
-void zero_mapping(void* memory, std::size_t bytes) {
-    // All pages at once instead of one fault for each. Some mappings and older systems refuse; then
-    // the faults do it.
-    madvise(memory, bytes, MADV_POPULATE_WRITE);
+bool can_be_read(void* memory, std::size_t bytes) {
+    return populate(memory, bytes, MADV_POPULATE_READ);
+}
+
+bool zero_mapping(void* memory, std::size_t bytes) {
+    if (!populate(memory, bytes, MADV_POPULATE_WRITE)) {
+        return false;
+    }
     fill(memory, bytes);
+    return true;
 }
