@@ -64,6 +64,21 @@
  *     ZUL_TRACE=tarvo=5 in the environment, read once, adds trace records there (3: failures, 5:
  *     progress and the failures of tarvo_map(), 6: each address translation).
  * 10. A DMA address of 0 means failure. No chunk has it, save in a region whose addresses wrap.
+ * 11. Room. Building the bookkeeping file takes 67 MiB of its file system; without them the start
+ *     fails ("tarvo_init: failed to map shared memory"). The simulated memory takes room for each
+ *     chunk that is made; without it tarvo_alloc_func() ends the process ("tarvo_alloc: mmap
+ *     failed!" and "cur->allocated") and the chunk is not listed. Before Linux 5.14 it is SIGBUS
+ *     without a word in both cases, and the chunk stays listed. A bookkeeping file or simulated
+ *     memory that is shortened while processes have it mapped ends each of them by SIGBUS at the
+ *     first access to what is gone; the next process to start makes the file as long as before, by
+ *     zeros, and the records that were there are lost. /dev/mem cannot be full or shortened. The
+ *     lock file is empty and of no fixed length, but must not be removed while it is in use: the
+ *     next process would make, and lock, another one. "tarvoctl doctor" looks for room beforehand.
+ * 12. Descriptors. The library uses its three descriptors until the process ends. A program that
+ *     closes all of its descriptors after its first call and opens files of its own gives these
+ *     numbers to them: the next allocation zeroes such a file, and locks are taken on another. Call
+ *     close_range(3, ~0U, 0) and the like before the first call of the library, not after it, where
+ *     CLOSE_RANGE_CLOEXEC does no harm.
  */
 
 #include <stdbool.h>
