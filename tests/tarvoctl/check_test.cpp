@@ -219,6 +219,17 @@ TEST_F(SnapshotOnto, AFullDiskKeepsTheEarlierOne) {
     EXPECT_EQ(files(), 1);
 }
 
+TEST_F(SnapshotOnto, AToolThatIsKilledWhileItWritesLeavesNothing) {
+    // By the signal that a file of that length brings.
+    process tool = machine.start_process(
+        {"sh", "-c", "ulimit -c 0; ulimit -f 100; exec \"$0\" snapshot --force \"$1\"", TARVOCTL,
+         copy});
+    EXPECT_NE(tool.wait(), normal_end);
+    EXPECT_EQ(tool.error_text(), "");
+    EXPECT_EQ(area_file(copy).snapshot(), bytes);
+    EXPECT_EQ(files(), 1);
+}
+
 TEST_F(SnapshotOnto, ANewOneLeavesNothingElse) {
     EXPECT_EQ(tarvoctl(machine, {"snapshot", "--force", copy}).status, 0);
     EXPECT_EQ(area_file(copy).snapshot(), machine.area().snapshot());

@@ -48,8 +48,13 @@ mode_t umask_now() {
     return mask;
 }
 
+/// Whether a folder's file system has no files without a name.
+bool means_no_nameless_files(int number) {
+    return number == EOPNOTSUPP || number == EISDIR || number == EINVAL;
+}
+
 /// Fails with EEXIST where something has the name; `from` may be left over then and otherwise.
-int give_free_name(const std::string& from, const std::string& name) {
+int rename_to_free(const std::string& from, const std::string& name) {
     if (::renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, name.c_str(), RENAME_NOREPLACE) == 0)
         return 0;
     // Network file systems have no such condition, but a link replaces nothing either.
@@ -73,10 +78,27 @@ new_file::new_file(target wanted, mode_t mode) : wanted_{std::move(wanted)} {
                           fmt::format("cannot write {}: it is no plain file", wanted_.path)};
         }
     }
+    open(mode);
+}
+
+void new_file::open(mode_t mode) {
+    file_.reset(::open(folder_of(wanted_.path).c_str(), O_TMPFILE | O_RDWR | O_CLOEXEC, mode));
+    if (file_) {
+        return;
+    }
+    if (!means_no_nameless_files(errno)) {
+        complain(errno);
+    }
+    open_named(mode);
+}
+
+void new_file::open_named(mode_t mode) {
+    unbroken_.emplace();
     std::string name = folder_of(wanted_.path) / ".tarvoctl-XXXXXX";
     file_.reset(::mkostemp(name.data(), O_CLOEXEC));
-    if (!file_)
+    if (!file_) {
         complain(errno);
+    }
     temporary_ = std::move(name);
     ::fchmod(file_.get(), mode & ~umask_now());
 }
@@ -129,13 +151,45 @@ void new_file::finish() {
     // A disk that is full may say so only now.
     if (::fsync(file_.get()) != 0)
         complain(errno);
-    const int named = wanted_.existing == existing_file::refused
-                          ? give_free_name(temporary_, wanted_.path)
-                          : std::rename(temporary_.c_str(), wanted_.path.c_str());
-    if (named != 0)
+    if (wanted_.existing == existing_file::replaced) {
+        replace();
+        return;
+    }
+    const int named =
+        temporary_.empty() ? give_name(wanted_.path) : rename_to_free(temporary_, wanted_.path);
+    if (named != 0) {
         complain(errno);
-    ::unlink(temporary_.c_str()); // only where the name is a link
+    }
+}
+
+/// Fails with EEXIST where something has the name.
+int new_file::give_name(const std::string& name) const {
+    const std::string nameless = fmt::format("/proc/self/fd/{}", file_.get());
+    return ::linkat(AT_FDCWD, nameless.c_str(), AT_FDCWD, name.c_str(), AT_SYMLINK_FOLLOW);
+}
+
+/// A link replaces nothing, so the file gets a name that is free, and that one replaces the other.
+void new_file::replace() {
+    if (temporary_.empty()) {
+        unbroken_.emplace();
+        take_temporary_name();
+    }
+    if (std::rename(temporary_.c_str(), wanted_.path.c_str()) != 0) {
+        complain(errno);
+    }
     temporary_.clear();
+}
+
+void new_file::take_temporary_name() {
+    for (int number = 0; temporary_.empty(); ++number) {
+        const std::string name =
+            folder_of(wanted_.path) / fmt::format(".tarvoctl-{}-{}", ::getpid(), number);
+        if (give_name(name) == 0) {
+            temporary_ = name;
+        } else if (errno != EEXIST) {
+            complain(errno);
+        }
+    }
 }
 
 } // namespace tarvoctl

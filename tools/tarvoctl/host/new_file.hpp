@@ -1,8 +1,10 @@
 #pragma once
 
 #include "common/unique_fd.hpp"
+#include "host/ending_signals.hpp"
 
 #include <cstddef>
+#include <optional>
 #include <string>
 #include <sys/types.h>
 
@@ -12,8 +14,13 @@ namespace tarvoctl {
 enum class existing_file { refused, replaced };
 
 /// A file in the making. It takes its name only when it is whole and on the disk; until then, and
-/// whatever goes wrong, what had the name before stays as it was. The library's own files are never
-/// replaced, and neither is what is no plain file. All members throw failure.
+/// whatever goes wrong, what had the name before stays as it was, and nothing else is left, also by a
+/// process that is killed. The library's own files are never replaced, and neither is what is no
+/// plain file. All members throw failure.
+///
+/// Only a file that replaces another has a second name, for the instant between two system calls;
+/// so has one on a file system that knows no files without a name, from its beginning. Signals by
+/// which people end a program wait meanwhile.
 class new_file {
   public:
     struct target {
@@ -38,10 +45,16 @@ class new_file {
 
   private:
     [[noreturn]] void complain(int number) const;
+    void open(mode_t mode);
+    void open_named(mode_t mode);
+    int give_name(const std::string& name) const;
+    void replace();
+    void take_temporary_name();
 
     target wanted_;
-    std::string temporary_; ///< its name so far, in the same folder
     unique_fd file_;
+    std::optional<held_back_signals> unbroken_; ///< while there is a temporary name
+    std::string temporary_;                     ///< in the same folder; empty where it has none
 };
 
 } // namespace tarvoctl

@@ -1,7 +1,7 @@
 #pragma once
 
 #include "exit_status.hpp"
-#include "library/ending_signals.hpp"
+#include "host/ending_signals.hpp"
 
 #include <chrono>
 #include <functional>

@@ -1,4 +1,4 @@
-#include "library/ending_signals.hpp"
+#include "host/ending_signals.hpp"
 
 #include <cerrno>
 #include <sys/signalfd.h>
