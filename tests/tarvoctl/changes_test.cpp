@@ -1,5 +1,6 @@
 #include "tool.hpp"
 
+#include <filesystem>
 #include <functional>
 #include <gtest/gtest.h>
 
@@ -157,6 +158,59 @@ TEST_F(Changes, DevicesUnderOtherNumbersAreTheSame) {
                   }
               }),
               "");
+}
+
+/// Registers 256 devices and maps every chunk for all of them, as millions of requests would.
+void map_all_for_all_devices(const std::string& copy, int chunks) {
+    constexpr int devices = 256;
+    const area_file file(copy, area_file::access::write);
+    const area_writer write = file.writer();
+    const auto link = [&write](std::size_t element, int number) {
+        write.i32(element + area_offset::next, (number + 1) % devices);
+        write.i32(element + area_offset::prev, (number + devices - 1) % devices);
+        write.u8(element + area_offset::allocated, 1);
+    };
+    for (int device = 0; device < devices; ++device) {
+        link(area_offset::device(device), device);
+        write.i32(area_offset::device(device) + area_offset::bus, device);
+        write.u8(area_offset::device(device) + area_offset::online, 1);
+    }
+    write.i32(area_offset::devices_head, 0);
+    write.i32(area_offset::devices_tail, devices - 1);
+    write.i32(area_offset::devices_free, -1);
+    for (int chunk = 2; chunk < chunks + 2; ++chunk) { // the first two bound the region
+        for (int ref = 0; ref < devices; ++ref) {
+            link(area_offset::ref(chunk, ref), ref);
+            write.i32(area_offset::ref(chunk, ref) + area_offset::dev, ref);
+        }
+        write.i32(area_offset::chunk(chunk) + area_offset::devs_head, 0);
+        write.i32(area_offset::chunk(chunk) + area_offset::devs_tail, devices - 1);
+        write.i32(area_offset::chunk(chunk) + area_offset::devs_free, -1);
+    }
+}
+
+TEST_F(Changes, MillionsOfMappingsAreCountedInBoundedMemory) {
+    constexpr int chunks = 16382;
+    for (int made = 0; made < chunks; ++made) {
+        driver.alloc("c" + std::to_string(made), 0x1000);
+    }
+    const temporary_folder folder;
+    const std::string before = folder.path() / "before";
+    const std::string after = folder.path() / "after";
+    ASSERT_EQ(tarvoctl(machine, {"snapshot", before}).status, 0);
+    std::filesystem::copy_file(before, after);
+    map_all_for_all_devices(after, chunks);
+    ASSERT_NE(tarvoctl(machine, {"check", after}).status, 4);
+    const std::string within = "ulimit -v 1000000; exec \"$0\" diff \"$@\"";
+    const auto text = run_program(machine, {"sh", "-c", within, TARVOCTL, before, after});
+    EXPECT_EQ(text.status, 1) << text.errors;
+    const auto lines = lines_of(text.output);
+    ASSERT_EQ(lines.size(), 256U + 65536U + 1U); // with the devices, which are new
+    EXPECT_EQ(lines.back(), "mapped        and 4128256 more, which are not listed");
+    const auto document =
+        json_of(run_program(machine, {"sh", "-c", within, TARVOCTL, before, after, "--json"}));
+    EXPECT_EQ(document.at("changes").back().at("more"), 4128256);
+    EXPECT_EQ(document.at("changes").back().at("chunk"), nullptr);
 }
 
 } // namespace

@@ -163,6 +163,10 @@ std::vector<chunk_pair> pairs_of(const picture& before, const picture& after) {
     return pairs;
 }
 
+chunk_record without_devices(const chunk_record& chunk) {
+    return {chunk.index, chunk.name, chunk.pa, chunk.size, chunk.creator, {}};
+}
+
 /// Collects the changes, in the order in which they are told.
 class comparison {
   public:
@@ -179,6 +183,8 @@ class comparison {
         add_devices();
         for (const auto& pair : pairs)
             add_chunk(pair);
+        add_unlisted(change_kind::unmapped, unlisted_unmapped_);
+        add_unlisted(change_kind::mapped, unlisted_mapped_);
         return std::move(found_);
     }
 
@@ -259,9 +265,20 @@ class comparison {
 
     void add_reference(change_kind kind, const chunk_pair& pair, const picture& records,
                        int index) {
+        if (listed_mappings_ == most_mappings_listed) {
+            ++(kind == change_kind::mapped ? unlisted_mapped_ : unlisted_unmapped_);
+            return;
+        }
+        ++listed_mappings_;
         const device_record* const device = records.device_at(index);
-        found_.push_back({kind, *pair.before, *pair.after, index,
+        found_.push_back({kind, without_devices(*pair.before), without_devices(*pair.after), index,
                           device != nullptr ? std::optional{*device} : std::nullopt});
+    }
+
+    void add_unlisted(change_kind kind, std::size_t count) {
+        if (count > 0) {
+            found_.push_back({kind, std::nullopt, std::nullopt, -1, std::nullopt, count});
+        }
     }
 
     const picture& before_;
@@ -271,6 +288,9 @@ class comparison {
     device_index index_after_;
     bool same_devices_; ///< under the same numbers: equal references then mean equal mappings
     std::vector<change> found_;
+    std::size_t listed_mappings_ = 0;
+    std::size_t unlisted_mapped_ = 0;
+    std::size_t unlisted_unmapped_ = 0;
 };
 
 } // namespace

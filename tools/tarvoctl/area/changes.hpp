@@ -23,7 +23,8 @@ enum class change_kind {
 /// "freed", "allocated" and so on, as people and programs read it.
 const char* change_word(change_kind kind);
 
-/// One difference between two pictures. It stands for itself: no picture need be kept for it.
+/// One difference between two pictures. It stands for itself: no picture need be kept for it. The
+/// chunk of a mapping comes without its devices.
 struct change {
     change_kind kind;
     std::optional<chunk_record> before{}; ///< of a chunk: as it was; nothing where it is new
@@ -32,6 +33,8 @@ struct change {
     int device_index = -1;
     /// That device; nothing where no registered one has the number.
     std::optional<device_record> device{};
+    /// Where it is not 0: no single change, but so many further ones of this kind.
+    std::size_t more = 0;
 
     /// The chunk it is about, at its newest; only for changes of chunks.
     const chunk_record& chunk() const { return after ? *after : *before; }
@@ -42,7 +45,8 @@ struct change {
 /// name by address; devices by domain, bus and devfn. What happened and was undone in between is
 /// not seen, and a name that was freed and allocated elsewhere is taken for moved. The mappings of a
 /// chunk that came or went are in its record, not changes of their own. The regions are not
-/// compared.
+/// compared. Of mappings, of which there can be millions, that many are listed, and the rest counted.
+inline constexpr std::size_t most_mappings_listed = 65536;
 std::vector<change> changes_between(const picture& before, const picture& after);
 
 } // namespace tarvoctl

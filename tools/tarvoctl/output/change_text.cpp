@@ -20,6 +20,9 @@ std::string chunk_described(const chunk_record& chunk) {
 }
 
 std::string what_changed(const change& told) {
+    if (told.more > 0) {
+        return fmt::format("and {} more, which are not listed", told.more);
+    }
     switch (told.kind) {
     case change_kind::freed:
     case change_kind::allocated:
@@ -62,6 +65,9 @@ json json_change(const change& told) {
     made["before"] = is_other ? json_changed_chunk(*told.before) : json(nullptr);
     made["device"] = told.device ? json(device_text(*told.device)) : json(nullptr);
     made["device_index"] = told.device_index >= 0 ? json(told.device_index) : json(nullptr);
+    if (told.more > 0) {
+        made["more"] = told.more;
+    }
     return made;
 }
 
