@@ -89,6 +89,21 @@ TEST(Without, LeavesNoRoomForARequestFileOfTheProgramsOwn) {
     EXPECT_EQ(ended.output, "refused\n");
 }
 
+/// With the real one's own answers, so that the kernel itself is asked.
+TEST(Without, AnswersForMissingSysfsFilesAsTheKernelDoes) {
+    const std::string asked = "cd /sys/kernel; LC_ALL=C; export LC_ALL;"
+                              "for f in tarvo_missing tarvo_missing/file mm; do"
+                              "  sh -c 'echo x > $0' $f; cat $f;"
+                              "done 2>&1; true";
+    const auto kernel = run({"sh", "-c", asked});
+    ASSERT_NE(kernel.output.find("Permission denied"), std::string::npos) << kernel.output;
+    const auto ended = run_script({"--world", "low", "--without", "sysfs"}, asked);
+    EXPECT_EQ(ended.output, kernel.output);
+    const auto request =
+        run_script({"--world", "low", "--without", "sysfs"}, "(echo x > " + iommu_file + ") 2>&1");
+    EXPECT_NE(request.output.find("Permission denied"), std::string::npos) << request.output;
+}
+
 TEST(Without, AnswersWhoWritesTheRegionsFileAsTheKernelDoes) {
     const auto ended =
         run_script({"--world", "low", "--without", "proc"}, "LC_ALL=C touch /proc/tarvo 2>&1");
@@ -114,6 +129,16 @@ TEST(Machine, KeepsWorkingForOrdinaryPrograms) {
         test -d /var/lib && test -d /sys/kernel/mm && echo folders
     )sh");
     EXPECT_EQ(ended.output, "maps\nnew process\nfd\nlisted\nnull\n1\nshm\npty\nfolders\n");
+}
+
+TEST(Machine, ShowsTheRealSysfs) {
+    const std::string asked =
+        "cd /sys/kernel; ls; ls mm; cat fscaps mm/transparent_hugepage/enabled; "
+        "readlink iommu_groups/*/devices/* | head";
+    const auto ended = run_script({"--world", "low", "--without", "sysfs"}, asked);
+    EXPECT_EQ(ended.output, run({"sh", "-c", asked}).output);
+    const auto with_file = run_script({"--world", "low"}, "ls /sys/kernel | grep tarvo");
+    EXPECT_EQ(with_file.output, "tarvo_iommu_map_region\n");
 }
 
 TEST(Machine, IsNotTouchedOutside) {

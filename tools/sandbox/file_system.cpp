@@ -22,6 +22,8 @@ constexpr std::string_view proc_file = "tarvo";
 constexpr fuse_ino_t proc_file_node = 2;
 constexpr fuse_ino_t iommu_file_node = 3;
 constexpr fuse_ino_t hidden_folder_node = 4;
+constexpr fuse_ino_t sysfs_folder_node = 5;
+constexpr fuse_ino_t hidden_sysfs_node = 6;
 
 // Nothing here changes but the set of processes.
 constexpr double for_ever_seconds = 1e6;
@@ -31,6 +33,9 @@ mode_t mode_of(fuse_ino_t node) {
     case FUSE_ROOT_ID:
     case hidden_folder_node:
         return S_IFDIR | 0555;
+    case sysfs_folder_node:
+    case hidden_sysfs_node:
+        return S_IFDIR | 0755;
     case proc_file_node:
         return S_IFREG | 0644;
     case iommu_file_node:
@@ -42,16 +47,16 @@ mode_t mode_of(fuse_ino_t node) {
 
 // Owner and group are 0, which is the caller itself in a user namespace: the kernel refuses every
 // open for writing of a file whose owner it cannot map there.
-struct stat attributes(fuse_ino_t node) {
+struct stat attributes(fuse_ino_t node, mode_t mode) {
     struct stat made {};
     made.st_ino = node;
-    made.st_mode = mode_of(node);
+    made.st_mode = mode;
     made.st_nlink = S_ISDIR(made.st_mode) ? 2 : 1;
     return made;
 }
 
 double validity_seconds(fuse_ino_t node) {
-    return proc_view::is_process(node) ? 0 : for_ever_seconds;
+    return proc_view::is_process(node) && !sysfs_view::has(node) ? 0 : for_ever_seconds;
 }
 
 using listing_buffer = std::vector<char>;
@@ -94,7 +99,8 @@ void add_entry(fuse_req_t asked, listing_buffer& listing, const std::string& nam
 struct file_system::state {
     driver& answering;
     proc_view& real;
-    bool has_proc_file = false;
+    const sysfs_view& real_sysfs;
+    shown_files shown;
     open_files<driver_handle> files{};
     open_files<listing_buffer> folders{};
 
@@ -104,14 +110,40 @@ struct file_system::state {
         return real.process_of_thread(fuse_req_ctx(asked)->pid);
     }
 
-    std::optional<fuse_ino_t> find(std::string_view name) const {
+    std::optional<fuse_ino_t> find_in_proc(std::string_view name) const {
         if (name == proc_file)
-            return has_proc_file ? std::optional{proc_file_node} : std::nullopt;
-        if (name == hidden_iommu_file)
-            return iommu_file_node;
+            return shown.proc ? std::optional{proc_file_node} : std::nullopt;
+        if (name == hidden_sysfs_folder)
+            return sysfs_folder_node;
         if (name == proc_view::hidden_folder)
             return hidden_folder_node;
         return real.find(name);
+    }
+
+    std::optional<fuse_ino_t> find_in_sysfs(std::string_view name) const {
+        if (name == sysfs_view::driver_file_name) {
+            return shown.sysfs ? std::optional{iommu_file_node} : std::nullopt;
+        }
+        if (name == sysfs_view::hidden_folder) {
+            return hidden_sysfs_node;
+        }
+        return real_sysfs.find(name);
+    }
+
+    std::optional<fuse_ino_t> find(fuse_ino_t folder, std::string_view name) const {
+        switch (folder) {
+        case FUSE_ROOT_ID:
+            return find_in_proc(name);
+        case sysfs_folder_node:
+            return find_in_sysfs(name);
+        default:
+            return std::nullopt;
+        }
+    }
+
+    struct stat attributes_of(fuse_ino_t node) const {
+        const bool is_real_folder = sysfs_view::has(node) && real_sysfs.is_folder(node);
+        return attributes(node, is_real_folder ? S_IFDIR | 0755 : mode_of(node));
     }
 
     static void init(void* /*state*/, fuse_conn_info* connection) {
@@ -121,21 +153,21 @@ struct file_system::state {
     }
 
     static void lookup(fuse_req_t asked, fuse_ino_t parent, const char* name) {
-        const auto node = parent == FUSE_ROOT_ID ? of(asked).find(name) : std::nullopt;
+        const auto node = of(asked).find(parent, name);
         if (!node) {
             fuse_reply_err(asked, ENOENT);
             return;
         }
         fuse_entry_param entry{};
         entry.ino = *node;
-        entry.attr = attributes(*node);
+        entry.attr = of(asked).attributes_of(*node);
         entry.attr_timeout = for_ever_seconds;
         entry.entry_timeout = validity_seconds(*node);
         fuse_reply_entry(asked, &entry);
     }
 
     static void getattr(fuse_req_t asked, fuse_ino_t node, fuse_file_info* /*info*/) {
-        const struct stat found = attributes(node);
+        const struct stat found = of(asked).attributes_of(node);
         fuse_reply_attr(asked, &found, for_ever_seconds);
     }
 
@@ -150,7 +182,10 @@ struct file_system::state {
     }
 
     static void readlink(fuse_req_t asked, fuse_ino_t node) {
-        fuse_reply_readlink(asked, of(asked).real.link_target(node).c_str());
+        const state& self = of(asked);
+        const std::string target =
+            sysfs_view::has(node) ? self.real_sysfs.link_target(node) : self.real.link_target(node);
+        fuse_reply_readlink(asked, target.c_str());
     }
 
     static driver_handle make_handle(fuse_ino_t node, int flags) {
@@ -212,19 +247,31 @@ struct file_system::state {
         add_entry(asked, listing, ".");
         add_entry(asked, listing, "..");
         if (node == FUSE_ROOT_ID)
-            self.list_root(asked, listing);
+            self.list_proc(asked, listing);
+        if (node == sysfs_folder_node) {
+            self.list_sysfs(asked, listing);
+        }
         info->fh = self.folders.add(std::move(listing));
         if (fuse_reply_open(asked, info) == -ENOENT)
             self.folders.remove(info);
     }
 
-    void list_root(fuse_req_t asked, listing_buffer& listing) const {
+    void list_proc(fuse_req_t asked, listing_buffer& listing) const {
         for (const auto& name : real.names()) {
             if (name != proc_file)
                 add_entry(asked, listing, name);
         }
-        if (has_proc_file)
+        if (shown.proc)
             add_entry(asked, listing, std::string{proc_file});
+    }
+
+    void list_sysfs(fuse_req_t asked, listing_buffer& listing) const {
+        for (const auto& name : real_sysfs.names()) {
+            add_entry(asked, listing, name);
+        }
+        if (shown.sysfs) {
+            add_entry(asked, listing, std::string{sysfs_view::driver_file_name});
+        }
     }
 
     static void readdir(fuse_req_t asked, fuse_ino_t /*node*/, std::size_t size, off_t offset,
@@ -232,10 +279,16 @@ struct file_system::state {
         reply_part(asked, of(asked).folders.at(info), size, offset);
     }
 
-    // As the kernel's /proc answers; without this FUSE would say that it has no such call.
-    static void create(fuse_req_t asked, fuse_ino_t /*folder*/, const char* /*name*/,
-                       mode_t /*mode*/, fuse_file_info* /*info*/) {
-        fuse_reply_err(asked, ENOENT);
+    // As the kernel's own answer, both to root; without this FUSE would say that it has no such call.
+    static void create(fuse_req_t asked, fuse_ino_t folder, const char* /*name*/, mode_t /*mode*/,
+                       fuse_file_info* /*info*/) {
+        fuse_reply_err(asked, folder == sysfs_folder_node ? EACCES : ENOENT);
+    }
+
+    // Entries that are no files cannot be made, and none can be removed.
+    template <typename... Arguments>
+    static void refuse(fuse_req_t asked, Arguments... /*what*/) {
+        fuse_reply_err(asked, EPERM);
     }
 
     static void releasedir(fuse_req_t asked, fuse_ino_t /*node*/, fuse_file_info* info) {
@@ -251,6 +304,11 @@ struct file_system::state {
         all.setattr = setattr;
         all.readlink = readlink;
         all.create = create;
+        all.mkdir = refuse;
+        all.symlink = refuse;
+        all.unlink = refuse;
+        all.rmdir = refuse;
+        all.rename = refuse;
         all.open = open;
         all.read = read;
         all.write = write;
@@ -276,8 +334,9 @@ unique_fd open_fuse_device() {
 
 } // namespace
 
-file_system::file_system(driver& answering, proc_view& real, bool has_proc_file)
-    : state_{new state{answering, real, has_proc_file}} {
+file_system::file_system(driver& answering, proc_view& real, const sysfs_view& real_sysfs,
+                         shown_files shown)
+    : state_{new state{answering, real, real_sysfs, shown}} {
     const auto operations = state::operations();
     std::string name = "tarvo-sandbox";
     char* arguments[] = {name.data(), nullptr};

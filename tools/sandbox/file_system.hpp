@@ -8,17 +8,27 @@
 #include "common/unique_fd.hpp"
 #include "driver.hpp"
 #include "proc_view.hpp"
+#include "sysfs_view.hpp"
 
 namespace sandbox {
 
+// Which of the driver's files there are.
+struct shown_files {
+    bool proc;
+    bool sysfs;
+};
+
 // The FUSE file system that is mounted over /proc: the real entries as links, the driver's
-// /proc/tarvo, and, in no listing, the sysfs file, which is bound from here to its place.
+// /proc/tarvo, and, in no listing, a folder with the driver's sysfs file and the real entries of
+// /sys/kernel, which is bound from here to its place. Not a tmpfs there: to make a file in sysfs is
+// refused with EACCES, to root as well.
 class file_system {
   public:
     // Under /proc, until it is bound to its place.
-    static constexpr std::string_view hidden_iommu_file = ".tarvo_iommu_map_region";
+    static constexpr std::string_view hidden_sysfs_folder = ".sys_kernel";
 
-    file_system(driver& answering, proc_view& real, bool has_proc_file);
+    file_system(driver& answering, proc_view& real, const sysfs_view& real_sysfs,
+                shown_files shown);
     ~file_system();
     file_system(const file_system&) = delete;
     file_system& operator=(const file_system&) = delete;

@@ -31,8 +31,9 @@ unique_fd clone_proc() {
 
 server::server(server_plan& plan)
     : played_{plan.played}, driver_{played_, event_log{std::move(plan.log)}},
-      control_{plan.control}, namespaces_{namespaces::create()}, files_{driver_, real_proc_,
-                                                                        played_.has_proc_file()} {
+      control_{plan.control}, namespaces_{namespaces::create()},
+      files_{
+          driver_, real_proc_, real_sysfs_, {played_.has_proc_file(), played_.has(item::sysfs)}} {
     for (auto& added : plan.rules)
         driver_.rules().add(std::move(added));
     real_proc_mount_ = clone_proc();

@@ -60,6 +60,7 @@ class server {
     control_socket& control_;
     bool accepts_ = false;
     proc_view real_proc_;
+    sysfs_view real_sysfs_;
     unique_fd real_proc_mount_;
     namespaces namespaces_;
     file_system files_;

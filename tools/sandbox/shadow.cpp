@@ -5,6 +5,7 @@
 #include <sys/mount.h>
 #include <sys/stat.h>
 
+#include <filesystem>
 #include <memory>
 
 #include "common/unique_fd.hpp"
@@ -19,6 +20,20 @@ constexpr const char* hidden_name = ".host";
 void bind(const std::string& source, const std::string& target, unsigned long flags) {
     if (::mount(source.c_str(), target.c_str(), nullptr, MS_BIND | flags, nullptr) != 0)
         throw failed_call("cannot show " + source + " as " + target);
+}
+
+unique_fd clone_folder(const std::string& path) {
+    unique_fd original{
+        ::open_tree(AT_FDCWD, path.c_str(), OPEN_TREE_CLONE | OPEN_TREE_CLOEXEC | AT_RECURSIVE)};
+    if (!original)
+        throw failed_call("cannot take " + path + " along");
+    return original;
+}
+
+void move_into_hidden_folder(const unique_fd& original, const std::string& path) {
+    const std::string hidden = path + "/" + hidden_name;
+    if (::move_mount(original.get(), "", AT_FDCWD, hidden.c_str(), MOVE_MOUNT_F_EMPTY_PATH) != 0)
+        throw failed_call("cannot show the original of " + path);
 }
 
 void copy_link(const std::string& source, const std::string& target) {
@@ -80,23 +95,24 @@ void bind_file(const std::string& source, const std::string& target) {
 }
 
 void shadow_folder(const std::string& path, const std::set<std::string>& left_out) {
-    const unique_fd original{
-        ::open_tree(AT_FDCWD, path.c_str(), OPEN_TREE_CLONE | OPEN_TREE_CLOEXEC | AT_RECURSIVE)};
-    if (!original)
-        throw failed_call("cannot take " + path + " along");
+    const unique_fd original = clone_folder(path);
     if (::mount("tarvo-sandbox", path.c_str(), "tmpfs", MS_NOSUID | MS_NODEV, "mode=0755") != 0)
         throw failed_call("cannot mount a tmpfs over " + path);
-    const std::string hidden = path + "/" + hidden_name;
-    make_folder(hidden, 0755);
-    if (::move_mount(original.get(), "", AT_FDCWD, hidden.c_str(), MOVE_MOUNT_F_EMPTY_PATH) != 0)
-        throw failed_call("cannot show the original of " + path);
+    make_folder(path + "/" + hidden_name, 0755);
+    move_into_hidden_folder(original, path);
     show_entries(path, left_out);
 }
 
-void refuse_new_entries(const std::string& path) {
-    constexpr unsigned long flags = MS_REMOUNT | MS_BIND | MS_RDONLY | MS_NOSUID | MS_NODEV;
-    if (::mount(nullptr, path.c_str(), nullptr, flags, nullptr) != 0)
-        throw failed_call("cannot make " + path + " read-only");
+void substitute_folder(const std::string& path, const std::string& substitute) {
+    const unique_fd original = clone_folder(path);
+    bind(substitute, path, 0);
+    move_into_hidden_folder(original, path);
+    for (const auto& shown : std::filesystem::directory_iterator(path)) {
+        const std::string name = shown.path().filename();
+        if (shown.symlink_status().type() == std::filesystem::file_type::directory) {
+            bind(path + "/" + hidden_name + "/" + name, shown.path(), MS_REC);
+        }
+    }
 }
 
 } // namespace sandbox

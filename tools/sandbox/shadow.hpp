@@ -11,9 +11,9 @@ namespace sandbox {
 // would not find its pts. Throws failure.
 void shadow_folder(const std::string& path, const std::set<std::string>& left_out);
 
-// From here on a program cannot make a file of its own in a folder that was covered, as it could not
-// in the kernel's. What is bound there stays as writable as it is. Throws failure.
-void refuse_new_entries(const std::string& path);
+// Covers a folder with another one, which has a folder for each of its folders, to be bound there,
+// and a hidden one for all of the original. Throws failure.
+void substitute_folder(const std::string& path, const std::string& substitute);
 
 // Makes target, an empty file, show the file source. Throws failure.
 void bind_file(const std::string& source, const std::string& target);

@@ -11,12 +11,11 @@
 #include "file_system.hpp"
 #include "proc_view.hpp"
 #include "shadow.hpp"
+#include "sysfs_view.hpp"
 
 namespace sandbox {
 
 namespace {
-
-constexpr const char* iommu_file = "tarvo_iommu_map_region";
 
 // /var/tmp is anybody's; the other folders are root's.
 constexpr mode_t public_folder_mode = 01777;
@@ -95,15 +94,6 @@ void build_dev(const world& played, const kept_state& state) {
     bind_file(state.path("mem"), "/dev/mem");
 }
 
-void build_sys_kernel(const world& played) {
-    shadow_folder("/sys/kernel", {iommu_file});
-    if (played.has(item::sysfs)) {
-        bind_file("/proc/" + std::string{file_system::hidden_iommu_file},
-                  std::string{"/sys/kernel/"} + iommu_file);
-    }
-    refuse_new_entries("/sys/kernel");
-}
-
 // /var/lock is a link on many machines; here it is a folder, so that what it leads to stays as it
 // is.
 void build_var(const world& played, const kept_state& state) {
@@ -122,7 +112,7 @@ void build_world(const world& played, const unique_fd& real_proc) {
     show_real_proc(real_proc);
     const kept_state state{played.state_dir};
     build_dev(played, state);
-    build_sys_kernel(played);
+    substitute_folder(sysfs_view::path, "/proc/" + std::string{file_system::hidden_sysfs_folder});
     build_var(played, state);
 }
 
