@@ -72,7 +72,8 @@ std::string command_in(const std::string& fix) {
 
 /// Carries out a fix that is a command, in the sandbox.
 void carry_out(sandbox& machine, const std::string& fix) {
-    const auto outcome = run_program(machine, {"sh", "-c", fix});
+    const std::string path = "PATH=" + fs::path(TARVOCTL).parent_path().string() + ":$PATH; ";
+    const auto outcome = run_program(machine, {"sh", "-c", path + fix});
     ASSERT_EQ(outcome.status, 0) << fix << ": " << outcome.errors;
 }
 
@@ -238,8 +239,9 @@ TEST(Doctor, CallsAnAreaWithoutItsBoundsDamaged) {
     machine.writable_area().writer().i32(area_offset::chunks_tail, 123456);
     const examination found(machine);
     EXPECT_EQ(found.status(), 4);
-    EXPECT_TRUE(found.says("error", "/var/shmem/tarvo_lib",
-                           "the two records that bound the region are damaged", "tarvoctl check"));
+    EXPECT_TRUE(found.says("error", "/var/shmem/tarvo_lib", "chunk-end-out-of-range",
+                           "'tarvoctl repair' shows what can be done"))
+        << found.shown();
 }
 
 TEST(Doctor, CallsAnAreaThatIsCutShortDamaged) {
@@ -507,6 +509,83 @@ TEST(DoctorFix, OfAStoppedHolderLetsItGoOn) {
     ASSERT_EQ(::kill(holder.pid(), SIGCONT), 0);
     holder.call("dump_end");
     EXPECT_EQ(examination(machine).status(), 0);
+}
+
+TEST(DoctorFix, OfABrokenListRepairsIt) {
+    sandbox machine(low);
+    machine.start({"alloc first 1 me", "alloc second 1 me"}).finish();
+    machine.writable_area().writer().i32(area_offset::chunk(3) + area_offset::prev, 77);
+    const examination found(machine);
+    EXPECT_EQ(found.status(), 4);
+    EXPECT_TRUE(found.says("error", "/var/shmem/tarvo_lib", "chunk-back-link-wrong"))
+        << found.shown();
+    EXPECT_EQ(found.fix("/var/shmem/tarvo_lib", "chunk-back-link-wrong"),
+              "'tarvoctl repair' shows what can be done");
+    carry_out(machine, "tarvoctl repair -y");
+    EXPECT_EQ(examination(machine).status(), 0);
+}
+
+TEST(DoctorFix, OfDamageThatNoRepairHelpsRemovesTheArea) {
+    sandbox machine(low);
+    machine.start({"alloc first 1 me"}).finish();
+    machine.writable_area().writer().u8(area_offset::chunk(2) + area_offset::name, 0);
+    EXPECT_EQ(examination(machine).fix("/var/shmem/tarvo_lib", "chunk-name-empty"),
+              "end all programs that use it, then remove its file");
+    fs::remove(machine.shared_area());
+    EXPECT_EQ(examination(machine).status(), 0);
+}
+
+TEST(DoctorFix, OfADamagedChunkFreesIt) {
+    sandbox machine(low);
+    machine.start({"alloc first 1 me"}).finish();
+    machine.writable_area().writer().u32(area_offset::chunk(2) + area_offset::size, 100);
+    EXPECT_EQ(examination(machine).fix("/var/shmem/tarvo_lib", "chunk-size-not-pages"),
+              "free the chunk with 'tarvoctl free' and allocate it again");
+    carry_out(machine, "tarvoctl free first && tarvoctl alloc first 4K");
+    EXPECT_EQ(examination(machine).status(), 0);
+}
+
+TEST(DoctorFix, OfTheOnlyDeviceThatIsOfflineRegistersItAgain) {
+    sandbox machine(low);
+    client driver = machine.start();
+    driver.register_device(0, 3, 0);
+    driver.register_device(0, 4, 0);
+    EXPECT_EQ(examination(machine).status(), 0);
+    machine.add_rules({"op=map,device=0000:03:00.0,errno=ENODEV"});
+    driver.alloc("rx_ring", 0x1000);
+    EXPECT_TRUE(examination(machine).says(
+        "warning", "0000:03:00.0", "is offline: no chunk made from now on is mapped for it"));
+    machine.replace_rules({"op=map,errno=ENODEV"});
+    driver.alloc("tx_ring", 0x1000);
+    const examination found(machine);
+    EXPECT_EQ(found.status(), 1);
+    machine.replace_rules({});
+    for (const char* device : {"0000:03:00.0", "0000:04:00.0"}) {
+        EXPECT_TRUE(found.says("warning", device, "no other device is online")) << found.shown();
+        expect_fixed_by_its_command(machine, device, "is offline");
+    }
+    EXPECT_EQ(examination(machine).status(), 0);
+}
+
+TEST(DoctorFix, OfADeviceThatIsGoneForgetsIt) {
+    sandbox machine(low);
+    client driver = machine.start();
+    driver.register_device(0, 3, 0);
+    machine.add_rules({"op=map,errno=ENODEV"});
+    driver.alloc("rx_ring", 0x1000);
+    const std::string fix = examination(machine).fix("0000:03:00.0", "is offline");
+    const auto at = fix.find("tarvoctl unregister");
+    ASSERT_NE(at, std::string::npos) << fix;
+    carry_out(machine, fix.substr(at) + " --force");
+    EXPECT_EQ(examination(machine).status(), 0);
+}
+
+TEST(Doctor, ChecksTheRecordsWithoutTheLock) {
+    sandbox machine(simulation);
+    client user = machine.start({"alloc rx_ring 1 me"});
+    machine.writable_area().writer().u8(area_offset::chunk(2) + area_offset::name, 0);
+    const held_lock held(machine.lock_file());
+    EXPECT_EQ(examination(machine).status(), 4);
 }
 
 } // namespace

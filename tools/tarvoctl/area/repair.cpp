@@ -1,5 +1,6 @@
 #include "repair.hpp"
 
+#include "check.hpp"
 #include "repair_write.hpp"
 
 #include <algorithm>
@@ -116,6 +117,11 @@ bool repair_edit::zeroes() const {
 
 repair_plan plan_repair(const shared_area_t& area) {
     return planner(area).plan();
+}
+
+std::string advice_on(const std::vector<finding>& findings, const shared_area_t& area) {
+    const bool repairs = !plan_repair(area).edits.empty() && !is_of_another_region(findings);
+    return repairs ? "'tarvoctl repair' shows what can be done" : text_of_ways_out(findings);
 }
 
 void apply(const repair_plan& plan, shared_area_t& area) {

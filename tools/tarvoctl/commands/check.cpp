@@ -34,13 +34,6 @@ const char* verdict_of(const std::vector<finding>& findings) {
     return status == exit_status::damaged ? "broken" : "usable";
 }
 
-/// What helps depends on whether repair has anything to do.
-std::string advice_on(const std::vector<finding>& findings, const shared_area_t& area) {
-    const repair_plan plan = plan_repair(area);
-    const bool repairs = !plan.edits.empty() && !is_of_another_region(findings);
-    return repairs ? "'tarvoctl repair' shows what can be done" : text_of_ways_out(findings);
-}
-
 void print_as_text(const std::vector<finding>& findings, const shared_area_t& area) {
     for (const auto& each : findings) {
         fmt::print("{:<9}  {}\n", name_of(each.cls), finding_text(each, area));

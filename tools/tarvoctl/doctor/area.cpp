@@ -1,80 +1,129 @@
+#include "area/check.hpp"
 #include "area/check_record.hpp"
+#include "area/repair.hpp"
 #include "doctor/diagnosis.hpp"
 #include "failure.hpp"
 #include "host/area_source.hpp"
-#include "shared/paths.hpp"
+#include "output/place_text.hpp"
+#include "output/text.hpp"
 
+#include <algorithm>
 #include <fmt/format.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 namespace tarvoctl {
 
 namespace {
 
-constexpr const char* look_closer = "tarvoctl check tells all; tarvoctl repair mends what it can";
+verdict verdict_of(finding_class cls) {
+    switch (cls) {
+    case finding_class::broken:
+        return verdict::error;
+    case finding_class::leaked:
+        return verdict::warning;
+    default: // what the library works on with
+        return verdict::note;
+    }
+}
 
-void compare_regions(const dma_window& in_area, const site& here, health_report& report) {
+/// Of an area whose bounds can be read; those that cannot are among the findings.
+void report_region(const dma_window& in_area, bool is_another, const site& here,
+                   health_report& report) {
     const auto expected = here.region();
     const std::string text =
         fmt::format("made for the region {:#x} to {:#x}", in_area.first_pa, in_area.end_pa - 1);
     if (!expected) {
         report.add(verdict::note, here.area, text + "; what this machine has is not known");
-    } else if (expected->first_pa != in_area.first_pa || expected->end_pa != in_area.end_pa) {
+    } else if (is_another) {
         report.add(verdict::error, here.area,
                    fmt::format("{}, but this machine has {:#x} to {:#x}: it is left over from "
                                "another region, and the library does not notice",
                                text, expected->first_pa, expected->end_pa - 1),
                    fmt::format("end all programs that use it, then rm {}", here.area));
-        report.set_damaged();
     } else {
         report.add(verdict::ok, here.area, text + ", which is this machine's");
     }
 }
 
-void diagnose_surface(const shared_area_t& area, const site& here, health_report& report) {
-    if (has_lost_flag(area)) {
-        report.add(verdict::error, here.area,
-                   "holds chunks or devices, yet says that it was not built: the next program that "
-                   "starts builds it anew, and they are lost",
-                   "tarvoctl repair, before any program that uses the library is started");
-        report.set_damaged();
-        return;
+void report_findings(const std::vector<finding>& findings, const shared_area_t& area,
+                     const site& here, health_report& report) {
+    const std::string fix = advice_on(findings, area);
+    for (const finding& each : findings) {
+        const verdict how = verdict_of(each.cls);
+        const std::string more =
+            each.unlisted == 0 ? "" : fmt::format("; and {} more like it", each.unlisted);
+        report.add(how, here.area, finding_text(each, area) + more,
+                   how == verdict::note ? "" : fix);
     }
-    if (area.initialized == 0) {
+}
+
+/// The rules of check, the first finding of each.
+void diagnose_records(const shared_area_t& area, const site& here, health_report& report) {
+    check_options options = options_here(here);
+    options.listed_per_rule = 1;
+    const auto findings = check_area(area, options);
+    const bool is_another = is_of_another_region(findings);
+    if (has_class(findings, finding_class::broken)) {
+        report.set_damaged();
+    }
+    if (const auto in_area = region_in(area.chunks)) {
+        report_region(*in_area, is_another, here, report);
+    }
+    if (!is_another) { // which alone decides what is done
+        report_findings(findings, area, here, report);
+    }
+}
+
+void diagnose_devices(const picture& records, health_report& report) {
+    const bool any_online = std::any_of(records.devices.begin(), records.devices.end(),
+                                        [](const device_record& each) { return each.online; });
+    for (const device_record& each : records.devices) {
+        if (!each.online) {
+            const std::string name = device_text(each);
+            report.add(verdict::warning, name,
+                       any_online ? "is offline: no chunk made from now on is mapped for it"
+                                  : "is offline, and no other device is online: no chunk made from "
+                                    "now on is mapped for any",
+                       fmt::format("tarvoctl register {0}; where it is gone for good, tarvoctl "
+                                   "unregister {0}",
+                                   name));
+        }
+    }
+}
+
+void diagnose_whole(const site& here, health_report& report) {
+    area_source source;
+    source.lock = lock_use::none;
+    const area_copy area = read_area(source);
+    report.set_readable();
+    if (!area.consistent) {
         report.add(verdict::note, here.area,
-                   "not built yet: the first program that starts does it");
+                   "changes all the time: the records were not checked; tarvoctl check waits for "
+                   "the lock");
         return;
     }
-    const auto in_area = region_in(area.chunks);
-    if (!in_area) {
-        report.add(verdict::error, here.area,
-                   "the two records that bound the region are damaged: programs that use the "
-                   "library end by an assertion",
-                   look_closer);
-        report.set_damaged();
-        return;
+    diagnose_records(*area, here, report);
+    if (area->initialized != 0) {
+        diagnose_devices(picture_of(*area), report);
     }
-    compare_regions(*in_area, here, report);
 }
 
 } // namespace
 
 void diagnose_area(const site& here, health_report& report) {
     struct stat file {};
-    // What is missing or too short was told with the files.
-    if (::stat(here.area.c_str(), &file) != 0 ||
+    // What is missing, no plain file or too short was told with the files.
+    if (::stat(here.area.c_str(), &file) != 0 || !S_ISREG(file.st_mode) ||
         file.st_size < static_cast<off_t>(sizeof(shared_area_t))) {
-        if (here.simulation)
+        if (here.simulation) {
             report.set_readable();
+        }
         return;
     }
     try {
-        const area_copy area = read_area_file(here.area);
-        report.set_readable();
-        diagnose_surface(*area, here, report);
+        diagnose_whole(here, report);
     } catch (const failure& wrong) {
-        report.add(verdict::error, here.area, wrong.what(), "run it as root");
+        report.add(verdict::error, here.area, wrong.what(), run_as_root);
     }
 }
 

@@ -48,8 +48,8 @@ void diagnose_selection(const site& here, health_report& report);
 void diagnose_files(const site& here, health_report& report);
 /// The region driver, the IOMMU driver, and access to physical memory. Writes nothing.
 void diagnose_drivers(const site& here, health_report& report);
-/// The area's surface: built, long enough, and of this region. Takes no lock: what is read here
-/// never changes once the area is built.
+/// The area: the rules of check, whether it is of this region, and whether its devices are online.
+/// Takes no lock, which is looked at elsewhere: reads until two readings are alike.
 void diagnose_area(const site& here, health_report& report);
 /// The lock: who has it, and whether all users of the area take the same one.
 void diagnose_users(const site& here, health_report& report);
