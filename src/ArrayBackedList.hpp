@@ -64,6 +64,12 @@ struct ArrayBackedList {
         return static_cast<int>(idx);
     }
 
+    /// The element at `idx` where there must be one: -1 is out of range, too.
+    T* at(int idx) {
+        LIST_ASSERT(idx != none, "idx >= 0 && idx < MAX", 159);
+        return arr_elem(idx);
+    }
+
     /// The element that `e` links to, without asking whether `e` is the tail.
     T* get_next(T* e) { return arr_elem(e->next); }
 
@@ -95,7 +101,7 @@ struct ArrayBackedList {
     void insert_after(T* cur, T* new_elem) {
         LIST_ASSERT(cur->allocated && new_elem->allocated, "cur->allocated && new_elem->allocated",
                     49);
-        T* following = get_next(cur);
+        T* following = at(cur->next);
         set_next(new_elem, following);
         set_next(cur, new_elem);
         set_prev(new_elem, cur);
@@ -122,13 +128,13 @@ struct ArrayBackedList {
     /// Unlinks `cur`, which keeps its links and its flag until it is freed.
     void remove(T* cur) {
         LIST_ASSERT(cur->allocated, "cur->allocated", 100);
+        T* before = at(cur->prev);
+        T* behind = at(cur->next);
         if (is_head(cur)) {
             remove_from_front(cur);
         } else if (is_tail(cur)) {
             _tail = cur->prev;
         }
-        T* before = arr_elem(cur->prev);
-        T* behind = arr_elem(cur->next);
         set_next(before, behind);
         set_prev(behind, before);
     }

@@ -141,7 +141,7 @@ int unmap_chunk_all_devs(dma_chunk_t* chunk) {
     int result = 0;
     iommu_dev_ref* ref = chunk->devs.arr_elem(chunk->devs._head);
     while (ref != nullptr) {
-        iommu_dev_t* dev = shm_base->devices.arr_elem(ref->dev);
+        iommu_dev_t* dev = shm_base->devices.at(ref->dev);
         if (dev->online && send_for_chunk("unmap", chunk, dev) == outcome::refused) {
             report_refusal("unmapping");
             result = -1;

@@ -112,8 +112,8 @@ bool attach_shared_area(uint32_t area_bytes) {
     if (!shm_base->initialized) {
         return build_shared_area(area_bytes);
     }
-    dma_chunk_head = dma_chunks->arr_elem(dma_chunks->_head);
-    dma_chunk_tail = dma_chunks->arr_elem(dma_chunks->_tail);
+    dma_chunk_head = dma_chunks->at(dma_chunks->_head);
+    dma_chunk_tail = dma_chunks->at(dma_chunks->_tail);
     return true;
 }
 

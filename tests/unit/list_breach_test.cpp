@@ -22,6 +22,8 @@ using testing::KilledBySignal;
 #ifdef __clang__
 constexpr const char* arr_elem_signature =
     "T *ArrayBackedList<small_element, 5>::arr_elem(int) [T = small_element, MAX = 5]";
+constexpr const char* at_signature =
+    "T *ArrayBackedList<small_element, 5>::at(int) [T = small_element, MAX = 5]";
 constexpr const char* index_signature =
     "int ArrayBackedList<small_element, 5>::index(T *) [T = small_element, MAX = 5]";
 constexpr const char* next_signature =
@@ -42,6 +44,8 @@ constexpr const char* check_visited_signature =
 #else
 constexpr const char* arr_elem_signature =
     "T* ArrayBackedList<T, MAX>::arr_elem(int) [with T = small_element; int MAX = 5]";
+constexpr const char* at_signature =
+    "T* ArrayBackedList<T, MAX>::at(int) [with T = small_element; int MAX = 5]";
 constexpr const char* index_signature =
     "int ArrayBackedList<T, MAX>::index(T*) [with T = small_element; int MAX = 5]";
 constexpr const char* next_signature =
@@ -68,6 +72,7 @@ std::string message(int line, const std::string& signature, const std::string& e
 }
 
 const std::string bad_index_message = message(159, arr_elem_signature, "idx >= 0 && idx < MAX");
+const std::string missing_link_message = message(159, at_signature, "idx >= 0 && idx < MAX");
 const std::string stray_pointer_message = message(154, index_signature, "idx >= 0 && idx < MAX");
 
 #define EXPECT_ABORT(statement, text)                                                              \
@@ -87,6 +92,13 @@ TEST(list_arr_elem_ends_the_process, ForTheGreatestAndTheLeastIndex) {
     small_list list = fresh_list();
     EXPECT_ABORT(list.arr_elem(INT32_MAX), bad_index_message);
     EXPECT_ABORT(list.arr_elem(INT32_MIN), bad_index_message);
+}
+
+TEST(list_at_ends_the_process, ForMinusOneAsForAnyOtherIndexOutOfRange) {
+    small_list list = fresh_list();
+    EXPECT_EQ(list.at(4), &list._arr[4]);
+    EXPECT_ABORT(list.at(-1), missing_link_message);
+    EXPECT_ABORT(list.at(5), bad_index_message);
 }
 
 TEST(list_index_ends_the_process, ForPointersNextToTheStorage) {
@@ -154,6 +166,12 @@ TEST(list_insert_after_ends_the_process, ForALinkOutOfRange) {
     EXPECT_ABORT(list.insert_after(&list._arr[0], list.alloc()), bad_index_message);
 }
 
+TEST(list_insert_after_ends_the_process, ForALinkThatIsMissing) {
+    small_list list = list_with(2);
+    list._arr[0].next = -1;
+    EXPECT_ABORT(list.insert_after(&list._arr[0], list.alloc()), missing_link_message);
+}
+
 TEST(list_append_ends_the_process, WhenOnlyOneEndIsSet) {
     const std::string text = message(88, append_signature, "_head != -1 && _tail != -1");
     small_list headless = list_with(2);
@@ -185,6 +203,14 @@ TEST(list_remove_ends_the_process, ForALinkOutOfRange) {
     small_list list = list_with(3);
     list._arr[1].prev = 5;
     EXPECT_ABORT(list.remove(&list._arr[1]), bad_index_message);
+}
+
+TEST(list_remove_ends_the_process, ForALinkThatIsMissing) {
+    small_list list = list_with(3);
+    list._arr[1].prev = -1;
+    EXPECT_ABORT(list.remove(&list._arr[1]), missing_link_message);
+    list._arr[2].next = -1;
+    EXPECT_ABORT(list.remove(&list._arr[2]), missing_link_message);
 }
 
 TEST(list_alloc_ends_the_process, WhenTheFreeChainHoldsAnElementInUse) {
