@@ -2,6 +2,10 @@
 
 #include "assertion.hpp"
 
+#include <array>
+#include <atomic>
+#include <bit>
+#include <cstddef>
 #include <cstdint>
 #include <cstring>
 #include <type_traits>
@@ -20,6 +24,11 @@
 /// linked through `next` alone. The list is circular, but next() stops at the tail.
 ///
 /// A breach of these rules ends the process. Whoever shares the bytes holds a lock for every call.
+///
+/// A process can die between any two stores, and others then go on with what it has left. So stores
+/// have an order: an element is whole before anything leads to it, its `prev` is right before a
+/// `next` leads to it and until none does any more, and a walk never gets past the tail. What is
+/// left is at worst an element that is lost, but for two moments, which tarvo(7) names.
 template <typename T, int MAX>
 struct ArrayBackedList {
     T _arr[MAX];
@@ -103,26 +112,32 @@ struct ArrayBackedList {
                     49);
         T* following = at(cur->next);
         set_next(new_elem, following);
-        set_next(cur, new_elem);
         set_prev(new_elem, cur);
+        before_what_follows();
+        set_next(cur, new_elem);
+        before_what_follows();
         set_prev(following, new_elem);
         if (is_tail(cur)) {
+            before_what_follows();
             _tail = index(new_elem);
         }
     }
 
     /// Links `e` at the end.
     void append(T* e) {
-        if (_head == none && _tail == none) {
-            _head = index(e);
-            _tail = _head;
-        }
-        LIST_ASSERT(_head != none && _tail != none, "_head != -1 && _tail != -1", 88);
-        set_prev(e, arr_elem(_tail));
-        set_next(arr_elem(_tail), e);
-        set_next(e, arr_elem(_head));
-        set_prev(arr_elem(_head), e);
-        _tail = index(e);
+        const int idx = index(e);
+        const bool is_first = _head == none && _tail == none;
+        LIST_ASSERT(is_first || (_head != none && _tail != none), "_head != -1 && _tail != -1", 88);
+        T* last = is_first ? e : at(_tail);
+        T* first = is_first ? e : at(_head);
+        set_prev(e, last);
+        set_next(e, first);
+        before_what_follows();
+        set_prev(first, e);
+        before_what_follows();
+        set_next(last, e);
+        before_what_follows();
+        set_ends(is_first ? idx : _head, idx);
     }
 
     /// Unlinks `cur`, which keeps its links and its flag until it is freed.
@@ -135,8 +150,10 @@ struct ArrayBackedList {
         } else if (is_tail(cur)) {
             _tail = cur->prev;
         }
-        set_next(before, behind);
+        before_what_follows();
         set_prev(behind, before);
+        before_what_follows();
+        set_next(before, behind);
     }
 
     /// Takes the first element off the free chain and marks it; the caller links it. The caller
@@ -146,6 +163,7 @@ struct ArrayBackedList {
         T* chunk = arr_elem(_free);
         LIST_ASSERT(!chunk->allocated, "!chunk->allocated", 126);
         _free = chunk->next;
+        before_what_follows();
         chunk->allocated = 1;
         return chunk;
     }
@@ -155,12 +173,14 @@ struct ArrayBackedList {
         LIST_ASSERT(cur->allocated, "cur->allocated", 141);
         std::memset(static_cast<void*>(cur), 0, sizeof(T));
         cur->next = _free;
+        before_what_follows();
         _free = index(cur);
     }
 
     /// Unlinks `cur` and frees it.
     void erase(T* cur) {
         remove(cur);
+        before_what_follows();
         free(cur);
     }
 
@@ -192,6 +212,17 @@ struct ArrayBackedList {
     iterator end() { return {}; }
 
   private:
+    /// Holds the compiler to the order of stores. The processor needs no telling: whatever a process
+    /// had stored when it died is there for the others.
+    static void before_what_follows() { std::atomic_signal_fence(std::memory_order_seq_cst); }
+
+    /// Stores both ends at once, where the machine can: a list with only one of them is a breach.
+    void set_ends(int32_t head, int32_t tail) {
+        using both [[gnu::aligned(alignof(int32_t)), gnu::may_alias]] = uint64_t;
+        char* ends = reinterpret_cast<char*>(this) + offsetof(ArrayBackedList, _head);
+        *reinterpret_cast<volatile both*>(ends) = std::bit_cast<uint64_t>(std::array{head, tail});
+    }
+
     static uint64_t address(const T* e) { return reinterpret_cast<std::uintptr_t>(e); }
 
     bool is_head(T* cur) { return cur == arr_elem(_head); }
@@ -199,8 +230,7 @@ struct ArrayBackedList {
 
     void remove_from_front(T* cur) {
         if (is_tail(cur)) {
-            _head = none;
-            _tail = none;
+            set_ends(none, none);
         } else {
             _head = cur->next;
         }

@@ -6,17 +6,20 @@
 #include <cstring>
 #include <map>
 #include <memory>
+#include <optional>
+#include <set>
 
 // The library as it was built here, stepped through one instruction at a time inside its lock, in a
 // sandbox. What the area file holds between two instructions is what a process that dies there
 // leaves, whatever kills it: the file is mapped shared, and nothing of it is kept elsewhere. So this
-// shows that every death of this build in these calls can be repaired; area_death_test.cpp shows it
-// for other orders of the same stores.
+// shows that every death of this build in these calls can be repaired, and what others meet who go
+// on without a repair; area_death_test.cpp shows the first for other orders of the same stores.
 
 namespace {
 
 using tarvoctl::repair_plan;
 using testing::Contains;
+using testing::ElementsAre;
 using testing::IsEmpty;
 
 /// The elements that the small lists of these tests use.
@@ -48,11 +51,13 @@ chunk_records records_of(const area_view& area) {
 
 class area_stepped : public testing::Test {
   protected:
+    /// Three chunks with room for one more between the first two, and two devices.
     area_stepped() {
         client builder = machine.start();
-        for (const char* name : {"low", "middle", "high"}) {
+        for (const char* name : {"low", "room", "middle", "high"}) {
             builder.alloc(name, 0x1000);
         }
+        builder.free("room");
         builder.register_device(0, 3, 8);
         builder.register_device(0, 4, 16);
         builder.finish();
@@ -80,6 +85,31 @@ class area_stepped : public testing::Test {
         RecordProperty("stores", static_cast<int>(stores));
         RecordProperty("judged", static_cast<int>(judged));
         EXPECT_THAT(serious(tarvoctl::check_area(copy.record())), IsEmpty());
+    }
+
+    /// What each store of a call that touches a link leaves, as deaths would.
+    std::vector<std::vector<uint8_t>> states_of(const std::string& command) {
+        std::vector<std::vector<uint8_t>> states;
+        client stepped = machine.start({"limits"});
+        area_stepper stepper(stepped, machine.lock_file());
+        EXPECT_TRUE(stepper.step(command, [&] {
+            if (concerns_links(take_over_changes())) {
+                states.push_back(bytes_in_windows());
+            }
+            return area_stepper::verdict::go_on;
+        }));
+        stepped.reply();
+        return states;
+    }
+
+    /// Has the file hold such a state.
+    void leave(const std::vector<uint8_t>& state) {
+        auto* live = const_cast<uint8_t*>(file->view().bytes().data());
+        auto bytes = state.begin();
+        for (const window& part : windows_) {
+            std::copy_n(bytes, part.bytes, live + part.offset);
+            bytes += static_cast<std::ptrdiff_t>(part.bytes);
+        }
     }
 
     /// Kills processes in the middle of calls, early and late, repairs the file itself after each
@@ -134,6 +164,15 @@ class area_stepped : public testing::Test {
         }
         stores += changes.empty() ? 0 : 1;
         return changes;
+    }
+
+    std::vector<uint8_t> bytes_in_windows() const {
+        std::vector<uint8_t> bytes;
+        for (const window& part : windows_) {
+            const uint8_t* live = file->view().bytes().data() + part.offset;
+            bytes.insert(bytes.end(), live, live + part.bytes);
+        }
+        return bytes;
     }
 
     /// Whether one is a link or flag of a chunk or of one of its first references, or an end, or
@@ -223,6 +262,145 @@ TEST_F(area_stepped, UnregisteringIsRepairedBehindEveryStore) {
 TEST_F(area_stepped, ProcessesDieAndOthersGoOn) {
     die_again_and_again(
         {"free \"low\"", "register 0 5 0", "alloc \"low\" 4096 \"test\"", "unregister 0 5 0"});
+}
+
+/// Those who go on, without a repair, where a process has died. Chunks are of one page.
+class survivors {
+  public:
+    survivors(sandbox& machine, const chunk_records& settled) : _machine(machine) {
+        for (const auto& [name, record] : settled) {
+            if (!name.starts_with("__")) {
+                _chunks[name] = low.dma(std::get<uint64_t>(record));
+            }
+        }
+    }
+
+    /// What goes wrong when they make these calls one after the other; empty when nothing does.
+    std::string harm_of(const std::vector<std::string>& calls) {
+        std::map<std::string, uint32_t> chunks = _chunks;
+        try {
+            for (const std::string& call : calls) {
+                const std::string harm = make(call, chunks);
+                if (!harm.empty()) {
+                    return harm;
+                }
+            }
+            for (const auto& [name, dma] : chunks) {
+                if (_user->find(dma).name != name) {
+                    return name + " is lost";
+                }
+            }
+        } catch (const std::exception&) {
+            _user.emplace(_machine.start());
+            return "a process ends";
+        }
+        return "";
+    }
+
+  private:
+    std::string make(const std::string& call, std::map<std::string, uint32_t>& chunks) {
+        const std::size_t blank = call.find(' ');
+        const std::string name = call.substr(blank + 1);
+        if (call.starts_with("get ")) {
+            const uint32_t dma = _user->alloc(name, 0x1000);
+            for (const auto& [other, taken] : chunks) {
+                if (taken == dma && other != name) {
+                    return name + " gets the memory of " + other;
+                }
+            }
+            const auto known = chunks.emplace(name, dma).first;
+            return dma != 0 && known->second == dma ? "" : name + " is not what it was";
+        }
+        if (call.starts_with("free ")) {
+            chunks.erase(name);
+        }
+        const std::string reply =
+            call == "dump" ? std::to_string(_user->dump().size()) : _user->call(call);
+        return call.starts_with("register") && reply != "0" ? "no device is registered" : "";
+    }
+
+    sandbox& _machine;
+    std::optional<client> _user = _machine.start();
+    std::map<std::string, uint32_t> _chunks; ///< those that must be found, by DMA address
+};
+
+/// What those do who survive a death while `made` was made or freed.
+std::vector<std::vector<std::string>> lives_after(const std::string& made) {
+    std::vector<std::vector<std::string>> lives{
+        {"dump"},
+        {"get other", "free other", "get other"},
+        {"free " + made, "get other", "get more"},
+        {"get " + made, "free " + made, "get other", "get " + made},
+        {"register 0 9 0", "unregister 0 9 0", "register 0 9 0"},
+        {"unregister 0 3 8", "register 0 9 0", "unregister 0 4 16", "register 0 3 8"},
+        {"unregister 0 4 16", "unregister 0 3 8", "register 0 9 0", "register 0 3 8", "dump"},
+    };
+    for (const char* neighbour : {"low", "middle", "high"}) {
+        if (neighbour != made) {
+            const std::string freed = std::string("free ") + neighbour;
+            lives.push_back({freed, "get other", "get more", "get " + std::string(neighbour)});
+            lives.push_back({"get " + made, freed, "get other", "get more"});
+            lives.push_back({"free " + made, freed, "get other", "get more"});
+        }
+    }
+    return lives;
+}
+
+class area_survived : public area_stepped {
+  protected:
+    /// The harm that deaths in this call do, each with what the survivors did.
+    std::set<std::string> harm_of_deaths(const std::string& command, const std::string& made) {
+        const auto states = states_of(command);
+        EXPECT_GT(states.size(), 5U);
+        settled.erase(made);
+        survivors others(machine, settled);
+        std::set<std::string> harms;
+        for (const auto& state : states) {
+            for (const auto& calls : lives_after(made)) {
+                leave(state);
+                const std::string harm = others.harm_of(calls);
+                if (!harm.empty()) {
+                    harms.insert(harm + " after " + testing::PrintToString(calls));
+                }
+            }
+        }
+        return harms;
+    }
+};
+
+// A chunk to which only its left neighbour leads goes with the right one. tarvo(7) says so.
+TEST_F(area_survived, DeathsWhileAChunkIsMadeButForOneStore) {
+    EXPECT_THAT(harm_of_deaths("alloc \"newcomer\" 4096 \"test\"", "newcomer"),
+                ElementsAre("other gets the memory of newcomer after { \"get newcomer\", \"free "
+                            "middle\", \"get other\", \"get more\" }"));
+}
+
+TEST_F(area_survived, DeathsWhileAChunkIsFreedButForOneStore) {
+    EXPECT_THAT(harm_of_deaths("free \"middle\"", "middle"),
+                ElementsAre("more gets the memory of middle after { \"get middle\", \"free high\", "
+                            "\"get other\", \"get more\" }"));
+}
+
+TEST_F(area_survived, DeathsWhileADeviceIsRegistered) {
+    EXPECT_THAT(harm_of_deaths("register 0 5 0", "newcomer"), IsEmpty());
+}
+
+TEST_F(area_survived, DeathsWhileTheFirstDeviceIsRegistered) {
+    machine.start({"unregister 0 3 8", "unregister 0 4 16"}).finish();
+    EXPECT_THAT(harm_of_deaths("register 0 5 0", "newcomer"), IsEmpty());
+}
+
+TEST_F(area_survived, DeathsWhileTheFirstDeviceIsForgotten) {
+    EXPECT_THAT(harm_of_deaths("unregister 0 3 8", "newcomer"), IsEmpty());
+}
+
+TEST_F(area_survived, DeathsWhileTheLastDeviceIsForgotten) {
+    EXPECT_THAT(harm_of_deaths("unregister 0 4 16", "newcomer"), IsEmpty());
+}
+
+TEST_F(area_survived, DeathsWhileTheOnlyDeviceIsForgotten) {
+    machine.start({"unregister 0 3 8"}).finish();
+    EXPECT_THAT(harm_of_deaths("unregister 0 4 16", "newcomer"), IsEmpty());
 }
 
 } // namespace
