@@ -11,7 +11,7 @@ function __tarvoctl_options
 end
 
 function __tarvoctl_chunks
-    tarvoctl list --columns name --no-header --timeout 0.2 2>/dev/null | sed 's/ \*$//' | sort -u
+    tarvoctl list --columns name --no-header --timeout 0.2 2>/dev/null | sort -u
 end
 
 function __tarvoctl_devices

@@ -49,7 +49,7 @@ TEST_F(Bytes, AreSeenByOtherProcesses) {
 TEST_F(Bytes, FillTakesTheWholeChunkWhereNothingElseIsSaid) {
     const auto outcome = tarvoctl(machine, {"fill", "rx_ring", "65"});
     EXPECT_EQ(outcome.status, 0);
-    EXPECT_EQ(outcome.output, "rx_ring: wrote 8192 bytes at offset 0x0\n");
+    EXPECT_EQ(outcome.output, "rx_ring: wrote 8 KiB at offset 0x0\n");
     EXPECT_EQ(tarvoctl(machine, {"read", "rx_ring", "--raw"}).output, std::string(0x2000, 'A'));
 }
 
@@ -106,7 +106,7 @@ class Addresses : public ::testing::Test {
 TEST_F(Addresses, FindTellsTheChunkAndTheOffset) {
     const auto found = tarvoctl(machine, {"find", "0x20001004"});
     EXPECT_EQ(found.status, 0);
-    EXPECT_EQ(found.output, "DMA 0x20001004 is in 'rx_ring', offset 0x1004 of 0x2000\n");
+    EXPECT_EQ(found.output, "DMA 0x20001004 is in 'rx_ring', offset 0x1004 of 8 KiB\n");
     const auto document = json_of(tarvoctl(machine, {"find", "0x20001004", "--json"}));
     EXPECT_EQ(document.at("chunk").at("name"), "rx_ring");
     EXPECT_EQ(document.at("offset"), 0x1004);
@@ -137,13 +137,13 @@ TEST_F(Addresses, FindAgreesWithTheLibrary) {
 
 TEST_F(Addresses, TranslateTakesBothKinds) {
     const std::string expected =
-        "DMA 0x20001004, physical 0x200001004, in 'rx_ring', offset 0x1004 of 0x2000\n";
+        "DMA 0x20001004, physical 0x0200001004, in 'rx_ring', offset 0x1004 of 8 KiB\n";
     EXPECT_EQ(tarvoctl(machine, {"translate", "0x20001004"}).output, expected);
     EXPECT_EQ(tarvoctl(machine, {"translate", "0x200001004"}).output, expected);
     EXPECT_EQ(tarvoctl(machine, {"translate", "0x20001004", "--dma"}).output, expected);
     EXPECT_EQ(tarvoctl(machine, {"translate", "8589938692", "--pa"}).output, expected);
     EXPECT_EQ(tarvoctl(machine, {"translate", "0x23fffffff"}).output,
-              "DMA 0x5fffffff, physical 0x23fffffff, in no chunk\n");
+              "DMA 0x5fffffff, physical 0x023fffffff, in no chunk\n");
 }
 
 TEST_F(Addresses, TranslateAgreesWithTheLibrary) {
@@ -154,7 +154,7 @@ TEST_F(Addresses, TranslateAgreesWithTheLibrary) {
 
 TEST_F(Addresses, OutsideTheRegionIsAUsageErrorThatTellsTheRegion) {
     const std::string region = " is not in the region; the region is DMA 0x20000000-0x5fffffff, "
-                               "physical 0x200000000-0x23fffffff\n";
+                               "physical 0x0200000000-0x023fffffff\n";
     const auto message = [&](const std::vector<std::string>& words) {
         const auto outcome = tarvoctl(machine, words);
         EXPECT_EQ(outcome.status, 2);
@@ -180,9 +180,9 @@ TEST(AmbiguousAddress, IsAskedAbout) {
     EXPECT_EQ(outcome.errors,
               "tarvoctl: 0x30000000 is a DMA address and a physical one; say --dma or --pa\n");
     EXPECT_EQ(tarvoctl(machine, {"translate", "0x30000000", "--pa"}).output,
-              "DMA 0x20000000, physical 0x30000000, in 'a', offset 0x0 of 0x1000\n");
+              "DMA 0x20000000, physical 0x0030000000, in 'a', offset 0x0 of 4 KiB\n");
     EXPECT_EQ(tarvoctl(machine, {"translate", "0x30000000", "--dma"}).output,
-              "DMA 0x30000000, physical 0x40000000, in no chunk\n");
+              "DMA 0x30000000, physical 0x0040000000, in no chunk\n");
 }
 
 class Limits : public ::testing::TestWithParam<world> {};
@@ -206,9 +206,9 @@ TEST(LimitsText, TellsBothRangesAndTheSize) {
     sandbox machine(crossing);
     machine.start().limits();
     EXPECT_EQ(tarvoctl(machine, {"limits"}).output, "DMA          0x20000000-0x3fffffff\n"
-                                                    "physical     0xf0000000-0x10fffffff\n"
-                                                    "size         536870912 (512M)\n"
-                                                    "bookkeeping  70131712\n");
+                                                    "physical     0x00f0000000-0x010fffffff\n"
+                                                    "size         512 MiB (536870912 bytes)\n"
+                                                    "bookkeeping  68488 KiB (70131712 bytes)\n");
 }
 
 TEST(Read, TellsAtATerminalHowFarItIsWhenThatTakesLong) {
@@ -225,7 +225,7 @@ TEST(Read, TellsAtATerminalHowFarItIsWhenThatTakesLong) {
         {"sh", "-c", "\"$0\" read long 2>\"$1\" | { sleep 1.5; cat >/dev/null; }", TARVOCTL,
          screen.name()});
     EXPECT_EQ(tool.wait(), normal_end);
-    EXPECT_NE(screen.output_with("\x1b[K").find(" % of 4194304 bytes"), std::string::npos);
+    EXPECT_NE(screen.output_with("\x1b[K").find(" % of 4 MiB"), std::string::npos);
     // A program that reads standard error has nothing of it.
     EXPECT_EQ(tarvoctl(machine, {"read", "long"}).errors, "");
 }

@@ -20,12 +20,12 @@ TEST(Alloc, MakesAChunkOnceAndSharesItThen) {
     sandbox machine(high);
     const auto made = tarvoctl(machine, {"alloc", "rx_ring", "64K", "--creator", "shell"});
     EXPECT_EQ(made.status, 0);
-    EXPECT_EQ(made.output, "rx_ring: new, 65536 bytes at DMA 0x20000000, physical 0x200000000\n");
+    EXPECT_EQ(made.output, "rx_ring: new, 64 KiB at DMA 0x20000000, physical 0x0200000000\n");
     EXPECT_EQ(made.errors, "");
     const auto shared = tarvoctl(machine, {"alloc", "rx_ring", "65535"});
     EXPECT_EQ(shared.status, 0);
-    EXPECT_EQ(shared.output, "rx_ring: shared, it was there, 65536 bytes at DMA 0x20000000, "
-                             "physical 0x200000000\n");
+    EXPECT_EQ(shared.output, "rx_ring: shared, it was there, 64 KiB at DMA 0x20000000, "
+                             "physical 0x0200000000\n");
     const auto chunks = machine.area().view().chunks();
     ASSERT_EQ(chunks.size(), 3);
     EXPECT_EQ(chunks[1].creator, "shell");
@@ -47,13 +47,13 @@ TEST(Alloc, AnotherSizeOfANameNeedsToBeAskedFor) {
     driver.alloc("stats", 0x1000);
     const auto refused = tarvoctl(machine, {"alloc", "stats", "8K"});
     EXPECT_EQ(refused.status, 2);
-    EXPECT_EQ(refused.errors,
-              "tarvoctl: there is a chunk 'stats' of 4096 bytes, not 8192; ask for that size, or "
-              "for a second chunk of the name with --duplicate\n");
+    EXPECT_EQ(refused.errors, "tarvoctl: there is a chunk 'stats' of 4 KiB (4096 bytes), not 8 KiB "
+                              "(8192 bytes); ask for that size, or "
+                              "for a second chunk of the name with --duplicate\n");
     EXPECT_EQ(machine.area().view().chunks().size(), 3);
     const auto made = tarvoctl(machine, {"alloc", "stats", "8K", "--duplicate"});
     EXPECT_EQ(made.status, 0);
-    EXPECT_EQ(made.output, "stats: new, 8192 bytes at DMA 0x80001000, physical 0x80001000\n");
+    EXPECT_EQ(made.output, "stats: new, 8 KiB at DMA 0x80001000, physical 0x0080001000\n");
     EXPECT_EQ(made.errors, "tarvo: find_chunk_desc() size mismatch, see tarvo\n\n");
 }
 
@@ -90,8 +90,8 @@ TEST(Alloc, MoreThanTwoGibibytesIsRefusedWhileADeviceIsOnline) {
     driver.register_device(0, 3, 0);
     const auto outcome = tarvoctl(machine, {"alloc", "big", "0x80000001"});
     EXPECT_EQ(outcome.status, 2);
-    EXPECT_EQ(outcome.errors, "tarvoctl: SIZE: 2147487744 bytes cannot be mapped for 0000:03:00.0, "
-                              "which is online; devices see chunks of at most 2147483648 bytes\n");
+    EXPECT_EQ(outcome.errors, "tarvoctl: SIZE: 2097156 KiB cannot be mapped for 0000:03:00.0, "
+                              "which is online; devices see chunks of at most 2 GiB\n");
 }
 
 TEST(Alloc, TellsHowMuchRoomThereIsWhenThereIsTooLittle) {
@@ -100,10 +100,9 @@ TEST(Alloc, TellsHowMuchRoomThereIsWhenThereIsTooLittle) {
     driver.alloc("a", 0x1000);
     const auto outcome = tarvoctl(machine, {"alloc", "big", "256M"});
     EXPECT_EQ(outcome.status, 1);
-    EXPECT_EQ(
-        outcome.errors,
-        "tarvoctl: no room for 268435456 bytes: the largest gap has 268431360 bytes, all gaps "
-        "together 268431360; see 'tarvoctl map'\n");
+    EXPECT_EQ(outcome.errors,
+              "tarvoctl: no room for 256 MiB: the largest gap has 262140 KiB, all gaps together "
+              "262140 KiB; see 'tarvoctl map'\n");
 }
 
 TEST(Alloc, TellsThatTheKernelGaveNothing) {
@@ -111,7 +110,7 @@ TEST(Alloc, TellsThatTheKernelGaveNothing) {
     machine.start().limits();
     const auto outcome = tarvoctl(machine, {"alloc", "a", "4K"});
     EXPECT_EQ(outcome.status, 1);
-    EXPECT_NE(outcome.errors.find("tarvoctl: the kernel driver gave no place for 4096 bytes\n"),
+    EXPECT_NE(outcome.errors.find("tarvoctl: the kernel driver gave no place for 4 KiB\n"),
               std::string::npos)
         << outcome.errors;
 }
@@ -155,9 +154,9 @@ TEST(Alloc, AChunkOutsideTheRegionIsNotHandedToTheLibrary) {
     machine.writable_area().writer().u64(area_offset::chunk(2) + area_offset::pa, 0x1000);
     const auto outcome = tarvoctl(machine, {"read", "first"});
     EXPECT_EQ(outcome.status, 4);
-    EXPECT_TRUE(outcome.errors.starts_with(
-        "tarvoctl: the area is broken: chunk 2 'first' (creator test): begins at 0x1000, before "
-        "its predecessor"))
+    EXPECT_TRUE(outcome.errors.starts_with("tarvoctl: the area is broken: chunk 2 'first' (creator "
+                                           "test): begins at 0x0000001000, before "
+                                           "its predecessor"))
         << outcome.errors;
 }
 
@@ -192,7 +191,7 @@ TEST(Free, NamesWhoHasTheChunkAndRefusesWithoutATerminal) {
     EXPECT_EQ(machine.area().view().chunks().size(), 3);
     const auto forced = tarvoctl(machine, {"free", "rx_ring", "--force"});
     EXPECT_EQ(forced.status, 0);
-    EXPECT_EQ(forced.output, "rx_ring: freed, 4096 bytes at DMA 0x80000000, physical 0x80000000\n");
+    EXPECT_EQ(forced.output, "rx_ring: freed, 4 KiB at DMA 0x80000000, physical 0x0080000000\n");
     EXPECT_EQ(own_errors(forced), effects);
     EXPECT_EQ(machine.area().view().chunks().size(), 2);
 }
@@ -225,7 +224,7 @@ TEST(Free, AChunkThatNobodyHasIsFreedWithoutATerminal) {
     EXPECT_EQ(outcome.status, 0);
     EXPECT_EQ(first_column(outcome), "a: freed");
     EXPECT_EQ(own_errors(outcome),
-              "tarvoctl: 2 chunks are called 'a'; this is the lowest, at 0x80000000\n");
+              "tarvoctl: 2 chunks are called 'a'; this is the lowest, at physical 0x0080000000\n");
     EXPECT_EQ(machine.area().view().chunks().at(1).size, 0x2000);
 }
 
@@ -258,7 +257,7 @@ TEST(Free, AsksAtATerminalAndTakesOnlyYesForAYes) {
         person.type(answer);
         EXPECT_EQ(tool.program.wait(), (ending{1, 0}));
         EXPECT_TRUE(tool.program.error_text().ends_with(
-            "Free 'a', 4096 bytes? [y/N] "
+            "Free 'a', 4 KiB? [y/N] "
             "tarvoctl: nothing was changed; --force does it without asking\n"))
             << tool.program.error_text();
         EXPECT_EQ(machine.area().view().chunks().size(), 3);
@@ -267,7 +266,7 @@ TEST(Free, AsksAtATerminalAndTakesOnlyYesForAYes) {
     running_tool tool = person.start(machine, {"free", "a"});
     person.type("y\n");
     EXPECT_EQ(tool.program.wait(), normal_end);
-    person.output_with("a: freed, 4096 bytes at DMA 0x80000000, physical 0x80000000\r\n");
+    person.output_with("a: freed, 4 KiB at DMA 0x80000000, physical 0x0080000000\r\n");
     EXPECT_EQ(machine.area().view().chunks().size(), 2);
 }
 

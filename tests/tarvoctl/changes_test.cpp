@@ -36,8 +36,8 @@ TEST_F(Changes, ChunksThatGoAreToldBeforeThoseThatCome) {
                   driver.free("b");
                   driver.alloc("c", 0x2000, "you");
               }),
-              "freed         b: 4096 bytes at 0x80001000, creator me\n"
-              "allocated     c: 8192 bytes at 0x80001000, creator you\n");
+              "freed         b: 4 KiB at physical 0x0080001000, creator me\n"
+              "allocated     c: 8 KiB at physical 0x0080001000, creator you\n");
 }
 
 TEST_F(Changes, ANameAtAnotherPlaceOrOfAnotherSizeIsTheSameChunk) {
@@ -53,18 +53,18 @@ TEST_F(Changes, ANameAtAnotherPlaceOrOfAnotherSizeIsTheSameChunk) {
                   driver.alloc("c", 0x2000);
                   driver.alloc("a", 0x1000);
               }),
-              "allocated     keeper: 4096 bytes at 0x80000000, creator x\n"
-              "resized       c: from 4096 to 8192 bytes\n"
-              "moved         a: from 0x80000000 to 0x80004000\n");
+              "allocated     keeper: 4 KiB at physical 0x0080000000, creator x\n"
+              "resized       c: from 4 KiB to 8 KiB\n"
+              "moved         a: from physical 0x0080000000 to 0x0080004000\n");
 }
 
 TEST_F(Changes, OfChunksOfOneNameTheOneAtItsPlaceStaysItself) {
     driver.alloc("a", 0x1000);
     driver.alloc("a", 0x2000);
     EXPECT_EQ(told([this] { driver.free("a"); }),
-              "freed         a: 4096 bytes at 0x80000000, creator test\n");
+              "freed         a: 4 KiB at physical 0x0080000000, creator test\n");
     EXPECT_EQ(told([this] { driver.alloc("a", 0x1000); }),
-              "allocated     a: 4096 bytes at 0x80000000, creator test\n");
+              "allocated     a: 4 KiB at physical 0x0080000000, creator test\n");
 }
 
 TEST_F(Changes, AChunkOfAnotherCreatorIsAnotherChunk) {
@@ -73,8 +73,8 @@ TEST_F(Changes, AChunkOfAnotherCreatorIsAnotherChunk) {
                   driver.free("a");
                   driver.alloc("a", 0x1000, "you");
               }),
-              "freed         a: 4096 bytes at 0x80000000, creator me\n"
-              "allocated     a: 4096 bytes at 0x80000000, creator you\n");
+              "freed         a: 4 KiB at physical 0x0080000000, creator me\n"
+              "allocated     a: 4 KiB at physical 0x0080000000, creator you\n");
 }
 
 TEST_F(Changes, DevicesAreToldWithWhatTheySeeOfChunksThatStay) {
@@ -85,7 +85,7 @@ TEST_F(Changes, DevicesAreToldWithWhatTheySeeOfChunksThatStay) {
               }),
               "registered    0000:03:00.0\n"
               "mapped        a: for 0000:03:00.0\n"
-              "allocated     b: 4096 bytes at 0x80001000, creator test\n");
+              "allocated     b: 4 KiB at physical 0x0080001000, creator test\n");
     EXPECT_EQ(told([this] { driver.unregister_device(0, 3, 0); }),
               "unregistered  0000:03:00.0\n"
               "unmapped      a: for 0000:03:00.0\n"
@@ -97,7 +97,7 @@ TEST_F(Changes, ADeviceThatIsGoneGoesOfflineAndComesBack) {
     machine.add_rules({"op=map,nth=1,errno=ENODEV"});
     EXPECT_EQ(told([this] { driver.alloc("a", 0x1000); }),
               "offline       0000:03:00.0\n"
-              "allocated     a: 4096 bytes at 0x80000000, creator test\n");
+              "allocated     a: 4 KiB at physical 0x0080000000, creator test\n");
     EXPECT_EQ(told([this] { driver.register_device(0, 3, 0); }),
               "online        0000:03:00.0\n"
               "mapped        a: for 0000:03:00.0\n");

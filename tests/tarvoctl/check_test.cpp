@@ -77,7 +77,7 @@ TEST(Check, SaysWhatIsNoArea) {
     const auto outcome = tarvoctl(machine, {"check", file});
     EXPECT_EQ(outcome.status, 4);
     EXPECT_EQ(outcome.errors, "tarvoctl: " + file +
-                                  " is 5 bytes, an area takes 70130716: it is no copy of an "
+                                  " is 5 bytes, an area takes 70130716 bytes: it is no copy of an "
                                   "area, or not a whole one; 'tarvoctl snapshot' makes one\n");
     const auto missing = tarvoctl(machine, {"check", "/nowhere"});
     EXPECT_EQ(missing.status, 3);

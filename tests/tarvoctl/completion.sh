@@ -21,7 +21,7 @@ scene() {
         expect "$shell" 'tarvoctl show rx_' rx_ring rx_stats
         expect "$shell" 'tarvoctl free o' other
         expect "$shell" 'tarvoctl unregister 0000' 0000:03:00.0
-        expect "$shell" 'tarvoctl list --hu' --human
+        expect "$shell" 'tarvoctl list --by' --bytes
         expect "$shell" 'tarvoctl iommu-map --prot r' r rw
     done
     kill "$CLIENT_PID"

@@ -184,7 +184,7 @@ TEST_F(UnknownPlaces, NoPlaceIsPromisedWhereNotAllChunksCouldBeRead) {
         write.i32(area_offset::chunk(first) + area_offset::next, next);
         const auto fit = run({"map", "--fit", "4K"});
         EXPECT_EQ(fit.status, 4);
-        EXPECT_EQ(fit.output, "4096 bytes: where they would go is not known, because not all "
+        EXPECT_EQ(fit.output, "4 KiB: where it would go is not known, because not all "
                               "chunks could be read\n");
         EXPECT_TRUE(fit.errors.ends_with("see 'tarvoctl check'\n")) << fit.errors;
         const auto document = json_of(run({"map", "--fit", "4K", "--json"}));
@@ -201,10 +201,10 @@ TEST_F(UnknownPlaces, UsedMemoryIsNotDrawnAsFree) {
     EXPECT_EQ(map.status, 4);
     const auto lines = lines_of(map.output);
     ASSERT_EQ(lines.size(), 14U) << map.output;
-    EXPECT_EQ(lines[7], "0x0008e000000 |" + std::string(64, '?') + "|");
-    EXPECT_EQ(lines[9], "how much of 256M is free is not known; 1 chunk(s) could be read");
-    EXPECT_EQ(lines[12], "0x080000000    4K  first");
-    EXPECT_EQ(lines[13], "0x080001000  256M  not known");
+    EXPECT_EQ(lines[7], "0x008e000000 |" + std::string(64, '?') + "|");
+    EXPECT_EQ(lines[9], "how much of 256 MiB is free is not known; 1 chunk could be read");
+    EXPECT_EQ(lines[12], "0x0080000000       4 KiB  first");
+    EXPECT_EQ(lines[13], "0x0080001000  262140 KiB  not known");
     EXPECT_NE(run({"top"}).output.find("\nfree    not known\n"), std::string::npos);
 }
 
@@ -227,8 +227,8 @@ TEST_F(UnknownPlaces, OverlapsAreMarked) {
                           "tarvoctl: the area is damaged; see 'tarvoctl check'\n");
     const auto lines = lines_of(map.output);
     ASSERT_EQ(lines.size(), 16U) << map.output;
-    EXPECT_EQ(lines[0].substr(15, 2), "!.");
-    EXPECT_EQ(lines[13], "0x080001000    4K  OVERLAP of first and second");
+    EXPECT_EQ(lines[0].substr(14, 2), "!.");
+    EXPECT_EQ(lines[13], "0x0080001000       4 KiB  OVERLAP of first and second");
     const auto overlaps = json_of(run({"map", "--json"})).at("overlaps");
     ASSERT_EQ(overlaps.size(), 1U);
     EXPECT_EQ(overlaps[0].at("chunks"), (std::vector<std::string>{"first", "second"}));
@@ -239,8 +239,8 @@ TEST_F(UnknownPlaces, OverlapsAreMarked) {
 TEST_F(UnknownPlaces, AllOwnersOfAnAddressAreNamed) {
     overlap();
     const auto found = run({"find", "0x80001010"});
-    EXPECT_EQ(found.output, "DMA 0x80001010 is in 'first', offset 0x1010 of 0x2000, and in "
-                            "'second', offset 0x10 of 0x1000\n");
+    EXPECT_EQ(found.output, "DMA 0x80001010 is in 'first', offset 0x1010 of 8 KiB, and in "
+                            "'second', offset 0x10 of 4 KiB\n");
     const auto document = json_of(run({"translate", "--json", "0x80001010"}));
     EXPECT_EQ(document.at("chunk").at("name"), "first");
     EXPECT_EQ(document.at("also_in").at(0).at("chunk").at("name"), "second");
@@ -257,7 +257,7 @@ TEST_F(UnknownPlaces, ChunksInTheWrongOrderOrOutsideTheRegionPromiseNothing) {
     write.u64(area_offset::chunk(first) + area_offset::pa, 0x1000);
     const auto outside = run({"map", "--fit", "4K"});
     EXPECT_EQ(outside.status, 4);
-    EXPECT_EQ(outside.output, "4096 bytes: where they would go is not known, because 'first' does "
+    EXPECT_EQ(outside.output, "4 KiB: where it would go is not known, because 'first' does "
                               "not lie in the region\n");
 }
 

@@ -228,8 +228,8 @@ TEST(Doctor, CallsAnAreaOfAnotherRegionDamaged) {
     const examination found(machine);
     EXPECT_EQ(found.status(), 4);
     EXPECT_TRUE(found.says("error", "/var/shmem/tarvo_lib",
-                           "made for the region 0x70000000 to 0x8fffffff, but this machine has "
-                           "0x80000000 to 0x8fffffff"))
+                           "made for the region 0x0070000000-0x008fffffff, but this machine has "
+                           "0x0080000000-0x008fffffff"))
         << found.shown();
 }
 

@@ -31,12 +31,12 @@ TEST(Leaks, SuspectsChunksWithNeitherMappingNorCreator) {
     const auto outcome = tarvoctl(machine, {"leaks"});
     EXPECT_EQ(outcome.status, 1);
     EXPECT_TRUE(with_all_seen(outcome.output)
-                    .starts_with("dropped  8K, created by gone_agent\n"
+                    .starts_with("dropped  8 KiB, created by gone_agent\n"
                                  "  for      no process has it mapped\n"
                                  "  for      no program called 'gone_agent' runs\n"
                                  "  for      it is mapped for no device\n"))
         << outcome.output;
-    EXPECT_TRUE(contains(outcome.output, "1 suspect(s), 8K in all; nothing was freed."));
+    EXPECT_TRUE(contains(outcome.output, "1 suspect, 8 KiB in all; nothing was freed."));
     EXPECT_EQ(driver.dump().size(), 3U);
 }
 

@@ -14,13 +14,13 @@ TEST(List, ShowsEachChunkWithWhereItLiesAndWhoSeesIt) {
     driver.alloc("tx_ring", 0x1000, "driver_b");
     const auto outcome = tarvoctl(machine, {"list"});
     EXPECT_EQ(outcome.status, 0);
-    EXPECT_EQ(
-        outcome.output,
-        "INDEX  NAME     DMA                    PHYSICAL                  SIZE  CREATOR   DEVICES\n"
-        "    2  rx_ring  0x20000000-0x2000ffff  0x200000000-0x20000ffff  65536  driver_a  "
-        "0000:03:00.0\n"
-        "    3  tx_ring  0x20010000-0x20010fff  0x200010000-0x200010fff   4096  driver_b  "
-        "0000:03:00.0\n");
+    EXPECT_EQ(outcome.output,
+              "INDEX  NAME     DMA                    PHYSICAL                     SIZE  CREATOR   "
+              "DEVICES\n"
+              "    2  rx_ring  0x20000000-0x2000ffff  0x0200000000-0x020000ffff  64 KiB  driver_a  "
+              "0000:03:00.0\n"
+              "    3  tx_ring  0x20010000-0x20010fff  0x0200010000-0x0200010fff   4 KiB  driver_b  "
+              "0000:03:00.0\n");
     EXPECT_EQ(outcome.errors, "");
 }
 
@@ -30,22 +30,38 @@ TEST(List, SortsAndChoosesColumns) {
     driver.alloc("b", 0x1000, "x");
     driver.alloc("c", 0x200000, "y");
     driver.alloc("a", 0x18000, "z");
-    EXPECT_EQ(tarvoctl(machine, {"list", "-o", "name,size", "--sort", "name", "--human"}).output,
-              "NAME  SIZE\na      96K\nb       4K\nc       2M\n");
+    EXPECT_EQ(tarvoctl(machine, {"list", "-o", "name,size", "--sort", "name"}).output,
+              "NAME    SIZE\na     96 KiB\nb      4 KiB\nc      2 MiB\n");
+    EXPECT_EQ(tarvoctl(machine, {"list", "-o", "name,size", "--bytes", "--no-header"}).output,
+              "b     4096\nc  2097152\na    98304\n");
     EXPECT_EQ(
         tarvoctl(machine, {"list", "-o", "name", "--sort", "size", "-r", "--no-header"}).output,
         "c\na\nb\n");
 }
 
-TEST(List, MarksChunksThatShareAName) {
+TEST(List, PrintsNamesWithoutMarksAndTellsOfThoseThatAreShared) {
     sandbox machine(low);
     client driver = machine.start();
     driver.alloc("stats", 0x1000);
     driver.alloc("stats", 0x2000);
     driver.alloc("other", 0x1000);
     const auto outcome = tarvoctl(machine, {"list", "-o", "name", "--no-header"});
-    EXPECT_EQ(outcome.output, "stats *\nstats *\nother\n");
-    EXPECT_EQ(outcome.errors, "* not the only chunk of that name; calls find the lowest one\n");
+    EXPECT_EQ(outcome.output, "stats\nstats\nother\n");
+    EXPECT_EQ(outcome.errors,
+              "tarvoctl: 2 chunks are called 'stats'; calls by name find the lowest\n");
+}
+
+TEST(List, TellsOfAFewSharedNamesAndCountsTheOthers) {
+    sandbox machine(low);
+    client driver = machine.start();
+    for (const std::string name : {"a", "b", "c", "d", "e", "f", "g"}) {
+        driver.alloc(name, 0x1000);
+        driver.alloc(name, 0x2000);
+    }
+    const auto errors = lines_of(tarvoctl(machine, {"list"}).errors);
+    ASSERT_EQ(errors.size(), 6U);
+    EXPECT_EQ(errors[4], "tarvoctl: 2 chunks are called 'e'; calls by name find the lowest");
+    EXPECT_EQ(errors[5], "tarvoctl: and 2 more names like these");
 }
 
 TEST(List, GivesNumbersAndHexadecimalTextAsJson) {
@@ -140,8 +156,8 @@ TEST(Devices, TellsOfReferencesToADeviceThatIsGone) {
     driver.unregister_device(0, 3, 0);
     EXPECT_EQ(tarvoctl(machine, {"devices"}).output,
               "INDEX  DEVICE  STATE  CHUNKS\n"
-              "1 chunk(s) refer to device record 0, which is not registered; the next device in "
-              "that record inherits them: a\n");
+              "device record 0 is not registered, yet 1 chunk refers to it, and the next device "
+              "in that record inherits it: a\n");
     EXPECT_EQ(tarvoctl(machine, {"list", "-o", "devices", "--no-header"}).output, "?0\n-\n");
 }
 

@@ -22,18 +22,18 @@ TEST(Map, DrawsChunksAndGapsToScaleAndSumsThemUp) {
     // Eight lines of 64 cells: half of the region is used, but for one cell in the first line.
     const std::string full(64, '#');
     const std::string free(64, '.');
-    EXPECT_EQ(lines[0], "0x00080000000 |" + ("+" + full.substr(1)) + "|");
-    EXPECT_EQ(lines[1], "0x00082000000 |" + full + "|");
-    EXPECT_EQ(lines[3], "0x00086000000 |" + full + "|");
-    EXPECT_EQ(lines[4], "0x00088000000 |+" + free.substr(1) + "|");
-    EXPECT_EQ(lines[7], "0x0008e000000 |" + free + "|");
-    EXPECT_EQ(lines[9], "127.9M of 256M free in 2 gap(s), the largest 127.9M; 2 chunk(s); "
-                        "fragmentation 0 %");
-    EXPECT_EQ(lines[11], "PHYSICAL       SIZE  WHAT");
-    EXPECT_EQ(lines[12], "0x080000000     64K  first");
-    EXPECT_EQ(lines[13], "0x080010000     64K  -");
-    EXPECT_EQ(lines[14], "0x080020000    128M  large");
-    EXPECT_EQ(lines[15], "0x088020000  127.9M  -");
+    EXPECT_EQ(lines[0], "0x0080000000 |" + ("+" + full.substr(1)) + "|");
+    EXPECT_EQ(lines[1], "0x0082000000 |" + full + "|");
+    EXPECT_EQ(lines[3], "0x0086000000 |" + full + "|");
+    EXPECT_EQ(lines[4], "0x0088000000 |+" + free.substr(1) + "|");
+    EXPECT_EQ(lines[7], "0x008e000000 |" + free + "|");
+    EXPECT_EQ(lines[9], "131008 KiB of 256 MiB free in 2 gaps, the largest 130944 KiB; "
+                        "2 chunks; fragmentation 0 %");
+    EXPECT_EQ(lines[11], "PHYSICAL            SIZE  WHAT");
+    EXPECT_EQ(lines[12], "0x0080000000      64 KiB  first");
+    EXPECT_EQ(lines[13], "0x0080010000      64 KiB  -");
+    EXPECT_EQ(lines[14], "0x0080020000     128 MiB  large");
+    EXPECT_EQ(lines[15], "0x0088020000  130944 KiB  -");
 }
 
 TEST(Map, FitIsWhereTheLibraryPutsTheNextChunk) {
@@ -57,8 +57,8 @@ TEST(Map, FitTellsHowMuchIsMissing) {
     const auto outcome = tarvoctl(machine, {"map", "--fit", "200M"});
     EXPECT_EQ(outcome.status, 1);
     EXPECT_EQ(outcome.output,
-              "209715200 bytes do not fit: the largest gap has 134086656 bytes, all "
-              "gaps together 134152192\n");
+              "200 MiB does not fit: the largest gap has 130944 KiB, all gaps together "
+              "131008 KiB\n");
     EXPECT_EQ(machine.start().alloc("probe", 209715200), 0U);
 }
 
@@ -70,12 +70,12 @@ TEST(Map, FitKnowsWhatElseAllocRefuses) {
     const auto fit = tarvoctl(machine, {"map", "--fit", "4096"});
     EXPECT_EQ(fit.status, 1);
     const std::string obstacle = "all 16382 chunk records are in use; free some";
-    EXPECT_EQ(fit.output, "4096 bytes do not fit: " + obstacle + "\n");
+    EXPECT_EQ(fit.output, "4 KiB does not fit: " + obstacle + "\n");
     EXPECT_EQ(
         json_of(tarvoctl(machine, {"map", "--fit", "4096", "--json"})).at("fit").at("obstacle"),
         obstacle);
     EXPECT_TRUE(tarvoctl(machine, {"alloc", "one", "4096"})
-                    .errors.ends_with("tarvoctl: no room for 4096 bytes: " + obstacle +
+                    .errors.ends_with("tarvoctl: no room for 4 KiB: " + obstacle +
                                       "; see 'tarvoctl map'\n"));
 }
 
@@ -85,9 +85,9 @@ TEST(Map, FitKnowsWhatNoDeviceCanSee) {
     driver.register_device(0, 3, 0);
     const auto fit = tarvoctl(machine, {"map", "--fit", "0x80000001"});
     EXPECT_EQ(fit.status, 1);
-    EXPECT_EQ(fit.output, "2147487744 bytes do not fit: 2147487744 bytes cannot be mapped for "
-                          "0000:03:00.0, which is online; devices see chunks of at most "
-                          "2147483648 bytes\n");
+    EXPECT_EQ(fit.output,
+              "2097156 KiB does not fit: 2097156 KiB cannot be mapped for 0000:03:00.0, "
+              "which is online; devices see chunks of at most 2 GiB\n");
 }
 
 TEST(Map, OfACopyItHasToBeSaidThatTheDriverChooses) {
@@ -105,7 +105,7 @@ TEST(Map, FitSaysThatTheDriverChoosesInACmaRegion) {
     machine.start().alloc("first", 0x1000);
     const auto outcome = tarvoctl(machine, {"map", "--fit", "4096"});
     EXPECT_EQ(outcome.status, 1);
-    EXPECT_EQ(outcome.output, "4096 bytes: the kernel driver chooses the place in a CMA region; "
+    EXPECT_EQ(outcome.output, "4 KiB: the kernel driver chooses the place in a CMA region; "
                               "whether it finds one only it can tell\n");
 }
 
@@ -127,8 +127,9 @@ TEST(Map, WritesThePictureAsSvg) {
     EXPECT_EQ(tarvoctl(machine, {"map", "--svg", file}).status, 0);
     const std::string text = file_text(file);
     EXPECT_EQ(text.substr(0, 4), "<svg");
-    EXPECT_NE(text.find("<title>large: 0x80020000-0x8801ffff, 134217728 bytes</title>"),
-              std::string::npos);
+    EXPECT_NE(
+        text.find("<title>large: 0x0080020000-0x008801ffff, 128 MiB (134217728 bytes)</title>"),
+        std::string::npos);
     const auto refused = tarvoctl(machine, {"map", "--svg", "/nowhere/map.svg"});
     EXPECT_EQ(refused.status, 3);
     EXPECT_EQ(refused.errors,

@@ -50,7 +50,7 @@ TEST(Register, ADeviceThatTheDriverDoesNotKnowIsAFinding) {
     driver.alloc("a", 0x1000);
     const auto outcome = tarvoctl(machine, {"register", "03:00.0"});
     EXPECT_EQ(outcome.status, 1);
-    EXPECT_EQ(outcome.output, "0000:03:00.0: registered, offline, 0 of 1 chunks mapped for it\n");
+    EXPECT_EQ(outcome.output, "0000:03:00.0: registered, offline, 0 of 1 chunk mapped for it\n");
     EXPECT_TRUE(outcome.errors.ends_with(
         "tarvoctl: the kernel driver does not know the device, so no chunk made later is mapped "
         "for it; the answers to the requests are above\n"))
@@ -91,7 +91,7 @@ TEST(Unregister, NamesWhatTheDeviceSeesAndRefusesWithoutATerminal) {
     driver.register_device(0, 3, 0);
     const auto refused = tarvoctl(machine, {"unregister", "03:00.0"});
     EXPECT_EQ(refused.status, 1);
-    EXPECT_EQ(refused.errors, "tarvoctl: 0000:03:00.0 would lose 2 chunk(s): a, b\n"
+    EXPECT_EQ(refused.errors, "tarvoctl: 0000:03:00.0 would lose 2 chunks: a, b\n"
                               "tarvoctl: nothing was changed; --force does it without asking\n");
     EXPECT_EQ(machine.area().view().devices().size(), 1);
     const auto document =
@@ -113,7 +113,7 @@ TEST(Unregister, WarnsOfWhatAnOfflineDeviceLeavesBehind) {
     EXPECT_EQ(outcome.output, "0000:03:00.0: unregistered\n");
     EXPECT_EQ(outcome.errors,
               "tarvoctl: 0000:03:00.0 is offline: nothing would be unmapped, and the next device "
-              "in its record would inherit 1 chunk(s): a\n");
+              "in its record would inherit 1 chunk: a\n");
 }
 
 TEST(Unregister, ADeviceThatSeesNothingNeedsNoForce) {
@@ -170,9 +170,8 @@ TEST(IommuMap, ARegionThatCannotBeMappedWholeIsNotTried) {
     sandbox machine(high, {"--region", "200000000-27fffffff"});
     const auto outcome = tarvoctl(machine, {"iommu-map", "03:00.0"});
     EXPECT_EQ(outcome.status, 1);
-    EXPECT_EQ(outcome.errors,
-              "tarvoctl: the region has 2147483648 bytes; only one of less than 2147483648 can be "
-              "mapped whole. 'tarvoctl register' maps each chunk\n");
+    EXPECT_EQ(outcome.errors, "tarvoctl: the region has 2 GiB; only one of less than 2 GiB can be "
+                              "mapped whole. 'tarvoctl register' maps each chunk\n");
     EXPECT_EQ(machine.request_lines(), std::vector<std::string>{});
 }
 

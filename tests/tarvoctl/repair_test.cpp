@@ -92,7 +92,8 @@ TEST_F(Repair, IsPartlyDoneWhenAskedForAlone) {
     const auto before = machine.area().snapshot();
     const auto refused = tarvoctl(machine, {"repair", "--yes", "--force", "--backup", backup});
     EXPECT_EQ(refused.status, 4) << refused.output << refused.errors;
-    EXPECT_NE(refused.errors.find("decided by a person first"), std::string::npos);
+    EXPECT_NE(refused.errors.find("a person has to decide first about 1 place,"),
+              std::string::npos);
     EXPECT_EQ(machine.area().snapshot(), before);
     const auto partly =
         tarvoctl(machine, {"repair", "--yes", "--force", "--partly", "--backup", backup});
@@ -192,7 +193,7 @@ class RecordOf : public testing::Test {
 
 TEST_F(RecordOf, AChunkOfPartOfAPageIsFreed) {
     write.u32(at(4, area_offset::size), 0x800);
-    expect_broken("chunk 4 'third' (creator test): size 2048 is not whole pages of 4096 bytes "
+    expect_broken("chunk 4 'third' (creator test): size 2 KiB is not whole pages of 4 KiB "
                   "[chunk-size-not-pages]",
                   free_it);
     expect_free_to_help("third");
@@ -200,8 +201,8 @@ TEST_F(RecordOf, AChunkOfPartOfAPageIsFreed) {
 
 TEST_F(RecordOf, OneOfTwoChunksThatOverlapIsFreed) {
     write.u32(at(2, area_offset::size), 0x2000);
-    expect_broken("chunk 3 'second' (creator test): begins at 0x80001000, but chunk 2 'first' "
-                  "reaches to 0x80002000 [chunk-overlap]",
+    expect_broken("chunk 3 'second' (creator test): begins at 0x0080001000, but chunk 2 'first' "
+                  "reaches to 0x0080002000 [chunk-overlap]",
                   free_it);
     expect_free_to_help("first");
 }
@@ -222,8 +223,8 @@ TEST_F(RecordOf, AChunkOutsideTheRegionCostsTheArea) {
     write.u64(at(4, area_offset::pa), low.end() + 0x1000);
     const auto repair = tarvoctl(machine, {"repair"});
     EXPECT_EQ(repair.status, 4);
-    EXPECT_NE(repair.output.find("stays broken: chunk 4 'third' (creator test): 4096 bytes from "
-                                 "0x90001000 do not lie in the region"),
+    EXPECT_NE(repair.output.find("stays broken: chunk 4 'third' (creator test): 4 KiB from "
+                                 "0x0090001000 does not lie in the region"),
               std::string::npos)
         << repair.output;
     EXPECT_NE(repair.output.find(std::string("to get rid of what stays broken, ") + remove_it),
@@ -341,7 +342,7 @@ TEST_F(RepairAtATerminal, LeavesAnAreaAloneThatHasChangedSinceThePlan) {
     screen.type("y\n");
     EXPECT_EQ(tool.program.wait().status, 1);
     EXPECT_EQ(own_errors({1, "", tool.program.error_text()}).find("not repaired: the area has"),
-              std::string("make these 1 change(s)? [y/N] tarvoctl: ").size());
+              std::string("make 1 change? [y/N] tarvoctl: ").size());
     EXPECT_EQ(machine.area().snapshot(), changed);
     EXPECT_FALSE(std::filesystem::exists(backup));
 }

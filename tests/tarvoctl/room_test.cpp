@@ -63,9 +63,10 @@ TEST(Room, ReadersSayThatAnAreaIsCutShortAndWhatHelps) {
     for (const auto& words : readers) {
         const auto outcome = tarvoctl(machine, words);
         EXPECT_EQ(outcome.status, 4) << words.front();
-        EXPECT_EQ(outcome.errors,
-                  "tarvoctl: /var/tmp/tarvo_lib is 4096 bytes, an area takes 70130716: it was cut "
-                  "short; end all programs that use it, then rm /var/tmp/tarvo_lib\n")
+        EXPECT_EQ(
+            outcome.errors,
+            "tarvoctl: /var/tmp/tarvo_lib is 4096 bytes, an area takes 70130716 bytes: it was "
+            "cut short; end all programs that use it, then rm /var/tmp/tarvo_lib\n")
             << words.front();
     }
 }
@@ -113,12 +114,10 @@ TEST(Refused, ForLackOfRoomInTheRegionChangesNoByteAndMakesNoFile) {
     sandbox machine(simulation);
     const auto before = tarvoctl(machine, {"alloc", "big", "1G"});
     EXPECT_EQ(before.status, 1);
-    EXPECT_TRUE(before.errors.starts_with("tarvoctl: no room for 1073741824 bytes: "))
-        << before.errors;
+    EXPECT_TRUE(before.errors.starts_with("tarvoctl: no room for 1 GiB: ")) << before.errors;
     EXPECT_FALSE(exists(machine.shared_area()));
     machine.start({"alloc a 4096 me"}).finish();
-    expect_refused_without_a_trace(machine, {"alloc", "big", "1G"}, 1,
-                                   "no room for 1073741824 bytes: ");
+    expect_refused_without_a_trace(machine, {"alloc", "big", "1G"}, 1, "no room for 1 GiB: ");
     expect_refused_without_a_trace(machine, {"alloc", "a", "8K"}, 2, "there is a chunk 'a' of ");
 }
 

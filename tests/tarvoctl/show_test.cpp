@@ -16,13 +16,13 @@ TEST(Show, TellsAllOfAChunkItsNeighboursAndItsUsers) {
     const auto outcome = tarvoctl(machine, {"show", "shown"});
     EXPECT_EQ(outcome.status, 0);
     EXPECT_EQ(outcome.output, "name       shown\n"
-                              "physical   0x200011000-0x200014fff\n"
+                              "physical   0x0200011000-0x0200014fff\n"
                               "DMA        0x20011000-0x20014fff\n"
-                              "size       16384 bytes (16K)\n"
+                              "size       16 KiB (16384 bytes)\n"
                               "creator    driver_b\n"
                               "record     4\n"
-                              "below      below, 4096 bytes between\n"
-                              "above      the region's end, 1073655808 bytes between\n"
+                              "below      below, 4 KiB between\n"
+                              "above      the region's end, 1048492 KiB between\n"
                               "devices    0000:03:00.0\n"
                               "mapped by  " +
                                   std::to_string(driver.pid()) +

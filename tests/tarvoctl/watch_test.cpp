@@ -16,7 +16,8 @@ running_tool start_watch(sandbox& machine, const std::vector<std::string>& more 
 /// The next line without its time, which has to be one.
 std::string next_line(running_tool& watch) {
     const std::string line = watch.program.read_line().value_or("(end)");
-    static const std::regex time("^\\d{4}-\\d\\d-\\d\\d \\d\\d:\\d\\d:\\d\\d\\.\\d{3}  ");
+    static const std::regex time(
+        "^\\d{4}-\\d\\d-\\d\\dT\\d\\d:\\d\\d:\\d\\d\\.\\d{3}[+-]\\d\\d:\\d\\d  ");
     EXPECT_TRUE(std::regex_search(line, time)) << line;
     return std::regex_replace(line, time, "");
 }
@@ -27,15 +28,15 @@ TEST(Watch, TellsWhatSeveralProcessesDoUntilInterrupted) {
     client other = machine.start();
     one.alloc("a", 0x1000, "one");
     running_tool watch = start_watch(machine);
-    EXPECT_EQ(next_line(watch), "area found    /var/shmem/tarvo_lib: 1 chunk(s), 0 device(s)");
+    EXPECT_EQ(next_line(watch), "area found    /var/shmem/tarvo_lib: 1 chunk, 0 devices");
     other.alloc("b", 0x2000, "other");
-    EXPECT_EQ(next_line(watch), "allocated     b: 8192 bytes at 0x80001000, creator other");
+    EXPECT_EQ(next_line(watch), "allocated     b: 8 KiB at physical 0x0080001000, creator other");
     one.register_device(0, 3, 0);
     EXPECT_EQ(next_line(watch), "registered    0000:03:00.0");
     EXPECT_EQ(next_line(watch), "mapped        a: for 0000:03:00.0");
     EXPECT_EQ(next_line(watch), "mapped        b: for 0000:03:00.0");
     other.free("a");
-    EXPECT_EQ(next_line(watch), "freed         a: 4096 bytes at 0x80000000, creator one");
+    EXPECT_EQ(next_line(watch), "freed         a: 4 KiB at physical 0x0080000000, creator one");
     EXPECT_EQ(watch.end_by(SIGINT), normal_end);
     EXPECT_EQ(watch.program.error_text(), "");
 }
@@ -48,10 +49,10 @@ TEST(Watch, WaitsForAnAreaAndNoticesThatItIsMadeAnew) {
     machine.start().alloc("a", 0x1000, "one");
     // The area and its chunk are two steps, and both may be seen at once.
     const std::string found = next_line(watch);
-    EXPECT_TRUE(found == "area found    /var/tmp/tarvo_lib: 0 chunk(s), 0 device(s)" ||
-                found == "area found    /var/tmp/tarvo_lib: 1 chunk(s), 0 device(s)")
+    EXPECT_TRUE(found == "area found    /var/tmp/tarvo_lib: 0 chunks, 0 devices" ||
+                found == "area found    /var/tmp/tarvo_lib: 1 chunk, 0 devices")
         << found;
-    EXPECT_EQ(next_line(watch), "allocated     a: 4096 bytes at 0x1000, creator one");
+    EXPECT_EQ(next_line(watch), "allocated     a: 4 KiB at physical 0x0000001000, creator one");
     std::filesystem::remove(machine.shared_area());
     EXPECT_EQ(next_line(watch), "area gone     /var/tmp/tarvo_lib");
     EXPECT_EQ(watch.end_by(SIGTERM), normal_end);
@@ -65,10 +66,10 @@ TEST(Watch, AnAreaThatWasReplacedIsAnotherOne) {
     const auto aside = machine.shared_area().parent_path() / "aside";
     std::filesystem::copy_file(machine.shared_area(), aside);
     running_tool watch = start_watch(machine);
-    EXPECT_EQ(next_line(watch), "area found    /var/shmem/tarvo_lib: 1 chunk(s), 0 device(s)");
+    EXPECT_EQ(next_line(watch), "area found    /var/shmem/tarvo_lib: 1 chunk, 0 devices");
     std::filesystem::rename(aside, machine.shared_area());
-    EXPECT_EQ(next_line(watch), "area replaced  /var/shmem/tarvo_lib: 1 chunk(s), 0 device(s)");
-    EXPECT_EQ(next_line(watch), "allocated     a: 4096 bytes at 0x80000000, creator one");
+    EXPECT_EQ(next_line(watch), "area replaced  /var/shmem/tarvo_lib: 1 chunk, 0 devices");
+    EXPECT_EQ(next_line(watch), "allocated     a: 4 KiB at physical 0x0080000000, creator one");
     EXPECT_EQ(watch.end_by(SIGTERM), normal_end);
 }
 
@@ -109,7 +110,7 @@ TEST(Watch, ListsThatCannotBeReadAreNotTakenForFreedChunks) {
               "damaged       the list of chunks is damaged: it leads back to element 2");
     machine.writable_area().writer().i32(link, 3);
     driver.alloc("c", 0x1000);
-    EXPECT_EQ(next_line(watch), "allocated     c: 4096 bytes at 0x80002000, creator test");
+    EXPECT_EQ(next_line(watch), "allocated     c: 4 KiB at physical 0x0080002000, creator test");
     watch.end_by(SIGINT);
 }
 
@@ -126,7 +127,7 @@ TEST(Watch, ALockThatStaysTakenIsToldOnceAndWaitedFor) {
         usleep(100'000);
     }
     driver.free("a");
-    EXPECT_EQ(next_line(watch), "freed         a: 4096 bytes at 0x1000, creator test");
+    EXPECT_EQ(next_line(watch), "freed         a: 4 KiB at physical 0x0000001000, creator test");
     EXPECT_EQ(watch.program.error_text(),
               "tarvoctl: the lock is not free; 'tarvoctl lock' tells who holds it. Waiting\n");
     watch.end_by(SIGINT);

@@ -101,7 +101,7 @@ TEST(Who, ShowsMappingsThatOutliveTheirChunk) {
     driver.free("rx_ring");
     const auto outcome = tarvoctl(machine, {"who"});
     EXPECT_EQ(row_of(outcome, agent.pid(), "(freed)"),
-              (words{"(freed)", "pa", "0x200000000-0x200003fff", std::to_string(agent.pid()),
+              (words{"(freed)", "pa", "0x0200000000-0x0200003fff", std::to_string(agent.pid()),
                      "tarvo-client", "read"}));
     EXPECT_NE(outcome.errors.find("(freed): the mapping outlives its chunk"), std::string::npos);
     const auto stale = json_of(tarvoctl(machine, {"who", "--json"})).at("stale");

@@ -1,4 +1,5 @@
 #include "check_parts.hpp"
+#include "quantities.hpp"
 
 #include <limits>
 #include <unordered_map>
@@ -54,17 +55,16 @@ class chunk_judge {
 
     void judge_region() {
         if (_region.first_pa >= _region.end_pa) {
-            add(rule::region_empty, -1, "the region begins at {:#x} and ends at {:#x}",
-                _region.first_pa, _region.end_pa);
+            add(rule::region_empty, -1, "the region begins at {} and ends at {}",
+                pa_text(_region.first_pa), pa_text(_region.end_pa));
         }
         if (_options.region.has_value() &&
             (_options.region->first_pa != _region.first_pa ||
              _options.region->size_bytes != _region.end_pa - _region.first_pa)) {
             add(rule::region_differs, -1,
-                "the area is that of {} bytes from {:#x}, the machine's region has {} bytes from "
-                "{:#x}",
-                _region.end_pa - _region.first_pa, _region.first_pa, _options.region->size_bytes,
-                _options.region->first_pa);
+                "the area is that of {} from {}, the machine's region has {} from {}",
+                size_text(_region.end_pa - _region.first_pa), pa_text(_region.first_pa),
+                size_text(_options.region->size_bytes), pa_text(_options.region->first_pa));
         }
     }
 
@@ -74,8 +74,8 @@ class chunk_judge {
             judge_padding(chunk);
             const dma_chunk_t& one = record(chunk);
             if (one.pa < previous_pa) {
-                add(rule::order, chunk, "begins at {:#x}, before its predecessor at {:#x}",
-                    uint64_t{one.pa}, previous_pa);
+                add(rule::order, chunk, "begins at {}, before its predecessor at {}",
+                    pa_text(one.pa), pa_text(previous_pa));
             }
             previous_pa = one.pa;
             if (is_at_an_end(_area, chunk)) {
@@ -108,18 +108,17 @@ class chunk_judge {
         if (size == 0) {
             add(rule::size_zero, chunk, "size is 0: it holds no memory, yet has an address");
         } else if (size % _options.page_bytes != 0) {
-            add(rule::size_not_pages, chunk, "size {} is not whole pages of {} bytes", size,
-                _options.page_bytes);
+            add(rule::size_not_pages, chunk, "size {} is not whole pages of {}", size_text(size),
+                size_text(_options.page_bytes));
         }
         if (pa % _options.page_bytes != 0) {
-            add(rule::address_not_page, chunk, "begins at {:#x}, within a page of {} bytes", pa,
-                _options.page_bytes);
+            add(rule::address_not_page, chunk, "begins at {}, within a page of {}", pa_text(pa),
+                size_text(_options.page_bytes));
         }
         if (!_region.holds(record(chunk))) {
             add(rule::outside_region, chunk,
-                "{} bytes from {:#x} do not lie in the region {:#x} to {:#x}: the library refuses "
-                "it",
-                size, pa, _region.first_pa, _region.end_pa);
+                "{} from {} does not lie in the region {}: the library refuses it", size_text(size),
+                pa_text(pa), pa_range(_region.first_pa, _region.end_pa));
         }
     }
 
@@ -128,8 +127,8 @@ class chunk_judge {
         const dma_chunk_t& one = record(chunk);
         if (one.pa < _furthest_end && !is_first(chunk)) {
             add(_options.cma ? rule::overlap_under_cma : rule::overlap, chunk,
-                "begins at {:#x}, but chunk {} '{}' reaches to {:#x}", uint64_t{one.pa}, _furthest,
-                text_up_to_end(record(_furthest).name), _furthest_end);
+                "begins at {}, but chunk {} '{}' reaches to {}", pa_text(one.pa), _furthest,
+                text_up_to_end(record(_furthest).name), pa_text(_furthest_end));
         }
         const uint64_t room = std::numeric_limits<uint64_t>::max() - one.pa;
         const uint64_t end = one.pa + std::min<uint64_t>(one.size, room);

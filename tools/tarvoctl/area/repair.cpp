@@ -1,6 +1,7 @@
 #include "repair.hpp"
 
 #include "check.hpp"
+#include "quantities.hpp"
 #include "repair_write.hpp"
 
 #include <algorithm>
@@ -66,9 +67,9 @@ class planner {
                               "list: the chunks are left as they are",
                               head_name, tail_name));
         } else if (chunk(*head).pa >= chunk(*tail).pa) {
-            doubt(fmt::format("the region would begin at {:#x} and end at {:#x}: the chunks are "
-                              "left as they are",
-                              uint64_t{chunk(*head).pa}, uint64_t{chunk(*tail).pa}));
+            doubt(fmt::format("the region would begin at {} and end at {}: the chunks are left "
+                              "as they are",
+                              pa_text(chunk(*head).pa), pa_text(chunk(*tail).pa)));
         } else {
             plan_chunks_between(*head, *tail);
         }

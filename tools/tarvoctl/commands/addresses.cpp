@@ -5,6 +5,7 @@
 #include "output/json.hpp"
 #include "output/text.hpp"
 #include "program.hpp"
+#include "quantities.hpp"
 #include "tarvo.h"
 
 #include <algorithm>
@@ -52,9 +53,9 @@ std::optional<uint64_t> pa_of_dma(uint64_t address, const dma_window& region) {
 }
 
 std::string region_text(const dma_window& region) {
-    return fmt::format("the region is DMA {:#x}-{:#x}, physical {:#x}-{:#x}",
-                       region.dma_of(region.first_pa), region.dma_of(region.end_pa - 1),
-                       region.first_pa, region.end_pa - 1);
+    return fmt::format("the region is DMA {}, physical {}",
+                       dma_range(region, region.first_pa, region.end_pa),
+                       pa_range(region.first_pa, region.end_pa));
 }
 
 [[noreturn]] void refuse_outside(const std::string& address, const char* kind,
@@ -110,8 +111,8 @@ std::string place_text(uint64_t pa, const picture& records) {
     }
     std::string text;
     for (const auto* owner : owners) {
-        text += fmt::format("{} '{}', offset {:#x} of {:#x}", text.empty() ? "in" : ", and in",
-                            shown(owner->name), pa - owner->pa, owner->size);
+        text += fmt::format("{} '{}', offset {:#x} of {}", text.empty() ? "in" : ", and in",
+                            shown(owner->name), pa - owner->pa, size_text(owner->size));
     }
     return text;
 }
@@ -125,7 +126,8 @@ exit_status find(const address_options& options) {
     if (options.json) {
         print_json(json_place("find", *pa, records));
     } else {
-        fmt::print("DMA {:#x} is {}\n", dma, place_text(*pa, records));
+        fmt::print("DMA {} is {}\n", dma_text(static_cast<uint32_t>(dma)),
+                   place_text(*pa, records));
     }
     const exit_status read = told_damage(records.damage);
     const bool found = !owners_of(*pa, records).empty();
@@ -138,8 +140,7 @@ exit_status translate(const address_options& options) {
     if (options.json) {
         print_json(json_place("translate", pa, records));
     } else {
-        fmt::print("DMA {:#x}, physical {:#x}, {}\n", records.region.dma_of(pa), pa,
-                   place_text(pa, records));
+        fmt::print("{}, {}\n", address_text(pa, records.region), place_text(pa, records));
     }
     return told_damage(records.damage);
 }
@@ -153,12 +154,11 @@ exit_status limits(const address_options& options) {
         document["bookkeeping_bytes"] = tarvo_get_overhead();
         print_json(document);
     } else {
-        const uint64_t bytes = region.end_pa - region.first_pa;
-        fmt::print("DMA          {:#x}-{:#x}\nphysical     {:#x}-{:#x}\n"
-                   "size         {} ({})\nbookkeeping  {}\n",
-                   region.dma_of(region.first_pa), region.dma_of(region.end_pa - 1),
-                   region.first_pa, region.end_pa - 1, bytes, size_text(bytes, true),
-                   tarvo_get_overhead());
+        fmt::print("DMA          {}\nphysical     {}\nsize         {}\nbookkeeping  {}\n",
+                   dma_range(region, region.first_pa, region.end_pa),
+                   pa_range(region.first_pa, region.end_pa),
+                   size_with_bytes(region.end_pa - region.first_pa),
+                   size_with_bytes(tarvo_get_overhead()));
     }
     return told_damage(records.damage);
 }

@@ -10,6 +10,7 @@
 #include "output/json.hpp"
 #include "output/text.hpp"
 #include "program.hpp"
+#include "quantities.hpp"
 #include "tarvo.h"
 
 #include <algorithm>
@@ -38,14 +39,15 @@ void check_existing(const chunk_record* existing, uint32_t size, bool duplicate)
     if (existing == nullptr || existing->size == size || duplicate)
         return;
     throw failure{exit_status::usage,
-                  fmt::format("there is a chunk '{}' of {} bytes, not {}; ask for that size, or "
+                  fmt::format("there is a chunk '{}' of {}, not {}; ask for that size, or "
                               "for a second chunk of the name with --duplicate",
-                              shown(existing->name), existing->size, size)};
+                              shown(existing->name), size_with_bytes(existing->size),
+                              size_with_bytes(size))};
 }
 
 failure no_room(uint32_t size, const std::string& obstacle) {
     return {exit_status::finding,
-            fmt::format("no room for {} bytes: {}; see 'tarvoctl map'", size, obstacle)};
+            fmt::format("no room for {}: {}; see 'tarvoctl map'", size_text(size), obstacle)};
 }
 
 /// The library zeroes a new chunk once it is on the list: without room for that its process ends,
@@ -77,7 +79,7 @@ failure refusal(uint32_t size, const picture& records) {
     }
     if (is_cma) {
         return {exit_status::finding,
-                fmt::format("the kernel driver gave no place for {} bytes", size)};
+                fmt::format("the kernel driver gave no place for {}", size_text(size))};
     }
     return {exit_status::finding, "the library allocated nothing; its reason is above"};
 }
@@ -102,9 +104,9 @@ void print_chunk(const chunk_record& chunk, const picture& records, bool is_shar
         document["chunk"] = json_chunk(chunk, records);
         print_json(document);
     } else {
-        fmt::print("{}: {}, {} bytes at DMA {:#x}, physical {:#x}\n", shown(chunk.name),
-                   is_shared ? "shared, it was there" : "new", chunk.size,
-                   records.region.dma_of(chunk.pa), chunk.pa);
+        fmt::print("{}: {}, {} at {}\n", shown(chunk.name),
+                   is_shared ? "shared, it was there" : "new", size_text(chunk.size),
+                   address_text(chunk.pa, records.region));
     }
 }
 

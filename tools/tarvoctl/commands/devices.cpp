@@ -3,6 +3,7 @@
 #include "output/table.hpp"
 #include "output/text.hpp"
 #include "program.hpp"
+#include "quantities.hpp"
 
 #include <algorithm>
 #include <fmt/format.h>
@@ -48,10 +49,11 @@ void print_as_table(const picture& records, const references& all) {
     }
     fmt::print("{}", lines.text());
     for (const auto& [index, chunks] : dangling(all, records)) {
+        const bool one = chunks.size() == 1;
         fmt::print(
-            "{} chunk(s) refer to device record {}, which is not registered; the next device "
-            "in that record inherits them:",
-            chunks.size(), index);
+            "device record {} is not registered, yet {} {} to it, and the next device in that "
+            "record inherits {}:",
+            index, counted(chunks.size(), "chunk"), one ? "refers" : "refer", one ? "it" : "them");
         for (const auto* chunk : chunks)
             fmt::print(" {}", shown(chunk->name));
         fmt::print("\n");

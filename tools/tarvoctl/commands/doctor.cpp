@@ -3,6 +3,7 @@
 #include "output/json.hpp"
 #include "output/screen.hpp"
 #include "program.hpp"
+#include "quantities.hpp"
 
 #include <fmt/format.h>
 #include <memory>
@@ -46,7 +47,7 @@ void print_summary(const health_report& report) {
     if (errors + warnings == 0) {
         fmt::print("\nNothing is wrong\n");
     } else {
-        fmt::print("\n{} error(s), {} warning(s)\n", errors, warnings);
+        fmt::print("\n{}, {}\n", counted(errors, "error"), counted(warnings, "warning"));
     }
 }
 

@@ -10,6 +10,7 @@
 #include "output/process_text.hpp"
 #include "output/text.hpp"
 #include "program.hpp"
+#include "quantities.hpp"
 #include "tarvo.h"
 
 #include <fmt/format.h>
@@ -51,8 +52,9 @@ void print_remarks(const std::vector<const chunk_record*>& called, const mapped_
                    process_table& processes) {
     const chunk_record& lowest = *called.front();
     if (called.size() > 1) {
-        fmt::print(stderr, "tarvoctl: {} chunks are called '{}'; this is the lowest, at {:#x}\n",
-                   called.size(), shown(lowest.name), lowest.pa);
+        fmt::print(stderr,
+                   "tarvoctl: {} chunks are called '{}'; this is the lowest, at physical {}\n",
+                   called.size(), shown(lowest.name), pa_text(lowest.pa));
     }
     if (!memory.is_complete() && !memory.root_would_see_more())
         fmt::print(stderr, "tarvoctl: {}\n", unseen_text(memory, processes));
@@ -94,13 +96,13 @@ exit_status free_chunk(const free_options& options) {
     print_remarks(called, memory, processes);
     const bool freed =
         may_change(effects_of(chunk, holders, memory, records, processes), options.force,
-                   fmt::format("Free '{}', {} bytes?", shown(chunk.name), chunk.size)) &&
+                   fmt::format("Free '{}', {}?", shown(chunk.name), size_text(chunk.size))) &&
         in_library(options.timeout, [&] { return call_free(options); }) == exit_status::good;
     if (options.json) {
         print_outcome(chunk, records, holders, processes, freed);
     } else if (freed) {
-        fmt::print("{}: freed, {} bytes at DMA {:#x}, physical {:#x}\n", shown(chunk.name),
-                   chunk.size, records.region.dma_of(chunk.pa), chunk.pa);
+        fmt::print("{}: freed, {} at {}\n", shown(chunk.name), size_text(chunk.size),
+                   address_text(chunk.pa, records.region));
     }
     return freed ? exit_status::good : exit_status::finding;
 }

@@ -6,6 +6,7 @@
 #include "output/json.hpp"
 #include "output/text.hpp"
 #include "program.hpp"
+#include "quantities.hpp"
 #include "tarvo.h"
 
 #include <fmt/format.h>
@@ -28,9 +29,9 @@ void check_region(const dma_window& region) {
     const uint64_t bytes = region.end_pa - region.first_pa;
     if (bytes >= most_bytes_for_devices) {
         throw failure{exit_status::finding,
-                      fmt::format("the region has {} bytes; only one of less than {} can be mapped "
+                      fmt::format("the region has {}; only one of less than {} can be mapped "
                                   "whole. 'tarvoctl register' maps each chunk",
-                                  bytes, most_bytes_for_devices)};
+                                  size_text(bytes), size_text(most_bytes_for_devices))};
     }
 }
 

@@ -5,6 +5,7 @@
 #include "output/process_text.hpp"
 #include "output/text.hpp"
 #include "program.hpp"
+#include "quantities.hpp"
 
 #include <algorithm>
 #include <fmt/format.h>
@@ -116,20 +117,19 @@ void print_reasons(const char* heading, const std::vector<std::string>& reasons)
 }
 
 void print_for_people(const std::vector<suspect>& found) {
-    constexpr bool human = true;
     if (found.empty()) {
         fmt::print("No suspects: of every chunk, a process has it mapped or its creator runs\n");
         return;
     }
     for (const auto& each : found) {
-        fmt::print("{}  {}, created by {}\n", shown(each.chunk->name),
-                   size_text(each.chunk->size, human), shown(each.chunk->creator));
+        fmt::print("{}  {}, created by {}\n", shown(each.chunk->name), size_text(each.chunk->size),
+                   shown(each.chunk->creator));
         print_reasons("for", each.reasons);
         print_reasons("against", each.doubts);
     }
-    fmt::print("\n{} suspect(s), {} in all; nothing was freed. A chunk belongs to no process: ask "
+    fmt::print("\n{}, {} in all; nothing was freed. A chunk belongs to no process: ask "
                "who else expects it, then 'tarvoctl free NAME'\n",
-               found.size(), size_text(bytes_of(found), human));
+               counted(found.size(), "suspect"), size_text(bytes_of(found)));
 }
 
 void print_as_json(const std::vector<suspect>& found, const picture& records,

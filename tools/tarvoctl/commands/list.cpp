@@ -4,6 +4,7 @@
 #include "output/table.hpp"
 #include "output/text.hpp"
 #include "program.hpp"
+#include "quantities.hpp"
 
 #include <algorithm>
 #include <fmt/format.h>
@@ -18,7 +19,7 @@ struct list_options {
     area_source source;
     std::vector<std::string> columns{"index", "name", "dma", "pa", "size", "creator", "devices"};
     std::string sort = "pa";
-    bool human = false;
+    bool bytes = false;
     bool reverse = false;
     bool no_header = false;
     bool json = false;
@@ -28,8 +29,7 @@ struct list_options {
 struct listed_chunk {
     const chunk_record& chunk;
     const picture& records;
-    bool duplicate;
-    bool human;
+    bool bytes;
 };
 
 struct list_column {
@@ -42,16 +42,16 @@ const list_column all_columns[] = {
     {"index",
      {"INDEX", align::right},
      [](const listed_chunk& each) { return fmt::format("{}", each.chunk.index); }},
-    {"name",
-     {"NAME"},
-     [](const listed_chunk& each) {
-         return shown(each.chunk.name) + (each.duplicate ? " *" : "");
-     }},
+    {"name", {"NAME"}, [](const listed_chunk& each) { return shown(each.chunk.name); }},
     {"dma", {"DMA"}, [](const listed_chunk& each) { return dma_range(each.chunk, each.records); }},
-    {"pa", {"PHYSICAL"}, [](const listed_chunk& each) { return pa_range(each.chunk); }},
+    {"pa",
+     {"PHYSICAL"},
+     [](const listed_chunk& each) { return pa_range(each.chunk.pa, each.chunk.end_pa()); }},
     {"size",
      {"SIZE", align::right},
-     [](const listed_chunk& each) { return size_text(each.chunk.size, each.human); }},
+     [](const listed_chunk& each) {
+         return each.bytes ? fmt::format("{}", each.chunk.size) : size_text(each.chunk.size);
+     }},
     {"creator", {"CREATOR"}, [](const listed_chunk& each) { return shown(each.chunk.creator); }},
     {"devices",
      {"DEVICES"},
@@ -100,11 +100,9 @@ void print_as_table(const picture& records, const list_options& options) {
         chosen.push_back(&column_called(key));
         heads.push_back(chosen.back()->head);
     }
-    const auto duplicates = records.duplicates();
     table lines{heads};
     for (const std::size_t position : order_of(records, options)) {
-        const listed_chunk each{records.chunks[position], records, duplicates[position],
-                                options.human};
+        const listed_chunk each{records.chunks[position], records, options.bytes};
         std::vector<std::string> row;
         row.reserve(chosen.size());
         for (const auto* wanted : chosen)
@@ -112,8 +110,7 @@ void print_as_table(const picture& records, const list_options& options) {
         lines.add(std::move(row));
     }
     fmt::print("{}", lines.text(!options.no_header));
-    if (std::find(duplicates.begin(), duplicates.end(), true) != duplicates.end())
-        fmt::print(stderr, "* not the only chunk of that name; calls find the lowest one\n");
+    tell_duplicates(records, "");
 }
 
 void print_as_json(const picture& records, const list_options& options) {
@@ -152,7 +149,7 @@ void add_list(program& to) {
     command.choice("--sort", "KEY", {"pa", "dma", "name", "size", "creator", "index"},
                    options->sort, "by pa (also dma), name, size, creator or index");
     command.flag("-r,--reverse", options->reverse, "the other way round");
-    command.flag("--human", options->human, "sizes as 64K, 2M");
+    command.flag("--bytes", options->bytes, "sizes as plain numbers of bytes, for scripts");
     command.flag("--no-header", options->no_header, "without the line of titles");
     command.json(options->json);
     command.source(options->source);

@@ -8,6 +8,7 @@
 #include "output/table.hpp"
 #include "output/text.hpp"
 #include "program.hpp"
+#include "quantities.hpp"
 
 #include <algorithm>
 #include <fmt/format.h>
@@ -67,11 +68,11 @@ void print_as_table(const lock_picture& found, process_table& processes) {
     if (any_held)
         fmt::print("The kernel does not record since when a lock is held or waited for.\n");
     if (!found.unseen.empty()) {
-        fmt::print(
-            stderr,
-            "tarvoctl: could not see the open files of {} process(es), which may hold a lock "
-            "they inherited: {}\n",
-            found.unseen.size(), processes_text(found.unseen, processes));
+        fmt::print(stderr,
+                   "tarvoctl: could not see the open files of {}, which may hold an "
+                   "inherited lock: {}\n",
+                   counted(found.unseen.size(), "process"),
+                   processes_text(found.unseen, processes));
     }
 }
 

@@ -10,6 +10,7 @@
 #include "output/table.hpp"
 #include "output/text.hpp"
 #include "program.hpp"
+#include "quantities.hpp"
 
 #include <fmt/format.h>
 #include <memory>
@@ -55,24 +56,23 @@ fit_answer fit_of(const map_options& options, const picture& records, const std:
 
 std::string name_before(const gap& place) {
     return place.before == nullptr ? "at the region's start"
-                                   : "behind " + shown(place.before->name);
+                                   : fmt::format("after '{}'", shown(place.before->name));
 }
 
 void print_fit(const fit_answer& answer, const picture& records) {
     if (answer.damage) {
-        fmt::print("{} bytes: where they would go is not known, because {}\n", answer.size,
+        fmt::print("{}: where it would go is not known, because {}\n", size_text(answer.size),
                    *answer.damage);
     } else if (answer.obstacle) {
-        fmt::print("{} bytes do not fit: {}\n", answer.size, *answer.obstacle);
+        fmt::print("{} does not fit: {}\n", size_text(answer.size), *answer.obstacle);
     } else if (answer.driver_chooses) {
-        fmt::print(
-            "{} bytes: the kernel driver chooses the place in a CMA region; whether it finds "
-            "one only it can tell\n",
-            answer.size);
+        fmt::print("{}: the kernel driver chooses the place in a CMA region; whether it finds "
+                   "one only it can tell\n",
+                   size_text(answer.size));
     } else {
-        fmt::print("{} bytes fit: at physical {:#x}, DMA {:#x}, {}, the first gap of {} bytes\n",
-                   answer.size, answer.place->pa, records.region.dma_of(answer.place->pa),
-                   name_before(*answer.place), answer.place->bytes);
+        fmt::print("{} fits at {}, {}, in a gap of {}\n", size_text(answer.size),
+                   address_text(answer.place->pa, records.region), name_before(*answer.place),
+                   size_text(answer.place->bytes));
     }
 }
 
@@ -96,7 +96,7 @@ std::string text_of(const piece& each) {
 void print_pieces(const std::vector<piece>& pieces) {
     table lines{{{"PHYSICAL"}, {"SIZE", align::right}, {"WHAT"}}};
     for (const auto& each : pieces) {
-        lines.add({fmt::format("{:#011x}", each.pa), size_text(each.bytes, true), text_of(each)});
+        lines.add({pa_text(each.pa), size_text(each.bytes), text_of(each)});
     }
     fmt::print("\n{}", lines.text());
 }
@@ -105,13 +105,13 @@ std::string totals_text(const picture& records, const std::vector<gap>& gaps,
                         const free_space& free) {
     const uint64_t bytes = records.region.end_pa - records.region.first_pa;
     if (!records.all_chunks) {
-        return fmt::format("how much of {} is free is not known; {} chunk(s) could be read",
-                           size_text(bytes, true), records.chunks.size());
+        return fmt::format("how much of {} is free is not known; {} could be read",
+                           size_text(bytes), counted(records.chunks.size(), "chunk"));
     }
-    return fmt::format(
-        "{} of {} free in {} gap(s), the largest {}; {} chunk(s); fragmentation {:.0f} %",
-        size_text(free.total_bytes, true), size_text(bytes, true), gaps.size(),
-        size_text(free.largest_bytes, true), records.chunks.size(), 100 * free.fragmentation());
+    return fmt::format("{} of {} free in {}, the largest {}; {}; fragmentation {:.0f} %",
+                       size_text(free.total_bytes), size_text(bytes), counted(gaps.size(), "gap"),
+                       size_text(free.largest_bytes), counted(records.chunks.size(), "chunk"),
+                       100 * free.fragmentation());
 }
 
 void print_as_text(const picture& records, const std::vector<gap>& gaps, const free_space& free) {

@@ -9,6 +9,7 @@
 #include "output/json.hpp"
 #include "output/text.hpp"
 #include "program.hpp"
+#include "quantities.hpp"
 #include "shared/layout.hpp"
 #include "tarvo.h"
 
@@ -54,10 +55,10 @@ void check_room(const device_record& device, const picture& before) {
     for (const auto& chunk : before.chunks) {
         if (chunk.size > most_bytes_for_devices) {
             throw failure{exit_status::finding,
-                          fmt::format("'{}' has {} bytes, and chunks of more than {} cannot be "
+                          fmt::format("'{}' has {}, and chunks of more than {} cannot be "
                                       "mapped for a device; free it before {} is registered",
-                                      shown(chunk.name), chunk.size, most_bytes_for_devices,
-                                      device_text(device))};
+                                      shown(chunk.name), size_text(chunk.size),
+                                      size_text(most_bytes_for_devices), device_text(device))};
         }
     }
 }
@@ -81,9 +82,10 @@ exit_status tell_registered(const register_options& options, const device_record
         document["chunks"] = json_names(seen);
         print_json(document);
     } else {
-        fmt::print("{}: {}, {}, {} of {} chunks mapped for it\n", device_text(*device),
+        fmt::print("{}: {}, {}, {} of {} mapped for it\n", device_text(*device),
                    was_registered ? "was registered already" : "registered",
-                   device->online ? "online" : "offline", seen.size(), records.chunks.size());
+                   device->online ? "online" : "offline", seen.size(),
+                   counted(records.chunks.size(), "chunk"));
     }
     if (accepted && device->online)
         return exit_status::good;
@@ -125,10 +127,10 @@ std::vector<std::string> effects_of(const device_record& device,
         return {};
     if (!device.online) {
         return {fmt::format("{} is offline: nothing would be unmapped, and the next device in its "
-                            "record would inherit {} chunk(s): {}",
-                            device_text(device), seen.size(), names_of(seen))};
+                            "record would inherit {}: {}",
+                            device_text(device), counted(seen.size(), "chunk"), names_of(seen))};
     }
-    return {fmt::format("{} would lose {} chunk(s): {}", device_text(device), seen.size(),
+    return {fmt::format("{} would lose {}: {}", device_text(device), counted(seen.size(), "chunk"),
                         names_of(seen))};
 }
 

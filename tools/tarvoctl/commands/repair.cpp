@@ -10,10 +10,10 @@
 #include "output/process_text.hpp"
 #include "output/text.hpp"
 #include "program.hpp"
+#include "quantities.hpp"
 
+#include <chrono>
 #include <cstring>
-#include <ctime>
-#include <fmt/chrono.h>
 #include <fmt/format.h>
 #include <memory>
 #include <unistd.h>
@@ -40,8 +40,8 @@ std::string path_of(const repair_options& options) {
 std::string backup_path(const repair_options& options) {
     if (!options.backup.empty())
         return options.backup;
-    return fmt::format("{}.before-repair-{:%Y%m%dT%H%M%S}-{}", path_of(options),
-                       fmt::localtime(std::time(nullptr)), ::getpid());
+    return fmt::format("{}.before-repair-{}-{}", path_of(options),
+                       file_time_text(std::chrono::system_clock::now()), ::getpid());
 }
 
 std::string hex_of(const std::vector<uint8_t>& bytes) {
@@ -55,7 +55,7 @@ std::string hex_of(const std::vector<uint8_t>& bytes) {
 void print_plan(const repair_plan& plan, const shared_area_t& area) {
     for (const auto& edit : plan.edits) {
         const std::string change = edit.zeroes()
-                                       ? fmt::format("zero {} bytes", edit.before.size())
+                                       ? "zero " + counted(edit.before.size(), "byte")
                                        : hex_of(edit.before) + " -> " + hex_of(edit.after);
         fmt::print("offset {:>8}  {}  {}: {}\n", edit.offset, change, place_text(edit.where, area),
                    shown(edit.why));
@@ -116,11 +116,12 @@ void refuse_while_in_use(const repair_options& options) {
 void refuse_while_in_doubt(const repair_options& options, const repair_plan& plan) {
     if (plan.doubts.empty() || options.partly)
         return;
-    throw failure{exit_status::damaged,
-                  fmt::format("not repaired: {} place(s) have to be decided by a person first, for "
-                              "they could not be told from leftovers afterwards; --partly mends "
-                              "the rest all the same",
-                              plan.doubts.size())};
+    throw failure{
+        exit_status::damaged,
+        fmt::format("not repaired: a person has to decide first about {}, which could not "
+                    "be told from leftovers afterwards; --partly repairs the rest all "
+                    "the same",
+                    counted(plan.doubts.size(), "place"))};
 }
 
 /// Makes the changes, unless the area is no longer what they were planned for. Nothing else is done
@@ -171,7 +172,7 @@ exit_status repair(const repair_options& options) {
     }
     refuse_while_in_doubt(options, plan);
     refuse_while_in_use(options);
-    if (!options.yes && !confirmed(fmt::format("make these {} change(s)?", plan.edits.size())))
+    if (!options.yes && !confirmed(fmt::format("make {}?", counted(plan.edits.size(), "change"))))
         throw failure{exit_status::finding, "not repaired: nobody said yes; --yes does"};
     carry_out(options, plan, *area);
     return end;

@@ -8,6 +8,7 @@
 #include "output/process_text.hpp"
 #include "output/text.hpp"
 #include "program.hpp"
+#include "quantities.hpp"
 
 #include <algorithm>
 #include <fmt/format.h>
@@ -69,7 +70,7 @@ std::string neighbour(const chunk_record* chunk, const char* region_end,
         return "not known";
     }
     const std::string who = chunk == nullptr ? region_end : shown(chunk->name);
-    return fmt::format("{}, {} bytes between", who, *gap_bytes);
+    return fmt::format("{}, {} between", who, size_text(*gap_bytes));
 }
 
 void print_mappings(const chunk_record& chunk, const mapped_memory& memory) {
@@ -93,20 +94,20 @@ void print_as_text(const chunk_record& chunk, const picture& records, bool found
     fmt::print("name       {}{}\n"
                "physical   {}\n"
                "DMA        {}\n"
-               "size       {} bytes ({})\n"
+               "size       {}\n"
                "creator    {}\n"
                "record     {}\n"
                "below      {}\n"
                "above      {}\n"
                "devices    {}\n",
                shown(chunk.name), found_by_name ? "" : "  (calls by name find the one above)",
-               pa_range(chunk), dma_range(chunk, records), chunk.size, size_text(chunk.size, true),
-               shown(chunk.creator), chunk.index,
+               pa_range(chunk.pa, chunk.end_pa()), dma_range(chunk, records),
+               size_with_bytes(chunk.size), shown(chunk.creator), chunk.index,
                neighbour(place.below, "the region's start", place.gap_below),
                neighbour(place.above, "the region's end", place.gap_above),
                devices_text(chunk, records));
     for (const auto* each : place.overlapping) {
-        fmt::print("OVERLAPS   {}, {}\n", shown(each->name), pa_range(*each));
+        fmt::print("OVERLAPS   {}, {}\n", shown(each->name), pa_range(each->pa, each->end_pa()));
     }
 }
 

@@ -6,9 +6,9 @@
 #include "output/text.hpp"
 #include "output/top_page.hpp"
 #include "program.hpp"
+#include "quantities.hpp"
 
-#include <ctime>
-#include <fmt/chrono.h>
+#include <chrono>
 #include <fmt/format.h>
 #include <memory>
 
@@ -22,7 +22,8 @@ struct top_options {
 };
 
 std::string title_of(const std::string& area, const char* hint) {
-    return fmt::format("tarvoctl top  {:%T}  {}{}", fmt::localtime(std::time(nullptr)), area, hint);
+    return fmt::format("tarvoctl top  {}  {}{}", time_text(std::chrono::system_clock::now()), area,
+                       hint);
 }
 
 /// Draws what each look finds.

@@ -8,6 +8,7 @@
 #include "output/standard_output.hpp"
 #include "output/text.hpp"
 #include "program.hpp"
+#include "quantities.hpp"
 
 #include <csignal>
 #include <cstdio>
@@ -63,8 +64,8 @@ class reporter {
                        {"chunk_count", chunks},
                        {"device_count", devices}});
         } else if (look.records) {
-            tell_text(fmt::format("area {:<7}  {}: {} chunk(s), {} device(s)", word, look.area,
-                                  chunks, devices));
+            tell_text(fmt::format("area {:<7}  {}: {}, {}", word, look.area,
+                                  counted(chunks, "chunk"), counted(devices, "device")));
         } else {
             tell_text(fmt::format("area {:<7}  {}", word, look.area));
         }
@@ -89,10 +90,7 @@ class reporter {
     }
 
     static void tell_text(const std::string& text) {
-        const auto time = now();
-        fmt::print("{:%F %T}.{:03}  {}\n",
-                   fmt::localtime(std::chrono::system_clock::to_time_t(time)),
-                   milliseconds_of(time), text);
+        fmt::print("{}  {}\n", exact_time_text(now()), text);
         flush_output();
     }
 

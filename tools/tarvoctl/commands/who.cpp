@@ -6,6 +6,7 @@
 #include "output/table.hpp"
 #include "output/text.hpp"
 #include "program.hpp"
+#include "quantities.hpp"
 
 #include <algorithm>
 #include <fmt/format.h>
@@ -145,44 +146,33 @@ void print_unmapped(const answer& found, const mapped_memory& memory) {
                found.whole_region.empty() ? "" : " but with the whole region", names, more);
 }
 
-void print_remarks(const answer& found, const picture& records, bool all) {
-    const auto duplicates = records.duplicates();
+/// `only`: the name that was asked for; empty: all were.
+void print_remarks(const answer& found, const picture& records, const std::string& only) {
     if (records.chunks.empty())
         fmt::print("There are no chunks\n");
-    if (all && !found.stale.empty()) {
+    if (only.empty() && !found.stale.empty()) {
         fmt::print(stderr, "tarvoctl: (freed): the mapping outlives its chunk, and shows whatever "
                            "is put there next; the process should unmap it\n");
     }
-    const bool marked =
-        std::any_of(found.chunks.begin(), found.chunks.end(), [&](const auto& each) {
-            return duplicates[static_cast<std::size_t>(each.chunk - records.chunks.data())];
-        });
-    if (marked)
-        fmt::print(stderr, "* not the only chunk of that name; calls find the lowest one\n");
+    tell_duplicates(records, only);
 }
 
 void print_as_table(const answer& found, const picture& records, const mapped_memory& memory,
-                    process_table& processes, bool all) {
-    const auto duplicates = records.duplicates();
+                    process_table& processes, const std::string& only) {
     who_table lines{processes};
     for (const auto& [chunk, views] : found.chunks) {
-        const bool marked = duplicates[static_cast<std::size_t>(chunk - records.chunks.data())];
-        for (const auto& each : views) {
-            lines.add(shown(chunk->name) + (marked ? " *" : ""), window_text(each, *chunk),
-                      *each.mapping);
-        }
+        for (const auto& each : views)
+            lines.add(shown(chunk->name), window_text(each, *chunk), *each.mapping);
     }
     for (const auto& each : found.whole_region)
         lines.add("(whole region)", "all", *each.mapping);
-    if (all) {
-        for (const auto& [mapping, window] : found.stale) {
-            lines.add("(freed)", fmt::format("pa {:#x}-{:#x}", window.pa, window.end_pa - 1),
-                      *mapping);
-        }
+    if (only.empty()) {
+        for (const auto& [mapping, window] : found.stale)
+            lines.add("(freed)", "pa " + pa_range(window.pa, window.end_pa), *mapping);
     }
     fmt::print("{}", lines.text());
     print_unmapped(found, memory);
-    print_remarks(found, records, all);
+    print_remarks(found, records, only);
 }
 
 json json_views(const std::vector<view>& views, uint64_t base_pa, process_table& processes) {
@@ -236,7 +226,7 @@ exit_status who(const who_options& options) {
     if (options.json) {
         print_as_json(found, records, memory, processes);
     } else {
-        print_as_table(found, records, memory, processes, options.name.empty());
+        print_as_table(found, records, memory, processes, options.name);
         if (!memory.is_complete())
             fmt::print(stderr, "tarvoctl: {}\n", unseen_text(memory, processes));
     }

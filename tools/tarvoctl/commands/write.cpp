@@ -9,6 +9,7 @@
 #include "output/json.hpp"
 #include "output/text.hpp"
 #include "program.hpp"
+#include "quantities.hpp"
 
 #include <algorithm>
 #include <cerrno>
@@ -68,7 +69,7 @@ exit_status told_written(const char* command, const chunk_window& window, std::s
         document["written"] = bytes;
         print_json(document);
     } else {
-        fmt::print("{}: wrote {} bytes at offset {:#x}\n", shown(window.name), bytes,
+        fmt::print("{}: wrote {} at offset {:#x}\n", shown(window.name), size_text(bytes),
                    window.offset);
     }
     return exit_status::good;

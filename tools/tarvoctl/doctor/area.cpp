@@ -6,6 +6,7 @@
 #include "host/area_source.hpp"
 #include "output/place_text.hpp"
 #include "output/text.hpp"
+#include "quantities.hpp"
 
 #include <algorithm>
 #include <fmt/format.h>
@@ -30,15 +31,14 @@ verdict verdict_of(finding_class cls) {
 void report_region(const dma_window& in_area, bool is_another, const site& here,
                    health_report& report) {
     const auto expected = here.region();
-    const std::string text =
-        fmt::format("made for the region {:#x} to {:#x}", in_area.first_pa, in_area.end_pa - 1);
+    const std::string text = "made for the region " + pa_range(in_area.first_pa, in_area.end_pa);
     if (!expected) {
         report.add(verdict::note, here.area, text + "; what this machine has is not known");
     } else if (is_another) {
         report.add(verdict::error, here.area,
-                   fmt::format("{}, but this machine has {:#x} to {:#x}: it is left over from "
+                   fmt::format("{}, but this machine has {}: it is left over from "
                                "another region, and the library does not notice",
-                               text, expected->first_pa, expected->end_pa - 1),
+                               text, pa_range(expected->first_pa, expected->end_pa)),
                    fmt::format("end all programs that use it, then rm {}", here.area));
     } else {
         report.add(verdict::ok, here.area, text + ", which is this machine's");

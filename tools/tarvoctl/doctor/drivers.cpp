@@ -2,6 +2,7 @@
 #include "doctor/diagnosis.hpp"
 #include "failure.hpp"
 #include "output/text.hpp"
+#include "quantities.hpp"
 #include "shared/paths.hpp"
 #include "shared/region_line.hpp"
 
@@ -39,21 +40,21 @@ void diagnose_region_bounds(const region_line& line, health_report& report) {
     const uint64_t bytes = line.last_pa + 1 - line.first_pa;
     if (line.first_pa == 0 || line.last_pa <= line.first_pa) {
         report.add(verdict::error, subject,
-                   fmt::format("describes an impossible region, {:#x} to {:#x}: every program that "
+                   fmt::format("describes an impossible region, {} to {}: every program that "
                                "starts the library ends by an assertion",
-                               line.first_pa, line.last_pa),
+                               pa_text(line.first_pa), pa_text(line.last_pa)),
                    name_a_region);
     } else if (bytes > std::numeric_limits<uint32_t>::max()) {
         report.add(verdict::error, subject,
-                   fmt::format("a region of {} bytes: the library counts in 32 bits and would use "
+                   fmt::format("a region of {}: the library counts in 32 bits and would use "
                                "{} of them",
-                               bytes, static_cast<uint32_t>(bytes)),
+                               size_text(bytes), size_text(static_cast<uint32_t>(bytes))),
                    "reserve less than 4 GiB");
     } else {
         report.set_readable();
         report.add(verdict::ok, subject,
-                   fmt::format("region \"{}\" from {:#x} to {:#x}, {} bytes{}", line.name,
-                               line.first_pa, line.last_pa, bytes,
+                   fmt::format("region \"{}\", {}, {}{}", line.name,
+                               pa_range(line.first_pa, line.last_pa + 1), size_text(bytes),
                                line.is_cma() ? "; the kernel places the chunks" : ""));
         if (bytes >= most_bytes_for_devices) {
             report.add(verdict::note, subject,

@@ -2,6 +2,7 @@
 #include "host/processes.hpp"
 #include "output/lock_text.hpp"
 #include "output/process_text.hpp"
+#include "quantities.hpp"
 #include "shared/paths.hpp"
 
 #include <algorithm>
@@ -65,8 +66,9 @@ void diagnose_sides(const site& here, const mapped_memory& memory, const lock_pi
         return;
     }
     report.add(verdict::ok, here.area,
-               fmt::format("used by {} process(es), which take the same lock: {}",
-                           memory.users.size(), processes_text(memory.users, processes)));
+               fmt::format("used by {}: {}; they take the same lock",
+                           counted(memory.users.size(), "process"),
+                           processes_text(memory.users, processes)));
     const bool tool_differs = users[here.own_lock].empty() && users.size() > 1;
     if (here.simulation && tool_differs) {
         report.add(verdict::warning, "environment",

@@ -5,6 +5,7 @@
 #include "failure.hpp"
 #include "host/cross_process_lock.hpp"
 #include "host/plain_file.hpp"
+#include "quantities.hpp"
 
 #include <cerrno>
 #include <cstring>
@@ -54,7 +55,9 @@ namespace {
         complain_of_unbuilt(path);
     throw failure{
         exit_status::damaged,
-        fmt::format("{} is {} bytes, an area takes {}: {}", path, length, sizeof(shared_area_t),
+        fmt::format("{} is {}, an area takes {}: {}", path,
+                    counted(static_cast<uint64_t>(length), "byte"),
+                    counted(sizeof(shared_area_t), "byte"),
                     is_live ? "it was cut short; end all programs that use it, then rm " + path
                             : "it is no copy of an area, or not a whole one; 'tarvoctl snapshot' "
                               "makes one")};

@@ -1,6 +1,7 @@
 #include "output/change_text.hpp"
 
 #include "output/text.hpp"
+#include "quantities.hpp"
 
 #include <fmt/format.h>
 
@@ -15,8 +16,8 @@ std::string device_named(const change& told) {
 }
 
 std::string chunk_described(const chunk_record& chunk) {
-    return fmt::format("{}: {} bytes at {:#x}, creator {}", shown(chunk.name), chunk.size, chunk.pa,
-                       shown(chunk.creator));
+    return fmt::format("{}: {} at physical {}, creator {}", shown(chunk.name),
+                       size_text(chunk.size), pa_text(chunk.pa), shown(chunk.creator));
 }
 
 std::string what_changed(const change& told) {
@@ -28,11 +29,11 @@ std::string what_changed(const change& told) {
     case change_kind::allocated:
         return chunk_described(told.chunk());
     case change_kind::moved:
-        return fmt::format("{}: from {:#x} to {:#x}", shown(told.chunk().name), told.before->pa,
-                           told.after->pa);
+        return fmt::format("{}: from physical {} to {}", shown(told.chunk().name),
+                           pa_text(told.before->pa), pa_text(told.after->pa));
     case change_kind::resized:
-        return fmt::format("{}: from {} to {} bytes", shown(told.chunk().name), told.before->size,
-                           told.after->size);
+        return fmt::format("{}: from {} to {}", shown(told.chunk().name),
+                           size_text(told.before->size), size_text(told.after->size));
     case change_kind::mapped:
     case change_kind::unmapped:
         return fmt::format("{}: for {}", shown(told.chunk().name), device_named(told));

@@ -7,7 +7,7 @@
 
 namespace tarvoctl {
 
-/// "moved         rx_ring: from 0x80000000 to 0x80010000"; no end of line.
+/// "moved         rx_ring: from physical 0x0080000000 to 0x0080010000"; no end of line.
 std::string change_text(const change& told);
 
 /// {"change": "moved", "chunk": {...}, "before": {...}, "device": null, "device_index": null}.

@@ -1,9 +1,9 @@
 #include "output/process_text.hpp"
 
 #include "output/text.hpp"
+#include "quantities.hpp"
 
 #include <algorithm>
-#include <array>
 #include <chrono>
 #include <ctime>
 #include <fmt/format.h>
@@ -13,7 +13,7 @@ namespace tarvoctl {
 
 namespace {
 
-std::time_t start_of(const process_info& process) {
+std::chrono::system_clock::time_point start_of(const process_info& process) {
     const auto now_by = [](clockid_t clock) {
         timespec now{};
         ::clock_gettime(clock, &now);
@@ -22,7 +22,7 @@ std::time_t start_of(const process_info& process) {
     const auto ticks_per_second = static_cast<uint64_t>(::sysconf(_SC_CLK_TCK));
     const std::chrono::milliseconds since_boot{process.start_ticks * 1000 / ticks_per_second};
     const auto start = now_by(CLOCK_REALTIME) - now_by(CLOCK_BOOTTIME) + since_boot;
-    return std::chrono::duration_cast<std::chrono::seconds>(start).count();
+    return std::chrono::system_clock::time_point{start};
 }
 
 } // namespace
@@ -49,12 +49,7 @@ std::string state_text(char state) {
 std::string start_text(const process_info& process) {
     if (process.state == '?')
         return "-";
-    const std::time_t when = start_of(process);
-    std::tm local{};
-    std::array<char, 32> text{};
-    ::localtime_r(&when, &local);
-    const std::size_t length = std::strftime(text.data(), text.size(), "%F %T", &local);
-    return {text.data(), length};
+    return time_text(start_of(process));
 }
 
 const process_info& process_table::of(pid_t pid) {
@@ -91,8 +86,9 @@ std::string unseen_text(const mapped_memory& memory, process_table& processes) {
                                  : "they are kept even from root on this machine";
     std::string made;
     if (!memory.unseen.empty()) {
-        made = fmt::format("could not look into {} process(es): {}; {}", memory.unseen.size(),
-                           processes_text(memory.unseen, processes), help);
+        made =
+            fmt::format("could not look into {}: {}; {}", counted(memory.unseen.size(), "process"),
+                        processes_text(memory.unseen, processes), help);
     }
     if (memory.others_hidden) {
         made +=

@@ -25,7 +25,7 @@ class process_table {
 /// "running", "sleeping", "STOPPED".
 std::string state_text(char state);
 
-/// When a process began, as local time: "2024-05-31 02:13:07"; "-" where it is not known.
+/// When a process began, such as "2024-05-31T02:13:07+02:00"; "-" where it is not known.
 std::string start_text(const process_info& process);
 
 /// "4711 (my_driver), 4712 (agent) and 3 more"

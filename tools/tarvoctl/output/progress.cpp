@@ -1,5 +1,7 @@
 #include "output/progress.hpp"
 
+#include "quantities.hpp"
+
 #include <cstdio>
 #include <fmt/format.h>
 #include <unistd.h>
@@ -36,7 +38,7 @@ void progress::reached(uint64_t bytes) {
         return;
     next_words_ = now + time_between_words;
     constexpr uint64_t whole = 100;
-    fmt::print(stderr, "\r{} % of {} bytes", bytes * whole / total_bytes_, total_bytes_);
+    fmt::print(stderr, "\r{} % of {}", bytes * whole / total_bytes_, size_text(total_bytes_));
     told_ = true;
 }
 

@@ -2,6 +2,7 @@
 
 #include "area/gaps.hpp"
 #include "output/text.hpp"
+#include "quantities.hpp"
 
 #include <algorithm>
 #include <array>
@@ -123,7 +124,7 @@ std::string region_bar(const picture& records, const screen& on, std::size_t mos
     const auto cells = cells_of(records, width * most_lines);
     std::string made;
     for (std::size_t line = 0; line < most_lines; ++line) {
-        made += fmt::format("{:#013x} |", records.region.first_pa + bytes / most_lines * line);
+        made += pa_text(records.region.first_pa + bytes / most_lines * line) + " |";
         for (std::size_t i = line * width; i < (line + 1) * width; ++i)
             made += coloured(cells[i], alphabet, on.colour);
         made += "|\n";
@@ -162,10 +163,11 @@ std::string svg_chunk(const chunk_record& chunk, std::size_t position, const dma
     const auto bytes = static_cast<double>(region.end_pa - region.first_pa);
     const double scale = svg_width / bytes;
     return fmt::format("  <rect x=\"{:.2f}\" y=\"24\" width=\"{:.2f}\" height=\"40\" fill=\"{}\">"
-                       "<title>{}: {:#x}-{:#x}, {} bytes</title></rect>\n",
+                       "<title>{}: {}, {}</title></rect>\n",
                        static_cast<double>(chunk.pa - region.first_pa) * scale,
                        std::max(thinnest, chunk.size * scale), colours[position % colours.size()],
-                       escaped(shown(chunk.name)), chunk.pa, chunk.end_pa() - 1, chunk.size);
+                       escaped(shown(chunk.name)), pa_range(chunk.pa, chunk.end_pa()),
+                       size_with_bytes(chunk.size));
 }
 
 } // namespace
@@ -179,10 +181,11 @@ std::string region_svg(const picture& records) {
                     svg_width, svg_height);
     for (std::size_t i = 0; i < records.chunks.size(); ++i)
         made += svg_chunk(records.chunks[i], i, region);
-    made += fmt::format("  <text x=\"0\" y=\"84\">{:#x}</text>\n"
-                        "  <text x=\"{}\" y=\"84\" text-anchor=\"end\">{:#x}</text>\n"
-                        "  <text x=\"0\" y=\"16\">{} chunks</text>\n</svg>\n",
-                        region.first_pa, svg_width, region.end_pa - 1, records.chunks.size());
+    made += fmt::format("  <text x=\"0\" y=\"84\">{}</text>\n"
+                        "  <text x=\"{}\" y=\"84\" text-anchor=\"end\">{}</text>\n"
+                        "  <text x=\"0\" y=\"16\">{}</text>\n</svg>\n",
+                        pa_text(region.first_pa), svg_width, pa_text(region.end_pa - 1),
+                        counted(records.chunks.size(), "chunk"));
     return made;
 }
 

@@ -10,10 +10,10 @@ std::size_t width_of(const std::string& text) {
     }));
 }
 
-std::vector<std::size_t> table::widths() const {
+std::vector<std::size_t> table::widths(bool titles) const {
     std::vector<std::size_t> widest;
     for (std::size_t i = 0; i < columns_.size(); ++i) {
-        std::size_t width = width_of(columns_[i].title);
+        std::size_t width = titles ? width_of(columns_[i].title) : 0;
         for (const auto& row : rows_)
             width = std::max(width, width_of(row[i]));
         widest.push_back(width);
@@ -36,7 +36,7 @@ void table::append_row(std::string& made, const std::vector<std::string>& row,
 }
 
 std::string table::text(bool titles) const {
-    const auto widest = widths();
+    const auto widest = widths(titles);
     std::string made;
     if (titles) {
         std::vector<std::string> names;

@@ -25,7 +25,7 @@ class table {
     std::string text(bool titles = true) const;
 
   private:
-    std::vector<std::size_t> widths() const;
+    std::vector<std::size_t> widths(bool titles) const;
     void append_row(std::string& made, const std::vector<std::string>& row,
                     const std::vector<std::size_t>& widths) const;
 

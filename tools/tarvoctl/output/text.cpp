@@ -1,9 +1,10 @@
 #include "output/text.hpp"
 
 #include "failure.hpp"
+#include "quantities.hpp"
 
-#include <array>
 #include <fmt/format.h>
+#include <map>
 
 namespace tarvoctl {
 
@@ -26,32 +27,37 @@ std::string devices_text(const chunk_record& chunk, const picture& records) {
     return made.empty() ? "-" : made;
 }
 
-std::string pa_range(const chunk_record& chunk) {
-    return fmt::format("{:#011x}-{:#011x}", chunk.pa, chunk.end_pa() - 1);
+std::string dma_range(const dma_window& region, uint64_t first_pa, uint64_t end_pa) {
+    return dma_text(region.dma_of(first_pa)) + "-" + dma_text(region.dma_of(end_pa - 1));
 }
 
 std::string dma_range(const chunk_record& chunk, const picture& records) {
-    if (!records.has_region())
-        return "?";
-    const dma_window& region = records.region;
-    return fmt::format("{:#010x}-{:#010x}", region.dma_of(chunk.pa),
-                       region.dma_of(chunk.end_pa() - 1));
+    return records.has_region() ? dma_range(records.region, chunk.pa, chunk.end_pa()) : "?";
 }
 
-std::string size_text(uint64_t bytes, bool human) {
-    constexpr std::array units{"", "K", "M", "G", "T"};
-    constexpr uint64_t step = 1024;
-    if (!human || bytes < step)
-        return fmt::format("{}", bytes);
-    auto scaled = static_cast<double>(bytes);
-    std::size_t unit = 0;
-    while (scaled >= step && unit + 1 < units.size()) {
-        scaled /= step;
-        ++unit;
+std::string address_text(uint64_t pa, const dma_window& region) {
+    return fmt::format("DMA {}, physical {}", dma_text(region.dma_of(pa)), pa_text(pa));
+}
+
+void tell_duplicates(const picture& records, std::string_view only) {
+    constexpr std::size_t most_named = 5;
+    std::map<std::string_view, std::size_t> bearers;
+    for (const auto& chunk : records.chunks)
+        ++bearers[chunk.name];
+    std::erase_if(bearers, [only](const auto& each) {
+        return each.second == 1 || (!only.empty() && each.first != only);
+    });
+    std::size_t named = 0;
+    for (const auto& [name, count] : bearers) {
+        if (named++ == most_named)
+            break;
+        fmt::print(stderr, "tarvoctl: {} chunks are called '{}'; calls by name find the lowest\n",
+                   count, shown(name));
     }
-    const std::string digits = fmt::format("{:.1f}", scaled);
-    const bool whole = digits.ends_with(".0");
-    return (whole ? digits.substr(0, digits.size() - 2) : digits) + units[unit];
+    if (bearers.size() > most_named) {
+        fmt::print(stderr, "tarvoctl: and {} like these\n",
+                   counted(bearers.size() - most_named, "more name"));
+    }
 }
 
 exit_status told_damage(const std::vector<std::string>& damage) {

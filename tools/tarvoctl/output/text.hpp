@@ -4,7 +4,6 @@
 #include "exit_status.hpp"
 #include "shown.hpp"
 
-#include <cstdint>
 #include <string>
 
 namespace tarvoctl {
@@ -16,13 +15,16 @@ std::string device_text(const device_record& device);
 /// points at no registered device reads "?7", with the element number.
 std::string devices_text(const chunk_record& chunk, const picture& records);
 
-/// "0x80000000-0x80000fff": the first and the last byte.
-std::string pa_range(const chunk_record& chunk);
-/// The same for devices; "?" where it is not known where the region lies.
+/// Part of the region as devices see it, from its first byte to its last one.
+std::string dma_range(const dma_window& region, uint64_t first_pa, uint64_t end_pa);
+/// A chunk's; "?" where it is not known where the region lies.
 std::string dma_range(const chunk_record& chunk, const picture& records);
+/// "DMA 0x20000000, physical 0x0200000000"
+std::string address_text(uint64_t pa, const dma_window& region);
 
-/// A size in bytes as it is, or for people: "64K", "2M", "1.5G", "100".
-std::string size_text(uint64_t bytes, bool human);
+/// Says on standard error which names several chunks have, where there are any. `only`: looks at
+/// this name alone; empty: at all.
+void tell_duplicates(const picture& records, std::string_view only);
 
 /// Tells of lists that could not be read to their end, on standard error, and what that means for
 /// how the command ends: damaged, or good.

@@ -4,6 +4,7 @@
 #include "output/region_bar.hpp"
 #include "output/table.hpp"
 #include "output/text.hpp"
+#include "quantities.hpp"
 #include "shared/layout.hpp"
 
 #include <algorithm>
@@ -75,19 +76,17 @@ class page {
         const picture& records = view_.records;
         const dma_window& region = records.region;
         add(view_.title);
-        add(records.has_region()
-                ? fmt::format("region  DMA {:#x}-{:#x}  physical {:#x}-{:#x}",
-                              region.dma_of(region.first_pa), region.dma_of(region.end_pa - 1),
-                              region.first_pa, region.end_pa - 1)
-                : "region  not known");
+        add(records.has_region() ? fmt::format("region  DMA {}  physical {}",
+                                               dma_range(region, region.first_pa, region.end_pa),
+                                               pa_range(region.first_pa, region.end_pa))
+                                 : "region  not known");
         add_bar();
         add(free_text());
         constexpr int most_chunks = chunk_capacity - 2; // the others bound the region
-        add(fmt::format(
-            "in use  {} of {} chunk records, {} of {} device records, by {} process(es){}",
-            records.chunks.size(), most_chunks, records.devices.size(), device_capacity,
-            view_.memory.users.size(),
-            view_.memory.is_complete() ? "" : " and those that cannot be seen"));
+        add(fmt::format("in use  {} of {} chunk records, {} of {} device records, by {}{}",
+                        records.chunks.size(), most_chunks, records.devices.size(), device_capacity,
+                        counted(view_.memory.users.size(), "process"),
+                        view_.memory.is_complete() ? "" : " and those that cannot be seen"));
         for (const auto& each : records.damage)
             add("DAMAGED " + each);
     }
@@ -100,9 +99,9 @@ class page {
         constexpr int percent = 100;
         const free_space free = free_space_of(gaps_of(records));
         return fmt::format("free    {} of {}, largest gap {}, fragmentation {:.0f} %",
-                           size_text(free.total_bytes, true),
-                           size_text(records.region.end_pa - records.region.first_pa, true),
-                           size_text(free.largest_bytes, true), percent * free.fragmentation());
+                           size_text(free.total_bytes),
+                           size_text(records.region.end_pa - records.region.first_pa),
+                           size_text(free.largest_bytes), percent * free.fragmentation());
     }
 
     /// Not clipped: its lines hold colours, and know the screen's width.
@@ -135,10 +134,10 @@ class page {
                     {"DEVICES"}}};
         for (const std::size_t position : by_size()) {
             const chunk_record& chunk = view_.records.chunks[position];
-            rows.add({size_text(chunk.size, true), shown(chunk.name),
+            rows.add({size_text(chunk.size), shown(chunk.name),
                       fmt::format("{}", holders_of(chunk, view_.memory).size()),
-                      fmt::format("{:#010x}", view_.records.region.dma_of(chunk.pa)),
-                      shown(chunk.creator), devices_text(chunk, view_.records)});
+                      dma_text(view_.records.region.dma_of(chunk.pa)), shown(chunk.creator),
+                      devices_text(chunk, view_.records)});
         }
         return lines_of(rows.text());
     }

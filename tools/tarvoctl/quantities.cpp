@@ -1,0 +1,79 @@
+#include "quantities.hpp"
+
+#include <array>
+#include <ctime>
+#include <fmt/chrono.h>
+#include <fmt/format.h>
+
+namespace tarvoctl {
+
+namespace {
+
+using std::chrono::system_clock;
+
+std::tm local_time(system_clock::time_point when) {
+    return fmt::localtime(system_clock::to_time_t(when));
+}
+
+/// "+02:00"
+std::string zone_text(const std::tm& local) {
+    std::string zone = fmt::format("{:%z}", local);
+    return zone.insert(zone.size() - 2, ":");
+}
+
+} // namespace
+
+// Ten digits are a terabyte, which is more than the machines have that the library is made for.
+std::string pa_text(uint64_t pa) {
+    return fmt::format("{:#012x}", pa);
+}
+
+std::string dma_text(uint32_t dma) {
+    return fmt::format("{:#010x}", dma);
+}
+
+std::string pa_range(uint64_t first_pa, uint64_t end_pa) {
+    return pa_text(first_pa) + "-" + pa_text(end_pa - 1);
+}
+
+std::string size_text(uint64_t bytes) {
+    constexpr std::array units{"KiB", "MiB", "GiB"};
+    constexpr uint64_t step = 1024;
+    uint64_t number = bytes;
+    std::size_t steps = 0;
+    while (number != 0 && number % step == 0 && steps < units.size()) {
+        number /= step;
+        ++steps;
+    }
+    return steps == 0 ? counted(bytes, "byte") : fmt::format("{} {}", number, units[steps - 1]);
+}
+
+std::string size_with_bytes(uint64_t bytes) {
+    const std::string size = size_text(bytes);
+    const std::string exact = counted(bytes, "byte");
+    return size == exact ? size : fmt::format("{} ({})", size, exact);
+}
+
+std::string time_text(system_clock::time_point when) {
+    const std::tm local = local_time(when);
+    return fmt::format("{:%FT%T}{}", local, zone_text(local));
+}
+
+std::string exact_time_text(system_clock::time_point when) {
+    const auto since_second =
+        std::chrono::floor<std::chrono::milliseconds>(when.time_since_epoch()) %
+        std::chrono::seconds{1};
+    const std::tm local = local_time(when);
+    return fmt::format("{:%FT%T}.{:03}{}", local, since_second.count(), zone_text(local));
+}
+
+std::string file_time_text(system_clock::time_point when) {
+    return fmt::format("{:%Y%m%dT%H%M%S%z}", local_time(when));
+}
+
+std::string counted(uint64_t count, std::string_view thing) {
+    const char* const ending = count == 1 ? "" : thing.ends_with('s') ? "es" : "s";
+    return fmt::format("{} {}{}", count, thing, ending);
+}
+
+} // namespace tarvoctl
