@@ -18,22 +18,23 @@ TEST(Map, DrawsChunksAndGapsToScaleAndSumsThemUp) {
     sandbox machine(low);
     fill(machine);
     const auto lines = lines_of(tarvoctl(machine, {"map"}).output);
-    ASSERT_EQ(lines.size(), 16U);
-    // Eight lines of 64 cells: half of the region is used, but for one cell in the first line.
+    ASSERT_EQ(lines.size(), 19U);
+    // Rows of 64 signs: half of the region is used, and part of a sign at its start and its end.
     const std::string full(64, '#');
-    const std::string free(64, '.');
-    EXPECT_EQ(lines[0], "0x0080000000 |" + ("+" + full.substr(1)) + "|");
-    EXPECT_EQ(lines[1], "0x0082000000 |" + full + "|");
-    EXPECT_EQ(lines[3], "0x0086000000 |" + full + "|");
-    EXPECT_EQ(lines[4], "0x0088000000 |+" + free.substr(1) + "|");
-    EXPECT_EQ(lines[7], "0x008e000000 |" + free + "|");
-    EXPECT_EQ(lines[9], "131008 KiB of 256 MiB free in 2 gaps, the largest 130944 KiB; "
-                        "2 chunks; fragmentation 0 %");
-    EXPECT_EQ(lines[11], "PHYSICAL            SIZE  WHAT");
-    EXPECT_EQ(lines[12], "0x0080000000      64 KiB  first");
-    EXPECT_EQ(lines[13], "0x0080010000      64 KiB  -");
-    EXPECT_EQ(lines[14], "0x0080020000     128 MiB  large");
-    EXPECT_EQ(lines[15], "0x0088020000  130944 KiB  -");
+    EXPECT_EQ(lines[0],
+              "0x0080000000 |+############################large##############################|");
+    EXPECT_EQ(lines[1], "0x0081000000 |" + full + "|");
+    EXPECT_EQ(lines[7], "0x0087000000 |" + full + "|");
+    EXPECT_EQ(lines[8], "0x0088000000 |+" + std::string(63, '.') + "|");
+    EXPECT_EQ(lines[9], "0x0089000000 |..................... 112 MiB free, folded "
+                        ".....................|");
+    EXPECT_EQ(lines[12], "131008 KiB of 256 MiB free in 2 gaps, the largest 130944 KiB; "
+                         "2 chunks; fragmentation 0 %");
+    EXPECT_EQ(lines[14], "KEY  PHYSICAL            SIZE  WHAT");
+    EXPECT_EQ(lines[15], "     0x0080000000      64 KiB  first");
+    EXPECT_EQ(lines[16], "     0x0080010000      64 KiB  (free)");
+    EXPECT_EQ(lines[17], "     0x0080020000     128 MiB  large");
+    EXPECT_EQ(lines[18], "     0x0088020000  130944 KiB  (free)");
 }
 
 TEST(Map, FitIsWhereTheLibraryPutsTheNextChunk) {
@@ -128,7 +129,8 @@ TEST(Map, WritesThePictureAsSvg) {
     const std::string text = file_text(file);
     EXPECT_EQ(text.substr(0, 4), "<svg");
     EXPECT_NE(
-        text.find("<title>large: 0x0080020000-0x008801ffff, 128 MiB (134217728 bytes)</title>"),
+        text.find(
+            "<title>large: physical 0x0080020000-0x008801ffff, 128 MiB (134217728 bytes)</title>"),
         std::string::npos);
     const auto refused = tarvoctl(machine, {"map", "--svg", "/nowhere/map.svg"});
     EXPECT_EQ(refused.status, 3);

@@ -1,10 +1,13 @@
 #include "area/gaps.hpp"
 #include "commands/commands.hpp"
 #include "failure.hpp"
+#include "host/mappings.hpp"
 #include "host/new_file.hpp"
 #include "library/arguments.hpp"
 #include "library/new_chunk.hpp"
 #include "output/json.hpp"
+#include "output/map_svg.hpp"
+#include "output/process_text.hpp"
 #include "output/region_bar.hpp"
 #include "output/screen.hpp"
 #include "output/table.hpp"
@@ -12,6 +15,7 @@
 #include "program.hpp"
 #include "quantities.hpp"
 
+#include <algorithm>
 #include <fmt/format.h>
 #include <memory>
 
@@ -79,7 +83,7 @@ void print_fit(const fit_answer& answer, const picture& records) {
 std::string text_of(const piece& each) {
     switch (each.state) {
     case piece_state::free:
-        return "-";
+        return "(free)";
     case piece_state::used:
         return shown(each.owner->name);
     case piece_state::unknown:
@@ -93,10 +97,39 @@ std::string text_of(const piece& each) {
                        more);
 }
 
-void print_pieces(const std::vector<piece>& pieces) {
-    table lines{{{"PHYSICAL"}, {"SIZE", align::right}, {"WHAT"}}};
-    for (const auto& each : pieces) {
-        lines.add({pa_text(each.pa), size_text(each.bytes), text_of(each)});
+/// What is listed below the picture: all pieces, or the largest chunks where those are too many.
+std::vector<piece> listed_of(std::vector<piece> pieces) {
+    constexpr std::size_t most_pieces = 40;
+    constexpr std::size_t most_chunks = 20;
+    if (pieces.size() <= most_pieces) {
+        return pieces;
+    }
+    std::erase_if(pieces, [](const piece& each) { return each.owner == nullptr; });
+    std::stable_sort(pieces.begin(), pieces.end(),
+                     [](const piece& a, const piece& b) { return a.bytes > b.bytes; });
+    pieces.resize(std::min(pieces.size(), most_chunks));
+    std::sort(pieces.begin(), pieces.end(),
+              [](const piece& a, const piece& b) { return a.pa < b.pa; });
+    return pieces;
+}
+
+std::vector<const chunk_record*> owners_of(const std::vector<piece>& pieces) {
+    std::vector<const chunk_record*> owners;
+    for (const piece& each : pieces) {
+        if (each.owner != nullptr) {
+            owners.push_back(each.owner);
+        }
+    }
+    return owners;
+}
+
+void print_pieces(const std::vector<piece>& listed, const region_picture& drawn) {
+    table lines{{{"KEY"}, {"PHYSICAL"}, {"SIZE", align::right}, {"WHAT"}}};
+    for (const piece& each : listed) {
+        const auto letter = drawn.letters.find(each.owner);
+        const bool has_letter = each.state == piece_state::used && letter != drawn.letters.end();
+        lines.add({has_letter ? std::string(1, letter->second) : "", pa_text(each.pa),
+                   size_text(each.bytes), text_of(each)});
     }
     fmt::print("\n{}", lines.text());
 }
@@ -115,12 +148,15 @@ std::string totals_text(const picture& records, const std::vector<gap>& gaps,
 }
 
 void print_as_text(const picture& records, const std::vector<gap>& gaps, const free_space& free) {
-    constexpr std::size_t picture_lines = 8;
-    constexpr std::size_t most_pieces_listed = 40;
-    fmt::print("{}\n", region_bar(records, standard_screen(), picture_lines));
-    fmt::print("{}\n", totals_text(records, gaps, free));
-    if (const auto pieces = pieces_of(records); pieces.size() <= most_pieces_listed) {
-        print_pieces(pieces);
+    constexpr std::size_t picture_lines = 12;
+    const auto pieces = pieces_of(records);
+    const auto listed = listed_of(pieces);
+    const auto drawn = draw_region(records, standard_screen(), picture_lines, owners_of(listed));
+    fmt::print("{}\n{}\n{}\n", drawn.text, drawn.legend, totals_text(records, gaps, free));
+    print_pieces(listed, drawn);
+    if (listed.size() < pieces.size()) {
+        fmt::print("\nThe {} largest of {}; 'tarvoctl list' shows all\n", listed.size(),
+                   counted(records.chunks.size(), "chunk"));
     }
 }
 
@@ -173,7 +209,12 @@ void print_as_json(const picture& records, const std::vector<gap>& gaps, const f
 
 void write_svg(const map_options& options, const picture& records) {
     constexpr mode_t everybody = 0666;
-    const std::string text = region_svg(records);
+    process_table processes;
+    std::optional<mapped_memory> memory;
+    if (options.source.is_live()) { // nobody maps the chunks of a copy
+        memory = mappings_of(find_site());
+    }
+    const std::string text = svg_of(layout_of(records, memory ? &*memory : nullptr, processes));
     new_file file{
         {options.svg_file, options.force ? existing_file::replaced : existing_file::refused},
         everybody};

@@ -3,26 +3,29 @@
 #include "area/records.hpp"
 #include "output/screen.hpp"
 
+#include <cstddef>
+#include <cstdint>
+#include <map>
 #include <string>
 #include <vector>
 
 namespace tarvoctl {
 
-/// One cell of a picture of the region.
-struct bar_cell {
-    /// `overlapping` and `unknown`: some of it at least.
-    enum class content { free, partly, full, overlapping, unknown };
-    content what = content::free;
-    int chunk = -1; ///< position of the chunk that has most of it; -1: none
+/// A picture of the region as lines of signs. Chunks side by side differ in their sign, and in
+/// colour where there is one.
+struct region_picture {
+    std::string text;   ///< each line begins with the physical address of its first byte
+    std::string legend; ///< what the signs mean, and how many bytes one stands for
+    uint64_t sign_bytes = 0;
+    std::map<const chunk_record*, char> letters; ///< of chunks that have no room for their name
 };
 
-/// The region cut into `cells` pieces of equal length.
-std::vector<bar_cell> cells_of(const picture& records, std::size_t cells);
+/// `lettered`: those that get a letter where there is no room for their name. `most_lines` of text
+/// at most. The region must be known.
+region_picture draw_region(const picture& records, const screen& on, std::size_t most_lines,
+                           const std::vector<const chunk_record*>& lettered);
 
-/// The region as lines of letters, each with the physical address of its first byte before it.
+/// The lines alone, without letters.
 std::string region_bar(const picture& records, const screen& on, std::size_t most_lines);
-
-/// The same picture for a report, as an SVG document.
-std::string region_svg(const picture& records);
 
 } // namespace tarvoctl

@@ -1,0 +1,44 @@
+#include "output/label_lanes.hpp"
+
+#include <algorithm>
+
+namespace tarvoctl {
+
+namespace {
+
+constexpr double distance = 3; // between a line and a label, and half of that between two labels
+
+} // namespace
+
+bool label_lanes::is_free(const span& wanted, double line_x) const {
+    const double from = wanted.from - distance / 2;
+    const double to = wanted.to + distance / 2;
+    const bool is_covered = std::any_of(spans_.begin(), spans_.end(), [&](const span& each) {
+        const bool meets = each.lane == wanted.lane && each.from < to && from < each.to;
+        const bool is_crossed = each.lane < wanted.lane && each.from - distance / 2 < line_x &&
+                                line_x < each.to + distance / 2;
+        return meets || is_crossed;
+    });
+    const bool crosses = std::any_of(lines_.begin(), lines_.end(), [&](const line& each) {
+        return each.lane >= wanted.lane && from < each.x && each.x < to;
+    });
+    return !is_covered && !crosses;
+}
+
+std::optional<label_lanes::place> label_lanes::add(double x, double width) {
+    for (const double from : {x + distance, x - distance - width}) {
+        for (std::size_t lane = 0; lane < most_lanes_; ++lane) {
+            const span wanted{lane, from, from + width};
+            if (wanted.from < left_ || wanted.to > right_ || !is_free(wanted, x)) {
+                continue;
+            }
+            spans_.push_back(wanted);
+            lines_.push_back({x, lane});
+            used_lanes_ = std::max(used_lanes_, lane + 1);
+            return place{lane, from};
+        }
+    }
+    return std::nullopt;
+}
+
+} // namespace tarvoctl
