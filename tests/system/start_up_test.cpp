@@ -127,6 +127,29 @@ TEST_P(start_up, OpensItsThreeFilesCloseOnExecAndNothingElse) {
               GetParam().simulated ? in_simulation : on_hardware);
 }
 
+/// What the kernel knows of the program's mapping of that file: its line of flags.
+std::string flags_of_mapping(pid_t pid, const std::string& file) {
+    std::ifstream maps("/proc/" + std::to_string(pid) + "/smaps");
+    bool is_inside = false;
+    for (std::string line; std::getline(maps, line);) {
+        is_inside = is_inside || line.ends_with(file);
+        if (is_inside && line.starts_with("VmFlags:")) {
+            return line;
+        }
+    }
+    return "";
+}
+
+TEST_P(start_up, AsksForLargePagesForTheAreaWhereTheKernelHasThem) {
+    sandbox machine(GetParam());
+    client user = machine.start({"limits"});
+    const bool kernel_has_them =
+        std::filesystem::exists("/sys/kernel/mm/transparent_hugepage/enabled");
+    const std::string flags = flags_of_mapping(user.pid(), "/tarvo_lib");
+    EXPECT_NE(flags, "");
+    EXPECT_EQ(flags.find(" hg") != std::string::npos, kernel_has_them) << flags;
+}
+
 TEST_P(start_up, RestoresTheCallersUmask) {
     sandbox machine(GetParam());
     client user = machine.start({"umask 0137"});
