@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""The contest behind docs/performance.md. scripts/bench builds it and runs this.
+"""The measurements behind docs/performance.md. scripts/bench builds it and runs this.
 
 Contenders take turns in short passes, so that whatever else the machine does meets all of them; a
 result is the median of the passes. Only ratios mean anything, and "again", the library against
@@ -8,7 +8,6 @@ itself, shows how far off they can be.
 
 import argparse
 import datetime
-import json
 import os
 import platform
 import shutil
@@ -19,6 +18,8 @@ import tempfile
 from dataclasses import dataclass, field
 from pathlib import Path
 
+import goals
+import publish
 import report
 
 LIBRARIES = {"tarvo": "bench_tarvo", "again": "bench_tarvo", "plain": "bench_plain"}
@@ -29,7 +30,7 @@ PEERS = {
     "posix shm": "bench_posix_shm",
     "lmdb": "bench_lmdb",
 }
-FLOORS = "bench_floors"
+FLOOR = {"floor": "bench_floor"}
 DPDK_NAMES = 2500  # no more zones fit into its table
 
 
@@ -153,9 +154,10 @@ class Contest:
         print(report.line_of(result), flush=True)
 
     def libraries(self, place: Place, setup: str) -> dict[str, Worker]:
-        """All libraries on one region, which the first sets up."""
+        """All libraries on one region, which the first sets up, and the floor with them."""
         workers = {who: place.worker(program) for who, program in LIBRARIES.items()}
         workers["tarvo"].ask(setup)
+        workers |= {who: place.worker(program) for who, program in FLOOR.items()}
         for one in workers.values():
             one.ask("join")
         return workers
@@ -189,33 +191,36 @@ class Contest:
                     workers = self.everybody(place, names, f"{setup} {names}")
                     times = max(20, min(2000, 1000000 // names))
                     if "a" in rows:
-                        result = Result("a", "get a name", names, order, kind)
-                        beside = {"lock pair": place.worker(FLOORS)} if names == 16 else {}
-                        self.take_turns(result, workers | beside, f"find {names} {times}")
+                        result = Result("a", goals.GET, names, order, kind)
+                        self.take_turns(result, workers, f"find {names} {times}")
                     if "b" in rows:
-                        result = Result("b", "allocate and free 4 KiB", names, order, kind)
+                        result = Result("b", goals.CHURN, names, order, kind)
                         self.take_turns(result, workers, f"churn {names} {max(5, times // 10)}")
 
     def attach(self, kind: str) -> None:
-        names = 1000
-        with Place(self.build, kind) as place:
-            for program in (LIBRARIES["tarvo"], PEERS["boost tree"]):
-                place.worker(program).ask(f"fill {names}")
-            programs = LIBRARIES | {"boost tree": PEERS["boost tree"]}
-            workers = {who: place.worker(program) for who, program in programs.items()}
-            self.take_turns(Result("c", "attach", names, "in order", kind), workers, "attach 5")
-            result = Result("c", "attach and first get", names, "in order", kind)
-            self.take_turns(result, workers, f"attach_find {names} 5")
+        """New processes, from nothing to having found the place, and to the first name."""
+        programs = LIBRARIES | FLOOR | {"boost tree": PEERS["boost tree"]}
+        for names in self.names()[1:]:
+            for order, setup in (("in order", "fill"), ("shuffled", "shuffle")):
+                with Place(self.build, kind) as place:
+                    for program in (LIBRARIES["tarvo"], PEERS["boost tree"]):
+                        place.worker(program).ask(f"{setup} {names}")
+                    workers = {who: place.worker(program) for who, program in programs.items()}
+                    if names == 1000 and order == "in order":
+                        result = Result("c", "attach", names, order, kind)
+                        self.take_turns(result, workers, "attach 5")
+                    result = Result("c", goals.FIRST_GET, names, order, kind)
+                    self.take_turns(result, workers, f"attach_find {names} 5")
 
     def touch(self, kind: str) -> None:
-        for names in self.names()[:2]:
+        for names in (16, 1000) if self.quick else (16, 1000, 16000):
             with Place(self.build, kind) as place:
                 workers = self.everybody(place, names, f"fill {names}")
                 workers.pop("lmdb")
                 workers["tarvo"].ask("wide 65536")
-                for who in workers.keys() - LIBRARIES.keys():
+                for who in workers.keys() & PEERS.keys():
                     workers[who].ask("wide 65536")
-                result = Result("d", "map 64 KiB, touch, unmap", names, "in order", kind)
+                result = Result("d", goals.TOUCH, names, "in order", kind)
                 self.take_turns(result, workers, "touch 50")
 
     def together(self, kind: str) -> None:
@@ -269,6 +274,7 @@ class Contest:
             self.add(result)
             with Place(self.build, kind) as place:
                 workers = self.libraries(place, "join")
+                workers.pop("floor")
                 workers["tarvo"].ask(f"large {mebibytes}")
                 result = Result("g", work, 0, "recycled", kind)
                 self.take_turns(result, workers, f"large {mebibytes}")
@@ -283,33 +289,23 @@ class Contest:
                     )
         self.add(result)
         for names in self.names()[1::2]:
-            with Place(self.build, kind) as place:
-                workers = self.libraries(place, f"fill {names}")
-                for work, command in (
-                    ("find the last by address", f"locate {names - 1}"),
-                    ("list all", "list"),
-                ):
-                    self.take_turns(Result("h", work, names, "in order", kind), workers, command)
+            for order, setup in (("in order", "fill"), ("shuffled", "shuffle")):
+                with Place(self.build, kind) as place:
+                    workers = self.libraries(place, f"{setup} {names}")
+                    result = Result("h", goals.LAST, names, order, kind)
+                    self.take_turns(result, workers, f"locate {names - 1}")
+                    workers.pop("floor")
+                    self.take_turns(Result("h", "list all", names, order, kind), workers, "list")
         with Place(self.build, kind) as place:
             workers = self.libraries(place, "fill 1000")
+            workers.pop("floor")
             result = Result("h", "register and unregister", 1000, "in order", kind)
             self.take_turns(result, workers, "register")
             workers["tarvo"].ask("devices 4")
             result = Result("h", "allocate and free, 4 devices", 1000, "in order", kind)
             self.take_turns(result, workers, "churn 1000 20")
 
-    def floors(self, kind: str) -> None:
-        with Place(self.build, kind) as place:
-            one = {"floor": place.worker(FLOORS)}
-            self.take_turns(Result("-", "lock pair", 0, "", kind), one, "lock_pair 2000")
-            self.take_turns(
-                Result("-", "a page mapped, zeroed, unmapped", 0, "", kind),
-                one,
-                "page_in_and_out 500",
-            )
-
     def run(self, kind: str, rows: set[str]) -> None:
-        self.floors(kind)
         if rows & {"a", "b"}:
             self.find_and_churn(kind, rows)
         for row, part in (
@@ -329,7 +325,7 @@ def kind_of(folder: Path) -> str:
     return "ext4" if kind == "ext2/ext3" else kind
 
 
-def circumstances(source: Path) -> dict[str, str]:
+def circumstances(source: Path, passes: int) -> dict[str, str]:
     git = ["git", "-C", str(source), "describe", "--always", "--dirty"]
     model = [
         line.split(":", 1)[1].strip()
@@ -341,6 +337,7 @@ def circumstances(source: Path) -> dict[str, str]:
         "date": datetime.date.today().isoformat(),
         "machine": f"{os.cpu_count()} x {model[0] if model else platform.machine()}",
         "kernel": platform.release(),
+        "passes": str(passes),
     }
 
 
@@ -351,6 +348,7 @@ def main() -> None:
     parser.add_argument("--quick", action="store_true", help="short lists, few passes, one kind")
     parser.add_argument("--rows", default="abcdefgh", help="which rows (default: %(default)s)")
     parser.add_argument("--against", type=Path, help="folder with another libtarvo.so.0")
+    parser.add_argument("--publish", action="store_true", help="put the results into docs/")
     parser.add_argument("--passes", type=int, help="how often everybody takes a turn")
     given = parser.parse_args()
 
@@ -363,8 +361,9 @@ def main() -> None:
         contest.run(kind, set(given.rows))
     output = (given.output or build / "results").resolve()
     output.mkdir(parents=True, exist_ok=True)
-    report.write(contest.results, circumstances(Path(__file__).parent), output)
-    print(json.dumps({"results": str(output)}))
+    report.write(contest.results, circumstances(Path(__file__).parent, contest.passes), output)
+    if given.publish:
+        publish.publish(output, Path(__file__).parents[1] / "docs")
 
 
 if __name__ == "__main__":
