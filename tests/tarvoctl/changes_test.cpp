@@ -40,7 +40,7 @@ TEST_F(Changes, ChunksThatGoAreToldBeforeThoseThatCome) {
               "allocated     c: 8 KiB at physical 0x0080001000, creator you\n");
 }
 
-TEST_F(Changes, ANameAtAnotherPlaceOrOfAnotherSizeIsTheSameChunk) {
+TEST_F(Changes, ANameAtAnotherPlaceOrOfAnotherSizeIsAnotherChunk) {
     driver.alloc("a", 0x1000);
     driver.alloc("b", 0x1000);
     driver.alloc("c", 0x1000);
@@ -54,8 +54,10 @@ TEST_F(Changes, ANameAtAnotherPlaceOrOfAnotherSizeIsTheSameChunk) {
                   driver.alloc("a", 0x1000);
               }),
               "allocated     keeper: 4 KiB at physical 0x0080000000, creator x\n"
-              "resized       c: from 4 KiB to 8 KiB\n"
-              "moved         a: from physical 0x0080000000 to 0x0080004000\n");
+              "replaced      c: 4 KiB at physical 0x0080002000, creator test; now 8 KiB at "
+              "physical 0x0080002000, creator test\n"
+              "replaced      a: 4 KiB at physical 0x0080000000, creator test; now 4 KiB at "
+              "physical 0x0080004000, creator test\n");
 }
 
 TEST_F(Changes, OfChunksOfOneNameTheOneAtItsPlaceStaysItself) {
@@ -73,8 +75,41 @@ TEST_F(Changes, AChunkOfAnotherCreatorIsAnotherChunk) {
                   driver.free("a");
                   driver.alloc("a", 0x1000, "you");
               }),
-              "freed         a: 4 KiB at physical 0x0080000000, creator me\n"
-              "allocated     a: 4 KiB at physical 0x0080000000, creator you\n");
+              "replaced      a: 4 KiB at physical 0x0080000000, creator me; now 4 KiB at physical "
+              "0x0080000000, creator you\n");
+}
+
+TEST_F(Changes, AChunkInAnotherElementIsAnotherChunk) {
+    driver.alloc("b", 0x1000);
+    driver.alloc("a", 0x1000);
+    EXPECT_EQ(told([this] {
+                  driver.free("a");
+                  driver.free("b");
+                  driver.alloc("b", 0x1000);
+                  driver.alloc("a", 0x1000);
+              }),
+              "");
+    EXPECT_EQ(
+        told([this] {
+            driver.free("b");
+            driver.free("a");
+            driver.alloc("b", 0x1000);
+            driver.alloc("a", 0x1000);
+        }),
+        "replaced      b: 4 KiB at physical 0x0080000000, creator test; allocated anew alike\n"
+        "replaced      a: 4 KiB at physical 0x0080001000, creator test; allocated anew alike\n");
+}
+
+TEST_F(Changes, TheMappingsOfAChunkThatWasReplacedAreNotToldOfTheirOwn) {
+    driver.alloc("a", 0x1000, "me");
+    EXPECT_EQ(told([this] {
+                  driver.register_device(0, 3, 0);
+                  driver.free("a");
+                  driver.alloc("a", 0x1000, "you");
+              }),
+              "registered    0000:03:00.0\n"
+              "replaced      a: 4 KiB at physical 0x0080000000, creator me; now 4 KiB at physical "
+              "0x0080000000, creator you\n");
 }
 
 TEST_F(Changes, DevicesAreToldWithWhatTheySeeOfChunksThatStay) {

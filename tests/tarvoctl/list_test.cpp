@@ -119,6 +119,27 @@ TEST(List, ShowsWhatCanBeReadOfADamagedListAndSaysSo) {
               "tarvoctl: the area is damaged; see 'tarvoctl check'\n");
 }
 
+TEST(List, NamesFourDevicesOfAChunkAndCountsTheOthers) {
+    sandbox machine(low);
+    client driver = machine.start();
+    for (uint32_t bus = 1; bus <= 7; ++bus)
+        driver.register_device(0, bus, 0);
+    driver.alloc("many", 0x1000);
+    driver.unregister_device(0, 7, 0);
+    driver.unregister_device(0, 6, 0);
+    const std::string four = "0000:01:00.0 0000:02:00.0 0000:03:00.0 0000:04:00.0";
+    const auto list = [&] {
+        return tarvoctl(machine, {"list", "-o", "devices", "--no-header"}).output;
+    };
+    EXPECT_EQ(list(), four + " and 1 more\n");
+    EXPECT_NE(tarvoctl(machine, {"show", "many"}).output.find(four + " and 1 more\n"),
+              std::string::npos);
+    const auto document = json_of(tarvoctl(machine, {"list", "--json"}));
+    EXPECT_EQ(document.at("chunks").at(0).at("devices").size(), 5);
+    driver.unregister_device(0, 5, 0);
+    EXPECT_EQ(list(), four + "\n");
+}
+
 TEST(List, WrongWordsAreUsageErrorsThatNameThem) {
     sandbox machine(low);
     machine.start().alloc("first", 0x1000);

@@ -141,10 +141,10 @@ bool same_device(const device_record& a, const device_record& b) {
     return a.index == b.index && name_of(a) == name_of(b);
 }
 
-/// The same place and size, yet not the same chunk: it was freed and allocated in between.
-bool is_made_anew(const chunk_record& before, const chunk_record& after) {
-    return before.pa == after.pa && before.size == after.size &&
-           (before.creator != after.creator || before.index != after.index);
+/// The same name, yet not the same chunk: it was freed and allocated in between.
+bool is_replaced(const chunk_record& before, const chunk_record& after) {
+    return before.pa != after.pa || before.size != after.size || before.creator != after.creator ||
+           before.index != after.index;
 }
 
 std::vector<chunk_pair> pairs_of(const picture& before, const picture& after) {
@@ -156,8 +156,6 @@ std::vector<chunk_pair> pairs_of(const picture& before, const picture& after) {
     for (auto& pair : pairs) {
         if (pair.before == nullptr) {
             pair.before = former.take_by_name(*pair.after);
-        } else if (is_made_anew(*pair.before, *pair.after)) {
-            pair.before = nullptr;
         }
     }
     return pairs;
@@ -222,13 +220,11 @@ class comparison {
     void add_chunk(const chunk_pair& pair) {
         if (pair.before == nullptr) {
             found_.push_back({change_kind::allocated, std::nullopt, *pair.after});
-            return;
+        } else if (is_replaced(*pair.before, *pair.after)) {
+            found_.push_back({change_kind::replaced, *pair.before, *pair.after});
+        } else {
+            add_references(pair);
         }
-        if (pair.before->pa != pair.after->pa)
-            found_.push_back({change_kind::moved, *pair.before, *pair.after});
-        if (pair.before->size != pair.after->size)
-            found_.push_back({change_kind::resized, *pair.before, *pair.after});
-        add_references(pair);
     }
 
     void add_references(const chunk_pair& pair) {
@@ -296,9 +292,9 @@ class comparison {
 } // namespace
 
 const char* change_word(change_kind kind) {
-    constexpr const char* words[] = {"freed",   "unregistered", "registered", "online",
-                                     "offline", "allocated",    "moved",      "resized",
-                                     "mapped",  "unmapped"};
+    constexpr const char* words[] = {"freed",    "unregistered", "registered",
+                                     "online",   "offline",      "allocated",
+                                     "replaced", "mapped",       "unmapped"};
     return words[static_cast<int>(kind)];
 }
 

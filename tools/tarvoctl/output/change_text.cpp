@@ -15,9 +15,15 @@ std::string device_named(const change& told) {
     return fmt::format("device record {}, which is not registered", told.device_index);
 }
 
-std::string chunk_described(const chunk_record& chunk) {
-    return fmt::format("{}: {} at physical {}, creator {}", shown(chunk.name),
-                       size_text(chunk.size), pa_text(chunk.pa), shown(chunk.creator));
+std::string place_and_creator(const chunk_record& chunk) {
+    return fmt::format("{} at physical {}, creator {}", size_text(chunk.size), pa_text(chunk.pa),
+                       shown(chunk.creator));
+}
+
+/// Another chunk of the name may look the same, and be another element.
+std::string now_text(const chunk_record& before, const chunk_record& after) {
+    const std::string now = place_and_creator(after);
+    return place_and_creator(before) == now ? "allocated anew alike" : "now " + now;
 }
 
 std::string what_changed(const change& told) {
@@ -27,13 +33,10 @@ std::string what_changed(const change& told) {
     switch (told.kind) {
     case change_kind::freed:
     case change_kind::allocated:
-        return chunk_described(told.chunk());
-    case change_kind::moved:
-        return fmt::format("{}: from physical {} to {}", shown(told.chunk().name),
-                           pa_text(told.before->pa), pa_text(told.after->pa));
-    case change_kind::resized:
-        return fmt::format("{}: from {} to {}", shown(told.chunk().name),
-                           size_text(told.before->size), size_text(told.after->size));
+        return fmt::format("{}: {}", shown(told.chunk().name), place_and_creator(told.chunk()));
+    case change_kind::replaced:
+        return fmt::format("{}: {}; {}", shown(told.chunk().name), place_and_creator(*told.before),
+                           now_text(*told.before, *told.after));
     case change_kind::mapped:
     case change_kind::unmapped:
         return fmt::format("{}: for {}", shown(told.chunk().name), device_named(told));
@@ -62,7 +65,7 @@ json json_change(const change& told) {
     json made{{"change", change_word(told.kind)}};
     const bool is_of_chunk = told.before || told.after;
     made["chunk"] = is_of_chunk ? json_changed_chunk(told.chunk()) : json(nullptr);
-    const bool is_other = told.kind == change_kind::moved || told.kind == change_kind::resized;
+    const bool is_other = told.kind == change_kind::replaced;
     made["before"] = is_other ? json_changed_chunk(*told.before) : json(nullptr);
     made["device"] = told.device ? json(device_text(*told.device)) : json(nullptr);
     made["device_index"] = told.device_index >= 0 ? json(told.device_index) : json(nullptr);

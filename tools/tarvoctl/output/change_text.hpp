@@ -7,11 +7,11 @@
 
 namespace tarvoctl {
 
-/// "moved         rx_ring: from physical 0x0080000000 to 0x0080010000"; no end of line.
+/// "freed         rx_ring: 4 KiB at physical 0x0080000000, creator driver"; no end of line.
 std::string change_text(const change& told);
 
-/// {"change": "moved", "chunk": {...}, "before": {...}, "device": null, "device_index": null}.
-/// "before" is the chunk as it was, where it was moved or resized.
+/// {"change": "replaced", "chunk": {...}, "before": {...}, "device": null, "device_index": null}.
+/// "before" is the chunk as it was, where it was replaced.
 json json_change(const change& told);
 
 } // namespace tarvoctl

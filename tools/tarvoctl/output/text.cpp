@@ -3,6 +3,7 @@
 #include "failure.hpp"
 #include "quantities.hpp"
 
+#include <algorithm>
 #include <fmt/format.h>
 #include <map>
 
@@ -14,8 +15,10 @@ std::string device_text(const device_record& device) {
 }
 
 std::string devices_text(const chunk_record& chunk, const picture& records) {
+    constexpr std::size_t most_named = 4;
     std::string made;
-    for (const int index : chunk.devices) {
+    for (std::size_t i = 0; i < std::min(chunk.devices.size(), most_named); ++i) {
+        const int index = chunk.devices[i];
         const device_record* const device = records.device_at(index);
         made += made.empty() ? "" : " ";
         if (device == nullptr) {
@@ -24,6 +27,8 @@ std::string devices_text(const chunk_record& chunk, const picture& records) {
             made += device_text(*device) + (device->online ? "" : " (offline)");
         }
     }
+    if (chunk.devices.size() > most_named)
+        made += fmt::format(" and {} more", chunk.devices.size() - most_named);
     return made.empty() ? "-" : made;
 }
 

@@ -12,7 +12,8 @@ namespace tarvoctl {
 std::string device_text(const device_record& device);
 
 /// The devices a chunk is mapped for, such as "0000:03:00.0 (offline)", or "-" for none. What
-/// points at no registered device reads "?7", with the element number.
+/// points at no registered device reads "?7", with the element number. The first four, and how many
+/// more there are.
 std::string devices_text(const chunk_record& chunk, const picture& records);
 
 /// Part of the region as devices see it, from its first byte to its last one.
