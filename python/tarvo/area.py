@@ -5,7 +5,8 @@
     with open("/var/shmem/tarvo_lib", "rb") as file:
         found = area.Area(file.read())
 
-or `python3 -m tarvo.area FILE`. Any bytes will do: every walk is bounded, what makes no sense
+or `area.read(FILE)`, which also reads what gzip has compressed, as tarvoctl snapshot makes it, or
+`python3 -m tarvo.area FILE`. Any bytes will do: every walk is bounded, what makes no sense
 becomes a Finding and nothing is raised for it. A copy of a live area that was made without the lock
 can be half changed, and then has findings that the area has not.
 """
@@ -15,8 +16,21 @@ from __future__ import annotations
 import argparse
 import struct
 import sys
+import zlib
 from dataclasses import dataclass
-from typing import Callable, Dict, Iterable, Iterator, List, Optional, Sequence, Set, Tuple, Union
+from typing import (
+    BinaryIO,
+    Callable,
+    Dict,
+    Iterable,
+    Iterator,
+    List,
+    Optional,
+    Sequence,
+    Set,
+    Tuple,
+    Union,
+)
 
 from ._checks import MOST_DEVICES, NAME_ROOM, decoded, encoded
 
@@ -51,6 +65,10 @@ _LINKS = struct.Struct("<iiB")
 
 _HIGH_REGION_DMA = 0x20000000
 _SHOWN = 5  # elements that a finding names
+
+_GZIP_MAGIC = b"\x1f\x8b"
+_GZIP_WINDOW = 16 + zlib.MAX_WBITS  # with gzip's own head and end
+_READ_BYTES = 65536
 
 
 @dataclass(frozen=True)
@@ -358,10 +376,31 @@ class Area:
                 self._found(f"device {device.element}", f"is {device}, which is listed before")
 
 
+def _unpacked(file: BinaryIO) -> bytes:
+    """The first bytes of a file, which gzip may have compressed; of one cut short what is there."""
+    first = file.read(len(_GZIP_MAGIC))
+    if first != _GZIP_MAGIC:
+        return first + file.read(AREA_BYTES - len(first))
+    inflated, source = zlib.decompressobj(wbits=_GZIP_WINDOW), first
+    data = bytearray()
+    while source and len(data) < AREA_BYTES and not inflated.eof:
+        data += inflated.decompress(source, AREA_BYTES - len(data))
+        source = inflated.unconsumed_tail or file.read(_READ_BYTES)
+    return bytes(data)
+
+
 def read(path: str) -> Area:
-    """The area in a file. Reads no more than an area has. OSError when it cannot be read."""
-    with open(path, "rb") as file:
-        return Area(file.read(AREA_BYTES))
+    """The area in a file, compressed by gzip or not; "-" is standard input.
+
+    Reads and inflates no more than an area has. OSError when it cannot be read.
+    """
+    try:
+        if path == "-":
+            return Area(_unpacked(sys.stdin.buffer))
+        with open(path, "rb") as file:
+            return Area(_unpacked(file))
+    except zlib.error as reason:
+        raise OSError(f"{path}: {reason}") from reason
 
 
 def _report(found: Area, say: Callable[[str], object]) -> None:
@@ -388,7 +427,7 @@ def main(arguments: Optional[Sequence[str]] = None) -> int:
     parser = argparse.ArgumentParser(
         prog="python3 -m tarvo.area", description="Tells what a copy of the shared area holds."
     )
-    parser.add_argument("file", help="such as a copy of /var/shmem/tarvo_lib")
+    parser.add_argument("file", help="such as a snapshot of tarvoctl, or a copy of /var/shmem/tarvo_lib")
     path = parser.parse_args(arguments).file
     try:
         found = read(path)

@@ -1,11 +1,13 @@
 """The reader of area files, on an area that the library made in a sandbox, and on worse ones."""
 
 import contextlib
+import gzip
 import io
 import random
 import struct
 import subprocess
 import sys
+import tempfile
 import time
 import unittest
 
@@ -88,6 +90,25 @@ class SoundAreas(AreaCase):
         self.assertIn("'second' by 'maker of second': 8192 bytes at", text)
         self.assertIn("device 0000:03:00.1 online", text)
         self.assertEqual(report_of("/nowhere")[0], 3)
+
+    def test_are_read_from_compressed_files(self) -> None:
+        with tempfile.TemporaryDirectory() as folder:
+            path = f"{folder}/area.gz"
+            packed = gzip.compress(self.data)
+
+            def written(data: bytes) -> str:
+                with open(path, "wb") as file:
+                    file.write(data)
+                return path
+
+            found = area.read(written(packed))
+            self.assertEqual(found.findings, ())
+            self.assertEqual(found.chunks, area.Area(self.data).chunks)
+            self.assertEqual(report_of(path)[0], 0)
+            # Of one that was cut short, what there is.
+            self.assertNotEqual(area.read(written(packed[: len(packed) // 2])).findings, ())
+            with self.assertRaises(OSError):
+                area.read(written(packed[:10] + bytes(100)))
 
     def test_are_read_without_the_library(self) -> None:
         told = subprocess.run(

@@ -165,11 +165,109 @@ TEST(Snapshot, IsAConsistentCopyThatAllCommandsRead) {
     EXPECT_EQ(outcome.status, 0);
     EXPECT_EQ(outcome.output, copy + " holds the area as it was; 'tarvoctl list --area', 'check' "
                                      "and 'diff' read it\n");
-    EXPECT_EQ(area_file(copy).snapshot(), machine.area().snapshot());
+    EXPECT_EQ(unpacked(copy), machine.area().snapshot());
     EXPECT_EQ(mode_of(copy), "0600");
     machine.start().free("second");
     EXPECT_EQ(tarvoctl(machine, {"list", "--area", copy, "-o", "name", "--no-header"}).output,
               "first\nsecond\nthird\n");
+}
+
+TEST(Snapshot, IsCompactAndReadCompressedOrNot) {
+    sandbox machine(low);
+    fill(machine);
+    const temporary_folder folder;
+    const std::string copy = folder.path() / "copy";
+    ASSERT_EQ(tarvoctl(machine, {"snapshot", copy}).status, 0);
+    EXPECT_LT(std::filesystem::file_size(copy), 1'000'000);
+    const std::string plain = folder.path() / "plain";
+    ASSERT_EQ(run_program(machine, {"sh", "-c", "zcat \"$0\" >\"$1\"", copy, plain}).status, 0);
+    for (const std::vector<std::string>& words : std::vector<std::vector<std::string>>{
+             {"list", "--area"}, {"check"}, {"map", "--area"}, {"limits", "--area"}, {"diff"}}) {
+        std::vector<std::string> packed = words;
+        packed.push_back(copy);
+        std::vector<std::string> unpacked = words;
+        unpacked.push_back(plain);
+        const auto outcome = tarvoctl(machine, packed);
+        EXPECT_EQ(outcome.status, 0) << words.front();
+        EXPECT_EQ(outcome.output, tarvoctl(machine, unpacked).output) << words.front();
+    }
+}
+
+TEST(Snapshot, GoesThroughPipes) {
+    sandbox machine(low);
+    fill(machine);
+    const auto piped = [&machine](const char* script) {
+        return run_program(machine, {"sh", "-c", script, TARVOCTL});
+    };
+    const auto list = piped("\"$0\" snapshot - | \"$0\" list --area - -o name --no-header");
+    EXPECT_EQ(list.status, 0) << list.errors;
+    EXPECT_EQ(list.output, "first\nsecond\nthird\n");
+    EXPECT_EQ(piped("\"$0\" snapshot - | zcat | \"$0\" diff -").output, "");
+    EXPECT_EQ(piped("\"$0\" snapshot - | zcat | \"$0\" check -").status, 0);
+    const auto both = tarvoctl(machine, {"snapshot", "-", "--json"});
+    EXPECT_EQ(both.status, 2);
+    EXPECT_EQ(both.errors, "tarvoctl: standard output takes the snapshot or the JSON document, not "
+                           "both; name a file\n");
+    const auto empty = tarvoctl(machine, {"list", "--area", "-"});
+    EXPECT_EQ(empty.status, 4);
+    EXPECT_TRUE(empty.errors.starts_with("tarvoctl: standard input is 0 bytes, an area takes "))
+        << empty.errors;
+}
+
+TEST(Snapshot, ThatIsDamagedOrNoneIsNotTakenForAnArea) {
+    sandbox machine(low);
+    fill(machine);
+    const temporary_folder folder;
+    const std::string copy = folder.path() / "copy";
+    ASSERT_EQ(tarvoctl(machine, {"snapshot", copy}).status, 0);
+    const std::string bytes = file_text(copy);
+    const auto listed = [&](const std::string& changed) {
+        std::ofstream(copy, std::ios::binary) << changed;
+        return tarvoctl(machine, {"list", "--area", copy});
+    };
+    const auto cut = listed(bytes.substr(0, bytes.size() / 2));
+    EXPECT_EQ(cut.status, 3);
+    EXPECT_EQ(cut.errors, "tarvoctl: cannot read " + copy + ": it is compressed, and cut short\n");
+    std::string other = bytes;
+    other[bytes.size() - 6] ^= 1; // in the sum of all bytes
+    const auto damaged = listed(other);
+    EXPECT_EQ(damaged.status, 3);
+    EXPECT_EQ(damaged.errors,
+              "tarvoctl: cannot read " + copy + ": it is compressed, and damaged\n");
+    ASSERT_EQ(run_program(machine, {"sh", "-c", "echo short | gzip >\"$0\"", copy}).status, 0);
+    EXPECT_EQ(tarvoctl(machine, {"list", "--area", copy}).status, 4);
+}
+
+TEST(Snapshot, MoreThanAnAreaIsNotInflated) {
+    sandbox machine(low);
+    fill(machine);
+    const temporary_folder folder;
+    const std::string bomb = folder.path() / "bomb";
+    // Two gigabytes, in a file of two megabytes.
+    ASSERT_EQ(
+        run_program(machine, {"sh", "-c", "head -c 2G /dev/zero | gzip -1 >\"$0\"", bomb}).status,
+        0);
+    const auto outcome = run_program(
+        machine, {"sh", "-c", "ulimit -v 600000; exec \"$0\" list --area \"$1\"", TARVOCTL, bomb});
+    EXPECT_EQ(outcome.status, 3);
+    EXPECT_TRUE(outcome.errors.find("is not built yet") != std::string::npos) << outcome.errors;
+}
+
+TEST(Snapshot, CannotBeRepairedWhileItIsCompressed) {
+    sandbox machine(low);
+    fill(machine);
+    const temporary_folder folder;
+    const std::string copy = folder.path() / "copy";
+    machine.writable_area().writer().i32(area_offset::chunk(3) + area_offset::prev, 9);
+    ASSERT_EQ(tarvoctl(machine, {"snapshot", copy}).status, 0);
+    const std::string bytes = file_text(copy);
+    EXPECT_EQ(tarvoctl(machine, {"repair", "-n", copy}).status, 1);
+    const auto outcome = tarvoctl(machine, {"repair", "-y", copy});
+    EXPECT_EQ(outcome.status, 2);
+    EXPECT_EQ(outcome.errors, "tarvoctl: " + copy +
+                                  " is compressed, and cannot be changed as it is; 'zcat <" + copy +
+                                  "' gives the bytes for a file that can\n");
+    EXPECT_EQ(file_text(copy), bytes);
 }
 
 TEST(Snapshot, NeverReplacesAFileUnasked) {
@@ -193,7 +291,7 @@ class SnapshotOnto : public testing::Test {
     SnapshotOnto() {
         fill(machine);
         EXPECT_EQ(tarvoctl(machine, {"snapshot", copy}).status, 0);
-        bytes = area_file(copy).snapshot();
+        bytes = unpacked(copy);
         machine.start().free("second");
     }
 
@@ -215,7 +313,7 @@ TEST_F(SnapshotOnto, AFullDiskKeepsTheEarlierOne) {
          copy});
     EXPECT_EQ(tool.wait().status, 3);
     EXPECT_EQ(tool.error_text(), "tarvoctl: cannot write " + copy + ": File too large\n");
-    EXPECT_EQ(area_file(copy).snapshot(), bytes);
+    EXPECT_EQ(unpacked(copy), bytes);
     EXPECT_EQ(files(), 1);
 }
 
@@ -232,7 +330,7 @@ TEST_F(SnapshotOnto, AToolThatIsKilledWhileItWritesLeavesNothing) {
 
 TEST_F(SnapshotOnto, ANewOneLeavesNothingElse) {
     EXPECT_EQ(tarvoctl(machine, {"snapshot", "--force", copy}).status, 0);
-    EXPECT_EQ(area_file(copy).snapshot(), machine.area().snapshot());
+    EXPECT_EQ(unpacked(copy), machine.area().snapshot());
     EXPECT_EQ(files(), 1);
 }
 

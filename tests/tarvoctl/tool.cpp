@@ -83,6 +83,14 @@ nlohmann::json json_of(const tool_outcome& outcome) {
     return document;
 }
 
+std::vector<uint8_t> unpacked(const std::string& snapshot) {
+    const temporary_folder folder;
+    const std::string plain = folder.path() / "plain";
+    process zcat({"sh", "-c", "zcat \"$0\" >\"$1\"", snapshot, plain}, folder.path() / "errors");
+    zcat.wait();
+    return area_file(plain).snapshot();
+}
+
 std::string this_process() {
     std::string name = file_text("/proc/self/comm");
     name.pop_back(); // the line's end

@@ -52,6 +52,9 @@ std::string with_all_seen(const std::string& output);
 /// The JSON object that a command printed; a test that gets none fails with what it got.
 nlohmann::json json_of(const tool_outcome& outcome);
 
+/// The area that a snapshot holds.
+std::vector<uint8_t> unpacked(const std::string& snapshot);
+
 /// The process that runs the test, as commands name it: "4711 (tarvoctl_list_t)".
 std::string this_process();
 

@@ -76,7 +76,8 @@ void command_words::exclude(const std::string& one, const std::string& other) {
 }
 
 void command_words::source(area_source& source) {
-    option("--area", "FILE", source.file, "look into this copy of an area, not the live one");
+    option("--area", "FILE", source.file,
+           "look into this copy of an area, not the live one; - is standard input");
     live(source);
 }
 

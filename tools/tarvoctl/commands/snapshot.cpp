@@ -1,10 +1,12 @@
 #include "commands/commands.hpp"
+#include "failure.hpp"
 #include "host/area_file.hpp"
 #include "output/json.hpp"
 #include "program.hpp"
 
 #include <fmt/format.h>
 #include <memory>
+#include <unistd.h>
 
 namespace tarvoctl {
 
@@ -17,10 +19,27 @@ struct snapshot_options {
     bool json = false;
 };
 
+/// To a pipe or the like.
+exit_status print_area(const snapshot_options& options) {
+    if (options.json) {
+        throw failure{exit_status::usage,
+                      "standard output takes the snapshot or the JSON document, not both; name a "
+                      "file"};
+    }
+    if (::isatty(STDOUT_FILENO) != 0) {
+        throw failure{exit_status::usage,
+                      "a terminal cannot show a snapshot; name a file, or give it to a pipe"};
+    }
+    print_snapshot(*read_area(options.source));
+    return exit_status::good;
+}
+
 exit_status snapshot(const snapshot_options& options) {
+    if (options.file == standard_stream)
+        return print_area(options);
     const auto area = read_area(options.source);
-    write_area({options.file, options.force ? existing_file::replaced : existing_file::refused},
-               *area);
+    write_snapshot({options.file, options.force ? existing_file::replaced : existing_file::refused},
+                   *area);
     if (options.json) {
         json document = json_document("snapshot");
         document["consistent"] = area.consistent;
@@ -40,7 +59,8 @@ void add_snapshot(program& to) {
     const auto options = std::make_shared<snapshot_options>();
     command_words command =
         to.add("snapshot", "a consistent copy of the area, for later", looking, options, snapshot);
-    command.word("FILE", options->file, "the copy, which must not be there yet");
+    command.word("FILE", options->file,
+                 "the copy, which must not be there yet; - for standard output");
     command.flag("--force", options->force, "replace a file that is there");
     command.json(options->json);
     command.source(options->source);

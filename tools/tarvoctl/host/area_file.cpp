@@ -1,9 +1,15 @@
 #include "host/area_file.hpp"
 
+#include "host/gzip.hpp"
+
 #include <algorithm>
 #include <array>
+#include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <span>
+#include <string>
+#include <system_error>
 #include <vector>
 
 namespace tarvoctl {
@@ -11,6 +17,10 @@ namespace tarvoctl {
 namespace {
 
 constexpr std::size_t page_bytes = 4096;
+constexpr mode_t owner_only = 0600;
+/// As long as a live one.
+constexpr std::size_t whole_pages =
+    (sizeof(shared_area_t) + page_bytes - 1) / page_bytes * page_bytes;
 
 bool is_zero(const char* first, std::size_t bytes) {
     static constexpr std::array<char, page_bytes> zeros{};
@@ -33,11 +43,30 @@ std::vector<std::span<const char>> filled_pages_of(const shared_area_t& area) {
     return pages;
 }
 
+/// Compressed: nearly all of an area is zeros, and holes in a file would be lost in the next copy.
+std::string packed(const shared_area_t& area) {
+    std::vector<char> bytes(whole_pages);
+    std::memcpy(bytes.data(), bytes_of(area), sizeof area);
+    return gzipped(bytes);
+}
+
 } // namespace
 
+void write_snapshot(const new_file::target& wanted, const shared_area_t& area) {
+    new_file file{wanted, owner_only};
+    const std::string bytes = packed(area);
+    file.write_at(bytes.data(), bytes.size(), 0);
+    file.finish();
+}
+
+void print_snapshot(const shared_area_t& area) {
+    const std::string bytes = packed(area);
+    if (std::fwrite(bytes.data(), 1, bytes.size(), stdout) != bytes.size()) {
+        throw std::system_error{errno, std::generic_category(), "fwrite"};
+    }
+}
+
 void write_area(const new_file::target& wanted, const shared_area_t& area) {
-    constexpr mode_t owner_only = 0600;
-    constexpr std::size_t whole_pages = (sizeof area + page_bytes - 1) / page_bytes * page_bytes;
     new_file file{wanted, owner_only};
     const auto filled = filled_pages_of(area);
     file.require_room(filled.size() * page_bytes);

@@ -4,14 +4,17 @@
 #include "area/list_walk.hpp"
 #include "failure.hpp"
 #include "host/cross_process_lock.hpp"
+#include "host/gzip.hpp"
 #include "host/plain_file.hpp"
 #include "quantities.hpp"
 
+#include <array>
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <new>
+#include <span>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <thread>
@@ -167,6 +170,32 @@ area_reader read_live(const area_source& source, area_reader::reading read) {
     return reader;
 }
 
+/// A copy that is compressed, or comes through a pipe. To the end of it where it is no longer than
+/// it should be, as only there shows whether a compressed one is whole.
+area_copy read_stream(unique_fd file, const std::string& name) {
+    gzip_reader reader{std::move(file), name};
+    area_copy copied;
+    const std::span bytes{reinterpret_cast<char*>(&*copied), sizeof(shared_area_t)};
+    const std::size_t count = reader.read(bytes);
+    if (count < bytes.size()) {
+        complain_of_length(name, static_cast<off_t>(count));
+    }
+    std::array<char, 4096> rest_of_page{};
+    static_cast<void>(reader.read(rest_of_page));
+    return copied;
+}
+
+area_copy read_copy(const std::string& path) {
+    if (path == standard_stream) {
+        return read_stream(unique_fd{::dup(STDIN_FILENO)}, "standard input");
+    }
+    unique_fd file = open_plain_file(path, O_RDONLY);
+    if (!file) {
+        complain_of(path, errno);
+    }
+    return is_gzipped(file) ? read_stream(std::move(file), path) : read_area_file(path);
+}
+
 void remark_on(bool consistent) {
     if (!consistent) {
         fmt::print(stderr, "tarvoctl: the area changed during every reading without its lock: what "
@@ -242,6 +271,12 @@ mapped_area::mapped_area(const std::string& path) {
     const unique_fd file = open_plain_file(path, O_RDWR);
     if (!file)
         complain_of(path, errno);
+    if (is_gzipped(file)) {
+        throw failure{exit_status::usage,
+                      fmt::format("{0} is compressed, and cannot be changed as it is; 'zcat <{0}' "
+                                  "gives the bytes for a file that can",
+                                  path)};
+    }
     require_whole(file, path);
     constexpr std::size_t bytes = sizeof(shared_area_t);
     // Where a hole has no room on the disk, the first store into it would end the process.
@@ -270,7 +305,7 @@ picture look_at_records(const area_source& source) {
         made.consistent = reader.is_consistent();
         return made;
     }
-    const area_copy area = read_area_file(source.file);
+    const area_copy area = read_copy(source.file);
     check_built(*area, source.file);
     return picture_of(*area);
 }
@@ -283,7 +318,7 @@ picture read_picture(const area_source& source) {
 
 area_copy read_area(const area_source& source) {
     if (!source.is_live()) {
-        return read_area_file(source.file);
+        return read_copy(source.file);
     }
     area_copy copied = read_live(source, &area_reader::read_all).take();
     remark_on(copied.consistent);

@@ -20,9 +20,12 @@ enum class lock_use {
     none,    ///< reads without it
 };
 
+/// What stands for standard input or output where a file is named.
+inline constexpr const char* standard_stream = "-";
+
 /// Where a command reads the records: the live area, or a copy of one.
 struct area_source {
-    std::string file; ///< a copy; empty: the live area
+    std::string file; ///< a copy, compressed by gzip(1) or not; empty: the live area
     std::chrono::milliseconds timeout{5000};
     lock_use lock = lock_use::always;
 
@@ -59,7 +62,7 @@ class area_copy {
 /// A whole area, with or without the lock as read_picture() does it.
 area_copy read_area(const area_source& source);
 
-/// The same of the file of that path, without a lock: what others change meanwhile may be read half
+/// The same of the uncompressed file of that path, without a lock: what others change meanwhile may be read half
 /// before and half after. The flag `initialized` is read last.
 area_copy read_area_file(const std::string& path);
 
