@@ -92,20 +92,57 @@ TEST_F(Top, FitsEveryPageIntoTheScreenAsItIsNow) {
         driver.alloc("chunk_" + std::to_string(i), 0x1000);
     terminal screen(24, 80);
     running_tool top = screen.start(machine, {"top", "--interval", "30"});
-    const std::string large = plain(screen.output_with("0000:03:00.0  online      42"));
+    const std::string large = plain(screen.output_with("q quit"));
     EXPECT_EQ(std::count(large.begin(), large.end(), '\n'), 23);
-    EXPECT_NE(large.find("... and 30 more\n"), std::string::npos) << large;
+    EXPECT_NE(large.find("of 42 by size"), std::string::npos) << large;
     const std::size_t from = screen.seen();
     screen.resize(12, 40);
     kill(top.pid, SIGWINCH); // as the kernel does for the terminal's own session
-    const std::string small =
-        plain(screen.output_with("0000:03:00.0  online      42", from).substr(from));
+    const std::string small = plain(screen.output_with("1-8 of 42 by size", from).substr(from));
     EXPECT_EQ(std::count(small.begin(), small.end(), '\n'), 11);
     for (const std::string& line : lines_of(small)) {
         if (line.find('|') == std::string::npos) {
             EXPECT_LE(line.size(), 40) << line;
         }
     }
+    screen.type("q");
+    EXPECT_EQ(top.program.wait(), normal_end);
+}
+
+/// The last page that was drawn.
+std::string last_page(const std::string& output) {
+    return plain(output.substr(output.rfind("\x1b[H")));
+}
+
+TEST_F(Top, ShowsChunksOnASmallScreenScrollsAndSorts) {
+    driver.free("big");
+    driver.free("rx_ring");
+    for (int i = 10; i < 40; ++i)
+        driver.alloc("chunk_" + std::to_string(i), 0x1000U * static_cast<uint32_t>(i));
+    terminal screen(10, 40);
+    running_tool top = screen.start(machine, {"top", "--interval", "30"});
+    const auto page_after = [&](const std::string& keys, const std::string& footer) {
+        const std::size_t from = screen.seen();
+        screen.type(keys);
+        return lines_of(last_page(screen.output_with(footer, from)));
+    };
+    auto page = page_after("", "1-6 of 30 by size  s sort  jk scroll");
+    ASSERT_EQ(page.size(), 10);
+    EXPECT_NE(page[3].find("chunk_39"), std::string::npos) << page[3];
+    for (const std::string& line : page)
+        EXPECT_LE(line.size(), 40) << line;
+    page = page_after("j", "2-7 of 30");
+    EXPECT_NE(page[3].find("chunk_38"), std::string::npos) << page[3];
+    page_after("\x1b[B", "3-8 of 30");
+    page_after("\x1b[6~", "9-14 of 30");
+    page_after("k", "8-13 of 30");
+    page_after("\x1b[5~", "2-7 of 30");
+    page = page_after("\x1b[F", "25-30 of 30");
+    EXPECT_NE(page[8].find("chunk_10"), std::string::npos) << page[8];
+    page_after("j\x1b[H", "1-6 of 30");
+    page = page_after("s", "1-6 of 30 by name");
+    EXPECT_NE(page[3].find("chunk_10"), std::string::npos) << page[3];
+    page_after("s", "1-6 of 30 by address");
     screen.type("q");
     EXPECT_EQ(top.program.wait(), normal_end);
 }

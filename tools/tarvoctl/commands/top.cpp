@@ -8,7 +8,9 @@
 #include "program.hpp"
 #include "quantities.hpp"
 
+#include <algorithm>
 #include <chrono>
+#include <cstdint>
 #include <fmt/format.h>
 #include <memory>
 
@@ -26,53 +28,116 @@ std::string title_of(const std::string& area, const char* hint) {
                        hint);
 }
 
-/// Draws what each look finds.
+/// Draws what each look finds, and of it what a person wants to see.
 class live_view {
   public:
-    std::string page_of(area_look look) {
+    void take(area_look look) {
         if (look.records) {
             records_ = std::move(look.records);
+            memory_ = mappings_of(find_site());
             title_ = title_of(look.area, look.found != area_look::state::changing
-                                             ? "  q ends"
+                                             ? ""
                                              : "  HALF CHANGED: read without the lock");
-            return page_with(title_);
+            mark_.clear();
+        } else if (look.found == area_look::state::locked && records_) {
+            mark_ = "  OLD: the lock is not free, see 'tarvoctl lock'";
+        } else {
+            records_.reset();
+            title_ = title_of(look.area, "  q ends");
+            mark_ = look.found == area_look::state::locked
+                        ? "\n\nThe lock is not free; 'tarvoctl lock' tells who holds it."
+                        : "\n\nThere is no area. The first program that uses the library makes it.";
         }
-        if (look.found == area_look::state::locked && records_)
-            return page_with(title_ + "  OLD: the lock is not free, see 'tarvoctl lock'");
-        records_.reset();
-        return title_of(look.area, "  q ends") +
-               (look.found == area_look::state::locked
-                    ? "\n\nThe lock is not free; 'tarvoctl lock' tells who holds it."
-                    : "\n\nThere is no area. The first program that uses the library makes it.");
+    }
+
+    void obey(screen_key key) {
+        switch (key) {
+        case screen_key::sort:
+            order_ = next_of(order_);
+            first_ = 0;
+            break;
+        case screen_key::up:
+            scroll_back(1);
+            break;
+        case screen_key::down:
+            first_ += 1;
+            break;
+        case screen_key::page_up:
+            scroll_back(rows_);
+            break;
+        case screen_key::page_down:
+            first_ += rows_;
+            break;
+        case screen_key::first:
+            first_ = 0;
+            break;
+        case screen_key::last:
+            first_ = SIZE_MAX;
+            break;
+        default:
+            break;
+        }
+    }
+
+    void show() {
+        if (!records_) {
+            live_screen::show(title_ + mark_);
+            return;
+        }
+        const top_drawing drawn =
+            top_page({*records_, memory_, title_ + mark_, standard_screen(),
+                      static_cast<std::size_t>(live_screen::height()), order_, first_});
+        first_ = drawn.first_chunk;
+        rows_ = drawn.chunks;
+        live_screen::show(drawn.text);
     }
 
   private:
-    std::string page_with(const std::string& title) const {
-        return top_page({*records_, mappings_of(find_site()), title, standard_screen(),
-                         static_cast<std::size_t>(live_screen::height())});
+    static top_order next_of(top_order order) {
+        return order == top_order::size   ? top_order::name
+               : order == top_order::name ? top_order::address
+                                          : top_order::size;
     }
 
+    void scroll_back(std::size_t rows) { first_ -= std::min(first_, rows); }
+
     std::optional<picture> records_; ///< as they were seen last
+    mapped_memory memory_;           ///< as it was seen then
     std::string title_;
+    std::string mark_; ///< behind it: why there are no newer records
+    top_order order_ = top_order::size;
+    std::size_t first_ = 0; ///< chunk on the page
+    std::size_t rows_ = 0;  ///< chunks on it
 };
 
 exit_status live(const top_options& options) {
+    using clock = std::chrono::steady_clock;
     area_follower follower{options.source};
     live_view view;
     // Before the screen is taken, so that an area that cannot be read is told in the usual way.
-    area_look look = follower.look();
-    const live_screen screen;
-    live_screen::show(view.page_of(std::move(look)));
-    while (!live_screen::end_is_wanted_within(options.interval))
-        live_screen::show(view.page_of(follower.look()));
-    return exit_status::good;
+    view.take(follower.look());
+    live_screen screen;
+    for (auto next_look = clock::now() + options.interval;;) {
+        view.show();
+        const auto left =
+            std::chrono::duration_cast<std::chrono::milliseconds>(next_look - clock::now());
+        const screen_key key = screen.key_within(std::max(left, std::chrono::milliseconds{0}));
+        if (key == screen_key::quit)
+            return exit_status::good;
+        view.obey(key);
+        if (clock::now() >= next_look) {
+            view.take(follower.look());
+            next_look = clock::now() + options.interval;
+        }
+    }
 }
 
 exit_status one_page(const top_options& options) {
     const picture records = read_picture(options.source);
     const site here = find_site();
-    fmt::print("{}", top_page({records, mappings_of(here), title_of(here.area, ""),
-                               standard_screen(), 0}));
+    fmt::print(
+        "{}",
+        top_page({records, mappings_of(here), title_of(here.area, ""), standard_screen(), 0}).text);
     return told_damage(records.damage);
 }
 

@@ -59,7 +59,8 @@ std::string gzipped(std::span<const char> bytes) {
 bool is_gzipped(const unique_fd& file) {
     constexpr std::array<unsigned char, 2> magic{0x1f, 0x8b};
     std::array<unsigned char, 2> found{};
-    return ::pread(file.get(), found.data(), found.size(), 0) == found.size() && found == magic;
+    const ssize_t count = ::pread(file.get(), found.data(), found.size(), 0);
+    return count == static_cast<ssize_t>(found.size()) && found == magic;
 }
 
 void gzip_reader::closer::operator()(void* file) const {

@@ -2,6 +2,7 @@
 
 #include "exit_status.hpp"
 
+#include <array>
 #include <cerrno>
 #include <csignal>
 #include <cstring>
@@ -77,6 +78,39 @@ void take_keyboard() {
     keyboard_changed = ::tcsetattr(STDIN_FILENO, TCSANOW, &wanted) == 0;
 }
 
+struct key_name {
+    std::string_view typed;
+    screen_key key;
+};
+
+/// The cursor keys as terminals send them, in either of their modes, and the letters of less(1).
+constexpr key_name key_names[] = {
+    {"q", screen_key::quit},        {"Q", screen_key::quit},
+    {"s", screen_key::sort},        {"k", screen_key::up},
+    {"\x1b[A", screen_key::up},     {"\x1bOA", screen_key::up},
+    {"j", screen_key::down},        {"\x1b[B", screen_key::down},
+    {"\x1bOB", screen_key::down},   {"\x1b[5~", screen_key::page_up},
+    {"b", screen_key::page_up},     {"\x1b[6~", screen_key::page_down},
+    {" ", screen_key::page_down},   {"g", screen_key::first},
+    {"\x1b[H", screen_key::first},  {"\x1bOH", screen_key::first},
+    {"\x1b[1~", screen_key::first}, {"G", screen_key::last},
+    {"\x1b[F", screen_key::last},   {"\x1bOF", screen_key::last},
+    {"\x1b[4~", screen_key::last},
+};
+
+/// The first key of those typed, which is taken from them.
+screen_key take_key(std::string& typed) {
+    for (const auto& [name, key] : key_names) {
+        if (typed.starts_with(name)) {
+            typed.erase(0, name.size());
+            return key;
+        }
+    }
+    // Another key of several bytes: its letters are none of their own.
+    typed.erase(0, typed.starts_with('\x1b') ? typed.size() : 1);
+    return screen_key::none;
+}
+
 } // namespace
 
 live_screen::live_screen() {
@@ -125,12 +159,18 @@ void live_screen::show(const std::string& page) {
     put(output);
 }
 
-bool live_screen::end_is_wanted_within(std::chrono::milliseconds time) {
+screen_key live_screen::key_within(std::chrono::milliseconds time) {
+    if (!typed_.empty())
+        return take_key(typed_);
     pollfd keyboard{STDIN_FILENO, POLLIN, 0};
     if (::poll(&keyboard, keyboard_changed ? 1 : 0, static_cast<int>(time.count())) <= 0)
-        return false;
-    char key = 0;
-    return ::read(STDIN_FILENO, &key, 1) <= 0 || key == 'q' || key == 'Q';
+        return screen_key::none;
+    std::array<char, 64> typed{};
+    const ssize_t count = ::read(STDIN_FILENO, typed.data(), typed.size());
+    if (count <= 0)
+        return screen_key::quit;
+    typed_.assign(typed.data(), static_cast<std::size_t>(count));
+    return take_key(typed_);
 }
 
 } // namespace tarvoctl

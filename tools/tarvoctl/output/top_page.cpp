@@ -43,27 +43,38 @@ class page {
   public:
     explicit page(const top_view& view) : view_{view} {}
 
-    std::string text() {
+    top_drawing draw() {
         add_summary();
-        const lines devices = device_lines();
-        const std::size_t left = room();
-        const std::size_t for_devices =
-            devices.size() <= left / 3 ? devices.size() : std::max<std::size_t>(left / 3, 2);
-        add_blank();
-        add_table(chunk_lines(), left - std::min(left, for_devices + 2));
-        add_blank();
-        add_table(devices, room());
-        return joined();
+        if (is_low()) {
+            add_chunks(room());
+        } else {
+            const lines devices = device_lines();
+            const std::size_t left = room();
+            const std::size_t for_devices =
+                devices.size() <= left / 3 ? devices.size() : std::max<std::size_t>(left / 3, 2);
+            add_blank();
+            add_chunks(left - std::min(left, for_devices + 2));
+            add_blank();
+            add_table(devices, room());
+        }
+        if (is_limited())
+            add_footer();
+        return {joined(), first_, shown_};
     }
 
   private:
     bool is_limited() const { return view_.height != 0; }
+    /// So low that what is told of the region as a whole would leave no room for chunks.
+    bool is_low() const {
+        constexpr std::size_t least_height = 16;
+        return is_limited() && view_.height < least_height;
+    }
 
-    /// Lines that are still free.
+    /// Lines that are still free above the footer.
     std::size_t room() const {
         if (!is_limited())
             return SIZE_MAX;
-        return view_.height - std::min(view_.height, made_.size());
+        return view_.height - std::min(view_.height, made_.size() + 1);
     }
 
     void add(const std::string& line) {
@@ -76,6 +87,11 @@ class page {
         const picture& records = view_.records;
         const dma_window& region = records.region;
         add(view_.title);
+        if (is_low()) {
+            add(free_text());
+            add_damage();
+            return;
+        }
         add(records.has_region() ? fmt::format("region  DMA {}  physical {}",
                                                dma_range(region, region.first_pa, region.end_pa),
                                                pa_range(region.first_pa, region.end_pa))
@@ -87,7 +103,11 @@ class page {
                         records.chunks.size(), most_chunks, records.devices.size(), device_capacity,
                         counted(view_.memory.users.size(), "process"),
                         view_.memory.is_complete() ? "" : " and those that cannot be seen"));
-        for (const auto& each : records.damage)
+        add_damage();
+    }
+
+    void add_damage() {
+        for (const auto& each : view_.records.damage)
             add("DAMAGED " + each);
     }
 
@@ -106,7 +126,7 @@ class page {
 
     /// Not clipped: its lines hold colours, and know the screen's width.
     void add_bar() {
-        constexpr std::size_t small_height = 16;
+        constexpr std::size_t small_height = 20;
         if (!view_.records.has_region())
             return;
         const std::size_t bar_lines = is_limited() && view_.height < small_height ? 1 : 2;
@@ -114,13 +134,16 @@ class page {
             made_.push_back(std::move(line));
     }
 
-    /// The chunks' positions, the largest first, those of one size by address.
-    std::vector<std::size_t> by_size() const {
+    /// The chunks' positions, the largest first where they are by size; those that are alike by
+    /// address.
+    std::vector<std::size_t> in_order() const {
         const auto& chunks = view_.records.chunks;
         std::vector<std::size_t> order(chunks.size());
         std::iota(order.begin(), order.end(), 0);
-        std::stable_sort(order.begin(), order.end(), [&chunks](std::size_t a, std::size_t b) {
-            return chunks[a].size > chunks[b].size;
+        std::stable_sort(order.begin(), order.end(), [&](std::size_t a, std::size_t b) {
+            return view_.order == top_order::size   ? chunks[a].size > chunks[b].size
+                   : view_.order == top_order::name ? chunks[a].name < chunks[b].name
+                                                    : a < b;
         });
         return order;
     }
@@ -132,7 +155,7 @@ class page {
                     {"DMA"},
                     {"CREATOR"},
                     {"DEVICES"}}};
-        for (const std::size_t position : by_size()) {
+        for (const std::size_t position : in_order()) {
             const chunk_record& chunk = view_.records.chunks[position];
             rows.add({size_text(chunk.size), shown(chunk.name),
                       fmt::format("{}", holders_of(chunk, view_.memory).size()),
@@ -154,6 +177,29 @@ class page {
                       fmt::format("{}", seen[device.index])});
         }
         return lines_of(rows.text());
+    }
+
+    /// The titles, and as many chunks as there is room for.
+    void add_chunks(std::size_t most_lines) {
+        const lines all = chunk_lines();
+        if (most_lines == 0)
+            return;
+        const std::size_t chunks = all.size() - 1;
+        shown_ = std::min(chunks, most_lines - 1);
+        first_ = std::min(view_.first_chunk, chunks - shown_);
+        add(all.front());
+        for (std::size_t i = 1; i <= shown_; ++i)
+            add(all[first_ + i]);
+    }
+
+    /// On the last line, what is most wanted first: a narrow screen clips it.
+    void add_footer() {
+        constexpr const char* orders[] = {"size", "name", "address"};
+        const std::size_t chunks = view_.records.chunks.size();
+        made_.resize(view_.height - 1);
+        add(fmt::format("{}-{} of {} by {}  s sort  jk scroll  PgUp PgDn Home End  q quit",
+                        std::min(first_ + 1, chunks), first_ + shown_, chunks,
+                        orders[static_cast<int>(view_.order)]));
     }
 
     /// As many rows as there is room for, and how many there is none for. The first line, with the
@@ -182,12 +228,14 @@ class page {
 
     const top_view& view_;
     lines made_;
+    std::size_t first_ = 0; ///< chunk on the page
+    std::size_t shown_ = 0; ///< chunks on it
 };
 
 } // namespace
 
-std::string top_page(const top_view& view) {
-    return page{view}.text();
+top_drawing top_page(const top_view& view) {
+    return page{view}.draw();
 }
 
 } // namespace tarvoctl

@@ -9,6 +9,9 @@
 
 namespace tarvoctl {
 
+/// By what the chunks of a page are sorted.
+enum class top_order { size, name, address };
+
 /// What a page of top is made from.
 struct top_view {
     const picture& records;
@@ -16,10 +19,19 @@ struct top_view {
     std::string title; ///< the first line
     screen on;
     std::size_t height; ///< lines there are; 0: as many as it takes
+    top_order order = top_order::size;
+    std::size_t first_chunk = 0; ///< of those in that order, where there is no room for all
 };
 
-/// The region, its free space, its chunks by size and the devices. Lines end with "\n", but for the
-/// last one of a page with a height.
-std::string top_page(const top_view& view);
+/// A page and what of the chunks is on it.
+struct top_drawing {
+    std::string text;        ///< lines end with "\n", but for the last one of a page with a height
+    std::size_t first_chunk; ///< as wanted, but no further than leaves the page full
+    std::size_t chunks;
+};
+
+/// The region, its free space, its chunks and the devices. A low page has only the free space and
+/// the chunks; one with a height ends with what it shows of them and the keys for the rest.
+top_drawing top_page(const top_view& view);
 
 } // namespace tarvoctl
