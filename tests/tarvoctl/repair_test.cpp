@@ -46,6 +46,24 @@ TEST_F(Repair, ShowsItsPlanKeepsACopyAndMendsTheArea) {
     EXPECT_EQ(tarvoctl(machine, {"check"}).status, 0);
 }
 
+TEST_F(Repair, SaysInJsonWhatItChangedAndWhereTheCopyIs) {
+    const auto plan = json_of(tarvoctl(machine, {"repair", "--dry-run", "--json"}));
+    EXPECT_EQ(plan.at("repaired"), false);
+    EXPECT_EQ(plan.at("backup"), nullptr);
+    EXPECT_TRUE(is_untouched());
+    const auto done = json_of(tarvoctl(machine, {"repair", "--yes", "--backup", backup, "--json"}));
+    EXPECT_EQ(done.at("repaired"), true);
+    EXPECT_EQ(done.at("backup"), backup);
+    EXPECT_EQ(done.at("edits"), plan.at("edits"));
+    ASSERT_EQ(done.at("edits").size(), 1U);
+    const auto& edit = done.at("edits")[0];
+    EXPECT_EQ(edit.at("offset"), 12848);
+    EXPECT_EQ(edit.at("before"), "04000000");
+    EXPECT_EQ(edit.at("after"), "02000000");
+    EXPECT_EQ(edit.at("chunk").at("name"), "second");
+    EXPECT_TRUE(is_sound());
+}
+
 TEST_F(Repair, OnlyShowsThePlanOfADryRun) {
     const auto outcome = tarvoctl(machine, {"repair", "--dry-run"});
     EXPECT_EQ(outcome.status, 1);

@@ -135,13 +135,9 @@ TEST(Schema, EveryCommandKeepsToIt) {
     const auto link = area_offset::chunk(3) + area_offset::next;
     const int32_t sound = machine.area().view().i32(link);
     machine.writable_area().writer().i32(link, 3);
-    const std::vector<std::vector<std::string>> looks{{"list"},
-                                                      {"check"},
-                                                      {"map"},
-                                                      {"map", "--fit", "4K"},
-                                                      {"devices"},
-                                                      {"show", "rx_ring"},
-                                                      {"find", "0x20000000"}};
+    const std::vector<std::vector<std::string>> looks{
+        {"list"},    {"check"},           {"repair", "--dry-run"}, {"map"}, {"map", "--fit", "4K"},
+        {"devices"}, {"show", "rx_ring"}, {"find", "0x20000000"}};
     for (std::vector<std::string> words : looks) {
         words.emplace_back("--json");
         documents.add(json_of(tarvoctl(machine, words)));
@@ -157,6 +153,7 @@ TEST(Schema, EveryCommandKeepsToIt) {
     machine.writable_area().writer().u32(size, 0x10000);
     for (const auto& line : watched(machine, driver))
         documents.add(line);
+    documents.add(json_of(tarvoctl(machine, {"show", "nobody", "--json"})));
     EXPECT_EQ(documents.complaint(), "");
     EXPECT_EQ(documents.missing(), std::set<std::string>{});
 }

@@ -55,21 +55,10 @@ void print_as_text(const std::vector<finding>& findings, const shared_area_t& ar
 
 void print_as_json(const std::vector<finding>& findings, const shared_area_t& area,
                    bool consistent) {
-    json listed = json::array();
-    for (const auto& each : findings) {
-        listed.push_back({{"class", name_of(each.cls)},
-                          {"rule", each.rule},
-                          {"where", text_of(each.where)},
-                          {"chunk", json_label(each.where, area)},
-                          {"element", each.where.element},
-                          {"reference", each.where.ref},
-                          {"text", each.text},
-                          {"unlisted", each.unlisted}});
-    }
     json document = json_document("check");
     document["consistent"] = consistent;
     document["verdict"] = verdict_of(findings);
-    document["findings"] = std::move(listed);
+    document["findings"] = json_findings(findings, area);
     print_json(document);
 }
 

@@ -6,6 +6,7 @@
 #include "host/cross_process_lock.hpp"
 #include "host/mappings.hpp"
 #include "output/confirm.hpp"
+#include "output/json.hpp"
 #include "output/place_text.hpp"
 #include "output/process_text.hpp"
 #include "output/text.hpp"
@@ -30,6 +31,16 @@ struct repair_options {
     bool force = false;
     bool partly = false;
     bool yes = false;
+    bool json = false;
+};
+
+/// What repair finds out before it changes anything.
+struct planned_repair {
+    const shared_area_t& area; ///< as it is
+    repair_plan plan;
+    std::vector<finding> rest; ///< what stays broken
+
+    bool makes_whole() const { return plan.doubts.empty() && rest.empty(); }
 };
 
 std::string path_of(const repair_options& options) {
@@ -87,6 +98,39 @@ void print_rest(const std::vector<finding>& rest, const shared_area_t& area) {
     }
 }
 
+json json_edit(const repair_edit& edit, const shared_area_t& area) {
+    json made{{"offset", edit.offset},
+              {"bytes", edit.before.size()},
+              {"before", hex_of(edit.before)},
+              {"after", hex_of(edit.after)}};
+    made.update(json_place(edit.where, area));
+    made["text"] = edit.why;
+    return made;
+}
+
+json json_doubt(const repair_doubt& doubt, const shared_area_t& area) {
+    json made = json_place(doubt.where, area);
+    made["text"] = doubt.why;
+    return made;
+}
+
+/// `backup` is empty where nothing was changed.
+void print_as_json(const planned_repair& planned, const std::string& backup) {
+    json document = json_document("repair");
+    document["edits"] = json::array();
+    for (const auto& edit : planned.plan.edits) {
+        document["edits"].push_back(json_edit(edit, planned.area));
+    }
+    document["left"] = json::array();
+    for (const auto& doubt : planned.plan.doubts) {
+        document["left"].push_back(json_doubt(doubt, planned.area));
+    }
+    document["stays_broken"] = json_findings(planned.rest, planned.area);
+    document["repaired"] = !backup.empty();
+    document["backup"] = backup.empty() ? json(nullptr) : json(backup);
+    print_json(document);
+}
+
 /// Processes that have the library started may be in the middle of what is about to be mended. Those
 /// that not even root can look into are told of, but would speak against every repair for ever.
 void refuse_while_in_use(const repair_options& options) {
@@ -138,8 +182,9 @@ void mend(const repair_options& options, const repair_plan& plan, const shared_a
     apply(plan, mapped.area());
 }
 
-void carry_out(const repair_options& options, const repair_plan& plan,
-               const shared_area_t& planned_for) {
+/// Returns the file that holds the area as it was.
+std::string carry_out(const repair_options& options, const repair_plan& plan,
+                      const shared_area_t& planned_for) {
     const mapped_area mapped{path_of(options)};
     mapped.touch();
     const std::string backup = backup_path(options);
@@ -152,30 +197,49 @@ void carry_out(const repair_options& options, const repair_plan& plan,
         ::unlink(backup.c_str()); // of an area that is as it was
         throw;
     }
-    fmt::print("repaired; {} holds the area as it was\n", backup);
+    return backup;
+}
+
+/// Makes the changes, unless something or somebody speaks against them.
+std::string carry_out_if_agreed(const repair_options& options, const planned_repair& planned) {
+    refuse_while_in_doubt(options, planned.plan);
+    refuse_while_in_use(options);
+    const std::string question =
+        fmt::format("make {}?", counted(planned.plan.edits.size(), "change"));
+    if (!options.yes && !confirmed(question)) {
+        throw failure{exit_status::finding, "not repaired: nobody said yes; --yes does"};
+    }
+    return carry_out(options, planned.plan, planned.area);
+}
+
+void print_end(const planned_repair& planned, const std::string& backup) {
+    if (!backup.empty()) {
+        fmt::print("repaired; {} holds the area as it was\n", backup);
+    } else if (planned.plan.edits.empty()) {
+        fmt::print("{}\n",
+                   planned.makes_whole() ? "nothing to repair" : "repair has nothing to change");
+    }
 }
 
 exit_status repair(const repair_options& options) {
     const auto area = read_area(options.source);
-    const repair_plan plan = plan_repair(*area);
-    const auto rest = broken_after(plan, *area, options_for(options.source, options.cma));
-    print_plan(plan, *area);
-    print_rest(rest, *area);
-    const bool is_whole = plan.doubts.empty() && rest.empty();
-    const exit_status end = is_whole ? exit_status::good : exit_status::damaged;
-    if (plan.edits.empty()) {
-        fmt::print("{}\n", is_whole ? "nothing to repair" : "repair has nothing to change");
-        return end;
+    planned_repair planned{*area, plan_repair(*area), {}};
+    planned.rest = broken_after(planned.plan, *area, options_for(options.source, options.cma));
+    if (!options.json) {
+        print_plan(planned.plan, *area);
+        print_rest(planned.rest, *area);
     }
-    if (options.dry_run) {
-        return is_whole ? exit_status::finding : exit_status::damaged;
+    const bool only_shown = options.dry_run || planned.plan.edits.empty();
+    const std::string backup = only_shown ? "" : carry_out_if_agreed(options, planned);
+    if (options.json) {
+        print_as_json(planned, backup);
+    } else {
+        print_end(planned, backup);
     }
-    refuse_while_in_doubt(options, plan);
-    refuse_while_in_use(options);
-    if (!options.yes && !confirmed(fmt::format("make {}?", counted(plan.edits.size(), "change"))))
-        throw failure{exit_status::finding, "not repaired: nobody said yes; --yes does"};
-    carry_out(options, plan, *area);
-    return end;
+    if (!planned.makes_whole()) {
+        return exit_status::damaged;
+    }
+    return only_shown && !planned.plan.edits.empty() ? exit_status::finding : exit_status::good;
 }
 
 } // namespace
@@ -194,6 +258,7 @@ void add_repair(program& to) {
     command.flag("--partly", options->partly,
                  "also where something is left for a person to decide: mend the rest");
     command.option("--backup", "FILE", options->backup, "where the area is kept as it was");
+    command.json(options->json);
     command.timeout(options->source.timeout);
 }
 

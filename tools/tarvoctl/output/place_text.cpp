@@ -4,6 +4,7 @@
 #include "output/text.hpp"
 
 #include <fmt/format.h>
+#include <utility>
 
 namespace tarvoctl {
 
@@ -23,13 +24,7 @@ std::string label_of(const dma_chunk_t& chunk) {
            (creator.empty() ? "" : fmt::format(" (creator {})", shown(creator)));
 }
 
-} // namespace
-
-std::string place_text(const place& where, const shared_area_t& area) {
-    const dma_chunk_t* const chunk = chunk_of(where, area);
-    return text_of(where, chunk != nullptr ? label_of(*chunk) : "");
-}
-
+/// The chunk's name and creator; null for a place in no chunk.
 json json_label(const place& where, const shared_area_t& area) {
     const dma_chunk_t* const chunk = chunk_of(where, area);
     if (chunk == nullptr) {
@@ -41,8 +36,34 @@ json json_label(const place& where, const shared_area_t& area) {
     return made;
 }
 
+} // namespace
+
+std::string place_text(const place& where, const shared_area_t& area) {
+    const dma_chunk_t* const chunk = chunk_of(where, area);
+    return text_of(where, chunk != nullptr ? label_of(*chunk) : "");
+}
+
 std::string finding_text(const finding& told, const shared_area_t& area) {
     return fmt::format("{}: {} [{}]", place_text(told.where, area), shown(told.text), told.rule);
+}
+
+json json_place(const place& where, const shared_area_t& area) {
+    return {{"where", text_of(where)},
+            {"chunk", json_label(where, area)},
+            {"element", where.element},
+            {"reference", where.ref}};
+}
+
+json json_findings(const std::vector<finding>& findings, const shared_area_t& area) {
+    json made = json::array();
+    for (const auto& each : findings) {
+        json one{{"class", name_of(each.cls)}, {"rule", each.rule}};
+        one.update(json_place(each.where, area));
+        one["text"] = each.text;
+        one["unlisted"] = each.unlisted;
+        made.push_back(std::move(one));
+    }
+    return made;
 }
 
 } // namespace tarvoctl

@@ -5,6 +5,7 @@
 #include "shared/layout.hpp"
 
 #include <string>
+#include <vector>
 
 namespace tarvoctl {
 
@@ -12,10 +13,11 @@ namespace tarvoctl {
 /// (creator driver), device reference 0".
 std::string place_text(const place& where, const shared_area_t& area);
 
-/// The chunk's name and creator; null for a place in no chunk.
-json json_label(const place& where, const shared_area_t& area);
-
 /// "chunk 3 'rx_ring' (creator driver): size is 0 ... [chunk-size-zero]"
 std::string finding_text(const finding& told, const shared_area_t& area);
+
+/// A place as the members where, chunk, element and reference.
+json json_place(const place& where, const shared_area_t& area);
+json json_findings(const std::vector<finding>& findings, const shared_area_t& area);
 
 } // namespace tarvoctl
