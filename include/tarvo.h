@@ -37,7 +37,8 @@
  *  5. What ends the process. Wrong use, and records that are damaged, end the process with an
  *     assertion message on standard error and SIGABRT; each call lists its own. In addition every
  *     call that reads the lists ends it where a link is out of range ("idx >= 0 && idx < MAX"),
- *     where links lead in a circle ("visited <= MAX") or where an element is in the wrong state
+ *     where links lead in a circle ("visited <= MAX"; also where a listing that changes meanwhile
+ *     comes to more elements than a list holds) or where an element is in the wrong state
  *     ("cur->allocated", "!chunk->allocated", "cur->allocated && new_elem->allocated",
  *     "_head != -1 && _tail != -1"), and every call that would send a request for a chunk of more
  *     than 2 GiB ("end_dma - start_dma == end_pa - start_pa") or for one whose record lies outside
@@ -48,8 +49,8 @@
  *     opens the lock file anew before fork() returns: it, its parent and its siblings keep each
  *     other out, and a listing stays the parent's alone. A child that may not open that file, as
  *     one whose parent gave up its rights before, shares its parent's lock and must not use the
- *     library while its parent does. vfork(), and clone() called directly, do not let the library
- *     see to this: such a child must not use it at all. After exec a program starts afresh.
+ *     library while its parent does. vfork(), _Fork(), and clone() called directly, do not let the
+ *     library see to this: such a child must not use it at all. After exec a program starts afresh.
  *  7. Two lock files. Processes with SIMULATION_VMID set lock /var/tmp/tarvo_lock, all others
  *     /var/lock/subsys/tarvo_lock. On a machine where /var/tmp/tarvo selects simulation, processes
  *     with and without the variable share the region and NOT the lock: give it to all or to none.

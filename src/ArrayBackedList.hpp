@@ -110,7 +110,7 @@ struct ArrayBackedList {
     void insert_after(T* cur, T* new_elem) {
         LIST_ASSERT(cur->allocated && new_elem->allocated, "cur->allocated && new_elem->allocated",
                     49);
-        T* following = at(cur->next);
+        T* following = get_next(cur);
         set_next(new_elem, following);
         set_prev(new_elem, cur);
         before_what_follows();
@@ -143,14 +143,14 @@ struct ArrayBackedList {
     /// Unlinks `cur`, which keeps its links and its flag until it is freed.
     void remove(T* cur) {
         LIST_ASSERT(cur->allocated, "cur->allocated", 100);
-        T* before = at(cur->prev);
-        T* behind = at(cur->next);
         if (is_head(cur)) {
             remove_from_front(cur);
         } else if (is_tail(cur)) {
             _tail = cur->prev;
         }
         before_what_follows();
+        T* before = at(cur->prev);
+        T* behind = at(cur->next);
         set_prev(behind, before);
         before_what_follows();
         set_next(before, behind);

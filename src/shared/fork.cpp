@@ -22,9 +22,10 @@ bool is_lock_file(int fd) {
            file.st_ino == lock_file.st_ino;
 }
 
-/// The lock file opened once more by that path; -1 when it is another file, or cannot be opened.
+/// The lock file opened once more by that path; -1 when it is another file, or cannot be opened. What
+/// has taken its place may be anything: opening that neither waits nor has effects.
 int opened_again(const char* path) {
-    const int fd = open_file(path, O_RDONLY);
+    const int fd = open_file(path, O_RDONLY | O_NONBLOCK | O_NOCTTY);
     if (fd != -1 && !is_lock_file(fd)) {
         close(fd);
         return -1;
@@ -41,20 +42,43 @@ int opened_again_by_descriptor() {
     return opened_again(path);
 }
 
+int opened_again() {
+    const int fd = opened_again_by_descriptor();
+    return fd != -1 ? fd : opened_again(lock_path);
+}
+
+/// Where no descriptor is to spare the parent's goes first. If the file is no longer at its path
+/// either, the child has no lock and its calls fail: with its parent's they would damage the lists.
+int opened_in_place_of_the_parents() {
+    close(lock_fd);
+    const int fd = opened_again(lock_path);
+    if (fd == -1) {
+        lock_fd = -1;
+    }
+    return fd;
+}
+
+/// Has `lock_fd`, by the same number, be that open file.
+void use_for_lock(int fd) {
+    if (fd != lock_fd) {
+        dup3(fd, lock_fd, O_CLOEXEC);
+        close(fd);
+    }
+}
+
 /// The child's first act, in the child itself: the lock of a parent that is killed is free at once
 /// then, and not when the child makes its next call. Other threads of the parent may have been
-/// anywhere, so only what is safe in a signal handler is called. Where the file cannot be opened,
+/// anywhere, so only what is safe in a signal handler is called. Where the file may not be opened,
 /// after rights were dropped for instance, the parent's descriptor stays.
 void take_own_lock() {
     const int parents_errno = errno;
     if (is_lock_file(lock_fd)) {
-        int fd = opened_again_by_descriptor();
-        if (fd == -1) {
-            fd = opened_again(lock_path);
+        int fd = opened_again();
+        if (fd == -1 && errno == EMFILE) {
+            fd = opened_in_place_of_the_parents();
         }
         if (fd != -1) {
-            dup3(fd, lock_fd, O_CLOEXEC);
-            close(fd);
+            use_for_lock(fd);
         }
     }
     errno = parents_errno;

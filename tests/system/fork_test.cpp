@@ -6,6 +6,7 @@
 #include <csignal>
 #include <filesystem>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 
 namespace {
 
@@ -96,6 +97,26 @@ TEST_P(fork_of_a_started_program, HoldsItsChildrenOffWhileItLists) {
     std::sort(replies.begin(), replies.end());
     EXPECT_EQ(replies.front(), "0");
     EXPECT_EQ(layout(all.machine), "rx_ring:0+1");
+}
+
+/// Lets the program open no file more than it has.
+void spare_no_descriptor(pid_t pid) {
+    const std::filesystem::path open_files = "/proc/" + std::to_string(pid) + "/fd";
+    rlim_t lowest_free = 0;
+    while (is_symlink(open_files / std::to_string(lowest_free))) {
+        ++lowest_free;
+    }
+    const rlimit limit{lowest_free, lowest_free};
+    ASSERT_EQ(prlimit(pid, RLIMIT_NOFILE, &limit, nullptr), 0);
+}
+
+TEST_P(fork_of_a_started_program, HoldsItsChildrenOffWithoutADescriptorToSpare) {
+    family all(GetParam());
+    EXPECT_EQ(all.parent.call("dump_begin"), "true");
+    spare_no_descriptor(all.parent.pid());
+    const pid_t child = all.fork("alloc rx_ring 4096 child");
+    all.parent.wait_until_it_waits_for_a_lock(child);
+    EXPECT_EQ(layout(all.machine), "");
 }
 
 TEST_P(fork_of_a_started_program, KeepsItsListingToItself) {

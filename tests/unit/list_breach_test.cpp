@@ -169,7 +169,7 @@ TEST(list_insert_after_ends_the_process, ForALinkOutOfRange) {
 TEST(list_insert_after_ends_the_process, ForALinkThatIsMissing) {
     small_list list = list_with(2);
     list._arr[0].next = -1;
-    EXPECT_ABORT(list.insert_after(&list._arr[0], list.alloc()), missing_link_message);
+    EXPECT_ABORT(list.insert_after(&list._arr[0], list.alloc()), stray_pointer_message);
 }
 
 TEST(list_append_ends_the_process, WhenOnlyOneEndIsSet) {
