@@ -74,6 +74,29 @@ TEST_F(Damage, AnotherRegionsAreaIsNotWorkedOn) {
               "the area is broken: end all programs that use it, then remove its file");
 }
 
+TEST_F(Damage, AWrongHeadOfTheListIsNotTakenForAnotherRegion) {
+    write.i32(area_offset::chunks_head, third);
+    expect_all_calls_refused("see 'tarvoctl check' and 'tarvoctl repair'\n");
+    EXPECT_EQ(lines_of(tarvoctl(machine, {"check"}).output).back(),
+              "the area is broken: 'tarvoctl repair' shows what can be done");
+    const auto planned = tarvoctl(machine, {"repair", "--dry-run"});
+    EXPECT_EQ(planned.status, 1);
+    EXPECT_EQ(lines_of(planned.output).size(), 1U) << planned.output;
+    EXPECT_EQ(tarvoctl(machine, {"repair", "-y", "--force"}).status, 0);
+    EXPECT_EQ(tarvoctl(machine, {"check"}).status, 0);
+}
+
+/// A list that does not lead from one bound to the other says nothing of the region.
+TEST_F(Damage, ABrokenListIsRepairedBeforeItsRegionIsCompared) {
+    const auto tail = area.view().chunk_ends().tail;
+    write.u64(area_offset::chunk(tail) + area_offset::pa, low.end() - 0x1000);
+    write.i32(area_offset::chunk(second) + area_offset::next, 99999);
+    EXPECT_EQ(lines_of(tarvoctl(machine, {"check"}).output).back(),
+              "the area is broken: 'tarvoctl repair' shows what can be done");
+    tarvoctl(machine, {"repair", "-y", "--force"});
+    expect_all_calls_refused("is left over from another region");
+}
+
 TEST_F(Damage, AnAreaThatLostItsFlagIsNotBuiltAnew) {
     write.u8(area_offset::initialized, 0);
     const std::string why =

@@ -55,10 +55,8 @@ class examination {
                    (each.at("verdict") == "warning" || each.at("verdict") == "error");
         });
     }
-    std::size_t troubles() const {
-        return _document.at("errors").get<std::size_t>() +
-               _document.at("warnings").get<std::size_t>();
-    }
+    std::size_t errors() const { return _document.at("errors").get<std::size_t>(); }
+    std::size_t troubles() const { return errors() + _document.at("warnings").get<std::size_t>(); }
 
   private:
     tool_outcome _outcome;
@@ -242,6 +240,25 @@ TEST(Doctor, CallsAnAreaWithoutItsBoundsDamaged) {
     EXPECT_TRUE(found.says("error", "/var/shmem/tarvo_lib", "chunk-end-out-of-range",
                            "'tarvoctl repair' shows what can be done"))
         << found.shown();
+}
+
+/// Both leave no region to compare with the machine's.
+TEST(Doctor, ListsWhatIsWrongWithTheBoundsOfTheRegion) {
+    const std::size_t end_of_region = area_offset::chunk(1) + area_offset::pa;
+    const std::vector<std::pair<std::size_t, std::string>> pokes{
+        {area_offset::chunks_head, "chunk-head-sentinel"}, {end_of_region, "chunk-region-empty"}};
+    for (const auto& [offset, rule] : pokes) {
+        sandbox machine(low);
+        client driver = machine.start(
+            {"alloc a 1 me", "alloc b 1 me", "alloc c 1 me", "alloc d 1 me", "register 0 3 0"});
+        machine.writable_area().writer().i32(offset, 5);
+        const examination found(machine);
+        EXPECT_EQ(found.status(), 4);
+        EXPECT_TRUE(found.says("error", "/var/shmem/tarvo_lib", rule)) << found.shown();
+        const auto lines = lines_of(tarvoctl(machine, {"doctor"}).output);
+        EXPECT_TRUE(lines.back().starts_with(std::to_string(found.errors()) + " error"))
+            << lines.back();
+    }
 }
 
 TEST(Doctor, CallsAnAreaThatIsCutShortDamaged) {

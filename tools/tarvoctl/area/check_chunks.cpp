@@ -42,22 +42,32 @@ class chunk_judge {
     void judge_sentinels() {
         const int head = _members.listed.front();
         const int tail = _area.chunks._tail;
-        if (!is_sentinel(record(head), head_name)) {
+        const bool has_head = is_sentinel(record(head), head_name);
+        const bool has_tail =
+            tail >= 0 && tail < chunk_capacity && is_sentinel(record(tail), tail_name);
+        if (!has_head) {
             add(rule::head_sentinel, head, "the first chunk is not {} of size 0", head_name);
         }
-        if (tail < 0 || tail >= chunk_capacity || !is_sentinel(record(tail), tail_name)) {
+        if (!has_tail) {
             add(rule::tail_sentinel, tail, "the last chunk is not {} of size 0", tail_name);
-            return;
         }
-        _region = {record(head).pa, record(tail).pa};
-        judge_region();
+        if (has_head && has_tail) {
+            _region = {record(head).pa, record(tail).pa};
+            judge_region();
+        }
     }
 
+    /// An end that the list does not lead to may be anything: it is not held against the machine's.
     void judge_region() {
         if (_region.first_pa >= _region.end_pa) {
             add(rule::region_empty, -1, "the region begins at {} and ends at {}",
                 pa_text(_region.first_pa), pa_text(_region.end_pa));
+        } else if (_members.listed.back() == _area.chunks._tail) {
+            compare_region();
         }
+    }
+
+    void compare_region() {
         if (_options.region.has_value() &&
             (_options.region->first_pa != _region.first_pa ||
              _options.region->size_bytes != _region.end_pa - _region.first_pa)) {

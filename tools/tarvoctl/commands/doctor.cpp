@@ -41,13 +41,21 @@ health_report examine() {
     return report;
 }
 
+exit_status status_of(const health_report& report) {
+    if (report.is_damaged())
+        return exit_status::damaged;
+    if (!report.is_readable())
+        return exit_status::unreadable;
+    const bool good = report.count(verdict::error) + report.count(verdict::warning) == 0;
+    return good ? exit_status::good : exit_status::finding;
+}
+
 void print_summary(const health_report& report) {
-    const std::size_t errors = report.count(verdict::error);
-    const std::size_t warnings = report.count(verdict::warning);
-    if (errors + warnings == 0) {
+    if (status_of(report) == exit_status::good) {
         fmt::print("\nNothing is wrong\n");
     } else {
-        fmt::print("\n{}, {}\n", counted(errors, "error"), counted(warnings, "warning"));
+        fmt::print("\n{}, {}\n", counted(report.count(verdict::error), "error"),
+                   counted(report.count(verdict::warning), "warning"));
     }
 }
 
@@ -80,15 +88,6 @@ void print_as_json(const health_report& report) {
     document["errors"] = report.count(verdict::error);
     document["warnings"] = report.count(verdict::warning);
     print_json(document);
-}
-
-exit_status status_of(const health_report& report) {
-    if (report.is_damaged())
-        return exit_status::damaged;
-    if (!report.is_readable())
-        return exit_status::unreadable;
-    const bool good = report.count(verdict::error) + report.count(verdict::warning) == 0;
-    return good ? exit_status::good : exit_status::finding;
 }
 
 exit_status doctor(bool as_json) {

@@ -16,14 +16,20 @@ namespace tarvoctl {
 
 namespace {
 
-verdict verdict_of(finding_class cls) {
-    switch (cls) {
+void report_finding(const finding& each, const shared_area_t& area, const std::string& fix,
+                    const site& here, health_report& report) {
+    const std::string more =
+        each.unlisted == 0 ? "" : fmt::format("; and {} more like it", each.unlisted);
+    const std::string text = finding_text(each, area) + more;
+    switch (each.cls) {
     case finding_class::broken:
-        return verdict::error;
+        report.add_damage(here.area, text, fix);
+        break;
     case finding_class::leaked:
-        return verdict::warning;
+        report.add(verdict::warning, here.area, text, fix);
+        break;
     default: // what the library works on with
-        return verdict::note;
+        report.add(verdict::note, here.area, text);
     }
 }
 
@@ -35,25 +41,13 @@ void report_region(const dma_window& in_area, bool is_another, const site& here,
     if (!expected) {
         report.add(verdict::note, here.area, text + "; what this machine has is not known");
     } else if (is_another) {
-        report.add(verdict::error, here.area,
-                   fmt::format("{}, but this machine has {}: it is left over from "
-                               "another region, and the library does not notice",
-                               text, pa_range(expected->first_pa, expected->end_pa)),
-                   fmt::format("end all programs that use it, then rm {}", here.area));
+        report.add_damage(here.area,
+                          fmt::format("{}, but this machine has {}: it is left over from "
+                                      "another region, and the library does not notice",
+                                      text, pa_range(expected->first_pa, expected->end_pa)),
+                          fmt::format("end all programs that use it, then rm {}", here.area));
     } else {
         report.add(verdict::ok, here.area, text + ", which is this machine's");
-    }
-}
-
-void report_findings(const std::vector<finding>& findings, const shared_area_t& area,
-                     const site& here, health_report& report) {
-    const std::string fix = advice_on(findings, area);
-    for (const finding& each : findings) {
-        const verdict how = verdict_of(each.cls);
-        const std::string more =
-            each.unlisted == 0 ? "" : fmt::format("; and {} more like it", each.unlisted);
-        report.add(how, here.area, finding_text(each, area) + more,
-                   how == verdict::note ? "" : fix);
     }
 }
 
@@ -63,14 +57,15 @@ void diagnose_records(const shared_area_t& area, const site& here, health_report
     options.listed_per_rule = 1;
     const auto findings = check_area(area, options);
     const bool is_another = is_of_another_region(findings);
-    if (has_class(findings, finding_class::broken)) {
-        report.set_damaged();
-    }
     if (const auto in_area = region_in(area.chunks)) {
         report_region(*in_area, is_another, here, report);
     }
-    if (!is_another) { // which alone decides what is done
-        report_findings(findings, area, here, report);
+    if (is_another) { // which alone decides what is done
+        return;
+    }
+    const std::string fix = advice_on(findings, area);
+    for (const finding& each : findings) {
+        report_finding(each, area, fix, here, report);
     }
 }
 

@@ -28,7 +28,11 @@ class health_report {
     void add(verdict how, std::string subject, std::string text, std::string fix = {}) {
         all_.push_back({how, std::move(subject), std::move(text), std::move(fix)});
     }
-    void set_damaged() { damaged_ = true; }
+    /// An error that says that the area is damaged: nothing else does.
+    void add_damage(std::string subject, std::string text, std::string fix) {
+        add(verdict::error, std::move(subject), std::move(text), std::move(fix));
+        damaged_ = true;
+    }
     void set_readable() { readable_ = true; }
 
     const std::vector<diagnosis>& all() const { return all_; }

@@ -177,10 +177,8 @@ void diagnose_area_size(const site& here, const std::optional<struct stat>& file
     if (file && file->st_size == 0) {
         report.add(verdict::note, here.area, "the bookkeeping is empty: not built yet");
     }
-    const auto cut_short = cut_short_area(here);
-    report_shortage(cut_short, verdict::error, report);
-    if (cut_short) {
-        report.set_damaged();
+    if (const auto cut_short = cut_short_area(here)) {
+        report.add_damage(cut_short->path, cut_short->text, cut_short->fix);
     }
     report_shortage(area_without_room(here), verdict::error, report);
 }
