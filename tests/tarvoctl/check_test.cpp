@@ -54,6 +54,19 @@ TEST(Check, ABrokenLinkIsDamage) {
     EXPECT_EQ(json_of(tarvoctl(machine, {"check", "--json"})).at("verdict"), "broken");
 }
 
+TEST(Check, SendsToTheRepairOfTheCopyThatItChecked) {
+    sandbox machine(low);
+    fill(machine);
+    machine.writable_area().writer().i32(area_offset::chunk(3) + area_offset::prev, 4);
+    const temporary_folder folder;
+    const std::string copy = folder.path() / "raw";
+    std::filesystem::copy_file(machine.shared_area(), copy);
+    EXPECT_EQ(lines_of(tarvoctl(machine, {"check", copy}).output).back(),
+              "the area is broken: 'tarvoctl repair " + copy + "' shows what can be done");
+    EXPECT_EQ(lines_of(tarvoctl(machine, {"check", "--cma", copy}).output).back(),
+              "the area is broken: 'tarvoctl repair --cma " + copy + "' shows what can be done");
+}
+
 TEST(Check, ComparesTheAreaWithTheRegionTheDriverDescribes) {
     sandbox machine(low);
     fill(machine);

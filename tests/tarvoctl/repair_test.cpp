@@ -116,7 +116,10 @@ TEST_F(Repair, IsPartlyDoneWhenAskedForAlone) {
     const auto partly =
         tarvoctl(machine, {"repair", "--yes", "--force", "--partly", "--backup", backup});
     ASSERT_EQ(partly.status, 4) << partly.output << partly.errors;
-    EXPECT_EQ(lines_of(partly.output).back(), "repaired; " + backup + " holds the area as it was");
+    const auto lines = lines_of(partly.output);
+    EXPECT_EQ(lines.at(lines.size() - 2),
+              "changed, but still broken; " + backup + " holds the area as it was");
+    EXPECT_EQ(lines.back().substr(0, 36), "to get rid of what stays broken, end");
     EXPECT_NE(machine.area().snapshot(), before);
 }
 
@@ -169,7 +172,10 @@ TEST_F(Repair, NamesTheWayOutOfABackupThatIsThere) {
     EXPECT_TRUE(is_untouched());
 }
 
-constexpr const char* free_it = "free the chunk with 'tarvoctl free' and allocate it again";
+/// Of a chunk that a device sees.
+constexpr const char* free_it =
+    "stop or reset the devices first (or restart the machine), because they may still see the "
+    "memory; then free the chunk with 'tarvoctl free' and allocate it again";
 constexpr const char* remove_it = "end all programs that use it, then remove its file";
 
 /// A record that says what it cannot: no link is wrong.
@@ -184,8 +190,10 @@ class RecordOf : public testing::Test {
         const auto before = machine.area().snapshot();
         const auto repair = tarvoctl(machine, {"repair", "--yes", "--force"});
         EXPECT_EQ(repair.status, 4) << repair.errors;
-        EXPECT_EQ(repair.output, "stays broken: " + what + "\nto get rid of what stays broken, " +
-                                     way_out + "\nrepair has nothing to change\n");
+        EXPECT_EQ(repair.output, "stays broken: " + what +
+                                     "\nrepair has nothing to change\n"
+                                     "to get rid of what stays broken, " +
+                                     way_out + "\n");
         EXPECT_EQ(machine.area().snapshot(), before);
         const auto check = tarvoctl(machine, {"check"});
         EXPECT_EQ(check.status, 4);
@@ -287,8 +295,28 @@ TEST_F(RecordOf, WhatStaysBrokenIsToldBesidesWhatIsRepaired) {
     const auto lines = lines_of(repair.output);
     ASSERT_EQ(lines.size(), 4U) << repair.output;
     EXPECT_EQ(lines[1].substr(0, 30), "stays broken: chunk 4 'third' ");
-    EXPECT_EQ(lines[3].substr(0, 10), "repaired; ");
+    EXPECT_EQ(lines[2].substr(0, 27), "changed, but still broken; ");
+    EXPECT_EQ(lines[3], std::string("to get rid of what stays broken, ") + free_it);
     expect_free_to_help("third");
+}
+
+TEST_F(RecordOf, AChunkThatNoDeviceSeesIsFreedAtOnce) {
+    driver.unregister_device(0, 3, 0);
+    write.u32(at(4, area_offset::size), 0x800);
+    EXPECT_EQ(lines_of(tarvoctl(machine, {"check"}).output).back(),
+              "the area is broken: free the chunk with 'tarvoctl free' and allocate it again");
+    expect_free_to_help("third");
+}
+
+TEST_F(RecordOf, AChunkMovedOutOfTheRegionStaysBrokenWhenTheListIsRepaired) {
+    write.u64(at(4, area_offset::pa), 0x10000);
+    const auto repair = tarvoctl(machine, {"repair", "-y", "--force"});
+    EXPECT_EQ(repair.status, 4);
+    EXPECT_EQ(repair.output.find("repaired"), std::string::npos) << repair.output;
+    EXPECT_NE(repair.output.find("\nchanged, but still broken; "), std::string::npos)
+        << repair.output;
+    EXPECT_EQ(lines_of(repair.output).back(),
+              std::string("to get rid of what stays broken, ") + remove_it);
 }
 
 TEST_F(RecordOf, OfACopyOverlapsAreInOrderUnderCma) {

@@ -133,6 +133,13 @@ inline bool is_sentinel(const dma_chunk_t& chunk, std::string_view name) {
     return chunk.size == 0 && text_in(chunk.name) == name;
 }
 
+/// Whether devices see the chunk.
+inline bool is_mapped(const dma_chunk_t& chunk) {
+    const auto& refs = chunk.devs._arr;
+    return std::any_of(std::begin(refs), std::end(refs),
+                       [](const iommu_dev_ref& ref) { return ref.allocated != 0; });
+}
+
 /// Whether there are chunks or devices, which building an area does not make: an area in use that
 /// says it was not built has lost its flag.
 inline bool is_in_use(const shared_area_t& area) {

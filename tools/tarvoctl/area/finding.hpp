@@ -1,5 +1,7 @@
 #pragma once
 
+#include "shared/layout.hpp"
+
 #include <cstddef>
 #include <string>
 #include <string_view>
@@ -54,8 +56,8 @@ struct finding {
     way_out out = way_out::remove_file; ///< where it is broken
 };
 
-/// What helps against all that is broken, as a sentence without its end. Removing the file helps
-/// against everything.
-std::string text_of_ways_out(const std::vector<finding>& findings);
+/// What helps against all that is broken in that area, as a sentence without its end. Removing the
+/// file helps against everything.
+std::string text_of_ways_out(const std::vector<finding>& findings, const shared_area_t& area);
 
 } // namespace tarvoctl

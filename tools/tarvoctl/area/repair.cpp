@@ -120,9 +120,11 @@ repair_plan plan_repair(const shared_area_t& area) {
     return planner(area).plan();
 }
 
-std::string advice_on(const std::vector<finding>& findings, const shared_area_t& area) {
+std::string advice_on(const std::vector<finding>& findings, const shared_area_t& area,
+                      const std::string& repair) {
     const bool repairs = !plan_repair(area).edits.empty() && !is_of_another_region(findings);
-    return repairs ? "'tarvoctl repair' shows what can be done" : text_of_ways_out(findings);
+    return repairs ? fmt::format("'{}' shows what can be done", repair)
+                   : text_of_ways_out(findings, area);
 }
 
 void apply(const repair_plan& plan, shared_area_t& area) {

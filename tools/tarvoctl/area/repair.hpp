@@ -45,8 +45,9 @@ struct repair_plan {
 repair_plan plan_repair(const shared_area_t& area);
 
 /// What helps against what check_area() found in an area, as a sentence without its end: repair where
-/// it has anything to do.
-std::string advice_on(const std::vector<finding>& findings, const shared_area_t& area);
+/// it has anything to do. `repair`: the command that repairs this area.
+std::string advice_on(const std::vector<finding>& findings, const shared_area_t& area,
+                      const std::string& repair);
 
 /// Makes the changes. The caller holds the lock, and the area is still the one planned for.
 void apply(const repair_plan& plan, shared_area_t& area);

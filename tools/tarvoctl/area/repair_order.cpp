@@ -101,18 +101,12 @@ class chunk_decision {
         _taken.add(record(chunk).pa, end_of(chunk));
     }
 
-    bool is_mapped(int chunk) const {
-        const auto& refs = record(chunk).devs._arr;
-        return std::any_of(std::begin(refs), std::end(refs),
-                           [](const iommu_dev_ref& ref) { return ref.allocated != 0; });
-    }
-
     /// A chunk of size 0 was never anybody's: the size is filled in before the chunk is linked. It
     /// goes back, unless devices see it: then the size is what was lost. Others stay as long as the
     /// walk was whole, whatever they say.
     void take_order(const link_reader& reader) {
         for (const int chunk : reader.order()) {
-            const bool is_empty = record(chunk).size == 0 && !is_mapped(chunk);
+            const bool is_empty = record(chunk).size == 0 && !is_mapped(record(chunk));
             if (is_end(chunk) || (reader.is_sound() && !is_empty)) {
                 take_listed(chunk);
             } else if (!is_empty) {

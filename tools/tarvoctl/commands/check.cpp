@@ -5,6 +5,7 @@
 #include "output/json.hpp"
 #include "output/place_text.hpp"
 #include "program.hpp"
+#include "shown.hpp"
 
 #include <fmt/format.h>
 #include <memory>
@@ -34,7 +35,17 @@ const char* verdict_of(const std::vector<finding>& findings) {
     return status == exit_status::damaged ? "broken" : "usable";
 }
 
-void print_as_text(const std::vector<finding>& findings, const shared_area_t& area) {
+/// The command that repairs what was checked.
+std::string repair_of(const check_command_options& options) {
+    if (options.source.is_live()) {
+        return "tarvoctl repair";
+    }
+    return fmt::format("tarvoctl repair{} {}", options.cma ? " --cma" : "",
+                       shown(options.source.file));
+}
+
+void print_as_text(const std::vector<finding>& findings, const shared_area_t& area,
+                   const check_command_options& options) {
     for (const auto& each : findings) {
         fmt::print("{:<9}  {}\n", name_of(each.cls), finding_text(each, area));
         if (each.unlisted > 0) {
@@ -46,7 +57,7 @@ void print_as_text(const std::vector<finding>& findings, const shared_area_t& ar
         fmt::print("the area is sound\n");
         break;
     case exit_status::damaged:
-        fmt::print("the area is broken: {}\n", advice_on(findings, area));
+        fmt::print("the area is broken: {}\n", advice_on(findings, area, repair_of(options)));
         break;
     default:
         fmt::print("the library works on with what was found\n");
@@ -68,7 +79,7 @@ exit_status check(const check_command_options& options) {
     if (options.json) {
         print_as_json(findings, *area, area.consistent);
     } else {
-        print_as_text(findings, *area);
+        print_as_text(findings, *area, options);
     }
     return status_for(findings);
 }

@@ -93,9 +93,6 @@ void print_rest(const std::vector<finding>& rest, const shared_area_t& area) {
             fmt::print("              and {} more like it\n", each.unlisted);
         }
     }
-    if (!rest.empty()) {
-        fmt::print("to get rid of what stays broken, {}\n", text_of_ways_out(rest));
-    }
 }
 
 json json_edit(const repair_edit& edit, const shared_area_t& area) {
@@ -214,10 +211,15 @@ std::string carry_out_if_agreed(const repair_options& options, const planned_rep
 
 void print_end(const planned_repair& planned, const std::string& backup) {
     if (!backup.empty()) {
-        fmt::print("repaired; {} holds the area as it was\n", backup);
+        fmt::print("{}; {} holds the area as it was\n",
+                   planned.makes_whole() ? "repaired" : "changed, but still broken", backup);
     } else if (planned.plan.edits.empty()) {
         fmt::print("{}\n",
                    planned.makes_whole() ? "nothing to repair" : "repair has nothing to change");
+    }
+    if (!planned.rest.empty()) {
+        fmt::print("to get rid of what stays broken, {}\n",
+                   text_of_ways_out(planned.rest, planned.area));
     }
 }
 

@@ -63,7 +63,7 @@ void diagnose_records(const shared_area_t& area, const site& here, health_report
     if (is_another) { // which alone decides what is done
         return;
     }
-    const std::string fix = advice_on(findings, area);
+    const std::string fix = advice_on(findings, area, "tarvoctl repair");
     for (const finding& each : findings) {
         report_finding(each, area, fix, here, report);
     }
