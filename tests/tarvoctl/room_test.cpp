@@ -110,6 +110,17 @@ TEST(Refused, OnAnAreaThatIsCutShortChangesNoByte) {
     }
 }
 
+TEST(Refused, OnASimulatedMemoryThatIsCutShortChangesNoByte) {
+    sandbox machine(simulation);
+    machine.start({"alloc a 4096 me"}).finish();
+    run(machine, {"truncate", "-s", "4096", "/var/tmp/tarvo"});
+    for (const auto& words : calls) {
+        expect_refused_without_a_trace(machine, words, 4,
+                                       "/var/tmp/tarvo is cut short: 4096 bytes, the region takes "
+                                       "713035776");
+    }
+}
+
 TEST(Refused, ForLackOfRoomInTheRegionChangesNoByteAndMakesNoFile) {
     sandbox machine(simulation);
     const auto before = tarvoctl(machine, {"alloc", "big", "1G"});

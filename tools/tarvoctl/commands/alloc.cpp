@@ -54,10 +54,8 @@ failure no_room(uint32_t size, const std::string& obstacle) {
 /// and the chunk stays.
 void check_memory(const site& here, uint32_t size, const picture& records) {
     const auto place = first_fit(gaps_of(records), size);
-    const auto lacking = place ? chunk_without_room(here, place->pa, size) : std::nullopt;
-    if (lacking) {
-        throw failure{exit_status::unreadable,
-                      fmt::format("{} {}; {}", lacking->path, lacking->text, lacking->fix)};
+    if (place) {
+        refuse_shortage(chunk_without_room(here, place->pa, size), exit_status::unreadable);
     }
 }
 

@@ -1,6 +1,7 @@
 #include "host/file_shortage.hpp"
 
 #include "common/unique_fd.hpp"
+#include "failure.hpp"
 #include "host/simulated_region.hpp"
 #include "shared/layout.hpp"
 
@@ -196,6 +197,12 @@ std::optional<file_shortage> shortage_in(const site& here) {
         }
     }
     return std::nullopt;
+}
+
+void refuse_shortage(const std::optional<file_shortage>& lacking, exit_status status) {
+    if (lacking) {
+        throw failure{status, fmt::format("{} {}; {}", lacking->path, lacking->text, lacking->fix)};
+    }
 }
 
 } // namespace tarvoctl

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "exit_status.hpp"
 #include "host/site.hpp"
 
 #include <cstdint>
@@ -30,5 +31,8 @@ std::optional<file_shortage> chunk_without_room(const site& here, uint64_t pa, u
 
 /// The first of all these.
 std::optional<file_shortage> shortage_in(const site& here);
+
+/// Throws failure where something is lacking.
+void refuse_shortage(const std::optional<file_shortage>& lacking, exit_status status);
 
 } // namespace tarvoctl

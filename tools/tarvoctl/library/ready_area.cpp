@@ -35,20 +35,15 @@ void check_file(const std::string& path, int access, missing_file when_missing) 
                               forbidden ? "run it as root" : "'tarvoctl doctor' tells more")};
 }
 
-/// The library's own look into the area would end its process.
-void check_room(const site& here) {
-    if (const auto lacking = area_without_room(here)) {
-        throw failure{exit_status::unreadable,
-                      fmt::format("{} {}; {}", lacking->path, lacking->text, lacking->fix)};
-    }
-}
-
 void check_files(const site& here, missing_file when_missing) {
     require_region(here);
     check_file(here.memory, O_RDWR, here.simulation ? when_missing : missing_file::refused);
     check_file(here.area, O_RDWR, when_missing);
     check_file(here.own_lock, O_RDONLY, when_missing);
-    check_room(here);
+    // The library would fill the file up with zeros, and nobody could see that any were lost.
+    refuse_shortage(cut_short_memory(here), exit_status::damaged);
+    // The library's own look into the area would end its process.
+    refuse_shortage(area_without_room(here), exit_status::unreadable);
 }
 
 /// The library itself looks at little: it would end the process halfway, or make it worse.
