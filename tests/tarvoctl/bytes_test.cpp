@@ -57,8 +57,8 @@ TEST_F(Bytes, AnInputThatIsTooLongIsRefusedBeforeAnythingIsWritten) {
     const auto outcome =
         tarvoctl(machine, {"write", "rx_ring", "--offset", "0x1fff"}, "no room for it");
     EXPECT_EQ(outcome.status, 2);
-    EXPECT_EQ(outcome.errors, "tarvoctl: standard input has 14 bytes, and 'rx_ring' has 1 from "
-                              "offset 0x1fff on; nothing was written\n");
+    EXPECT_EQ(outcome.errors, "tarvoctl: standard input has 14 bytes, and 'rx_ring' has 1 byte "
+                              "from offset 0x1fff on; nothing was written\n");
     EXPECT_EQ(tarvoctl(machine, {"read", "rx_ring", "--raw"}).output, std::string(0x2000, '\0'));
 }
 
@@ -68,7 +68,7 @@ TEST_F(Bytes, APipeThatIsTooLongIsWrittenUpToTheChunksEnd) {
     tool.program.write_line("abcd");
     EXPECT_EQ(tool.program.wait(), (ending{2, 0}));
     EXPECT_EQ(tool.program.error_text(),
-              "tarvoctl: stopped at the end of 'rx_ring': 2 bytes are written at offset 0x1ffe, "
+              "tarvoctl: stopped at the end of 'rx_ring': wrote 2 bytes at offset 0x1ffe, "
               "and standard input has more\n");
     EXPECT_EQ(tarvoctl(machine, {"read", "rx_ring", "--raw", "--offset", "8190"}).output, "ab");
     EXPECT_EQ(tarvoctl(machine, {"read", "behind", "--raw", "--size", "2"}).output,
@@ -82,12 +82,14 @@ TEST_F(Bytes, WindowsOutsideTheChunkAreUsageErrors) {
         return outcome.errors;
     };
     EXPECT_EQ(message({"read", "rx_ring", "--offset", "8K"}),
-              "tarvoctl: --offset 8K is not in 'rx_ring', which has 8192 bytes\n");
+              "tarvoctl: --offset 8K is not in 'rx_ring', which has 8 KiB\n");
     EXPECT_EQ(message({"read", "rx_ring", "--offset", "4K", "--size", "4097"}),
-              "tarvoctl: --size 4097 is not 1 to 4096: 'rx_ring' has 4096 bytes from offset 4096 "
-              "on\n");
+              "tarvoctl: --size 4097 is not 1 to 4096: 'rx_ring' has 4 KiB from offset "
+              "0x1000 on\n");
+    EXPECT_EQ(message({"read", "rx_ring", "--offset", "8191", "--size", "2"}),
+              "tarvoctl: --size 2 is not 1 to 1: 'rx_ring' has 1 byte from offset 0x1fff on\n");
     EXPECT_EQ(message({"fill", "rx_ring", "1", "--size", "0"}),
-              "tarvoctl: --size 0 is not 1 to 8192: 'rx_ring' has 8192 bytes from offset 0 on\n");
+              "tarvoctl: --size 0 is not 1 to 8192: 'rx_ring' has 8 KiB from offset 0x0 on\n");
     EXPECT_EQ(message({"fill", "rx_ring", "256"}), "tarvoctl: BYTE 256 is more than 0xff\n");
     EXPECT_EQ(message({"fill", "rx_ring", "x"}),
               "tarvoctl: BYTE 'x' is no number; write it as 128 or 0x80\n");

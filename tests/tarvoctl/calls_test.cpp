@@ -76,9 +76,10 @@ TEST(Alloc, WhatWouldEndTheLibrarysProcessIsRefusedBeforeTheCall) {
               "tarvoctl: the name 'a ' ends in a blank, which a listing cannot show; leave it "
               "out\n");
     EXPECT_EQ(message({"alloc", "a", "0"}),
-              "tarvoctl: SIZE '0' is 0 bytes; a chunk has 1 to 4294963200\n");
-    EXPECT_EQ(message({"alloc", "a", "0xfffff001"}),
-              "tarvoctl: SIZE '0xfffff001' is 4294963201 bytes; a chunk has 1 to 4294963200\n");
+              "tarvoctl: SIZE '0' is 0 bytes; a chunk has 1 to 4294963200 bytes\n");
+    EXPECT_EQ(
+        message({"alloc", "a", "0xfffff001"}),
+        "tarvoctl: SIZE '0xfffff001' is 4294963201 bytes; a chunk has 1 to 4294963200 bytes\n");
     EXPECT_EQ(message({"alloc", "a", "1", "--creator", ""}),
               "tarvoctl: --creator is empty; give a value, or leave it out\n");
     EXPECT_FALSE(exists(machine.shared_area())) << "nothing of this starts the region";

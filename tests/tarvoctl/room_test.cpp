@@ -117,7 +117,7 @@ TEST(Refused, OnASimulatedMemoryThatIsCutShortChangesNoByte) {
     for (const auto& words : calls) {
         expect_refused_without_a_trace(machine, words, 4,
                                        "/var/tmp/tarvo is cut short: 4096 bytes, the region takes "
-                                       "713035776");
+                                       "713035776 bytes: ");
     }
 }
 
@@ -149,16 +149,16 @@ TEST(Room, DoctorAsksForWhatTheAreaAndTheMemoryNeedBeforeAProgramEnds) {
     sandbox& machine = small.machine;
     const auto doctor = tarvoctl(machine, {"doctor"});
     EXPECT_EQ(doctor.status, 1);
-    EXPECT_NE(doctor.output.find("ERROR    /var/tmp/tarvo_lib: needs 70131712 bytes more, and the "
-                                 "file system on /var/tmp has 8388608 left: a program that touches "
+    EXPECT_NE(doctor.output.find("ERROR    /var/tmp/tarvo_lib: needs 68488 KiB more, and the "
+                                 "file system on /var/tmp has 8 MiB left: a program that touches "
                                  "what is missing ends by SIGBUS\n"),
               std::string::npos)
         << doctor.output;
     for (const char* path : {area, "/var/tmp/tarvo"}) {
-        const std::string fix = fix_for(machine, path, "bytes more");
+        const std::string fix = fix_for(machine, path, " more");
         EXPECT_TRUE(fix.starts_with("mount -o remount,size=")) << path << ": " << fix;
         run(machine, {"sh", "-c", fix});
-        EXPECT_EQ(fix_for(machine, path, "bytes more"), "");
+        EXPECT_EQ(fix_for(machine, path, " more"), "");
     }
     const auto content = tarvoctl(machine, {"doctor"});
     EXPECT_EQ(content.status, 0) << content.output;
@@ -170,7 +170,7 @@ TEST(Room, AnAreaThatHasItsBlocksNeedsNoMore) {
     room_of small("80m");
     small.machine.start({"alloc a 4096 me"}).finish();
     run(small.machine, {"sh", "-c", "head -c 20M /dev/zero >/var/tmp/filler; true"});
-    EXPECT_EQ(fix_for(small.machine, area, "bytes more"), "");
+    EXPECT_EQ(fix_for(small.machine, area, " more"), "");
     EXPECT_EQ(tarvoctl(small.machine, {"free", "a", "--force"}).status, 0);
 }
 
@@ -178,8 +178,8 @@ TEST(Room, ACallWithoutRoomForTheAreaIsRefusedWithTheFix) {
     room_of small("8m");
     const auto outcome = tarvoctl(small.machine, {"alloc", "a", "4K"});
     EXPECT_EQ(outcome.status, 3);
-    EXPECT_EQ(outcome.errors, "tarvoctl: /var/tmp/tarvo_lib needs 70131712 bytes more, and the "
-                              "file system on /var/tmp has 8388608 left: a program that touches "
+    EXPECT_EQ(outcome.errors, "tarvoctl: /var/tmp/tarvo_lib needs 68488 KiB more, and the "
+                              "file system on /var/tmp has 8 MiB left: a program that touches "
                               "what is missing ends by SIGBUS; mount -o remount,size=67m "
                               "/var/tmp\n");
     EXPECT_FALSE(run_program(small.machine, {"test", "-e", area}).status == 0);
@@ -190,7 +190,7 @@ TEST(Room, AChunkWithoutRoomIsRefusedBeforeItIsOnTheList) {
     small.machine.start({"alloc a 4096 me"}).finish();
     const auto outcome = tarvoctl(small.machine, {"alloc", "b", "64M"});
     EXPECT_EQ(outcome.status, 3);
-    EXPECT_TRUE(outcome.errors.starts_with("tarvoctl: /var/tmp/tarvo needs 67108864 bytes more"))
+    EXPECT_TRUE(outcome.errors.starts_with("tarvoctl: /var/tmp/tarvo needs 64 MiB more"))
         << outcome.errors;
     EXPECT_EQ(json_of(tarvoctl(small.machine, {"list", "--json"})).at("chunks").size(), 1U);
 }
@@ -205,8 +205,8 @@ TEST(Room, ACallThatEndsBySigbusSaysWhy) {
     const auto outcome = tarvoctl(small.machine, {"fill", "a", "1"});
     EXPECT_EQ(outcome.status, 1);
     EXPECT_TRUE(outcome.errors.starts_with("tarvoctl: the library broke off the call by SIGBUS: "
-                                           "/var/tmp/tarvo needs 713031680 bytes more, and the "
-                                           "file system on /var/tmp has 0 left: "))
+                                           "/var/tmp/tarvo needs 680 MiB more, and the "
+                                           "file system on /var/tmp has 0 bytes left: "))
         << outcome.errors;
     EXPECT_NE(outcome.errors.find("; mount -o remount,size="), std::string::npos) << outcome.errors;
 }

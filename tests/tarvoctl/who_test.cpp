@@ -56,6 +56,24 @@ TEST_P(WhoInWorld, ShowsTheWindowAndAccessOfEachProcess) {
     EXPECT_EQ(lines_of(outcome.output).size(), 5U) << outcome.output;
 }
 
+/// What who says where it has no capabilities, in a machine of its own that this script starts.
+std::string errors_beside(sandbox& machine, const std::string& others) {
+    const std::string script = others + "setpriv --bounding-set=-all --inh-caps=-all \"$0\" who; :";
+    return run_program(machine,
+                       {"unshare", "--pid", "--fork", "--mount-proc", "sh", "-c", script, TARVOCTL})
+        .errors;
+}
+
+TEST(Who, CountsOneProcessThatIsKeptFromRootInTheSingular) {
+    sandbox machine(simulation);
+    machine.start({"alloc a 4096 me"}).finish();
+    EXPECT_EQ(errors_beside(machine, ""), "tarvoctl: could not look into 1 process: 1 (sh); it is "
+                                          "kept even from root on this machine\n");
+    EXPECT_EQ(errors_beside(machine, "sleep 5 & "),
+              "tarvoctl: could not look into 2 processes: 1 (sh), 2 (sleep); they are kept even "
+              "from root on this machine\n");
+}
+
 INSTANTIATE_TEST_SUITE_P(EveryWorld, WhoInWorld, testing::ValuesIn(all_worlds()), world_name());
 
 TEST(Who, ShowsAMappingOfNeighboursForEachOfThem) {

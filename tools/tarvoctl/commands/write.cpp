@@ -87,9 +87,9 @@ exit_status copy_input(const chunk_window& window, bool as_json) {
         written += fitting;
         if (fitting < count) {
             throw failure{exit_status::usage,
-                          fmt::format("stopped at the end of '{}': {} bytes are written at offset "
-                                      "{:#x}, and standard input has more",
-                                      shown(window.name), written, window.offset)};
+                          fmt::format("stopped at the end of '{}': wrote {} at offset {:#x}, and "
+                                      "standard input has more",
+                                      shown(window.name), size_text(written), window.offset)};
         }
     }
     return told_written("write", window, written, as_json);
@@ -100,9 +100,10 @@ exit_status write_chunk(const write_options& options) {
     const auto bytes = input_bytes();
     if (bytes && *bytes > window.size) {
         throw failure{exit_status::usage,
-                      fmt::format("standard input has {} bytes, and '{}' has {} from offset {:#x} "
-                                  "on; nothing was written",
-                                  *bytes, shown(window.name), window.size, window.offset)};
+                      fmt::format("standard input has {}, and '{}' has {} from offset {:#x} on; "
+                                  "nothing was written",
+                                  size_text(*bytes), shown(window.name), size_text(window.size),
+                                  window.offset)};
     }
     return in_library(options.timeout, [&] { return copy_input(window, options.json); });
 }

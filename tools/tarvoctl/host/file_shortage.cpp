@@ -3,6 +3,7 @@
 #include "common/unique_fd.hpp"
 #include "failure.hpp"
 #include "host/simulated_region.hpp"
+#include "quantities.hpp"
 #include "shared/layout.hpp"
 
 #include <algorithm>
@@ -35,6 +36,11 @@ std::optional<struct stat> state_of(const std::string& path) {
         return std::nullopt;
     }
     return found;
+}
+
+/// A file that was cut short may miss any number of bytes.
+std::string exact_size(const struct stat& file) {
+    return counted(static_cast<uint64_t>(file.st_size), "byte");
 }
 
 /// What a file of that size has yet to take from its file system.
@@ -90,7 +96,7 @@ std::optional<room> room_for(const std::string& path) {
 
 std::string room_fix(const mount& where, const room& has, uint64_t lacking) {
     if (where.type != "tmpfs") {
-        return fmt::format("free {} bytes on {}", lacking, where.point);
+        return fmt::format("free {} on {}", size_text(lacking), where.point);
     }
     constexpr unsigned mebibyte_shift = 20;
     const uint64_t mebibytes = ((has.total + lacking - 1) >> mebibyte_shift) + 1;
@@ -107,11 +113,11 @@ std::optional<file_shortage> without_room(const std::string& path, uint64_t need
     const mount where = mount_of(path);
     return file_shortage{
         path,
-        fmt::format("needs {} bytes more{}, and the file system on {} has {} "
-                    "left: {}",
-                    needed,
-                    reserved == 0 ? "" : fmt::format(", besides {} for the bookkeeping", reserved),
-                    where.point, has->free, ends_programs),
+        fmt::format("needs {} more{}, and the file system on {} has {} left: {}", size_text(needed),
+                    reserved == 0
+                        ? ""
+                        : fmt::format(", besides {} for the bookkeeping", size_text(reserved)),
+                    where.point, size_text(has->free), ends_programs),
         room_fix(where, *has, needed + reserved - has->free)};
 }
 
@@ -146,9 +152,9 @@ std::optional<file_shortage> cut_short_area(const site& here) {
         return std::nullopt;
     }
     return file_shortage{here.area,
-                         fmt::format("is cut short: {} bytes, an area takes {}; the next program "
-                                     "that starts fills it up with zeros",
-                                     file->st_size, least_bytes),
+                         fmt::format("is cut short: {}, an area takes {}; the next program that "
+                                     "starts fills it up with zeros",
+                                     exact_size(*file), counted(sizeof(shared_area_t), "byte")),
                          fmt::format("end all programs that use it, then rm {}", here.area)};
 }
 
@@ -162,8 +168,8 @@ std::optional<file_shortage> cut_short_memory(const site& here) {
     }
     return file_shortage{
         here.memory,
-        fmt::format("is cut short: {} bytes, the region takes {}: {}", file->st_size, whole,
-                    ends_programs),
+        fmt::format("is cut short: {}, the region takes {}: {}", exact_size(*file),
+                    counted(simulated_region.end_pa, "byte"), ends_programs),
         fmt::format("truncate -s {} {}; what chunks held there is lost", whole, here.memory)};
 }
 

@@ -12,7 +12,7 @@ namespace tarvoctl {
 /// What a file lacks that the library maps. A process that touches it there ends by SIGBUS.
 struct file_shortage {
     std::string path;
-    std::string text; ///< follows the path: "needs 4096 bytes more, and ..."
+    std::string text; ///< follows the path: "needs 4 KiB more, and ..."
     std::string fix;
 };
 

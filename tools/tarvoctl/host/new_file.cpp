@@ -2,6 +2,7 @@
 
 #include "failure.hpp"
 #include "host/file_identity.hpp"
+#include "quantities.hpp"
 #include "shared/paths.hpp"
 
 #include <algorithm>
@@ -123,11 +124,11 @@ void new_file::require_room(std::size_t bytes) const {
     }
     const uint64_t free = (::geteuid() == 0 ? disk.f_bfree : disk.f_bavail) * disk.f_frsize;
     if (free < bytes) {
-        throw failure{exit_status::unreadable,
-                      fmt::format("cannot write {}: {}: the copy takes {} bytes, and {} are free "
-                                  "there; {}",
-                                  wanted_.path, error_text(ENOSPC), bytes, free,
-                                  wanted_.way_to_room)};
+        throw failure{
+            exit_status::unreadable,
+            fmt::format("cannot write {}: {}: the copy takes {}, and {} are free there; {}",
+                        wanted_.path, error_text(ENOSPC), size_text(bytes), size_text(free),
+                        wanted_.way_to_room)};
     }
 }
 

@@ -3,6 +3,7 @@
 #include "area/gaps.hpp"
 #include "failure.hpp"
 #include "output/text.hpp"
+#include "quantities.hpp"
 #include "shared/layout.hpp"
 
 #include <algorithm>
@@ -95,7 +96,8 @@ uint32_t parse_chunk_size(const std::string& text, const std::string& what) {
     const uint32_t most = UINT32_MAX - page_bytes + 1; // in whole pages; what is more wraps
     const uint64_t bytes = parse_size(text, what);
     if (bytes == 0 || bytes > most)
-        refuse(fmt::format("{} '{}' is {} bytes; a chunk has 1 to {}", what, text, bytes, most));
+        refuse(fmt::format("{} '{}' is {}; a chunk has 1 to {}", what, text, counted(bytes, "byte"),
+                           counted(most, "byte")));
     return rounded_size(bytes, page_bytes);
 }
 

@@ -3,6 +3,7 @@
 #include "failure.hpp"
 #include "library/arguments.hpp"
 #include "output/text.hpp"
+#include "quantities.hpp"
 #include "tarvo.h"
 
 #include <fmt/format.h>
@@ -15,15 +16,15 @@ chunk_window parse_window(const chunk_record& chunk, const std::string& offset,
     const uint64_t first = offset.empty() ? 0 : parse_size(offset, "--offset");
     if (first >= chunk.size) {
         throw failure{exit_status::usage,
-                      fmt::format("--offset {} is not in '{}', which has {} bytes", offset,
-                                  shown(chunk.name), chunk.size)};
+                      fmt::format("--offset {} is not in '{}', which has {}", offset,
+                                  shown(chunk.name), size_text(chunk.size))};
     }
     const uint64_t left = chunk.size - first;
     const uint64_t wanted = size.empty() ? left : parse_size(size, "--size");
     if (wanted == 0 || wanted > left) {
         throw failure{exit_status::usage,
-                      fmt::format("--size {} is not 1 to {}: '{}' has {} bytes from offset {} on",
-                                  size, left, shown(chunk.name), left, first)};
+                      fmt::format("--size {} is not 1 to {}: '{}' has {} from offset {:#x} on",
+                                  size, left, shown(chunk.name), size_text(left), first)};
     }
     return {chunk.name, first, wanted};
 }

@@ -81,9 +81,10 @@ const char* seen_only_text(const mapped_memory& memory) {
 }
 
 std::string unseen_text(const mapped_memory& memory, process_table& processes) {
-    const char* const help = memory.root_would_see_more()
-                                 ? "run it as root to see more"
-                                 : "they are kept even from root on this machine";
+    const bool is_one = memory.unseen.size() == 1 && !memory.others_hidden;
+    const char* const help = memory.root_would_see_more() ? "run it as root to see more"
+                             : is_one ? "it is kept even from root on this machine"
+                                      : "they are kept even from root on this machine";
     std::string made;
     if (!memory.unseen.empty()) {
         made =
