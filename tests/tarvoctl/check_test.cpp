@@ -254,14 +254,9 @@ TEST(Snapshot, ThatIsDamagedOrNoneIsNotTakenForAnArea) {
 TEST(Snapshot, MoreThanAnAreaIsNotInflated) {
     sandbox machine(low);
     fill(machine);
-    const temporary_folder folder;
-    const std::string bomb = folder.path() / "bomb";
-    // Two gigabytes, in a file of two megabytes.
-    ASSERT_EQ(
-        run_program(machine, {"sh", "-c", "head -c 2G /dev/zero | gzip -1 >\"$0\"", bomb}).status,
-        0);
-    const auto outcome = run_program(
-        machine, {"sh", "-c", "ulimit -v 600000; exec \"$0\" list --area \"$1\"", TARVOCTL, bomb});
+    // Zeros without end: a tool that took them all would never answer.
+    const auto outcome =
+        run_program(machine, {"sh", "-c", "gzip -1 </dev/zero | \"$0\" list --area -", TARVOCTL});
     EXPECT_EQ(outcome.status, 3);
     EXPECT_TRUE(outcome.errors.find("is not built yet") != std::string::npos) << outcome.errors;
 }
@@ -337,7 +332,7 @@ TEST_F(SnapshotOnto, AToolThatIsKilledWhileItWritesLeavesNothing) {
          copy});
     EXPECT_NE(tool.wait(), normal_end);
     EXPECT_EQ(tool.error_text(), "");
-    EXPECT_EQ(area_file(copy).snapshot(), bytes);
+    EXPECT_EQ(unpacked(copy), bytes);
     EXPECT_EQ(files(), 1);
 }
 
