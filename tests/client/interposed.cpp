@@ -44,7 +44,10 @@ std::string octal(unsigned mode) {
 /// The flags of open by name.
 std::string open_flags(int flags) {
     std::string text = (flags & O_ACCMODE) == O_RDWR ? "O_RDWR" : "O_RDONLY";
-    for (const auto& [flag, name] : {std::pair{O_CREAT, "O_CREAT"}, {O_CLOEXEC, "O_CLOEXEC"}}) {
+    for (const auto& [flag, name] : {std::pair{O_CREAT, "O_CREAT"},
+                                     {O_CLOEXEC, "O_CLOEXEC"},
+                                     {O_NONBLOCK, "O_NONBLOCK"},
+                                     {O_NOCTTY, "O_NOCTTY"}}) {
         if ((flags & flag) != 0) {
             text += std::string("|") + name;
             flags &= ~flag;

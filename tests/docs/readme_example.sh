@@ -49,5 +49,7 @@ why=$(sed -n 's/.*a full region is silent: "\(tarvoctl .*\)" says why.*/\1/p' rx
 [[ -n $why ]] || { echo "README does not say how to learn why"; exit 1; }
 PATH=$build_dir:$PATH tarvo-sandbox -- sh -c "tarvoctl alloc all 713031680 >/dev/null
     ./rx_ring 2>&1; echo \"status \$?\"; $why" >full || status=$?
-[[ $status == 1 && $(head -n 1 full) == 'status 1' ]] && grep -q ' not fit: ' full ||
-    { cat full; exit 1; }
+if [[ $status != 1 || $(head -n 1 full) != 'status 1' ]] || ! grep -q ' not fit: ' full; then
+    cat full
+    exit 1
+fi

@@ -213,8 +213,10 @@ class childs_lock : public testing::Test {
     client user = machine.start();
 };
 
-constexpr const char* opened_by_descriptor = "open(/proc/self/fd/5,O_RDONLY|O_CLOEXEC)";
-constexpr const char* opened_by_path = "open(/var/tmp/tarvo_lock,O_RDONLY|O_CLOEXEC)";
+constexpr const char* opened_by_descriptor =
+    "open(/proc/self/fd/5,O_RDONLY|O_CLOEXEC|O_NONBLOCK|O_NOCTTY)";
+constexpr const char* opened_by_path =
+    "open(/var/tmp/tarvo_lock,O_RDONLY|O_CLOEXEC|O_NONBLOCK|O_NOCTTY)";
 
 TEST_F(childs_lock, IsOpenedByItsDescriptor) {
     user.limits();

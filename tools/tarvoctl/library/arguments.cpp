@@ -95,9 +95,10 @@ uint32_t parse_chunk_size(const std::string& text, const std::string& what) {
     const auto page_bytes = static_cast<uint32_t>(::sysconf(_SC_PAGESIZE));
     const uint32_t most = UINT32_MAX - page_bytes + 1; // in whole pages; what is more wraps
     const uint64_t bytes = parse_size(text, what);
-    if (bytes == 0 || bytes > most)
+    if (bytes == 0 || bytes > most) {
         refuse(fmt::format("{} '{}' is {}; a chunk has 1 to {}", what, text, counted(bytes, "byte"),
                            counted(most, "byte")));
+    }
     return rounded_size(bytes, page_bytes);
 }
 
