@@ -229,6 +229,21 @@ TEST(Free, AChunkThatNobodyHasIsFreedWithoutATerminal) {
     EXPECT_EQ(machine.area().view().chunks().at(1).size, 0x2000);
 }
 
+TEST(Alloc, InARegionThatCannotBeIsRefusedBeforeTheCall) {
+    for (const auto& [line, why] : std::vector<std::pair<std::string, std::string>>{
+             {R"(80000001\t8fffffff\t0\ttarvo)",
+              "describes a region that does not begin on a page"},
+             {R"(90000000\t80000000\t0\ttarvo)", "describes an impossible region"},
+             {R"(0\t1ffffffff\t0\ttarvo)", "describes an impossible region"},
+             {R"(100000000\t2ffffffff\t0\ttarvo)", "describes a region of 8 GiB"}}) {
+        sandbox machine(low, {"--region-line", line});
+        const auto outcome = tarvoctl(machine, {"alloc", "a", "4K"});
+        EXPECT_EQ(outcome.status, 3) << line;
+        EXPECT_TRUE(outcome.errors.starts_with("tarvoctl: /proc/tarvo " + why)) << outcome.errors;
+        EXPECT_FALSE(exists(machine.hardware_area())) << line;
+    }
+}
+
 TEST(Free, AsksWhereItCouldNotSeeWhoHasTheChunk) {
     sandbox machine(simulation);
     client driver = machine.start();

@@ -313,6 +313,10 @@ TEST(Doctor, QuotesARegionLineThatIsNotWellFormed) {
                                           "the first line is \"80000000 to 8fffffff\""));
     sandbox reversed(low, {"--region-line", "8fffffff\\t80000000\\t0\\ttarvo\\n"});
     EXPECT_TRUE(examination(reversed).says("error", "/proc/tarvo", "an impossible region"));
+    sandbox inside(low, {"--region-line", "80000001\\t8fffffff\\t0\\ttarvo\\n"});
+    EXPECT_TRUE(examination(inside).says("error", "/proc/tarvo", "does not begin on a page"));
+    sandbox odd_end(low, {"--region-line", "80000000\\t8ffffffe\\t0\\ttarvo\\n"});
+    EXPECT_TRUE(examination(odd_end).says("warning", "/proc/tarvo", "does not end on a page"));
 }
 
 TEST(Doctor, NamesFoldersAndFilesThatAreMissing) {
@@ -390,6 +394,12 @@ TEST(DoctorFix, OfAMissingFolderMakesIt) {
         expect_fixed_by_its_command(machine, folder, "cannot be used");
     }
     EXPECT_EQ(examination(machine).status(), 0);
+}
+
+TEST(DoctorFix, OfTheMissingFolderOfTheBookkeepingMountsRoomForItAndItsCopy) {
+    sandbox machine(low, {"--without", "shmem"});
+    EXPECT_EQ(examination(machine).fix("/var/shmem", "cannot be used"),
+              "mkdir -p /var/shmem && mount -t tmpfs -o size=136m,mode=0755 tmpfs /var/shmem");
 }
 
 TEST(DoctorFix, OfAFileInPlaceOfAFolderMovesItAwayAndMakesTheFolder) {

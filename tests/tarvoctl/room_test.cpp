@@ -180,7 +180,7 @@ TEST(Room, ACallWithoutRoomForTheAreaIsRefusedWithTheFix) {
     EXPECT_EQ(outcome.status, 3);
     EXPECT_EQ(outcome.errors, "tarvoctl: /var/tmp/tarvo_lib needs 68488 KiB more, and the "
                               "file system on /var/tmp has 8 MiB left: a program that touches "
-                              "what is missing ends by SIGBUS; mount -o remount,size=67m "
+                              "what is missing ends by SIGBUS; mount -o remount,size=136m "
                               "/var/tmp\n");
     EXPECT_FALSE(run_program(small.machine, {"test", "-e", area}).status == 0);
 }

@@ -128,8 +128,11 @@ TEST(Watch, ALockThatStaysTakenIsToldOnceAndWaitedFor) {
     }
     driver.free("a");
     EXPECT_EQ(next_line(watch), "freed         a: 4 KiB at physical 0x0000001000, creator test");
-    EXPECT_EQ(watch.program.error_text(),
-              "tarvoctl: the lock is not free; 'tarvoctl lock' tells who holds it. Waiting\n");
+    EXPECT_EQ(
+        watch.program.error_text(),
+        "tarvoctl: the lock /var/tmp/tarvo_lock was not free within 0.01 s: " + this_process() +
+            " holds it; 'tarvoctl lock' tells more, --timeout waits longer, --no-lock reads "
+            "without it. Waiting\n");
     watch.end_by(SIGINT);
 }
 

@@ -119,7 +119,7 @@ class watcher {
             take_absence(look);
             break;
         case area_look::state::locked:
-            remark("the lock is not free; 'tarvoctl lock' tells who holds it. Waiting");
+            remark(look.obstacle + ". Waiting");
             break;
         case area_look::state::changing: // half a change would be told as one
             remark("the area changed during every reading without its lock. Waiting");

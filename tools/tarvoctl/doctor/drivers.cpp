@@ -10,7 +10,6 @@
 #include <cstdio>
 #include <fcntl.h>
 #include <fmt/format.h>
-#include <limits>
 #include <memory>
 #include <sys/mman.h>
 #include <sys/stat.h>
@@ -22,8 +21,6 @@ namespace {
 
 constexpr const char* load_driver = "load the region driver; on a machine without one, set "
                                     "SIMULATION_VMID for all programs";
-constexpr const char* name_a_region =
-    "let the region driver's first line name a region that begins above 0 and ends above its start";
 constexpr const char* write_the_line =
     "let the region driver write its first line as start, end, 0 and name between tabs, such as "
     "80000000\\t8fffffff\\t0\\ttarvo; until then, set SIMULATION_VMID for all programs";
@@ -38,18 +35,8 @@ std::string without_newline(const char* text) {
 void diagnose_region_bounds(const region_line& line, health_report& report) {
     const std::string subject = paths::region_driver;
     const uint64_t bytes = line.last_pa + 1 - line.first_pa;
-    if (line.first_pa == 0 || line.last_pa <= line.first_pa) {
-        report.add(verdict::error, subject,
-                   fmt::format("describes an impossible region, {} to {}: every program that "
-                               "starts the library ends by an assertion",
-                               pa_text(line.first_pa), pa_text(line.last_pa)),
-                   name_a_region);
-    } else if (bytes > std::numeric_limits<uint32_t>::max()) {
-        report.add(verdict::error, subject,
-                   fmt::format("a region of {}: the library counts in 32 bits and would use "
-                               "{} of them",
-                               size_text(bytes), size_text(static_cast<uint32_t>(bytes))),
-                   "reserve less than 4 GiB");
+    if (const auto fault = fault_of(line)) {
+        report.add(verdict::error, subject, fault->text, fault->fix);
     } else {
         report.set_readable();
         report.add(verdict::ok, subject,
@@ -59,6 +46,14 @@ void diagnose_region_bounds(const region_line& line, health_report& report) {
         if (bytes >= most_bytes_for_devices) {
             report.add(verdict::note, subject,
                        "of 2 GiB and more: it cannot be mapped for a device as a whole");
+        }
+        if (bytes % static_cast<uint64_t>(::sysconf(_SC_PAGESIZE)) != 0) {
+            report.add(
+                verdict::warning, subject,
+                fmt::format("the region does not end on a page, but at {}: the rest of its "
+                            "last page is never used",
+                            pa_text(line.last_pa)),
+                "let the region driver's first line name the last byte of a page as the end");
         }
     }
 }

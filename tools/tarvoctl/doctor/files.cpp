@@ -186,6 +186,10 @@ void diagnose_area_size(const site& here, const std::optional<struct stat>& file
 std::string folder_fix(const std::string& path, int error) {
     switch (error) {
     case ENOENT:
+        if (path == parent_of(paths::hardware_area)) {
+            return fmt::format("mkdir -p {0} && mount -t tmpfs -o size={1}m,mode=0755 tmpfs {0}",
+                               path, area_tmpfs_mebibytes);
+        }
         return fmt::format("mkdir -p {}; a tmpfiles.d entry makes it at every start", path);
     case EACCES:
         return run_as_root;

@@ -49,7 +49,7 @@ area_look area_follower::look() {
         return read(path, std::move(file));
     } catch (const failure& wrong) {
         if (wrong.status() == exit_status::timed_out)
-            return {area_look::state::locked, path};
+            return {area_look::state::locked, path, {}, wrong.what()};
         if (!open_built_area(path)) // removed just now
             return look();
         throw;

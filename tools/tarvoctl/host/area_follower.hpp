@@ -27,6 +27,7 @@ struct area_look {
     state found;
     std::string area;                 ///< path of the file that was looked at
     std::optional<picture> records{}; ///< where the area was read
+    std::string obstacle{};           ///< where the lock was not free: who holds it, and what helps
 };
 
 /// Looks at the live area again and again, through its being made, removed and made anew.

@@ -99,7 +99,8 @@ std::string room_fix(const mount& where, const room& has, uint64_t lacking) {
         return fmt::format("free {} on {}", size_text(lacking), where.point);
     }
     constexpr unsigned mebibyte_shift = 20;
-    const uint64_t mebibytes = ((has.total + lacking - 1) >> mebibyte_shift) + 1;
+    const uint64_t mebibytes =
+        std::max(((has.total + lacking - 1) >> mebibyte_shift) + 1, area_tmpfs_mebibytes);
     return fmt::format("mount -o remount,size={}m {}", mebibytes, where.point);
 }
 

@@ -9,6 +9,9 @@
 
 namespace tarvoctl {
 
+/// What a tmpfs with the area takes: the area, the copy that repair makes, and some to spare.
+inline constexpr uint64_t area_tmpfs_mebibytes = 136;
+
 /// What a file lacks that the library maps. A process that touches it there ends by SIGBUS.
 struct file_shortage {
     std::string path;

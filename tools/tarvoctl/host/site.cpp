@@ -2,6 +2,7 @@
 
 #include "common/unique_fd.hpp"
 #include "host/simulated_region.hpp"
+#include "quantities.hpp"
 #include "shared/paths.hpp"
 #include "shared/region_line.hpp"
 
@@ -9,6 +10,8 @@
 #include <cstdlib>
 #include <fcntl.h>
 #include <filesystem>
+#include <fmt/format.h>
+#include <limits>
 #include <memory>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -61,10 +64,40 @@ std::optional<driver_region> driver_region_here() {
     if (!driver || std::fgets(line.text, sizeof line.text, driver.get()) == nullptr || !parse(line))
         return std::nullopt;
     return driver_region{line.first_pa, static_cast<uint32_t>(line.last_pa + 1 - line.first_pa),
-                         line.is_cma()};
+                         line.is_cma(), fault_of(line)};
 }
 
+constexpr const char* name_a_region =
+    "let the region driver's first line name a region that begins on a page above 0 and ends above "
+    "its start";
+
 } // namespace
+
+std::optional<region_fault> fault_of(const region_line& line) {
+    const uint64_t bytes = line.last_pa + 1 - line.first_pa;
+    if (line.first_pa == 0 || line.last_pa <= line.first_pa) {
+        return region_fault{
+            fmt::format("describes an impossible region, {} to {}: every program that starts the "
+                        "library ends by an assertion",
+                        pa_text(line.first_pa), pa_text(line.last_pa)),
+            name_a_region};
+    }
+    if (line.first_pa % static_cast<uint64_t>(::sysconf(_SC_PAGESIZE)) != 0) {
+        return region_fault{
+            fmt::format("describes a region that does not begin on a page, but at {}: none of it "
+                        "can be mapped",
+                        pa_text(line.first_pa)),
+            name_a_region};
+    }
+    if (bytes > std::numeric_limits<uint32_t>::max()) {
+        return region_fault{
+            fmt::format("describes a region of {}: the library counts in 32 bits and would use {} "
+                        "of them",
+                        size_text(bytes), size_text(static_cast<uint32_t>(bytes))),
+            "reserve less than 4 GiB"};
+    }
+    return std::nullopt;
+}
 
 std::optional<dma_window> site::region() const {
     if (simulation)

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "shared/dma_window.hpp"
+#include "shared/region_line.hpp"
 
 #include <cstdint>
 #include <optional>
@@ -9,11 +10,21 @@
 
 namespace tarvoctl {
 
+/// Why no program can use the region that the driver's first line describes.
+struct region_fault {
+    std::string text; ///< follows the driver's path
+    std::string fix;
+};
+
+/// Nothing for a region that the library can use.
+std::optional<region_fault> fault_of(const region_line& line);
+
 /// The region as the library takes it from the region driver's first line.
 struct driver_region {
     uint64_t first_pa;
     uint32_t bytes;
     bool cma;
+    std::optional<region_fault> fault;
 };
 
 /// Which files the library would use if it were started here and now, found out without creating

@@ -8,6 +8,7 @@
 #include "library/library_call.hpp"
 #include "output/place_text.hpp"
 #include "output/text.hpp"
+#include "shared/paths.hpp"
 #include "tarvo.h"
 
 #include <algorithm>
@@ -33,6 +34,14 @@ void check_file(const std::string& path, int access, missing_file when_missing) 
                               access == O_RDWR ? "reading and writing" : "reading",
                               error_text(number),
                               forbidden ? "run it as root" : "'tarvoctl doctor' tells more")};
+}
+
+void require_possible_region(const site& here) {
+    if (here.driver && here.driver->fault) {
+        throw failure{exit_status::unreadable,
+                      fmt::format("{} {}; {}", paths::region_driver, here.driver->fault->text,
+                                  here.driver->fault->fix)};
+    }
 }
 
 void check_files(const site& here, missing_file when_missing) {
@@ -101,6 +110,7 @@ picture ready_area(std::chrono::milliseconds timeout, std::optional<way_out> cal
 
 picture ready_or_new_area(std::chrono::milliseconds timeout) {
     const site here = find_site();
+    require_possible_region(here);
     check_files(here, missing_file::accepted);
     return open_built_area(here.area) ? sound_picture(here, timeout) : new_picture(here);
 }
