@@ -119,7 +119,7 @@ class watcher {
             take_absence(look);
             break;
         case area_look::state::locked:
-            remark(look.obstacle + ". Waiting");
+            remark(look.obstacle + ". Waiting", "the lock"); // whoever holds it by now
             break;
         case area_look::state::changing: // half a change would be told as one
             remark("the area changed during every reading without its lock. Waiting");
@@ -163,11 +163,15 @@ class watcher {
         damage_.clear();
     }
 
-    /// Tells people once what goes on, on standard error; "" when it is over.
-    void remark(const std::string& text) {
-        if (text != remark_ && !text.empty())
+    void remark(const std::string& text) { remark(text, text); }
+
+    /// Tells people once what goes on, on standard error; "" when it is over. Texts about the same
+    /// obstacle are told once.
+    void remark(const std::string& text, const std::string& about) {
+        if (about != obstacle_ && !text.empty()) {
             fmt::print(stderr, "tarvoctl: {}\n", text);
-        remark_ = text;
+        }
+        obstacle_ = about;
     }
 
     reporter report_;
@@ -175,7 +179,7 @@ class watcher {
     bool present_ = false;
     picture last_{}; ///< the records as they were told last
     std::vector<std::string> damage_;
-    std::string remark_;
+    std::string obstacle_;
 };
 
 exit_status watch(const watch_options& options) {
