@@ -437,11 +437,11 @@ TARVO_API int map_chunks_to_dev(iommu_dev_t* dev);
 TARVO_API int unmap_dev_all_chunks(iommu_dev_t* dev);
 
 #ifdef __cplusplus
-#if defined(__GLIBCXX__) && _GLIBCXX_USE_CXX11_ABI
+#if defined(__GLIBCXX__) && _GLIBCXX_USE_CXX11_ABI && __cplusplus >= 201103L
 /**
  * What stands in for a text that could not be formatted: "Error formatting string". Not declared
- * for programs with another C++ library, or with the strings of g++ before 5: theirs is another
- * type. A program that declares it itself, with or without "C", links as well.
+ * for programs with another C++ library, with the strings of g++ before 5, or before C++11: they do
+ * not have this type. A program that declares it itself, with or without "C", links as well.
  */
 extern "C" TARVO_API std::shared_ptr<std::string> to_string_err;
 #endif
