@@ -122,7 +122,7 @@ bool enter_chunk(dma_chunk_t* chunk, const char* name, uint32_t size, const char
 /// Whether the chunk's record is sound; one that is not is discarded, its mappings for devices
 /// left as they are.
 bool keep_if_sound(dma_chunk_t* chunk, const char* name, uint32_t size) {
-    if (chunk_desc_check(chunk) == 0) {
+    if (is_sound(chunk)) {
         return true;
     }
     dma_chunks->erase(chunk);
@@ -180,7 +180,7 @@ bool create_chunk(dma_chunk_t* chunk, const char* name, uint32_t size, const cha
 uint32_t tarvo_alloc_func(const char* name, size_t size, const char* creator) {
     TARVO_TRACE(trace_progress, function, "%s: name %s size %zu creator %s", function, name, size,
                 creator);
-    if (tarvo_init() != 0) {
+    if (!is_started()) {
         constexpr const char* complaint = "failed to initialize library";
         TARVO_TRACE(trace_failure, function, "%s: %s", function, complaint);
         fprintf(stderr, "tarvo: %s\n", complaint);

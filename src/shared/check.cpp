@@ -7,10 +7,6 @@
 
 namespace {
 
-bool inside_region(const dma_chunk_t& chunk) {
-    return chunk.pa >= region_start && chunk.pa + chunk.size <= region_start + region_size;
-}
-
 [[gnu::cold]] void report(dma_chunk_t* chunk) {
     static constexpr char format[] =
         "tarvo: %s() - DMA memory corrupted: chunk (%d), pa (%llx), size (%d)";
@@ -26,7 +22,7 @@ bool inside_region(const dma_chunk_t& chunk) {
 } // namespace
 
 int chunk_desc_check(dma_chunk_t* chunk) {
-    if (inside_region(*chunk)) {
+    if (lies_in_region(*chunk)) {
         return 0;
     }
     report(chunk);

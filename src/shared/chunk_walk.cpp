@@ -20,11 +20,10 @@ void chunk_walk::iterator::take_slow_step() {
         plan(steps, steps);
         return;
     }
+    chunk_order.learn(from, _element);
     ++_wrong_guesses;
     if (_wrong_guesses == wrong_guesses_for_a_new_order) {
         chunk_order.learn_all(*_list);
-    } else {
-        chunk_order.learn(from, _element);
     }
     start_fetching(steps);
 }
