@@ -155,6 +155,38 @@ TEST_F(area_repair, MarksListedElementsAllocated) {
     EXPECT_EQ(area.view().device(0).online, 1);
 }
 
+TEST_F(area_repair, MarksTheOnlyDeviceAllocatedAndTheOnlyReferenceToIt) {
+    fresh_area other;
+    other.build(first_pa, region_bytes);
+    const int chunk = other.add_chunk(0, "ring", 0x1000, 0x1000);
+    other.add_device(0, 3, 8);
+    other.add_ref(chunk, 0);
+    other.writer().u8(at_device(0, area_offset::allocated), 0);
+    other.record().chunks._arr[chunk].devs._arr[0].allocated = 0;
+    const repair_plan plan = plan_repair(other.record());
+    EXPECT_THAT(plan.doubts, IsEmpty());
+    apply(plan, other.record());
+    EXPECT_THAT(other.view().devices(), ElementsAre(Field(&area_device::bus, 3)));
+    EXPECT_THAT(other.view().refs(chunk), SizeIs(1));
+    EXPECT_THAT(serious(tarvoctl::check_area(other.record(), {})), IsEmpty());
+}
+
+TEST_F(area_repair, LeavesADeviceToAPersonThatLostItsMarkAndItsLinks) {
+    const auto doubts_device_1 = ElementsAre(
+        AllOf(Field(&repair_doubt::where, place{area_list::devices, 1}),
+              Field(&repair_doubt::why, HasSubstr("it cannot be told whether it is registered"))));
+    write.u8(at_device(1, area_offset::allocated), 0);
+    write.i32(at_device(1, area_offset::prev), 9);
+    EXPECT_THAT(repair().doubts, doubts_device_1);
+    EXPECT_EQ(area.view().device(1).bus, 4);
+}
+
+TEST_F(area_repair, ForgetsNoDeviceForALinkToAFreeElement) {
+    write.i32(at_device(1, area_offset::next), 7);
+    repair_fully();
+    EXPECT_THAT(area.view().devices(), SizeIs(2));
+}
+
 TEST_F(area_repair, GivesBackAChunkThatHoldsNoMemory) {
     write.u32(at(low, area_offset::size), 0);
     repair_fully();

@@ -269,12 +269,18 @@ TEST(Snapshot, CannotBeRepairedWhileItIsCompressed) {
     machine.writable_area().writer().i32(area_offset::chunk(3) + area_offset::prev, 9);
     ASSERT_EQ(tarvoctl(machine, {"snapshot", copy}).status, 0);
     const std::string bytes = file_text(copy);
-    EXPECT_EQ(tarvoctl(machine, {"repair", "-n", copy}).status, 1);
-    const auto outcome = tarvoctl(machine, {"repair", "-y", copy});
-    EXPECT_EQ(outcome.status, 2);
-    EXPECT_EQ(outcome.errors, "tarvoctl: " + copy +
-                                  " is compressed, and cannot be changed as it is; 'zcat <" + copy +
-                                  "' gives the bytes for a file that can\n");
+    for (const char* how : {"-n", "-y"}) {
+        const auto outcome = tarvoctl(machine, {"repair", how, copy});
+        EXPECT_EQ(outcome.status, 2);
+        EXPECT_EQ(outcome.output, "");
+        EXPECT_EQ(outcome.errors, "tarvoctl: " + copy +
+                                      " is compressed, and cannot be changed as it is; 'zcat <" +
+                                      copy + "' gives the bytes for a file that can\n");
+        const auto of_stream = tarvoctl(machine, {"repair", how, "-"}, bytes);
+        EXPECT_EQ(of_stream.status, 2);
+        EXPECT_EQ(of_stream.errors,
+                  "tarvoctl: standard input cannot be changed; name a file to repair\n");
+    }
     EXPECT_EQ(file_text(copy), bytes);
 }
 

@@ -119,7 +119,7 @@ TEST_F(Repair, IsPartlyDoneWhenAskedForAlone) {
     const auto lines = lines_of(partly.output);
     EXPECT_EQ(lines.at(lines.size() - 2),
               "changed, but still broken; " + backup + " holds the area as it was");
-    EXPECT_EQ(lines.back().substr(0, 36), "to get rid of what stays broken, end");
+    EXPECT_EQ(lines.back().substr(0, 36), "to get rid of what stays broken, sto");
     EXPECT_NE(machine.area().snapshot(), before);
 }
 
@@ -172,11 +172,13 @@ TEST_F(Repair, NamesTheWayOutOfABackupThatIsThere) {
     EXPECT_TRUE(is_untouched());
 }
 
-/// Of a chunk that a device sees.
+/// Of chunks that a device sees.
 constexpr const char* free_it =
     "stop or reset the devices first (or restart the machine), because they may still see the "
     "memory; then free the chunk with 'tarvoctl free' and allocate it again";
-constexpr const char* remove_it = "end all programs that use it, then remove its file";
+constexpr const char* remove_it =
+    "stop or reset the devices first (or restart the machine), because they may still see the "
+    "memory; then end all programs that use it, then remove its file";
 
 /// A record that says what it cannot: no link is wrong.
 class RecordOf : public testing::Test {
@@ -266,7 +268,9 @@ TEST_F(RecordOf, ADeviceThatIsThereTwiceIsUnregistered) {
     write.i32(area_offset::device(1) + area_offset::bus, 3);
     expect_broken("device 1: the same domain, bus and devfn as device 0, which is the one that "
                   "calls find [device-address-twice]",
-                  "unregister the device with 'tarvoctl unregister' and register it again");
+                  "stop or reset the devices first (or restart the machine), because they may "
+                  "still see the memory; then unregister the device with 'tarvoctl unregister' and "
+                  "register it again");
     EXPECT_EQ(tarvoctl(machine, {"unregister", "03:00.0", "--force"}).status, 0);
     EXPECT_EQ(tarvoctl(machine, {"register", "03:00.0"}).status, 0);
     EXPECT_EQ(tarvoctl(machine, {"check"}).status, 0);
@@ -323,7 +327,7 @@ TEST_F(RecordOf, OfACopyOverlapsAreInOrderUnderCma) {
     write.u32(at(2, area_offset::size), 0x2000);
     const temporary_folder folder;
     const std::string copy = folder.path() / "copy";
-    ASSERT_EQ(tarvoctl(machine, {"snapshot", copy}).status, 0);
+    std::filesystem::copy_file(machine.shared_area(), copy);
     EXPECT_EQ(tarvoctl(machine, {"repair", copy}).status, 4);
     EXPECT_EQ(tarvoctl(machine, {"repair", "--cma", copy}).output, "nothing to repair\n");
 }

@@ -40,24 +40,7 @@ std::string text_of(const place& where, const std::string& label) {
 
 namespace {
 
-/// What is unmapped is what the records say. Where they are broken devices may see more than that,
-/// and of any chunk: an overlap does not tell which of the two is wrong.
-std::string way_to_free(const shared_area_t& area) {
-    const std::string free = "free the chunk with 'tarvoctl free' and allocate it again";
-    const auto& chunks = area.chunks._arr;
-    const bool any_mapped =
-        std::any_of(std::begin(chunks), std::end(chunks), [](const dma_chunk_t& chunk) {
-            return chunk.allocated != 0 && is_mapped(chunk);
-        });
-    return any_mapped ? "stop or reset the devices first (or restart the machine), because they "
-                        "may still see the memory; then " +
-                            free
-                      : free;
-}
-
-} // namespace
-
-std::string text_of_ways_out(const std::vector<finding>& findings, const shared_area_t& area) {
+std::string way_to_help(const std::vector<finding>& findings) {
     const auto helps = [&findings](way_out out) {
         return std::any_of(findings.begin(), findings.end(), [out](const finding& one) {
             return one.cls == finding_class::broken && one.out == out;
@@ -66,12 +49,40 @@ std::string text_of_ways_out(const std::vector<finding>& findings, const shared_
     if (helps(way_out::remove_file)) {
         return "end all programs that use it, then remove its file";
     }
+    const std::string free = "free the chunk with 'tarvoctl free' and allocate it again";
     const std::string unregister =
         "unregister the device with 'tarvoctl unregister' and register it again";
     if (helps(way_out::free_chunk) && helps(way_out::unregister_device)) {
-        return way_to_free(area) + "; " + unregister;
+        return free + "; " + unregister;
     }
-    return helps(way_out::free_chunk) ? way_to_free(area) : unregister;
+    return helps(way_out::free_chunk) ? free : unregister;
+}
+
+bool is_any_chunk_mapped(const shared_area_t& area) {
+    const auto& chunks = area.chunks._arr;
+    return std::any_of(std::begin(chunks), std::end(chunks), is_mapped);
+}
+
+} // namespace
+
+std::string way_to_remove(const std::string& file) {
+    return fmt::format("end all programs that use it, then rm {}", file);
+}
+
+std::string after_devices(const std::string& step) {
+    return "stop or reset the devices first (or restart the machine), because they may still see "
+           "the memory; then " +
+           step;
+}
+
+/// What is unmapped is what the records say. Where they are broken devices may see more than that,
+/// and of any chunk: an overlap does not tell which of the two is wrong.
+std::string way_to_do(const std::string& step, const shared_area_t& area) {
+    return is_any_chunk_mapped(area) ? after_devices(step) : step;
+}
+
+std::string text_of_ways_out(const std::vector<finding>& findings, const shared_area_t& area) {
+    return way_to_do(way_to_help(findings), area);
 }
 
 } // namespace tarvoctl

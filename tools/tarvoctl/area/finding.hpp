@@ -56,6 +56,16 @@ struct finding {
     way_out out = way_out::remove_file; ///< where it is broken
 };
 
+/// A step that gives up what is on record of the devices: they come first, because nothing unmaps the
+/// memory for them then.
+std::string after_devices(const std::string& step);
+
+/// The step that lets the next program build an area anew.
+std::string way_to_remove(const std::string& file);
+
+/// after_devices() where that area says that devices see any chunk; otherwise the step alone.
+std::string way_to_do(const std::string& step, const shared_area_t& area);
+
 /// What helps against all that is broken in that area, as a sentence without its end. Removing the
 /// file helps against everything.
 std::string text_of_ways_out(const std::vector<finding>& findings, const shared_area_t& area);

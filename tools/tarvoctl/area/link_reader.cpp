@@ -41,8 +41,14 @@ bool link_reader::is_linked_both_ways(int element) const {
            _links.prev(next) == element && _links.next(prev) == element;
 }
 
+/// Both ends are set at once, after the flag, and let go before the element is cleared.
+bool link_reader::is_the_only_one(int element) const {
+    return _links.head == element && _links.tail == element && _links.free != element;
+}
+
 bool link_reader::is_member(int element) const {
-    return _links.flag(element) != 0 || (is_linked_both_ways(element) && _may_be_listed(element));
+    return _links.flag(element) != 0 ||
+           ((is_linked_both_ways(element) || is_the_only_one(element)) && _may_be_listed(element));
 }
 
 /// From one element to another; to -1: as far as it goes.

@@ -44,6 +44,7 @@ class link_reader {
 
     int32_t follow(link way, int element) const { return (_links.*way)(element); }
     bool is_linked_both_ways(int element) const;
+    bool is_the_only_one(int element) const;
     bool is_member(int element) const;
     walked walk(int from, int to, link way) const;
     walked circle(int from, link way) const;

@@ -32,7 +32,7 @@ class planner {
 
     void plan_devices() {
         const list_links links = device_links(_area);
-        const decided_list decided = decide_unordered(links, _plan);
+        const decided_list decided = decide_devices(_area, _plan);
         _writer.write_list(links, decided);
         for (const int device : decided.order) {
             if (_area.devices._arr[device].online > 1) {
@@ -89,7 +89,7 @@ class planner {
     /// References to devices that cannot exist, or that are there already, mean nothing.
     void plan_refs(int element) {
         const list_links links = ref_links(_area, element);
-        decided_list decided = decide_unordered(links, _plan);
+        decided_list decided = decide_refs(links, _plan);
         std::vector<bool> named(device_capacity);
         std::erase_if(decided.order, [&](int ref) {
             const int32_t device = chunk(element).devs._arr[ref].dev;

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <fmt/format.h>
+#include <functional>
 #include <iterator>
 #include <map>
 #include <utility>
@@ -16,12 +17,13 @@ constexpr std::string_view cut_off =
     "marked allocated, but the list is damaged in more than one place and it cannot be told "
     "whether this was part of it";
 
-} // namespace
+using may_be_listed = std::function<bool(int)>;
 
-/// Devices and references that cannot be placed are one doubt: they say little by themselves, and a
-/// ruined area has millions of them.
-decided_list decide_unordered(const list_links& links, repair_plan& plan) {
-    const link_reader reader(links, [](int) { return true; });
+/// Elements that cannot be placed are one doubt: they say little by themselves, and a ruined area has
+/// millions of them.
+decided_list decide_unordered(const list_links& links, const may_be_listed& is_plausible,
+                              repair_plan& plan) {
+    const link_reader reader(links, is_plausible);
     decided_list decided{reader.order(), {}};
     decided.order.insert(decided.order.end(), reader.islands().begin(), reader.islands().end());
     if (!reader.is_sound() && !reader.strays().empty()) {
@@ -31,6 +33,48 @@ decided_list decide_unordered(const list_links& links, repair_plan& plan) {
                                                        decided.left_alone.front(), cut_off)});
     }
     return decided;
+}
+
+/// Whether the ends of the list, or one of its elements, lead to an element that is not among them.
+bool is_named(const list_links& links, const std::vector<int>& order, int element) {
+    const auto is_listed = std::find(order.begin(), order.end(), element) != order.end();
+    const auto leads_there = [&](int listed) {
+        return links.next(listed) == element || links.prev(listed) == element;
+    };
+    return !is_listed && (links.head == element || links.tail == element ||
+                          std::any_of(order.begin(), order.end(), leads_there));
+}
+
+/// No interrupted change leaves a link to an element that is not marked: those that were filled in
+/// have lost their mark.
+void doubt_unmarked(const list_links& links, decided_list& decided, repair_plan& plan) {
+    for (int element = 0; element < links.capacity; ++element) {
+        if (links.flag(element) == 0 && !is_zero(links.bytes_behind_next(element)) &&
+            is_named(links, decided.order, element)) {
+            plan.doubts.push_back(
+                {links.at(element),
+                 "the list names it, but it is not marked allocated and its "
+                 "links are damaged: it cannot be told whether it is registered"});
+            decided.left_alone.push_back(element);
+        }
+    }
+}
+
+} // namespace
+
+decided_list decide_devices(const shared_area_t& area, repair_plan& plan) {
+    const list_links links = device_links(area);
+    const auto is_filled = [&links](int device) {
+        return !is_zero(links.bytes(device).subspan(offsetof(iommu_dev_t, domain)));
+    };
+    decided_list decided = decide_unordered(links, is_filled, plan);
+    doubt_unmarked(links, decided, plan);
+    return decided;
+}
+
+decided_list decide_refs(const list_links& links, repair_plan& plan) {
+    return decide_unordered(
+        links, [](int) { return true; }, plan);
 }
 
 namespace {

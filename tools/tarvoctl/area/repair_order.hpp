@@ -15,8 +15,12 @@ struct decided_list {
     std::vector<int> left_alone;
 };
 
-/// Decides a list whose order does not matter: all that is linked belongs to it.
-decided_list decide_unordered(const list_links& links, repair_plan& plan);
+/// Decides the list of the devices, whose order does not matter: all that is linked belongs to it. A
+/// device that the list still names is never given back, whatever its flag says.
+decided_list decide_devices(const shared_area_t& area, repair_plan& plan);
+
+/// The same for a chunk's references to devices.
+decided_list decide_refs(const list_links& links, repair_plan& plan);
 
 /// Decides the list of the chunks between sentinels whose numbers are `head` and `tail`: ascending
 /// address, whatever the links say.

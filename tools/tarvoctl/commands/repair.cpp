@@ -224,6 +224,9 @@ void print_end(const planned_repair& planned, const std::string& backup) {
 }
 
 exit_status repair(const repair_options& options) {
+    if (!options.source.is_live()) {
+        require_changeable(options.source.file);
+    }
     const auto area = read_area(options.source);
     planned_repair planned{*area, plan_repair(*area), {}};
     planned.rest = broken_after(planned.plan, *area, options_for(options.source, options.cma));

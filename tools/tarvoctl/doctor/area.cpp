@@ -34,8 +34,8 @@ void report_finding(const finding& each, const shared_area_t& area, const std::s
 }
 
 /// Of an area whose bounds can be read; those that cannot are among the findings.
-void report_region(const dma_window& in_area, bool is_another, const site& here,
-                   health_report& report) {
+void report_region(const dma_window& in_area, bool is_another, const shared_area_t& area,
+                   const site& here, health_report& report) {
     const auto expected = here.region();
     const std::string text = "made for the region " + pa_range(in_area.first_pa, in_area.end_pa);
     if (!expected) {
@@ -45,7 +45,7 @@ void report_region(const dma_window& in_area, bool is_another, const site& here,
                           fmt::format("{}, but this machine has {}: it is left over from "
                                       "another region, and the library does not notice",
                                       text, pa_range(expected->first_pa, expected->end_pa)),
-                          fmt::format("end all programs that use it, then rm {}", here.area));
+                          way_to_do(way_to_remove(here.area), area));
     } else {
         report.add(verdict::ok, here.area, text + ", which is this machine's");
     }
@@ -58,7 +58,7 @@ void diagnose_records(const shared_area_t& area, const site& here, health_report
     const auto findings = check_area(area, options);
     const bool is_another = is_of_another_region(findings);
     if (const auto in_area = region_in(area.chunks)) {
-        report_region(*in_area, is_another, here, report);
+        report_region(*in_area, is_another, area, here, report);
     }
     if (is_another) { // which alone decides what is done
         return;
@@ -69,19 +69,28 @@ void diagnose_records(const shared_area_t& area, const site& here, health_report
     }
 }
 
+std::string fix_for_offline(const device_record& device, const picture& records) {
+    const std::string name = device_text(device);
+    const std::string unregister = "tarvoctl unregister " + name;
+    const bool sees_chunks = std::any_of(
+        records.chunks.begin(), records.chunks.end(), [&device](const chunk_record& chunk) {
+            return std::find(chunk.devices.begin(), chunk.devices.end(), device.index) !=
+                   chunk.devices.end();
+        });
+    return fmt::format("tarvoctl register {}; where it is gone for good, {}", name,
+                       sees_chunks ? after_devices(unregister) : unregister);
+}
+
 void diagnose_devices(const picture& records, health_report& report) {
     const bool any_online = std::any_of(records.devices.begin(), records.devices.end(),
                                         [](const device_record& each) { return each.online; });
     for (const device_record& each : records.devices) {
         if (!each.online) {
-            const std::string name = device_text(each);
-            report.add(verdict::warning, name,
+            report.add(verdict::warning, device_text(each),
                        any_online ? "is offline: no chunk made from now on is mapped for it"
                                   : "is offline, and no other device is online: no chunk made from "
                                     "now on is mapped for any",
-                       fmt::format("tarvoctl register {0}; where it is gone for good, tarvoctl "
-                                   "unregister {0}",
-                                   name));
+                       fix_for_offline(each, records));
         }
     }
 }

@@ -4,6 +4,7 @@
 #include "area/list_walk.hpp"
 #include "failure.hpp"
 #include "host/cross_process_lock.hpp"
+#include "host/file_shortage.hpp"
 #include "host/gzip.hpp"
 #include "host/plain_file.hpp"
 #include "quantities.hpp"
@@ -61,7 +62,7 @@ namespace {
         fmt::format("{} is {}, an area takes {}: {}", path,
                     counted(static_cast<uint64_t>(length), "byte"),
                     counted(sizeof(shared_area_t), "byte"),
-                    is_live ? "it was cut short; end all programs that use it, then rm " + path
+                    is_live ? "it was cut short; " + way_to_replace(path)
                             : "it is no copy of an area, or not a whole one; 'tarvoctl snapshot' "
                               "makes one")};
 }
@@ -267,16 +268,24 @@ check_options options_for(const area_source& source, bool cma) {
     return made;
 }
 
-mapped_area::mapped_area(const std::string& path) {
-    const unique_fd file = open_plain_file(path, O_RDWR);
-    if (!file)
-        complain_of(path, errno);
-    if (is_gzipped(file)) {
+void require_changeable(const std::string& path) {
+    if (path == standard_stream) {
+        throw failure{exit_status::usage,
+                      "standard input cannot be changed; name a file to repair"};
+    }
+    const unique_fd file = open_plain_file(path, O_RDONLY);
+    if (file && is_gzipped(file)) {
         throw failure{exit_status::usage,
                       fmt::format("{0} is compressed, and cannot be changed as it is; 'zcat <{0}' "
                                   "gives the bytes for a file that can",
                                   path)};
     }
+}
+
+mapped_area::mapped_area(const std::string& path) {
+    const unique_fd file = open_plain_file(path, O_RDWR);
+    if (!file)
+        complain_of(path, errno);
     require_whole(file, path);
     constexpr std::size_t bytes = sizeof(shared_area_t);
     // Where a hole has no room on the disk, the first store into it would end the process.

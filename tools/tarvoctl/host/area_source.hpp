@@ -72,6 +72,9 @@ void require_region(const site& here);
 /// Throws failure where an area's file is shorter than an area.
 void require_whole(const unique_fd& file, const std::string& path);
 
+/// Throws failure for a copy that cannot be changed where it is: one that is compressed, or a stream.
+void require_changeable(const std::string& path);
+
 /// Throws failure for an area that no process has built, or one in use that says so.
 void check_built(const shared_area_t& area, const std::string& path);
 

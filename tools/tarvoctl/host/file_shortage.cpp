@@ -1,10 +1,12 @@
 #include "host/file_shortage.hpp"
 
+#include "area/finding.hpp"
 #include "common/unique_fd.hpp"
 #include "failure.hpp"
 #include "host/simulated_region.hpp"
 #include "quantities.hpp"
 #include "shared/layout.hpp"
+#include "shared/paths.hpp"
 
 #include <algorithm>
 #include <cstdio>
@@ -146,6 +148,12 @@ uint64_t missing_bytes_of_area(const site& here) {
 
 } // namespace
 
+std::string way_to_replace(const std::string& area) {
+    const bool may_have_devices = ::access(paths::iommu_driver, F_OK) == 0;
+    const std::string remove = way_to_remove(area);
+    return may_have_devices ? after_devices(remove) : remove;
+}
+
 std::optional<file_shortage> cut_short_area(const site& here) {
     const auto file = state_of(here.area);
     constexpr auto least_bytes = static_cast<off_t>(sizeof(shared_area_t));
@@ -156,7 +164,7 @@ std::optional<file_shortage> cut_short_area(const site& here) {
                          fmt::format("is cut short: {}, an area takes {}; the next program that "
                                      "starts fills it up with zeros",
                                      exact_size(*file), counted(sizeof(shared_area_t), "byte")),
-                         fmt::format("end all programs that use it, then rm {}", here.area)};
+                         way_to_replace(here.area)};
 }
 
 std::optional<file_shortage> cut_short_memory(const site& here) {

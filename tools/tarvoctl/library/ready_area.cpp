@@ -64,10 +64,11 @@ void refuse_broken(const shared_area_t& area, const site& here, std::optional<wa
     if (broken == findings.end())
         return;
     if (is_of_another_region(findings)) {
-        throw failure{exit_status::damaged,
-                      fmt::format("{} is left over from another region; end all programs that use "
-                                  "it, then rm {}. 'tarvoctl doctor' tells both regions",
-                                  here.area, here.area)};
+        throw failure{
+            exit_status::damaged,
+            fmt::format("{} is left over from another region; {}. 'tarvoctl doctor' tells "
+                        "both regions",
+                        here.area, way_to_do(way_to_remove(here.area), area))};
     }
     throw failure{exit_status::damaged,
                   fmt::format("the area is broken: {}: {}. The library would break off the call, "
