@@ -64,6 +64,8 @@ class Worker:
 class Place:
     """A sandbox whose files lie on a file system of that kind, and the workers in it."""
 
+    programs = Path("bench")  # the contenders' folder in the build
+
     def __init__(self, build: Path, kind: str) -> None:
         self.build = build
         self.folder = Path(tempfile.mkdtemp(prefix="bench-", dir=build))
@@ -90,7 +92,7 @@ class Place:
         library, _, name = program.rpartition(":")
         command = ["env", f"LD_LIBRARY_PATH={library}"] if library else []
         sandbox = [str(self.build / "tarvo-sandbox"), "join", "--control", str(self.control)]
-        one = Worker([*sandbox, "--", *command, str(self.build / "bench" / name)])
+        one = Worker([*sandbox, "--", *command, str(self.build / self.programs / name)])
         self.workers.append(one)
         return one
 
@@ -199,11 +201,12 @@ class Contest:
 
     def attach(self, kind: str) -> None:
         """New processes, from nothing to having found the place, and to the first name."""
-        programs = LIBRARIES | FLOOR | {"boost tree": PEERS["boost tree"]}
+        tree = {who: program for who, program in PEERS.items() if who == "boost tree"}
+        programs = LIBRARIES | FLOOR | tree
         for names in self.names()[1:]:
             for order, setup in (("in order", "fill"), ("shuffled", "shuffle")):
                 with Place(self.build, kind) as place:
-                    for program in (LIBRARIES["tarvo"], PEERS["boost tree"]):
+                    for program in (LIBRARIES["tarvo"], *tree.values()):
                         place.worker(program).ask(f"{setup} {names}")
                     workers = {who: place.worker(program) for who, program in programs.items()}
                     if names == 1000 and order == "in order":
@@ -216,7 +219,7 @@ class Contest:
         for names in (16, 1000) if self.quick else (16, 1000, 16000):
             with Place(self.build, kind) as place:
                 workers = self.everybody(place, names, f"fill {names}")
-                workers.pop("lmdb")
+                workers.pop("lmdb", None)
                 workers["tarvo"].ask("wide 65536")
                 for who in workers.keys() & PEERS.keys():
                     workers[who].ask("wide 65536")
@@ -348,6 +351,7 @@ def main() -> None:
     parser.add_argument("--quick", action="store_true", help="short lists, few passes, one kind")
     parser.add_argument("--rows", default="abcdefgh", help="which rows (default: %(default)s)")
     parser.add_argument("--against", type=Path, help="folder with another libtarvo.so.0")
+    parser.add_argument("--i386", action="store_true", help="32-bit programs; without peers")
     parser.add_argument("--publish", action="store_true", help="put the results into docs/")
     parser.add_argument("--passes", type=int, help="how often everybody takes a turn")
     given = parser.parse_args()
@@ -355,6 +359,9 @@ def main() -> None:
     build = given.build.resolve()
     if given.against:
         LIBRARIES["against"] = f"{given.against.resolve()}:{LIBRARIES['tarvo']}"
+    if given.i386:
+        Place.programs = Path("i386/bench")
+        PEERS.clear()
     contest = Contest(build, given.passes or (3 if given.quick else 11), given.quick)
     kinds = ["tmpfs"] if given.quick else [kind_of(build), "tmpfs"]
     for kind in kinds:
@@ -363,7 +370,8 @@ def main() -> None:
     output.mkdir(parents=True, exist_ok=True)
     report.write(contest.results, circumstances(Path(__file__).parent, contest.passes), output)
     if given.publish:
-        publish.publish(output, Path(__file__).parents[1] / "docs")
+        docs = Path(__file__).parents[1] / "docs"
+        (publish.publish_i386 if given.i386 else publish.publish)(output, docs)
 
 
 if __name__ == "__main__":

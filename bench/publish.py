@@ -1,7 +1,7 @@
 """Puts the results of bench.py into the pages.
 
 performance.md gets the small table between its two marks, performance.svg is drawn anew, and
-performance-results.md holds all that was measured.
+performance-results.md holds all that was measured, and the small table of 32-bit programs.
 """
 
 import json
@@ -14,6 +14,7 @@ import goals
 from report import OWN, quantity
 
 BEGIN, END = "<!-- results -->\n", "<!-- end of results -->\n"
+BEGIN_I386, END_I386 = "<!-- i386 -->\n", "<!-- end of i386 -->\n"
 WORKS = (goals.GET, goals.CHURN, goals.FIRST_GET, goals.TOUCH, goals.LAST)
 HEADINGS = [
     "Work",
@@ -127,17 +128,27 @@ def picture(document: dict[str, Any]) -> str:
     return head + "".join(group(10 + 54 * i, one) for i, one in enumerate(shown)) + "</svg>\n"
 
 
-def put_into(page: Path, text: str) -> None:
-    before, begin, rest = page.read_text(encoding="utf-8").partition(BEGIN)
-    _, end, after = rest.partition(END)
-    if not begin or not end:
-        sys.exit(f"{page} has no {BEGIN.strip()} and {END.strip()}")
-    page.write_text(before + BEGIN + text + END + after, encoding="utf-8")
+def put_into(page: Path, text: str, begin: str = BEGIN, end: str = END) -> None:
+    before, found_begin, rest = page.read_text(encoding="utf-8").partition(begin)
+    _, found_end, after = rest.partition(end)
+    if not found_begin or not found_end:
+        sys.exit(f"{page} has no {begin.strip()} and {end.strip()}")
+    page.write_text(before + begin + text + end + after, encoding="utf-8")
+
+
+def document_of(results: Path) -> dict[str, Any]:
+    """`results`: the folder that report.write() has filled."""
+    document: dict[str, Any] = json.loads((results / "results.json").read_text(encoding="utf-8"))
+    return document
+
+
+def publish_i386(results: Path, docs: Path) -> None:
+    table = small_table(document_of(results))
+    put_into(docs / "performance-results.md", table, BEGIN_I386, END_I386)
 
 
 def publish(results: Path, docs: Path) -> None:
-    """`results`: the folder that report.write() has filled."""
-    document = json.loads((results / "results.json").read_text(encoding="utf-8"))
+    document = document_of(results)
     put_into(docs / "performance.md", small_table(document))
     (docs / "performance.svg").write_text(picture(document), encoding="utf-8")
     put_into(docs / "performance-results.md", (results / "table.md").read_text(encoding="utf-8"))

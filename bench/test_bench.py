@@ -10,7 +10,7 @@ from typing import Any
 
 from bench import Result
 from goals import goals_of
-from publish import BEGIN, END, publish
+from publish import BEGIN, BEGIN_I386, END, END_I386, publish, publish_i386
 
 FIELDS = {
     "row", "work", "names", "order", "files", "unit", "passes", "medians", "ratios", "shares",
@@ -44,10 +44,10 @@ def check_goals() -> None:
     assert verdicts(result) == {}
 
 
-def contest(folder: Path) -> dict[str, Any]:
+def contest(folder: Path, *options: str) -> dict[str, Any]:
     bench = Path(__file__).with_name("bench.py")
     subprocess.run(
-        [sys.executable, "-B", bench, sys.argv[1], "--quick", "--rows", "acef", "--passes", "2"]
+        [sys.executable, "-B", bench, sys.argv[1], "--quick", "--passes", "2", *options]
         + ["--output", folder],
         check=True,
     )
@@ -102,11 +102,23 @@ def check_pages(results: Path) -> None:
     assert (results / "performance.svg").read_text(encoding="utf-8").startswith("<svg")
 
 
+def check_i386(results: Path) -> None:
+    document = contest(results, "--i386", "--rows", "acd")
+    for one in document["results"]:
+        assert set(one["passes"]) == {"tarvo", "again", "plain", "floor"}
+    page = results / "performance-results.md"
+    page.write_text(f"before\n{BEGIN_I386}old\n{END_I386}after\n", encoding="utf-8")
+    publish_i386(results, results)
+    text = page.read_text(encoding="utf-8")
+    assert "| get a name | 16 | tmpfs | " in text and "old" not in text
+
+
 def main() -> None:
     check_goals()
     with tempfile.TemporaryDirectory() as name:
-        document = contest(Path(name))
+        document = contest(Path(name), "--rows", "acef")
         check_pages(Path(name))
+        check_i386(Path(name))
     assert document["schema"] == 3 and document["date"] and document["machine"]
     check_results(document["results"])
     check_rows(document["results"])

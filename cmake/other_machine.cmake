@@ -14,6 +14,8 @@ function(tarvo_build_for machine)
             -DCMAKE_PROJECT_tarvo_INCLUDE=${PROJECT_SOURCE_DIR}/cmake/googletest_source.cmake
             -DCMAKE_BUILD_TYPE=RelWithDebInfo
             -DCMAKE_COMPILE_WARNING_AS_ERROR=${CMAKE_COMPILE_WARNING_AS_ERROR}
+            -DBUILD_TESTING=${BUILD_TESTING}
+            -DTARVO_BENCH=${TARVO_BENCH}
         BUILD_COMMAND ${CMAKE_COMMAND} --build <BINARY_DIR> --target ${ARGN}
         BUILD_ALWAYS ON
         INSTALL_COMMAND ""
