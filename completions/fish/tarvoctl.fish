@@ -7,7 +7,13 @@ end
 
 function __tarvoctl_options
     set -l words (commandline -opc)
-    tarvoctl $words[2] --help 2>/dev/null | grep -oE -- '^  (-[A-Za-z],)?--[a-z-]+' | grep -oE -- '--[a-z-]+'
+    tarvoctl $words[2] --help 2>/dev/null | grep -oE -- '^  (-[A-Za-z],)?--[a-z-]+|--[a-z-]+=[a-z]+' | grep -oE -- '--[a-z=-]+'
+end
+
+# The values of an option that takes some words alone: its help has them in braces.
+function __tarvoctl_choices
+    set -l words (commandline -opc)
+    tarvoctl $words[2] --help 2>/dev/null | sed -nE "s/^  (-[A-Za-z],)?--$argv[1] [A-Z]+:\{([a-z,]+)\}.*/\2/p" | string split ,
 end
 
 function __tarvoctl_chunks
@@ -28,8 +34,8 @@ complete -c tarvoctl -n 'test (count (commandline -opc)) -ge 2; and string match
 complete -c tarvoctl -n '__tarvoctl_takes show who alloc free read write fill' -f -a '(__tarvoctl_chunks)'
 complete -c tarvoctl -n '__tarvoctl_takes register unregister iommu-map iommu-unmap' -f -a '(__tarvoctl_devices)'
 complete -c tarvoctl -n '__tarvoctl_takes list devices lock leaks map top watch doctor limits find translate dump' -f
-complete -c tarvoctl -l sort -n '__tarvoctl_takes list' -x -a 'pa name size creator index'
-complete -c tarvoctl -l prot -n '__tarvoctl_takes iommu-map' -x -a 'r w rw'
+complete -c tarvoctl -l sort -n '__tarvoctl_takes list' -x -a '(__tarvoctl_choices sort)'
+complete -c tarvoctl -l prot -n '__tarvoctl_takes iommu-map' -x -a '(__tarvoctl_choices prot)'
 for option in area svg backup
     complete -c tarvoctl -l $option -r -F
 end

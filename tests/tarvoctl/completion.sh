@@ -23,8 +23,25 @@ scene() {
         expect "$shell" 'tarvoctl unregister 0000' 0000:03:00.0
         expect "$shell" 'tarvoctl list --by' --bytes
         expect "$shell" 'tarvoctl iommu-map --prot r' r rw
+        expect "$shell" 'tarvoctl list --js' --json --json=compact
+        expect_every_choice "$shell"
     done
     kill "$CLIENT_PID"
+}
+
+# What the help of each command names as an option with a value, or as one of an option's values.
+expect_every_choice() {
+    local command line option
+    local -a choices
+    for command in $("$tool" --help | sed -n 's/^  \([a-z][a-z-]*\) .*/\1/p'); do
+        while read -r line; do
+            expect "$1" "tarvoctl $command $line" "$line"
+        done < <("$tool" "$command" --help | grep -oE -- '--[a-z-]+=[a-z]+')
+        while IFS=' ' read -r option line; do
+            mapfile -t choices < <(grep -oE '[a-z]+' <<<"$line" | sort)
+            expect "$1" "tarvoctl $command $option " "${choices[@]}"
+        done < <("$tool" "$command" --help | grep -oE -- '--[a-z-]+ [A-Z]+:\{.*\}')
+    done
 }
 
 expect() {
@@ -40,6 +57,7 @@ expect() {
 in_bash() {
     bash -c 'source completions/bash/tarvoctl
         read -ra COMP_WORDS <<<"$1"
+        [[ $1 != *" " ]] || COMP_WORDS+=("")
         COMP_CWORD=$((${#COMP_WORDS[@]} - 1))
         _tarvoctl
         printf "%s\n" "${COMPREPLY[@]}"' bash "$1"
@@ -47,7 +65,7 @@ in_bash() {
 
 # The function is called as zsh would, with what it calls of zsh in place.
 in_zsh() {
-    zsh -f -c 'words=(${=1}); CURRENT=$#words
+    zsh -f -c 'words=(${=1}); [[ $1 != *" " ]] || words+=(""); CURRENT=$#words
         compadd() { print -rl -- ${(M)${(P)2}:#${words[CURRENT]}*} }
         source completions/zsh/_tarvoctl' zsh "$1"
 }
@@ -59,5 +77,5 @@ in_fish() {
 }
 
 export tool=$2 client=$3
-export -f scene expect in_bash in_zsh in_fish
+export -f scene expect expect_every_choice in_bash in_zsh in_fish
 exec "$1" --world low -- bash -euo pipefail -c scene
