@@ -266,7 +266,8 @@ TEST_F(RecordOf, AChunkOutsideTheRegionCostsTheArea) {
 TEST_F(RecordOf, ADeviceThatIsThereTwiceIsUnregistered) {
     machine.start().register_device(0, 4, 0);
     write.i32(area_offset::device(1) + area_offset::bus, 3);
-    expect_broken("device 1: the same domain, bus and devfn as device 0, which is the one that "
+    expect_broken("device 1 (0000:03:00.0): the same domain, bus and devfn as device 0 "
+                  "(0000:03:00.0), which is the one that "
                   "calls find [device-address-twice]",
                   "stop or reset the devices first (or restart the machine), because they may "
                   "still see the memory; then unregister the device with 'tarvoctl unregister' and "

@@ -1,7 +1,10 @@
 #include "check_parts.hpp"
+#include "records.hpp"
 
 #include <array>
+#include <fmt/format.h>
 #include <map>
+#include <string>
 #include <tuple>
 
 namespace tarvoctl {
@@ -29,21 +32,27 @@ void judge_device(const iommu_dev_t& device, int element, report& found) {
     }
 }
 
-/// Which of the devices are registered, by number.
-using device_set = std::array<bool, device_capacity>;
+/// As findings name it: "device 1 (0000:03:00.0)".
+std::string name_of(const shared_area_t& area, int device) {
+    return fmt::format("device {} ({})", device,
+                       device_text(record_of(device, area.devices._arr[device])));
+}
 
-device_set set_of(const list_members& devices) {
-    device_set set{};
+/// By number; empty for those that are not registered.
+using device_names = std::array<std::string, device_capacity>;
+
+device_names names_of(const shared_area_t& area, const list_members& devices) {
+    device_names names;
     for (const int device : devices.listed) {
-        set[static_cast<std::size_t>(device)] = true;
+        names[static_cast<std::size_t>(device)] = name_of(area, device);
     }
-    return set;
+    return names;
 }
 
 /// One chunk's list of devices.
 class ref_judge {
   public:
-    ref_judge(const shared_area_t& area, const device_set& registered, int chunk, report& found)
+    ref_judge(const shared_area_t& area, const device_names& registered, int chunk, report& found)
         : _area(area), _registered(registered), _chunk(chunk), _found(found) {}
 
     void judge() {
@@ -71,10 +80,11 @@ class ref_judge {
     void judge_device_named(place where, std::size_t device) {
         if (_referred[device]) {
             _found.add(rule::device_twice, where,
-                       "a second reference to device {}: it would be unmapped twice", device);
+                       "a second reference to {}: it would be unmapped twice",
+                       name_or_number(device));
         }
         _referred[device] = true;
-        if (!_registered[device]) {
+        if (_registered[device].empty()) {
             _found.add(rule::device_not_registered, where,
                        "device {} is not registered: left over from one that was "
                        "offline when it was forgotten; the next device with that "
@@ -83,23 +93,28 @@ class ref_judge {
         }
     }
 
+    std::string name_or_number(std::size_t device) const {
+        const std::string& name = _registered[device];
+        return name.empty() ? fmt::format("device {}", device) : name;
+    }
+
     void judge_missing() {
         for (std::size_t device = 0; device < _registered.size(); ++device) {
-            if (_registered[device] && !_referred[device] &&
+            if (!_registered[device].empty() && !_referred[device] &&
                 _area.devices._arr[device].online != 0) {
                 _found.add(rule::misses_device, {area_list::chunks, _chunk},
-                           "not mapped for device {}, which is online; registering "
-                           "that device again maps it",
-                           device);
+                           "not mapped for {}, which is online; registering that device "
+                           "again maps it",
+                           _registered[device]);
             }
         }
     }
 
     const shared_area_t& _area;
-    const device_set& _registered;
+    const device_names& _registered;
     int _chunk;
     report& _found;
-    device_set _referred{};
+    std::array<bool, device_capacity> _referred{};
 };
 
 } // namespace
@@ -114,16 +129,15 @@ void check_devices(const shared_area_t& area, const list_members& devices, repor
             element);
         if (!is_new) {
             found.add(rule::address_twice, {area_list::devices, element},
-                      "the same domain, bus and devfn as device {}, which is the one "
-                      "that calls find",
-                      same->second);
+                      "the same domain, bus and devfn as {}, which is the one that calls find",
+                      name_of(area, same->second));
         }
     }
 }
 
 void check_refs(const shared_area_t& area, const list_members& chunks, const list_members& devices,
                 report& found) {
-    const device_set registered = set_of(devices);
+    const device_names registered = names_of(area, devices);
     for (const int chunk : chunks.listed) {
         if (!is_at_an_end(area, chunk)) {
             ref_judge(area, registered, chunk, found).judge();

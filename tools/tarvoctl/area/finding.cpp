@@ -31,7 +31,8 @@ std::string text_of(const place& where, const std::string& label) {
                              : fmt::format("chunk {}{}, device reference {}", where.element, label,
                                            where.ref);
     case area_list::devices:
-        return where.element < 0 ? "the device list" : fmt::format("device {}", where.element);
+        return where.element < 0 ? "the device list"
+                                 : fmt::format("device {}{}", where.element, label);
     case area_list::area:
         break;
     }

@@ -36,7 +36,7 @@ struct place {
 };
 
 /// As people read it: "chunk 17", "chunk 17, device reference 3", "the device list". `label` follows
-/// the chunk's number.
+/// the number of the chunk or device.
 std::string text_of(const place& where, const std::string& label = "");
 
 /// What helps against what repair leaves broken.

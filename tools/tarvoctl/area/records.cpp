@@ -4,6 +4,7 @@
 #include "list_walk.hpp"
 
 #include <algorithm>
+#include <fmt/format.h>
 #include <string_view>
 #include <unordered_map>
 
@@ -11,7 +12,7 @@ namespace tarvoctl {
 
 namespace {
 
-chunk_record record_of(int index, const dma_chunk_t& chunk, std::vector<std::string>& damage) {
+chunk_record chunk_of(int index, const dma_chunk_t& chunk, std::vector<std::string>& damage) {
     chunk_record record{index,      std::string{text_up_to_end(chunk.name)},    chunk.pa,
                         chunk.size, std::string{text_up_to_end(chunk.creator)}, {}};
     if (const auto why = walk_list(chunk.devs, [&record](int, const iommu_dev_ref& ref) {
@@ -21,11 +22,6 @@ chunk_record record_of(int index, const dma_chunk_t& chunk, std::vector<std::str
                          " is damaged: " + *why);
     }
     return record;
-}
-
-device_record record_of(int index, const iommu_dev_t& device) {
-    return {index, static_cast<uint32_t>(device.domain), static_cast<uint32_t>(device.bus),
-            static_cast<uint32_t>(device.devfn), device.online != 0};
 }
 
 void add_region(const chunk_list& chunks, picture& to) {
@@ -41,7 +37,7 @@ void add_chunks(const chunk_list& chunks, picture& to) {
     if (const auto why = walk_list(chunks, [&](int index, const dma_chunk_t& chunk) {
             // The sentinels only say where the region lies.
             if (index != chunks._head && index != chunks._tail) {
-                to.chunks.push_back(record_of(index, chunk, to.damage));
+                to.chunks.push_back(chunk_of(index, chunk, to.damage));
             }
         })) {
         to.damage.push_back("the list of chunks is damaged: " + *why);
@@ -58,6 +54,16 @@ void add_devices(const device_list& devices, picture& to) {
 }
 
 } // namespace
+
+std::string device_text(const device_record& device) {
+    return fmt::format("{:04x}:{:02x}:{:02x}.{:x}", device.domain, device.bus,
+                       device.devfn >> 3 & 0x1f, device.devfn & 7);
+}
+
+device_record record_of(int index, const iommu_dev_t& device) {
+    return {index, static_cast<uint32_t>(device.domain), static_cast<uint32_t>(device.bus),
+            static_cast<uint32_t>(device.devfn), device.online != 0};
+}
 
 picture picture_of(const shared_area_t& area) {
     picture made{};

@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+struct iommu_dev_t;
 struct shared_area_t;
 
 namespace tarvoctl {
@@ -22,6 +23,12 @@ struct device_record {
     uint32_t devfn; ///< slot * 8 + function
     bool online;
 };
+
+/// "0000:03:00.0"
+std::string device_text(const device_record& device);
+
+/// A device as its record has it, whatever that is.
+device_record record_of(int index, const iommu_dev_t& device);
 
 /// A chunk; the sentinels are not among them.
 struct chunk_record {

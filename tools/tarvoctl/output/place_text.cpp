@@ -1,9 +1,11 @@
 #include "output/place_text.hpp"
 
 #include "area/check_record.hpp"
+#include "area/records.hpp"
 #include "output/text.hpp"
 
 #include <fmt/format.h>
+#include <optional>
 #include <utility>
 
 namespace tarvoctl {
@@ -24,6 +26,17 @@ std::string label_of(const dma_chunk_t& chunk) {
            (creator.empty() ? "" : fmt::format(" (creator {})", shown(creator)));
 }
 
+/// Nothing where it is no device in use: a free element holds no address.
+std::optional<std::string> device_of(const place& where, const shared_area_t& area) {
+    const bool exists = where.element >= 0 && where.element < device_capacity;
+    if (where.list != area_list::devices || !exists) {
+        return std::nullopt;
+    }
+    const iommu_dev_t& device = area.devices._arr[where.element];
+    return device.allocated == 0 ? std::nullopt
+                                 : std::optional{device_text(record_of(where.element, device))};
+}
+
 /// The chunk's name and creator; null for a place in no chunk.
 json json_label(const place& where, const shared_area_t& area) {
     const dma_chunk_t* const chunk = chunk_of(where, area);
@@ -39,6 +52,9 @@ json json_label(const place& where, const shared_area_t& area) {
 } // namespace
 
 std::string place_text(const place& where, const shared_area_t& area) {
+    if (const auto device = device_of(where, area)) {
+        return text_of(where, fmt::format(" ({})", *device));
+    }
     const dma_chunk_t* const chunk = chunk_of(where, area);
     return text_of(where, chunk != nullptr ? label_of(*chunk) : "");
 }
@@ -48,8 +64,10 @@ std::string finding_text(const finding& told, const shared_area_t& area) {
 }
 
 json json_place(const place& where, const shared_area_t& area) {
+    const auto device = device_of(where, area);
     return {{"where", text_of(where)},
             {"chunk", json_label(where, area)},
+            {"device", device ? json(*device) : json(nullptr)},
             {"element", where.element},
             {"reference", where.ref}};
 }

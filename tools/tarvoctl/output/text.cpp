@@ -9,11 +9,6 @@
 
 namespace tarvoctl {
 
-std::string device_text(const device_record& device) {
-    return fmt::format("{:04x}:{:02x}:{:02x}.{:x}", device.domain, device.bus,
-                       device.devfn >> 3 & 0x1f, device.devfn & 7);
-}
-
 std::string devices_text(const chunk_record& chunk, const picture& records) {
     constexpr std::size_t most_named = 4;
     std::string made;

@@ -8,9 +8,6 @@
 
 namespace tarvoctl {
 
-/// A device as "0000:03:00.0".
-std::string device_text(const device_record& device);
-
 /// The devices a chunk is mapped for, such as "0000:03:00.0 (offline)", or "-" for none. What
 /// points at no registered device reads "?7", with the element number. The first four, and how many
 /// more there are.
