@@ -70,12 +70,29 @@ TEST(Streams, WithoutRoomForMessagesTheStatusTells) {
 
 TEST(Streams, AWrongWordIsNamed) {
     sandbox machine(simulation);
-    EXPECT_EQ(tarvoctl(machine, {"bogus"}).errors,
-              "tarvoctl: 'bogus' is no command; see tarvoctl --help\n");
-    EXPECT_EQ(tarvoctl(machine, {"list", "--timeout", "-1"}).errors,
-              "tarvoctl: --timeout -1: give a number of seconds, 0 or more; see tarvoctl --help\n");
-    EXPECT_EQ(tarvoctl(machine, {"top", "--interval", "0"}).errors,
-              "tarvoctl: --interval 0: give 0.01 to 86400 seconds; see tarvoctl --help\n");
+    const std::vector<std::pair<std::vector<std::string>, std::string>> refused{
+        {{"bogus"}, "unknown command 'bogus'; 'tarvoctl --help' lists the commands"},
+        {{}, "no command given; 'tarvoctl --help' lists the commands"},
+        {{"--bytes", "list"}, "unknown option '--bytes' before the command; see 'tarvoctl --help'"},
+        {{"list", "--bogus"}, "unknown option '--bogus'; see 'tarvoctl list --help'"},
+        {{"list", "bogus"}, "unexpected argument 'bogus'; see 'tarvoctl list --help'"},
+        {{"show"}, "NAME is missing; see 'tarvoctl show --help'"},
+        {{"list", "--area"}, "--area needs a value; see 'tarvoctl list --help'"},
+        {{"list", "--sort", "pa", "--sort", "name"},
+         "--sort is given 2 times; give it once; see 'tarvoctl list --help'"},
+        {{"list", "--bytes=x"}, "--bytes takes no value; see 'tarvoctl list --help'"},
+        {{"translate", "--pa", "--dma", "1"},
+         "--pa and --dma exclude each other; give one of them; see 'tarvoctl translate --help'"},
+        {{"list", "--sort", "colour"},
+         "--sort 'colour': give one of pa, dma, name, size, creator, index"},
+        {{"list", "--timeout", "-1"}, "--timeout '-1': give a number of seconds, 0 or more"},
+        {{"list", "--timeout", "soon"}, "--timeout 'soon': give a number of seconds, 0 or more"},
+        {{"top", "--interval", "0"}, "--interval '0': give 0.01 to 86400 seconds"}};
+    for (const auto& [words, text] : refused) {
+        const auto outcome = tarvoctl(machine, words);
+        EXPECT_EQ(outcome.errors, "tarvoctl: " + text + "\n");
+        EXPECT_EQ(outcome.status, 2) << text;
+    }
 }
 
 } // namespace

@@ -6,8 +6,10 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <charconv>
 #include <fmt/format.h>
 #include <functional>
+#include <limits>
 #include <memory>
 
 namespace tarvoctl {
@@ -16,10 +18,29 @@ namespace {
 
 using seconds = std::chrono::duration<double>;
 
-/// An option whose value is a number of seconds, looked at by `take`.
-void add_seconds(CLI::App& parser, const std::string& name, const std::string& about,
-                 const std::function<void(double)>& take) {
-    parser.add_option_function<double>(name, take, about)->type_name("SECONDS");
+/// An option whose value is a number of seconds within bounds, taken by `take`; `rule` names them.
+struct seconds_option {
+    std::string name;
+    std::string about;
+    double least;
+    double most;
+    const char* rule;
+    std::function<void(seconds)> take;
+};
+
+void add_seconds(CLI::App& parser, const seconds_option& wanted) {
+    const auto take = [wanted](const std::string& text) {
+        double number = 0;
+        const char* const end = text.data() + text.size();
+        const auto [rest, error] = std::from_chars(text.data(), end, number);
+        if (error != std::errc{} || rest != end ||
+            !(number >= wanted.least && number <= wanted.most)) {
+            throw failure{exit_status::usage,
+                          fmt::format("{} '{}': give {}", wanted.name, shown(text), wanted.rule)};
+        }
+        wanted.take(seconds{number});
+    };
+    parser.add_option_function<std::string>(wanted.name, take, wanted.about)->type_name("SECONDS");
 }
 
 /// A value that is a text. An empty one would pass for one that is left out, and is mostly that of a
@@ -63,12 +84,25 @@ void command_words::option(const std::string& names, const std::string& title, s
 void command_words::choice(const std::string& names, const std::string& title,
                            const std::vector<std::string>& values, std::string& to,
                            const std::string& about) {
-    parser_->add_option(names, to, about)->check(CLI::IsMember(values))->type_name(title);
+    const auto check = [names, values](const std::string& value) {
+        if (std::find(values.begin(), values.end(), value) == values.end()) {
+            throw failure{exit_status::usage, fmt::format("{} '{}': give one of {}", names,
+                                                          shown(value), fmt::join(values, ", "))};
+        }
+        return std::string{};
+    };
+    parser_->add_option(names, to, about)
+        ->check(check)
+        ->type_name(fmt::format("{}:{{{}}}", title, fmt::join(values, ",")));
 }
 
 void command_words::list(const std::string& names, const std::string& title,
                          std::vector<std::string>& to, const std::string& about) {
     parser_->add_option(names, to, about)->delimiter(',')->type_name(title);
+}
+
+void command_words::footer(const std::string& text) {
+    parser_->footer(text);
 }
 
 void command_words::exclude(const std::string& one, const std::string& other) {
@@ -90,28 +124,20 @@ void command_words::live(area_source& source) {
 }
 
 void command_words::timeout(std::chrono::milliseconds& timeout) {
-    add_seconds(*parser_, "--timeout", "longest wait for the lock, in seconds; 5 where left out",
-                [&timeout](double wanted) {
-                    if (!(wanted >= 0)) {
-                        throw CLI::ValidationError{fmt::format(
-                            "--timeout {}: give a number of seconds, 0 or more", wanted)};
-                    }
-                    timeout =
-                        whole_milliseconds(std::min(seconds{wanted}, seconds{longest_timeout}));
-                });
+    add_seconds(*parser_, {"--timeout", "longest wait for the lock, in seconds; default 5", 0,
+                           std::numeric_limits<double>::infinity(),
+                           "a number of seconds, 0 or more", [&timeout](seconds wanted) {
+                               timeout =
+                                   whole_milliseconds(std::min(wanted, seconds{longest_timeout}));
+                           }});
 }
 
 void command_words::interval(std::chrono::milliseconds& interval) {
-    add_seconds(*parser_, "--interval", "time between two looks, in seconds; 1 where left out",
-                [&interval](double wanted) {
-                    constexpr double shortest = 0.01;
-                    constexpr double longest = 86400;
-                    if (!(wanted >= shortest && wanted <= longest)) {
-                        throw CLI::ValidationError{
-                            fmt::format("--interval {}: give 0.01 to 86400 seconds", wanted)};
-                    }
-                    interval = whole_milliseconds(seconds{wanted});
-                });
+    constexpr double shortest = 0.01;
+    constexpr double longest = 86400;
+    add_seconds(*parser_, {"--interval", "time between two looks, in seconds; default 1", shortest,
+                           longest, "0.01 to 86400 seconds",
+                           [&interval](seconds wanted) { interval = whole_milliseconds(wanted); }});
 }
 
 void command_words::json(bool& json) {

@@ -36,6 +36,8 @@ class command_words {
     /// Takes several values with commas between them.
     void list(const std::string& names, const std::string& title, std::vector<std::string>& to,
               const std::string& about);
+    /// What the help ends with.
+    void footer(const std::string& text);
     /// Refuses the two together.
     void exclude(const std::string& one, const std::string& other);
 

@@ -3,10 +3,9 @@
 #include "failure.hpp"
 #include "output/json.hpp"
 #include "output/standard_output.hpp"
-#include "output/text.hpp"
+#include "usage_text.hpp"
 
 #include <CLI/CLI.hpp>
-#include <algorithm>
 #include <cstdio>
 #include <fmt/format.h>
 #include <optional>
@@ -18,16 +17,11 @@ namespace tarvoctl {
 namespace {
 
 constexpr const char* purpose =
-    "Looks into the region that libtarvo hands out, and works on it: what is in it, who put it\n"
-    "there, who has it mapped, which device sees it.";
+    "Shows and changes the region that libtarvo hands out: what is in it, who put it there, who\n"
+    "has it mapped, which device sees it.";
 
 int status_number(exit_status status) {
     return static_cast<int>(status);
-}
-
-std::string one_line(std::string text) {
-    std::replace(text.begin(), text.end(), '\n', ' ');
-    return text;
 }
 
 /// Whether JSON is asked for, and which. It is looked for before the words are parsed, as what is
@@ -45,20 +39,12 @@ std::optional<json_layout> json_asked_for(const std::vector<std::string>& words)
     return std::nullopt;
 }
 
-/// The parser itself does not name a command that there is none of.
-std::string usage_text(const CLI::App& parser, const CLI::ParseError& wrong) {
-    const auto unknown = parser.remaining();
-    if (parser.get_subcommands().empty() && !unknown.empty())
-        return fmt::format("'{}' is no command", shown(unknown.front()));
-    return one_line(wrong.what());
-}
-
 } // namespace
 
 program::program() : parser_{std::make_unique<CLI::App>(purpose, "tarvoctl")} {
     parser_->require_subcommand(1);
     parser_->set_version_flag("--version", "tarvoctl " TARVOCTL_VERSION);
-    parser_->footer("'tarvoctl COMMAND --help' tells the options; tarvoctl(1) tells all.");
+    parser_->footer("'tarvoctl COMMAND --help' lists the options; tarvoctl(1) has the details.");
 }
 
 program::~program() = default;
@@ -78,7 +64,7 @@ exit_status program::parse_and_carry_out(int argc, char** argv) {
             parser_->exit(wrong);
             return exit_status::good;
         }
-        throw failure{exit_status::usage, usage_text(*parser_, wrong) + "; see tarvoctl --help"};
+        throw failure{exit_status::usage, usage_text(*parser_, wrong)};
     }
     return chosen_();
 }
