@@ -92,7 +92,7 @@ TEST_F(Bytes, WindowsOutsideTheChunkAreUsageErrors) {
               "tarvoctl: --size 0 is not 1 to 8192: 'rx_ring' has 8 KiB from offset 0x0 on\n");
     EXPECT_EQ(message({"fill", "rx_ring", "256"}), "tarvoctl: BYTE 256 is more than 0xff\n");
     EXPECT_EQ(message({"fill", "rx_ring", "x"}),
-              "tarvoctl: BYTE 'x' is no number; write it as 128 or 0x80\n");
+              "tarvoctl: invalid BYTE 'x'; write it as 128 or 0x80\n");
     EXPECT_EQ(message({"read", "rx"}),
               "tarvoctl: no chunk is called 'rx'; similar ones: rx_ring\n");
 }
@@ -169,8 +169,7 @@ TEST_F(Addresses, OutsideTheRegionIsAUsageErrorThatTellsTheRegion) {
               "tarvoctl: physical address 0x20000000" + region);
     EXPECT_EQ(message({"find", "0x100000000"}),
               "tarvoctl: DMA 0x100000000 is more than 0xffffffff\n");
-    EXPECT_EQ(message({"find", "20z"}),
-              "tarvoctl: DMA '20z' is no number; write it as 128 or 0x80\n");
+    EXPECT_EQ(message({"find", "20z"}), "tarvoctl: invalid DMA '20z'; write it as 128 or 0x80\n");
 }
 
 TEST(AmbiguousAddress, IsAskedAbout) {

@@ -68,10 +68,12 @@ TEST(Alloc, WhatWouldEndTheLibrarysProcessIsRefusedBeforeTheCall) {
     EXPECT_EQ(message({"alloc", long_name, "1"}),
               "tarvoctl: the name '" + long_name + "' has 50 bytes; a chunk's name has 1 to 49\n");
     EXPECT_EQ(message({"alloc", "", "1"}), "tarvoctl: NAME is empty; give a value\n");
-    EXPECT_EQ(message({"alloc", "__TAIL", "1"}),
-              "tarvoctl: '__TAIL' bounds the region and is no chunk; choose another name\n");
-    EXPECT_EQ(message({"free", "__TAIL", "--force"}),
-              "tarvoctl: '__TAIL' bounds the region and is no chunk; choose another name\n");
+    EXPECT_EQ(
+        message({"alloc", "__TAIL", "1"}),
+        "tarvoctl: '__TAIL' is reserved: it marks an end of the region; choose another name\n");
+    EXPECT_EQ(
+        message({"free", "__TAIL", "--force"}),
+        "tarvoctl: '__TAIL' is reserved: it marks an end of the region; choose another name\n");
     EXPECT_EQ(message({"alloc", "a ", "1"}),
               "tarvoctl: the name 'a ' ends in a blank, which a listing cannot show; leave it "
               "out\n");
@@ -82,6 +84,10 @@ TEST(Alloc, WhatWouldEndTheLibrarysProcessIsRefusedBeforeTheCall) {
         "tarvoctl: SIZE '0xfffff001' is 4294963201 bytes; a chunk has 1 to 4294963200 bytes\n");
     EXPECT_EQ(message({"alloc", "a", "1", "--creator", ""}),
               "tarvoctl: --creator is empty; give a value, or leave it out\n");
+    const std::string long_creator(100, 'c');
+    EXPECT_EQ(message({"alloc", "a", "1", "--creator", long_creator}),
+              "tarvoctl: --creator '" + long_creator +
+                  "' has 100 bytes; a creator has at most 99; shorten it\n");
     EXPECT_FALSE(exists(machine.shared_area())) << "nothing of this starts the region";
 }
 
@@ -92,7 +98,7 @@ TEST(Alloc, MoreThanTwoGibibytesIsRefusedWhileADeviceIsOnline) {
     const auto outcome = tarvoctl(machine, {"alloc", "big", "0x80000001"});
     EXPECT_EQ(outcome.status, 2);
     EXPECT_EQ(outcome.errors, "tarvoctl: SIZE: 2097156 KiB cannot be mapped for 0000:03:00.0, "
-                              "which is online; devices see chunks of at most 2 GiB\n");
+                              "which is online; devices see chunks of at most 2097152 KiB\n");
 }
 
 TEST(Alloc, TellsHowMuchRoomThereIsWhenThereIsTooLittle) {
@@ -102,8 +108,8 @@ TEST(Alloc, TellsHowMuchRoomThereIsWhenThereIsTooLittle) {
     const auto outcome = tarvoctl(machine, {"alloc", "big", "256M"});
     EXPECT_EQ(outcome.status, 1);
     EXPECT_EQ(outcome.errors,
-              "tarvoctl: no room for 256 MiB: the largest gap has 262140 KiB, all gaps together "
-              "262140 KiB; see 'tarvoctl map'\n");
+              "tarvoctl: no room for 'big': it takes 262144 KiB, the largest gap has 262140 KiB, "
+              "all gaps together 262140 KiB; see 'tarvoctl map'\n");
 }
 
 TEST(Alloc, TellsThatTheKernelGaveNothing) {
@@ -127,8 +133,8 @@ TEST(Alloc, TheLibrarysLastWordIsAFailureAndNotTheEndOfTheTool) {
     EXPECT_NE(outcome.errors.find("Error IOMMU mapping chunk Input/output error\n"),
               std::string::npos);
     EXPECT_TRUE(outcome.errors.ends_with(
-        "tarvoctl: the library broke off the call by SIGABRT; its reason is above. 'tarvoctl "
-        "check' tells whether the area is whole\n"))
+        "tarvoctl: the library ended the call with SIGABRT; its reason is above. 'tarvoctl "
+        "check' shows whether the area is intact\n"))
         << outcome.errors;
 }
 

@@ -145,8 +145,9 @@ TEST(List, WrongWordsAreUsageErrorsThatNameThem) {
     machine.start().alloc("first", 0x1000);
     const auto column = tarvoctl(machine, {"list", "-o", "nmae"});
     EXPECT_EQ(column.status, 2);
-    EXPECT_EQ(column.errors, "tarvoctl: -o: 'nmae' is no column; there are index, name, dma, pa, "
-                             "size, creator and devices\n");
+    EXPECT_EQ(column.errors,
+              "tarvoctl: -o: unknown column 'nmae'; choose from index, name, dma, pa, "
+              "size, creator and devices\n");
     EXPECT_EQ(tarvoctl(machine, {"list", "--timeout", "-1"}).status, 2);
     EXPECT_EQ(tarvoctl(machine, {"lst"}).status, 2);
 }
@@ -225,6 +226,37 @@ TEST(List, ShowsNoByteThatATerminalObeys) {
     EXPECT_EQ(shown_as("x\xffz"), "x\\xffz");
     EXPECT_EQ(shown_as("x\xc2z"), "x\\xc2z");
     EXPECT_EQ(shown_as("x\\x1b"), "x\\x5cx1b") << "not to be taken for an escape";
+    EXPECT_EQ(shown_as("x\xe2\x80\xaez"), "x\\xe2\\x80\\xaez") << "would turn the line round";
+    EXPECT_EQ(shown_as("x\xe2\x80\x8bz"), "x\\xe2\\x80\\x8bz") << "would not be seen";
+    EXPECT_EQ(shown_as("\xef\xbb\xbfz"), "\\xef\\xbb\\xbfz") << "would not be seen";
+    EXPECT_EQ(shown_as("e\xcc\x81 \xe4\xb8\xad"), "e\xcc\x81 \xe4\xb8\xad") << "letters stay";
+}
+
+TEST(List, LinesUpNamesOfEveryWidth) {
+    sandbox machine(simulation);
+    client driver = machine.start();
+    driver.alloc("nameless", 0x1000);
+    driver.alloc("\xe4\xb8\xad\xe6\x96\x87", 0x1000, "wide");
+    driver.alloc("e\xcc\x81", 0x1000, "combined");
+    driver.alloc("plain", 0x1000, "ascii");
+    const auto area = machine.writable_area();
+    const area_writer write = area.writer();
+    write.text(area_offset::chunk(2) + area_offset::name, "");
+    write.text(area_offset::chunk(2) + area_offset::creator, "");
+    const auto lines = lines_of(tarvoctl(machine, {"list"}).output);
+    ASSERT_EQ(lines.size(), 5U);
+    EXPECT_TRUE(lines[1].starts_with("    2  \"\"     0x")) << lines[1];
+    EXPECT_TRUE(lines[1].find("4 KiB  \"\"  ") != std::string::npos) << lines[1];
+    EXPECT_TRUE(lines[2].starts_with("    3  \xe4\xb8\xad\xe6\x96\x87   0x")) << lines[2];
+    EXPECT_TRUE(lines[3].starts_with("    4  e\xcc\x81      0x")) << lines[3];
+    EXPECT_TRUE(lines[4].starts_with("    5  plain  0x")) << lines[4];
+    EXPECT_EQ(tarvoctl(machine, {"list", "-o", "name", "--no-header"}).output,
+              "\n\xe4\xb8\xad\xe6\x96\x87\ne\xcc\x81\nplain\n")
+        << "data";
+    const auto document = json_of(tarvoctl(machine, {"list", "--json"}));
+    EXPECT_EQ(document.at("chunks").at(0).at("name"), "");
+    const std::string map = tarvoctl(machine, {"map"}).output;
+    EXPECT_NE(map.find("4 KiB  \"\"\n"), std::string::npos) << map;
 }
 
 TEST(List, KeepsNamesApartThatAreNoUtf8) {

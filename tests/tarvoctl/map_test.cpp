@@ -1,5 +1,6 @@
 #include "tool.hpp"
 
+#include <filesystem>
 #include <fstream>
 #include <gtest/gtest.h>
 
@@ -28,7 +29,7 @@ TEST(Map, DrawsChunksAndGapsToScaleAndSumsThemUp) {
     EXPECT_EQ(lines[8], "0x0088000000 |+" + std::string(63, '.') + "|");
     EXPECT_EQ(lines[9], "0x0089000000 |..................... 112 MiB free, folded "
                         ".....................|");
-    EXPECT_EQ(lines[12], "131008 KiB of 256 MiB free in 2 gaps, the largest 130944 KiB; "
+    EXPECT_EQ(lines[12], "131008 KiB of 262144 KiB free in 2 gaps, the largest 130944 KiB; "
                          "2 chunks; fragmentation 0 %");
     EXPECT_EQ(lines[14], "KEY  PHYSICAL            SIZE  WHAT");
     EXPECT_EQ(lines[15], "     0x0080000000      64 KiB  first");
@@ -57,9 +58,10 @@ TEST(Map, FitTellsHowMuchIsMissing) {
     fill(machine);
     const auto outcome = tarvoctl(machine, {"map", "--fit", "200M"});
     EXPECT_EQ(outcome.status, 1);
-    EXPECT_EQ(outcome.output,
-              "200 MiB does not fit: the largest gap has 130944 KiB, all gaps together "
-              "131008 KiB\n");
+    EXPECT_EQ(
+        outcome.output,
+        "does not fit: it takes 204800 KiB, the largest gap has 130944 KiB, all gaps together "
+        "131008 KiB\n");
     EXPECT_EQ(machine.start().alloc("probe", 209715200), 0U);
 }
 
@@ -71,12 +73,12 @@ TEST(Map, FitKnowsWhatElseAllocRefuses) {
     const auto fit = tarvoctl(machine, {"map", "--fit", "4096"});
     EXPECT_EQ(fit.status, 1);
     const std::string obstacle = "all 16382 chunk records are in use; free some";
-    EXPECT_EQ(fit.output, "4 KiB does not fit: " + obstacle + "\n");
+    EXPECT_EQ(fit.output, "does not fit: " + obstacle + "\n");
     EXPECT_EQ(
         json_of(tarvoctl(machine, {"map", "--fit", "4096", "--json"})).at("fit").at("obstacle"),
         obstacle);
     EXPECT_TRUE(tarvoctl(machine, {"alloc", "one", "4096"})
-                    .errors.ends_with("tarvoctl: no room for 4 KiB: " + obstacle +
+                    .errors.ends_with("tarvoctl: no room for 'one': " + obstacle +
                                       "; see 'tarvoctl map'\n"));
 }
 
@@ -86,9 +88,8 @@ TEST(Map, FitKnowsWhatNoDeviceCanSee) {
     driver.register_device(0, 3, 0);
     const auto fit = tarvoctl(machine, {"map", "--fit", "0x80000001"});
     EXPECT_EQ(fit.status, 1);
-    EXPECT_EQ(fit.output,
-              "2097156 KiB does not fit: 2097156 KiB cannot be mapped for 0000:03:00.0, "
-              "which is online; devices see chunks of at most 2 GiB\n");
+    EXPECT_EQ(fit.output, "does not fit: 2097156 KiB cannot be mapped for 0000:03:00.0, "
+                          "which is online; devices see chunks of at most 2097152 KiB\n");
 }
 
 TEST(Map, OfACopyItHasToBeSaidThatTheDriverChooses) {
@@ -107,7 +108,7 @@ TEST(Map, FitSaysThatTheDriverChoosesInACmaRegion) {
     const auto outcome = tarvoctl(machine, {"map", "--fit", "4096"});
     EXPECT_EQ(outcome.status, 1);
     EXPECT_EQ(outcome.output, "4 KiB: the kernel driver chooses the place in a CMA region; "
-                              "whether it finds one only it can tell\n");
+                              "only it knows whether there is one\n");
 }
 
 TEST(Map, RefusesSizesThatNoChunkHas) {
@@ -117,6 +118,26 @@ TEST(Map, RefusesSizesThatNoChunkHas) {
         const auto outcome = tarvoctl(machine, {"map", std::string("--fit=") + size});
         EXPECT_EQ(outcome.status, 2) << size;
         EXPECT_NE(outcome.errors.find("--fit"), std::string::npos) << outcome.errors;
+    }
+}
+
+TEST(Map, WritesThePictureToStandardOutputForAPipe) {
+    sandbox machine(low);
+    machine.start().alloc("rx_ring", 0x1000);
+    const auto outcome = tarvoctl(machine, {"map", "--svg", "-"});
+    EXPECT_EQ(outcome.status, 0);
+    EXPECT_TRUE(outcome.output.starts_with("<svg")) << outcome.output;
+    EXPECT_TRUE(outcome.output.ends_with("</svg>\n"));
+    EXPECT_FALSE(std::filesystem::exists("-"));
+    for (const std::vector<std::string>& other :
+         {std::vector<std::string>{"--json"}, {"--fit", "4K"}}) {
+        std::vector<std::string> words{"map", "--svg", "-"};
+        words.insert(words.end(), other.begin(), other.end());
+        const auto refused = tarvoctl(machine, words);
+        EXPECT_EQ(refused.status, 2);
+        EXPECT_EQ(refused.errors,
+                  "tarvoctl: standard output takes the SVG of --svg - or the output of " +
+                      other[0] + ", not both; name a file\n");
     }
 }
 

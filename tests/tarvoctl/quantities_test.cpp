@@ -26,6 +26,12 @@ TEST(Quantities, SizesAreExact) {
     EXPECT_EQ(size_text(0x180000), "1536 KiB");
     EXPECT_EQ(size_text(0x8000000), "128 MiB");
     EXPECT_EQ(size_text(uint64_t{1} << 42U), "4096 GiB");
+    EXPECT_EQ(size_texts<3>({0, 0x10000000, 0xff00000}),
+              (std::array<std::string, 3>{"0 MiB", "256 MiB", "255 MiB"}));
+    EXPECT_EQ(size_texts<2>({0x10000000, 0x1000}),
+              (std::array<std::string, 2>{"262144 KiB", "4 KiB"}));
+    EXPECT_EQ(size_texts<2>({0x10000000, 1}),
+              (std::array<std::string, 2>{"268435456 bytes", "1 byte"}));
     EXPECT_EQ(size_with_bytes(0x10000), "64 KiB (65536 bytes)");
     EXPECT_EQ(size_with_bytes(100), "100 bytes");
 }

@@ -37,8 +37,8 @@ TEST(Register, WhatIsNoDeviceIsAUsageError) {
          {"3", "03:00", "03:20.0", "03:00.8", "0:0:03:00.0", "x3:00.0", ":03:00.0", "03:00.0 "}) {
         const auto outcome = tarvoctl(machine, {"register", wrong});
         EXPECT_EQ(outcome.status, 2) << wrong;
-        EXPECT_EQ(outcome.errors, std::string("tarvoctl: '") + wrong +
-                                      "' is no PCI device; write it as 0000:03:00.0 or 03:00.0 "
+        EXPECT_EQ(outcome.errors, std::string("tarvoctl: invalid PCI device '") + wrong +
+                                      "'; write it as 0000:03:00.0 or 03:00.0 "
                                       "(lspci -D lists them)\n");
     }
     EXPECT_FALSE(exists(machine.shared_area()));

@@ -125,10 +125,12 @@ TEST(Refused, ForLackOfRoomInTheRegionChangesNoByteAndMakesNoFile) {
     sandbox machine(simulation);
     const auto before = tarvoctl(machine, {"alloc", "big", "1G"});
     EXPECT_EQ(before.status, 1);
-    EXPECT_TRUE(before.errors.starts_with("tarvoctl: no room for 1 GiB: ")) << before.errors;
+    EXPECT_TRUE(before.errors.starts_with("tarvoctl: no room for 'big': it takes 1024 MiB, "))
+        << before.errors;
     EXPECT_FALSE(exists(machine.shared_area()));
     machine.start({"alloc a 4096 me"}).finish();
-    expect_refused_without_a_trace(machine, {"alloc", "big", "1G"}, 1, "no room for 1 GiB: ");
+    expect_refused_without_a_trace(machine, {"alloc", "big", "1G"}, 1,
+                                   "no room for 'big': it takes 1048576 KiB");
     expect_refused_without_a_trace(machine, {"alloc", "a", "8K"}, 2, "there is a chunk 'a' of ");
 }
 
@@ -204,7 +206,7 @@ TEST(Room, ACallThatEndsBySigbusSaysWhy) {
                         "/var/tmp/tarvo; head -c 30M /dev/zero >/var/tmp/filler; true"});
     const auto outcome = tarvoctl(small.machine, {"fill", "a", "1"});
     EXPECT_EQ(outcome.status, 1);
-    EXPECT_TRUE(outcome.errors.starts_with("tarvoctl: the library broke off the call by SIGBUS: "
+    EXPECT_TRUE(outcome.errors.starts_with("tarvoctl: the library ended the call with SIGBUS: "
                                            "/var/tmp/tarvo needs 680 MiB more, and the "
                                            "file system on /var/tmp has 0 bytes left: "))
         << outcome.errors;

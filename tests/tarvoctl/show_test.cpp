@@ -46,7 +46,8 @@ TEST(Show, ShowsAllChunksOfThatName) {
     EXPECT_EQ(lines[0], "name       twin");
     // "that can be seen", where there are processes that nobody can look into.
     EXPECT_EQ(lines[9].substr(0, 17), "mapped by  nobody");
-    EXPECT_EQ(lines[11], "name       twin  (calls by name find the one above)");
+    EXPECT_EQ(lines[11], "name       twin  (calls by name find record 2 at physical 0x0080000000)");
+    EXPECT_EQ(lines[5], "record     2");
 }
 
 TEST(Show, ReadsACopyWhoseChunksNobodyMaps) {

@@ -1,6 +1,7 @@
 #include "quantities.hpp"
 
 #include <array>
+#include <bit>
 #include <ctime>
 #include <fmt/chrono.h>
 #include <fmt/format.h>
@@ -10,6 +11,9 @@ namespace tarvoctl {
 namespace {
 
 using std::chrono::system_clock;
+
+constexpr std::array unit_names{"KiB", "MiB", "GiB"};
+constexpr std::size_t unit_bits = 10; // from each to the next
 
 std::tm local_time(system_clock::time_point when) {
     return fmt::localtime(system_clock::to_time_t(when));
@@ -37,15 +41,24 @@ std::string pa_range(uint64_t first_pa, uint64_t end_pa) {
 }
 
 std::string size_text(uint64_t bytes) {
-    constexpr std::array units{"KiB", "MiB", "GiB"};
-    constexpr uint64_t step = 1024;
-    uint64_t number = bytes;
-    std::size_t steps = 0;
-    while (number != 0 && number % step == 0 && steps < units.size()) {
-        number /= step;
-        ++steps;
+    return size_text(bytes, common_unit({&bytes, 1}));
+}
+
+std::string size_text(uint64_t bytes, std::size_t unit) {
+    return unit == 0 ? counted(bytes, "byte")
+                     : fmt::format("{} {}", bytes >> unit * unit_bits, unit_names[unit - 1]);
+}
+
+std::size_t common_unit(std::span<const uint64_t> sizes) {
+    uint64_t all_bits = 0; // whose lowest one decides
+    for (const uint64_t bytes : sizes) {
+        all_bits |= bytes;
     }
-    return steps == 0 ? counted(bytes, "byte") : fmt::format("{} {}", number, units[steps - 1]);
+    if (all_bits == 0) {
+        return 0;
+    }
+    const auto whole = static_cast<std::size_t>(std::countr_zero(all_bits)) / unit_bits;
+    return std::min(whole, unit_names.size());
 }
 
 std::string size_with_bytes(uint64_t bytes) {

@@ -1,7 +1,11 @@
 #pragma once
 
+#include <algorithm>
+#include <array>
 #include <chrono>
+#include <cstddef>
 #include <cstdint>
+#include <span>
 #include <string>
 #include <string_view>
 
@@ -19,6 +23,19 @@ std::string pa_range(uint64_t first_pa, uint64_t end_pa);
 
 /// Nothing is rounded: in the largest unit of which it is a whole number. "64 KiB", "100 bytes".
 std::string size_text(uint64_t bytes);
+/// The same in a given unit: bytes, KiB, MiB or GiB by number, of which it must be a whole number.
+std::string size_text(uint64_t bytes, std::size_t unit);
+/// The largest unit of which each is a whole number.
+std::size_t common_unit(std::span<const uint64_t> sizes);
+/// Sizes of one sentence, so that they compare: in the largest unit of which each is a whole number.
+template <std::size_t count>
+std::array<std::string, count> size_texts(const std::array<uint64_t, count>& sizes) {
+    const std::size_t unit = common_unit(sizes);
+    std::array<std::string, count> texts;
+    std::transform(sizes.begin(), sizes.end(), texts.begin(),
+                   [unit](uint64_t bytes) { return size_text(bytes, unit); });
+    return texts;
+}
 /// With the number of bytes, where a person may want to type it: "64 KiB (65536 bytes)".
 std::string size_with_bytes(uint64_t bytes);
 

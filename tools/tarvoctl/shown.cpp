@@ -1,5 +1,8 @@
 #include "shown.hpp"
 
+#include <algorithm>
+#include <clocale>
+#include <cwchar>
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
 
@@ -7,15 +10,50 @@ namespace tarvoctl {
 
 namespace {
 
-unsigned char byte_at(std::string_view text, std::size_t position) {
-    return position < text.size() ? static_cast<unsigned char>(text[position]) : '\0';
+struct letter {
+    char32_t code;
+    std::string_view bytes;
+};
+
+/// Of a text that is not empty. Where it is not UTF-8, any code.
+letter first_letter(std::string_view text) {
+    const auto lead = static_cast<unsigned char>(text.front());
+    const std::size_t bytes = lead < 0xc0 ? 1 : lead < 0xe0 ? 2 : lead < 0xf0 ? 3 : 4;
+    const std::string_view own = text.substr(0, bytes);
+    char32_t code = bytes == 1 ? lead : lead & (0x7fU >> bytes);
+    for (const char each : own.substr(1)) {
+        code = code << 6U | (static_cast<unsigned char>(each) & 0x3fU);
+    }
+    return {code, own};
 }
 
-/// Whether UTF-8 has a control character of two bytes there, U+0080 to U+009f. To some terminals
-/// they are what an escape and a letter are.
-bool is_high_control(std::string_view text, std::size_t position) {
-    const unsigned char second = byte_at(text, position + 1);
-    return byte_at(text, position) == 0xc2 && second >= 0x80 && second < 0xa0;
+letter first_byte(std::string_view text) {
+    return {static_cast<unsigned char>(text.front()), text.substr(0, 1)};
+}
+
+/// Whether a character has no form of its own: controls, which to some terminals are what an escape
+/// and a letter are; what turns the direction of writing, joins, or is seen by nobody; and what is
+/// no character, which XML refuses as well.
+bool is_formless(char32_t code) {
+    constexpr std::pair<char32_t, char32_t> ranges[] = {
+        {0x00, 0x1f},     {0x7f, 0x9f},     {0xad, 0xad},     {0x61c, 0x61c},
+        {0x180e, 0x180e}, {0x200b, 0x200f}, {0x2028, 0x202e}, {0x2060, 0x206f},
+        {0xfeff, 0xfeff}, {0xfff9, 0xfffb}, {0xfffe, 0xffff}, {0xe0000, 0xe007f}};
+    return std::any_of(std::begin(ranges), std::end(ranges), [code](const auto& range) {
+        return range.first <= code && code <= range.second;
+    });
+}
+
+/// By the C library's table, whatever the user's locale is.
+std::size_t width_of(char32_t code) {
+    static const locale_t utf8 = ::newlocale(LC_CTYPE_MASK, "C.UTF-8", nullptr);
+    if (code < 0x80 || utf8 == nullptr) {
+        return 1;
+    }
+    const locale_t before = ::uselocale(utf8);
+    const int columns = ::wcwidth(static_cast<wchar_t>(code));
+    ::uselocale(before);
+    return columns < 0 ? 1 : static_cast<std::size_t>(columns);
 }
 
 } // namespace
@@ -32,18 +70,46 @@ bool is_utf8(std::string_view text) {
 std::string shown(std::string_view text) {
     const bool keep_high = is_utf8(text);
     std::string made;
-    for (std::size_t i = 0; i < text.size(); ++i) {
-        const unsigned char byte = byte_at(text, i);
-        const bool control = byte < 0x20 || byte == 0x7f || is_high_control(text, i) ||
-                             (i > 0 && is_high_control(text, i - 1));
+    while (!text.empty()) {
+        const letter next = keep_high ? first_letter(text) : first_byte(text);
         // The backslash too, or a name that holds "\x1b" would read like one that holds an escape.
-        if (control || byte == '\\' || (byte >= 0x80 && !keep_high)) {
-            made += fmt::format("\\x{:02x}", byte);
+        if (is_formless(next.code) || next.code == '\\' || (next.code >= 0x80 && !keep_high)) {
+            for (const char byte : next.bytes) {
+                made += fmt::format("\\x{:02x}", static_cast<unsigned char>(byte));
+            }
         } else {
-            made += text[i];
+            made += next.bytes;
         }
+        text.remove_prefix(next.bytes.size());
     }
     return made;
+}
+
+std::string shown_name(std::string_view text) {
+    return text.empty() ? "\"\"" : shown(text);
+}
+
+std::size_t width_of(std::string_view text) {
+    std::size_t width = 0;
+    while (!text.empty()) {
+        const letter next = first_letter(text);
+        width += width_of(next.code);
+        text.remove_prefix(next.bytes.size());
+    }
+    return width;
+}
+
+std::string cut_to_width(const std::string& text, std::size_t width) {
+    std::size_t columns = 0;
+    for (std::size_t at = 0; at < text.size();) {
+        const letter next = first_letter(std::string_view{text}.substr(at));
+        columns += width_of(next.code);
+        if (columns > width) {
+            return text.substr(0, at);
+        }
+        at += next.bytes.size();
+    }
+    return text;
 }
 
 } // namespace tarvoctl

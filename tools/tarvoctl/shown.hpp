@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <string>
 #include <string_view>
 
@@ -7,8 +8,18 @@ namespace tarvoctl {
 
 bool is_utf8(std::string_view text);
 
-/// A name as a terminal can show it: bytes that are no printable ASCII or UTF-8 as \xNN, and so a
-/// backslash. Not to be applied twice.
+/// A name as a terminal can show it: as \xNN are written the bytes of what has no form of its own,
+/// such as controls and what turns the direction of writing, bytes that are not UTF-8, and
+/// backslashes. Not to be applied twice.
 std::string shown(std::string_view text);
+
+/// The same for a cell of a table, where an empty name would not be seen: it reads "".
+std::string shown_name(std::string_view text);
+
+/// How many columns of a terminal a UTF-8 text takes.
+std::size_t width_of(std::string_view text);
+
+/// The beginning of a text that is wider than that.
+std::string cut_to_width(const std::string& text, std::size_t width);
 
 } // namespace tarvoctl

@@ -112,7 +112,7 @@ std::string place_text(uint64_t pa, const picture& records) {
     std::string text;
     for (const auto* owner : owners) {
         text += fmt::format("{} '{}', offset {:#x} of {}", text.empty() ? "in" : ", and in",
-                            shown(owner->name), pa - owner->pa, size_text(owner->size));
+                            shown_name(owner->name), pa - owner->pa, size_text(owner->size));
     }
     return text;
 }

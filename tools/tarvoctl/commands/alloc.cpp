@@ -45,9 +45,9 @@ void check_existing(const chunk_record* existing, uint32_t size, bool duplicate)
                               size_with_bytes(size))};
 }
 
-failure no_room(uint32_t size, const std::string& obstacle) {
+failure no_room(const std::string& name, const std::string& obstacle) {
     return {exit_status::finding,
-            fmt::format("no room for {}: {}; see 'tarvoctl map'", size_text(size), obstacle)};
+            fmt::format("no room for '{}': {}; see 'tarvoctl map'", shown(name), obstacle)};
 }
 
 /// The library zeroes a new chunk once it is on the list: without room for that its process ends,
@@ -60,20 +60,20 @@ void check_memory(const site& here, uint32_t size, const picture& records) {
 }
 
 /// What the library would refuse, or not survive, is refused before it touches any file.
-void check_new_chunk(uint32_t size, const picture& records) {
+void check_new_chunk(const std::string& name, uint32_t size, const picture& records) {
     check_devices(records, size);
     const site here = find_site();
     if (const auto obstacle = obstacle_to(size, records, here.is_cma())) {
-        throw no_room(size, *obstacle);
+        throw no_room(name, *obstacle);
     }
     check_memory(here, size, records);
 }
 
 /// Why the library gave nothing, as far as it can be told after it.
-failure refusal(uint32_t size, const picture& records) {
+failure refusal(const std::string& name, uint32_t size, const picture& records) {
     const bool is_cma = find_site().is_cma();
     if (const auto obstacle = obstacle_to(size, records, is_cma)) {
-        return no_room(size, *obstacle);
+        return no_room(name, *obstacle);
     }
     if (is_cma) {
         return {exit_status::finding,
@@ -102,7 +102,7 @@ void print_chunk(const chunk_record& chunk, const picture& records, bool is_shar
         document["chunk"] = json_chunk(chunk, records);
         print_json(document);
     } else {
-        fmt::print("{}: {}, {} at {}\n", shown(chunk.name),
+        fmt::print("{}: {}, {} at {}\n", shown_name(chunk.name),
                    is_shared ? "shared, it was there" : "new", size_text(chunk.size),
                    address_text(chunk.pa, records.region));
     }
@@ -117,7 +117,7 @@ exit_status call_alloc(const alloc_options& options, uint32_t size, const pictur
     const uint32_t dma = alloc_unbroken(options, size);
     const picture after = read_picture({{}, options.timeout});
     if (dma == 0)
-        throw refusal(size, after);
+        throw refusal(options.name, size, after);
     const chunk_record& chunk = chunk_at(after.region.pa_of(dma), options.name, after);
     const bool is_shared =
         std::any_of(before.chunks.begin(), before.chunks.end(), [&chunk](const auto& each) {
@@ -129,12 +129,13 @@ exit_status call_alloc(const alloc_options& options, uint32_t size, const pictur
 
 exit_status alloc(const alloc_options& options) {
     check_new_name(options.name);
+    check_creator(options.creator);
     const uint32_t size = parse_chunk_size(options.size, "SIZE");
     const picture before = ready_or_new_area(options.timeout);
     const chunk_record* const existing = before.find(options.name);
     check_existing(existing, size, options.duplicate);
     if (existing == nullptr || existing->size != size)
-        check_new_chunk(size, before);
+        check_new_chunk(options.name, size, before);
     return in_started_library(options.timeout, [&] { return call_alloc(options, size, before); });
 }
 
@@ -143,12 +144,12 @@ exit_status alloc(const alloc_options& options) {
 void add_alloc(program& to) {
     const auto options = std::make_shared<alloc_options>();
     command_words command =
-        to.add("alloc", "get the chunk of a name: the one there is, or a new one", changing,
+        to.add("alloc", "get the chunk of a name: the existing one, or a new one", changing,
                options, alloc);
     command.word("NAME", options->name, "1 to 49 bytes");
     command.word("SIZE", options->size, "such as 64K, 2M, 0x1000; whole pages are taken");
     command.option("--creator", "TEXT", options->creator,
-                   "who allocates; 'tarvoctl' where left out");
+                   "who allocates, 1 to 99 bytes; default 'tarvoctl'");
     command.flag("--duplicate", options->duplicate,
                  "where the name has another size: make a second chunk of it");
     command.json(options->json);

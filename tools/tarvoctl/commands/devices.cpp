@@ -55,7 +55,7 @@ void print_as_table(const picture& records, const references& all) {
             "record inherits {}:",
             index, counted(chunks.size(), "chunk"), one ? "refers" : "refer", one ? "it" : "them");
         for (const auto* chunk : chunks)
-            fmt::print(" {}", shown(chunk->name));
+            fmt::print(" {}", shown_name(chunk->name));
         fmt::print("\n");
     }
 }

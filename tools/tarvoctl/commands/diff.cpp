@@ -48,7 +48,7 @@ void add_diff(program& to) {
     command_words command =
         to.add("diff", "what changed between two snapshots, or since one", looking, options, diff);
     command.word("A", options->before.file, "the snapshot from before");
-    command.optional_word("B", options->after.file, "the one from after; left out: the live area");
+    command.optional_word("B", options->after.file, "the one from after; default: the live area");
     command.json(options->json);
     command.live(options->after);
 }

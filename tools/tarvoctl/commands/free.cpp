@@ -101,7 +101,7 @@ exit_status free_chunk(const free_options& options) {
     if (options.json) {
         print_outcome(chunk, records, holders, processes, freed);
     } else if (freed) {
-        fmt::print("{}: freed, {} at {}\n", shown(chunk.name), size_text(chunk.size),
+        fmt::print("{}: freed, {} at {}\n", shown_name(chunk.name), size_text(chunk.size),
                    address_text(chunk.pa, records.region));
     }
     return freed ? exit_status::good : exit_status::finding;
@@ -112,7 +112,7 @@ exit_status free_chunk(const free_options& options) {
 void add_free(program& to) {
     const auto options = std::make_shared<free_options>();
     command_words command =
-        to.add("free", "free the chunk of a name, for everybody; tells who has it and asks",
+        to.add("free", "free the chunk of a name, for everybody; asks first, with who has it",
                changing, options, free_chunk);
     command.word("NAME", options->name, "the lowest chunk of that name");
     command.flag("--force", options->force, "do not ask");

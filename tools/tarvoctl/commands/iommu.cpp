@@ -28,10 +28,11 @@ struct iommu_options {
 void check_region(const dma_window& region) {
     const uint64_t bytes = region.end_pa - region.first_pa;
     if (bytes >= most_bytes_for_devices) {
+        const auto [region_size, most] = size_texts<2>({bytes, most_bytes_for_devices});
         throw failure{exit_status::finding,
                       fmt::format("the region has {}; only one of less than {} can be mapped "
                                   "whole. 'tarvoctl register' maps each chunk",
-                                  size_text(bytes), size_text(most_bytes_for_devices))};
+                                  region_size, most)};
     }
 }
 

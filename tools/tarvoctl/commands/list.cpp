@@ -17,7 +17,7 @@ namespace {
 
 struct list_options {
     area_source source;
-    std::vector<std::string> columns{"index", "name", "dma", "pa", "size", "creator", "devices"};
+    std::vector<std::string> columns; ///< as data; empty: all, for people
     std::string sort = "pa";
     bool bytes = false;
     bool reverse = false;
@@ -30,6 +30,11 @@ struct listed_chunk {
     const chunk_record& chunk;
     const picture& records;
     bool bytes;
+    bool for_people;
+
+    std::string text(const std::string& name) const {
+        return for_people ? shown_name(name) : shown(name);
+    }
 };
 
 struct list_column {
@@ -42,7 +47,7 @@ const list_column all_columns[] = {
     {"index",
      {"INDEX", align::right},
      [](const listed_chunk& each) { return fmt::format("{}", each.chunk.index); }},
-    {"name", {"NAME"}, [](const listed_chunk& each) { return shown(each.chunk.name); }},
+    {"name", {"NAME"}, [](const listed_chunk& each) { return each.text(each.chunk.name); }},
     {"dma", {"DMA"}, [](const listed_chunk& each) { return dma_range(each.chunk, each.records); }},
     {"pa",
      {"PHYSICAL"},
@@ -52,7 +57,9 @@ const list_column all_columns[] = {
      [](const listed_chunk& each) {
          return each.bytes ? fmt::format("{}", each.chunk.size) : size_text(each.chunk.size);
      }},
-    {"creator", {"CREATOR"}, [](const listed_chunk& each) { return shown(each.chunk.creator); }},
+    {"creator",
+     {"CREATOR"},
+     [](const listed_chunk& each) { return each.text(each.chunk.creator); }},
     {"devices",
      {"DEVICES"},
      [](const listed_chunk& each) { return devices_text(each.chunk, each.records); }},
@@ -63,10 +70,11 @@ const list_column& column_called(const std::string& key) {
         std::find_if(std::begin(all_columns), std::end(all_columns),
                      [&key](const list_column& each) { return key == each.key; });
     if (found == std::end(all_columns)) {
-        throw failure{exit_status::usage,
-                      fmt::format("-o: '{}' is no column; there are index, name, dma, pa, size, "
-                                  "creator and devices",
-                                  key)};
+        throw failure{
+            exit_status::usage,
+            fmt::format("-o: unknown column '{}'; choose from index, name, dma, pa, size, "
+                        "creator and devices",
+                        key)};
     }
     return *found;
 }
@@ -93,16 +101,29 @@ std::vector<std::size_t> order_of(const picture& records, const list_options& op
     return order;
 }
 
-void print_as_table(const picture& records, const list_options& options) {
+std::vector<const list_column*> columns_of(const list_options& options) {
     std::vector<const list_column*> chosen;
-    std::vector<column> heads;
     for (const auto& key : options.columns) {
         chosen.push_back(&column_called(key));
-        heads.push_back(chosen.back()->head);
+    }
+    if (chosen.empty()) {
+        for (const auto& each : all_columns) {
+            chosen.push_back(&each);
+        }
+    }
+    return chosen;
+}
+
+void print_as_table(const picture& records, const list_options& options) {
+    const auto chosen = columns_of(options);
+    std::vector<column> heads;
+    for (const auto* each : chosen) {
+        heads.push_back(each->head);
     }
     table lines{heads};
     for (const std::size_t position : order_of(records, options)) {
-        const listed_chunk each{records.chunks[position], records, options.bytes};
+        const listed_chunk each{records.chunks[position], records, options.bytes,
+                                options.columns.empty()};
         std::vector<std::string> row;
         row.reserve(chosen.size());
         for (const auto* wanted : chosen)

@@ -68,15 +68,15 @@ void print_fit(const fit_answer& answer, const picture& records) {
         fmt::print("{}: where it would go is not known, because {}\n", size_text(answer.size),
                    *answer.damage);
     } else if (answer.obstacle) {
-        fmt::print("{} does not fit: {}\n", size_text(answer.size), *answer.obstacle);
+        fmt::print("does not fit: {}\n", *answer.obstacle);
     } else if (answer.driver_chooses) {
-        fmt::print("{}: the kernel driver chooses the place in a CMA region; whether it finds "
-                   "one only it can tell\n",
+        fmt::print("{}: the kernel driver chooses the place in a CMA region; only it knows "
+                   "whether there is one\n",
                    size_text(answer.size));
     } else {
-        fmt::print("{} fits at {}, {}, in a gap of {}\n", size_text(answer.size),
-                   address_text(answer.place->pa, records.region), name_before(*answer.place),
-                   size_text(answer.place->bytes));
+        const auto [size, gap] = size_texts<2>({answer.size, answer.place->bytes});
+        fmt::print("{} fits at {}, {}, in a gap of {}\n", size,
+                   address_text(answer.place->pa, records.region), name_before(*answer.place), gap);
     }
 }
 
@@ -85,7 +85,7 @@ std::string text_of(const piece& each) {
     case piece_state::free:
         return "(free)";
     case piece_state::used:
-        return shown(each.owner->name);
+        return shown_name(each.owner->name);
     case piece_state::unknown:
         return "not known";
     case piece_state::overlapping:
@@ -93,8 +93,8 @@ std::string text_of(const piece& each) {
     }
     const std::string more =
         each.owners > 2 ? fmt::format(" and {} more", each.owners - 2) : std::string{};
-    return fmt::format("OVERLAP of {} and {}{}", shown(each.owner->name), shown(each.other->name),
-                       more);
+    return fmt::format("OVERLAP of {} and {}{}", shown_name(each.owner->name),
+                       shown_name(each.other->name), more);
 }
 
 /// What is listed below the picture: all pieces, or the largest chunks where those are too many.
@@ -141,10 +141,11 @@ std::string totals_text(const picture& records, const std::vector<gap>& gaps,
         return fmt::format("how much of {} is free is not known; {} could be read",
                            size_text(bytes), counted(records.chunks.size(), "chunk"));
     }
-    return fmt::format("{} of {} free in {}, the largest {}; {}; fragmentation {:.0f} %",
-                       size_text(free.total_bytes), size_text(bytes), counted(gaps.size(), "gap"),
-                       size_text(free.largest_bytes), counted(records.chunks.size(), "chunk"),
-                       100 * free.fragmentation());
+    const auto [total, region, largest] =
+        size_texts<3>({free.total_bytes, bytes, free.largest_bytes});
+    return fmt::format("{} of {} free in {}, the largest {}; {}; fragmentation {:.0f} %", total,
+                       region, counted(gaps.size(), "gap"), largest,
+                       counted(records.chunks.size(), "chunk"), 100 * free.fragmentation());
 }
 
 void print_as_text(const picture& records, const std::vector<gap>& gaps, const free_space& free) {
@@ -207,14 +208,17 @@ void print_as_json(const picture& records, const std::vector<gap>& gaps, const f
     print_json(document);
 }
 
-void write_svg(const map_options& options, const picture& records) {
-    constexpr mode_t everybody = 0666;
+std::string svg_of(const map_options& options, const picture& records) {
     process_table processes;
     std::optional<mapped_memory> memory;
     if (options.source.is_live()) { // nobody maps the chunks of a copy
         memory = mappings_of(find_site());
     }
-    const std::string text = svg_of(layout_of(records, memory ? &*memory : nullptr, processes));
+    return svg_of(layout_of(records, memory ? &*memory : nullptr, processes));
+}
+
+void write_svg(const map_options& options, const std::string& text) {
+    constexpr mode_t everybody = 0666;
     new_file file{
         {options.svg_file, options.force ? existing_file::replaced : existing_file::refused},
         everybody};
@@ -228,7 +232,23 @@ std::vector<std::string> told_with(const std::optional<std::string>& damage,
     return damage && records.damage.empty() ? std::vector{*damage} : records.damage;
 }
 
+bool svg_is_output(const map_options& options) {
+    return options.svg_file == standard_stream;
+}
+
+/// Standard output takes one document.
+void refuse_two_outputs(const map_options& options) {
+    if (!svg_is_output(options) || (!options.json && options.fit.empty())) {
+        return;
+    }
+    throw failure{exit_status::usage,
+                  fmt::format("standard output takes the SVG of --svg - or the output of {}, not "
+                              "both; name a file",
+                              options.json ? "--json" : "--fit")};
+}
+
 exit_status map(const map_options& options) {
+    refuse_two_outputs(options);
     const picture records = read_picture(options.source);
     static_cast<void>(known_region(records)); // or there is nothing to draw
     const auto gaps = gaps_of(records);
@@ -236,13 +256,17 @@ exit_status map(const map_options& options) {
     const auto damage = damage_to_places(records, driver_chooses_places(options));
     const auto fit =
         options.fit.empty() ? std::nullopt : std::optional{fit_of(options, records, gaps, damage)};
-    if (!options.svg_file.empty())
-        write_svg(options, records);
+    const std::string svg = options.svg_file.empty() ? "" : svg_of(options, records);
+    if (svg_is_output(options)) {
+        fmt::print("{}", svg);
+    } else if (!svg.empty()) {
+        write_svg(options, svg);
+    }
     if (options.json) {
         print_as_json(records, gaps, free, fit);
     } else if (fit) {
         print_fit(*fit, records);
-    } else {
+    } else if (!svg_is_output(options)) {
         print_as_text(records, gaps, free);
     }
     const exit_status read = told_damage(told_with(damage, records));
@@ -259,8 +283,9 @@ void add_map(program& to) {
     command.option("--fit", "SIZE", options->fit, "would a chunk of that size fit, and where?");
     command.flag("--cma", options->cma,
                  "the copy is of a CMA region: chunks may overlap, and the driver chooses places");
-    command.option("--svg", "FILE", options->svg_file, "write the picture to this file, too");
-    command.flag("--force", options->force, "replace a file of --svg that is there");
+    command.option("--svg", "FILE", options->svg_file,
+                   "write the picture to this file, too; - for standard output alone");
+    command.flag("--force", options->force, "replace an existing file of --svg");
     command.json(options->json);
     command.source(options->source);
 }

@@ -51,7 +51,7 @@ void add_read(program& to) {
         to.add("read", "what is in a chunk, as a hex dump or raw", looking, options, read_chunk);
     command.word("NAME", options->name, "the lowest chunk of that name");
     command.option("--offset", "SIZE", options->offset, "first byte within the chunk");
-    command.option("--size", "SIZE", options->size, "how many bytes; left out: to the chunk's end");
+    command.option("--size", "SIZE", options->size, "how many bytes; default: to the chunk's end");
     command.flag("--raw", options->raw, "the bytes themselves, for files and pipes");
     command.timeout(options->timeout);
 }

@@ -54,11 +54,11 @@ void check_room(const device_record& device, const picture& before) {
     }
     for (const auto& chunk : before.chunks) {
         if (chunk.size > most_bytes_for_devices) {
+            const auto [size, most] = size_texts<2>({chunk.size, most_bytes_for_devices});
             throw failure{exit_status::finding,
                           fmt::format("'{}' has {}, and chunks of more than {} cannot be "
                                       "mapped for a device; free it before {} is registered",
-                                      shown(chunk.name), size_text(chunk.size),
-                                      size_text(most_bytes_for_devices), device_text(device))};
+                                      shown(chunk.name), size, most, device_text(device))};
         }
     }
 }
@@ -115,7 +115,7 @@ std::string names_of(const std::vector<const chunk_record*>& chunks) {
     constexpr std::size_t most_named = 10;
     std::string names;
     for (std::size_t i = 0; i < std::min(chunks.size(), most_named); ++i)
-        names += (names.empty() ? "" : ", ") + shown(chunks[i]->name);
+        names += (names.empty() ? "" : ", ") + shown_name(chunks[i]->name);
     return chunks.size() <= most_named
                ? names
                : names + fmt::format(" and {} more", chunks.size() - most_named);
@@ -188,8 +188,9 @@ void add_register(program& to) {
 
 void add_unregister(program& to) {
     const auto options = std::make_shared<register_options>();
-    add_registration(to, "unregister", "take all chunks from a device; tells what it sees and asks",
-                     options, unregister_device)
+    add_registration(to, "unregister",
+                     "unmap all chunks for a device; asks first, with what it sees", options,
+                     unregister_device)
         .flag("--force", options->force, "do not ask");
 }
 

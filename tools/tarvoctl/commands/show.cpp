@@ -69,7 +69,7 @@ std::string neighbour(const chunk_record* chunk, const char* region_end,
     if (!gap_bytes) {
         return "not known";
     }
-    const std::string who = chunk == nullptr ? region_end : shown(chunk->name);
+    const std::string who = chunk == nullptr ? region_end : shown_name(chunk->name);
     return fmt::format("{}, {} between", who, size_text(*gap_bytes));
 }
 
@@ -89,8 +89,13 @@ void print_mappings(const chunk_record& chunk, const mapped_memory& memory) {
         fmt::print("mapped by  nobody{}\n", seen_only_text(memory));
 }
 
-void print_as_text(const chunk_record& chunk, const picture& records, bool found_by_name) {
+/// `found`: the chunk that calls by that name find.
+void print_as_text(const chunk_record& chunk, const picture& records, const chunk_record& found) {
     const surroundings place = around(chunk, records);
+    const std::string remark = &chunk == &found
+                                   ? ""
+                                   : fmt::format("  (calls by name find record {} at physical {})",
+                                                 found.index, pa_text(found.pa));
     fmt::print("name       {}{}\n"
                "physical   {}\n"
                "DMA        {}\n"
@@ -100,14 +105,14 @@ void print_as_text(const chunk_record& chunk, const picture& records, bool found
                "below      {}\n"
                "above      {}\n"
                "devices    {}\n",
-               shown(chunk.name), found_by_name ? "" : "  (calls by name find the one above)",
-               pa_range(chunk.pa, chunk.end_pa()), dma_range(chunk, records),
-               size_with_bytes(chunk.size), shown(chunk.creator), chunk.index,
-               neighbour(place.below, "the region's start", place.gap_below),
+               shown_name(chunk.name), remark, pa_range(chunk.pa, chunk.end_pa()),
+               dma_range(chunk, records), size_with_bytes(chunk.size), shown_name(chunk.creator),
+               chunk.index, neighbour(place.below, "the region's start", place.gap_below),
                neighbour(place.above, "the region's end", place.gap_above),
                devices_text(chunk, records));
     for (const auto* each : place.overlapping) {
-        fmt::print("OVERLAPS   {}, {}\n", shown(each->name), pa_range(each->pa, each->end_pa()));
+        fmt::print("OVERLAPS   {}, {}\n", shown_name(each->name),
+                   pa_range(each->pa, each->end_pa()));
     }
 }
 
@@ -151,7 +156,7 @@ void print_all_as_text(const std::vector<const chunk_record*>& chunks, const pic
     for (const auto* chunk : chunks) {
         if (chunk != chunks.front())
             fmt::print("\n");
-        print_as_text(*chunk, records, chunk == chunks.front());
+        print_as_text(*chunk, records, *chunks.front());
         if (memory != nullptr)
             print_mappings(*chunk, *memory);
     }

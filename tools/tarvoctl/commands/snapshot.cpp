@@ -60,8 +60,8 @@ void add_snapshot(program& to) {
     command_words command =
         to.add("snapshot", "a consistent copy of the area, for later", looking, options, snapshot);
     command.word("FILE", options->file,
-                 "the copy, which must not be there yet; - for standard output");
-    command.flag("--force", options->force, "replace a file that is there");
+                 "the copy, which must not exist yet; - for standard output");
+    command.flag("--force", options->force, "replace an existing file");
     command.json(options->json);
     command.source(options->source);
 }

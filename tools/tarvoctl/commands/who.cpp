@@ -136,7 +136,7 @@ void print_unmapped(const answer& found, const mapped_memory& memory) {
     std::string names;
     for (const auto& [chunk, views] : found.chunks) {
         if (views.empty() && count++ < most_named)
-            names += (names.empty() ? "" : ", ") + shown(chunk->name);
+            names += (names.empty() ? "" : ", ") + shown_name(chunk->name);
     }
     if (count == 0)
         return;
@@ -162,7 +162,7 @@ void print_as_table(const answer& found, const picture& records, const mapped_me
     who_table lines{processes};
     for (const auto& [chunk, views] : found.chunks) {
         for (const auto& each : views)
-            lines.add(shown(chunk->name), window_text(each, *chunk), *each.mapping);
+            lines.add(shown_name(chunk->name), window_text(each, *chunk), *each.mapping);
     }
     for (const auto& each : found.whole_region)
         lines.add("(whole region)", "all", *each.mapping);

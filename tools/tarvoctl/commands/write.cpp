@@ -99,11 +99,11 @@ exit_status write_chunk(const write_options& options) {
     const chunk_window window = window_of(options);
     const auto bytes = input_bytes();
     if (bytes && *bytes > window.size) {
+        const auto [input, room] = size_texts<2>({*bytes, window.size});
         throw failure{exit_status::usage,
                       fmt::format("standard input has {}, and '{}' has {} from offset {:#x} on; "
                                   "nothing was written",
-                                  size_text(*bytes), shown(window.name), size_text(window.size),
-                                  window.offset)};
+                                  input, shown(window.name), room, window.offset)};
     }
     return in_library(options.timeout, [&] { return copy_input(window, options.json); });
 }
@@ -133,16 +133,15 @@ command_words add_writer(program& to, const char* name, const char* purpose,
 } // namespace
 
 void add_write(program& to) {
-    add_writer(to, "write", "standard input into a chunk", std::make_shared<write_options>(),
+    add_writer(to, "write", "copy standard input into a chunk", std::make_shared<write_options>(),
                write_chunk);
 }
 
 void add_fill(program& to) {
     const auto options = std::make_shared<write_options>();
-    command_words command =
-        add_writer(to, "fill", "one byte all over a chunk", options, fill_chunk);
+    command_words command = add_writer(to, "fill", "set all bytes of a chunk", options, fill_chunk);
     command.word("BYTE", options->byte, "0 to 255, or 0x00 to 0xff");
-    command.option("--size", "SIZE", options->size, "how many bytes; left out: to the chunk's end");
+    command.option("--size", "SIZE", options->size, "how many bytes; default: to the chunk's end");
 }
 
 } // namespace tarvoctl

@@ -63,7 +63,8 @@ void check_chunk_name(const std::string& name) {
                            name.size(), name_bytes - 1));
     }
     if (name == "__HEAD" || name == "__TAIL")
-        refuse(fmt::format("'{}' bounds the region and is no chunk; choose another name", name));
+        refuse(fmt::format("'{}' is reserved: it marks an end of the region; choose another name",
+                           name));
 }
 
 void check_new_name(const std::string& name) {
@@ -72,6 +73,13 @@ void check_new_name(const std::string& name) {
         refuse(fmt::format("the name '{}' ends in a blank, which a listing cannot show; leave it "
                            "out",
                            shown(name)));
+    }
+}
+
+void check_creator(const std::string& creator) {
+    if (creator.size() >= creator_bytes) {
+        refuse(fmt::format("--creator '{}' has {} bytes; a creator has at most {}; shorten it",
+                           shown(creator), creator.size(), creator_bytes - 1));
     }
 }
 
@@ -86,7 +94,7 @@ uint64_t parse_size(const std::string& text, const std::string& what) {
     if (error != std::errc{} || factor == 0 || __builtin_mul_overflow(number, factor, &bytes)) {
         throw failure{
             exit_status::usage,
-            fmt::format("{} '{}' is no size; write it as 4096, 64K, 2M, 1G or 0x1000", what, text)};
+            fmt::format("invalid {} '{}'; write it as 4096, 64K, 2M, 1G or 0x1000", what, text)};
     }
     return bytes;
 }
@@ -109,7 +117,7 @@ uint64_t parse_number(const std::string& text, const std::string& what, uint64_t
     const auto number = number_in<uint64_t>(std::string_view{text}.substr(prefixed ? 2 : 0),
                                             prefixed ? sixteen : decimal);
     if (!number)
-        refuse(fmt::format("{} '{}' is no number; write it as 128 or 0x80", what, text));
+        refuse(fmt::format("invalid {} '{}'; write it as 128 or 0x80", what, text));
     if (*number > most)
         refuse(fmt::format("{} {} is more than {:#x}", what, text, most));
     return *number;
@@ -128,7 +136,7 @@ device_record parse_device(const std::string& text) {
     const bool has_domain = std::count(text.begin(), text.end(), ':') > 1;
     const auto domain = has_domain ? hexadecimal(rest) : std::optional{0U};
     if (!domain || !bus || !slot || !function || *slot > last_slot || *function > last_function) {
-        refuse(fmt::format("'{}' is no PCI device; write it as 0000:03:00.0 or 03:00.0 (lspci -D "
+        refuse(fmt::format("invalid PCI device '{}'; write it as 0000:03:00.0 or 03:00.0 (lspci -D "
                            "lists them)",
                            text));
     }

@@ -17,6 +17,9 @@ void check_chunk_name(const std::string& name);
 /// programs that read them would take it for a chunk without.
 void check_new_name(const std::string& name);
 
+/// Refuses a creator that the library would shorten.
+void check_creator(const std::string& creator);
+
 /// A size or an offset in bytes, such as 64K, 2M, 0x1000; `what` stands for it in the failure's text.
 uint64_t parse_size(const std::string& text, const std::string& what);
 

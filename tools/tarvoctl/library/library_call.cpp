@@ -158,8 +158,8 @@ class worker {
             ::raise(signal);
         }
         throw failure{exit_status::finding,
-                      fmt::format("the library broke off the call by SIG{}{}. 'tarvoctl check' "
-                                  "tells whether the area is whole",
+                      fmt::format("the library ended the call with SIG{}{}. 'tarvoctl check' "
+                                  "shows whether the area is intact",
                                   ::sigabbrev_np(signal), reason_of(signal))};
     }
 

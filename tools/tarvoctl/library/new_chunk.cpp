@@ -25,8 +25,10 @@ std::optional<std::string> gap_obstacle(uint32_t size, const picture& records) {
     if (first_fit(gaps, size))
         return std::nullopt;
     const free_space free = free_space_of(gaps);
-    return fmt::format("the largest gap has {}, all gaps together {}",
-                       size_text(free.largest_bytes), size_text(free.total_bytes));
+    const auto [wanted, largest, total] =
+        size_texts<3>({size, free.largest_bytes, free.total_bytes});
+    return fmt::format("it takes {}, the largest gap has {}, all gaps together {}", wanted, largest,
+                       total);
 }
 
 /// The library looks for gaps in the order of the list.
@@ -85,9 +87,10 @@ std::optional<std::string> device_obstacle(uint32_t size, const picture& records
                                      [](const device_record& each) { return each.online; });
     if (size <= most_bytes_for_devices || online == records.devices.end())
         return std::nullopt;
+    const auto [wanted, most] = size_texts<2>({size, most_bytes_for_devices});
     return fmt::format("{} cannot be mapped for {}, which is online; devices see chunks of at most "
                        "{}",
-                       size_text(size), device_text(*online), size_text(most_bytes_for_devices));
+                       wanted, device_text(*online), most);
 }
 
 std::optional<std::string> obstacle_to(uint32_t size, const picture& records, bool driver_chooses) {

@@ -17,7 +17,7 @@ std::string device_named(const change& told) {
 
 std::string place_and_creator(const chunk_record& chunk) {
     return fmt::format("{} at physical {}, creator {}", size_text(chunk.size), pa_text(chunk.pa),
-                       shown(chunk.creator));
+                       shown_name(chunk.creator));
 }
 
 /// Another chunk of the name may look the same, and be another element.
@@ -33,13 +33,14 @@ std::string what_changed(const change& told) {
     switch (told.kind) {
     case change_kind::freed:
     case change_kind::allocated:
-        return fmt::format("{}: {}", shown(told.chunk().name), place_and_creator(told.chunk()));
+        return fmt::format("{}: {}", shown_name(told.chunk().name),
+                           place_and_creator(told.chunk()));
     case change_kind::replaced:
-        return fmt::format("{}: {}; {}", shown(told.chunk().name), place_and_creator(*told.before),
-                           now_text(*told.before, *told.after));
+        return fmt::format("{}: {}; {}", shown_name(told.chunk().name),
+                           place_and_creator(*told.before), now_text(*told.before, *told.after));
     case change_kind::mapped:
     case change_kind::unmapped:
-        return fmt::format("{}: for {}", shown(told.chunk().name), device_named(told));
+        return fmt::format("{}: for {}", shown_name(told.chunk().name), device_named(told));
     default:
         return device_named(told);
     }

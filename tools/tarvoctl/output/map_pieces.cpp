@@ -1,6 +1,5 @@
 #include "output/map_pieces.hpp"
 
-#include "output/table.hpp"
 #include "output/text.hpp"
 #include "quantities.hpp"
 
@@ -19,14 +18,7 @@ std::string shortened(const std::string& text) {
     if (width_of(text) <= most_letters) {
         return text;
     }
-    std::size_t bytes = 0;
-    for (std::size_t letters = 0; bytes < text.size(); ++bytes) {
-        const bool begins_letter = (static_cast<unsigned char>(text[bytes]) & 0xc0U) != 0x80U;
-        if (begins_letter && letters++ == most_letters) {
-            break;
-        }
-    }
-    return text.substr(0, bytes) + "...";
+    return cut_to_width(text, most_letters) + "...";
 }
 
 std::string name_of(const piece& what) {
@@ -36,11 +28,11 @@ std::string name_of(const piece& what) {
     case piece_state::unknown:
         return "not known";
     case piece_state::overlapping:
-        return shown(what.owner->name) + " overlaps " + shown(what.other->name);
+        return shown_name(what.owner->name) + " overlaps " + shown_name(what.other->name);
     case piece_state::used:
         break;
     }
-    return shown(what.owner->name);
+    return shown_name(what.owner->name);
 }
 
 /// Adds a piece to those that are drawn as one.

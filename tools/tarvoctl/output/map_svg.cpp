@@ -38,22 +38,15 @@ constexpr std::string_view style = R"(<style>
 </pattern></defs>
 )";
 
-/// What stands for itself in a document. Names have no control characters by now; the two
-/// characters that XML has none of are written as their bytes.
+/// What stands for itself in a document. Names have none of the characters that XML refuses: they
+/// are `shown`.
 std::string escaped(std::string_view text) {
-    constexpr std::string_view no_characters = "\xef\xbf";
     std::string made;
-    for (std::size_t i = 0; i < text.size(); ++i) {
-        const auto byte = static_cast<unsigned char>(text[i]);
-        const bool is_last = i + 2 < text.size() && text.substr(i, 2) == no_characters &&
-                             static_cast<unsigned char>(text[i + 2]) >= 0xbe;
-        if (is_last) {
-            made += fmt::format("\\xef\\xbf\\x{:02x}", static_cast<unsigned char>(text[i + 2]));
-            i += 2;
-        } else if (text[i] == '&' || text[i] == '<' || text[i] == '>' || text[i] == '"') {
-            made += fmt::format("&#{};", byte);
+    for (const char each : text) {
+        if (each == '&' || each == '<' || each == '>' || each == '"') {
+            made += fmt::format("&#{};", static_cast<int>(each));
         } else {
-            made += text[i];
+            made += each;
         }
     }
     return made;

@@ -1,14 +1,10 @@
 #include "output/table.hpp"
 
+#include "shown.hpp"
+
 #include <algorithm>
 
 namespace tarvoctl {
-
-std::size_t width_of(const std::string& text) {
-    return static_cast<std::size_t>(std::count_if(text.begin(), text.end(), [](char each) {
-        return (static_cast<unsigned char>(each) & 0xc0U) != 0x80U;
-    }));
-}
 
 std::vector<std::size_t> table::widths(bool titles) const {
     std::vector<std::size_t> widest;

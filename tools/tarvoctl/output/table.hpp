@@ -33,7 +33,4 @@ class table {
     std::vector<std::vector<std::string>> rows_;
 };
 
-/// How many columns of a terminal a UTF-8 text takes, each letter counted as one.
-std::size_t width_of(const std::string& text);
-
 } // namespace tarvoctl
