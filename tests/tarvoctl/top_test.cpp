@@ -42,7 +42,8 @@ TEST_F(Top, PrintsOnePageWhereThereIsNoTerminal) {
                    "/var/shmem/tarvo_lib")))
         << lines[0];
     EXPECT_EQ(lines[1], "region  DMA 0x80000000-0x8fffffff  physical 0x0080000000-0x008fffffff");
-    EXPECT_EQ(lines[4], "free    261056 KiB of 256 MiB, largest gap 261056 KiB, fragmentation 0 %");
+    EXPECT_EQ(lines[4],
+              "free    261056 KiB of 262144 KiB, largest gap 261056 KiB, fragmentation 0 %");
     EXPECT_TRUE(lines[5].starts_with("in use  2 of 16382 chunk records, 1 of 256 device records, "
                                      "by 1 process"));
     EXPECT_EQ(lines[7], "  SIZE  NAME     HOLDERS  DMA         CREATOR  DEVICES");
@@ -126,7 +127,7 @@ TEST_F(Top, ShowsChunksOnASmallScreenScrollsAndSorts) {
         screen.type(keys);
         return lines_of(last_page(screen.output_with(footer, from)));
     };
-    auto page = page_after("", "1-6 of 30 by size  s sort  jk scroll");
+    auto page = page_after("", "1-6 of 30 by size  s jk hl  q quit");
     ASSERT_EQ(page.size(), 10);
     EXPECT_NE(page[3].find("chunk_39"), std::string::npos) << page[3];
     for (const std::string& line : page)
@@ -145,6 +146,47 @@ TEST_F(Top, ShowsChunksOnASmallScreenScrollsAndSorts) {
     page_after("s", "1-6 of 30 by address");
     screen.type("q");
     EXPECT_EQ(top.program.wait(), normal_end);
+}
+
+TEST_F(Top, ShowsEveryColumnOnANarrowScreen) {
+    driver.alloc(std::string(49, 'n'), 0x200000, "somebody");
+    terminal screen(10, 40);
+    running_tool top = screen.start(machine, {"top", "--interval", "30"});
+    const auto page_after = [&](const std::string& keys, const std::string& seen) {
+        const std::size_t from = screen.seen();
+        screen.type(keys);
+        screen.output_with(seen, from);
+        return lines_of(last_page(screen.output_with("q quit", from)));
+    };
+    const std::string half_name(20, 'n');
+    auto page = page_after("", "SIZE");
+    EXPECT_EQ(page[3], " 2 MiB  " + std::string(32, 'n'));
+    page = page_after("l", "HOLDERS");
+    EXPECT_EQ(page[2], "NAME                  HOLDERS  DMA      ");
+    EXPECT_EQ(page[3], half_name + "        0  0x8011000");
+    page = page_after("\x1b[C\x1bOC", "CREATOR");
+    EXPECT_EQ(page[3], half_name + "  somebody  0000:03:");
+    page = page_after("ll", "DEVICES");
+    EXPECT_EQ(page[2], "NAME                  DEVICES");
+    EXPECT_EQ(page[3], half_name + "  0000:03:00.0");
+    page = page_after("\x1b[Dhh\x1bODh", "SIZE");
+    EXPECT_EQ(page[3], " 2 MiB  " + std::string(32, 'n'));
+    screen.type("q");
+    EXPECT_EQ(top.program.wait(), normal_end);
+}
+
+TEST_F(Top, TheFooterEndsWithTheWayOutAtEveryWidth) {
+    for (const auto& [width, footer] : std::vector<std::pair<unsigned short, std::string>>{
+             {20, "q quit"},
+             {30, "1-2 of 2 by size  q quit"},
+             {60, "1-2 of 2 by size  s sort  jk scroll  hl columns  q quit"},
+             {80, "1-2 of 2 by size  s sort  jk scroll  hl columns  PgUp PgDn Home End  q quit"}}) {
+        terminal screen(16, width);
+        running_tool top = screen.start(machine, {"top", "--interval", "30"});
+        EXPECT_EQ(lines_of(last_page(screen.output_with("q quit"))).back(), footer);
+        screen.type("q");
+        EXPECT_EQ(top.program.wait(), normal_end);
+    }
 }
 
 TEST_F(Top, ShowsTheLastPictureWhileTheLockIsTaken) {

@@ -45,7 +45,7 @@ class live_view {
             records_.reset();
             title_ = title_of(look.area, "  q ends");
             mark_ = look.found == area_look::state::locked
-                        ? "\n\nThe lock is not free; 'tarvoctl lock' tells who holds it."
+                        ? "\n\nThe lock is not free; 'tarvoctl lock' shows who holds it."
                         : "\n\nThere is no area. The first program that uses the library makes it.";
         }
     }
@@ -61,6 +61,12 @@ class live_view {
             break;
         case screen_key::down:
             first_ += 1;
+            break;
+        case screen_key::left:
+            shifted_ -= std::min<std::size_t>(shifted_, 1);
+            break;
+        case screen_key::right:
+            shifted_ = std::min(shifted_ + 1, most_shifted_columns);
             break;
         case screen_key::page_up:
             scroll_back(rows_);
@@ -86,7 +92,7 @@ class live_view {
         }
         const top_drawing drawn =
             top_page({*records_, memory_, title_ + mark_, standard_screen(),
-                      static_cast<std::size_t>(live_screen::height()), order_, first_});
+                      static_cast<std::size_t>(live_screen::height()), order_, shifted_, first_});
         first_ = drawn.first_chunk;
         rows_ = drawn.chunks;
         live_screen::show(drawn.text);
@@ -106,8 +112,9 @@ class live_view {
     std::string title_;
     std::string mark_; ///< behind it: why there are no newer records
     top_order order_ = top_order::size;
-    std::size_t first_ = 0; ///< chunk on the page
-    std::size_t rows_ = 0;  ///< chunks on it
+    std::size_t shifted_ = 0; ///< columns
+    std::size_t first_ = 0;   ///< chunk on the page
+    std::size_t rows_ = 0;    ///< chunks on it
 };
 
 exit_status live(const top_options& options) {
@@ -152,6 +159,8 @@ void add_top(program& to) {
     command_words command =
         to.add("top", "the region, its chunks and devices on the whole screen, as they change",
                looking, options, top);
+    command.footer(
+        "Keys: s sorts; arrows and hjkl move, left and right through the columns; q quits.");
     command.interval(options->interval);
     command.live(options->source);
 }

@@ -6,7 +6,7 @@
 namespace tarvoctl {
 
 /// What a person at the terminal wants.
-enum class screen_key { none, quit, sort, up, down, page_up, page_down, first, last };
+enum class screen_key { none, quit, sort, up, down, left, right, page_up, page_down, first, last };
 
 /// The terminal on standard output, taken over for a page that is drawn again and again. It is given
 /// back as it was when the object goes, and when a signal ends the program: SIGINT and SIGTERM then

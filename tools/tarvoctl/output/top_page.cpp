@@ -8,10 +8,13 @@
 #include "shared/layout.hpp"
 
 #include <algorithm>
+#include <array>
+#include <cstddef>
 #include <fmt/format.h>
 #include <map>
 #include <numeric>
 #include <sstream>
+#include <string_view>
 #include <vector>
 
 namespace tarvoctl {
@@ -19,17 +22,6 @@ namespace tarvoctl {
 namespace {
 
 using lines = std::vector<std::string>;
-
-/// The first `width` letters.
-std::string clipped(const std::string& text, std::size_t width) {
-    std::size_t letters = 0;
-    for (std::size_t i = 0; i < text.size(); ++i) {
-        const bool starts_letter = (static_cast<unsigned char>(text[i]) & 0xc0U) != 0x80U;
-        if (starts_letter && letters++ == width)
-            return text.substr(0, i);
-    }
-    return text;
-}
 
 lines lines_of(const std::string& text) {
     lines made;
@@ -78,7 +70,7 @@ class page {
     }
 
     void add(const std::string& line) {
-        made_.push_back(is_limited() ? clipped(line, static_cast<std::size_t>(view_.on.width))
+        made_.push_back(is_limited() ? cut_to_width(line, static_cast<std::size_t>(view_.on.width))
                                      : line);
     }
     void add_blank() { made_.emplace_back(); }
@@ -118,10 +110,11 @@ class page {
         }
         constexpr int percent = 100;
         const free_space free = free_space_of(gaps_of(records));
-        return fmt::format("free    {} of {}, largest gap {}, fragmentation {:.0f} %",
-                           size_text(free.total_bytes),
-                           size_text(records.region.end_pa - records.region.first_pa),
-                           size_text(free.largest_bytes), percent * free.fragmentation());
+        const auto [total, region, largest] =
+            size_texts<3>({free.total_bytes, records.region.end_pa - records.region.first_pa,
+                           free.largest_bytes});
+        return fmt::format("free    {} of {}, largest gap {}, fragmentation {:.0f} %", total,
+                           region, largest, percent * free.fragmentation());
     }
 
     /// Not clipped: its lines hold colours, and know the screen's width.
@@ -148,19 +141,34 @@ class page {
         return order;
     }
 
+    /// A row of the chunks' table: the others without those that are shifted out, and the name second
+    /// or, where there are such, first.
+    template <typename Cell>
+    std::vector<Cell> with_name(std::vector<Cell> others, Cell name) const {
+        const auto shifted = static_cast<std::ptrdiff_t>(view_.shifted_columns);
+        others.erase(others.begin(), others.begin() + shifted);
+        others.insert(others.begin() + (shifted == 0 ? 1 : 0), std::move(name));
+        return others;
+    }
+
+    /// It leaves room for the columns that were shifted in.
+    std::string name_cell(const chunk_record& chunk) const {
+        const std::string name = shown_name(chunk.name);
+        const auto half = static_cast<std::size_t>(view_.on.width) / 2;
+        return view_.shifted_columns == 0 ? name : cut_to_width(name, half);
+    }
+
     lines chunk_lines() const {
-        table rows{{{"SIZE", align::right},
-                    {"NAME"},
-                    {"HOLDERS", align::right},
-                    {"DMA"},
-                    {"CREATOR"},
-                    {"DEVICES"}}};
+        table rows{with_name(
+            {{"SIZE", align::right}, {"HOLDERS", align::right}, {"DMA"}, {"CREATOR"}, {"DEVICES"}},
+            column{"NAME"})};
         for (const std::size_t position : in_order()) {
             const chunk_record& chunk = view_.records.chunks[position];
-            rows.add({size_text(chunk.size), shown(chunk.name),
-                      fmt::format("{}", holders_of(chunk, view_.memory).size()),
-                      dma_text(view_.records.region.dma_of(chunk.pa)), shown(chunk.creator),
-                      devices_text(chunk, view_.records)});
+            rows.add(with_name<std::string>(
+                {size_text(chunk.size), fmt::format("{}", holders_of(chunk, view_.memory).size()),
+                 dma_text(view_.records.region.dma_of(chunk.pa)), shown_name(chunk.creator),
+                 devices_text(chunk, view_.records)},
+                name_cell(chunk)));
         }
         return lines_of(rows.text());
     }
@@ -192,14 +200,24 @@ class page {
             add(all[first_ + i]);
     }
 
-    /// On the last line, what is most wanted first: a narrow screen clips it.
+    /// On the last line: what is shown, and the keys in the longest form for which there is room.
     void add_footer() {
         constexpr const char* orders[] = {"size", "name", "address"};
+        constexpr std::array keys{"  s sort  jk scroll  hl columns  PgUp PgDn Home End  q quit",
+                                  "  s sort  jk scroll  hl columns  q quit",
+                                  "  s sort  jkhl move  q quit", "  s jk hl  q quit", "  q quit"};
         const std::size_t chunks = view_.records.chunks.size();
+        const std::string position =
+            fmt::format("{}-{} of {} by {}", std::min(first_ + 1, chunks), first_ + shown_, chunks,
+                        orders[static_cast<int>(view_.order)]);
+        const auto width = static_cast<std::size_t>(view_.on.width);
+        const auto* const fitting =
+            std::find_if(keys.begin(), keys.end() - 1, [&](std::string_view each) {
+                return position.size() + each.size() <= width;
+            });
         made_.resize(view_.height - 1);
-        add(fmt::format("{}-{} of {} by {}  s sort  jk scroll  PgUp PgDn Home End  q quit",
-                        std::min(first_ + 1, chunks), first_ + shown_, chunks,
-                        orders[static_cast<int>(view_.order)]));
+        add(position.size() + std::string_view{*fitting}.size() <= width ? position + *fitting
+                                                                         : "q quit");
     }
 
     /// As many rows as there is room for, and how many there is none for. The first line, with the

@@ -12,6 +12,9 @@ namespace tarvoctl {
 /// By what the chunks of a page are sorted.
 enum class top_order { size, name, address };
 
+/// So many columns of the chunks can be shifted out; the name and one more stay.
+inline constexpr std::size_t most_shifted_columns = 4;
+
 /// What a page of top is made from.
 struct top_view {
     const picture& records;
@@ -20,7 +23,8 @@ struct top_view {
     screen on;
     std::size_t height; ///< lines there are; 0: as many as it takes
     top_order order = top_order::size;
-    std::size_t first_chunk = 0; ///< of those in that order, where there is no room for all
+    std::size_t shifted_columns = 0; ///< of the chunks, left out so that those behind are seen
+    std::size_t first_chunk = 0;     ///< of those in that order, where there is no room for all
 };
 
 /// A page and what of the chunks is on it.
