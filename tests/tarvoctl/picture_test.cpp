@@ -160,6 +160,14 @@ TEST_F(Svg, MarksDevicesAndHoldersAndExplainsTheMarks) {
     EXPECT_NE(text.find("prefers-color-scheme: dark"), std::string::npos);
 }
 
+TEST_F(Svg, NamesTheNarrowRestOfAChunkOnTheNextRow) {
+    driver.alloc("first", 0x2d000);
+    driver.alloc("wrapped", 0x14000); // a page of it is on the second row of 256 KiB
+    const auto all = texts();
+    EXPECT_EQ(count(all, "wrapped, continued, 4 KiB here"), 1);
+    EXPECT_EQ(count(all, "0x008002d000"), 1);
+}
+
 TEST_F(Svg, NamesAllOfFiftyChunks) {
     make_many(driver, 50);
     const auto all = texts();

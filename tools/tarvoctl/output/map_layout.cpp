@@ -27,6 +27,7 @@ constexpr double padding = 4;
 /// What is written in or beside a box.
 struct label {
     const chunk_record* owner; ///< of what is described; null: no chunk
+    bool is_continued;         ///< from the row above
     std::vector<std::string> lines;
     std::vector<map_mark> marks; ///< without their places
 
@@ -41,7 +42,7 @@ struct label {
         return widest + 2 * padding;
     }
     std::string text_beside() const {
-        return fmt::format("{}, {} at {}", lines[0], lines[1], lines[2]);
+        return fmt::format("{}, {}{} {}", lines[0], lines[1], is_continued ? "," : " at", lines[2]);
     }
     double width_beside() const { return width_on_page(text_beside()) + padding + marks_width(); }
 };
@@ -145,7 +146,8 @@ class page_layout {
         label its_label = label_of(what);
         if (its_label.width_within() <= what.width) {
             write_within(its_label, what.x);
-        } else if (what.pieces == 1 && largest_.contains(what.part.pa)) {
+        } else if (what.pieces == 1 &&
+                   (its_label.is_continued || largest_.contains(what.part.pa))) {
             const double x = what.x + std::min(what.width / 2, padding);
             outside.push_back({std::move(its_label), x});
         }
@@ -153,9 +155,9 @@ class page_layout {
 
     label label_of(const drawn_piece& what) const {
         const bool is_one = what.pieces == 1;
-        label made{is_one ? what.part.owner : nullptr, pieces_.lines_of(what), {}};
-        if (is_one && what.part.state == piece_state::used &&
-            pieces_.whole_of(what.part).pa == what.part.pa) {
+        const bool is_continued = is_one && pieces_.whole_of(what.part).pa != what.part.pa;
+        label made{is_one ? what.part.owner : nullptr, is_continued, pieces_.lines_of(what), {}};
+        if (is_one && what.part.state == piece_state::used && !is_continued) {
             made.marks = marks_.of(*what.part.owner);
         }
         return made;
