@@ -1,5 +1,6 @@
 #include "tool.hpp"
 
+#include <algorithm>
 #include <csignal>
 #include <gtest/gtest.h>
 
@@ -40,6 +41,28 @@ TEST(Leaks, SuspectsChunksWithNeitherMappingNorCreator) {
     EXPECT_EQ(driver.dump().size(), 3U);
 }
 
+TEST(Leaks, ListsTheLargestAndCountsAll) {
+    sandbox machine(low);
+    client driver = machine.start();
+    for (int i = 0; i < 100; ++i) {
+        driver.alloc("chunk_" + std::to_string(i), pages(i == 99 ? 2 : 1), "gone_agent");
+    }
+    const auto some = tarvoctl(machine, {"leaks"});
+    EXPECT_EQ(some.status, 1);
+    const auto lines = lines_of(some.output);
+    const auto listed = [](const std::vector<std::string>& found) {
+        return std::count_if(found.begin(), found.end(),
+                             [](const auto& line) { return line.starts_with("chunk_"); });
+    };
+    EXPECT_EQ(listed(lines), 20);
+    EXPECT_TRUE(contains(some.output, "chunk_99  8 KiB")) << some.output;
+    EXPECT_TRUE(contains(some.output, "\nThe 20 largest of 100 suspects; 'tarvoctl leaks --all' "
+                                      "lists all\n"));
+    EXPECT_TRUE(lines.back().starts_with("100 suspects, 404 KiB in all; nothing was freed."));
+    EXPECT_EQ(listed(lines_of(tarvoctl(machine, {"leaks", "--all"}).output)), 100);
+    EXPECT_EQ(suspects_of(machine).size(), 100U);
+}
+
 TEST(Leaks, KnowsTheCreatorByItsPathAndItsFirstWord) {
     sandbox machine(low);
     client driver = machine.start();
@@ -67,7 +90,7 @@ TEST(Leaks, SpeaksAgainstItWhereTheCreatorIsNoProgramsName) {
     client driver = machine.start();
     driver.alloc("rx_ring", pages(1), "DMA test, John");
     EXPECT_TRUE(contains(tarvoctl(machine, {"leaks"}).output,
-                         "  against  its creator 'DMA test, John' is no program's name"));
+                         "  against  its creator 'DMA test, John' is not the name of a program"));
 }
 
 TEST(Leaks, SpeaksAgainstItWhereSomebodyMapsTheWholeRegion) {

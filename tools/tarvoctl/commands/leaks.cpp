@@ -17,6 +17,7 @@ namespace {
 
 struct leaks_options {
     area_source source;
+    bool all = false;
     bool json = false;
 };
 
@@ -75,8 +76,8 @@ class detective {
         if (const std::string online = online_devices_of(chunk); !online.empty())
             doubts.push_back("mapped for " + online + ", which may be using it");
         if (!looks_like_a_program(chunk.creator)) {
-            doubts.push_back(fmt::format("its creator '{}' is no program's name, so whether that "
-                                         "one runs cannot be told",
+            doubts.push_back(fmt::format("its creator '{}' is not the name of a program, so "
+                                         "whether that program runs is unknown",
                                          shown(chunk.creator)));
         }
         if (!whole_region_.empty()) {
@@ -116,16 +117,36 @@ void print_reasons(const char* heading, const std::vector<std::string>& reasons)
         fmt::print("  {:9}{}\n", heading, each);
 }
 
-void print_for_people(const std::vector<suspect>& found) {
+/// The largest, in ascending address as before.
+void keep_largest(std::vector<suspect>& found, std::size_t most) {
+    std::stable_sort(found.begin(), found.end(), [](const suspect& a, const suspect& b) {
+        return a.chunk->size > b.chunk->size;
+    });
+    found.resize(std::min(found.size(), most));
+    std::sort(found.begin(), found.end(),
+              [](const suspect& a, const suspect& b) { return a.chunk->pa < b.chunk->pa; });
+}
+
+/// The summary comes last, where it is seen on a terminal that scrolls.
+void print_for_people(const std::vector<suspect>& found, bool all) {
+    constexpr std::size_t most_listed = 20;
     if (found.empty()) {
         fmt::print("No suspects: of every chunk, a process has it mapped or its creator runs\n");
         return;
     }
-    for (const auto& each : found) {
-        fmt::print("{}  {}, created by {}\n", shown(each.chunk->name), size_text(each.chunk->size),
-                   shown(each.chunk->creator));
+    std::vector<suspect> listed = found;
+    if (!all) {
+        keep_largest(listed, most_listed);
+    }
+    for (const auto& each : listed) {
+        fmt::print("{}  {}, created by {}\n", shown_name(each.chunk->name),
+                   size_text(each.chunk->size), shown_name(each.chunk->creator));
         print_reasons("for", each.reasons);
         print_reasons("against", each.doubts);
+    }
+    if (listed.size() < found.size()) {
+        fmt::print("\nThe {} largest of {} suspects; 'tarvoctl leaks --all' lists all\n",
+                   listed.size(), found.size());
     }
     fmt::print("\n{}, {} in all; nothing was freed. A chunk belongs to no process: ask "
                "who else expects it, then 'tarvoctl free NAME'\n",
@@ -159,7 +180,7 @@ exit_status leaks(const leaks_options& options) {
     if (options.json) {
         print_as_json(found, records, memory);
     } else {
-        print_for_people(found);
+        print_for_people(found, options.all);
         if (!memory.is_complete())
             fmt::print(stderr, "tarvoctl: {}\n", unseen_text(memory, processes));
     }
@@ -174,6 +195,7 @@ void add_leaks(program& to) {
     command_words command =
         to.add("leaks", "chunks that nobody seems to need any more; frees nothing", looking,
                options, leaks);
+    command.flag("--all", options->all, "list all suspects, not the 20 largest alone");
     command.json(options->json);
     command.live(options->source);
 }
