@@ -106,8 +106,28 @@ TEST_F(Lifetime, NothingIsLeftWhenTheServerIsKilled) {
     const auto ended = first.wait();
     EXPECT_EQ(ended.status, 125);
     EXPECT_NE(ended.errors.find("was killed"), std::string::npos) << ended.errors;
-    EXPECT_FALSE(std::filesystem::exists(socket));
-    ::kill(helper, SIGKILL);
+    EXPECT_FALSE(std::filesystem::exists(socket)) << "gone when the tool is, not later";
+    EXPECT_TRUE(is_gone());
+}
+
+TEST_F(Lifetime, NothingIsLeftWhenTheServerAndTheCommandAreKilled) {
+    const pid_t killed = server();
+    ASSERT_GT(killed, 0);
+    ::kill(first.pid(), SIGSTOP); // sees both at once
+    ::kill(killed, SIGKILL);
+    ::kill(command, SIGKILL);
+    ::kill(first.pid(), SIGCONT);
+    first.wait();
+    EXPECT_TRUE(is_gone());
+}
+
+TEST_F(Lifetime, NothingOfAJoinedCommandIsLeftWhenTheServerIsKilled) {
+    running_program second{join({"sh", "-c", "sleep 1000 & echo in; wait"})};
+    ASSERT_TRUE(eventually([&] { return second.output() == "in\n"; }));
+    ::kill(server(), SIGKILL);
+    EXPECT_EQ(second.wait().status, 125);
+    first.wait();
+    EXPECT_TRUE(is_gone());
 }
 
 TEST_F(Lifetime, SignalsToTheToolGoOnToTheCommand) {

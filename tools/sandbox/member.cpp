@@ -66,6 +66,13 @@ message ask_for_admission(int socket) {
     return std::move(*received);
 }
 
+void enter(const namespaces& sandbox, int entered) {
+    const std::string name = sandbox.mount_name();
+    sandbox.enter();
+    if (::write(entered, name.data(), name.size()) < 0)
+        throw failed_call("cannot tell the tool that its command is in the sandbox");
+}
+
 void set_environment(bool simulation) {
     if (simulation) {
         ::setenv(simulation_variable, "1", 1);
@@ -95,17 +102,17 @@ int execute(const command_words& command) {
 
 } // namespace
 
-int become_member(int socket, const world* built, const command_words& command, pid_t parent) {
+int become_member(const member_origin& origin, const world* built, const command_words& command) {
     const current_folder folder;
-    message admission = ask_for_admission(socket);
-    namespaces::from_message(admission).enter();
+    message admission = ask_for_admission(origin.socket);
+    enter(namespaces::from_message(admission), origin.entered);
     if (built != nullptr) {
         build_world(*built, admission.fds.back());
-        send_message(socket, {{"request", "built"}});
+        send_message(origin.socket, {{"request", "built"}});
     }
     set_environment(admission.body.value("simulation", false));
     folder.go_back();
-    end_with(parent);
+    end_with(origin.parent);
     return execute(command);
 }
 

@@ -97,6 +97,13 @@ void namespaces::enter() const {
         throw failed_call("cannot enter the sandbox's mounts; join as the user who runs it");
 }
 
+std::string namespaces::mount_name() const {
+    struct stat file {};
+    if (::fstat(mount_.get(), &file) != 0)
+        throw failed_call("cannot name the sandbox's mounts");
+    return "mnt:[" + std::to_string(file.st_ino) + "]";
+}
+
 std::vector<int> namespaces::fds() const {
     std::vector<int> all{mount_.get()};
     if (user_)

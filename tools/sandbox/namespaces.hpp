@@ -1,5 +1,6 @@
 #pragma once
 
+#include <string>
 #include <vector>
 
 #include "channel.hpp"
@@ -19,6 +20,9 @@ class namespaces {
 
     // Moves this process, which must have one thread, into them. Throws failure.
     void enter() const;
+
+    // The mount namespace as /proc/PID/ns/mnt names it.
+    std::string mount_name() const;
 
     // Descriptors for send_message; the body's "user" says whether there are two.
     std::vector<int> fds() const;

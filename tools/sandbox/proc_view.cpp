@@ -92,13 +92,17 @@ bool proc_view::kill_others_in(const std::string& mount_namespace) const {
     return any;
 }
 
-void proc_view::kill_stragglers() const {
+void proc_view::kill_all_in(const std::string& mount_namespace) const {
     // A process that forks while the list is read escapes one round, hardly a second one.
     constexpr int most_rounds = 20;
     constexpr useconds_t pause_microseconds = 1000;
-    const auto own = read_link("self/ns/mnt");
-    for (int round = 0; own && round < most_rounds && kill_others_in(*own); ++round)
+    for (int round = 0; round < most_rounds && kill_others_in(mount_namespace); ++round)
         ::usleep(pause_microseconds);
+}
+
+void proc_view::kill_stragglers() const {
+    if (const auto own = read_link("self/ns/mnt"))
+        kill_all_in(*own);
 }
 
 } // namespace sandbox

@@ -38,6 +38,9 @@ class proc_view {
     // Kills whatever else still runs in the caller's mount namespace.
     void kill_stragglers() const;
 
+    // Kills all processes of a mount namespace but the caller. It is named as in /proc/PID/ns/mnt.
+    void kill_all_in(const std::string& mount_namespace) const;
+
   private:
     static constexpr std::uint64_t first_process_number = std::uint64_t{1} << 32;
 

@@ -41,6 +41,15 @@ server::server(server_plan& plan)
     connections_.push_back({std::move(plan.first_connection), {}, true, false, false});
 }
 
+namespace {
+
+// The tool takes the end of a connection without this for the end of a server that was killed.
+void say_done(const unique_fd& socket) {
+    send_message(socket.get(), {{"done", true}});
+}
+
+} // namespace
+
 bool server::goes_on() const {
     return std::any_of(connections_.begin(), connections_.end(),
                        [](const connection& one) { return one.keeps_alive; });
@@ -53,6 +62,8 @@ void server::run() {
     }
     real_proc_.kill_stragglers();
     control_.remove();
+    for (const auto& one : connections_)
+        say_done(one.socket);
 }
 
 // The tool behind a connection takes its end for "all is gone", so the last ones stay until it is.
@@ -60,7 +71,10 @@ void server::forget_the_ended() {
     if (!goes_on())
         return;
     connections_.remove_if([](const connection& one) {
-        return !one.keeps_alive && (one.command_ended || one.hung_up);
+        const bool ended = !one.keeps_alive && (one.command_ended || one.hung_up);
+        if (ended)
+            say_done(one.socket);
+        return ended;
     });
 }
 

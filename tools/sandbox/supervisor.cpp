@@ -1,5 +1,6 @@
 #include "supervisor.hpp"
 
+#include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/prctl.h>
@@ -16,6 +17,7 @@
 
 #include "channel.hpp"
 #include "failure.hpp"
+#include "proc_view.hpp"
 
 namespace sandbox {
 
@@ -69,11 +71,11 @@ class watched_signals {
     unique_fd fd_;
 };
 
-[[noreturn]] void run_member(int socket, const world* built, const command_words& command,
-                             pid_t parent) {
+[[noreturn]] void run_member(const member_origin& origin, const world* built,
+                             const command_words& command) {
     int status = exit_trouble;
     try {
-        status = become_member(socket, built, command, parent);
+        status = become_member(origin, built, command);
     } catch (const std::exception& wrong) {
         std::fprintf(stderr, "tarvo-sandbox: %s\n", wrong.what());
     }
@@ -88,7 +90,7 @@ std::optional<int> end_of(pid_t child) {
     return status;
 }
 
-command_end wait_for(pid_t command, const watched_signals& signals, int connection) {
+int wait_for(pid_t command, const watched_signals& signals, int connection) {
     // Without events asked for, the connection is ready only when the other side is gone.
     std::array<pollfd, 2> watched{{{signals.fd(), POLLIN, 0}, {connection, 0, 0}}};
     bool sandbox_died = false;
@@ -97,7 +99,7 @@ command_end wait_for(pid_t command, const watched_signals& signals, int connecti
             ::poll(watched.data(), watched.size(), sandbox_died ? grace_milliseconds : -1);
         signals.forward_to(command);
         if (const auto status = end_of(command))
-            return {*status, sandbox_died};
+            return *status;
         if (watched[1].revents != 0) {
             sandbox_died = true;
             watched[1].fd = -1;
@@ -107,30 +109,62 @@ command_end wait_for(pid_t command, const watched_signals& signals, int connecti
     }
 }
 
-// The sandbox closes the connection when it has done with the command, and, if that was the last
-// one, with everything.
-void wait_for_sandbox(int connection) {
+// Whether the sandbox says that it has done with the command, and, if that was the last one, with
+// everything. A sandbox that was killed closes the connection without a word.
+bool has_ended_well(int connection) {
     ::shutdown(connection, SHUT_WR);
-    while (receive_message(connection)) {
-    }
+    bool done = false;
+    while (const auto received = receive_message(connection))
+        done = done || received->body.value("done", false);
+    return done;
 }
+
+// Where a command puts the name of the mount namespace that it has entered. It is kept until it is
+// asked for: the kernel names none for a process that has ended.
+class entered_namespace {
+  public:
+    entered_namespace() {
+        std::array<int, 2> ends{-1, -1};
+        if (::pipe2(ends.data(), O_CLOEXEC | O_NONBLOCK) != 0)
+            throw failed_call("cannot make a pipe");
+        name_.reset(ends[0]);
+        writer_.reset(ends[1]);
+    }
+
+    int writer() const { return writer_.get(); }
+
+    void kill_all() const {
+        std::array<char, 64> name{};
+        const ssize_t length = ::read(name_.get(), name.data(), name.size());
+        if (length > 0)
+            processes_.kill_all_in({name.data(), static_cast<std::size_t>(length)});
+    }
+
+  private:
+    proc_view processes_; // as it is before a sandbox covers it
+    unique_fd name_;
+    unique_fd writer_;
+};
 
 } // namespace
 
 command_end supervise(unique_fd connection, const world* built, const command_words& command) {
     const pid_t self = ::getpid();
     const watched_signals signals;
+    const entered_namespace entered;
     const pid_t child = ::fork();
     if (child < 0)
         throw failed_call("cannot start a process");
     if (child == 0) {
         signals.give_back();
-        run_member(connection.get(), built, command, self);
+        run_member({self, connection.get(), entered.writer()}, built, command);
     }
-    const command_end end = wait_for(child, signals, connection.get());
-    wait_for_sandbox(connection.get());
+    const int status = wait_for(child, signals, connection.get());
+    const bool sandbox_died = !has_ended_well(connection.get());
+    if (sandbox_died)
+        entered.kill_all();
     signals.give_back();
-    return end;
+    return {status, sandbox_died};
 }
 
 void end_like(int wait_status) {
