@@ -327,7 +327,7 @@ TEST(Calls, WaitForTheLockNoLongerThanTheyMay) {
         EXPECT_EQ(
             outcome.errors,
             "tarvoctl: the lock /var/tmp/tarvo_lock was not free within 0.1 s: " + this_process() +
-                " holds it; 'tarvoctl lock' tells more, --timeout waits longer\n");
+                " holds it; 'tarvoctl lock' shows more, --timeout waits longer\n");
     }
 }
 
@@ -410,7 +410,7 @@ TEST(Calls, AWaitInsideTheLibraryIsInterrupted) {
     EXPECT_TRUE(errors.starts_with("tarvo: failed to accquire lock: Interrupted system call\n"))
         << errors;
     EXPECT_TRUE(errors.ends_with(
-        " (tarvo-client) holds it; 'tarvoctl lock' tells more, --timeout waits longer\n"))
+        " (tarvo-client) holds it; 'tarvoctl lock' shows more, --timeout waits longer\n"))
         << errors;
 }
 
@@ -463,7 +463,7 @@ TEST(Calls, LookingMakesNoSecondLockOfASimulatedRegion) {
     const auto outcome = tarvoctl(machine, {"dump"});
     EXPECT_EQ(outcome.status, 3);
     EXPECT_EQ(outcome.errors, "tarvoctl: cannot open /var/tmp/tarvo_lock for reading: No such file "
-                              "or directory; 'tarvoctl doctor' tells more\n");
+                              "or directory; see 'tarvoctl doctor'\n");
     EXPECT_FALSE(exists(machine.simulated_lock()));
 }
 

@@ -90,8 +90,8 @@ TEST(Check, SaysWhatIsNoArea) {
     const auto outcome = tarvoctl(machine, {"check", file});
     EXPECT_EQ(outcome.status, 4);
     EXPECT_EQ(outcome.errors, "tarvoctl: " + file +
-                                  " is 5 bytes, an area takes 70130716 bytes: it is no copy of an "
-                                  "area, or not a whole one; 'tarvoctl snapshot' makes one\n");
+                                  " is 5 bytes, an area takes 70130716 bytes: it is not a copy of "
+                                  "an area, or an incomplete one; 'tarvoctl snapshot' makes one\n");
     const auto missing = tarvoctl(machine, {"check", "/nowhere"});
     EXPECT_EQ(missing.status, 3);
     EXPECT_EQ(missing.errors, "tarvoctl: /nowhere is not there\n");
@@ -108,17 +108,17 @@ TEST(Check, WaitsForNobodyBehindAFifo) {
     for (const auto& words : commands) {
         const auto outcome = tarvoctl(machine, words);
         EXPECT_EQ(outcome.status, 3);
-        EXPECT_EQ(outcome.errors, "tarvoctl: " + fifo + " is no plain file\n");
+        EXPECT_EQ(outcome.errors, "tarvoctl: " + fifo + " is not a regular file\n");
     }
     const auto of_folder = tarvoctl(machine, {"check", folder.path()});
-    EXPECT_EQ(of_folder.errors, "tarvoctl: " + folder.path().string() + " is no plain file\n");
+    EXPECT_EQ(of_folder.errors, "tarvoctl: " + folder.path().string() + " is not a regular file\n");
 
     std::filesystem::remove(machine.lock_file());
     ASSERT_EQ(mkfifo(machine.lock_file().c_str(), 0600), 0);
     for (const auto& words : {std::vector<std::string>{"check"}, {"alloc", "fourth", "4K"}}) {
         const auto outcome = tarvoctl(machine, words);
         EXPECT_EQ(outcome.status, 3);
-        EXPECT_EQ(outcome.errors, "tarvoctl: /var/lock/subsys/tarvo_lock is no plain file\n");
+        EXPECT_EQ(outcome.errors, "tarvoctl: /var/lock/subsys/tarvo_lock is not a regular file\n");
     }
 }
 
@@ -368,7 +368,8 @@ TEST_F(SnapshotOnto, WhatIsNoPlainFileStays) {
     for (const std::string& file : {std::string("/dev/null"), folder.path().string()}) {
         const auto outcome = tarvoctl(machine, {"snapshot", "--force", file});
         EXPECT_EQ(outcome.status, 2);
-        EXPECT_EQ(outcome.errors, "tarvoctl: cannot write " + file + ": it is no plain file\n");
+        EXPECT_EQ(outcome.errors,
+                  "tarvoctl: cannot write " + file + ": it is not a regular file\n");
     }
 }
 

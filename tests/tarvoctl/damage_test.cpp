@@ -59,7 +59,7 @@ TEST_F(Damage, AFreeChainThatLeadsToAUsedChunkKeepsTheLibraryAway) {
 TEST_F(Damage, AFreeChainOfDeviceReferencesThatLeadsNowhereKeepsTheLibraryAway) {
     write.i32(area_offset::chunk(first) + area_offset::devs_free, 777);
     expect_all_calls_refused("tarvoctl: the area is broken: chunk 2 'first' (creator me), its "
-                             "device list: the free chain goes on at 777, which is no element");
+                             "device list: the free chain goes on at 777, which is not an element");
 }
 
 TEST_F(Damage, AnotherRegionsAreaIsNotWorkedOn) {
@@ -67,7 +67,7 @@ TEST_F(Damage, AnotherRegionsAreaIsNotWorkedOn) {
     write.u64(area_offset::chunk(tail) + area_offset::pa, low.end() - 0x1000);
     expect_all_calls_refused("tarvoctl: /var/shmem/tarvo_lib is left over from another region; end "
                              "all programs that use it, then rm /var/shmem/tarvo_lib. 'tarvoctl "
-                             "doctor' tells both regions\n");
+                             "doctor' shows both regions\n");
     const auto checked = tarvoctl(machine, {"check"});
     EXPECT_EQ(checked.status, 4);
     EXPECT_EQ(lines_of(checked.output).back(),

@@ -373,7 +373,7 @@ TEST(DoctorFix, OfALinkThatLeadsNowhereOrToADeviceRemovesTheLinkAlone) {
     sandbox machine(simulation);
     machine.start({"alloc rx_ring 1 me"}).finish();
     for (const auto& [target, words] : std::vector<std::pair<std::string, std::string>>{
-             {"nowhere", "it is a link to nowhere"}, {"/dev/null", "is no plain file"}}) {
+             {"nowhere", "it is a link to nowhere"}, {"/dev/null", "is not a regular file"}}) {
         fs::remove(machine.lock_file());
         fs::create_symlink(target, machine.lock_file());
         expect_fixed_by_its_command(machine, "/var/tmp/tarvo_lock", words);
@@ -384,9 +384,9 @@ TEST(DoctorFix, OfALinkThatLeadsNowhereOrToADeviceRemovesTheLinkAlone) {
 TEST(DoctorFix, OfAFolderInPlaceOfAFileMovesItAway) {
     sandbox machine(simulation);
     fs::create_directory(machine.lock_file());
-    expect_fixed_by_its_command(machine, "/var/tmp/tarvo_lock", "is no plain file");
+    expect_fixed_by_its_command(machine, "/var/tmp/tarvo_lock", "is not a regular file");
     fs::create_directory(machine.shared_area());
-    expect_fixed_by_its_command(machine, "/var/tmp/tarvo_lib", "is no plain file");
+    expect_fixed_by_its_command(machine, "/var/tmp/tarvo_lib", "is not a regular file");
 }
 
 TEST(DoctorFix, OfAMissingFolderMakesIt) {
@@ -406,7 +406,7 @@ TEST(DoctorFix, OfTheMissingFolderOfTheBookkeepingMountsRoomForItAndItsCopy) {
 TEST(DoctorFix, OfAFileInPlaceOfAFolderMovesItAwayAndMakesTheFolder) {
     sandbox machine(low, {"--without", "shmem"});
     carry_out(machine, "touch /var/shmem");
-    expect_fixed_by_its_command(machine, "/var/shmem", "is no folder");
+    expect_fixed_by_its_command(machine, "/var/shmem", "is not a directory");
 }
 
 TEST(DoctorFix, OfALeftOverMemoryLeadsToEitherRegion) {
@@ -514,7 +514,7 @@ TEST(DoctorFix, OfAnAreaThatIsGivenUpBeginsWithTheDevicesThatSeeChunks) {
               devices_first + remove);
     EXPECT_EQ(tarvoctl(machine, {"alloc", "b", "4K"}).errors,
               "tarvoctl: /var/shmem/tarvo_lib is left over from another region; " + devices_first +
-                  remove + ". 'tarvoctl doctor' tells both regions\n");
+                  remove + ". 'tarvoctl doctor' shows both regions\n");
     fs::resize_file(machine.shared_area(), 4096);
     EXPECT_EQ(examination(machine).fix("/var/shmem/tarvo_lib", "is cut short"),
               devices_first + remove);

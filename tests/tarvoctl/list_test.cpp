@@ -85,8 +85,8 @@ TEST(List, MakesNoFileWhereThereIsNoArea) {
     EXPECT_EQ(outcome.output, "");
     EXPECT_EQ(outcome.errors,
               "tarvoctl: there is no area: looked for /var/tmp/tarvo_lib, because SIMULATION_VMID "
-              "is set. The first program that uses the library makes it; 'tarvoctl doctor' tells "
-              "more\n");
+              "is set. The first program that uses the library makes it; see 'tarvoctl "
+              "doctor'\n");
     EXPECT_FALSE(exists(machine.shared_area()));
     EXPECT_FALSE(exists(machine.lock_file()));
     EXPECT_FALSE(exists(machine.memory_file()));
@@ -101,7 +101,7 @@ TEST(List, GivesUpAfterTheTimeoutWhileSomebodyHoldsTheLock) {
     EXPECT_EQ(
         outcome.errors,
         "tarvoctl: the lock /var/tmp/tarvo_lock was not free within 0.1 s: " + this_process() +
-            " holds it; 'tarvoctl lock' tells more, --timeout waits longer, --no-lock reads "
+            " holds it; 'tarvoctl lock' shows more, --timeout waits longer, --no-lock reads "
             "without it\n");
 }
 

@@ -63,7 +63,7 @@ TEST_F(NoLock, CommandsThatLookNameTheHolderAndTheWayOut) {
         EXPECT_EQ(outcome.errors,
                   "tarvoctl: the lock /var/lock/subsys/tarvo_lock was not free within 0 s: " +
                       this_process() +
-                      " holds it; 'tarvoctl lock' tells more, --timeout waits longer, --no-lock "
+                      " holds it; 'tarvoctl lock' shows more, --timeout waits longer, --no-lock "
                       "reads without it\n")
             << command.front();
     }

@@ -131,7 +131,7 @@ TEST(Watch, ALockThatStaysTakenIsToldOnceAndWaitedFor) {
     EXPECT_EQ(
         watch.program.error_text(),
         "tarvoctl: the lock /var/tmp/tarvo_lock was not free within 0.01 s: " + this_process() +
-            " holds it; 'tarvoctl lock' tells more, --timeout waits longer, --no-lock reads "
+            " holds it; 'tarvoctl lock' shows more, --timeout waits longer, --no-lock reads "
             "without it. Waiting\n");
     watch.end_by(SIGINT);
 }

@@ -67,7 +67,7 @@ class ref_judge {
         const place where{area_list::refs, _chunk, ref};
         const iommu_dev_ref& record = _area.chunks._arr[_chunk].devs._arr[ref];
         if (!is_padded_with_zeros(raw(record))) {
-            _found.add(rule::padding_not_zero, where, "the bytes behind the flag are not zero");
+            _found.add(rule::padding_not_zero, where, "the bytes after the flag are not zero");
         }
         if (record.dev < 0 || record.dev >= device_capacity) {
             _found.add(rule::device_out_of_range, where, "names device {}; there are 0 to {}",

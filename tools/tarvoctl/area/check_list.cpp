@@ -113,7 +113,7 @@ class list_judge {
         while (element != -1) {
             if (!_links.has(element)) {
                 _found.add(rule::free_link_out_of_range, where,
-                           "the free chain goes on at {}, which is no element", element);
+                           "the free chain goes on at {}, which is not an element", element);
                 return;
             }
             if (!enter_free(element)) {

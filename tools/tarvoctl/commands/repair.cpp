@@ -261,7 +261,7 @@ void add_repair(program& to) {
     command.flag("-y,--yes", options->yes, "do not ask");
     command.flag("--force", options->force, "also while processes use it, or may");
     command.flag("--partly", options->partly,
-                 "also where something is left for a person to decide: mend the rest");
+                 "also where something is left for a person to decide: repair the rest");
     command.option("--backup", "FILE", options->backup, "where the area is kept as it was");
     command.json(options->json);
     command.timeout(options->source.timeout);

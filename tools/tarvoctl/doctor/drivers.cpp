@@ -82,7 +82,8 @@ void diagnose_region_line(health_report& report) {
 }
 
 constexpr const char* reserve_region =
-    "reserve the region so that it is no system memory (memmap= or the device tree) and is claimed "
+    "reserve the region so that it is not system memory (memmap= or the device tree) and is "
+    "claimed "
     "by no driver, or boot with iomem=relaxed; switch lockdown off";
 constexpr const char* is_policy =
     ", which is the kernel's policy (CONFIG_STRICT_DEVMEM, or lockdown)";
@@ -137,7 +138,7 @@ void diagnose_memory_access(const site& here, health_report& report) {
     const bool device = ::fstat(memory.get(), &file) == 0 && S_ISCHR(file.st_mode);
     report.add(device ? verdict::ok : verdict::note, paths::physical_memory,
                device ? "the region can be mapped"
-                      : "the region can be mapped, but of a stand-in: it is no device");
+                      : "the region can be mapped, but of a stand-in: it is not a device");
 }
 
 /// Simulation does without the driver, and then there is nothing to fix.

@@ -85,7 +85,7 @@ bool diagnose_kind(const expected_file& expected, health_report& report) {
         return false;
     }
     if (!S_ISREG(target.st_mode)) {
-        report.add(verdict::error, path, expected.role + " is no plain file",
+        report.add(verdict::error, path, expected.role + " is not a regular file",
                    link.empty() ? fmt::format("mv {0} {0}.old", path) : "rm " + path);
         return false;
     }
@@ -193,7 +193,7 @@ std::string folder_fix(const std::string& path, int error) {
         return fmt::format("mkdir -p {}; a tmpfiles.d entry makes it at every start", path);
     case EACCES:
         return run_as_root;
-    default: // something in its path is no folder
+    default: // something in its path is not a directory
         return fmt::format("mv {0} {0}.old && mkdir -p {1}", first_non_folder(path), path);
     }
 }
@@ -206,7 +206,7 @@ void diagnose_folder(const std::string& path, verdict if_missing, health_report&
                    fmt::format("the folder cannot be used: {}", error_text(error)),
                    folder_fix(path, error));
     } else if (!S_ISDIR(folder.st_mode)) {
-        report.add(if_missing, path, "is no folder", folder_fix(path, ENOTDIR));
+        report.add(if_missing, path, "is not a directory", folder_fix(path, ENOTDIR));
     } else {
         report.add(verdict::ok, path, "the folder is there");
     }

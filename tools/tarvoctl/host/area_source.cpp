@@ -33,7 +33,7 @@ namespace {
     require_region(here);
     throw failure{exit_status::unreadable,
                   fmt::format("there is no area: looked for {}, because {}. The first program that "
-                              "uses the library makes it; 'tarvoctl doctor' tells more",
+                              "uses the library makes it; see 'tarvoctl doctor'",
                               path, here.reason)};
 }
 
@@ -59,12 +59,12 @@ namespace {
         complain_of_unbuilt(path);
     throw failure{
         exit_status::damaged,
-        fmt::format("{} is {}, an area takes {}: {}", path,
-                    counted(static_cast<uint64_t>(length), "byte"),
-                    counted(sizeof(shared_area_t), "byte"),
-                    is_live ? "it was cut short; " + way_to_replace(path)
-                            : "it is no copy of an area, or not a whole one; 'tarvoctl snapshot' "
-                              "makes one")};
+        fmt::format(
+            "{} is {}, an area takes {}: {}", path, counted(static_cast<uint64_t>(length), "byte"),
+            counted(sizeof(shared_area_t), "byte"),
+            is_live ? "it was cut short; " + way_to_replace(path)
+                    : "it is not a copy of an area, or an incomplete one; 'tarvoctl snapshot' "
+                      "makes one")};
 }
 
 /// An area's file, read by parts into a copy. Not by a mapping: that fills up the holes of a file in

@@ -91,7 +91,7 @@ failure busy_lock(const std::string& file, std::chrono::milliseconds timeout,
     const std::string holder = holder_text(file);
     const double seconds = std::chrono::duration<double>{timeout}.count();
     return {exit_status::timed_out,
-            fmt::format("the lock {} was not free within {} s{}; 'tarvoctl lock' tells {}, {}",
+            fmt::format("the lock {} was not free within {} s{}; 'tarvoctl lock' shows {}, {}",
                         file, seconds, holder.empty() ? "" : ": " + holder,
                         holder.empty() ? "who holds it" : "more", way_out)};
 }

@@ -76,7 +76,7 @@ new_file::new_file(target wanted, mode_t mode) : wanted_{std::move(wanted)} {
             complain(EEXIST);
         if (::stat(wanted_.path.c_str(), &found) == 0 && !S_ISREG(found.st_mode)) {
             throw failure{exit_status::usage,
-                          fmt::format("cannot write {}: it is no plain file", wanted_.path)};
+                          fmt::format("cannot write {}: it is not a regular file", wanted_.path)};
         }
     }
     open(mode);

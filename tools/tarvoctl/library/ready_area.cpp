@@ -33,7 +33,7 @@ void check_file(const std::string& path, int access, missing_file when_missing) 
                   fmt::format("cannot open {} for {}: {}; {}", path,
                               access == O_RDWR ? "reading and writing" : "reading",
                               error_text(number),
-                              forbidden ? "run it as root" : "'tarvoctl doctor' tells more")};
+                              forbidden ? "run it as root" : "see 'tarvoctl doctor'")};
 }
 
 void require_possible_region(const site& here) {
@@ -66,7 +66,7 @@ void refuse_broken(const shared_area_t& area, const site& here, std::optional<wa
     if (is_of_another_region(findings)) {
         throw failure{
             exit_status::damaged,
-            fmt::format("{} is left over from another region; {}. 'tarvoctl doctor' tells "
+            fmt::format("{} is left over from another region; {}. 'tarvoctl doctor' shows "
                         "both regions",
                         here.area, way_to_do(way_to_remove(here.area), area))};
     }
@@ -96,7 +96,7 @@ void start_library() {
     const change_of_records unbroken;
     if (tarvo_get_limits(&start_dma, &end_dma) != 0) {
         throw failure{exit_status::unreadable, "the library cannot start; its reason is above, and "
-                                               "'tarvoctl doctor' tells more"};
+                                               "see 'tarvoctl doctor'"};
     }
 }
 
