@@ -331,6 +331,25 @@ TEST(Calls, WaitForTheLockNoLongerThanTheyMay) {
     }
 }
 
+TEST(Calls, NameAHolderOfTheLockThatIsStopped) {
+    sandbox machine(simulation);
+    client holder = machine.start({"dump_begin"});
+    ASSERT_EQ(::kill(holder.pid(), SIGSTOP), 0);
+    const std::string stat = "/proc/" + std::to_string(holder.pid()) + "/stat";
+    while (file_text(stat).find(") T ") == std::string::npos) {
+        usleep(1000);
+    }
+    const auto outcome = tarvoctl(machine, {"alloc", "b", "4K", "--timeout", "0.1"});
+    ASSERT_EQ(::kill(holder.pid(), SIGCONT), 0);
+    EXPECT_EQ(outcome.status, 5);
+    const std::string pid = std::to_string(holder.pid());
+    EXPECT_EQ(outcome.errors,
+              "tarvoctl: the lock /var/tmp/tarvo_lock was not free within 0.1 s: " + pid +
+                  " (tarvo-client) holds it and is stopped, kill -CONT " + pid +
+                  " lets it go on; 'tarvoctl lock' shows more, --timeout waits "
+                  "longer\n");
+}
+
 bool waits_for_a_lock(pid_t pid) {
     const std::regex line("-> FLOCK +ADVISORY +WRITE " + std::to_string(pid) + " ");
     return std::regex_search(file_text("/proc/locks"), line);

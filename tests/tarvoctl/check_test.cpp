@@ -104,12 +104,16 @@ TEST(Check, WaitsForNobodyBehindAFifo) {
     const std::string fifo = folder.path() / "fifo";
     ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
     const std::vector<std::vector<std::string>> commands{
-        {"check", fifo}, {"list", "--area", fifo}, {"diff", fifo}, {"repair", fifo}};
+        {"check", fifo}, {"list", "--area", fifo}, {"diff", fifo}};
     for (const auto& words : commands) {
         const auto outcome = tarvoctl(machine, words);
-        EXPECT_EQ(outcome.status, 3);
-        EXPECT_EQ(outcome.errors, "tarvoctl: " + fifo + " is not a regular file\n");
+        EXPECT_EQ(outcome.status, 4);
+        EXPECT_TRUE(outcome.errors.starts_with("tarvoctl: " + fifo + " is 0 bytes, an area takes "))
+            << outcome.errors;
     }
+    const auto repair = tarvoctl(machine, {"repair", fifo});
+    EXPECT_EQ(repair.status, 3);
+    EXPECT_EQ(repair.errors, "tarvoctl: " + fifo + " is not a regular file\n");
     const auto of_folder = tarvoctl(machine, {"check", folder.path()});
     EXPECT_EQ(of_folder.errors, "tarvoctl: " + folder.path().string() + " is not a regular file\n");
 
@@ -239,12 +243,12 @@ TEST(Snapshot, ThatIsDamagedOrNoneIsNotTakenForAnArea) {
         return tarvoctl(machine, {"list", "--area", copy});
     };
     const auto cut = listed(bytes.substr(0, bytes.size() / 2));
-    EXPECT_EQ(cut.status, 3);
+    EXPECT_EQ(cut.status, 4); // as of a copy that is not compressed
     EXPECT_EQ(cut.errors, "tarvoctl: cannot read " + copy + ": it is compressed, and cut short\n");
     std::string other = bytes;
     other[bytes.size() - 6] ^= 1; // in the sum of all bytes
     const auto damaged = listed(other);
-    EXPECT_EQ(damaged.status, 3);
+    EXPECT_EQ(damaged.status, 4);
     EXPECT_EQ(damaged.errors,
               "tarvoctl: cannot read " + copy + ": it is compressed, and damaged\n");
     ASSERT_EQ(run_program(machine, {"sh", "-c", "echo short | gzip >\"$0\"", copy}).status, 0);
@@ -259,6 +263,30 @@ TEST(Snapshot, MoreThanAnAreaIsNotInflated) {
         run_program(machine, {"sh", "-c", "gzip -1 </dev/zero | \"$0\" list --area -", TARVOCTL});
     EXPECT_EQ(outcome.status, 3);
     EXPECT_TRUE(outcome.errors.find("is not built yet") != std::string::npos) << outcome.errors;
+}
+
+TEST(Snapshot, IsReadThroughAPipeWithAName) {
+    sandbox machine(low);
+    fill(machine);
+    const temporary_folder folder;
+    const std::string copy = folder.path() / "copy";
+    ASSERT_EQ(tarvoctl(machine, {"snapshot", copy}).status, 0);
+    const auto direct = tarvoctl(machine, {"list", "--area", copy});
+    for (const char* reader : {"cat", "zcat"}) {
+        const auto piped = run_program(
+            machine, {"bash", "-c", "\"$0\" list --area <(\"$1\" \"$2\")", TARVOCTL, reader, copy});
+        EXPECT_EQ(piped.status, 0) << piped.errors;
+        EXPECT_EQ(piped.output, direct.output);
+    }
+}
+
+TEST(Snapshot, OfStandardInputIsNotReadTwice) {
+    sandbox machine(low);
+    fill(machine);
+    const auto outcome = tarvoctl(machine, {"diff", "-", "-"});
+    EXPECT_EQ(outcome.status, 2);
+    EXPECT_EQ(outcome.errors, "tarvoctl: standard input can be read once; name a file for one of "
+                              "the two\n");
 }
 
 TEST(Snapshot, CannotBeRepairedWhileItIsCompressed) {
@@ -365,11 +393,14 @@ TEST_F(SnapshotOnto, WhatHasTheAreaMappedKeepsItsFile) {
 }
 
 TEST_F(SnapshotOnto, WhatIsNoPlainFileStays) {
-    for (const std::string& file : {std::string("/dev/null"), folder.path().string()}) {
-        const auto outcome = tarvoctl(machine, {"snapshot", "--force", file});
-        EXPECT_EQ(outcome.status, 2);
-        EXPECT_EQ(outcome.errors,
-                  "tarvoctl: cannot write " + file + ": it is not a regular file\n");
+    for (const std::string& file : {std::string("/dev/full"), folder.path().string()}) {
+        for (const std::vector<std::string>& words : std::vector<std::vector<std::string>>{
+                 {"snapshot", file}, {"snapshot", "--force", file}}) {
+            const auto outcome = tarvoctl(machine, words);
+            EXPECT_EQ(outcome.status, 2);
+            EXPECT_EQ(outcome.errors,
+                      "tarvoctl: cannot write " + file + ": it is not a regular file; name another\n");
+        }
     }
 }
 

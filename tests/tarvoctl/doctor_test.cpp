@@ -486,6 +486,16 @@ TEST(DoctorFix, OfNoIommuIsNoneInASimulation) {
     EXPECT_TRUE(examination(hardware).status() == 1);
 }
 
+TEST(DoctorFix, OfASysfsThatIsNotMountedMountsIt) {
+    sandbox machine(low);
+    carry_out(machine, "mount -t tmpfs none /sys");
+    EXPECT_EQ(examination(machine).fix("/sys/kernel/tarvo_iommu_map_region", "cannot be written"),
+              "mount -t sysfs sysfs /sys");
+    sandbox simulated(simulation);
+    carry_out(simulated, "mount -t tmpfs none /sys");
+    EXPECT_EQ(examination(simulated).status(), 0);
+}
+
 TEST(DoctorFix, OfAnAreaOfAnotherRegionOrCutShortRemovesItWhenNobodyUsesIt) {
     sandbox machine(low);
     machine.start({"limits"}).finish();
@@ -543,6 +553,22 @@ TEST(DoctorFix, OfAMemoryThatIsCutShortLengthensItUnderItsPrograms) {
     EXPECT_EQ(examination(machine).status(), 0);
     client next = machine.start({"alloc tx_ring 4096 me"});
     EXPECT_EQ(fs::file_size(machine.memory_file()), 713035776U);
+}
+
+TEST(DoctorFix, OfAMemoryThatIsGoneFromUnderItsChunksGivesTheAreaUp) {
+    sandbox machine(simulation);
+    machine.start({"alloc rx_ring 4096 me"}).finish();
+    fs::remove(machine.memory_file());
+    const examination found(machine);
+    EXPECT_EQ(found.status(), 1);
+    EXPECT_TRUE(found.says("error", "/var/tmp/tarvo",
+                           "is missing, although the bookkeeping lists 1 chunk: what was in the "
+                           "chunks is lost, and the next program that starts makes a new file"))
+        << found.shown();
+    expect_fixed_without_programs(machine, "/var/tmp/tarvo", "is missing");
+    machine.start({"limits"}).finish();
+    fs::remove(machine.memory_file()); // of an area without chunks nothing is lost
+    EXPECT_EQ(examination(machine).status(), 0);
 }
 
 TEST(DoctorFix, OfTwoLocksStartsTheOthersAgain) {

@@ -119,6 +119,51 @@ TEST(List, ShowsWhatCanBeReadOfADamagedListAndSaysSo) {
               "tarvoctl: the area is damaged; see 'tarvoctl check'\n");
 }
 
+TEST(List, AndTheOtherLookersSayThatAnAreaIsLeftOverFromAnotherRegion) {
+    sandbox machine(low);
+    machine.start({"alloc a 4096 me"}).finish();
+    machine.writable_area().writer().u64(area_offset::chunk(0) + area_offset::pa, 0x70000000);
+    const std::string remark =
+        "tarvoctl: /var/shmem/tarvo_lib is left over from another region, "
+        "0x0070000000-0x008fffffff; "
+        "this machine's is 0x0080000000-0x008fffffff; 'tarvoctl doctor' shows what helps\n";
+    for (const std::vector<std::string>& words :
+         std::vector<std::vector<std::string>>{{"list"}, {"show", "a"}, {"map"}, {"limits"}}) {
+        const auto outcome = tarvoctl(machine, words);
+        EXPECT_EQ(outcome.status, 0) << words.front();
+        EXPECT_EQ(own_errors(outcome), remark) << words.front();
+    }
+    const temporary_folder folder;
+    const std::string copy = folder.path() / "copy";
+    EXPECT_EQ(tarvoctl(machine, {"snapshot", copy}).errors, remark);
+    EXPECT_EQ(tarvoctl(machine, {"list", "--area", copy}).errors, "");
+}
+
+TEST(List, OfADamagedCopySendsToTheCheckOfThatCopy) {
+    sandbox machine(low);
+    machine.start({"alloc a 4096 me", "alloc b 4096 me"}).finish();
+    const temporary_folder folder;
+    const std::string sound = folder.path() / "sound";
+    ASSERT_EQ(tarvoctl(machine, {"snapshot", sound}).status, 0);
+    machine.writable_area().writer().i32(area_offset::chunk(2) + area_offset::next, 2);
+    const std::string plain = folder.path() / "copy";
+    const std::string spaced = folder.path() / "a $copy";
+    ASSERT_EQ(tarvoctl(machine, {"snapshot", plain}).status, 0);
+    ASSERT_EQ(tarvoctl(machine, {"snapshot", spaced}).status, 0);
+    const std::string why = "tarvoctl: the list of chunks is damaged: it leads back to element 2\n";
+    const std::string quoted = '"' + (folder.path() / "a \\$copy").string() + '"';
+    EXPECT_EQ(tarvoctl(machine, {"list", "--area", plain}).errors,
+              why + "tarvoctl: " + plain + " is damaged; see 'tarvoctl check " + plain + "'\n");
+    EXPECT_EQ(tarvoctl(machine, {"list", "--area", spaced}).errors,
+              why + "tarvoctl: " + spaced + " is damaged; see 'tarvoctl check " + quoted + "'\n");
+    EXPECT_NE(tarvoctl(machine, {"check", spaced}).output.find("'tarvoctl repair " + quoted + "'"),
+              std::string::npos);
+    EXPECT_EQ(tarvoctl(machine, {"diff", sound, plain}).errors,
+              why + "tarvoctl: " + plain + " is damaged; see 'tarvoctl check " + plain + "'\n");
+    EXPECT_EQ(tarvoctl(machine, {"diff", plain, sound}).errors,
+              why + "tarvoctl: " + plain + " is damaged; see 'tarvoctl check " + plain + "'\n");
+}
+
 TEST(List, NamesFourDevicesOfAChunkAndCountsTheOthers) {
     sandbox machine(low);
     client driver = machine.start();

@@ -67,6 +67,22 @@ bool is_utf8(std::string_view text) {
     }
 }
 
+std::string shell_word(std::string_view text) {
+    constexpr std::string_view plain =
+        "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789"
+        "_-./:,+@%=";
+    constexpr std::string_view special = "$`\"";
+    if (text.find_first_not_of(plain) == std::string_view::npos) {
+        return std::string(text);
+    }
+    std::string quoted;
+    for (const char each : shown(text)) {
+        quoted += special.find(each) == std::string_view::npos ? "" : "\\";
+        quoted += each;
+    }
+    return '"' + quoted + '"';
+}
+
 std::string shown(std::string_view text) {
     const bool keep_high = is_utf8(text);
     std::string made;

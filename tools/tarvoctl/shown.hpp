@@ -22,4 +22,8 @@ std::size_t width_of(std::string_view text);
 /// The beginning of a text that is wider than that.
 std::string cut_to_width(const std::string& text, std::size_t width);
 
+/// The same as one word of a shell's command line, between double quotes where it has to be, so that
+/// single ones can stand around the command.
+std::string shell_word(std::string_view text);
+
 } // namespace tarvoctl

@@ -59,15 +59,15 @@ std::string region_text(const dma_window& region) {
 }
 
 [[noreturn]] void refuse_outside(const std::string& address, const char* kind,
-                                 const picture& records) {
-    const bool is_sound = told_damage(records.damage) == exit_status::good;
+                                 const picture& records, const area_source& source) {
+    const bool is_sound = told_damage(records.damage, source) == exit_status::good;
     throw failure{is_sound ? exit_status::usage : exit_status::damaged,
                   fmt::format("{} address {} is not in the region; {}", kind, address,
                               region_text(records.region))};
 }
 
 uint64_t pa_by_reading(const address_options& options, const picture& records) {
-    const dma_window& region = known_region(records);
+    const dma_window& region = known_region(records, options.source);
     const uint64_t address = parse_number(options.address, "ADDRESS", UINT64_MAX);
     const auto as_dma = options.is_pa ? std::nullopt : pa_of_dma(address, region);
     const bool as_pa = !options.is_dma && lies_in(region, address);
@@ -80,7 +80,7 @@ uint64_t pa_by_reading(const address_options& options, const picture& records) {
         const char* const kind = options.is_pa    ? "physical"
                                  : options.is_dma ? "DMA"
                                                   : "DMA or physical";
-        refuse_outside(options.address, kind, records);
+        refuse_outside(options.address, kind, records, options.source);
     }
     return as_dma ? *as_dma : address;
 }
@@ -120,16 +120,16 @@ std::string place_text(uint64_t pa, const picture& records) {
 exit_status find(const address_options& options) {
     const picture records = read_picture(options.source);
     const uint64_t dma = parse_number(options.address, "DMA", UINT32_MAX);
-    const auto pa = pa_of_dma(dma, known_region(records));
+    const auto pa = pa_of_dma(dma, known_region(records, options.source));
     if (!pa)
-        refuse_outside(options.address, "DMA", records);
+        refuse_outside(options.address, "DMA", records, options.source);
     if (options.json) {
         print_json(json_place("find", *pa, records));
     } else {
         fmt::print("DMA {} is {}\n", dma_text(static_cast<uint32_t>(dma)),
                    place_text(*pa, records));
     }
-    const exit_status read = told_damage(records.damage);
+    const exit_status read = told_damage(records.damage, options.source);
     const bool found = !owners_of(*pa, records).empty();
     return read == exit_status::good && !found ? exit_status::finding : read;
 }
@@ -142,12 +142,12 @@ exit_status translate(const address_options& options) {
     } else {
         fmt::print("{}, {}\n", address_text(pa, records.region), place_text(pa, records));
     }
-    return told_damage(records.damage);
+    return told_damage(records.damage, options.source);
 }
 
 exit_status limits(const address_options& options) {
     const picture records = read_picture(options.source);
-    const dma_window& region = known_region(records);
+    const dma_window& region = known_region(records, options.source);
     if (options.json) {
         json document = json_document("limits", records);
         document["region"] = json_region(records);
@@ -160,7 +160,7 @@ exit_status limits(const address_options& options) {
                    size_with_bytes(region.end_pa - region.first_pa),
                    size_with_bytes(tarvo_get_overhead()));
     }
-    return told_damage(records.damage);
+    return told_damage(records.damage, options.source);
 }
 
 using question = exit_status (*)(const address_options&);

@@ -4,8 +4,8 @@
 #include "commands/commands.hpp"
 #include "output/json.hpp"
 #include "output/place_text.hpp"
+#include "output/text.hpp"
 #include "program.hpp"
-#include "shown.hpp"
 
 #include <fmt/format.h>
 #include <memory>
@@ -37,11 +37,8 @@ const char* verdict_of(const std::vector<finding>& findings) {
 
 /// The command that repairs what was checked.
 std::string repair_of(const check_command_options& options) {
-    if (options.source.is_live()) {
-        return "tarvoctl repair";
-    }
-    return fmt::format("tarvoctl repair{} {}", options.cma ? " --cma" : "",
-                       shown(options.source.file));
+    const bool needs_kind = options.cma && !options.source.is_live();
+    return command_on(needs_kind ? "repair --cma" : "repair", options.source);
 }
 
 void print_as_text(const std::vector<finding>& findings, const shared_area_t& area,

@@ -1,5 +1,6 @@
 #include "area/changes.hpp"
 #include "commands/commands.hpp"
+#include "failure.hpp"
 #include "output/change_text.hpp"
 #include "output/json.hpp"
 #include "output/text.hpp"
@@ -19,6 +20,10 @@ struct diff_options {
 };
 
 exit_status diff(const diff_options& options) {
+    if (options.before.file == standard_stream && options.after.file == standard_stream) {
+        throw failure{exit_status::usage,
+                      "standard input can be read once; name a file for one of the two"};
+    }
     const picture before = read_picture(options.before);
     const picture after = read_picture(options.after);
     std::vector<std::string> damage = before.damage;
@@ -36,8 +41,11 @@ exit_status diff(const diff_options& options) {
         for (const auto& each : changes)
             fmt::print("{}\n", change_text(each));
     }
-    if (const exit_status read = told_damage(damage); read != exit_status::good)
-        return read;
+    const exit_status read_before = told_damage(before.damage, options.before);
+    const exit_status read_after = told_damage(after.damage, options.after);
+    if (read_before != exit_status::good || read_after != exit_status::good) {
+        return exit_status::damaged;
+    }
     return changes.empty() ? exit_status::good : exit_status::finding;
 }
 

@@ -184,7 +184,7 @@ exit_status leaks(const leaks_options& options) {
         if (!memory.is_complete())
             fmt::print(stderr, "tarvoctl: {}\n", unseen_text(memory, processes));
     }
-    const exit_status damage = told_damage(records.damage);
+    const exit_status damage = told_damage(records.damage, options.source);
     return damage == exit_status::good && !found.empty() ? exit_status::finding : damage;
 }
 

@@ -156,7 +156,7 @@ exit_status list(const list_options& options) {
     } else {
         print_as_table(records, options);
     }
-    return told_damage(records.damage);
+    return told_damage(records.damage, options.source);
 }
 
 } // namespace

@@ -250,7 +250,7 @@ void refuse_two_outputs(const map_options& options) {
 exit_status map(const map_options& options) {
     refuse_two_outputs(options);
     const picture records = read_picture(options.source);
-    static_cast<void>(known_region(records)); // or there is nothing to draw
+    static_cast<void>(known_region(records, options.source)); // or there is nothing to draw
     const auto gaps = gaps_of(records);
     const free_space free = free_space_of(gaps);
     const auto damage = damage_to_places(records, driver_chooses_places(options));
@@ -269,7 +269,7 @@ exit_status map(const map_options& options) {
     } else if (!svg_is_output(options)) {
         print_as_text(records, gaps, free);
     }
-    const exit_status read = told_damage(told_with(damage, records));
+    const exit_status read = told_damage(told_with(damage, records), options.source);
     const bool refused = fit && (fit->driver_chooses || fit->obstacle);
     return read == exit_status::good && refused ? exit_status::finding : read;
 }

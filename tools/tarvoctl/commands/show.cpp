@@ -184,7 +184,7 @@ exit_status show(const show_options& options) {
         memory = mappings_of(find_site());
     (options.json ? print_all_as_json : print_all_as_text)(chunks, records,
                                                            memory ? &*memory : nullptr);
-    return told_damage(records.damage);
+    return told_damage(records.damage, options.source);
 }
 
 } // namespace

@@ -19,6 +19,14 @@ struct snapshot_options {
     bool json = false;
 };
 
+area_copy read_and_remark(const area_source& source) {
+    area_copy area = read_area(source);
+    if (source.is_live()) {
+        remark_on_region(picture_of(*area).region);
+    }
+    return area;
+}
+
 /// To a pipe or the like.
 exit_status print_area(const snapshot_options& options) {
     if (options.json) {
@@ -30,14 +38,14 @@ exit_status print_area(const snapshot_options& options) {
         throw failure{exit_status::usage,
                       "a terminal cannot show a snapshot; name a file, or give it to a pipe"};
     }
-    print_snapshot(*read_area(options.source));
+    print_snapshot(*read_and_remark(options.source));
     return exit_status::good;
 }
 
 exit_status snapshot(const snapshot_options& options) {
     if (options.file == standard_stream)
         return print_area(options);
-    const auto area = read_area(options.source);
+    const auto area = read_and_remark(options.source);
     write_snapshot({options.file, options.force ? existing_file::replaced : existing_file::refused},
                    *area);
     if (options.json) {

@@ -145,7 +145,7 @@ exit_status one_page(const top_options& options) {
     fmt::print(
         "{}",
         top_page({records, mappings_of(here), title_of(here.area, ""), standard_screen(), 0}).text);
-    return told_damage(records.damage);
+    return told_damage(records.damage, options.source);
 }
 
 exit_status top(const top_options& options) {

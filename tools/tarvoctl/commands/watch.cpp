@@ -156,6 +156,7 @@ class watcher {
 
     /// What is there at the start is no change. What is in an area that is made later, is.
     void take_new_area(const area_look& look) {
+        remark_on_region(look.records->region);
         report_.tell_area(present_ ? "replaced" : "found", look);
         last_ = started_ ? picture{} : *look.records;
         started_ = true;

@@ -230,7 +230,7 @@ exit_status who(const who_options& options) {
         if (!memory.is_complete())
             fmt::print(stderr, "tarvoctl: {}\n", unseen_text(memory, processes));
     }
-    const exit_status damage = told_damage(records.damage);
+    const exit_status damage = told_damage(records.damage, options.source);
     const bool nobody = !options.name.empty() && !is_mapped(found);
     return damage == exit_status::good && nobody ? exit_status::finding : damage;
 }

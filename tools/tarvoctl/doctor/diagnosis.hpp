@@ -1,5 +1,6 @@
 #pragma once
 
+#include "host/folder_fault.hpp"
 #include "host/lock_state.hpp"
 #include "host/mappings.hpp"
 #include "host/site.hpp"
@@ -10,9 +11,6 @@
 namespace tarvoctl {
 
 enum class verdict { ok, note, warning, error };
-
-/// The fix where only the right to look is missing.
-inline constexpr const char* run_as_root = "run it as root";
 
 /// What one check found, and what helps.
 struct diagnosis {

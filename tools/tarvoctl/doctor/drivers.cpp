@@ -141,6 +141,13 @@ void diagnose_memory_access(const site& here, health_report& report) {
                       : "the region can be mapped, but of a stand-in: it is not a device");
 }
 
+/// The driver's file is the kernel's own: without its folder it is not the driver that is missing.
+const char* fix_for_missing_iommu() {
+    return ::access(parent_of(paths::iommu_driver).c_str(), F_OK) == 0
+               ? "load the IOMMU driver"
+               : "mount -t sysfs sysfs /sys";
+}
+
 /// Simulation does without the driver, and then there is nothing to fix.
 void diagnose_iommu(const site& here, health_report& report) {
     if (::access(paths::iommu_driver, W_OK) == 0) {
@@ -155,7 +162,7 @@ void diagnose_iommu(const site& here, health_report& report) {
         report.add(verdict::note, paths::iommu_driver, text + ", as in most simulations");
     } else {
         report.add(here.simulation ? verdict::note : verdict::warning, paths::iommu_driver, text,
-                   missing ? "load the IOMMU driver" : "run programs with devices as root");
+                   missing ? fix_for_missing_iommu() : "run programs with devices as root");
     }
 }
 

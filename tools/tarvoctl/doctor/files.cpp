@@ -1,6 +1,7 @@
 #include "doctor/diagnosis.hpp"
 #include "failure.hpp"
 #include "host/file_shortage.hpp"
+#include "host/folder_fault.hpp"
 #include "output/text.hpp"
 #include "shared/paths.hpp"
 
@@ -28,23 +29,6 @@ struct expected_file {
 std::string owner_of(const struct stat& file) {
     const passwd* const known = ::getpwuid(file.st_uid);
     return known == nullptr ? fmt::format("{}", file.st_uid) : known->pw_name;
-}
-
-std::string parent_of(const std::string& path) {
-    return std::filesystem::path{path}.parent_path();
-}
-
-/// Of a path that leads through a file.
-std::string first_non_folder(const std::string& path) {
-    std::filesystem::path walked;
-    std::error_code unread;
-    for (const auto& part : std::filesystem::path{path}) {
-        walked /= part;
-        if (!std::filesystem::is_directory(walked, unread)) {
-            break;
-        }
-    }
-    return walked;
 }
 
 /// In a sticky folder that others may write to, such as /var/tmp, the kernel may refuse to open a
@@ -163,11 +147,12 @@ std::optional<struct stat> diagnose_file(const expected_file& expected, const si
 void report_shortage(const std::optional<file_shortage>& shortage, verdict how,
                      health_report& report) {
     if (shortage) {
-        report.add(how, shortage->path, shortage->text, shortage->fix);
+        report.add(how, shortage->path, shortage->full_text(), shortage->fix);
     }
 }
 
 void diagnose_memory_size(const site& here, health_report& report) {
+    report_shortage(lost_memory(here), verdict::error, report);
     report_shortage(cut_short_memory(here), verdict::warning, report);
     report_shortage(memory_without_room(here), verdict::warning, report);
 }
@@ -178,37 +163,18 @@ void diagnose_area_size(const site& here, const std::optional<struct stat>& file
         report.add(verdict::note, here.area, "the bookkeeping is empty: not built yet");
     }
     if (const auto cut_short = cut_short_area(here)) {
-        report.add_damage(cut_short->path, cut_short->text, cut_short->fix);
+        report.add_damage(cut_short->path, cut_short->full_text(), cut_short->fix);
     }
     report_shortage(area_without_room(here), verdict::error, report);
 }
 
-std::string folder_fix(const std::string& path, int error) {
-    switch (error) {
-    case ENOENT:
-        if (path == parent_of(paths::hardware_area)) {
-            return fmt::format("mkdir -p {0} && mount -t tmpfs -o size={1}m,mode=0755 tmpfs {0}",
-                               path, area_tmpfs_mebibytes);
-        }
-        return fmt::format("mkdir -p {}; a tmpfiles.d entry makes it at every start", path);
-    case EACCES:
-        return run_as_root;
-    default: // something in its path is not a directory
-        return fmt::format("mv {0} {0}.old && mkdir -p {1}", first_non_folder(path), path);
-    }
-}
-
-void diagnose_folder(const std::string& path, verdict if_missing, health_report& report) {
-    struct stat folder {};
-    if (::stat(path.c_str(), &folder) != 0) {
-        const int error = errno;
-        report.add(if_missing, path,
-                   fmt::format("the folder cannot be used: {}", error_text(error)),
-                   folder_fix(path, error));
-    } else if (!S_ISDIR(folder.st_mode)) {
-        report.add(if_missing, path, "is not a directory", folder_fix(path, ENOTDIR));
+void diagnose_folder_of(const std::string& file, verdict if_unusable, health_report& report) {
+    const std::string folder = parent_of(file);
+    const bool for_new_file = ::access(file.c_str(), F_OK) != 0;
+    if (const auto fault = fault_of_folder(folder, for_new_file)) {
+        report.add(if_unusable, folder, fault->text, fault->fix);
     } else {
-        report.add(verdict::ok, path, "the folder is there");
+        report.add(verdict::ok, folder, "the folder is there");
     }
 }
 
@@ -247,9 +213,8 @@ void diagnose_files(const site& here, health_report& report) {
     const mode_t mode = here.simulation ? simulation_mode : hardware_mode;
     // Processes without the variable lock a file in here, also in simulation.
     const bool locks_there = here.own_lock == paths::hardware_lock;
-    diagnose_folder(parent_of(here.area), verdict::error, report);
-    diagnose_folder(parent_of(paths::hardware_lock), locks_there ? verdict::error : verdict::note,
-                    report);
+    diagnose_folder_of(here.area, verdict::error, report);
+    diagnose_folder_of(paths::hardware_lock, locks_there ? verdict::error : verdict::note, report);
     if (here.simulation) {
         diagnose_file({here.memory, "the memory", mode, mode}, here, report);
         diagnose_memory_size(here, report);

@@ -186,9 +186,26 @@ area_copy read_stream(unique_fd file, const std::string& name) {
     return copied;
 }
 
+bool is_pipe(const std::string& path) {
+    struct stat found {};
+    return ::stat(path.c_str(), &found) == 0 && S_ISFIFO(found.st_mode);
+}
+
+/// Waits for those who write to the pipe now, but not for one who may come.
+unique_fd open_pipe(const std::string& path) {
+    unique_fd pipe{::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC)};
+    if (!pipe || ::fcntl(pipe.get(), F_SETFL, 0) != 0) {
+        complain_of(path, errno);
+    }
+    return pipe;
+}
+
 area_copy read_copy(const std::string& path) {
     if (path == standard_stream) {
         return read_stream(unique_fd{::dup(STDIN_FILENO)}, "standard input");
+    }
+    if (is_pipe(path)) {
+        return read_stream(open_pipe(path), path);
     }
     unique_fd file = open_plain_file(path, O_RDONLY);
     if (!file) {
@@ -319,8 +336,25 @@ picture look_at_records(const area_source& source) {
     return picture_of(*area);
 }
 
+void remark_on_region(const dma_window& in_area) {
+    const site here = find_site();
+    const auto expected = here.region();
+    const bool is_known = expected && in_area.first_pa < in_area.end_pa;
+    if (is_known &&
+        (in_area.first_pa != expected->first_pa || in_area.end_pa != expected->end_pa)) {
+        fmt::print(stderr,
+                   "tarvoctl: {} is left over from another region, {}; this machine's is {}; "
+                   "'tarvoctl doctor' shows what helps\n",
+                   here.area, pa_range(in_area.first_pa, in_area.end_pa),
+                   pa_range(expected->first_pa, expected->end_pa));
+    }
+}
+
 picture read_picture(const area_source& source) {
     picture records = look_at_records(source);
+    if (source.is_live()) {
+        remark_on_region(records.region);
+    }
     remark_on(records.consistent);
     return records;
 }

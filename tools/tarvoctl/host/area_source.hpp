@@ -66,6 +66,9 @@ area_copy read_area(const area_source& source);
 /// before and half after. The flag `initialized` is read last.
 area_copy read_area_file(const std::string& path);
 
+/// Says on standard error where the live area is of another region than this machine's.
+void remark_on_region(const dma_window& in_area);
+
 /// Throws failure where this machine has no region, so that no program can make an area.
 void require_region(const site& here);
 

@@ -73,15 +73,18 @@ bool take(const unique_fd& file, clock::time_point last_moment) {
     return true;
 }
 
-/// "4711 (my_driver) holds it"; empty where that is not known.
+/// "4711 (my_driver) holds it", and what helps where it is stopped; empty where that is not known.
 std::string holder_text(const std::string& file) {
     const auto holder = lock_picture_of({file}).locks.front().holder();
     if (!holder)
         return {};
     const auto process = process_of(*holder);
     const std::string command = process ? shown(process->command) : "";
-    return command.empty() ? fmt::format("{} holds it", *holder)
-                           : fmt::format("{} ({}) holds it", *holder, command);
+    return fmt::format("{}{} holds it{}", *holder,
+                       command.empty() ? "" : fmt::format(" ({})", command),
+                       process && process->is_stopped()
+                           ? fmt::format(" and is stopped, kill -CONT {} lets it go on", *holder)
+                           : "");
 }
 
 } // namespace

@@ -3,21 +3,20 @@
 #include "area/finding.hpp"
 #include "common/unique_fd.hpp"
 #include "failure.hpp"
+#include "host/area_source.hpp"
+#include "host/mount.hpp"
 #include "host/simulated_region.hpp"
 #include "quantities.hpp"
 #include "shared/layout.hpp"
 #include "shared/paths.hpp"
 
 #include <algorithm>
-#include <cstdio>
+#include <cerrno>
 #include <fcntl.h>
 #include <filesystem>
 #include <fmt/format.h>
-#include <memory>
-#include <mntent.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
-#include <system_error>
 #include <unistd.h>
 
 namespace tarvoctl {
@@ -25,6 +24,12 @@ namespace tarvoctl {
 namespace {
 
 constexpr const char* ends_programs = "a program that touches what is missing ends by SIGBUS";
+constexpr const char* stops_starts = "every program fails to start the library ('failed to map "
+                                     "shared memory'); before Linux 5.14 it "
+                                     "ends by SIGBUS";
+constexpr const char* ends_makers =
+    "a program that makes a chunk beyond that ends by an assertion, after 'tarvo_alloc: mmap "
+    "failed!'; before Linux 5.14 it ends by SIGBUS";
 
 uint64_t area_bytes() {
     const auto page_bytes = static_cast<uint64_t>(::sysconf(_SC_PAGESIZE));
@@ -51,31 +56,6 @@ uint64_t missing_bytes(const std::string& path, uint64_t size) {
     const auto file = state_of(path);
     const uint64_t taken = file ? static_cast<uint64_t>(file->st_blocks) * block_bytes : 0;
     return size - std::min(size, taken);
-}
-
-struct mount {
-    std::string point;
-    std::string type;
-};
-
-bool lies_below(const std::string& path, const std::string& point) {
-    return path.starts_with(point) && (point.ends_with('/') || path[point.size()] == '/');
-}
-
-/// The last one over the longest beginning of the path.
-mount mount_of(const std::string& path) {
-    std::error_code unresolved;
-    const std::string resolved = std::filesystem::weakly_canonical(path, unresolved).string();
-    mount found{"/", ""};
-    const std::unique_ptr<std::FILE, int (*)(std::FILE*)> mounts{
-        ::setmntent("/proc/self/mounts", "re"), &::endmntent};
-    while (const mntent* each = mounts ? ::getmntent(mounts.get()) : nullptr) {
-        const std::string point{each->mnt_dir};
-        if (point.size() >= found.point.size() && lies_below(resolved, point)) {
-            found = {point, each->mnt_type};
-        }
-    }
-    return found;
 }
 
 /// Room on a file system, in bytes.
@@ -108,7 +88,7 @@ std::string room_fix(const mount& where, const room& has, uint64_t lacking) {
 
 /// `reserved`: what another file on the same file system takes as well.
 std::optional<file_shortage> without_room(const std::string& path, uint64_t needed,
-                                          uint64_t reserved) {
+                                          uint64_t reserved, const char* meaning) {
     const auto has = room_for(path);
     if (!has || needed == 0 || needed + reserved <= has->free) {
         return std::nullopt;
@@ -116,12 +96,12 @@ std::optional<file_shortage> without_room(const std::string& path, uint64_t need
     const mount where = mount_of(path);
     return file_shortage{
         path,
-        fmt::format("needs {} more{}, and the file system on {} has {} left: {}", size_text(needed),
+        fmt::format("needs {} more{}, and the file system on {} has {} left", size_text(needed),
                     reserved == 0
                         ? ""
                         : fmt::format(", besides {} for the bookkeeping", size_text(reserved)),
-                    where.point, size_text(has->free), ends_programs),
-        room_fix(where, *has, needed + reserved - has->free)};
+                    where.point, size_text(has->free)),
+        meaning, room_fix(where, *has, needed + reserved - has->free)};
 }
 
 /// What is to be taken of the file system when all these bytes are written.
@@ -146,6 +126,23 @@ uint64_t missing_bytes_of_area(const site& here) {
     return missing_bytes(here.area, area_bytes());
 }
 
+/// By the flag in its first byte.
+bool is_built(const std::string& area) {
+    const unique_fd file{::open(area.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC)};
+    unsigned char initialized = 0;
+    return file && ::pread(file.get(), &initialized, 1, 0) == 1 && initialized != 0;
+}
+
+bool is_missing(const std::string& path) {
+    return ::access(path.c_str(), F_OK) != 0 && errno == ENOENT;
+}
+
+bool is_whole_and_readable(const std::string& area) {
+    const auto file = state_of(area);
+    return file && file->st_size >= static_cast<off_t>(sizeof(shared_area_t)) &&
+           ::access(area.c_str(), R_OK) == 0;
+}
+
 } // namespace
 
 std::string way_to_replace(const std::string& area) {
@@ -161,9 +158,9 @@ std::optional<file_shortage> cut_short_area(const site& here) {
         return std::nullopt;
     }
     return file_shortage{here.area,
-                         fmt::format("is cut short: {}, an area takes {}; the next program that "
-                                     "starts fills it up with zeros",
-                                     exact_size(*file), counted(sizeof(shared_area_t), "byte")),
+                         fmt::format("is cut short: {}, an area takes {}", exact_size(*file),
+                                     counted(sizeof(shared_area_t), "byte")),
+                         "the next program that starts fills it up with zeros",
                          way_to_replace(here.area)};
 }
 
@@ -177,13 +174,31 @@ std::optional<file_shortage> cut_short_memory(const site& here) {
     }
     return file_shortage{
         here.memory,
-        fmt::format("is cut short: {}, the region takes {}: {}", exact_size(*file),
-                    counted(simulated_region.end_pa, "byte"), ends_programs),
+        fmt::format("is cut short: {}, the region takes {}", exact_size(*file),
+                    counted(simulated_region.end_pa, "byte")),
+        ends_programs,
         fmt::format("truncate -s {} {}; what chunks held there is lost", whole, here.memory)};
 }
 
+std::optional<file_shortage> lost_memory(const site& here) {
+    if (!here.simulation || !is_missing(here.memory) || !is_whole_and_readable(here.area)) {
+        return std::nullopt;
+    }
+    const area_copy area = read_area_file(here.area);
+    const std::size_t chunks = picture_of(*area).chunks.size();
+    if (chunks == 0) {
+        return std::nullopt;
+    }
+    return file_shortage{
+        here.memory,
+        fmt::format("is missing, although the bookkeeping lists {}", counted(chunks, "chunk")),
+        "what was in the chunks is lost, and the next program that starts makes a new file",
+        way_to_do(way_to_remove(here.area), *area)};
+}
+
 std::optional<file_shortage> area_without_room(const site& here) {
-    return without_room(here.area, missing_bytes_of_area(here), 0);
+    return without_room(here.area, missing_bytes_of_area(here), 0,
+                        is_built(here.area) ? ends_programs : stops_starts);
 }
 
 std::optional<file_shortage> memory_without_room(const site& here) {
@@ -193,7 +208,7 @@ std::optional<file_shortage> memory_without_room(const site& here) {
     return without_room(
         here.memory,
         missing_bytes(here.memory, simulated_region.end_pa - simulated_region.first_pa),
-        missing_bytes_of_area(here));
+        missing_bytes_of_area(here), ends_makers);
 }
 
 std::optional<file_shortage> chunk_without_room(const site& here, uint64_t pa, uint32_t size) {
@@ -201,7 +216,7 @@ std::optional<file_shortage> chunk_without_room(const site& here, uint64_t pa, u
         return std::nullopt;
     }
     return without_room(here.memory, hole_bytes(here.memory, pa, pa + size),
-                        missing_bytes_of_area(here));
+                        missing_bytes_of_area(here), ends_makers);
 }
 
 std::optional<file_shortage> shortage_in(const site& here) {
@@ -216,7 +231,8 @@ std::optional<file_shortage> shortage_in(const site& here) {
 
 void refuse_shortage(const std::optional<file_shortage>& lacking, exit_status status) {
     if (lacking) {
-        throw failure{status, fmt::format("{} {}; {}", lacking->path, lacking->text, lacking->fix)};
+        throw failure{status,
+                      fmt::format("{} {}; {}", lacking->path, lacking->full_text(), lacking->fix)};
     }
 }
 

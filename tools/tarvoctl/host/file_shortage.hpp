@@ -12,11 +12,14 @@ namespace tarvoctl {
 /// What a tmpfs with the area takes: the area, the copy that repair makes, and some to spare.
 inline constexpr uint64_t area_tmpfs_mebibytes = 136;
 
-/// What a file lacks that the library maps. A process that touches it there ends by SIGBUS.
+/// What a file lacks that the library maps.
 struct file_shortage {
     std::string path;
-    std::string text; ///< follows the path: "needs 4 KiB more, and ..."
+    std::string text;    ///< follows the path: "needs 4 KiB more, and ..."
+    std::string meaning; ///< for programs
     std::string fix;
+
+    std::string full_text() const { return text + ": " + meaning; }
 };
 
 /// What helps where a live area cannot be read to its end, so that nobody knows which devices see its
@@ -27,6 +30,9 @@ std::string way_to_replace(const std::string& area);
 std::optional<file_shortage> cut_short_area(const site& here);
 /// In simulation, where the memory is a file; also one that is empty, once there is an area.
 std::optional<file_shortage> cut_short_memory(const site& here);
+
+/// In simulation: a memory that is not there any more, while chunks are listed in it.
+std::optional<file_shortage> lost_memory(const site& here);
 
 /// A file system that lacks room for what the file does not have of its blocks yet, also where the
 /// file itself is not there.

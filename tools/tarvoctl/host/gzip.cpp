@@ -85,7 +85,7 @@ std::size_t gzip_reader::read(std::span<char> to) {
         ::gzerror(handle_of(file_.get()), &error);
         // A file that is cut short gives what there is, and says so besides.
         if (count < 0 || error == Z_BUF_ERROR) {
-            throw failure{exit_status::unreadable,
+            throw failure{error == Z_ERRNO ? exit_status::unreadable : exit_status::damaged,
                           fmt::format("cannot read {}: {}", name_, reason_of(error))};
         }
         if (count == 0) {

@@ -71,13 +71,13 @@ new_file::new_file(target wanted, mode_t mode) : wanted_{std::move(wanted)} {
                                   wanted_.path)};
     }
     struct stat found {};
-    if (::lstat(wanted_.path.c_str(), &found) == 0) {
-        if (wanted_.existing == existing_file::refused)
-            complain(EEXIST);
-        if (::stat(wanted_.path.c_str(), &found) == 0 && !S_ISREG(found.st_mode)) {
-            throw failure{exit_status::usage,
-                          fmt::format("cannot write {}: it is not a regular file", wanted_.path)};
-        }
+    if (::stat(wanted_.path.c_str(), &found) == 0 && !S_ISREG(found.st_mode)) {
+        throw failure{
+            exit_status::usage,
+            fmt::format("cannot write {}: it is not a regular file; name another", wanted_.path)};
+    }
+    if (wanted_.existing == existing_file::refused && ::lstat(wanted_.path.c_str(), &found) == 0) {
+        complain(EEXIST);
     }
     open(mode);
 }

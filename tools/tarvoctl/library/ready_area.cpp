@@ -5,6 +5,7 @@
 #include "host/area_follower.hpp"
 #include "host/area_source.hpp"
 #include "host/file_shortage.hpp"
+#include "host/folder_fault.hpp"
 #include "library/library_call.hpp"
 #include "output/place_text.hpp"
 #include "output/text.hpp"
@@ -22,18 +23,33 @@ namespace {
 
 enum class missing_file { accepted, refused };
 
+/// The library makes its files one after the other: one that it cannot make would leave the others
+/// half made.
+void require_folder_for(const std::string& file) {
+    const std::string folder = parent_of(file);
+    if (const auto fault = fault_of_folder(folder, true)) {
+        throw failure{exit_status::unreadable, fmt::format("cannot make {}: {} {}; {}", file,
+                                                           folder, fault->text, fault->fix)};
+    }
+}
+
 /// Whether the library, started now, could open the file as it would.
 void check_file(const std::string& path, int access, missing_file when_missing) {
     const unique_fd file{::open(path.c_str(), access | O_NONBLOCK | O_CLOEXEC)};
-    if (file || (errno == ENOENT && when_missing == missing_file::accepted))
+    if (file) {
         return;
+    }
+    if ((errno == ENOENT || errno == ENOTDIR) && when_missing == missing_file::accepted) {
+        require_folder_for(path);
+        return;
+    }
     const int number = errno;
     const bool forbidden = number == EACCES || number == EPERM;
     throw failure{exit_status::unreadable,
                   fmt::format("cannot open {} for {}: {}; {}", path,
                               access == O_RDWR ? "reading and writing" : "reading",
                               error_text(number),
-                              forbidden ? "run it as root" : "see 'tarvoctl doctor'")};
+                              forbidden ? run_as_root : "see 'tarvoctl doctor'")};
 }
 
 void require_possible_region(const site& here) {
@@ -49,6 +65,7 @@ void check_files(const site& here, missing_file when_missing) {
     check_file(here.memory, O_RDWR, here.simulation ? when_missing : missing_file::refused);
     check_file(here.area, O_RDWR, when_missing);
     check_file(here.own_lock, O_RDONLY, when_missing);
+    refuse_shortage(lost_memory(here), exit_status::damaged);
     // The library would fill the file up with zeros, and nobody could see that any were lost.
     refuse_shortage(cut_short_memory(here), exit_status::damaged);
     // The library's own look into the area would end its process.

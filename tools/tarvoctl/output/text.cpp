@@ -60,19 +60,26 @@ void tell_duplicates(const picture& records, std::string_view only) {
     }
 }
 
-exit_status told_damage(const std::vector<std::string>& damage) {
+std::string command_on(const std::string& words, const area_source& source) {
+    return source.is_live() ? "tarvoctl " + words
+                            : fmt::format("tarvoctl {} {}", words, shell_word(source.file));
+}
+
+exit_status told_damage(const std::vector<std::string>& damage, const area_source& source) {
     for (const auto& each : damage)
         fmt::print(stderr, "tarvoctl: {}\n", each);
     if (damage.empty())
         return exit_status::good;
-    fmt::print(stderr, "tarvoctl: the area is damaged; see 'tarvoctl check'\n");
+    fmt::print(stderr, "tarvoctl: {} is damaged; see '{}'\n",
+               source.is_live() ? "the area" : shown(source.file), command_on("check", source));
     return exit_status::damaged;
 }
 
-const dma_window& known_region(const picture& records) {
+const dma_window& known_region(const picture& records, const area_source& source) {
     if (!records.has_region()) {
         throw failure{exit_status::damaged,
-                      "the records do not say where the region lies; see 'tarvoctl check'"};
+                      fmt::format("the records do not say where the region lies; see '{}'",
+                                  command_on("check", source))};
     }
     return records.region;
 }

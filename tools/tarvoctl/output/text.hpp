@@ -2,6 +2,7 @@
 
 #include "area/records.hpp"
 #include "exit_status.hpp"
+#include "host/area_source.hpp"
 #include "shown.hpp"
 
 #include <string>
@@ -24,11 +25,14 @@ std::string address_text(uint64_t pa, const dma_window& region);
 /// this name alone; empty: at all.
 void tell_duplicates(const picture& records, std::string_view only);
 
+/// "tarvoctl check", and the copy it is about, as a shell takes it.
+std::string command_on(const std::string& words, const area_source& source);
+
 /// Tells of lists that could not be read to their end, on standard error, and what that means for
 /// how the command ends: damaged, or good.
-exit_status told_damage(const std::vector<std::string>& damage);
+exit_status told_damage(const std::vector<std::string>& damage, const area_source& source);
 
 /// Where the region lies. Throws failure where the records do not tell.
-const dma_window& known_region(const picture& records);
+const dma_window& known_region(const picture& records, const area_source& source);
 
 } // namespace tarvoctl
