@@ -398,8 +398,8 @@ TEST_F(SnapshotOnto, WhatIsNoPlainFileStays) {
                  {"snapshot", file}, {"snapshot", "--force", file}}) {
             const auto outcome = tarvoctl(machine, words);
             EXPECT_EQ(outcome.status, 2);
-            EXPECT_EQ(outcome.errors,
-                      "tarvoctl: cannot write " + file + ": it is not a regular file; name another\n");
+            EXPECT_EQ(outcome.errors, "tarvoctl: cannot write " + file +
+                                          ": it is not a regular file; name another\n");
         }
     }
 }
