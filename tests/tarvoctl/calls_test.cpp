@@ -151,7 +151,7 @@ TEST(Alloc, ADamagedAreaIsLeftAlone) {
         "tarvoctl: the area is broken: chunk 2 'first' (creator test): the walk comes back to "
         "this element after 2 "
         "elements and never reaches the tail 1. The library would break off the call, or "
-        "make it worse; see 'tarvoctl check' and 'tarvoctl repair'\n");
+        "make it worse; 'tarvoctl check' shows what helps\n");
 }
 
 TEST(Alloc, AChunkOutsideTheRegionIsNotHandedToTheLibrary) {

@@ -47,7 +47,7 @@ TEST_F(Damage, AWrongBackLinkKeepsTheLibraryAway) {
     expect_all_calls_refused(
         "tarvoctl: the area is broken: chunk 3 'second' (creator me): prev is "
         "77, but the list comes here from 2. The library would break off the call, or make it "
-        "worse; see 'tarvoctl check' and 'tarvoctl repair'\n");
+        "worse; 'tarvoctl check' shows what helps\n");
 }
 
 TEST_F(Damage, AFreeChainThatLeadsToAUsedChunkKeepsTheLibraryAway) {
@@ -76,7 +76,7 @@ TEST_F(Damage, AnotherRegionsAreaIsNotWorkedOn) {
 
 TEST_F(Damage, AWrongHeadOfTheListIsNotTakenForAnotherRegion) {
     write.i32(area_offset::chunks_head, third);
-    expect_all_calls_refused("see 'tarvoctl check' and 'tarvoctl repair'\n");
+    expect_all_calls_refused("'tarvoctl check' shows what helps\n");
     EXPECT_EQ(lines_of(tarvoctl(machine, {"check"}).output).back(),
               "the area is broken: 'tarvoctl repair' shows what can be done");
     const auto planned = tarvoctl(machine, {"repair", "--dry-run"});
@@ -215,6 +215,25 @@ TEST_F(UnknownPlaces, NoPlaceIsPromisedWhereNotAllChunksCouldBeRead) {
         EXPECT_EQ(document.at("fit").at("place"), nullptr);
         EXPECT_EQ(document.at("free_bytes"), nullptr);
         EXPECT_EQ(document.at("gaps").size(), 0U);
+    }
+}
+
+TEST_F(UnknownPlaces, NoPlaceIsPromisedWhereAChunkDoesNotFillItsPages) {
+    for (const std::uint32_t bytes : {0U, 1000U, 0x2fffU}) {
+        write.u32(area_offset::chunk(second) + area_offset::size, bytes);
+        const std::string why = "chunk " + std::to_string(second) +
+                                " does not fill whole pages: " + std::to_string(bytes) +
+                                " bytes from 0x80001000";
+        const auto fit = run({"map", "--fit", "4K"});
+        EXPECT_EQ(fit.status, 4);
+        EXPECT_EQ(fit.output, "4 KiB: where it would go is not known, because " + why + "\n");
+        const auto map = run({"map"});
+        EXPECT_EQ(map.status, 4);
+        EXPECT_EQ(map.output.find("(free)"), std::string::npos) << map.output;
+        EXPECT_TRUE(map.errors.starts_with("tarvoctl: " + why + "\n")) << map.errors;
+        EXPECT_EQ(json_of(run({"map", "--json"})).at("free_bytes"), nullptr);
+        const auto found = run({"find", "0x80001fff"});
+        EXPECT_EQ(found.status, 4) << found.output;
     }
 }
 

@@ -201,6 +201,15 @@ TEST_F(Top, ShowsTheLastPictureWhileTheLockIsTaken) {
     EXPECT_EQ(top.program.wait(), normal_end);
 }
 
+TEST_F(Top, NamesTheHolderOfALockThatItNeverGot) {
+    const held_lock held(machine.lock_file());
+    terminal screen(24, 100);
+    running_tool top = screen.start(machine, {"top", "--interval", "0.05", "--timeout", "0.05"});
+    screen.output_with(" was not free within 0.05 s: " + this_process() + " holds it");
+    screen.type("q");
+    EXPECT_EQ(top.program.wait(), normal_end);
+}
+
 TEST(TopWithoutAnArea, WaitsForIt) {
     sandbox machine(simulation);
     terminal screen(24, 80);

@@ -124,8 +124,9 @@ void command_words::live(area_source& source) {
 }
 
 void command_words::timeout(std::chrono::milliseconds& timeout) {
-    add_seconds(*parser_, {"--timeout", "longest wait for the lock, in seconds; default 5", 0,
-                           std::numeric_limits<double>::infinity(),
+    const std::string about =
+        fmt::format("longest wait for the lock, in seconds; default {}", seconds{timeout}.count());
+    add_seconds(*parser_, {"--timeout", about, 0, std::numeric_limits<double>::infinity(),
                            "a number of seconds, 0 or more", [&timeout](seconds wanted) {
                                timeout =
                                    whole_milliseconds(std::min(wanted, seconds{longest_timeout}));

@@ -38,6 +38,10 @@ void add_chunks(const chunk_list& chunks, picture& to) {
             // The sentinels only say where the region lies.
             if (index != chunks._head && index != chunks._tail) {
                 to.chunks.push_back(chunk_of(index, chunk, to.damage));
+                if (const auto partial = damage_to_bounds(to.chunks.back())) {
+                    to.damage.push_back(*partial);
+                    to.all_chunks = false;
+                }
             }
         })) {
         to.damage.push_back("the list of chunks is damaged: " + *why);
@@ -54,6 +58,15 @@ void add_devices(const device_list& devices, picture& to) {
 }
 
 } // namespace
+
+std::optional<std::string> damage_to_bounds(const chunk_record& chunk) {
+    constexpr uint64_t smallest_page_bytes = 4096;
+    if (chunk.size != 0 && (chunk.size | chunk.pa) % smallest_page_bytes == 0) {
+        return std::nullopt;
+    }
+    return fmt::format("chunk {} does not fill whole pages: {} bytes from {:#x}", chunk.index,
+                       chunk.size, chunk.pa);
+}
 
 std::string device_text(const device_record& device) {
     return fmt::format("{:04x}:{:02x}:{:02x}.{:x}", device.domain, device.bus,

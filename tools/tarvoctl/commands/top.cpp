@@ -43,9 +43,9 @@ class live_view {
             mark_ = "  OLD: the lock is not free, see 'tarvoctl lock'";
         } else {
             records_.reset();
-            title_ = title_of(look.area, "  q ends");
+            title_ = title_of(look.area, "  q quit");
             mark_ = look.found == area_look::state::locked
-                        ? "\n\nThe lock is not free; 'tarvoctl lock' shows who holds it."
+                        ? "\n\n" + look.obstacle
                         : "\n\nThere is no area. The first program that uses the library makes it.";
         }
     }

@@ -306,8 +306,13 @@ mapped_area::mapped_area(const std::string& path) {
     require_whole(file, path);
     constexpr std::size_t bytes = sizeof(shared_area_t);
     // Where a hole has no room on the disk, the first store into it would end the process.
-    if (::fallocate(file.get(), FALLOC_FL_KEEP_SIZE, 0, bytes) != 0 && errno == ENOSPC)
-        complain_of(path, errno);
+    if (::fallocate(file.get(), FALLOC_FL_KEEP_SIZE, 0, bytes) != 0 && errno == ENOSPC) {
+        const site here = find_site();
+        if (path == here.area) {
+            refuse_shortage(area_without_room(here), exit_status::unreadable);
+        }
+        complain_of(path, ENOSPC);
+    }
     void* const start = ::mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_SHARED, file.get(), 0);
     if (start == MAP_FAILED)
         complain_of(path, errno);

@@ -86,10 +86,17 @@ std::string room_fix(const mount& where, const room& has, uint64_t lacking) {
     return fmt::format("mount -o remount,size={}m {}", mebibytes, where.point);
 }
 
-/// `reserved`: what another file on the same file system takes as well.
-std::optional<file_shortage> without_room(const std::string& path, uint64_t needed,
-                                          uint64_t reserved, const char* meaning) {
+/// What files on one file system still take of it, in bytes.
+struct demand {
+    uint64_t needed;       ///< the file that is looked at
+    uint64_t reserved = 0; ///< another one, before it
+    uint64_t later = 0;    ///< another one, after it: what helps makes room for that as well
+};
+
+std::optional<file_shortage> without_room(const std::string& path, const demand& of,
+                                          const char* meaning) {
     const auto has = room_for(path);
+    const auto [needed, reserved, later] = of;
     if (!has || needed == 0 || needed + reserved <= has->free) {
         return std::nullopt;
     }
@@ -101,7 +108,7 @@ std::optional<file_shortage> without_room(const std::string& path, uint64_t need
                         ? ""
                         : fmt::format(", besides {} for the bookkeeping", size_text(reserved)),
                     where.point, size_text(has->free)),
-        meaning, room_fix(where, *has, needed + reserved - has->free)};
+        meaning, room_fix(where, *has, needed + reserved + later - has->free)};
 }
 
 /// What is to be taken of the file system when all these bytes are written.
@@ -124,6 +131,11 @@ uint64_t hole_bytes(const std::string& path, uint64_t first, uint64_t end) {
 
 uint64_t missing_bytes_of_area(const site& here) {
     return missing_bytes(here.area, area_bytes());
+}
+
+/// In simulation.
+uint64_t missing_bytes_of_memory(const site& here) {
+    return missing_bytes(here.memory, simulated_region.end_pa - simulated_region.first_pa);
 }
 
 /// By the flag in its first byte.
@@ -197,7 +209,9 @@ std::optional<file_shortage> lost_memory(const site& here) {
 }
 
 std::optional<file_shortage> area_without_room(const site& here) {
-    return without_room(here.area, missing_bytes_of_area(here), 0,
+    return without_room(here.area,
+                        {.needed = missing_bytes_of_area(here),
+                         .later = here.simulation ? missing_bytes_of_memory(here) : 0},
                         is_built(here.area) ? ends_programs : stops_starts);
 }
 
@@ -207,16 +221,18 @@ std::optional<file_shortage> memory_without_room(const site& here) {
     }
     return without_room(
         here.memory,
-        missing_bytes(here.memory, simulated_region.end_pa - simulated_region.first_pa),
-        missing_bytes_of_area(here), ends_makers);
+        {.needed = missing_bytes_of_memory(here), .reserved = missing_bytes_of_area(here)},
+        ends_makers);
 }
 
 std::optional<file_shortage> chunk_without_room(const site& here, uint64_t pa, uint32_t size) {
     if (!here.simulation) {
         return std::nullopt;
     }
-    return without_room(here.memory, hole_bytes(here.memory, pa, pa + size),
-                        missing_bytes_of_area(here), ends_makers);
+    return without_room(
+        here.memory,
+        {.needed = hole_bytes(here.memory, pa, pa + size), .reserved = missing_bytes_of_area(here)},
+        ends_makers);
 }
 
 std::optional<file_shortage> shortage_in(const site& here) {

@@ -62,9 +62,10 @@ void check_chunk_name(const std::string& name) {
         refuse(fmt::format("the name '{}' has {} bytes; a chunk's name has 1 to {}", shown(name),
                            name.size(), name_bytes - 1));
     }
-    if (name == "__HEAD" || name == "__TAIL")
+    if (name == "__HEAD" || name == "__TAIL") {
         refuse(fmt::format("'{}' is reserved: it marks an end of the region; choose another name",
                            name));
+    }
 }
 
 void check_new_name(const std::string& name) {

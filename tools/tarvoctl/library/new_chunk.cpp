@@ -31,6 +31,15 @@ std::optional<std::string> gap_obstacle(uint32_t size, const picture& records) {
                        total);
 }
 
+std::optional<std::string> partial_chunk_in(const picture& records) {
+    for (const chunk_record& each : records.chunks) {
+        if (auto partial = damage_to_bounds(each)) {
+            return partial;
+        }
+    }
+    return std::nullopt;
+}
+
 /// The library looks for gaps in the order of the list.
 std::optional<std::string> disorder_in(const std::vector<chunk_record>& chunks) {
     const auto upper = std::adjacent_find(
@@ -70,6 +79,9 @@ std::optional<std::string> overlap_in(const std::vector<piece>& pieces) {
 } // namespace
 
 std::optional<std::string> damage_to_places(const picture& records, bool driver_chooses) {
+    if (auto partial = partial_chunk_in(records)) {
+        return partial;
+    }
     if (!records.all_chunks) {
         return "not all chunks could be read";
     }

@@ -68,8 +68,11 @@ void check_files(const site& here, missing_file when_missing) {
     refuse_shortage(lost_memory(here), exit_status::damaged);
     // The library would fill the file up with zeros, and nobody could see that any were lost.
     refuse_shortage(cut_short_memory(here), exit_status::damaged);
-    // The library's own look into the area would end its process.
-    refuse_shortage(area_without_room(here), exit_status::unreadable);
+    // The library's own look into the area would end its process. One that was cut short is refused
+    // for that when it is read: room does not bring back what is lost.
+    if (!open_built_area(here.area) || !cut_short_area(here)) {
+        refuse_shortage(area_without_room(here), exit_status::unreadable);
+    }
 }
 
 /// The library itself looks at little: it would end the process halfway, or make it worse.
@@ -89,7 +92,7 @@ void refuse_broken(const shared_area_t& area, const site& here, std::optional<wa
     }
     throw failure{exit_status::damaged,
                   fmt::format("the area is broken: {}: {}. The library would break off the call, "
-                              "or make it worse; see 'tarvoctl check' and 'tarvoctl repair'",
+                              "or make it worse; 'tarvoctl check' shows what helps",
                               place_text(broken->where, area), shown(broken->text))};
 }
 
