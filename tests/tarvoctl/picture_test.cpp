@@ -103,6 +103,22 @@ TEST(Picture, OnAWideTerminalItIsWiderAndHasColours) {
     EXPECT_EQ(output.find("0x0080040000 |"), std::string::npos) << output;
 }
 
+TEST(Picture, OfFiftyChunksEachIsListedWithItsLetter) {
+    sandbox machine(low);
+    client driver = machine.start();
+    for (int i = 0; i < 50; ++i) {
+        driver.alloc("chunk_" + std::to_string(i), 0x100000);
+    }
+    const auto lines = lines_of(tarvoctl(machine, {"map"}).output);
+    for (int i = 0; i < 50; ++i) {
+        const std::string name = "  chunk_" + std::to_string(i);
+        const auto line = std::find_if(lines.begin(), lines.end(),
+                                       [&](const auto& each) { return each.ends_with(name); });
+        ASSERT_NE(line, lines.end()) << name;
+        EXPECT_NE(line->front(), ' ') << *line;
+    }
+}
+
 TEST(Picture, OfAllChunksTheLargestAreListedAndTheOthersCounted) {
     sandbox machine(low);
     client driver = machine.start();
