@@ -259,7 +259,7 @@ class Contest:
                 one.ask(f"find {names} 50")
             for work, command in (
                 ("resident memory after walks", "memory"),
-                ("files behind the names", "files"),
+                ("files that hold the names", "files"),
             ):
                 result = Result("f", work, names, "in order", kind, "KiB")
                 self.take_turns(result, workers, command)

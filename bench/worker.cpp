@@ -14,7 +14,7 @@
 //     attach K          K new processes: from nothing to having found the place
 //     attach_find N K   the same, and a name of N found
 //     memory            resident kibibytes of this process
-//     files             kibibytes of the files behind the names
+//     files             kibibytes of the files that hold the names
 //     SPECIALITY NUMBER one of the contender's own
 
 #include "contender.hpp"

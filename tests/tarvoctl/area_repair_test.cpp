@@ -174,7 +174,7 @@ TEST_F(area_repair, MarksTheOnlyDeviceAllocatedAndTheOnlyReferenceToIt) {
 TEST_F(area_repair, LeavesADeviceToAPersonThatLostItsMarkAndItsLinks) {
     const auto doubts_device_1 = ElementsAre(
         AllOf(Field(&repair_doubt::where, place{area_list::devices, 1}),
-              Field(&repair_doubt::why, HasSubstr("it cannot be told whether it is registered"))));
+              Field(&repair_doubt::why, HasSubstr("it is unknown whether it is registered"))));
     write.u8(at_device(1, area_offset::allocated), 0);
     write.i32(at_device(1, area_offset::prev), 9);
     EXPECT_THAT(repair().doubts, doubts_device_1);

@@ -47,6 +47,6 @@ class program {
 /// The headings.
 inline constexpr const char* looking = "Looking";
 inline constexpr const char* changing = "Changing";
-inline constexpr const char* mending = "Checking and repairing";
+inline constexpr const char* repairing = "Checking and repairing";
 
 } // namespace tarvoctl

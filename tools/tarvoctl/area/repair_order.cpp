@@ -14,7 +14,7 @@ namespace tarvoctl {
 namespace {
 
 constexpr std::string_view cut_off =
-    "marked allocated, but the list is damaged in more than one place and it cannot be told "
+    "marked allocated, but the list is damaged in more than one place and it is unknown "
     "whether this was part of it";
 
 using may_be_listed = std::function<bool(int)>;
@@ -51,10 +51,9 @@ void doubt_unmarked(const list_links& links, decided_list& decided, repair_plan&
     for (int element = 0; element < links.capacity; ++element) {
         if (links.flag(element) == 0 && !is_zero(links.bytes_behind_next(element)) &&
             is_named(links, decided.order, element)) {
-            plan.doubts.push_back(
-                {links.at(element),
-                 "the list names it, but it is not marked allocated and its "
-                 "links are damaged: it cannot be told whether it is registered"});
+            plan.doubts.push_back({links.at(element),
+                                   "the list names it, but it is not marked allocated and its "
+                                   "links are damaged: it is unknown whether it is registered"});
             decided.left_alone.push_back(element);
         }
     }

@@ -86,7 +86,7 @@ exit_status check(const check_command_options& options) {
 void add_check(program& to) {
     const auto options = std::make_shared<check_command_options>();
     command_words command =
-        to.add("check", "every rule of the area, live or of a copy", mending, options, check);
+        to.add("check", "every rule of the area, live or of a copy", repairing, options, check);
     command.optional_word("FILE", options->source.file,
                           "a copy to check in place of the live area");
     command.flag("--cma", options->cma, "the copy is of a CMA region: chunks may overlap");

@@ -106,7 +106,7 @@ void add_doctor(program& to) {
     const auto as_json = std::make_shared<bool>(false);
     command_words command =
         to.add("doctor", "what is wrong with files, drivers, area and users, each with the fix",
-               mending, [as_json] { return doctor(*as_json); });
+               repairing, [as_json] { return doctor(*as_json); });
     command.json(*as_json);
 }
 

@@ -253,7 +253,7 @@ void add_repair(program& to) {
     const auto options = std::make_shared<repair_options>();
     command_words command =
         to.add("repair", "make the area whole after a process died in the middle of a change",
-               mending, options, repair);
+               repairing, options, repair);
     command.optional_word("FILE", options->source.file,
                           "a copy to repair in place of the live area");
     command.flag("--cma", options->cma, "the copy is of a CMA region: chunks may overlap");

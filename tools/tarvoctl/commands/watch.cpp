@@ -167,7 +167,7 @@ class watcher {
     void remark(const std::string& text) { remark(text, text); }
 
     /// Tells people once what goes on, on standard error; "" when it is over. Texts about the same
-    /// obstacle are told once.
+    /// obstacle are reported once.
     void remark(const std::string& text, const std::string& about) {
         if (about != obstacle_ && !text.empty()) {
             fmt::print(stderr, "tarvoctl: {}\n", text);

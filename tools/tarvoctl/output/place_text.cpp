@@ -26,7 +26,7 @@ std::string label_of(const dma_chunk_t& chunk) {
            (creator.empty() ? "" : fmt::format(" (creator {})", shown(creator)));
 }
 
-/// Nothing where it is no device in use: a free element holds no address.
+/// Nothing for an element that is not in use: a free one holds no address.
 std::optional<std::string> device_of(const place& where, const shared_area_t& area) {
     const bool exists = where.element >= 0 && where.element < device_capacity;
     if (where.list != area_list::devices || !exists) {

@@ -23,7 +23,7 @@ struct top_view {
     screen on;
     std::size_t height; ///< lines there are; 0: as many as it takes
     top_order order = top_order::size;
-    std::size_t shifted_columns = 0; ///< of the chunks, left out so that those behind are seen
+    std::size_t shifted_columns = 0; ///< of the chunks, left out so that those after them are seen
     std::size_t first_chunk = 0;     ///< of those in that order, where there is no room for all
 };
 
