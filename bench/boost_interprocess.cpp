@@ -9,8 +9,8 @@ namespace {
 
 namespace ipc = boost::interprocess;
 
-constexpr std::size_t page = 4096;                             // bytes
-constexpr std::size_t segment_bytes = std::size_t{256} << 20U; // room for all rows
+constexpr size_t page = 4096;                        // bytes
+constexpr size_t segment_bytes = size_t{256} << 20U; // room for all rows
 
 #ifdef BENCH_SEQUENTIAL_FIT
 using segment =
@@ -24,11 +24,11 @@ constexpr const char* path = "/var/tmp/boost_tree";
 /// One mapped file for all names, with an index and a mutex in it.
 class boost_contender : public contender {
   public:
-    void create(const std::string& name, std::size_t bytes) override {
+    void create(const std::string& name, size_t bytes) override {
         _segment.construct<char>(name.c_str())[bytes](0);
     }
 
-    void find(const std::string& name, std::size_t /*bytes*/) override { memory_of(name); }
+    void find(const std::string& name, size_t /*bytes*/) override { memory_of(name); }
 
     void remove(const std::string& name) override {
         if (!_segment.destroy<char>(name.c_str())) {
@@ -37,9 +37,9 @@ class boost_contender : public contender {
     }
 
     /// All is mapped already, so there is only the writing.
-    void touch(const std::string& name, std::size_t bytes) override {
+    void touch(const std::string& name, size_t bytes) override {
         volatile char* memory = memory_of(name);
-        for (std::size_t i = 0; i < bytes; i += page) {
+        for (size_t i = 0; i < bytes; i += page) {
             memory[i] = 1;
         }
     }

@@ -17,12 +17,12 @@ class contender {
     contender& operator=(const contender&) = delete;
 
     /// Makes named memory of that many bytes, all zero.
-    virtual void create(const std::string& name, std::size_t bytes) = 0;
+    virtual void create(const std::string& name, size_t bytes) = 0;
     /// Looks up what another process may have made.
-    virtual void find(const std::string& name, std::size_t bytes) = 0;
+    virtual void find(const std::string& name, size_t bytes) = 0;
     virtual void remove(const std::string& name) = 0;
     /// Writes to the first byte of each page of it, through a mapping that lasts that long.
-    virtual void touch(const std::string& name, std::size_t bytes) = 0;
+    virtual void touch(const std::string& name, size_t bytes) = 0;
     /// How large the files are in which it keeps what the processes share.
     virtual std::uintmax_t file_bytes() = 0;
 

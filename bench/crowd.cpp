@@ -1,4 +1,5 @@
 #include "crowd.hpp"
+
 #include "contender.hpp"
 
 #include <algorithm>
@@ -16,7 +17,7 @@ namespace {
 
 constexpr int members_at_most = 16;
 constexpr int warm_up = 10; // operations; the first ones of a process find nothing mapped
-// For each process, so that where the scheduler puts them at first does not decide.
+/// For each process, so that where the scheduler puts them at first does not decide.
 constexpr auto working_time = std::chrono::milliseconds{50};
 
 /// What the processes share. They work until it is over, so that the slower ones do less instead
@@ -112,7 +113,7 @@ class crowd {
         for (; !_tally.over; done++) {
             work();
         }
-        _tally.done[static_cast<std::size_t>(number)] = done;
+        _tally.done[static_cast<size_t>(number)] = done;
         _exit(0);
     }
 

@@ -28,7 +28,7 @@ class dpdk_contender : public contender {
         sched_setaffinity(0, sizeof processors, &processors); // it has bound itself to one
     }
 
-    void create(const std::string& name, std::size_t bytes) override {
+    void create(const std::string& name, size_t bytes) override {
         const rte_memzone* zone = rte_memzone_reserve(name.c_str(), bytes, SOCKET_ID_ANY, 0);
         if (zone == nullptr) {
             give_up(name + ": " + rte_strerror(rte_errno));
@@ -36,13 +36,13 @@ class dpdk_contender : public contender {
         std::memset(zone->addr, 0, bytes);
     }
 
-    void find(const std::string& name, std::size_t /*bytes*/) override { zone_of(name); }
+    void find(const std::string& name, size_t /*bytes*/) override { zone_of(name); }
 
     void remove(const std::string& name) override { rte_memzone_free(zone_of(name)); }
 
-    void touch(const std::string& name, std::size_t bytes) override {
+    void touch(const std::string& name, size_t bytes) override {
         auto* memory = static_cast<volatile char*>(zone_of(name)->addr);
-        for (std::size_t i = 0; i < bytes; i += 4096) {
+        for (size_t i = 0; i < bytes; i += 4096) {
             memory[i] = 1;
         }
     }
@@ -64,7 +64,7 @@ class dpdk_contender : public contender {
                                           "-l",          "0",
                                           "--log-level", "critical"};
         std::array<char*, words.size()> arguments{};
-        for (std::size_t i = 0; i < words.size(); i++) {
+        for (size_t i = 0; i < words.size(); i++) {
             arguments[i] = words[i].data();
         }
         if (rte_eal_init(static_cast<int>(arguments.size()), arguments.data()) < 0) {

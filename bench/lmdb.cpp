@@ -14,7 +14,7 @@ class lmdb_contender : public contender {
   public:
     lmdb_contender() {
         check(mdb_env_create(&_env));
-        check(mdb_env_set_mapsize(_env, std::size_t{256} << 20U));
+        check(mdb_env_set_mapsize(_env, size_t{256} << 20U));
         check(mdb_env_open(_env, path, MDB_NOSUBDIR | MDB_NOSYNC, 0600));
         int left = 0; // places of readers that ended without a word, of which there are 126
         check(mdb_reader_check(_env, &left));
@@ -26,7 +26,7 @@ class lmdb_contender : public contender {
         mdb_txn_reset(_reading);
     }
 
-    void create(const std::string& name, std::size_t bytes) override {
+    void create(const std::string& name, size_t bytes) override {
         write([&](MDB_txn* txn) {
             MDB_val key = key_of(name);
             MDB_val value{sizeof bytes, &bytes};
@@ -34,7 +34,7 @@ class lmdb_contender : public contender {
         });
     }
 
-    void find(const std::string& name, std::size_t /*bytes*/) override {
+    void find(const std::string& name, size_t /*bytes*/) override {
         check(mdb_txn_renew(_reading));
         MDB_val key = key_of(name);
         MDB_val value;
@@ -49,7 +49,7 @@ class lmdb_contender : public contender {
         });
     }
 
-    void touch(const std::string& /*name*/, std::size_t /*bytes*/) override {
+    void touch(const std::string& /*name*/, size_t /*bytes*/) override {
         give_up("a registry of names has no memory");
     }
 

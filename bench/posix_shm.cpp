@@ -7,13 +7,13 @@
 
 namespace {
 
-constexpr std::size_t page = 4096; // bytes
+constexpr size_t page = 4096; // bytes
 constexpr const char* prefix = "bench_";
 
 /// One object for each name. Looking it up is opening it.
 class posix_shm_contender : public contender {
   public:
-    void create(const std::string& name, std::size_t bytes) override {
+    void create(const std::string& name, size_t bytes) override {
         const int file = open_object(name, O_RDWR | O_CREAT | O_EXCL);
         if (ftruncate(file, static_cast<off_t>(bytes)) != 0) {
             give_up(name + " gets no memory");
@@ -21,7 +21,7 @@ class posix_shm_contender : public contender {
         close(file);
     }
 
-    void find(const std::string& name, std::size_t /*bytes*/) override {
+    void find(const std::string& name, size_t /*bytes*/) override {
         close(open_object(name, O_RDWR));
     }
 
@@ -31,13 +31,13 @@ class posix_shm_contender : public contender {
         }
     }
 
-    void touch(const std::string& name, std::size_t bytes) override {
+    void touch(const std::string& name, size_t bytes) override {
         const int file = open_object(name, O_RDWR);
         void* memory = mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_SHARED, file, 0);
         if (memory == MAP_FAILED) {
             give_up(name + " cannot be mapped");
         }
-        for (std::size_t i = 0; i < bytes; i += page) {
+        for (size_t i = 0; i < bytes; i += page) {
             static_cast<volatile char*>(memory)[i] = 1;
         }
         munmap(memory, bytes);

@@ -1,4 +1,5 @@
 #include "tarvo.h"
+
 #include "contender.hpp"
 
 #include <cstdint>
@@ -7,25 +8,25 @@
 
 namespace {
 
-constexpr std::uint32_t page = 4096; // bytes
+constexpr uint32_t page = 4096; // bytes
 
 class tarvo_contender : public contender {
   public:
     tarvo_contender() {
-        std::uint32_t start = 0;
-        std::uint32_t end = 0;
+        uint32_t start = 0;
+        uint32_t end = 0;
         if (tarvo_get_limits(&start, &end) != 0) {
             give_up("libtarvo does not start");
         }
     }
 
-    void create(const std::string& name, std::size_t bytes) override {
+    void create(const std::string& name, size_t bytes) override {
         if (tarvo_alloc_func(name.c_str(), bytes, "bench") == 0) {
             give_up("no chunk for " + name);
         }
     }
 
-    void find(const std::string& name, std::size_t bytes) override { create(name, bytes); }
+    void find(const std::string& name, size_t bytes) override { create(name, bytes); }
 
     void remove(const std::string& name) override {
         if (tarvo_free(name.c_str()) != 0) {
@@ -33,12 +34,12 @@ class tarvo_contender : public contender {
         }
     }
 
-    void touch(const std::string& name, std::size_t bytes) override {
+    void touch(const std::string& name, size_t bytes) override {
         auto* memory = static_cast<volatile char*>(tarvo_map(name.c_str(), true, 0, 0));
         if (memory == nullptr) {
             give_up(name + " cannot be mapped");
         }
-        for (std::size_t i = 0; i < bytes; i += page) {
+        for (size_t i = 0; i < bytes; i += page) {
             memory[i] = 1;
         }
         tarvo_unmap(name.c_str(), const_cast<char*>(memory), 0);
@@ -71,12 +72,12 @@ class tarvo_contender : public contender {
     /// By the address of the chunk that fills that page of the region, a hundred times.
     static double locate(int number) {
         constexpr int times = 100;
-        std::uint32_t first = 0;
-        std::uint32_t end = 0;
+        uint32_t first = 0;
+        uint32_t end = 0;
         tarvo_get_limits(&first, &end);
-        const std::uint32_t dma = first + static_cast<std::uint32_t>(number) * page;
+        const uint32_t dma = first + static_cast<uint32_t>(number) * page;
         return time_of([dma] {
-                   std::uint32_t start = 0;
+                   uint32_t start = 0;
                    for (int i = 0; i < times; i++) {
                        if (tarvo_find(dma, &start) == nullptr) {
                            give_up("a chunk is not found by its address");
@@ -88,7 +89,7 @@ class tarvo_contender : public contender {
 
     /// Made, touched and freed; the memory behind it is that of the last time.
     double large(int mebibytes) {
-        const std::size_t bytes = static_cast<std::size_t>(mebibytes) << 20U;
+        const size_t bytes = static_cast<size_t>(mebibytes) << 20U;
         const double time = time_of([&] {
             create("large", bytes);
             touch("large", bytes);
@@ -105,7 +106,7 @@ class tarvo_contender : public contender {
 
     static double register_devices(int count) {
         for (int i = 0; i < count; i++) {
-            tarvo_register_device(0, static_cast<std::uint32_t>(i), 0);
+            tarvo_register_device(0, static_cast<uint32_t>(i), 0);
         }
         return 0;
     }

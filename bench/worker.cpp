@@ -33,15 +33,15 @@
 
 namespace {
 
-constexpr std::size_t page = 4096;  // bytes
-constexpr std::size_t wide = 65536; // bytes
+constexpr size_t page = 4096;  // bytes
+constexpr size_t wide = 65536; // bytes
 
 std::string name_of(int number) {
     return "chunk_" + std::to_string(number);
 }
 
 std::vector<int> in_order(int count) {
-    std::vector<int> numbers(static_cast<std::size_t>(count));
+    std::vector<int> numbers(static_cast<size_t>(count));
     std::iota(numbers.begin(), numbers.end(), 0);
     return numbers;
 }
@@ -123,7 +123,7 @@ class worker {
         } else if (command == "shuffle") {
             shuffle(one, first);
         } else if (command == "wide") {
-            one.create("wide", static_cast<std::size_t>(first));
+            one.create("wide", static_cast<size_t>(first));
         } else if (command == "find") {
             return find(one, first, second);
         } else if (command == "churn") {
@@ -192,7 +192,7 @@ class worker {
 
     std::vector<std::string> random_names(int names, int count) {
         std::vector<std::string> chosen;
-        chosen.reserve(static_cast<std::size_t>(count));
+        chosen.reserve(static_cast<size_t>(count));
         for (int i = 0; i < count; i++) {
             chosen.push_back(name_of(std::uniform_int_distribution(0, names - 1)(_random)));
         }

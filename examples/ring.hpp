@@ -14,9 +14,9 @@
 
 inline constexpr std::string_view ring_name = "example_ring";
 
-/// What the ring's two sides tell each other besides messages. A new chunk is zero, but can be found
-/// before that: the other values are such that old memory hardly holds them by chance.
-enum ring_state : std::uint32_t {
+/// What the ring's two sides tell each other besides messages. A new chunk is zero, but can be
+/// found before that: the other values are such that old memory hardly holds them by chance.
+enum ring_state : uint32_t {
     ring_unused = 0,
     ring_open = 0x676e6972,   ///< by the producer: the ring can be read
     ring_closed = 0x736e6972, ///< by the producer: nothing more will be written
@@ -28,13 +28,13 @@ enum ring_state : std::uint32_t {
 /// counters are written by one side each, and lie apart so that they do not share a cache line.
 /// They count messages, modulo 2^32, and never go back.
 struct ring_memory {
-    static constexpr std::uint32_t slot_count = 64;
-    static constexpr std::size_t slot_bytes = 64;
+    static constexpr uint32_t slot_count = 64;
+    static constexpr size_t slot_bytes = 64;
     using slot = std::array<char, slot_bytes>;
 
-    alignas(64) std::uint32_t state;
-    alignas(64) std::uint32_t written; ///< by the producer
-    alignas(64) std::uint32_t read;    ///< by the consumer
+    alignas(64) uint32_t state;
+    alignas(64) uint32_t written; ///< by the producer
+    alignas(64) uint32_t read;    ///< by the consumer
     alignas(64) std::array<slot, slot_count> slots;
 };
 
@@ -44,18 +44,18 @@ static_assert(sizeof(ring_memory) == 3 * 64 + 64 * 64);
 /// region that is mapped uncached need not know read-modify-write instructions.
 class shared_number {
   public:
-    explicit shared_number(std::uint32_t& field) : _field(field) {
+    explicit shared_number(uint32_t& field) : _field(field) {
         // A lock would be in this process alone.
-        static_assert(std::atomic_ref<std::uint32_t>::is_always_lock_free);
+        static_assert(std::atomic_ref<uint32_t>::is_always_lock_free);
     }
 
     /// What the other side wrote before it published this number can be read from here on.
-    std::uint32_t seen() const { return _field.load(std::memory_order_acquire); }
+    uint32_t seen() const { return _field.load(std::memory_order_acquire); }
     /// Whoever sees this number also sees all that was written before.
-    void publish(std::uint32_t value) const { _field.store(value, std::memory_order_release); }
+    void publish(uint32_t value) const { _field.store(value, std::memory_order_release); }
 
   private:
-    std::atomic_ref<std::uint32_t> _field;
+    std::atomic_ref<uint32_t> _field;
 };
 
 /// Waits until `condition` holds; false when it does not come true in time. Asks again and again:

@@ -19,10 +19,10 @@ int complain(const char* what) {
 }
 
 /// How many messages came, up to the first one out of order.
-std::uint32_t receive(ring_memory& ring, const shared_number& state) {
+uint32_t receive(ring_memory& ring, const shared_number& state) {
     const shared_number read(ring.read);
     const shared_number written(ring.written);
-    for (std::uint32_t number = 0;; ++number) {
+    for (uint32_t number = 0;; ++number) {
         // Closed before the counter is looked at: what was written last is not missed.
         const auto at_end = [&] { return state.seen() == ring_closed && written.seen() == number; };
         if (!wait_until([&] { return written.seen() != number || at_end(); }) || at_end()) {
@@ -40,7 +40,8 @@ std::uint32_t receive(ring_memory& ring, const shared_number& state) {
 } // namespace
 
 int main() {
-    // The producer may not have made it yet. Each look takes the lock of all processes: not too often.
+    // The producer may not have made it yet. Each look takes the lock of all processes: not too
+    // often.
     auto chunk = tarvo::find_chunk(ring_name);
     const auto there = [&] { return (chunk = tarvo::find_chunk(ring_name)).has_value(); };
     if (!wait_until(there, std::chrono::milliseconds(20))) {
@@ -58,7 +59,7 @@ int main() {
     if (!wait_until([&] { return state.seen() == ring_open || state.seen() == ring_closed; })) {
         return complain("the ring is never opened");
     }
-    const std::uint32_t count = receive(**ring, state);
+    const uint32_t count = receive(**ring, state);
     const bool complete = count == shared_number((*ring)->written).seen();
     state.publish(ring_drained);
     std::printf("received %u messages, %s\n", count, complete ? "all in order" : "and then not");

@@ -18,10 +18,10 @@ int complain(const char* what) {
 }
 
 /// False when the consumer stops reading.
-bool send(ring_memory& ring, std::uint32_t count) {
+bool send(ring_memory& ring, uint32_t count) {
     const shared_number read(ring.read);
     const shared_number written(ring.written);
-    for (std::uint32_t number = 0; number < count; ++number) {
+    for (uint32_t number = 0; number < count; ++number) {
         if (!wait_until([&] { return number - read.seen() < ring_memory::slot_count; })) {
             return false;
         }
@@ -33,7 +33,7 @@ bool send(ring_memory& ring, std::uint32_t count) {
 }
 
 /// Everything between making the chunk and freeing it; the mapping ends with it.
-int use_ring(const tarvo::chunk& chunk, std::uint32_t count) {
+int use_ring(const tarvo::chunk& chunk, uint32_t count) {
     const auto memory = tarvo::map(chunk);
     if (!memory) {
         return complain(memory.error().message());
@@ -60,8 +60,7 @@ int use_ring(const tarvo::chunk& chunk, std::uint32_t count) {
 } // namespace
 
 int main(int argc, char** argv) {
-    const auto count =
-        static_cast<std::uint32_t>(argc > 1 ? std::strtoul(argv[1], nullptr, 10) : 1000);
+    const auto count = static_cast<uint32_t>(argc > 1 ? std::strtoul(argv[1], nullptr, 10) : 1000);
     const auto chunk =
         tarvo::allocate(ring_name, tarvo::bytes(sizeof(ring_memory)), "ring_producer");
     if (!chunk) {

@@ -65,8 +65,9 @@ struct ArrayBackedList {
 
     /// The index of the element that holds the byte `e` points at, which must lie in this list.
     /// Addresses are subtracted, not pointers: those of other objects have no difference that a
-    /// compiler need respect. In 64 bits without sign, so that a pointer below the list comes out far
-    /// above it, and compared before it is narrowed: no stray pointer is folded into the valid range.
+    /// compiler need respect. In 64 bits without sign, so that a pointer below the list comes out
+    /// far above it, and compared before it is narrowed: no stray pointer is folded into the valid
+    /// range.
     int index(T* e) {
         const uint64_t idx = (address(e) - address(_arr)) / sizeof(T);
         LIST_ASSERT(idx < MAX, "idx >= 0 && idx < MAX", 154);
@@ -94,7 +95,7 @@ struct ArrayBackedList {
 
     /// Whether next() of `cur`, the element at `idx`, is the one at `guess`. For walks that have a
     /// guess and no time: it checks nothing, and where it says no, next() has to be asked.
-    bool leads_to(const T& cur, std::size_t idx, std::size_t guess) const {
+    bool leads_to(const T& cur, size_t idx, size_t guess) const {
         if (cur.next != static_cast<int32_t>(guess) || !cur.allocated ||
             static_cast<int32_t>(idx) == _tail) [[unlikely]] {
             return false;
@@ -212,8 +213,8 @@ struct ArrayBackedList {
     iterator end() { return {}; }
 
   private:
-    /// Holds the compiler to the order of stores. The processor needs no telling: whatever a process
-    /// had stored when it died is there for the others.
+    /// Holds the compiler to the order of stores. The processor needs no telling: whatever a
+    /// process had stored when it died is there for the others.
     static void before_what_follows() { std::atomic_signal_fence(std::memory_order_seq_cst); }
 
     /// Stores both ends at once, where the machine can: a list with only one of them is a breach.
@@ -223,7 +224,7 @@ struct ArrayBackedList {
         *reinterpret_cast<volatile both*>(ends) = std::bit_cast<uint64_t>(std::array{head, tail});
     }
 
-    static uint64_t address(const T* e) { return reinterpret_cast<std::uintptr_t>(e); }
+    static uint64_t address(const T* e) { return reinterpret_cast<uintptr_t>(e); }
 
     bool is_head(T* cur) { return cur == arr_elem(_head); }
     bool is_tail(T* cur) { return cur == arr_elem(_tail); }

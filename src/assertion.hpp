@@ -1,8 +1,8 @@
 #pragma once
 
 /// The C library's own assertion failure, an entry of the binary interface that every Linux program
-/// shares. Its header declares it only where assertions are on, which is the includer's choice; ours
-/// always are.
+/// shares. Its header declares it only where assertions are on, which is the includer's choice;
+/// ours always are.
 extern "C" [[noreturn]] void assertion_failure(const char* text, const char* source, unsigned line,
                                                const char* signature) noexcept asm("__assert_fail");
 

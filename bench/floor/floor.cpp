@@ -1,6 +1,6 @@
 // How fast the work can be done at all on these bytes: each operation written out for itself, with
-// nothing traced, nothing started and nothing checked but what its result depends on. The layout and
-// the lock are the library's, as other processes rely on them.
+// nothing traced, nothing started and nothing checked but what its result depends on. The layout
+// and the lock are the library's, as other processes rely on them.
 
 #include "contender.hpp"
 #include "shared/layout.hpp"
@@ -17,8 +17,8 @@
 
 namespace {
 
-constexpr std::uint32_t page = 4096; // bytes
-constexpr std::size_t lead = 24;     // records that are fetched ahead
+constexpr uint32_t page = 4096; // bytes
+constexpr size_t lead = 24;     // records that are fetched ahead
 
 int open_or_give_up(const char* path, int flags) {
     const int file = open(path, flags | O_CLOEXEC);
@@ -42,19 +42,19 @@ class locked {
 
 /// The last eight bytes of a name, and of the names that it is compared with.
 struct name_end {
-    std::size_t at;
-    std::uint64_t bytes = 0;
-    std::uint64_t mask = ~std::uint64_t{0};
+    size_t at;
+    uint64_t bytes = 0;
+    uint64_t mask = ~uint64_t{0};
 
     explicit name_end(const std::string& name)
-        : at(std::max<std::size_t>(name.size() + 1, sizeof bytes) - sizeof bytes) {
-        const std::size_t count = std::min(name.size() + 1, sizeof bytes);
+        : at(std::max<size_t>(name.size() + 1, sizeof bytes) - sizeof bytes) {
+        const size_t count = std::min(name.size() + 1, sizeof bytes);
         std::memcpy(&bytes, name.c_str() + at, count);
         mask >>= 8 * (sizeof bytes - count);
     }
 
     bool ends(const dma_chunk_t& chunk) const {
-        std::uint64_t end = 0;
+        uint64_t end = 0;
         std::memcpy(&end, chunk.name + at, sizeof end);
         return (end & mask) == bytes;
     }
@@ -75,18 +75,18 @@ class floor_of_the_library : public contender {
         std::fill(_order.begin() + chunk_capacity - 2, _order.end(), last);
     }
 
-    void create(const std::string& name, std::size_t bytes) override {
-        std::uint64_t pa = 0;
+    void create(const std::string& name, size_t bytes) override {
+        uint64_t pa = 0;
         {
             const locked lock(_lock_file);
-            pa = make(name, static_cast<std::uint32_t>(bytes));
+            pa = make(name, static_cast<uint32_t>(bytes));
         }
         void* memory = map(pa, bytes);
         std::memset(memory, 0, bytes);
         munmap(memory, bytes);
     }
 
-    void find(const std::string& name, std::size_t /*bytes*/) override {
+    void find(const std::string& name, size_t /*bytes*/) override {
         const locked lock(_lock_file);
         _result = found(name)->pa;
     }
@@ -96,13 +96,13 @@ class floor_of_the_library : public contender {
         take_off(found(name));
     }
 
-    void touch(const std::string& name, std::size_t bytes) override {
+    void touch(const std::string& name, size_t bytes) override {
         volatile char* memory = nullptr;
         {
             const locked lock(_lock_file);
             memory = static_cast<volatile char*>(map(found(name)->pa, bytes));
         }
-        for (std::size_t i = 0; i < bytes; i += page) {
+        for (size_t i = 0; i < bytes; i += page) {
             memory[i] = 1;
         }
         const locked lock(_lock_file);
@@ -116,13 +116,13 @@ class floor_of_the_library : public contender {
     }
 
   private:
-    using element = std::uint16_t; // number of a record
+    using element = uint16_t; // number of a record
 
     static constexpr const char* area_path = "/var/tmp/tarvo_lib";
     static constexpr element first = 0; // the sentinels' places
     static constexpr element last = 1;
 
-    void* map(std::uint64_t pa, std::size_t bytes) const {
+    void* map(uint64_t pa, size_t bytes) const {
         void* memory = mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_SHARED, _memory_file,
                             static_cast<off_t>(pa));
         if (memory == MAP_FAILED) {
@@ -131,14 +131,14 @@ class floor_of_the_library : public contender {
         return memory;
     }
 
-    /// Visits the list from the lowest chunk on, up to the one at which `visit` (chunk, its number in
-    /// the order) is true; null when it is at none. The order is that of the last visit. Each link is
-    /// compared with it, and where they differ all begins again.
+    /// Visits the list from the lowest chunk on, up to the one at which `visit` (chunk, its number
+    /// in the order) is true; null when it is at none. The order is that of the last visit. Each
+    /// link is compared with it, and where they differ all begins again.
     template <typename Visit>
     dma_chunk_t* walk(Visit visit) {
         while (true) {
             dma_chunk_t* const records = _chunks->_arr;
-            std::size_t i = records[first].next == _order[0] ? 0 : _count + 1;
+            size_t i = records[first].next == _order[0] ? 0 : _count + 1;
             for (; i < _count; ++i) {
                 dma_chunk_t& chunk = records[_order[i]];
                 __builtin_prefetch(&records[_order[i + lead]]);
@@ -160,7 +160,7 @@ class floor_of_the_library : public contender {
     /// The links of the records in use are read in the order of the array first: no read waits for
     /// another one.
     void learn_order() {
-        std::size_t read = 0;
+        size_t read = 0;
         for (; read < chunk_capacity && _chunks->_arr[read].allocated; ++read) {
             _next[read] = static_cast<element>(_chunks->_arr[read].next);
         }
@@ -176,19 +176,19 @@ class floor_of_the_library : public contender {
 
     dma_chunk_t* found(const std::string& name) {
         const name_end end(name);
-        return walk([&](const dma_chunk_t& chunk, std::size_t) {
+        return walk([&](const dma_chunk_t& chunk, size_t) {
             return end.ends(chunk) && name == chunk.name;
         });
     }
 
     /// A new chunk at the lowest place with room for it, unless the name is there.
-    std::uint64_t make(const std::string& name, std::uint32_t bytes) {
+    uint64_t make(const std::string& name, uint32_t bytes) {
         const name_end end(name);
-        constexpr std::size_t nowhere = chunk_capacity;
-        std::size_t gap = nowhere;
-        std::uint64_t free_from = 0;
-        std::uint64_t pa = 0;
-        const auto note_gap = [&](const dma_chunk_t& chunk, std::size_t number) {
+        constexpr size_t nowhere = chunk_capacity;
+        size_t gap = nowhere;
+        uint64_t free_from = 0;
+        uint64_t pa = 0;
+        const auto note_gap = [&](const dma_chunk_t& chunk, size_t number) {
             if (number == 0) {
                 gap = nowhere;
                 free_from = _chunks->_arr[first].pa;
@@ -199,7 +199,7 @@ class floor_of_the_library : public contender {
             }
             free_from = chunk.pa + chunk.size;
         };
-        walk([&](const dma_chunk_t& chunk, std::size_t number) {
+        walk([&](const dma_chunk_t& chunk, size_t number) {
             note_gap(chunk, number);
             return end.ends(chunk) && name == chunk.name;
         });
@@ -209,7 +209,7 @@ class floor_of_the_library : public contender {
     }
 
     /// Enters a chunk as number `at` of the order.
-    void link(const std::string& name, std::uint32_t bytes, std::uint64_t pa, std::size_t at) {
+    void link(const std::string& name, uint32_t bytes, uint64_t pa, size_t at) {
         const auto made = static_cast<element>(_chunks->_free);
         dma_chunk_t& chunk = _chunks->_arr[made];
         _chunks->_free = chunk.next;
@@ -248,12 +248,11 @@ class floor_of_the_library : public contender {
     /// By the address of the chunk that fills that page of the region, a hundred times.
     double locate(int number) {
         constexpr int times = 100;
-        const std::uint64_t pa =
-            _chunks->_arr[first].pa + static_cast<std::uint64_t>(number) * page;
+        const uint64_t pa = _chunks->_arr[first].pa + static_cast<uint64_t>(number) * page;
         return time_of([&] {
                    for (int i = 0; i < times; i++) {
                        const locked lock(_lock_file);
-                       _result = walk([pa](const dma_chunk_t& chunk, std::size_t) {
+                       _result = walk([pa](const dma_chunk_t& chunk, size_t) {
                                      return chunk.pa <= pa && pa < chunk.pa + chunk.size;
                                  })->pa;
                    }
@@ -265,12 +264,12 @@ class floor_of_the_library : public contender {
     int _lock_file = open_or_give_up("/var/tmp/tarvo_lock", O_RDONLY);
     int _memory_file = open_or_give_up("/var/tmp/tarvo", O_RDWR);
     chunk_list* _chunks = nullptr;
-    std::size_t _count = chunk_capacity - 2;
-    std::size_t _met = 0; ///< number in the order of the chunk that was found last
+    size_t _count = chunk_capacity - 2;
+    size_t _met = 0; ///< number in the order of the chunk that was found last
     /// The chunks in list order, and the last sentinel as often as is fetched ahead.
     std::array<element, chunk_capacity + lead + 1> _order;
     std::array<element, chunk_capacity> _next;
-    volatile std::uint64_t _result = 0;
+    volatile uint64_t _result = 0;
 };
 
 } // namespace

@@ -107,8 +107,8 @@ inline result<chunk> allocate(std::string_view name, bytes size,
     }
     const short_text<detail::name_room> c_name(name);
     const detail::creator_text c_creator(creator);
-    const dma_address dma(tarvo_alloc_func(
-        c_name.c_str(), static_cast<std::size_t>(rounded.count()), c_creator.c_str()));
+    const dma_address dma(
+        tarvo_alloc_func(c_name.c_str(), static_cast<size_t>(rounded.count()), c_creator.c_str()));
     if (dma == dma_address()) {
         return error(error_code::no_room,
                      "no room for '%s', %llu bytes: no gap is that large, or no record is left, or "

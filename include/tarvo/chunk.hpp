@@ -15,7 +15,7 @@
 namespace tarvo {
 
 /// A text of fewer than `Room` bytes, in the object itself. What does not fit is cut off.
-template <std::size_t Room>
+template <size_t Room>
 class short_text {
   public:
     short_text() noexcept = default;
@@ -30,7 +30,7 @@ class short_text {
     friend bool operator==(const short_text&, const short_text&) noexcept = default;
 
   private:
-    std::size_t _length = 0;
+    size_t _length = 0;
     std::array<char, Room> _bytes{};
 };
 
@@ -65,11 +65,11 @@ namespace detail {
 
 /// As many bytes of a text as a message shows.
 inline int shown(std::string_view text) noexcept {
-    constexpr std::size_t most = 60;
+    constexpr size_t most = 60;
     return static_cast<int>(std::min(text.size(), most));
 }
 
-inline constexpr std::size_t name_room = 50; ///< of a chunk's record, with the zero byte
+inline constexpr size_t name_room = 50; ///< of a chunk's record, with the zero byte
 
 /// A name that the library takes without ending the process, and finds again.
 inline result<void> check_name(std::string_view name) noexcept {
@@ -130,8 +130,8 @@ class creator_text {
     const char* c_str() const noexcept { return _text.c_str(); }
 
   private:
-    static constexpr std::size_t end_bytes = 100;
-    static constexpr std::size_t room = 2 * end_bytes + 1;
+    static constexpr size_t end_bytes = 100;
+    static constexpr size_t room = 2 * end_bytes + 1;
 
     short_text<room> _text;
 };

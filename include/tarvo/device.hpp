@@ -20,8 +20,8 @@ class device {
     device() noexcept = default;
 
     /// @return the device; bad_device when `slot` is above 31 or `function` above 7.
-    static result<device> at(std::uint32_t domain, std::uint32_t bus, std::uint32_t slot,
-                             std::uint32_t function) noexcept {
+    static result<device> at(uint32_t domain, uint32_t bus, uint32_t slot,
+                             uint32_t function) noexcept {
         if (slot > last_slot || function > last_function) {
             return error(error_code::bad_device,
                          "no PCI device has slot 0x%x, function 0x%x; they go up to 0x1f and 7",
@@ -35,10 +35,10 @@ class device {
     /// @return the device; bad_device for any other text.
     static result<device> parse(std::string_view text) noexcept {
         std::string_view rest = text;
-        std::uint32_t domain = 0;
-        std::uint32_t bus = 0;
-        std::uint32_t slot = 0;
-        std::uint32_t function = 0;
+        uint32_t domain = 0;
+        uint32_t bus = 0;
+        uint32_t slot = 0;
+        uint32_t function = 0;
         if (number(rest, domain) && sign(rest, ':') && number(rest, bus) && sign(rest, ':') &&
             number(rest, slot) && sign(rest, '.') && number(rest, function) && rest.empty()) {
             return at(domain, bus, slot, function);
@@ -48,32 +48,32 @@ class device {
                      detail::shown(text), text.data());
     }
 
-    std::uint32_t domain() const noexcept { return _domain; }
-    std::uint32_t bus() const noexcept { return _bus; }
-    std::uint32_t slot() const noexcept { return _devfn >> 3; }
-    std::uint32_t function() const noexcept { return _devfn & last_function; }
+    uint32_t domain() const noexcept { return _domain; }
+    uint32_t bus() const noexcept { return _bus; }
+    uint32_t slot() const noexcept { return _devfn >> 3; }
+    uint32_t function() const noexcept { return _devfn & last_function; }
     /// Slot * 8 + function, as the C calls have it.
-    std::uint32_t devfn() const noexcept { return _devfn; }
+    uint32_t devfn() const noexcept { return _devfn; }
 
     /// The address as parse() reads it and the library writes it.
     short_text<32> text() const noexcept {
         char written[32];
         const int length = std::snprintf(written, sizeof written, "%04x:%02x:%02x.%x", _domain,
                                          _bus, slot(), function());
-        return short_text<32>(std::string_view(written, static_cast<std::size_t>(length)));
+        return short_text<32>(std::string_view(written, static_cast<size_t>(length)));
     }
 
     friend bool operator==(const device&, const device&) noexcept = default;
 
   private:
-    device(std::uint32_t domain, std::uint32_t bus, std::uint32_t devfn) noexcept
+    device(uint32_t domain, uint32_t bus, uint32_t devfn) noexcept
         : _domain(domain), _bus(bus), _devfn(devfn) {}
 
     /// Takes a hexadecimal number off the front of `text`.
-    static bool number(std::string_view& text, std::uint32_t& value) noexcept {
+    static bool number(std::string_view& text, uint32_t& value) noexcept {
         const char* end = text.data() + text.size();
         const std::from_chars_result read = std::from_chars(text.data(), end, value, 16);
-        text.remove_prefix(static_cast<std::size_t>(read.ptr - text.data()));
+        text.remove_prefix(static_cast<size_t>(read.ptr - text.data()));
         return read.ec == std::errc();
     }
 
@@ -83,12 +83,12 @@ class device {
         return there;
     }
 
-    static constexpr std::uint32_t last_slot = 31;
-    static constexpr std::uint32_t last_function = 7;
+    static constexpr uint32_t last_slot = 31;
+    static constexpr uint32_t last_function = 7;
 
-    std::uint32_t _domain = 0;
-    std::uint32_t _bus = 0;
-    std::uint32_t _devfn = 0;
+    uint32_t _domain = 0;
+    uint32_t _bus = 0;
+    uint32_t _devfn = 0;
 };
 
 } // namespace tarvo

@@ -92,14 +92,14 @@ struct chunk_line {
     int element = 0;
     std::string_view name;
     std::string_view creator;
-    std::uint64_t pa = 0;
-    std::int32_t size = 0; ///< wraps from 2 GiB on
+    uint64_t pa = 0;
+    int32_t size = 0; ///< wraps from 2 GiB on
 
     /// False when `line` is no such line.
     bool read(std::string_view line) noexcept {
-        constexpr std::size_t name_columns = 60;
-        constexpr std::size_t creator_columns = 110;
-        const std::size_t width = name_columns + 1 + creator_columns;
+        constexpr size_t name_columns = 60;
+        constexpr size_t creator_columns = 110;
+        const size_t width = name_columns + 1 + creator_columns;
         std::string_view rest = line;
         const std::string_view size_word = last_word(rest);
         const std::string_view pa_word = rest.substr(rest.find_last_of(' ') + 1);
@@ -126,7 +126,7 @@ inline std::optional<listed_chunk> chunk_of(std::string_view line, listing_state
         return std::nullopt;
     }
     const physical_address pa(fields.pa);
-    const bytes size(static_cast<std::uint32_t>(fields.size));
+    const bytes size(static_cast<uint32_t>(fields.size));
     if (!state.region.holds(pa) || !state.region.holds(pa + size)) {
         state.damage.emplace(error_code::damaged,
                              "chunk %d, '%.*s', has 0x%llx bytes from 0x%llx on: outside the "
@@ -142,7 +142,7 @@ inline std::optional<listed_chunk> chunk_of(std::string_view line, listing_state
 
 inline std::optional<listed_device> device_of(std::string_view line,
                                               listing_state& state) noexcept {
-    const std::size_t colon = line.find_last_of(':');
+    const size_t colon = line.find_last_of(':');
     const result<device> address = device::parse(line.substr(0, colon));
     const bool online = line.ends_with(": online");
     if (!address || (!online && !line.ends_with(": offline"))) {
@@ -159,7 +159,7 @@ inline error already_listing() noexcept {
 }
 
 /// Writes the next chunk's or device's line.
-using line_call = bool (*)(char* line, std::size_t bytes);
+using line_call = bool (*)(char* line, size_t bytes);
 
 /// The next line; nothing at the end. A line that does not fit leaves its beginning behind, and is
 /// damage.

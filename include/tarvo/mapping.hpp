@@ -48,7 +48,7 @@ class basic_mapping {
 
     /// Its bytes; none after it was moved from.
     std::span<Byte> span() const noexcept { return _span; }
-    std::size_t size() const noexcept { return _span.size(); }
+    size_t size() const noexcept { return _span.size(); }
     /// Where devices see its first byte.
     dma_address dma() const noexcept { return _dma; }
 
@@ -61,9 +61,9 @@ class basic_mapping {
     object(bytes offset = {}) const noexcept {
         static_assert(std::is_standard_layout_v<T> && std::is_trivially_destructible_v<T>);
         using object_type = std::conditional_t<std::is_const_v<Byte>, const T, T>;
-        const std::uint64_t start = offset.count();
+        const uint64_t start = offset.count();
         if (start > _span.size() || _span.size() - start < sizeof(T) ||
-            reinterpret_cast<std::uintptr_t>(_span.data() + start) % alignof(T) != 0) {
+            reinterpret_cast<uintptr_t>(_span.data() + start) % alignof(T) != 0) {
             return error(error_code::bad_window,
                          "an object of %zu bytes at %llu, in a mapping of %zu; its address is a "
                          "multiple of %zu and it ends in the mapping",
@@ -78,7 +78,7 @@ class basic_mapping {
     friend result<basic_mapping<B>> map_window(const chunk&, bytes, bytes) noexcept;
 
     basic_mapping(Byte* memory, bytes size, dma_address dma) noexcept
-        : _span(memory, static_cast<std::size_t>(size.count())), _dma(dma) {}
+        : _span(memory, static_cast<size_t>(size.count())), _dma(dma) {}
 
     std::span<Byte> _span;
     dma_address _dma;
@@ -124,8 +124,8 @@ result<basic_mapping<Byte>> map_window(const chunk& known, bytes offset, bytes s
     // The lock is held since the look at the chunk: this is that very chunk.
     const bytes window = size != bytes() ? size : known.size() - offset;
     void* memory =
-        tarvo_map(known.c_name(), !std::is_const_v<Byte>, static_cast<std::size_t>(offset.count()),
-                  static_cast<std::size_t>(window.count()));
+        tarvo_map(known.c_name(), !std::is_const_v<Byte>, static_cast<size_t>(offset.count()),
+                  static_cast<size_t>(window.count()));
     if (memory == nullptr) {
         return error(error_code::refused,
                      "the system refuses to map %llu bytes of '%s'; ZUL_TRACE=tarvo=5 in the "

@@ -22,7 +22,7 @@ struct limits {
     physical_address physical_start;
     bytes size;
 
-    // Differences wrap, so that an address below the start is far behind the end.
+    /// Differences wrap, so that an address below the start is far behind the end.
     constexpr bool holds(dma_address dma) const noexcept {
         return dma >= start && dma - start <= size;
     }
@@ -38,8 +38,8 @@ struct limits {
 ///
 /// Takes the lock to start, otherwise none.
 inline result<limits> get_limits() noexcept {
-    std::uint32_t start = 0;
-    std::uint32_t end = 0;
+    uint32_t start = 0;
+    uint32_t end = 0;
     if (tarvo_get_limits(&start, &end) != 0) {
         return error(error_code::not_started,
                      "the library cannot start; the lines above on standard error say what it "
@@ -136,7 +136,7 @@ class whole_region {
 
     /// Its bytes; the first one is at where().start. None after it was moved from.
     std::span<std::byte> span() const noexcept {
-        return {_memory, _memory != nullptr ? static_cast<std::size_t>(_limits.size.count()) : 0};
+        return {_memory, _memory != nullptr ? static_cast<size_t>(_limits.size.count()) : 0};
     }
     const limits& where() const noexcept { return _limits; }
 

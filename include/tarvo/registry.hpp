@@ -16,10 +16,10 @@
 namespace tarvo {
 
 /// As many devices as can be registered.
-inline constexpr std::size_t most_devices = 256;
+inline constexpr size_t most_devices = 256;
 
 /// What a device may do with the whole region.
-enum class access : std::uint32_t { none = 0, read = 1, write = 2, read_write = 3 };
+enum class access : uint32_t { none = 0, read = 1, write = 2, read_write = 3 };
 
 namespace detail {
 
@@ -41,7 +41,7 @@ inline result<void> check_registrable(const listing& now, const device& wanted) 
                      "'%s' has more than %llu bytes, which no device can be given; free it first",
                      found->c_name(), static_cast<unsigned long long>(largest_chunk.count()));
     }
-    std::size_t others = 0;
+    size_t others = 0;
     for (const listed_device& known : now.devices()) {
         others += known == wanted ? 0U : 1U;
     }
@@ -129,7 +129,7 @@ inline result<void> iommu_map(const device& known, access allowed) noexcept {
         return possible;
     }
     if (tarvo_iommu_map(known.domain(), known.bus(), known.devfn(),
-                        static_cast<std::uint32_t>(allowed)) != 0) {
+                        static_cast<uint32_t>(allowed)) != 0) {
         return detail::request_refused("map the region for", known);
     }
     return {};

@@ -82,7 +82,7 @@ class [[nodiscard]] result {
   public:
     using value_type = T;
 
-    // Implicit, so that a function can return either.
+    /// Implicit, so that a function can return either.
     result(T value) noexcept : _content(std::in_place_index<0>, std::move(value)) {}
     result(const tarvo::error& why) noexcept : _content(std::in_place_index<1>, why) {}
 

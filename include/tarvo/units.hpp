@@ -15,9 +15,9 @@ namespace tarvo {
 class bytes {
   public:
     constexpr bytes() noexcept = default;
-    explicit constexpr bytes(std::uint64_t count) noexcept : _count(count) {}
+    explicit constexpr bytes(uint64_t count) noexcept : _count(count) {}
 
-    constexpr std::uint64_t count() const noexcept { return _count; }
+    constexpr uint64_t count() const noexcept { return _count; }
 
     friend constexpr bool operator==(const bytes&, const bytes&) noexcept = default;
     friend constexpr std::strong_ordering operator<=>(bytes a, bytes b) noexcept {
@@ -29,12 +29,12 @@ class bytes {
     friend constexpr bytes operator-(bytes a, bytes b) noexcept {
         return bytes(a._count - b._count);
     }
-    friend constexpr bytes operator*(bytes a, std::uint64_t times) noexcept {
+    friend constexpr bytes operator*(bytes a, uint64_t times) noexcept {
         return bytes(a._count * times);
     }
 
   private:
-    std::uint64_t _count = 0;
+    uint64_t _count = 0;
 };
 
 /// A number of one address space. Another `Space` is another type: neither converts to the other,
@@ -67,10 +67,10 @@ struct dma_space;
 struct physical_space;
 
 /// Where a device sees memory. Given to devices; 0 is no chunk's.
-using dma_address = address<dma_space, std::uint32_t>;
+using dma_address = address<dma_space, uint32_t>;
 
 /// Where memory lies for the processor. Not a pointer: map the chunk.
-using physical_address = address<physical_space, std::uint64_t>;
+using physical_address = address<physical_space, uint64_t>;
 
 namespace detail {
 
@@ -78,10 +78,10 @@ namespace detail {
 void size_literal_is_too_large();
 
 consteval bytes scaled(unsigned long long count, unsigned shift) noexcept {
-    if (count > (std::numeric_limits<std::uint64_t>::max() >> shift)) {
+    if (count > (std::numeric_limits<uint64_t>::max() >> shift)) {
         size_literal_is_too_large();
     }
-    return bytes(std::uint64_t{count} << shift);
+    return bytes(uint64_t{count} << shift);
 }
 
 } // namespace detail
@@ -109,12 +109,12 @@ consteval bytes operator""_GiB(unsigned long long count) noexcept {
 
 /// The size of a page of this machine.
 inline bytes page_size() noexcept {
-    return bytes(static_cast<std::uint64_t>(::sysconf(_SC_PAGESIZE)));
+    return bytes(static_cast<uint64_t>(::sysconf(_SC_PAGESIZE)));
 }
 
 /// `size` rounded up to whole pages, as chunks are. Wraps for the last page of 64 bits.
 inline bytes rounded_to_pages(bytes size) noexcept {
-    const std::uint64_t page = page_size().count();
+    const uint64_t page = page_size().count();
     return bytes((size.count() + page - 1) / page * page);
 }
 

@@ -13,24 +13,22 @@
 class line {
   public:
     /// `bytes` is all of the buffer; with 0 nothing is written.
-    line(char* buffer, std::size_t bytes) : _buffer(buffer), _bytes(bytes) {}
+    line(char* buffer, size_t bytes) : _buffer(buffer), _bytes(bytes) {}
 
     void text(const char* text) { append(text, std::strlen(text)); }
 
     /// Like %-*s.
-    void text(const char* text, std::size_t columns) {
-        const std::size_t start = _length;
+    void text(const char* text, size_t columns) {
+        const size_t start = _length;
         append(text, std::strlen(text));
         fill(' ', start + columns);
     }
 
     /// Like %*d.
-    void decimal(int64_t number, std::size_t columns) { right_aligned(number, 10, ' ', columns); }
+    void decimal(int64_t number, size_t columns) { right_aligned(number, 10, ' ', columns); }
 
     /// Like %0*llx.
-    void hexadecimal(uint64_t number, std::size_t columns) {
-        right_aligned(number, 16, '0', columns);
-    }
+    void hexadecimal(uint64_t number, size_t columns) { right_aligned(number, 16, '0', columns); }
 
     /// Ends the line. True when it is whole in the buffer.
     bool finish() {
@@ -43,15 +41,15 @@ class line {
 
   private:
     template <typename Number>
-    void right_aligned(Number number, int base, char padding, std::size_t columns) {
+    void right_aligned(Number number, int base, char padding, size_t columns) {
         char digits[std::numeric_limits<uint64_t>::digits10 + 2];
         const char* end = std::to_chars(digits, digits + sizeof digits, number, base).ptr;
-        const auto count = static_cast<std::size_t>(end - digits);
+        const auto count = static_cast<size_t>(end - digits);
         fill(padding, _length + columns - std::min(columns, count));
         append(digits, count);
     }
 
-    void append(const char* text, std::size_t count) {
+    void append(const char* text, size_t count) {
         if (_length < _bytes) {
             std::memcpy(_buffer + _length, text, std::min(count, _bytes - _length));
         }
@@ -59,7 +57,7 @@ class line {
     }
 
     /// Adds `c` until the line has `end` characters, if it has fewer.
-    void fill(char c, std::size_t end) {
+    void fill(char c, size_t end) {
         if (_length >= end) {
             return;
         }
@@ -70,6 +68,6 @@ class line {
     }
 
     char* _buffer;
-    std::size_t _bytes;
-    std::size_t _length = 0; ///< of the whole line
+    size_t _bytes;
+    size_t _length = 0; ///< of the whole line
 };

@@ -8,12 +8,12 @@ constexpr int wrong_guesses_for_a_new_order = 64;
 } // namespace
 
 void chunk_walk::iterator::take_slow_step() {
-    const std::size_t from = _element;
+    const size_t from = _element;
     go_to(_list->next(_chunk));
     if (at_end()) {
         return;
     }
-    const std::size_t steps = _quick_steps + _later_steps;
+    const size_t steps = _quick_steps + _later_steps;
     chunk_list::check_visited(chunk_capacity + 1 - static_cast<int>(steps));
     if (chunk_order.after(from) == _element) {
         fetch(full_lead - first_lead);

@@ -29,10 +29,10 @@ class chunk_walk {
 
         dma_chunk_t& operator*() const { return *_chunk; }
 
-        /// The quick step, which is nearly always taken, needs registers only. The slow one is given
-        /// a copy: an object whose address is known elsewhere is kept in memory.
+        /// The quick step, which is nearly always taken, needs registers only. The slow one is
+        /// given a copy: an object whose address is known elsewhere is kept in memory.
         [[gnu::always_inline]] iterator& operator++() {
-            const std::size_t guess = incognito(chunk_order.after(_element));
+            const size_t guess = incognito(chunk_order.after(_element));
             --_quick_steps;
             if (_quick_steps != 0 && _list->leads_to(*_chunk, _element, guess)) [[likely]] {
                 _chunk = &_list->_arr[guess];
@@ -49,18 +49,19 @@ class chunk_walk {
         bool at_end() const { return _chunk == _stop; }
         bool operator!=(end_of_walk /*unused*/) const { return !at_end(); }
 
-        /// At the end: the chunk before which the walk was to stop; null where the list ended first.
+        /// At the end: the chunk before which the walk was to stop; null where the list ended
+        /// first.
         dma_chunk_t* stopped_before() const { return _chunk; }
 
       private:
         /// So many records are under way at once: more than the processor can wait for.
-        static constexpr std::size_t full_lead = 24;
+        static constexpr size_t full_lead = 24;
         /// At first fewer: short lists are not made to wait for what they do not have.
-        static constexpr std::size_t first_lead = full_lead / 2;
+        static constexpr size_t first_lead = full_lead / 2;
 
         /// The same number, but the compiler does not know: it could otherwise go on with the link
         /// that was compared and found equal, and wait for it after all.
-        static std::size_t incognito(std::size_t element) {
+        static size_t incognito(size_t element) {
             asm("" : "+r"(element));
             return element;
         }
@@ -75,37 +76,37 @@ class chunk_walk {
             }
             _chunk = chunk;
             if (!at_end()) {
-                _element = static_cast<std::size_t>(_list->index(chunk));
+                _element = static_cast<size_t>(_list->index(chunk));
             }
         }
 
         /// Begins to fetch from here on. Then come quick steps, of all those that may still come.
-        [[gnu::always_inline]] void start_fetching(std::size_t steps) {
+        [[gnu::always_inline]] void start_fetching(size_t steps) {
             _fetched = _element;
             fetch(first_lead);
             plan(std::min(first_lead, steps), steps);
         }
 
-        [[gnu::always_inline]] void plan(std::size_t quick, std::size_t steps) {
+        [[gnu::always_inline]] void plan(size_t quick, size_t steps) {
             _quick_steps = quick;
             _later_steps = steps - quick;
         }
 
-        [[gnu::always_inline]] void fetch(std::size_t count) {
-            for (std::size_t i = 0; i < count; ++i) {
+        [[gnu::always_inline]] void fetch(size_t count) {
+            for (size_t i = 0; i < count; ++i) {
                 _fetched = chunk_order.after(_fetched);
                 __builtin_prefetch(&_list->_arr[_fetched]);
             }
         }
 
-        // In this order compilers keep the first three in registers of their own.
+        /// In this order compilers keep the first three in registers of their own.
         chunk_list* _list = nullptr;
         dma_chunk_t* _chunk = nullptr;
         dma_chunk_t* _stop = nullptr;
-        std::size_t _element = 0;     ///< number of _chunk
-        std::size_t _fetched = 0;     ///< the last one that was fetched
-        std::size_t _quick_steps = 0; ///< before one is taken slowly, that one included
-        std::size_t _later_steps = 0; ///< after these, up to one more than a list can have
+        size_t _element = 0;     ///< number of _chunk
+        size_t _fetched = 0;     ///< the last one that was fetched
+        size_t _quick_steps = 0; ///< before one is taken slowly, that one included
+        size_t _later_steps = 0; ///< after these, up to one more than a list can have
         int _wrong_guesses = 0;
     };
 

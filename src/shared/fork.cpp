@@ -22,8 +22,8 @@ bool is_lock_file(int fd) {
            file.st_ino == lock_file.st_ino;
 }
 
-/// The lock file opened once more by that path; -1 when it is another file, or cannot be opened. What
-/// has taken its place may be anything: opening that neither waits nor has effects.
+/// The lock file opened once more by that path; -1 when it is another file, or cannot be opened.
+/// What has taken its place may be anything: opening that neither waits nor has effects.
 int opened_again(const char* path) {
     const int fd = open_file(path, O_RDONLY | O_NONBLOCK | O_NOCTTY);
     if (fd != -1 && !is_lock_file(fd)) {

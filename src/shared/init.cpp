@@ -48,8 +48,8 @@ bool map_shared_area(uint32_t area_bytes) {
     if (area == MAP_FAILED) {
         return report_unmappable_area();
     }
-    // Each record is on a page of its own. Where the file system has large pages a new process takes
-    // a fault for 490 records instead of one for every 16; where it has none nothing changes.
+    // Each record is on a page of its own. Where the file system has large pages a new process
+    // takes a fault for 490 records instead of one for every 16; where it has none nothing changes.
     madvise(area, area_bytes, MADV_HUGEPAGE);
     shm_base = static_cast<shared_area_t*>(area);
     return true;

@@ -10,8 +10,8 @@
 /// returns 0 at once, without a system call.
 int tarvo_init();
 
-/// tarvo_init for calls that say themselves what its failure means: nearly always there is nothing to
-/// do, so the question is asked in place.
+/// tarvo_init for calls that say themselves what its failure means: nearly always there is nothing
+/// to do, so the question is asked in place.
 inline bool is_started() {
     return shm_base != nullptr || tarvo_init() == 0;
 }

@@ -18,8 +18,8 @@ static_assert(std::endian::native == std::endian::little, "the shared area is li
 
 inline constexpr int chunk_capacity = 16384;
 inline constexpr int device_capacity = 256;
-inline constexpr std::size_t name_bytes = 50;     ///< a chunk's name, terminator included
-inline constexpr std::size_t creator_bytes = 100; ///< a chunk's creator, terminator included
+inline constexpr size_t name_bytes = 50;     ///< a chunk's name, terminator included
+inline constexpr size_t creator_bytes = 100; ///< a chunk's creator, terminator included
 
 #pragma pack(push, 4)
 

@@ -11,7 +11,7 @@ void remembered_order::learn_all(const chunk_list& list) {
         const dma_chunk_t& chunk = list._arr[element];
         unused = !chunk.allocated && chunk.next == element + 1 ? unused + 1 : 0;
         if (chunk.next >= 0 && chunk.next < chunk_capacity) {
-            learn(static_cast<std::size_t>(element), static_cast<std::size_t>(chunk.next));
+            learn(static_cast<size_t>(element), static_cast<size_t>(chunk.next));
         }
     }
 }

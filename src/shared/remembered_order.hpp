@@ -16,14 +16,14 @@ class remembered_order {
     /// Elements that were never looked at are taken to lie one behind the other, as in a list that
     /// was only filled.
     constexpr remembered_order() {
-        for (std::size_t element = 0; element < chunk_capacity; ++element) {
+        for (size_t element = 0; element < chunk_capacity; ++element) {
             learn(element, (element + 1) % chunk_capacity);
         }
     }
 
-    std::size_t after(std::size_t element) const { return _after[element]; }
+    size_t after(size_t element) const { return _after[element]; }
 
-    constexpr void learn(std::size_t element, std::size_t after) {
+    constexpr void learn(size_t element, size_t after) {
         _after[element] = static_cast<uint16_t>(after);
     }
 

@@ -4,16 +4,15 @@
 
 #include <cstdio>
 #include <cstdlib>
-#include <new>
-
 #include <iostream> // the stream library is ready before anything of ours runs
+#include <new>
 
 std::shared_ptr<std::string> to_string_err =
     std::make_shared<std::string>("Error formatting string");
 
-/// The same object by the name that g++ gives such a variable. It is weak because a linker that moves
-/// a weak object into the program's own data takes along the strong name for it, by which the library
-/// knows the object.
+/// The same object by the name that g++ gives such a variable. It is weak because a linker that
+/// moves a weak object into the program's own data takes along the strong name for it, by which the
+/// library knows the object.
 extern TARVO_API std::shared_ptr<std::string> to_string_err_of_cpp asm("_Z13to_string_errB5cxx11")
     __attribute__((weak, alias("to_string_err")));
 

@@ -12,7 +12,7 @@
 class wanted_name {
   public:
     explicit wanted_name(const char* name) : _name(name) {
-        const std::size_t bytes = std::min(strlen(name) + 1, name_bytes);
+        const size_t bytes = std::min(strlen(name) + 1, name_bytes);
         if (bytes >= sizeof _end) {
             _end_at = bytes - sizeof _end;
             memcpy(&_end, name + _end_at, sizeof _end);
@@ -30,7 +30,7 @@ class wanted_name {
 
   private:
     const char* _name;
-    std::size_t _end_at = 0; ///< where in a name the bytes lie that are compared in place
+    size_t _end_at = 0; ///< where in a name the bytes lie that are compared in place
     uint64_t _end = 0;
     uint64_t _counts = ~uint64_t{0}; ///< ones where _end has bytes of the name
 };

@@ -13,9 +13,9 @@ namespace {
 #if defined(__SSE2__)
 
 /// From here on the lines are not wanted in the cache, where they would only displace others.
-constexpr std::size_t uncached_bytes = std::size_t{32} << 20U;
+constexpr size_t uncached_bytes = size_t{32} << 20U;
 
-void fill_uncached(void* memory, std::size_t bytes) {
+void fill_uncached(void* memory, size_t bytes) {
     const __m128i zeros = _mm_setzero_si128();
     auto* end = static_cast<__m128i*>(memory) + bytes / sizeof zeros;
     for (auto* place = static_cast<__m128i*>(memory); place != end; ++place) {
@@ -25,7 +25,7 @@ void fill_uncached(void* memory, std::size_t bytes) {
     _mm_sfence();
 }
 
-void fill(void* memory, std::size_t bytes) {
+void fill(void* memory, size_t bytes) {
     if (bytes < uncached_bytes) {
         memset(memory, 0, bytes);
     } else {
@@ -37,20 +37,20 @@ void fill(void* memory, std::size_t bytes) {
 
 /// Physical memory can be mapped as device memory here, on which memset may fault: it is free to
 /// zero whole lines of the cache, or to store where nothing is aligned.
-void fill(void* memory, std::size_t bytes) {
+void fill(void* memory, size_t bytes) {
     auto* words = static_cast<volatile uint64_t*>(memory);
-    for (std::size_t i = 0; i < bytes / sizeof *words; ++i) {
+    for (size_t i = 0; i < bytes / sizeof *words; ++i) {
         words[i] = 0;
     }
     auto* rest = static_cast<volatile unsigned char*>(memory);
-    for (std::size_t i = bytes - bytes % sizeof *words; i < bytes; ++i) {
+    for (size_t i = bytes - bytes % sizeof *words; i < bytes; ++i) {
         rest[i] = 0;
     }
 }
 
 #else
 
-void fill(void* memory, std::size_t bytes) {
+void fill(void* memory, size_t bytes) {
     memset(memory, 0, bytes);
 }
 
@@ -58,17 +58,17 @@ void fill(void* memory, std::size_t bytes) {
 
 /// Gets all pages at once instead of by one fault for each. EFAULT says that the access would be a
 /// SIGBUS. Some mappings and older systems refuse for other reasons: then the faults do it.
-bool populate(void* memory, std::size_t bytes, int advice) {
+bool populate(void* memory, size_t bytes, int advice) {
     return madvise(memory, bytes, advice) == 0 || errno != EFAULT;
 }
 
 } // namespace
 
-bool can_be_read(void* memory, std::size_t bytes) {
+bool can_be_read(void* memory, size_t bytes) {
     return populate(memory, bytes, MADV_POPULATE_READ);
 }
 
-bool zero_mapping(void* memory, std::size_t bytes) {
+bool zero_mapping(void* memory, size_t bytes) {
     if (!populate(memory, bytes, MADV_POPULATE_WRITE)) {
         return false;
     }

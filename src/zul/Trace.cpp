@@ -13,7 +13,7 @@ namespace {
 
 /// The level that one entry of ZUL_TRACE enables for `facility`; -1 when it is not about it.
 int level_of_entry(std::string_view entry, std::string_view facility) {
-    const std::size_t equals = entry.find('=');
+    const size_t equals = entry.find('=');
     if (equals != std::string_view::npos) {
         if (entry.substr(0, equals) != facility) {
             return -1;

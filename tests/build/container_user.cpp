@@ -25,7 +25,7 @@ struct element {
 
 } // namespace
 
-// Every member, used or not.
+/// Every member, used or not.
 template struct ArrayBackedList<element, 2>;
 
 int main() {

@@ -25,13 +25,13 @@ struct element {
 constexpr int capacity = 3;
 using list = ArrayBackedList<element, capacity>;
 
-constexpr std::intptr_t array_bytes = sizeof(list::_arr);
-constexpr std::intptr_t margin_bytes = 2 * sizeof(element);
+constexpr intptr_t array_bytes = sizeof(list::_arr);
+constexpr intptr_t margin_bytes = 2 * sizeof(element);
 
 list lists[3];
 
-element* at(std::intptr_t offset) {
-    return reinterpret_cast<element*>(reinterpret_cast<std::intptr_t>(&lists[1]) + offset);
+element* at(intptr_t offset) {
+    return reinterpret_cast<element*>(reinterpret_cast<intptr_t>(&lists[1]) + offset);
 }
 
 /// Whether a process that asks for the index of `e` ends by the container's assertion.
@@ -53,24 +53,24 @@ bool ends_the_process(element* e) {
     close(said[0]);
     int status = 0;
     waitpid(child, &status, 0);
-    const std::string_view message(text.data(), length > 0 ? static_cast<std::size_t>(length) : 0);
+    const std::string_view message(text.data(), length > 0 ? static_cast<size_t>(length) : 0);
     return WIFSIGNALED(status) && WTERMSIG(status) == SIGABRT &&
            message.find(" ./ArrayBackedList.hpp:154: ") != std::string_view::npos &&
            message.find("Assertion `idx >= 0 && idx < MAX' failed.") != std::string_view::npos;
 }
 
-bool expect(bool holds, const char* what, std::intptr_t offset) {
+bool expect(bool holds, const char* what, intptr_t offset) {
     if (!holds) {
         std::printf("byte %lld: %s\n", static_cast<long long>(offset), what);
     }
     return holds;
 }
 
-bool is_right_at(std::intptr_t offset) {
+bool is_right_at(intptr_t offset) {
     if (offset < 0 || offset >= array_bytes) {
         return expect(ends_the_process(at(offset)), "the process goes on", offset);
     }
-    const auto number = static_cast<int>(offset / std::intptr_t{sizeof(element)});
+    const auto number = static_cast<int>(offset / intptr_t{sizeof(element)});
     return expect(lists[1].index(at(offset)) == number, "another index", offset);
 }
 
@@ -78,7 +78,7 @@ bool is_right_at(std::intptr_t offset) {
 
 int main() {
     bool good = true;
-    for (std::intptr_t offset = -margin_bytes; offset < array_bytes + margin_bytes; ++offset) {
+    for (intptr_t offset = -margin_bytes; offset < array_bytes + margin_bytes; ++offset) {
         good &= is_right_at(offset);
     }
     good &= expect(ends_the_process(nullptr), "null goes on", 0);

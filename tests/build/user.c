@@ -1,7 +1,6 @@
-#include <tarvo.h>
-
 #include <stdio.h>
 #include <string.h>
+#include <tarvo.h>
 #include <unistd.h>
 
 typedef void (*any_function)(void);

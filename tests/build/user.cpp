@@ -1,14 +1,13 @@
-#include <tarvo.h>
-
 #include <cstdio>
+#include <tarvo.h>
 #include <unistd.h>
 
 namespace {
 
 using any_function = void (*)();
 
-// What C++ calls by other symbols than C, beside some of the rest. A name that does not link fails
-// here.
+/// What C++ calls by other symbols than C, beside some of the rest. A name that does not link fails
+/// here.
 const any_function functions[] = {
     reinterpret_cast<any_function>(tarvo_alloc_func),
     reinterpret_cast<any_function>(tarvo_dump_next),
@@ -38,7 +37,7 @@ int main() {
     for (const any_function function : functions) {
         good &= expect(function != nullptr, "a function is not there");
     }
-    const auto page_bytes = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
+    const auto page_bytes = static_cast<size_t>(sysconf(_SC_PAGESIZE));
     good &= expect(tarvo_get_overhead() == (70130716 + page_bytes - 1) / page_bytes * page_bytes,
                    "tarvo_get_overhead() is not the area rounded up to pages");
     good &= expect(to_string_err != nullptr && *to_string_err == "Error formatting string",

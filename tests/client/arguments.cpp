@@ -80,49 +80,49 @@ arguments::arguments(std::string_view line) {
     _words.erase(_words.begin());
 }
 
-const arguments::word& arguments::at(std::size_t i) const {
+const arguments::word& arguments::at(size_t i) const {
     if (i >= _words.size()) {
         throw command_error("an argument is missing");
     }
     return _words[i];
 }
 
-const char* arguments::text(std::size_t i) const {
+const char* arguments::text(size_t i) const {
     const word& text = at(i);
     return text ? text->c_str() : nullptr;
 }
 
-std::uint64_t arguments::number(std::size_t i) const {
+uint64_t arguments::number(size_t i) const {
     const word& digits = at(i);
     char* end = nullptr;
-    const std::uint64_t number = digits ? std::strtoull(digits->c_str(), &end, 0) : 0;
+    const uint64_t number = digits ? std::strtoull(digits->c_str(), &end, 0) : 0;
     if (!digits || digits->empty() || *end != '\0') {
         throw command_error("not a number: " + digits.value_or("@null"));
     }
     return number;
 }
 
-std::uint32_t arguments::number_32(std::size_t i) const {
-    const std::uint64_t wide = number(i);
-    if (wide > std::numeric_limits<std::uint32_t>::max()) {
+uint32_t arguments::number_32(size_t i) const {
+    const uint64_t wide = number(i);
+    if (wide > std::numeric_limits<uint32_t>::max()) {
         throw command_error("more than 32 bits: " + *at(i));
     }
-    return static_cast<std::uint32_t>(wide);
+    return static_cast<uint32_t>(wide);
 }
 
-int arguments::number_int(std::size_t i) const {
+int arguments::number_int(size_t i) const {
     return static_cast<int>(number_32(i));
 }
 
-std::size_t arguments::size(std::size_t i) const {
-    const std::uint64_t wide = number(i);
-    if (wide > std::numeric_limits<std::size_t>::max()) {
+size_t arguments::size(size_t i) const {
+    const uint64_t wide = number(i);
+    if (wide > std::numeric_limits<size_t>::max()) {
         throw command_error("more than this process's words hold: " + *at(i));
     }
-    return static_cast<std::size_t>(wide);
+    return static_cast<size_t>(wide);
 }
 
-unsigned char* arguments::address(std::size_t i) const {
+unsigned char* arguments::address(size_t i) const {
     return at(i) ? std::bit_cast<unsigned char*>(size(i)) : nullptr;
 }
 
@@ -137,7 +137,7 @@ std::string quoted(std::string_view text) {
     return quotation + '"';
 }
 
-std::string hexadecimal(std::uint64_t number) {
+std::string hexadecimal(uint64_t number) {
     std::ostringstream text;
     text << "0x" << std::hex << number;
     return text.str();

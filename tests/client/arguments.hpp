@@ -21,22 +21,22 @@ class arguments {
 
     /// The command's name.
     const std::string& name() const { return _name; }
-    std::size_t count() const { return _words.size(); }
+    size_t count() const { return _words.size(); }
 
     /// Null for @null. Lives as long as this object.
-    const char* text(std::size_t i) const;
+    const char* text(size_t i) const;
     /// Decimal, hexadecimal with 0x, or octal with a leading 0.
-    std::uint64_t number(std::size_t i) const;
-    std::uint32_t number_32(std::size_t i) const;
-    int number_int(std::size_t i) const;
+    uint64_t number(size_t i) const;
+    uint32_t number_32(size_t i) const;
+    int number_int(size_t i) const;
     /// No more than this process's words hold.
-    std::size_t size(std::size_t i) const;
+    size_t size(size_t i) const;
     /// An address in this process, as another command's reply gave it; null for @null.
-    unsigned char* address(std::size_t i) const;
+    unsigned char* address(size_t i) const;
 
   private:
     using word = std::optional<std::string>;
-    const word& at(std::size_t i) const;
+    const word& at(size_t i) const;
 
     std::string _name;
     std::vector<word> _words;
@@ -44,4 +44,4 @@ class arguments {
 
 /// `text` in double quotes with escapes, so that it reads back as one word of one line.
 std::string quoted(std::string_view text);
-std::string hexadecimal(std::uint64_t number);
+std::string hexadecimal(uint64_t number);

@@ -11,8 +11,8 @@ namespace channel {
 namespace {
 
 std::array<char, 65536> input;
-std::size_t input_start = 0;
-std::size_t input_end = 0;
+size_t input_start = 0;
+size_t input_end = 0;
 
 /// The next byte of the input, read in big pieces; -1 at its end.
 int next_byte() {
@@ -22,7 +22,7 @@ int next_byte() {
             return -1;
         }
         input_start = 0;
-        input_end = static_cast<std::size_t>(count);
+        input_end = static_cast<size_t>(count);
     }
     return static_cast<unsigned char>(input.at(input_start++));
 }
@@ -63,7 +63,7 @@ void write_line(std::string_view line) {
         if (count < 0) {
             std::_Exit(EXIT_FAILURE);
         }
-        rest.erase(0, static_cast<std::size_t>(count));
+        rest.erase(0, static_cast<size_t>(count));
     }
 }
 

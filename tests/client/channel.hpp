@@ -4,8 +4,8 @@
 #include <string>
 #include <string_view>
 
-/// The line to whoever drives the client. It lies on high descriptors of its own, so that a test
-/// may close descriptors 0 and 1, and it makes no system call but read and write.
+// The line to whoever drives the client. It lies on high descriptors of its own, so that a test
+// may close descriptors 0 and 1, and it makes no system call but read and write.
 namespace channel {
 
 inline constexpr int command_fd = 200;

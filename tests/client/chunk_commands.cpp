@@ -1,5 +1,4 @@
 #include "commands.hpp"
-
 #include "tarvo.h"
 
 #include <algorithm>
@@ -16,10 +15,10 @@ std::string yes_or_no(bool answer) {
 }
 
 std::string pointer(const void* address) {
-    return address == nullptr ? "null" : hexadecimal(reinterpret_cast<std::uintptr_t>(address));
+    return address == nullptr ? "null" : hexadecimal(reinterpret_cast<uintptr_t>(address));
 }
 
-bool truth(const arguments& a, std::size_t i) {
+bool truth(const arguments& a, size_t i) {
     return a.number(i) != 0;
 }
 
@@ -33,7 +32,7 @@ std::string free_chunk(const arguments& a) {
 
 /// Allocates and frees a chunk again and again: two changes a round.
 std::string churn(const arguments& a) {
-    for (std::uint64_t round = 0; round < a.number(1); ++round) {
+    for (uint64_t round = 0; round < a.number(1); ++round) {
         if (tarvo_alloc_func(a.text(0), 1, "churn") == 0 || tarvo_free(a.text(0)) != 0) {
             return "failed in round " + std::to_string(round);
         }
@@ -51,7 +50,7 @@ std::string unmap(const arguments& a) {
 
 /// The second result is shown as it was left, to tell "not written" from "written as 0".
 std::string find(const arguments& a) {
-    std::uint32_t chunk_dma = 0xdeadbeef;
+    uint32_t chunk_dma = 0xdeadbeef;
     const char* name = tarvo_find(a.number_32(0), &chunk_dma);
     return (name == nullptr ? "null" : quoted(name)) + " " + hexadecimal(chunk_dma);
 }
@@ -65,8 +64,8 @@ std::string to_dma(const arguments& a) {
 }
 
 std::string limits(const arguments& /*none*/) {
-    std::uint32_t start_dma = 0xdeadbeef;
-    std::uint32_t end_dma = 0xdeadbeef;
+    uint32_t start_dma = 0xdeadbeef;
+    uint32_t end_dma = 0xdeadbeef;
     const int result = tarvo_get_limits(&start_dma, &end_dma);
     return status(result) + " " + hexadecimal(start_dma) + " " + hexadecimal(end_dma);
 }
@@ -89,10 +88,10 @@ std::string dump_begin(const arguments& /*none*/) {
 }
 
 /// The line, or "end"; "overrun" when a byte behind the buffer was written.
-std::string listed(const arguments& a, bool (*next)(char*, std::size_t)) {
-    constexpr std::size_t fence_bytes = 1024; // longer than any line
+std::string listed(const arguments& a, bool (*next)(char*, size_t)) {
+    constexpr size_t fence_bytes = 1024; // longer than any line
     constexpr char untouched = '\x5a';
-    const std::size_t room = a.size(0);
+    const size_t room = a.size(0);
     std::vector<char> line(room + fence_bytes, untouched);
     const bool written = next(line.data(), room);
     const bool kept = std::all_of(line.data() + room, line.data() + line.size(),

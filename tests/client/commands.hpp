@@ -14,11 +14,11 @@ struct command {
 };
 using commands = std::vector<command>;
 
-// Calls into the library under test; what they ask of the C library is watched.
+/// Calls into the library under test; what they ask of the C library is watched.
 commands chunk_commands();
 commands device_commands();
 commands record_commands();
 
-// What a process can do to itself, and to memory it has mapped.
+/// What a process can do to itself, and to memory it has mapped.
 commands memory_commands();
 commands process_commands();

@@ -1,5 +1,4 @@
 #include "commands.hpp"
-
 #include "tarvo.h"
 
 namespace {

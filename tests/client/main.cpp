@@ -18,8 +18,8 @@ namespace {
 struct entry {
     command known;
     bool calls_library;
-    std::size_t least_arguments;
-    std::size_t most_arguments;
+    size_t least_arguments;
+    size_t most_arguments;
 };
 using command_table = std::map<std::string, entry, std::less<>>;
 

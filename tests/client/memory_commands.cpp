@@ -18,7 +18,7 @@ std::string peek(const arguments& a) {
     std::ostringstream bytes;
     bytes << std::hex << std::setfill('0');
     const unsigned char* const from = place(a);
-    for (std::size_t i = 0; i < a.number(2); i++) {
+    for (size_t i = 0; i < a.number(2); i++) {
         bytes << std::setw(2) << unsigned{from[i]};
     }
     return bytes.str();
@@ -42,8 +42,7 @@ std::string filled(const arguments& a) {
     const auto byte = static_cast<unsigned char>(a.number(3));
     const unsigned char* const other =
         std::find_if(from, end, [byte](unsigned char c) { return c != byte; });
-    return other == end ? "true"
-                        : std::to_string(a.number(1) + static_cast<std::size_t>(other - from));
+    return other == end ? "true" : std::to_string(a.number(1) + static_cast<size_t>(other - from));
 }
 
 std::string unmap_memory(const arguments& a) {
@@ -52,7 +51,7 @@ std::string unmap_memory(const arguments& a) {
 
 /// Permissions, file offset, bytes from the address to the mapping's end, and path; or "none".
 std::string describe_mapping(const arguments& a) {
-    const auto address = reinterpret_cast<std::uintptr_t>(a.address(0));
+    const auto address = reinterpret_cast<uintptr_t>(a.address(0));
     const auto mapping = mapping_at(address);
     if (!mapping) {
         return "none";

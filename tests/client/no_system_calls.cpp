@@ -11,7 +11,7 @@
 
 namespace {
 
-sock_filter load(std::size_t offset) {
+sock_filter load(size_t offset) {
     return {BPF_LD | BPF_W | BPF_ABS, 0, 0, static_cast<unsigned>(offset)};
 }
 
@@ -27,8 +27,8 @@ sock_filter answer(unsigned verdict) {
 } // namespace
 
 bool forbid_system_calls() {
-    constexpr std::size_t number = offsetof(seccomp_data, nr);
-    constexpr std::size_t first_argument = offsetof(seccomp_data, args);
+    constexpr size_t number = offsetof(seccomp_data, nr);
+    constexpr size_t first_argument = offsetof(seccomp_data, args);
     std::array program = {
         load(number),
         unless_equal_skip(SYS_exit_group, 1),

@@ -10,7 +10,7 @@ own_mapping parse(const std::string& line) {
     std::istringstream fields(line);
     char dash = 0;
     std::string device;
-    std::uint64_t inode = 0;
+    uint64_t inode = 0;
     fields >> std::hex >> mapping.start >> dash >> mapping.end >> mapping.permissions >>
         mapping.file_offset >> device >> std::dec >> inode >> std::ws;
     std::getline(fields, mapping.path);
@@ -31,7 +31,7 @@ std::optional<own_mapping> first_mapping(Predicate wanted) {
 
 } // namespace
 
-std::optional<own_mapping> mapping_at(std::uintptr_t address) {
+std::optional<own_mapping> mapping_at(uintptr_t address) {
     return first_mapping(
         [=](const own_mapping& m) { return m.start <= address && address < m.end; });
 }

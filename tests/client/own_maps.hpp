@@ -6,14 +6,14 @@
 
 /// One mapping of this process.
 struct own_mapping {
-    std::uintptr_t start;
-    std::uintptr_t end;
+    uintptr_t start;
+    uintptr_t end;
     std::string permissions; ///< such as "rw-s"
-    std::uint64_t file_offset;
+    uint64_t file_offset;
     std::string path;
 };
 
-std::optional<own_mapping> mapping_at(std::uintptr_t address);
+std::optional<own_mapping> mapping_at(uintptr_t address);
 
 /// The lowest mapping of a file whose path ends so.
 std::optional<own_mapping> mapping_of(const std::string& end_of_path);

@@ -1,6 +1,5 @@
-#include "commands.hpp"
-
 #include "channel.hpp"
+#include "commands.hpp"
 #include "no_system_calls.hpp"
 #include "watch.hpp"
 

@@ -4,7 +4,6 @@
 
 #include "commands.hpp"
 #include "own_maps.hpp"
-
 #include "tarvo.h"
 
 #include <array>
@@ -13,14 +12,14 @@
 
 namespace {
 
-constexpr std::size_t first_chunk_offset = 4;
-constexpr std::size_t chunk_bytes = 4280;
-constexpr std::size_t pa_offset = 60;
-constexpr std::size_t size_offset = 68;
-constexpr std::size_t first_device_offset = 70123536;
-constexpr std::size_t device_bytes = 28;
-constexpr std::size_t first_reference_offset = 172;
-constexpr std::size_t reference_bytes = 16;
+constexpr size_t first_chunk_offset = 4;
+constexpr size_t chunk_bytes = 4280;
+constexpr size_t pa_offset = 60;
+constexpr size_t size_offset = 68;
+constexpr size_t first_device_offset = 70123536;
+constexpr size_t device_bytes = 28;
+constexpr size_t first_reference_offset = 172;
+constexpr size_t reference_bytes = 16;
 
 unsigned char* area() {
     const auto mapping = mapping_of("/tarvo_lib");
@@ -30,11 +29,11 @@ unsigned char* area() {
     return std::bit_cast<unsigned char*>(mapping->start);
 }
 
-dma_chunk_t* chunk(const arguments& a, std::size_t i) {
+dma_chunk_t* chunk(const arguments& a, size_t i) {
     return reinterpret_cast<dma_chunk_t*>(area() + first_chunk_offset + chunk_bytes * a.number(i));
 }
 
-iommu_dev_t* device(const arguments& a, std::size_t i) {
+iommu_dev_t* device(const arguments& a, size_t i) {
     return reinterpret_cast<iommu_dev_t*>(area() + first_device_offset +
                                           device_bytes * a.number(i));
 }
@@ -46,7 +45,7 @@ unsigned char* references(dma_chunk_t* chunk) {
 /// A chunk record of the client's own, in no list.
 class loose_chunk {
   public:
-    loose_chunk(std::uint64_t pa, std::uint32_t size) {
+    loose_chunk(uint64_t pa, uint32_t size) {
         std::memcpy(&_bytes.at(pa_offset), &pa, sizeof pa);
         std::memcpy(&_bytes.at(size_offset), &size, sizeof size);
     }
@@ -88,7 +87,7 @@ std::string remove_dev(const arguments& a) {
     if (next == nullptr) {
         return "null";
     }
-    const auto bytes = static_cast<std::size_t>(reinterpret_cast<unsigned char*>(next) - first);
+    const auto bytes = static_cast<size_t>(reinterpret_cast<unsigned char*>(next) - first);
     return std::to_string(bytes / reference_bytes);
 }
 
@@ -114,7 +113,7 @@ std::string unmap_everything_from(const arguments& a) {
 
 /// Where in the shared area the name lies that tarvo_find gives, as a file offset.
 std::string place_of_name(const arguments& a) {
-    std::uint32_t chunk_dma = 0;
+    uint32_t chunk_dma = 0;
     const char* const name = tarvo_find(a.number_32(0), &chunk_dma);
     return std::to_string(reinterpret_cast<const unsigned char*>(name) - area());
 }

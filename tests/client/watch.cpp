@@ -17,7 +17,7 @@ struct order {
 bool watching = false;
 long page_bytes = 0;
 
-// Reached only while watching, and so never before the client's own objects are made.
+/// Reached only while watching, and so never before the client's own objects are made.
 std::vector<order>& orders() {
     static std::vector<order> all;
     return all;

@@ -4,8 +4,8 @@
 #include <string_view>
 #include <vector>
 
-/// What the library under test asks of the C library: written down, and refused to order. Calls
-/// that the client itself makes are not meant; only those made between begin() and end() are.
+// What the library under test asks of the C library: written down, and refused to order. Calls
+// that the client itself makes are not meant; only those made between begin() and end() are.
 namespace watch {
 
 void begin();

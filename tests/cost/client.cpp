@@ -2,8 +2,6 @@
 // beforehand. Then does it a few times for what is done once in a process, and TIMES more within
 // measure(), which alone is counted from outside.
 
-#include <tarvo.h>
-
 #include <array>
 #include <cstddef>
 #include <cstdint>
@@ -11,10 +9,11 @@
 #include <cstdlib>
 #include <string>
 #include <string_view>
+#include <tarvo.h>
 
 namespace {
 
-constexpr std::size_t chunk_bytes = 4096;
+constexpr size_t chunk_bytes = 4096;
 constexpr const char* creator = "cost";
 
 int chunk_count = 0;

@@ -68,7 +68,7 @@ TEST_F(chunks, can_have_the_longest_name_and_any_bytes_in_it) {
 
 TEST_F(chunks, with_sizes_that_end_the_process_are_refused) {
     for (const tarvo::bytes size : {0_B, 4_GiB, 4_GiB - 1_B, 4_GiB - 4_KiB + 1_B, 16_GiB,
-                                    2_GiB + 1_B, tarvo::bytes(~std::uint64_t{0})}) {
+                                    2_GiB + 1_B, tarvo::bytes(~uint64_t{0})}) {
         EXPECT_TRUE(fails_with(tarvo::allocate("large", size, "test"), error_code::bad_size,
                                std::to_string(size.count())));
     }
@@ -86,9 +86,9 @@ TEST_F(chunks, need_a_creator) {
 }
 
 TEST_F(chunks, record_of_a_long_creator_what_the_c_call_records) {
-    for (const std::size_t length : {99U, 100U, 200U, 201U, 5000U}) {
+    for (const size_t length : {99U, 100U, 200U, 201U, 5000U}) {
         std::string creator;
-        for (std::size_t i = 0; i < length; ++i) {
+        for (size_t i = 0; i < length; ++i) {
             creator.push_back(static_cast<char>('!' + i % 90));
         }
         ASSERT_TRUE(tarvo::allocate("by_hpp", 4_KiB, creator));
@@ -115,7 +115,7 @@ TEST_F(chunks, are_found_by_name_with_all_that_is_known) {
 TEST_F(chunks, are_found_by_any_address_in_them) {
     const tarvo::chunk mine = allocated("rx_ring", 64_KiB);
     EXPECT_EQ(*tarvo::find_chunk(mine.dma()), mine);
-    EXPECT_EQ(*tarvo::find_chunk(mine.dma() + 64_KiB + tarvo::bytes(~std::uint64_t{0})), mine);
+    EXPECT_EQ(*tarvo::find_chunk(mine.dma() + 64_KiB + tarvo::bytes(~uint64_t{0})), mine);
     EXPECT_TRUE(fails_with(tarvo::find_chunk(mine.dma() + 64_KiB), error_code::not_found, "0x"));
     EXPECT_TRUE(fails_with(tarvo::find_chunk(tarvo::dma_address(0xfffffff0)),
                            error_code::bad_address, "0xfffffff0"));
@@ -161,6 +161,6 @@ TEST_F(chunks, stay_when_a_device_refuses_to_let_them_go) {
     ASSERT_TRUE(tarvo::unregister_device(stubborn));
     if (world_here().cma) {
         // The driver has its memory back, and would refuse to take it again.
-        ASSERT_NE(get_cma_allocation("ring", 4096), ~std::uint64_t{0});
+        ASSERT_NE(get_cma_allocation("ring", 4096), ~uint64_t{0});
     }
 }

@@ -58,7 +58,7 @@ class running {
         char some[1024];
         for (ssize_t got = 1; got > 0;) {
             got = ::read(_output, some, sizeof some);
-            printed.append(some, static_cast<std::size_t>(std::max<ssize_t>(got, 0)));
+            printed.append(some, static_cast<size_t>(std::max<ssize_t>(got, 0)));
         }
         ::waitpid(_process, &status, 0);
         status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;

@@ -11,7 +11,8 @@ using tarvo::error_code;
 
 namespace {
 
-/// Whether the page that starts there is mapped in this process. msync reports ENOMEM where it is not.
+/// Whether the page that starts there is mapped in this process. msync reports ENOMEM where it is
+/// not.
 bool is_mapped(const void* address) {
     return ::msync(const_cast<void*>(address), 1, MS_ASYNC) == 0;
 }
@@ -59,7 +60,7 @@ TEST_F(mappings, of_windows_know_their_own_dma_address) {
 
 TEST_F(mappings, outside_the_chunk_or_within_a_page_are_refused) {
     const tarvo::chunk chunk = allocated("ring", 64_KiB);
-    const tarvo::bytes far(~std::uint64_t{0} - 4095);
+    const tarvo::bytes far(~uint64_t{0} - 4095);
     const std::pair<tarvo::bytes, tarvo::bytes> windows[] = {
         {64_KiB, 0_B}, {0_B, 64_KiB + 1_B}, {60_KiB, 8_KiB}, {4_GiB, 4_KiB}, {4_KiB, 4_GiB},
         {far, 8_KiB},  {1_B, 4_KiB},        {1_B, 0_B},      {0_B, far},     {4_GiB, 0_B}};
@@ -133,27 +134,28 @@ TEST_F(mappings, give_no_object_that_is_aligned_to_more_than_its_page) {
         std::byte first;
     };
     const tarvo::chunk chunk = allocated("ring", 12_KiB);
-    // Of an odd number of pages and beside each other, so that every other one starts on an odd page.
+    // Of an odd number of pages and beside each other, so that every other one starts on an odd
+    // page.
     std::vector<tarvo::mapping> all;
     for (int count = 0; count < 8; ++count) {
         all.push_back(*tarvo::map(chunk));
         const auto first = all.back().object<large>();
         const auto second = all.back().object<large>(4_KiB);
         EXPECT_NE(first.has_value(), second.has_value());
-        EXPECT_EQ(reinterpret_cast<std::uintptr_t>(first ? *first : *second) % 8192, 0U);
+        EXPECT_EQ(reinterpret_cast<uintptr_t>(first ? *first : *second) % 8192, 0U);
     }
 }
 
 TEST_F(mappings, give_typed_access_only_where_it_is_within_and_aligned) {
     const auto memory = tarvo::map(allocated("ring", 4_KiB));
     ASSERT_TRUE(memory);
-    const auto last = memory->object<std::uint64_t>(4088_B);
+    const auto last = memory->object<uint64_t>(4088_B);
     ASSERT_TRUE(last);
     **last = 0x0102030405060708;
     EXPECT_EQ(memory->span()[4095], std::byte{1});
-    EXPECT_TRUE(fails_with(memory->object<std::uint64_t>(4089_B), error_code::bad_window, "4089"));
-    EXPECT_TRUE(fails_with(memory->object<std::uint64_t>(4096_B), error_code::bad_window, "4096"));
-    EXPECT_TRUE(fails_with(memory->object<std::uint32_t>(2_B), error_code::bad_window, "of 4"));
-    EXPECT_TRUE(fails_with(memory->object<char>(tarvo::bytes(~std::uint64_t{0})),
-                           error_code::bad_window, "4096"));
+    EXPECT_TRUE(fails_with(memory->object<uint64_t>(4089_B), error_code::bad_window, "4089"));
+    EXPECT_TRUE(fails_with(memory->object<uint64_t>(4096_B), error_code::bad_window, "4096"));
+    EXPECT_TRUE(fails_with(memory->object<uint32_t>(2_B), error_code::bad_window, "of 4"));
+    EXPECT_TRUE(fails_with(memory->object<char>(tarvo::bytes(~uint64_t{0})), error_code::bad_window,
+                           "4096"));
 }

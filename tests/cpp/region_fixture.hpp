@@ -3,10 +3,9 @@
 #include "tarvo.hpp"
 #include "world.hpp"
 
-#include <gtest/gtest.h>
-
 #include <algorithm>
 #include <cstdlib>
+#include <gtest/gtest.h>
 #include <string>
 #include <vector>
 
@@ -61,7 +60,7 @@ class region_test : public testing::Test {
         return *made;
     }
 
-    static tarvo::device device(std::uint32_t bus, std::uint32_t slot, std::uint32_t function) {
+    static tarvo::device device(uint32_t bus, uint32_t slot, uint32_t function) {
         return *tarvo::device::at(0, bus, slot, function);
     }
 };

@@ -21,18 +21,18 @@ TEST_F(whole, region_lies_where_the_world_has_it) {
 
 TEST_F(whole, region_is_translated_both_ways_and_nothing_else) {
     const world& here = world_here();
-    for (const std::uint64_t pa : {here.start, here.start + 1, here.end() - 1, here.end()}) {
+    for (const uint64_t pa : {here.start, here.start + 1, here.end() - 1, here.end()}) {
         const auto dma = tarvo::pa_to_dma(physical_address(pa));
         ASSERT_TRUE(dma);
         EXPECT_EQ(dma->value(), here.dma(pa));
         EXPECT_EQ(*tarvo::dma_to_pa(*dma), physical_address(pa));
     }
-    for (const std::uint64_t pa : {std::uint64_t{0}, here.start - 1, here.end() + 1,
-                                   here.start + 0x100000000, ~std::uint64_t{0}}) {
+    for (const uint64_t pa :
+         {uint64_t{0}, here.start - 1, here.end() + 1, here.start + 0x100000000, ~uint64_t{0}}) {
         EXPECT_TRUE(fails_with(tarvo::pa_to_dma(physical_address(pa)), error_code::bad_address,
                                "is not in the region"));
     }
-    for (const std::uint32_t dma : {0U, here.start_dma - 1, here.end_dma() + 1, ~0U}) {
+    for (const uint32_t dma : {0U, here.start_dma - 1, here.end_dma() + 1, ~0U}) {
         EXPECT_TRUE(fails_with(tarvo::dma_to_pa(dma_address(dma)), error_code::bad_address,
                                "is not in the region"));
     }
@@ -50,7 +50,7 @@ TEST_F(whole, region_is_mapped_once_and_counted) {
     }
     const auto memory = tarvo::map(chunk);
     ASSERT_TRUE(memory);
-    const auto offset = static_cast<std::size_t>((chunk.dma() - first->where().start).count());
+    const auto offset = static_cast<size_t>((chunk.dma() - first->where().start).count());
     first->span()[offset] = std::byte{0x5a};
     EXPECT_EQ(memory->span()[0], std::byte{0x5a});
 
@@ -59,7 +59,7 @@ TEST_F(whole, region_is_mapped_once_and_counted) {
     EXPECT_EQ(moved.span()[offset], std::byte{0x5a});
 }
 
-// Run in a world that has no region.
+/// Run in a world that has no region.
 TEST(without_a_region, every_call_says_so) {
     constexpr auto code = error_code::not_started;
     constexpr const char* told = "cannot start";
@@ -81,7 +81,7 @@ TEST(without_a_region, every_call_says_so) {
     EXPECT_TRUE(fails_with(tarvo::iommu_unmap({}), code, told));
 }
 
-// Run in a world whose region no single request can describe.
+/// Run in a world whose region no single request can describe.
 TEST(a_region_of_2_gib, is_not_mapped_for_a_device_at_once) {
     EXPECT_TRUE(
         fails_with(tarvo::iommu_map({}, tarvo::access::read), error_code::bad_size, "0x80000000"));
@@ -96,9 +96,9 @@ TEST(a_region_of_2_gib, is_one_chunk_at_most_that_a_device_can_have) {
     EXPECT_TRUE(tarvo::free_chunk(*largest));
 }
 
-// Run in a world with a larger one.
+/// Run in a world with a larger one.
 TEST(a_region_of_3_gib, has_a_chunk_that_would_end_who_registers_a_device) {
-    ASSERT_NE(tarvo_alloc_func("too_large", std::size_t{0x80001000}, "test"), 0U);
+    ASSERT_NE(tarvo_alloc_func("too_large", size_t{0x80001000}, "test"), 0U);
     EXPECT_TRUE(fails_with(tarvo::register_device({}), error_code::bad_size, "'too_large'"));
     EXPECT_TRUE(tarvo::free_chunk("too_large"));
     EXPECT_TRUE(tarvo::register_device({}));

@@ -22,7 +22,7 @@ TEST_F(registry, keeps_a_device_from_registering_to_unregistering) {
 }
 
 TEST_F(registry, refuses_the_device_that_would_end_the_process) {
-    for (std::uint32_t number = 0; number < 256; ++number) {
+    for (uint32_t number = 0; number < 256; ++number) {
         ASSERT_TRUE(tarvo::register_device(device(1, number / 8, number % 8)));
     }
     EXPECT_TRUE(fails_with(tarvo::register_device(device(3, 0, 0)), error_code::too_many_devices,
@@ -46,7 +46,7 @@ TEST_F(registry, says_when_a_driver_refuses) {
     EXPECT_FALSE(tarvo::free_chunk("ring"));
     ASSERT_TRUE(tarvo::unregister_device(stubborn));
     if (world_here().cma) {
-        ASSERT_NE(get_cma_allocation("ring", 4096), ~std::uint64_t{0});
+        ASSERT_NE(get_cma_allocation("ring", 4096), ~uint64_t{0});
     }
 }
 

@@ -2,9 +2,8 @@
 
 #include "tarvo.hpp"
 
-#include <gtest/gtest.h>
-
 #include <concepts>
+#include <gtest/gtest.h>
 #include <memory>
 #include <ranges>
 #include <span>
@@ -49,16 +48,16 @@ static_assert(!convertible<tarvo::read_only_mapping, tarvo::mapping>);
 static_assert(std::is_same_v<decltype(std::declval<tarvo::read_only_mapping>().object<int>()),
                              tarvo::result<const int*>>);
 
-// Sizes and addresses do not mix, with each other or with numbers.
+/// Sizes and addresses do not mix, with each other or with numbers.
 static_assert(!convertible<tarvo::dma_address, tarvo::physical_address>);
 static_assert(!convertible<tarvo::physical_address, tarvo::dma_address>);
 static_assert(!convertible<tarvo::bytes, tarvo::dma_address>);
-static_assert(!std::is_convertible_v<std::uint32_t, tarvo::dma_address>);
-static_assert(!std::is_convertible_v<std::uint64_t, tarvo::bytes>);
-static_assert(!convertible<tarvo::dma_address, std::uint32_t>);
+static_assert(!std::is_convertible_v<uint32_t, tarvo::dma_address>);
+static_assert(!std::is_convertible_v<uint64_t, tarvo::bytes>);
+static_assert(!convertible<tarvo::dma_address, uint32_t>);
 static_assert(!convertible<tarvo::physical_address, void*>);
 static_assert(!comparable<tarvo::dma_address, tarvo::physical_address>);
-static_assert(!comparable<tarvo::dma_address, std::uint32_t>);
+static_assert(!comparable<tarvo::dma_address, uint32_t>);
 static_assert(addable<tarvo::dma_address, tarvo::bytes>);
 static_assert(!addable<tarvo::dma_address, tarvo::dma_address>);
 static_assert(!addable<tarvo::dma_address, int>);
@@ -79,11 +78,11 @@ static_assert(std::is_same_v<std::ranges::range_value_t<tarvo::chunk_range>, tar
 static_assert(std::derived_from<tarvo::listed_chunk, tarvo::chunk>);
 static_assert(std::derived_from<tarvo::listed_device, tarvo::device>);
 
-// Programs keep a code in an int, with 0 for success: no error may look like that.
+/// Programs keep a code in an int, with 0 for success: no error may look like that.
 static_assert(static_cast<int>(tarvo::error_code::bad_name) == 1);
 static_assert(static_cast<int>(tarvo::error_code::damaged) == 17);
 
-// Nothing throws.
+/// Nothing throws.
 constexpr std::string_view no_text;
 static_assert(noexcept(tarvo::allocate(no_text, 1_B, no_text)) && noexcept(tarvo::map({})));
 static_assert(noexcept(tarvo::free_chunk(no_text)) && noexcept(tarvo::listing::open()));
@@ -203,10 +202,10 @@ TEST(a_listings_line, is_refused_wherever_it_is_cut_or_widened) {
     const std::string good(line);
     tarvo::detail::chunk_line fields;
     ASSERT_TRUE(fields.read(good));
-    for (std::size_t end = 0; end < good.size() - 4; ++end) {
+    for (size_t end = 0; end < good.size() - 4; ++end) {
         EXPECT_FALSE(fields.read(good.substr(0, end))) << end;
     }
-    for (std::size_t at = 5; at < 170; ++at) {
+    for (size_t at = 5; at < 170; ++at) {
         std::string wider = good;
         wider.insert(at, "x");
         EXPECT_FALSE(fields.read(wider)) << at;

@@ -7,7 +7,7 @@
 namespace {
 
 std::string trimmed(std::string_view text) {
-    const std::size_t first = text.find_first_not_of(' ');
+    const size_t first = text.find_first_not_of(' ');
     if (first == std::string_view::npos) {
         return {};
     }
@@ -125,7 +125,7 @@ cell_parts parts_of(std::string_view cell) {
     while (!cell.empty()) {
         const char mark = cell.front();
         const bool is_marked = mark == '`' || mark == '*';
-        const std::size_t end = is_marked ? cell.find(mark, 1) : cell.find_first_of("`*");
+        const size_t end = is_marked ? cell.find(mark, 1) : cell.find_first_of("`*");
         if (is_marked && end == std::string_view::npos) {
             throw std::runtime_error("it does not end: " + std::string(cell));
         }

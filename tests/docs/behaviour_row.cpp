@@ -23,7 +23,7 @@ std::vector<std::string> words_of(const std::string& text) {
 }
 
 std::string replaced(std::string text, std::string_view what, std::string_view by) {
-    for (std::size_t at = text.find(what); at != std::string::npos;
+    for (size_t at = text.find(what); at != std::string::npos;
          at = text.find(what, at + by.size())) {
         text.replace(at, what.size(), by);
     }
@@ -84,7 +84,7 @@ class error_text_reader {
     }
 
     cell_parts _parts;
-    std::size_t _next = 0;
+    size_t _next = 0;
 };
 
 std::string expected_error(const std::string& cell) {
@@ -142,7 +142,7 @@ std::vector<std::string> options_of(const std::vector<std::string>& steps) {
     std::vector<std::string> options;
     for (const std::string& step : steps) {
         if (is_option(step)) {
-            const std::size_t blank = step.find(' ');
+            const size_t blank = step.find(' ');
             options.push_back(step.substr(0, blank));
             options.push_back(step.substr(blank + 1));
         }
@@ -151,9 +151,8 @@ std::vector<std::string> options_of(const std::vector<std::string>& steps) {
 }
 
 std::string device_text(const area_device& device) {
-    const pci_device pci{static_cast<std::uint32_t>(device.domain),
-                         static_cast<std::uint32_t>(device.bus),
-                         static_cast<std::uint32_t>(device.devfn)};
+    const pci_device pci{static_cast<uint32_t>(device.domain), static_cast<uint32_t>(device.bus),
+                         static_cast<uint32_t>(device.devfn)};
     return std::to_string(device.index) + "=" + pci.name() + (device.online != 0 ? "" : ":offline");
 }
 
@@ -162,7 +161,7 @@ std::string listing(const sandbox& machine) {
     const area_file area = machine.area();
     const std::vector<area_chunk> chunks = area.view().chunks();
     std::vector<std::string> lines;
-    for (std::size_t i = 1; i + 1 < chunks.size(); i++) {
+    for (size_t i = 1; i + 1 < chunks.size(); i++) {
         std::string line = chunks[i].name + ":" +
                            std::to_string((chunks[i].pa - machine.chosen().start) / page_bytes()) +
                            "+" + std::to_string(chunks[i].size / page_bytes());
@@ -183,21 +182,21 @@ std::string listing(const sandbox& machine) {
 void set_field(const sandbox& machine, const std::vector<std::string>& words) {
     const area_file area = machine.writable_area();
     const std::string& field = words.at(words.size() - 2);
-    const auto value = static_cast<std::uint64_t>(std::stoll(words.back(), nullptr, 0));
+    const auto value = static_cast<uint64_t>(std::stoll(words.back(), nullptr, 0));
     const std::string& list = words.at(1);
     if (list == "chunks" && field == "free") {
-        area.writer().i32(offset::chunks_free, static_cast<std::int32_t>(value));
+        area.writer().i32(offset::chunks_free, static_cast<int32_t>(value));
     } else if (list == "chunk" && field == "next") {
         area.writer().i32(offset::chunk(std::stoi(words.at(2))) + offset::next,
-                          static_cast<std::int32_t>(value));
+                          static_cast<int32_t>(value));
     } else if (list == "chunk" && field == "pa") {
         area.writer().u64(offset::chunk(std::stoi(words.at(2))) + offset::pa, value);
     } else if (list == "chunk" && field == "size") {
         area.writer().u32(offset::chunk(std::stoi(words.at(2))) + offset::size,
-                          static_cast<std::uint32_t>(value));
+                          static_cast<uint32_t>(value));
     } else if (list == "device" && field == "online") {
         area.writer().u8(offset::device(std::stoi(words.at(2))) + offset::online,
-                         static_cast<std::uint8_t>(value));
+                         static_cast<uint8_t>(value));
     } else {
         throw std::runtime_error("no such field: " + joined(words));
     }
@@ -217,8 +216,8 @@ class row_machine {
     const std::string& last_address() const { return _last_address; }
 
     behaviour observe(const std::string& command, const behaviour& expected) {
-        const std::vector<std::uint8_t> before = area_bytes();
-        const std::size_t lines_before = written_lines().size();
+        const std::vector<uint8_t> before = area_bytes();
+        const size_t lines_before = written_lines().size();
         _user.new_text();
         behaviour seen;
         seen.lock = lock_before();
@@ -280,7 +279,7 @@ class row_machine {
     std::vector<std::string> written_lines() const {
         std::vector<std::string> lines;
         for (const std::string& event : _box.driver_log()) {
-            const std::size_t colon = event.find(": ");
+            const size_t colon = event.find(": ");
             if (event.find(" write") < colon && event.ends_with('\n')) {
                 lines.push_back(event.substr(colon + 2, event.size() - colon - 3));
             }
@@ -288,9 +287,9 @@ class row_machine {
         return lines;
     }
 
-    std::vector<std::uint8_t> area_bytes() const {
+    std::vector<uint8_t> area_bytes() const {
         return std::filesystem::exists(_box.shared_area()) ? _box.area().snapshot()
-                                                           : std::vector<std::uint8_t>{};
+                                                           : std::vector<uint8_t>{};
     }
 
     bool locked() const {

@@ -1,11 +1,9 @@
 // docs/behaviour.md against the library: every row of every table is carried out.
 
 #include "behaviour_row.hpp"
-
 #include "process.hpp"
 
 #include <gtest/gtest.h>
-
 #include <ostream>
 #include <regex>
 #include <set>
@@ -18,7 +16,7 @@ std::ostream& operator<<(std::ostream& stream, const page_row& row) {
 namespace {
 
 /// Fewer say too little about any function.
-constexpr std::size_t least_rows = 3;
+constexpr size_t least_rows = 3;
 
 std::set<std::string> exported_names() {
     // What has a mangled name has a plain one, too.

@@ -11,7 +11,7 @@ namespace model {
 
 namespace {
 
-constexpr std::uint64_t no_cma = std::numeric_limits<std::uint64_t>::max();
+constexpr uint64_t no_cma = std::numeric_limits<uint64_t>::max();
 
 /// All of it, or the first and the last 47 characters: a field of 100 bytes holds no more.
 std::string stored_creator(const std::string& creator) {
@@ -21,7 +21,7 @@ std::string stored_creator(const std::string& creator) {
     return creator.substr(0, 47) + " ... " + creator.substr(creator.size() - 47);
 }
 
-std::string cma_command(char letter, const std::string& name, std::uint32_t size) {
+std::string cma_command(char letter, const std::string& name, uint32_t size) {
     return text_of("%c %s %x\n", letter, name.c_str(), size);
 }
 
@@ -29,7 +29,7 @@ std::string cma_command(char letter, const std::string& name, std::uint32_t size
 
 /// The first chunk of that name; neither sentinel is one.
 chunk* library::find_by_name(const std::string& name) {
-    for (std::size_t i = 1; i + 1 < _area.chunks.size(); i++) {
+    for (size_t i = 1; i + 1 < _area.chunks.size(); i++) {
         if (_area.chunks[i].name == name) {
             return &_area.chunks[i];
         }
@@ -48,7 +48,7 @@ bool library::chunk_desc_check(const chunk& one) {
     return good;
 }
 
-std::uint32_t library::alloc(const text& name, std::uint64_t size, const text& creator) {
+uint32_t library::alloc(const text& name, uint64_t size, const text& creator) {
     if (!init_or_say()) {
         return 0;
     }
@@ -57,8 +57,8 @@ std::uint32_t library::alloc(const text& name, std::uint64_t size, const text& c
     require(!read(creator).empty(), "tarvo", "len_agent_name > 0");
     require(size != 0, "tarvo", "size");
     lock();
-    const auto page = static_cast<std::uint32_t>(page_bytes());
-    const std::uint32_t rounded = page * ((static_cast<std::uint32_t>(size) + page - 1) / page);
+    const auto page = static_cast<uint32_t>(page_bytes());
+    const uint32_t rounded = page * ((static_cast<uint32_t>(size) + page - 1) / page);
     chunk* const existing = find_by_name(read(name));
     if (existing != nullptr && existing->size == rounded) {
         return reuse(*existing);
@@ -69,7 +69,7 @@ std::uint32_t library::alloc(const text& name, std::uint64_t size, const text& c
     return make_chunk(read(name), rounded, read(creator));
 }
 
-std::uint32_t library::reuse(chunk& existing) {
+uint32_t library::reuse(chunk& existing) {
     if (!chunk_desc_check(existing)) {
         return discard(existing);
     }
@@ -78,9 +78,9 @@ std::uint32_t library::reuse(chunk& existing) {
 }
 
 /// Takes a chunk off the list, without a word to the IOMMU.
-std::uint32_t library::discard(const chunk& one) {
+uint32_t library::discard(const chunk& one) {
     const std::string name = one.name;
-    const std::uint32_t size = one.size;
+    const uint32_t size = one.size;
     _area.give_back_chunk(one.element);
     if (_machine.where.cma) {
         free_cma_allocation(name, size);
@@ -89,8 +89,8 @@ std::uint32_t library::discard(const chunk& one) {
     return 0;
 }
 
-std::uint32_t library::make_chunk(const std::string& name, std::uint32_t rounded,
-                                  const std::string& creator) {
+uint32_t library::make_chunk(const std::string& name, uint32_t rounded,
+                             const std::string& creator) {
     if (_area.free_chunks.empty()) {
         unlock();
         return 0;
@@ -111,17 +111,17 @@ std::uint32_t library::make_chunk(const std::string& name, std::uint32_t rounded
     return 0;
 }
 
-bool library::place(chunk& fresh, std::uint32_t rounded) {
+bool library::place(chunk& fresh, uint32_t rounded) {
     return _machine.where.cma ? place_in_cma(fresh, rounded) : place_in_region(fresh, rounded);
 }
 
-void library::insert_in_order(const chunk& fresh, std::size_t position) {
+void library::insert_in_order(const chunk& fresh, size_t position) {
     _area.chunks.insert(_area.chunks.begin() + static_cast<std::ptrdiff_t>(position), fresh);
 }
 
 /// First fit, at the low end of the gap.
-bool library::place_in_region(chunk& fresh, std::uint32_t rounded) {
-    for (std::size_t cur = 1; cur < _area.chunks.size(); cur++) {
+bool library::place_in_region(chunk& fresh, uint32_t rounded) {
+    for (size_t cur = 1; cur < _area.chunks.size(); cur++) {
         const chunk& prev = _area.chunks[cur - 1];
         if (_area.chunks[cur].pa - prev.pa - prev.size >= rounded) {
             fresh.pa = prev.end();
@@ -135,9 +135,9 @@ bool library::place_in_region(chunk& fresh, std::uint32_t rounded) {
 }
 
 /// Where the driver says, if that is in a gap; the end is not looked at.
-bool library::place_in_cma(chunk& fresh, std::uint32_t rounded) {
+bool library::place_in_cma(chunk& fresh, uint32_t rounded) {
     fresh.pa = get_cma_allocation(fresh.name, rounded);
-    for (std::size_t cur = 1; fresh.pa != 0 && cur < _area.chunks.size(); cur++) {
+    for (size_t cur = 1; fresh.pa != 0 && cur < _area.chunks.size(); cur++) {
         if (_area.chunks[cur - 1].end() <= fresh.pa && fresh.pa < _area.chunks[cur].pa) {
             fresh.size = rounded;
             fresh.devs.emplace();
@@ -148,7 +148,7 @@ bool library::place_in_cma(chunk& fresh, std::uint32_t rounded) {
     return false;
 }
 
-std::uint32_t library::finish(const chunk& fresh) {
+uint32_t library::finish(const chunk& fresh) {
     if (!chunk_desc_check(fresh)) {
         return discard(fresh);
     }
@@ -202,7 +202,7 @@ int library::free(const text& name) {
     return result;
 }
 
-std::uint64_t library::get_cma_allocation(const std::string& name, std::uint32_t size) {
+uint64_t library::get_cma_allocation(const std::string& name, uint32_t size) {
     if (!ask_for_cma(name, size)) {
         return no_cma;
     }
@@ -211,12 +211,12 @@ std::uint64_t library::get_cma_allocation(const std::string& name, std::uint32_t
         say(text_of("Error opening /proc/tarvo: %s\n", std::strerror(error)));
         return no_cma;
     }
-    const std::uint64_t pa = look_up_cma(name, size, seen);
+    const uint64_t pa = look_up_cma(name, size, seen);
     _machine.kernel.close("proc");
     return pa;
 }
 
-bool library::ask_for_cma(const std::string& name, std::uint32_t size) {
+bool library::ask_for_cma(const std::string& name, uint32_t size) {
     driver& kernel = _machine.kernel;
     if (const int error = kernel.open_for_writing("proc"); error != 0) {
         say(text_of("Error opening /proc/tarvo: %s\n", std::strerror(error)));
@@ -232,14 +232,13 @@ bool library::ask_for_cma(const std::string& name, std::uint32_t size) {
     return accepted;
 }
 
-std::uint64_t library::look_up_cma(const std::string& name, std::uint32_t size,
-                                   const listing& shown) {
+uint64_t library::look_up_cma(const std::string& name, uint32_t size, const listing& shown) {
     if (shown.is_empty()) {
         say("Expected at least 1 line in /proc/tarvo\n");
         return no_cma;
     }
     // The first line is skipped unread, whatever it is.
-    for (std::size_t i = shown.has_region_line ? 0 : 1; i < shown.lines.size(); i++) {
+    for (size_t i = shown.has_region_line ? 0 : 1; i < shown.lines.size(); i++) {
         const listing_line& line = shown.lines[i];
         if (!line.pa || !line.size) {
             say("Error parsing /proc/tarvo\n");
@@ -252,7 +251,7 @@ std::uint64_t library::look_up_cma(const std::string& name, std::uint32_t size,
     return no_cma;
 }
 
-int library::free_cma_allocation(const std::string& name, std::uint32_t size) {
+int library::free_cma_allocation(const std::string& name, uint32_t size) {
     driver& kernel = _machine.kernel;
     if (const int error = kernel.open_for_writing("proc"); error != 0) {
         say(text_of("Error opening /proc/tarvo: %s\n", std::strerror(error)));

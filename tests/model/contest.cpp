@@ -12,9 +12,9 @@ namespace model {
 
 namespace {
 
-// The file has 70 MB, nearly all of which nothing ever touches: it is read as a whole only so often,
-// and after the last step.
-constexpr std::size_t steps_between_whole_areas = 50;
+/// The file has 70 MB, nearly all of which nothing ever touches: it is read as a whole only so
+/// often, and after the last step.
+constexpr size_t steps_between_whole_areas = 50;
 
 std::string joined(const std::vector<std::string>& lines) {
     std::string text;
@@ -84,7 +84,7 @@ std::optional<std::string> difference_of(const outcome& expected, const outcome&
 }
 
 std::optional<std::string> difference_of(const shared_area& expected, image& bytes,
-                                         std::optional<std::span<const std::uint8_t>> seen,
+                                         std::optional<std::span<const uint8_t>> seen,
                                          area_part part) {
     if (expected.built != seen.has_value()) {
         return apart("shared area", expected.built ? "is there" : "is not there",
@@ -127,7 +127,7 @@ verdict play(const playground& where, const step_source& source) {
 }
 
 step_source steps_of(const script& all) {
-    return [steps = all.steps, i = std::size_t{0}](const prediction& /*now*/) mutable {
+    return [steps = all.steps, i = size_t{0}](const prediction& /*now*/) mutable {
         return i < steps.size() ? std::optional(steps[i++]) : std::nullopt;
     };
 }

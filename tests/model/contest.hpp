@@ -15,7 +15,7 @@ namespace model {
 
 /// Where the library and the model part.
 struct difference {
-    std::size_t step; ///< position among the steps, from 0
+    size_t step;      ///< position among the steps, from 0
     std::string text; ///< what was expected and what was seen
 };
 
@@ -25,7 +25,7 @@ std::optional<std::string> difference_of(const outcome& expected, const outcome&
 /// What differs in the shared area. All of it, or only what steps can have changed?
 enum class area_part { all, what_changes };
 std::optional<std::string> difference_of(const shared_area& expected, image& bytes,
-                                         std::optional<std::span<const std::uint8_t>> seen,
+                                         std::optional<std::span<const uint8_t>> seen,
                                          area_part part);
 
 /// Gives the next step, or none at the end.

@@ -13,28 +13,28 @@ int one_of(std::mt19937& random, int count) {
     return std::uniform_int_distribution(0, count - 1)(random);
 }
 
-std::size_t field_of_chunk(std::mt19937& random, int chunk) {
+size_t field_of_chunk(std::mt19937& random, int chunk) {
     constexpr std::array fields{at::next,      at::next,      at::next,     at::prev,
                                 at::allocated, at::name,      at::pa,       at::size,
                                 at::devs_head, at::devs_tail, at::devs_free};
-    return at::chunk(chunk) + fields.at(static_cast<std::size_t>(one_of(random, fields.size())));
+    return at::chunk(chunk) + fields.at(static_cast<size_t>(one_of(random, fields.size())));
 }
 
-std::size_t field_of_list(std::mt19937& random) {
+size_t field_of_list(std::mt19937& random) {
     constexpr std::array fields{at::chunks_head, at::chunks_tail,  at::chunks_tail,
                                 at::chunks_free, at::devices_head, at::devices_tail,
                                 at::devices_free};
-    return fields.at(static_cast<std::size_t>(one_of(random, fields.size())));
+    return fields.at(static_cast<size_t>(one_of(random, fields.size())));
 }
 
-std::size_t field_of_device_or_reference(std::mt19937& random, int chunk) {
+size_t field_of_device_or_reference(std::mt19937& random, int chunk) {
     constexpr std::array fields{at::next, at::prev, at::allocated, at::dev};
-    const std::size_t field = fields.at(static_cast<std::size_t>(one_of(random, fields.size())));
+    const size_t field = fields.at(static_cast<size_t>(one_of(random, fields.size())));
     const int element = one_of(random, 3);
     return field + (one_of(random, 2) == 0 ? at::device(element) : at::ref(chunk, element));
 }
 
-std::size_t choose_offset(std::mt19937& random, int chunk) {
+size_t choose_offset(std::mt19937& random, int chunk) {
     switch (one_of(random, 8)) {
     case 0:
         return field_of_list(random);
@@ -45,24 +45,24 @@ std::size_t choose_offset(std::mt19937& random, int chunk) {
     }
 }
 
-std::uint32_t choose_value(std::mt19937& random, std::uint32_t before, int chunk, int in_use) {
+uint32_t choose_value(std::mt19937& random, uint32_t before, int chunk, int in_use) {
     switch (one_of(random, 9)) {
     case 0:
         return 0;
     case 1:
-        return ~std::uint32_t{0};
+        return ~uint32_t{0};
     case 2:
-        return static_cast<std::uint32_t>(chunk);
+        return static_cast<uint32_t>(chunk);
     case 3:
         return 16384;
     case 4:
-        return static_cast<std::uint32_t>(in_use + one_of(random, 100));
+        return static_cast<uint32_t>(in_use + one_of(random, 100));
     case 5:
-        return static_cast<std::uint32_t>(random());
+        return static_cast<uint32_t>(random());
     case 6:
         return before ^ (1U << static_cast<unsigned>(one_of(random, 32)));
     default:
-        return static_cast<std::uint32_t>(one_of(random, in_use));
+        return static_cast<uint32_t>(one_of(random, in_use));
     }
 }
 
@@ -70,7 +70,7 @@ std::uint32_t choose_value(std::mt19937& random, std::uint32_t before, int chunk
 
 void damage::make(const area_writer& area) const {
     if (is_byte) {
-        area.u8(offset, static_cast<std::uint8_t>(value));
+        area.u8(offset, static_cast<uint8_t>(value));
     } else {
         area.u32(offset, value);
     }
@@ -84,7 +84,7 @@ std::string damage::shown() const {
 
 damage choose_damage(std::mt19937& random, const area_view& now, int chunks_in_use) {
     const int chunk = one_of(random, chunks_in_use);
-    const std::size_t offset = choose_offset(random, chunk);
+    const size_t offset = choose_offset(random, chunk);
     // The flag of an element is followed by its name: these are bytes.
     const bool is_byte =
         offset == at::chunk(chunk) + at::allocated || offset == at::chunk(chunk) + at::name;

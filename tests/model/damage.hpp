@@ -12,9 +12,9 @@ namespace model {
 
 /// A number of the area that is overwritten, as another process or a fault of memory would.
 struct damage {
-    std::size_t offset;
+    size_t offset;
     bool is_byte; ///< one byte of it only; otherwise four
-    std::uint32_t value;
+    uint32_t value;
 
     void make(const area_writer& area) const;
     std::string shown() const;

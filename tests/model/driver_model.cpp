@@ -11,7 +11,7 @@ namespace model {
 
 namespace {
 
-constexpr std::uint64_t odd_bytes = 4096; // what a wrong size is too large by
+constexpr uint64_t odd_bytes = 4096; // what a wrong size is too large by
 
 /// A command for no bytes is not, so that no rule sees what it asks.
 bool is_well_formed(const std::string& file, const request& asked) {
@@ -127,7 +127,7 @@ int driver::write(const std::string& file, const request& asked, const std::stri
     return error;
 }
 
-int driver::answer_write(const request& asked, std::size_t length, const driver_rule* answer) {
+int driver::answer_write(const request& asked, size_t length, const driver_rule* answer) {
     const bool is_cut = answer != nullptr && answer->accepted_bytes.value_or(length) < length;
     if (is_cut || asked.op == "map" || asked.op == "unmap") {
         return 0;
@@ -154,21 +154,21 @@ int driver::release(const request& asked) {
                : 0;
 }
 
-bool driver::is_room(std::uint64_t pa, std::uint64_t bytes) const {
+bool driver::is_room(uint64_t pa, uint64_t bytes) const {
     return pa + bytes <= _end && std::ranges::none_of(_allocations, [=](const allocation& held) {
                return pa < held.pa + held.size && held.pa < pa + bytes;
            });
 }
 
 /// The lowest place starts where the region starts or behind an allocation.
-std::optional<std::uint64_t> driver::first_room(std::uint32_t size) const {
-    std::vector<std::uint64_t> places{_start};
+std::optional<uint64_t> driver::first_room(uint32_t size) const {
+    std::vector<uint64_t> places{_start};
     for (const allocation& held : _allocations) {
         places.push_back(rounded_to_pages(held.pa + held.size));
     }
     std::ranges::sort(places);
     const auto found = std::ranges::find_if(
-        places, [&](std::uint64_t pa) { return pa >= _start && is_room(pa, size); });
+        places, [&](uint64_t pa) { return pa >= _start && is_room(pa, size); });
     return found == places.end() ? std::nullopt : std::optional(*found);
 }
 

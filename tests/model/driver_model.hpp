@@ -13,8 +13,8 @@ namespace model {
 /// A line of /proc/tarvo behind the first one; what is missing is not in the line.
 struct listing_line {
     std::string name;
-    std::optional<std::uint64_t> pa;
-    std::optional<std::uint64_t> size;
+    std::optional<uint64_t> pa;
+    std::optional<uint64_t> size;
 };
 
 /// What one open of /proc/tarvo shows.
@@ -32,7 +32,7 @@ class driver {
 
     void replace_rules(const std::vector<std::string>& rules);
 
-    // Each returns 0 or the errno it answers.
+    /// Each returns 0 or the errno it answers.
     int open_for_reading(listing& seen);
     int open_for_writing(const std::string& file);
     int write(const std::string& file, const request& asked, const std::string& line);
@@ -44,21 +44,21 @@ class driver {
   private:
     struct allocation {
         std::string name;
-        std::uint64_t pa;
-        std::uint64_t size;
+        uint64_t pa;
+        uint64_t size;
     };
 
     driver_rule* answer_to(const driver_call& call);
-    int answer_write(const request& asked, std::size_t length, const driver_rule* answer);
+    int answer_write(const request& asked, size_t length, const driver_rule* answer);
     int allocate(const request& asked, const driver_rule* answer);
     int release(const request& asked);
-    std::optional<std::uint64_t> first_room(std::uint32_t size) const;
-    bool is_room(std::uint64_t pa, std::uint64_t bytes) const;
+    std::optional<uint64_t> first_room(uint32_t size) const;
+    bool is_room(uint64_t pa, uint64_t bytes) const;
     listing listing_now(const driver_rule* bending) const;
     void note(const driver_call& call, const std::string& bytes, int error);
 
-    std::uint64_t _start;
-    std::uint64_t _end;
+    uint64_t _start;
+    uint64_t _end;
     std::vector<allocation> _allocations;
     std::vector<driver_rule> _rules;
     std::vector<std::string> _events;

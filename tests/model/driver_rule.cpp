@@ -8,7 +8,7 @@ namespace model {
 
 namespace {
 
-std::uint64_t hexadecimal_number(const std::string& text) {
+uint64_t hexadecimal_number(const std::string& text) {
     return std::stoull(text, nullptr, 16);
 }
 
@@ -25,10 +25,10 @@ int error_number(const std::string& name) {
 /// "dddd:bb:ss.f", all hexadecimal.
 auto parse_device(const std::string& text) {
     std::istringstream fields(text);
-    std::uint32_t domain = 0;
-    std::uint32_t bus = 0;
-    std::uint32_t slot = 0;
-    std::uint32_t function = 0;
+    uint32_t domain = 0;
+    uint32_t bus = 0;
+    uint32_t slot = 0;
+    uint32_t function = 0;
     char mark = 0;
     fields >> std::hex >> domain >> mark >> bus >> mark >> slot >> mark >> function;
     return std::tuple(domain, bus, slot << 3U | function);
@@ -37,7 +37,7 @@ auto parse_device(const std::string& text) {
 /// "n", "n+" or "n-m".
 void parse_nth(driver_rule& rule, const std::string& text) {
     rule.first = std::stoull(text);
-    const std::size_t dash = text.find('-');
+    const size_t dash = text.find('-');
     if (dash != std::string::npos) {
         rule.last = std::stoull(text.substr(dash + 1));
     } else if (text.back() != '+') {
@@ -68,7 +68,7 @@ bool set_condition(driver_rule& rule, const std::string& key, const std::string&
     } else if (key == "device") {
         rule.device = parse_device(value);
     } else if (key == "range") {
-        const std::size_t dash = value.find('-');
+        const size_t dash = value.find('-');
         rule.range_pa = {hexadecimal_number(value), hexadecimal_number(value.substr(dash + 1))};
     } else if (key == "name") {
         rule.name = value;
@@ -129,7 +129,7 @@ driver_rule parse_rule(const std::string& text) {
     driver_rule rule;
     std::istringstream parts(text);
     for (std::string part; std::getline(parts, part, ',');) {
-        const std::size_t equals = part.find('=');
+        const size_t equals = part.find('=');
         const std::string key = part.substr(0, equals);
         const std::string value = part.substr(equals + 1);
         if (!set_condition(rule, key, value) && !set_answer(rule, key, value)) {

@@ -6,10 +6,10 @@ namespace model {
 
 namespace {
 
-constexpr std::uint64_t most_bytes_to_zero = 0x100000;
-constexpr std::uint64_t four_gib = 0x100000000;
+constexpr uint64_t most_bytes_to_zero = 0x100000;
+constexpr uint64_t four_gib = 0x100000000;
 
-std::string text_of_number(std::uint64_t number) {
+std::string text_of_number(uint64_t number) {
     return text_of("0x%llx", static_cast<unsigned long long>(number));
 }
 
@@ -61,7 +61,7 @@ std::string choose(const std::vector<wish>& wishes, chance& dice) {
     for (const wish& one : wishes) {
         total += one.weight;
     }
-    std::uint64_t left = dice.below(total);
+    uint64_t left = dice.below(total);
     for (const wish& one : wishes) {
         if (left < one.weight) {
             return one.verb;
@@ -77,7 +77,7 @@ std::vector<std::optional<std::string>> as_words(const std::vector<std::string>&
 
 } // namespace
 
-playground choose_playground(const std::string& world_name, std::uint64_t seed, int processes) {
+playground choose_playground(const std::string& world_name, uint64_t seed, int processes) {
     // Not the numbers that the steps are made from.
     chance dice(~seed);
     playground chosen{world_name, dice.any_of(regions_of(world_name)), processes};
@@ -120,14 +120,14 @@ bool generator::is_welcome(const prediction& now, const step& one) {
         return _chance.one_in(3);
     }
     return one.verb != "alloc" || result.reply == "0x0" ||
-           static_cast<std::uint32_t>(one.number(1)) <= most_bytes_to_zero;
+           static_cast<uint32_t>(one.number(1)) <= most_bytes_to_zero;
 }
 
 step generator::propose(const prediction& now) {
     if (_chance.one_in(25)) {
         return {the_machine, "rules", as_words(choose_rules(_chance, now.machine()))};
     }
-    const auto count = static_cast<std::uint64_t>(now.process_count());
+    const auto count = static_cast<uint64_t>(now.process_count());
     return propose_for(now, static_cast<int>(_chance.below(count)));
 }
 
@@ -193,13 +193,13 @@ std::string generator::creator() {
         return _chance.any_of({"me", "an agent", "100%s"});
     }
     std::string alphabet;
-    for (std::uint64_t i = _chance.any_of({98U, 99U, 100U, 101U, 400U}); i != 0; i--) {
+    for (uint64_t i = _chance.any_of({98U, 99U, 100U, 101U, 400U}); i != 0; i--) {
         alphabet += static_cast<char>('A' + i % 26);
     }
     return alphabet;
 }
 
-std::uint64_t generator::size(const prediction& now) {
+uint64_t generator::size(const prediction& now) {
     const machine_state& machine = now.machine();
     switch (_chance.below(24)) {
     case 0:
@@ -211,13 +211,13 @@ std::uint64_t generator::size(const prediction& now) {
     case 3:
         return machine.where.bytes + pages(1);
     case 4:
-        return _chance.any_of({std::uint64_t{0}, four_gib - pages(1) + 1, four_gib / 2});
+        return _chance.any_of({uint64_t{0}, four_gib - pages(1) + 1, four_gib / 2});
     case 5:
     case 6: {
         // What just fits a gap, and what just does not.
         const std::vector<chunk>& chunks = machine.area.chunks;
-        const std::size_t i = chunks.size() < 2 ? 0 : _chance.below(chunks.size() - 1);
-        const std::uint64_t gap = chunks.size() < 2 ? 0 : chunks[i + 1].pa - chunks[i].end();
+        const size_t i = chunks.size() < 2 ? 0 : _chance.below(chunks.size() - 1);
+        const uint64_t gap = chunks.size() < 2 ? 0 : chunks[i + 1].pa - chunks[i].end();
         return gap + pages(_chance.below(2));
     }
     default:
@@ -237,11 +237,11 @@ std::vector<std::string> generator::alloc(const prediction& now) {
 }
 
 std::vector<std::string> generator::map(const prediction& now) {
-    const std::uint64_t offset =
-        _chance.any_of({std::uint64_t{0}, std::uint64_t{0}, std::uint64_t{0}, pages(1), pages(2),
-                        pages(8), pages(9), std::uint64_t{1}, four_gib, four_gib - 1});
-    const std::uint64_t bytes = _chance.any_of({std::uint64_t{0}, std::uint64_t{0}, pages(1),
-                                                std::uint64_t{100}, pages(2), pages(9), four_gib});
+    const uint64_t offset =
+        _chance.any_of({uint64_t{0}, uint64_t{0}, uint64_t{0}, pages(1), pages(2), pages(8),
+                        pages(9), uint64_t{1}, four_gib, four_gib - 1});
+    const uint64_t bytes = _chance.any_of(
+        {uint64_t{0}, uint64_t{0}, pages(1), uint64_t{100}, pages(2), pages(9), four_gib});
     return {"m" + std::to_string(_labels++), _chance.one_in(8) ? name(now) : listed_name(now),
             _chance.one_in(3) ? "0" : "1", text_of_number(offset), text_of_number(bytes)};
 }
@@ -262,7 +262,7 @@ std::vector<std::string> generator::unmap(const prediction& now, const process_s
     if (by_number) {
         target = _chance.any_of({"0", "0x10001", "0x10000"});
     }
-    std::uint64_t bytes = 0;
+    uint64_t bytes = 0;
     if (mapped != caller.mappings.end() && !_chance.one_in(3)) {
         bytes = mapped->second.bytes;
     }
@@ -278,10 +278,10 @@ std::vector<std::string> generator::touch(const process_state& caller, bool writ
 }
 
 /// Mostly at and around the ends of chunks and of the region.
-std::uint64_t generator::dma(const prediction& now) {
+uint64_t generator::dma(const prediction& now) {
     const world& where = now.machine().where;
     const std::vector<chunk>& chunks = now.machine().area.chunks;
-    std::uint64_t pa = where.start + _chance.below(where.bytes + 1);
+    uint64_t pa = where.start + _chance.below(where.bytes + 1);
     if (!chunks.empty() && !_chance.one_in(4)) {
         const chunk& near = _chance.any_of(chunks);
         pa = _chance.any_of({near.pa, near.end(), near.end() - 1, near.pa + 1, near.pa - 1});
@@ -295,12 +295,12 @@ std::vector<std::string> generator::device_words() {
 }
 
 /// Mostly enough for a line, and just so, and just not.
-std::string generator::room(std::uint64_t line_length) {
+std::string generator::room(uint64_t line_length) {
     if (!_chance.one_in(4)) {
         return "256";
     }
-    return std::to_string(_chance.any_of(
-        {std::uint64_t{0}, std::uint64_t{1}, line_length, line_length + 1, line_length + 2}));
+    return std::to_string(
+        _chance.any_of({uint64_t{0}, uint64_t{1}, line_length, line_length + 1, line_length + 2}));
 }
 
 } // namespace model

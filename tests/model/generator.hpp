@@ -14,11 +14,11 @@ namespace model {
 /// Chance, the same for the same seed on every machine.
 class chance {
   public:
-    explicit chance(std::uint64_t seed) : _numbers(seed) {}
+    explicit chance(uint64_t seed) : _numbers(seed) {}
 
     /// From 0, below `count`.
-    std::uint64_t below(std::uint64_t count) { return _numbers() % count; }
-    bool one_in(std::uint64_t count) { return below(count) == 0; }
+    uint64_t below(uint64_t count) { return _numbers() % count; }
+    bool one_in(uint64_t count) { return below(count) == 0; }
 
     template <typename List>
     const auto& any_of(const List& list) {
@@ -34,12 +34,12 @@ class chance {
 };
 
 /// Where the steps of a seed are played. `processes` 0: as many as the seed says, 1 to 4.
-playground choose_playground(const std::string& world_name, std::uint64_t seed, int processes);
+playground choose_playground(const std::string& world_name, uint64_t seed, int processes);
 
 /// Makes up steps that suit what the model says there is.
 class generator {
   public:
-    explicit generator(std::uint64_t seed) : _chance(seed) {}
+    explicit generator(uint64_t seed) : _chance(seed) {}
 
     /// An applicable step.
     step next(const prediction& now);
@@ -56,11 +56,11 @@ class generator {
     std::string name(const prediction& now);
     std::string listed_name(const prediction& now);
     std::string creator();
-    std::uint64_t size(const prediction& now);
-    std::uint64_t dma(const prediction& now);
+    uint64_t size(const prediction& now);
+    uint64_t dma(const prediction& now);
     std::string label(const process_state& caller);
     std::vector<std::string> device_words();
-    std::string room(std::uint64_t line_length);
+    std::string room(uint64_t line_length);
 
     chance _chance;
     unsigned _labels = 0;
@@ -70,9 +70,9 @@ class generator {
 std::vector<std::string> choose_rules(chance& dice, const machine_state& machine);
 
 struct pci_triple {
-    std::uint32_t domain;
-    std::uint32_t bus;
-    std::uint32_t devfn;
+    uint32_t domain;
+    uint32_t bus;
+    uint32_t devfn;
 };
 const std::vector<pci_triple>& all_devices();
 std::vector<std::string> all_names(const world& where);

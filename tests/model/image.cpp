@@ -14,10 +14,10 @@ namespace {
 namespace at = area_offset;
 
 constexpr int none = -1;
-constexpr std::size_t chunk_bytes = 4280;
-constexpr std::size_t device_bytes = 28;
-constexpr std::size_t ref_bytes = 16;
-constexpr std::size_t devices_start = 70123536;
+constexpr size_t chunk_bytes = 4280;
+constexpr size_t device_bytes = 28;
+constexpr size_t ref_bytes = 16;
+constexpr size_t devices_start = 70123536;
 
 int front_of(const std::deque<int>& free) {
     return free.empty() ? none : free.front();
@@ -25,25 +25,25 @@ int front_of(const std::deque<int>& free) {
 
 /// Element numbers of a list's neighbours; the list is a circle.
 template <typename List>
-int after(const List& list, std::size_t i) {
+int after(const List& list, size_t i) {
     return list[(i + 1) % list.size()].element;
 }
 
 template <typename List>
-int before(const List& list, std::size_t i) {
+int before(const List& list, size_t i) {
     return list[(i + list.size() - 1) % list.size()].element;
 }
 
 /// Head, tail and first free element lie one behind the other in every container.
 template <typename List>
-void show_ends(const area_writer& writer, std::size_t offset, const List& list,
+void show_ends(const area_writer& writer, size_t offset, const List& list,
                const std::deque<int>& free) {
     writer.i32(offset, list.empty() ? none : list.front().element);
     writer.i32(offset + 4, list.empty() ? none : list.back().element);
     writer.i32(offset + 8, front_of(free));
 }
 
-void show_links(const area_writer& writer, std::size_t element, int next, int prev) {
+void show_links(const area_writer& writer, size_t element, int next, int prev) {
     writer.i32(element + at::next, next);
     writer.i32(element + at::prev, prev);
     writer.u8(element + at::allocated, 1);
@@ -54,7 +54,7 @@ void show_links(const area_writer& writer, std::size_t element, int next, int pr
 template <typename Offset, typename Accept>
 void show_free_chain(const area_writer& writer, const std::deque<int>& free, Offset offset,
                      Accept seen) {
-    for (std::size_t i = 0; i < free.size() && seen(free[i]); i++) {
+    for (size_t i = 0; i < free.size() && seen(free[i]); i++) {
         writer.i32(offset(free[i]) + at::next, i + 1 < free.size() ? free[i + 1] : none);
     }
 }
@@ -64,12 +64,12 @@ bool any(int /*element*/) {
 }
 
 struct named_field {
-    std::size_t start;
+    size_t start;
     const char* name;
 };
 
-template <std::size_t Count>
-const char* name_in(const std::array<named_field, Count>& fields, std::size_t offset) {
+template <size_t Count>
+const char* name_in(const std::array<named_field, Count>& fields, size_t offset) {
     const char* name = "";
     for (const named_field& field : fields) {
         name = field.start <= offset ? field.name : name;
@@ -77,14 +77,14 @@ const char* name_in(const std::array<named_field, Count>& fields, std::size_t of
     return name;
 }
 
-std::string ref_field(std::size_t offset) {
+std::string ref_field(size_t offset) {
     constexpr std::array<named_field, 5> fields{
         {{0, "next"}, {4, "prev"}, {8, "allocated"}, {9, "padding"}, {12, "dev"}}};
     return "devs[" + std::to_string(offset / ref_bytes) + "]." +
            name_in(fields, offset % ref_bytes);
 }
 
-std::string chunk_field(std::size_t offset) {
+std::string chunk_field(size_t offset) {
     constexpr std::array<named_field, 11> fields{{{0, "next"},
                                                   {4, "prev"},
                                                   {8, "allocated"},
@@ -100,7 +100,7 @@ std::string chunk_field(std::size_t offset) {
     return in_refs ? ref_field(offset - at::devs) : name_in(fields, offset);
 }
 
-std::string device_field(std::size_t offset) {
+std::string device_field(size_t offset) {
     constexpr std::array<named_field, 9> fields{{{0, "next"},
                                                  {4, "prev"},
                                                  {8, "allocated"},
@@ -113,15 +113,15 @@ std::string device_field(std::size_t offset) {
     return name_in(fields, offset);
 }
 
-std::string element_field(const char* list, std::size_t offset, std::size_t bytes_each,
-                          std::string (*field)(std::size_t)) {
+std::string element_field(const char* list, size_t offset, size_t bytes_each,
+                          std::string (*field)(size_t)) {
     return std::string(list) + "[" + std::to_string(offset / bytes_each) + "]." +
            field(offset % bytes_each);
 }
 
 } // namespace
 
-std::string field_at(std::size_t offset) {
+std::string field_at(size_t offset) {
     constexpr std::array<named_field, 7> ends{{{at::chunks_head, "chunks._head"},
                                                {at::chunks_tail, "chunks._tail"},
                                                {at::chunks_free, "chunks._free"},
@@ -129,7 +129,7 @@ std::string field_at(std::size_t offset) {
                                                {at::devices_tail, "devices._tail"},
                                                {at::devices_free, "devices._free"},
                                                {at::content_end, "behind the content"}}};
-    const std::size_t first_chunk = at::chunk(0);
+    const size_t first_chunk = at::chunk(0);
     if (offset < first_chunk) {
         return offset == at::initialized ? "initialized" : "padding";
     }
@@ -148,7 +148,7 @@ image::image() : _bytes(rounded_to_pages(at::content_end)) {
     show_free_chain(writer, all_free(chunk_capacity), at::chunk, any);
 }
 
-std::span<std::uint8_t> image::range(std::size_t start, std::size_t end) {
+std::span<uint8_t> image::range(size_t start, size_t end) {
     return std::span(_bytes).subspan(start, end - start);
 }
 
@@ -159,7 +159,7 @@ void image::show_refs(const chunk& one) {
     const area_writer writer(_bytes);
     const auto offset = [&](int ref) { return at::ref(one.element, ref); };
     const std::vector<reference>& refs = one.devs->on_list;
-    for (std::size_t i = 0; i < refs.size(); i++) {
+    for (size_t i = 0; i < refs.size(); i++) {
         show_links(writer, offset(refs[i].element), after(refs, i), before(refs, i));
         writer.i32(offset(refs[i].element) + at::dev, refs[i].dev);
     }
@@ -169,7 +169,7 @@ void image::show_refs(const chunk& one) {
 
 void image::show_chunk(const chunk& one, int next, int prev) {
     const area_writer writer(_bytes);
-    const std::size_t start = at::chunk(one.element);
+    const size_t start = at::chunk(one.element);
     show_links(writer, start, next, prev);
     writer.text(start + at::name, one.name);
     writer.u64(start + at::pa, one.pa);
@@ -181,7 +181,7 @@ void image::show_chunk(const chunk& one, int next, int prev) {
 void image::show_chunks(const shared_area& area) {
     const int shown = std::max(_shown, area.ever_used);
     std::ranges::fill(range(at::chunk(0), at::chunk(shown)), 0);
-    for (std::size_t i = 0; i < area.chunks.size(); i++) {
+    for (size_t i = 0; i < area.chunks.size(); i++) {
         show_chunk(area.chunks[i], after(area.chunks, i), before(area.chunks, i));
     }
     const area_writer writer(_bytes);
@@ -193,9 +193,9 @@ void image::show_chunks(const shared_area& area) {
 void image::show_devices(const shared_area& area) {
     const area_writer writer(_bytes);
     std::ranges::fill(range(devices_start, at::devices_head), 0);
-    for (std::size_t i = 0; i < area.devices.size(); i++) {
+    for (size_t i = 0; i < area.devices.size(); i++) {
         const device& one = area.devices[i];
-        const std::size_t start = at::device(one.element);
+        const size_t start = at::device(one.element);
         show_links(writer, start, after(area.devices, i), before(area.devices, i));
         writer.u32(start + at::domain, one.domain);
         writer.u32(start + at::bus, one.bus);
@@ -211,22 +211,22 @@ void image::show(const shared_area& area) {
     show_devices(area);
 }
 
-std::optional<std::string> image::difference_in(std::span<const std::uint8_t> actual,
-                                                std::size_t start, std::size_t end) const {
+std::optional<std::string> image::difference_in(std::span<const uint8_t> actual, size_t start,
+                                                size_t end) const {
     const auto expected = std::span(_bytes).subspan(start, end - start);
     const auto seen = actual.subspan(start, end - start);
     const auto [mine, other] = std::ranges::mismatch(expected, seen);
     if (mine == expected.end()) {
         return std::nullopt;
     }
-    const std::size_t offset = start + static_cast<std::size_t>(mine - expected.begin());
+    const size_t offset = start + static_cast<size_t>(mine - expected.begin());
     std::ostringstream text;
     text << "byte " << offset << " (" << field_at(offset) << "): expected " << std::hex << "0x"
          << unsigned{*mine} << ", seen 0x" << unsigned{*other};
     return text.str();
 }
 
-std::optional<std::string> image::difference(std::span<const std::uint8_t> actual) const {
+std::optional<std::string> image::difference(std::span<const uint8_t> actual) const {
     if (actual.size() != _bytes.size()) {
         return "length: expected " + std::to_string(_bytes.size()) + ", seen " +
                std::to_string(actual.size());
@@ -237,7 +237,7 @@ std::optional<std::string> image::difference(std::span<const std::uint8_t> actua
     return difference_in(actual, at::chunks_head, _bytes.size());
 }
 
-std::optional<std::string> image::difference_anywhere(std::span<const std::uint8_t> actual) const {
+std::optional<std::string> image::difference_anywhere(std::span<const uint8_t> actual) const {
     if (actual.size() == _bytes.size() && std::ranges::equal(_bytes, actual)) {
         return std::nullopt;
     }

@@ -18,28 +18,28 @@ class image {
 
     /// Brings the bytes up to date.
     void show(const shared_area& area);
-    std::span<const std::uint8_t> bytes() const { return _bytes; }
+    std::span<const uint8_t> bytes() const { return _bytes; }
 
     /// Looks for a difference in all that can have changed: the chunk elements that were ever used,
     /// the ends of both lists and all devices.
-    std::optional<std::string> difference(std::span<const std::uint8_t> actual) const;
+    std::optional<std::string> difference(std::span<const uint8_t> actual) const;
     /// Looks at every byte, which takes a thousand times as long.
-    std::optional<std::string> difference_anywhere(std::span<const std::uint8_t> actual) const;
+    std::optional<std::string> difference_anywhere(std::span<const uint8_t> actual) const;
 
   private:
     void show_chunk(const chunk& one, int next, int prev);
     void show_refs(const chunk& one);
     void show_chunks(const shared_area& area);
     void show_devices(const shared_area& area);
-    std::span<std::uint8_t> range(std::size_t start, std::size_t end);
-    std::optional<std::string> difference_in(std::span<const std::uint8_t> actual,
-                                             std::size_t start, std::size_t end) const;
+    std::span<uint8_t> range(size_t start, size_t end);
+    std::optional<std::string> difference_in(std::span<const uint8_t> actual, size_t start,
+                                             size_t end) const;
 
-    std::vector<std::uint8_t> _bytes;
+    std::vector<uint8_t> _bytes;
     int _shown = 0; ///< chunk elements from here on are as they were built
 };
 
 /// Which field of the shared area a byte belongs to, for people.
-std::string field_at(std::size_t offset);
+std::string field_at(size_t offset);
 
 } // namespace model

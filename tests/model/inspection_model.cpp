@@ -15,7 +15,7 @@ constexpr const char* in_next = "./ArrayBackedList.hpp:32";
 /// The element behind one that is on its list; nothing behind the last.
 template <typename List>
 std::optional<int> following(const List& list, int element) {
-    for (std::size_t i = 0; i + 1 < list.size(); i++) {
+    for (size_t i = 0; i + 1 < list.size(); i++) {
         if (list[i].element == element) {
             return list[i + 1].element;
         }
@@ -23,14 +23,14 @@ std::optional<int> following(const List& list, int element) {
     return std::nullopt;
 }
 
-unsigned long long wide(std::uint64_t number) {
+unsigned long long wide(uint64_t number) {
     return number;
 }
 
 } // namespace
 
-std::optional<mapping> library::map(const text& name, bool writable, std::uint64_t offset,
-                                    std::uint64_t size) {
+std::optional<mapping> library::map(const text& name, bool writable, uint64_t offset,
+                                    uint64_t size) {
     require(name.has_value(), "tarvo", "name");
     require(!read(name).empty(), "tarvo", "strlen(name)");
     if (!init_or_say()) {
@@ -46,9 +46,9 @@ std::optional<mapping> library::map(const text& name, bool writable, std::uint64
     unlock();
     require(good, "tarvo", "0");
     if (size == 0) {
-        size = one->size - static_cast<std::uint32_t>(offset);
+        size = one->size - static_cast<uint32_t>(offset);
     }
-    const auto end = static_cast<std::uint32_t>(offset + size);
+    const auto end = static_cast<uint32_t>(offset + size);
     if (offset > one->size || end > one->size || size > one->size) {
         say(text_of(" offset %llx > chunk->size %x or offset + size %x is \n", wide(offset),
                     one->size, end));
@@ -60,8 +60,7 @@ std::optional<mapping> library::map(const text& name, bool writable, std::uint64
     return mapping{one->pa + offset, size, writable};
 }
 
-int library::unmap(const text& name, std::uint64_t va, std::uint64_t size,
-                   const std::string& va_text) {
+int library::unmap(const text& name, uint64_t va, uint64_t size, const std::string& va_text) {
     require(!read(name).empty() && va != 0, "tarvo", "strlen(name) && va");
     if (!init_or_say()) {
         return -1;
@@ -73,7 +72,7 @@ int library::unmap(const text& name, std::uint64_t va, std::uint64_t size,
     }
     require(one != nullptr, "tarvo", "found");
     require(size <= one->size, "tarvo", "size <= chunk->size");
-    const std::uint64_t bytes = size != 0 ? size : one->size;
+    const uint64_t bytes = size != 0 ? size : one->size;
     unlock();
     if (bytes == 0 || va % page_bytes() != 0) {
         say(text_of("tarvo: failed to unmap chunk, pa: %llx, va: %s, size: %u, %s\n", wide(one->pa),
@@ -82,12 +81,12 @@ int library::unmap(const text& name, std::uint64_t va, std::uint64_t size,
     return 0;
 }
 
-library::answer library::find(std::uint32_t dma) {
+library::answer library::find(uint32_t dma) {
     if (!init_or_say()) {
         return {};
     }
     lock();
-    const std::uint64_t pa = dma_to_pa(dma);
+    const uint64_t pa = dma_to_pa(dma);
     const auto holder = std::ranges::find_if(
         _area.chunks, [=](const chunk& one) { return one.pa <= pa && pa < one.end(); });
     answer given{std::nullopt, 0};
@@ -124,7 +123,7 @@ bool library::dump_begin() {
 }
 
 /// The cursor stays where it is when the chunk is freed meanwhile; then it shows a zeroed record.
-std::optional<std::string> library::dump_next(std::uint64_t room) {
+std::optional<std::string> library::dump_next(uint64_t room) {
     std::optional<int>& cursor = _process.chunk_cursor;
     if (!cursor || *cursor == _area.tail().element) {
         return std::nullopt;
@@ -142,7 +141,7 @@ std::optional<std::string> library::dump_next(std::uint64_t room) {
     return line;
 }
 
-std::optional<std::string> library::dump_next_device(std::uint64_t room) {
+std::optional<std::string> library::dump_next_device(uint64_t room) {
     std::optional<int>& cursor = _process.device_cursor;
     if (!cursor) {
         return std::nullopt;

@@ -11,8 +11,8 @@ namespace model {
 
 namespace {
 
-constexpr std::uint32_t read_and_write = 3;
-// Forgetting a reference first asks for the one behind it.
+constexpr uint32_t read_and_write = 3;
+/// Forgetting a reference first asks for the one behind it.
 constexpr const char* in_next = "./ArrayBackedList.hpp:32";
 constexpr const char* in_mapping_constructor =
     "tarvo:62: iommu_mapping_t::iommu_mapping_t(int64_t, int64_t, int32_t, int32_t)";
@@ -28,23 +28,23 @@ std::string device_name(const device& one) {
                    one.devfn & 7U);
 }
 
-unsigned long long wide(std::uint64_t number) {
+unsigned long long wide(uint64_t number) {
     return number;
 }
 
 } // namespace
 
 /// The range of a request; both lengths must agree, as the constructor computes them.
-library::iommu_mapping library::checked_mapping(std::uint64_t start_pa, std::uint64_t end_pa,
-                                                std::uint32_t start_dma, std::uint32_t end_dma) {
-    const auto dma_bytes = static_cast<std::int32_t>(end_dma - start_dma);
-    const auto pa_bytes = static_cast<std::int64_t>(end_pa - start_pa);
+library::iommu_mapping library::checked_mapping(uint64_t start_pa, uint64_t end_pa,
+                                                uint32_t start_dma, uint32_t end_dma) {
+    const auto dma_bytes = static_cast<int32_t>(end_dma - start_dma);
+    const auto pa_bytes = static_cast<int64_t>(end_pa - start_pa);
     require(dma_bytes == pa_bytes, in_mapping_constructor,
             "end_dma - start_dma == end_pa - start_pa");
     return {start_pa, end_pa, start_dma};
 }
 
-int library::iommu_act(const char* op, const device& to, std::uint32_t prot,
+int library::iommu_act(const char* op, const device& to, uint32_t prot,
                        const iommu_mapping& range) {
     driver& kernel = _machine.kernel;
     if (const int error = kernel.open_for_writing("sysfs"); error != 0) {
@@ -61,7 +61,7 @@ int library::iommu_act(const char* op, const device& to, std::uint32_t prot,
     return result;
 }
 
-int library::write_request(const char* op, const device& to, std::uint32_t prot,
+int library::write_request(const char* op, const device& to, uint32_t prot,
                            const iommu_mapping& range) {
     const auto domain = static_cast<int>(to.domain);
     const auto bus = static_cast<int>(to.bus);
@@ -87,9 +87,9 @@ int library::write_request(const char* op, const device& to, std::uint32_t prot,
 }
 
 int library::map_unmap_chunk(const char* op, const chunk& one, const device& to) {
-    const std::uint64_t end = one.pa + one.size - 1;
-    const std::uint32_t end_dma = pa_to_dma(end);
-    const std::uint32_t start_dma = pa_to_dma(one.pa);
+    const uint64_t end = one.pa + one.size - 1;
+    const uint32_t end_dma = pa_to_dma(end);
+    const uint32_t start_dma = pa_to_dma(one.pa);
     const iommu_mapping range = checked_mapping(one.pa, end, start_dma, end_dma);
     const int result = iommu_act(op, to, read_and_write, range);
     if (result != 0) {
@@ -113,7 +113,7 @@ void library::add_dev_to_chunk(chunk& one, int dev) {
     }
 }
 
-void library::remove_ref(chunk& one, std::size_t position) {
+void library::remove_ref(chunk& one, size_t position) {
     ref_list& devs = one.devs.value();
     const auto doomed = devs.on_list.begin() + static_cast<std::ptrdiff_t>(position);
     devs.free.push_front(doomed->element);
@@ -170,7 +170,7 @@ int library::unmap_chunk_all_devs(chunk& one) {
 }
 
 int library::map_chunks_to_dev(device& to) {
-    for (std::size_t i = 1; i + 1 < _area.chunks.size(); i++) {
+    for (size_t i = 1; i + 1 < _area.chunks.size(); i++) {
         chunk& one = _area.chunks[i];
         if (map_unmap_chunk("map", one, to) == 0) {
             add_dev_to_chunk(one, to.element);
@@ -187,7 +187,7 @@ int library::map_chunks_to_dev(device& to) {
 
 int library::unmap_dev_all_chunks(device& from) {
     int result = 0;
-    for (std::size_t i = 1; i + 1 < _area.chunks.size(); i++) {
+    for (size_t i = 1; i + 1 < _area.chunks.size(); i++) {
         chunk& one = _area.chunks[i];
         const std::vector<reference>& refs = one.devs.value().on_list;
         const auto ref = std::ranges::find(refs, from.element, &reference::dev);
@@ -195,7 +195,7 @@ int library::unmap_dev_all_chunks(device& from) {
             continue;
         }
         if (map_unmap_chunk("unmap", one, from) == 0) {
-            remove_ref(one, static_cast<std::size_t>(ref - refs.begin()));
+            remove_ref(one, static_cast<size_t>(ref - refs.begin()));
         } else if (is_gone()) {
             from.online = false;
         } else {
@@ -259,12 +259,12 @@ library::iommu_mapping library::whole_region_range(const char* place) {
     const auto limits = get_limits();
     require(limits.has_value(), place, "tarvo_get_limits(&start_dma, &end_dma) == 0");
     const auto [start_dma, end_dma] = limits.value();
-    const std::uint64_t end_pa = dma_to_pa(end_dma);
-    const std::uint64_t start_pa = dma_to_pa(start_dma);
+    const uint64_t end_pa = dma_to_pa(end_dma);
+    const uint64_t start_pa = dma_to_pa(start_dma);
     return checked_mapping(start_pa, end_pa, start_dma, end_dma);
 }
 
-int library::iommu_map(const device& one, std::uint32_t prot) {
+int library::iommu_map(const device& one, uint32_t prot) {
     return iommu_act("map", one, prot, whole_region_range(in_iommu_map));
 }
 

@@ -19,14 +19,14 @@ struct machine_state {
     world where;
     shared_area area;
     driver kernel;
-    std::map<std::uint64_t, std::uint8_t> pages; ///< what pages are filled with, by pa; else zero
-    std::optional<int> lock_holder;              ///< number of a process
+    std::map<uint64_t, uint8_t> pages; ///< what pages are filled with, by pa; else zero
+    std::optional<int> lock_holder;    ///< number of a process
 };
 
 /// A mapping of a window of a chunk, which outlives the chunk.
 struct mapping {
-    std::uint64_t pa;
-    std::uint64_t bytes;
+    uint64_t pa;
+    uint64_t bytes;
     bool writable;
 };
 
@@ -57,48 +57,47 @@ class library {
     library(machine_state& machine, process_state& process)
         : _machine(machine), _area(machine.area), _process(process) {}
 
-    // Names can be null pointers.
+    /// Names can be null pointers.
     using text = std::optional<std::string>;
 
-    std::uint32_t alloc(const text& name, std::uint64_t size, const text& creator);
+    uint32_t alloc(const text& name, uint64_t size, const text& creator);
     int free(const text& name);
 
     /// Nothing: null.
-    std::optional<mapping> map(const text& name, bool writable, std::uint64_t offset,
-                               std::uint64_t size);
+    std::optional<mapping> map(const text& name, bool writable, uint64_t offset, uint64_t size);
     /// `va_text`: how the address is printed.
-    int unmap(const text& name, std::uint64_t va, std::uint64_t size, const std::string& va_text);
+    int unmap(const text& name, uint64_t va, uint64_t size, const std::string& va_text);
     /// A name, or nothing for null, and what is stored if anything is.
     struct answer {
         text name;
-        std::optional<std::uint32_t> chunk_dma;
+        std::optional<uint32_t> chunk_dma;
     };
-    answer find(std::uint32_t dma);
+    answer find(uint32_t dma);
 
     enum class whole_region { null, fresh, same };
     whole_region map_all();
     void unmap_all();
 
-    std::uint64_t dma_to_pa(std::uint32_t dma);
-    std::uint32_t pa_to_dma(std::uint64_t pa);
+    uint64_t dma_to_pa(uint32_t dma);
+    uint32_t pa_to_dma(uint64_t pa);
     struct dma_range {
-        std::uint32_t start;
-        std::uint32_t end;
+        uint32_t start;
+        uint32_t end;
     };
     std::optional<dma_range> get_limits();
 
     int register_device(const device& wanted);
     int unregister_device(const device& wanted);
-    int iommu_map(const device& one, std::uint32_t prot);
+    int iommu_map(const device& one, uint32_t prot);
     int iommu_unmap(const device& one);
 
     bool dump_begin();
-    std::optional<std::string> dump_next(std::uint64_t room);
-    std::optional<std::string> dump_next_device(std::uint64_t room);
+    std::optional<std::string> dump_next(uint64_t room);
+    std::optional<std::string> dump_next_device(uint64_t room);
     int dump_end();
 
   private:
-    // Speaking and ending.
+    /// Speaking and ending.
     void say(const std::string& words) { _process.error_text += words; }
     void perror(const char* words, int error);
     /// `place`: source and line, with the signature where the text gives it.
@@ -106,7 +105,7 @@ class library {
     [[noreturn]] static void fault();
     static const std::string& read(const text& name);
 
-    // Start-up and lock.
+    /// Start-up and lock.
     bool init();
     bool init_or_say();
     bool find_region();
@@ -121,39 +120,37 @@ class library {
     }
     bool is_high() const;
 
-    // Chunks.
+    /// Chunks.
     chunk* find_by_name(const std::string& name);
-    std::uint32_t reuse(chunk& existing);
-    std::uint32_t make_chunk(const std::string& name, std::uint32_t rounded,
-                             const std::string& creator);
-    bool place(chunk& fresh, std::uint32_t rounded);
-    bool place_in_region(chunk& fresh, std::uint32_t rounded);
-    bool place_in_cma(chunk& fresh, std::uint32_t rounded);
-    std::uint32_t finish(const chunk& fresh);
+    uint32_t reuse(chunk& existing);
+    uint32_t make_chunk(const std::string& name, uint32_t rounded, const std::string& creator);
+    bool place(chunk& fresh, uint32_t rounded);
+    bool place_in_region(chunk& fresh, uint32_t rounded);
+    bool place_in_cma(chunk& fresh, uint32_t rounded);
+    uint32_t finish(const chunk& fresh);
     void zero_memory(const chunk& fresh);
     bool chunk_desc_check(const chunk& one);
-    void insert_in_order(const chunk& fresh, std::size_t position);
+    void insert_in_order(const chunk& fresh, size_t position);
     [[noreturn]] void roll_back(int element);
-    std::uint32_t discard(const chunk& one);
+    uint32_t discard(const chunk& one);
 
-    // Contiguous memory of the kernel's.
-    std::uint64_t get_cma_allocation(const std::string& name, std::uint32_t size);
-    bool ask_for_cma(const std::string& name, std::uint32_t size);
-    std::uint64_t look_up_cma(const std::string& name, std::uint32_t size, const listing& shown);
-    int free_cma_allocation(const std::string& name, std::uint32_t size);
+    /// Contiguous memory of the kernel's.
+    uint64_t get_cma_allocation(const std::string& name, uint32_t size);
+    bool ask_for_cma(const std::string& name, uint32_t size);
+    uint64_t look_up_cma(const std::string& name, uint32_t size, const listing& shown);
+    int free_cma_allocation(const std::string& name, uint32_t size);
 
-    // Requests to the IOMMU.
+    /// Requests to the IOMMU.
     struct iommu_mapping {
-        std::uint64_t start_pa;
-        std::uint64_t end_pa;
-        std::uint32_t start_dma;
+        uint64_t start_pa;
+        uint64_t end_pa;
+        uint32_t start_dma;
     };
-    iommu_mapping checked_mapping(std::uint64_t start_pa, std::uint64_t end_pa,
-                                  std::uint32_t start_dma, std::uint32_t end_dma);
+    iommu_mapping checked_mapping(uint64_t start_pa, uint64_t end_pa, uint32_t start_dma,
+                                  uint32_t end_dma);
     iommu_mapping whole_region_range(const char* place);
-    int iommu_act(const char* op, const device& to, std::uint32_t prot, const iommu_mapping& range);
-    int write_request(const char* op, const device& to, std::uint32_t prot,
-                      const iommu_mapping& range);
+    int iommu_act(const char* op, const device& to, uint32_t prot, const iommu_mapping& range);
+    int write_request(const char* op, const device& to, uint32_t prot, const iommu_mapping& range);
     int map_unmap_chunk(const char* op, const chunk& one, const device& to);
     bool is_gone() const;
     int map_chunk_all_devs(chunk& one);
@@ -162,7 +159,7 @@ class library {
     int map_chunks_to_dev(device& to);
     int unmap_dev_all_chunks(device& from);
     static void add_dev_to_chunk(chunk& one, int dev);
-    static void remove_ref(chunk& one, std::size_t position);
+    static void remove_ref(chunk& one, size_t position);
     device* find_device(const device& wanted);
 
     machine_state& _machine;

@@ -8,7 +8,6 @@
 #include "shrink.hpp"
 
 #include <CLI/CLI.hpp>
-
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
@@ -17,9 +16,9 @@
 namespace {
 
 struct options {
-    std::uint64_t first_seed = 1;
-    std::uint64_t seeds = 1;
-    std::size_t steps = 300;
+    uint64_t first_seed = 1;
+    uint64_t seeds = 1;
+    size_t steps = 300;
     std::string world_name;
     int processes = 0;
     std::string replayed;
@@ -28,7 +27,7 @@ struct options {
 };
 
 /// Steps of a seed, as many as wanted.
-model::step_source steps_of_seed(std::uint64_t seed, std::size_t count) {
+model::step_source steps_of_seed(uint64_t seed, size_t count) {
     return [maker = model::generator(seed),
             left = count](const model::prediction& now) mutable -> std::optional<model::step> {
         if (left == 0) {
@@ -76,7 +75,7 @@ bool replay(const options& wanted) {
     return !result.found;
 }
 
-bool play_seed(const options& wanted, const std::string& world_name, std::uint64_t seed) {
+bool play_seed(const options& wanted, const std::string& world_name, uint64_t seed) {
     const model::playground where = model::choose_playground(world_name, seed, wanted.processes);
     const model::verdict result = model::play(where, steps_of_seed(seed, wanted.steps));
     if (wanted.is_verbose) {
@@ -95,7 +94,7 @@ bool play_seeds(const options& wanted) {
         if (!wanted.world_name.empty() && wanted.world_name != known.name) {
             continue;
         }
-        for (std::uint64_t i = 0; good && i < wanted.seeds; i++) {
+        for (uint64_t i = 0; good && i < wanted.seeds; i++) {
             good = play_seed(wanted, known.name, wanted.first_seed + i);
         }
         std::cout << known.name << ": " << (good ? "no difference" : "a difference") << std::endl;

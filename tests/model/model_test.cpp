@@ -36,10 +36,10 @@ model::shared_area small_area() {
 }
 
 /// What is reported when one byte of that area is another one.
-std::string report_of_planted_byte(std::size_t offset, area_part part) {
+std::string report_of_planted_byte(size_t offset, area_part part) {
     model::image expected;
     expected.show(small_area());
-    std::vector<std::uint8_t> seen(expected.bytes().begin(), expected.bytes().end());
+    std::vector<uint8_t> seen(expected.bytes().begin(), expected.bytes().end());
     seen.at(offset) ^= 0x40U;
     return model::difference_of(small_area(), expected, seen, part).value_or("nothing");
 }
@@ -74,7 +74,7 @@ TEST(model_comparison, SeesAnotherReplyErrorLogAndEnd) {
 }
 
 TEST(model_comparison, SeesOneOtherByteAndNamesItsField) {
-    const auto report = [](std::size_t offset) {
+    const auto report = [](size_t offset) {
         return report_of_planted_byte(offset, area_part::what_changes);
     };
     EXPECT_EQ(report(0), "shared area, byte 0 (initialized): expected 0x1, seen 0x41");
@@ -89,7 +89,7 @@ TEST(model_comparison, SeesOneOtherByteAndNamesItsField) {
 }
 
 TEST(model_comparison, SeesBytesThatNothingTouchesOnlyWhenItLooksAtAll) {
-    const std::size_t untouched = 4 + 9999 * 4280;
+    const size_t untouched = 4 + 9999 * 4280;
     EXPECT_EQ(report_of_planted_byte(untouched, area_part::what_changes), "nothing");
     EXPECT_NE(report_of_planted_byte(untouched, area_part::all).find("(chunks[9999].next)"),
               std::string::npos);
@@ -98,7 +98,7 @@ TEST(model_comparison, SeesBytesThatNothingTouchesOnlyWhenItLooksAtAll) {
 TEST(model_comparison, SeesAnAreaThatIsMissingOrTooShort) {
     model::image expected;
     EXPECT_TRUE(model::difference_of(small_area(), expected, {}, area_part::all));
-    const std::vector<std::uint8_t> too_short(100);
+    const std::vector<uint8_t> too_short(100);
     EXPECT_TRUE(model::difference_of(small_area(), expected, too_short, area_part::all));
     EXPECT_FALSE(model::difference_of(model::shared_area{}, expected, {}, area_part::all));
 }
@@ -118,7 +118,7 @@ TEST(model_comparison, LeavesOutOnlyWhatTheSourceIsFreeToChange) {
 
 TEST(model_shrinking, KeepsOnlyTheStepsThatAreNeeded) {
     std::vector<std::string> lines(100);
-    for (std::size_t i = 0; i < lines.size(); i++) {
+    for (size_t i = 0; i < lines.size(); i++) {
         lines[i] = "0 find " + std::to_string(i);
     }
     const auto fails = [](const model::script& tried) {

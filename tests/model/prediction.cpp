@@ -40,11 +40,11 @@ void prediction::end_process(int number) {
     if (_machine.lock_holder == number) {
         _machine.lock_holder.reset();
     }
-    _processes.at(static_cast<std::size_t>(number)) = process_state(number);
+    _processes.at(static_cast<size_t>(number)) = process_state(number);
 }
 
 std::string prediction::reply_of_client(const step& one, outcome& result) {
-    process_state& caller = _processes.at(static_cast<std::size_t>(one.who));
+    process_state& caller = _processes.at(static_cast<size_t>(one.who));
     try {
         if (one.verb == "kill") {
             throw process_end{SIGKILL};

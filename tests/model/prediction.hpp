@@ -32,7 +32,7 @@ class prediction {
 
     const machine_state& machine() const { return _machine; }
     const process_state& process(int number) const {
-        return _processes.at(static_cast<std::size_t>(number));
+        return _processes.at(static_cast<size_t>(number));
     }
     int process_count() const { return static_cast<int>(_processes.size()); }
 

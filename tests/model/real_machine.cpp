@@ -10,9 +10,9 @@ namespace model {
 namespace {
 
 /// A command of tarvo-client with that verb and the words from `first` on.
-std::string command(const step& one, std::size_t first = 0) {
+std::string command(const step& one, size_t first = 0) {
     std::string line = one.verb;
-    for (std::size_t i = first; i < one.words.size(); i++) {
+    for (size_t i = first; i < one.words.size(); i++) {
         line += " " + (one.words[i] ? ::quoted(*one.words[i]) : "@null");
     }
     return line;
@@ -60,18 +60,18 @@ real_machine::real_machine(const playground& where)
     : _machine(where.place(), where.options()),
       // The sandbox keeps its log beside the folder that its state is in.
       _log(_machine.shared_area().parent_path().parent_path().parent_path() / "log") {
-    _users.resize(static_cast<std::size_t>(where.processes));
+    _users.resize(static_cast<size_t>(where.processes));
 }
 
 real_machine::user& real_machine::user_of(int number) {
-    std::unique_ptr<user>& place = _users.at(static_cast<std::size_t>(number));
+    std::unique_ptr<user>& place = _users.at(static_cast<size_t>(number));
     if (!place) {
         place = std::make_unique<user>(_machine.start());
     }
     return *place;
 }
 
-std::optional<std::span<const std::uint8_t>> real_machine::area() {
+std::optional<std::span<const uint8_t>> real_machine::area() {
     if (!_area && std::filesystem::exists(_machine.shared_area())) {
         _area = std::make_unique<area_file>(_machine.shared_area());
     }
@@ -111,7 +111,7 @@ outcome real_machine::carry_out(const step& one, int expected_signal) {
     user& caller = user_of(one.who);
     if (expected_signal != 0 || one.verb == "quit") {
         result = let_end(one, caller, expected_signal);
-        _users.at(static_cast<std::size_t>(one.who)).reset();
+        _users.at(static_cast<size_t>(one.who)).reset();
         return result;
     }
     result.reply = call(caller, one);

@@ -23,14 +23,14 @@ class real_machine {
     outcome carry_out(const step& one, int expected_signal);
 
     /// The shared area file; nothing while there is none.
-    std::optional<std::span<const std::uint8_t>> area();
+    std::optional<std::span<const uint8_t>> area();
 
   private:
     /// A program that uses the library, and what it has mapped.
     struct user {
         explicit user(client started) : program(std::move(started)) {}
         client program;
-        std::size_t error_bytes = 0;                 ///< of its standard error, seen so far
+        size_t error_bytes = 0;                      ///< of its standard error, seen so far
         std::map<std::string, std::string> mappings; ///< addresses, by the names steps give them
         std::string whole_region;                    ///< address
     };

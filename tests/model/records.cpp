@@ -22,7 +22,7 @@ void erase_element(List& list, int element) {
 } // namespace
 
 std::deque<int> all_free(int capacity) {
-    std::deque<int> free(static_cast<std::size_t>(capacity));
+    std::deque<int> free(static_cast<size_t>(capacity));
     std::iota(free.begin(), free.end(), 0);
     return free;
 }

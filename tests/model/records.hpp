@@ -31,21 +31,21 @@ struct ref_list {
 struct chunk {
     int element = 0;
     std::string name;
-    std::uint64_t pa = 0;
-    std::uint32_t size = 0;
+    uint64_t pa = 0;
+    uint32_t size = 0;
     std::string creator;
     /// Nothing while it was never built and is all zero bytes: of the sentinels, and of a chunk
     /// that was given up. Read as a list, those bytes have element 0 at both ends.
     std::optional<ref_list> devs;
 
-    std::uint64_t end() const { return pa + size; }
+    uint64_t end() const { return pa + size; }
 };
 
 struct device {
     int element = 0;
-    std::uint32_t domain = 0;
-    std::uint32_t bus = 0;
-    std::uint32_t devfn = 0;
+    uint32_t domain = 0;
+    uint32_t bus = 0;
+    uint32_t devfn = 0;
     bool online = false;
 };
 

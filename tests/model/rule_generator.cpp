@@ -10,13 +10,13 @@ std::string device_name(const pci_triple& one) {
     return text_of("%04x:%02x:%02x.%x", one.domain, one.bus, one.devfn >> 3U, one.devfn & 7U);
 }
 
-std::string hexadecimal(std::uint64_t number) {
+std::string hexadecimal(uint64_t number) {
     return text_of("0x%llx", static_cast<unsigned long long>(number));
 }
 
 /// At one call or two, not far ahead.
 std::string soon(chance& dice) {
-    const std::uint64_t first = 1 + dice.below(6);
+    const uint64_t first = 1 + dice.below(6);
     return ",nth=" + std::to_string(first) +
            (dice.one_in(3) ? "-" + std::to_string(first + 1) : "");
 }
@@ -40,7 +40,7 @@ std::string some_range(chance& dice, const world& where) {
     if (!dice.one_in(4)) {
         return "";
     }
-    const std::uint64_t first = where.start + pages(dice.below(8));
+    const uint64_t first = where.start + pages(dice.below(8));
     return ",range=" + hexadecimal(first) + "-" + hexadecimal(first + pages(1 + dice.below(8)));
 }
 
@@ -83,8 +83,8 @@ std::string start_rule(chance& dice) {
 
 std::string address_rule(chance& dice, const machine_state& machine) {
     const world& where = machine.where;
-    std::uint64_t pa =
-        dice.any_of({std::uint64_t{0}, where.start, where.start + pages(5), where.start - pages(1),
+    uint64_t pa =
+        dice.any_of({uint64_t{0}, where.start, where.start + pages(5), where.start - pages(1),
                      where.end() - pages(1), where.end(), where.start + 100});
     if (!machine.area.chunks.empty() && dice.one_in(2)) {
         pa = dice.any_of(machine.area.chunks).end() + pages(dice.below(3));
@@ -123,7 +123,7 @@ std::string cma_rule(chance& dice, const machine_state& machine) {
 
 std::vector<std::string> choose_rules(chance& dice, const machine_state& machine) {
     std::vector<std::string> rules;
-    for (std::uint64_t left = dice.below(4); left != 0; left--) {
+    for (uint64_t left = dice.below(4); left != 0; left--) {
         if (machine.where.cma && dice.one_in(2)) {
             rules.push_back(cma_rule(dice, machine));
         } else if (!machine.where.simulated && dice.one_in(4)) {

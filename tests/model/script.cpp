@@ -11,8 +11,8 @@ namespace model {
 
 namespace {
 
-constexpr std::uint64_t four_gib = 0x100000000;
-constexpr std::uint32_t high_start_dma = 0x20000000;
+constexpr uint64_t four_gib = 0x100000000;
+constexpr uint32_t high_start_dma = 0x20000000;
 
 std::string word_text(const std::optional<std::string>& word) {
     if (!word) {
@@ -66,16 +66,16 @@ bool read_setting(const std::string& line, playground& where) {
 }
 
 void set_region(world& changed, const std::string& region) {
-    const std::size_t dash = region.find('-');
+    const size_t dash = region.find('-');
     changed.start = std::stoull(region, nullptr, 16);
     changed.bytes = std::stoull(region.substr(dash + 1), nullptr, 16) + 1 - changed.start;
     const bool is_high = changed.start >= four_gib || changed.end() >= four_gib;
-    changed.start_dma = is_high ? high_start_dma : static_cast<std::uint32_t>(changed.start);
+    changed.start_dma = is_high ? high_start_dma : static_cast<uint32_t>(changed.start);
 }
 
 } // namespace
 
-std::uint64_t step::number(std::size_t i) const {
+uint64_t step::number(size_t i) const {
     return std::stoull(word(i), nullptr, 0);
 }
 

@@ -19,9 +19,9 @@ struct step {
     std::string verb;
     std::vector<std::optional<std::string>> words; ///< nothing: a null pointer
 
-    const std::string& word(std::size_t i) const { return words.at(i).value(); }
-    std::uint64_t number(std::size_t i) const;
-    std::uint32_t number_32(std::size_t i) const { return static_cast<std::uint32_t>(number(i)); }
+    const std::string& word(size_t i) const { return words.at(i).value(); }
+    uint64_t number(size_t i) const;
+    uint32_t number_32(size_t i) const { return static_cast<uint32_t>(number(i)); }
     bool has_null() const;
 
     bool operator==(const step&) const = default;

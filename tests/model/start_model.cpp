@@ -12,8 +12,8 @@ namespace model {
 
 namespace {
 
-constexpr std::uint64_t four_gib = 0x100000000;
-constexpr std::uint32_t high_start_dma = 0x20000000;
+constexpr uint64_t four_gib = 0x100000000;
+constexpr uint32_t high_start_dma = 0x20000000;
 constexpr const char* not_started = "tarvo: failed to initialize library\n";
 
 } // namespace
@@ -24,7 +24,7 @@ std::string text_of(const char* format, ...) {
     va_start(values, format);
     const int length = std::vsnprintf(text.data(), text.size(), format, values);
     va_end(values);
-    return {text.data(), static_cast<std::size_t>(length)};
+    return {text.data(), static_cast<size_t>(length)};
 }
 
 void library::perror(const char* words, int error) {
@@ -112,24 +112,24 @@ bool library::is_high() const {
     return _area.head().pa >= four_gib || _area.tail().pa >= four_gib;
 }
 
-std::uint64_t library::dma_to_pa(std::uint32_t dma) {
+uint64_t library::dma_to_pa(uint32_t dma) {
     if (!init_or_say()) {
         return 0;
     }
-    const std::uint64_t res = is_high() ? _area.head().pa - high_start_dma + dma : dma;
+    const uint64_t res = is_high() ? _area.head().pa - high_start_dma + dma : dma;
     require(res >= _area.head().pa && res <= _area.tail().pa, "tarvo",
             "res >= dma_chunk_head->pa && res <= dma_chunk_tail->pa");
     return res;
 }
 
-std::uint32_t library::pa_to_dma(std::uint64_t pa) {
+uint32_t library::pa_to_dma(uint64_t pa) {
     if (!init_or_say()) {
         return 0;
     }
     require(pa >= _area.head().pa && pa <= _area.tail().pa, "tarvo",
             "pa >= dma_chunk_head->pa && pa <= dma_chunk_tail->pa");
-    const auto low_bits = static_cast<std::uint32_t>(pa);
-    const auto start_bits = static_cast<std::uint32_t>(_area.head().pa);
+    const auto low_bits = static_cast<uint32_t>(pa);
+    const auto start_bits = static_cast<uint32_t>(_area.head().pa);
     return is_high() ? low_bits - start_bits + high_start_dma : low_bits;
 }
 

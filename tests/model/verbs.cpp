@@ -8,10 +8,10 @@ namespace model {
 
 namespace {
 
-constexpr std::uint64_t most_bytes_by_number = 0x100000;
+constexpr uint64_t most_bytes_by_number = 0x100000;
 constexpr unsigned not_written = 0xdeadbeef;
 
-std::string hexadecimal(std::uint64_t number) {
+std::string hexadecimal(uint64_t number) {
     return text_of("0x%llx", static_cast<unsigned long long>(number));
 }
 
@@ -47,9 +47,9 @@ bool is_number(const std::string& word) {
 std::string unmap(const verb_context& c) {
     const auto& target = c.what.words[1];
     const auto& name = c.what.words[0];
-    const std::uint64_t size = c.what.number(2);
+    const uint64_t size = c.what.number(2);
     if (!target || is_number(*target)) {
-        const std::uint64_t va = target ? c.what.number(1) : 0;
+        const uint64_t va = target ? c.what.number(1) : 0;
         return std::to_string(c.tarvo.unmap(name, va, size, hexadecimal(va)));
     }
     // Wherever it is, it starts on a page.
@@ -58,23 +58,23 @@ std::string unmap(const verb_context& c) {
     return std::to_string(result) + " gone";
 }
 
-std::uint64_t page_pa(const verb_context& c) {
+uint64_t page_pa(const verb_context& c) {
     return c.caller.mappings.at(c.what.word(0)).pa + pages(c.what.number(1));
 }
 
 /// write LABEL PAGE BYTE
 std::string write(const verb_context& c) {
-    c.machine.pages[page_pa(c)] = static_cast<std::uint8_t>(c.what.number(2));
+    c.machine.pages[page_pa(c)] = static_cast<uint8_t>(c.what.number(2));
     return "done";
 }
 
 /// look LABEL PAGE
 std::string look(const verb_context& c) {
     const auto filled = c.machine.pages.find(page_pa(c));
-    const std::string byte = text_of(
-        "%02x", unsigned{filled == c.machine.pages.end() ? std::uint8_t{} : filled->second});
+    const std::string byte =
+        text_of("%02x", unsigned{filled == c.machine.pages.end() ? uint8_t{} : filled->second});
     std::string bytes;
-    for (std::uint64_t i = 0; i < page_bytes(); i++) {
+    for (uint64_t i = 0; i < page_bytes(); i++) {
         bytes += byte;
     }
     return bytes;
@@ -169,9 +169,9 @@ const chunk* first_of_name(const machine_state& machine, const library::text& na
 
 /// A found chunk of no bytes is taken for a fresh one and linked behind itself.
 bool ends_in_a_circle(const machine_state& machine, const step& alloc) {
-    const auto size = static_cast<std::uint32_t>(alloc.number(1));
+    const auto size = static_cast<uint32_t>(alloc.number(1));
     const chunk* const existing = first_of_name(machine, alloc.words[0]);
-    return static_cast<std::uint32_t>(rounded_to_pages(size)) == 0 && existing != nullptr &&
+    return static_cast<uint32_t>(rounded_to_pages(size)) == 0 && existing != nullptr &&
            existing->size == 0;
 }
 
@@ -181,7 +181,7 @@ bool unmaps_safely(const machine_state& machine, const process_state& caller, co
     if (!one.words[1] || existing == nullptr || one.number(2) > existing->size) {
         return !one.words[1] || is_number(one.word(1)) || caller.mappings.contains(one.word(1));
     }
-    const std::uint64_t bytes = one.number(2) != 0 ? one.number(2) : existing->size;
+    const uint64_t bytes = one.number(2) != 0 ? one.number(2) : existing->size;
     if (is_number(one.word(1))) {
         return bytes <= most_bytes_by_number;
     }

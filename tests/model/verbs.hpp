@@ -24,7 +24,7 @@ struct verb_context {
 /// those show addresses of the process: a mapping is told by what is mapped there.
 struct verb {
     const char* name;
-    std::size_t words;
+    size_t words;
     lock_use uses;
     std::string (*carry_out)(const verb_context& context);
 };

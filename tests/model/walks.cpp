@@ -7,7 +7,6 @@
 #include "sandbox.hpp"
 
 #include <CLI/CLI.hpp>
-
 #include <algorithm>
 #include <cstdio>
 #include <iostream>
@@ -19,7 +18,7 @@
 namespace {
 
 constexpr int most_chunks = 90;
-constexpr std::uint32_t first_dma = 0x80000000;
+constexpr uint32_t first_dma = 0x80000000;
 
 /// What a program answers to a command; or how it ended, and its standard error.
 class player {
@@ -45,7 +44,7 @@ class player {
     }
 
     process _process;
-    std::size_t _told = 0;
+    size_t _told = 0;
     bool _has_ended = false;
 };
 
@@ -161,7 +160,7 @@ class pair_of_sides {
 
 class sequence {
   public:
-    sequence(pair_of_sides& sides, std::uint32_t seed) : _sides(sides), _random(seed) {}
+    sequence(pair_of_sides& sides, uint32_t seed) : _sides(sides), _random(seed) {}
 
     void play() {
         _sides.begin();
@@ -260,15 +259,15 @@ class sequence {
 };
 
 int run(int argc, char** argv) {
-    std::uint32_t first = 1;
-    std::uint32_t count = 1500;
+    uint32_t first = 1;
+    uint32_t count = 1500;
     CLI::App app("Compares the library with its plain build on damaged lists.", "tarvo-walks");
     app.add_option("FIRST", first, "first seed")->capture_default_str();
     app.add_option("COUNT", count, "how many seeds")->capture_default_str();
     CLI11_PARSE(app, argc, argv);
     unsetenv("ZUL_TRACE");
     pair_of_sides sides;
-    for (std::uint32_t seed = first; seed - first < count; seed++) {
+    for (uint32_t seed = first; seed - first < count; seed++) {
         try {
             sequence(sides, seed).play();
         } catch (const std::exception& wrong) {

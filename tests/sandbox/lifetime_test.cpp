@@ -1,25 +1,25 @@
-#include <gtest/gtest.h>
-#include <signal.h>
-#include <unistd.h>
+#include "tool.hpp"
 
 #include <algorithm>
 #include <filesystem>
 #include <fstream>
+#include <gtest/gtest.h>
+#include <signal.h>
 #include <sstream>
 #include <string>
-
-#include "tool.hpp"
+#include <unistd.h>
 
 namespace {
 
-// Processes whose mount namespace is that one, as readlink /proc/self/ns/mnt prints it.
+/// Processes whose mount namespace is that one, as readlink /proc/self/ns/mnt prints it.
 std::vector<pid_t> processes_in(const std::string& mount_namespace) {
     std::vector<pid_t> found;
     for (const auto& entry : std::filesystem::directory_iterator{"/proc"}) {
         std::error_code gone;
         const auto link = std::filesystem::read_symlink(entry.path() / "ns/mnt", gone);
-        if (!gone && link == mount_namespace)
+        if (!gone && link == mount_namespace) {
             found.push_back(std::stoi(entry.path().filename()));
+        }
     }
     return found;
 }
@@ -30,7 +30,7 @@ std::string parent_line(pid_t pid) {
     return at == std::string::npos ? "" : status.substr(at, status.find('\n', at) - at);
 }
 
-// A sandbox with a control socket whose first command waits to be killed.
+/// A sandbox with a control socket whose first command waits to be killed.
 class Lifetime : public testing::Test {
   protected:
     void SetUp() override {
@@ -49,8 +49,9 @@ class Lifetime : public testing::Test {
         for (int i = 0; i < number; ++i) {
             found.clear();
             std::getline(text, found);
-            if (text.eof())
+            if (text.eof()) {
                 return "";
+            }
         }
         return found;
     }
@@ -61,11 +62,12 @@ class Lifetime : public testing::Test {
         });
     }
 
-    // The FUSE server: in the sandbox, and a child of the tool as the command is, or of nobody.
+    /// The FUSE server: in the sandbox, and a child of the tool as the command is, or of nobody.
     pid_t server() const {
         for (const pid_t pid : processes_in(mount_namespace)) {
-            if (pid != command && parent_line(pid) == "PPid:\t" + std::to_string(first.pid()))
+            if (pid != command && parent_line(pid) == "PPid:\t" + std::to_string(first.pid())) {
                 return pid;
+            }
         }
         return -1;
     }
@@ -78,7 +80,7 @@ class Lifetime : public testing::Test {
 
     temporary_folder folder;
     std::string socket = folder.path("control");
-    // The helper is a child of the command, which nobody but the sandbox cleans up.
+    /// The helper is a child of the command, which nobody but the sandbox cleans up.
     running_program first{tool({"--world", "low", "--control", socket, "--", "sh", "-c",
                                 R"(readlink /proc/self/ns/mnt; echo $$; sleep 1000 & echo $!
                                 trap 'exit 7' TERM; while :; do sleep 0.01; done)"})};

@@ -1,21 +1,22 @@
-#include <gtest/gtest.h>
-
-#include <string>
-
 #include "tool.hpp"
+
+#include <gtest/gtest.h>
+#include <string>
 
 namespace {
 
 const std::string region_line = "100000000\t13fffffff\t0\tCMA\n";
 
-// What /proc/tarvo shows in world cma, with these rules, after the commands.
+/// What /proc/tarvo shows in world cma, with these rules, after the commands.
 std::string listing(const words& rules, const words& commands) {
     words options{"--world", "cma"};
-    for (const auto& rule : rules)
+    for (const auto& rule : rules) {
         options.insert(options.end(), {"--rule", rule});
+    }
     std::string script;
-    for (const auto& command : commands)
+    for (const auto& command : commands) {
         script += "echo '" + command + "' > /proc/tarvo;";
+    }
     return run_script(options, script + "cat /proc/tarvo").output;
 }
 

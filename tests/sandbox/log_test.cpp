@@ -1,6 +1,6 @@
-#include <gtest/gtest.h>
-
 #include "tool.hpp"
+
+#include <gtest/gtest.h>
 
 namespace {
 
@@ -12,11 +12,12 @@ json entry(int seq, const char* file, const char* event, const char* flags, bool
             {"trunc", trunc}, {"bytes", bytes}, {"answer", answer}};
 }
 
-// The log without the process numbers.
+/// The log without the process numbers.
 std::vector<json> events(const std::string& path) {
     auto lines = log_lines(path);
-    for (auto& line : lines)
+    for (auto& line : lines) {
         line.erase("pid");
+    }
     return lines;
 }
 
@@ -60,8 +61,9 @@ TEST(Log, KeepsEveryByte) {
     const auto log = folder.path("log");
     run_script({"--log", log}, R"(printf '\000\001"\\\177\200\377\n' > )" + iommu_file);
     std::string bytes;
-    for (const auto& line : log_lines(log))
+    for (const auto& line : log_lines(log)) {
         bytes += line.at("bytes").get<std::string>();
+    }
     EXPECT_EQ(bytes, std::string("\0\1\"\\\177\u0080\u00ff\n", 10));
 }
 
@@ -71,8 +73,9 @@ TEST(Log, NamesTheCallingProcess) {
     const auto ended =
         run_script({"--world", "low", "--log", log}, "echo $$; exec cat /proc/tarvo");
     ASSERT_EQ(log_lines(log).size(), 2U);
-    for (const auto& line : log_lines(log))
+    for (const auto& line : log_lines(log)) {
         EXPECT_EQ(line.at("pid").get<int>(), std::stoi(ended.output));
+    }
 }
 
 TEST(Log, IsWrittenBeforeTheCallReturns) {

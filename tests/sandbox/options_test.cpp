@@ -1,16 +1,15 @@
-#include <gtest/gtest.h>
+#include "tool.hpp"
 
 #include <fstream>
+#include <gtest/gtest.h>
 #include <string>
-
-#include "tool.hpp"
 
 namespace {
 
 struct wrong_case {
     const char* name;
     words arguments;
-    // What the message must name.
+    /// What the message must name.
     const char* named;
 };
 
@@ -92,7 +91,7 @@ INSTANTIATE_TEST_SUITE_P(
         wrong_rule("part_empty", "errno=EIO,", "''")),
     [](const auto& tested) { return "rule_" + std::string{tested.param.name}; });
 
-// A file that is no socket, or no folder, is somebody's: refused, and left as it is.
+/// A file that is no socket, or no folder, is somebody's: refused, and left as it is.
 TEST(Paths, OfTheWrongKindAreRefusedAndLeftAlone) {
     const temporary_folder folder;
     const auto path = folder.path("precious");
@@ -112,8 +111,9 @@ TEST(Help, NamesEveryOptionAndPrintsNothingElse) {
     EXPECT_EQ(ended.errors, "");
     for (const char* option :
          {"--world", "--region", "--region-line", "--without", "--rule", "--log", "--state",
-          "--control", "--help", "--version", "join", "rule"})
+          "--control", "--help", "--version", "join", "rule"}) {
         EXPECT_NE(ended.output.find(option), std::string::npos) << option;
+    }
 }
 
 TEST(Help, IsThereForEachSubcommand) {

@@ -1,18 +1,18 @@
-#include <gtest/gtest.h>
-
-#include <string>
-
 #include "tool.hpp"
+
+#include <gtest/gtest.h>
+#include <string>
 
 namespace {
 
-// What the driver answers to lines written through one open, under the rules; "44" is a map line
-// taken whole.
+/// What the driver answers to lines written through one open, under the rules; "44" is a map line
+/// taken whole.
 std::string answers(const words& rules, const std::string& file, const words& lines,
                     const std::string& world = "low") {
     words options{"--world", world};
-    for (const auto& rule : rules)
+    for (const auto& rule : rules) {
         options.insert(options.end(), {"--rule", rule});
+    }
     words arguments{"w", file};
     arguments.insert(arguments.end(), lines.begin(), lines.end());
     return speak(options, arguments);

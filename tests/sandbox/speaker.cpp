@@ -3,34 +3,35 @@
 // With the environment variable SPEAKER_LOG, the name of a file, it also prints after each call how
 // many lines that file has.
 
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <fcntl.h>
 #include <fstream>
 #include <iterator>
 #include <string>
 #include <string_view>
+#include <unistd.h>
 
 namespace {
 
 void tell_log_lines() {
     const char* const path = std::getenv("SPEAKER_LOG");
-    if (path == nullptr)
+    if (path == nullptr) {
         return;
+    }
     std::ifstream log{path};
     const auto lines = std::count(std::istreambuf_iterator<char>{log}, {}, '\n');
     std::printf("%td logged\n", lines);
 }
 
 int flags_of(std::string_view mode) {
-    if (mode == "w")
+    if (mode == "w") {
         return O_WRONLY | O_CREAT | O_TRUNC;
+    }
     return mode == "r+" ? O_RDWR : O_RDONLY;
 }
 
@@ -49,25 +50,30 @@ void print_all(int file) {
     std::array<char, 4096> bytes{};
     for (;;) {
         const ssize_t length = ::read(file, bytes.data(), bytes.size());
-        if (length <= 0)
+        if (length <= 0) {
             return;
-        std::fwrite(bytes.data(), 1, static_cast<std::size_t>(length), stdout);
+        }
+        std::fwrite(bytes.data(), 1, static_cast<size_t>(length), stdout);
     }
 }
 
 } // namespace
 
 int main(int argc, char** argv) {
-    if (argc < 3)
+    if (argc < 3) {
         return 2;
+    }
     const int file = ::open(argv[2], flags_of(argv[1]), 0600);
     tell("open", file);
-    if (file < 0)
+    if (file < 0) {
         return 0;
-    for (int i = 3; i < argc; ++i)
+    }
+    for (int i = 3; i < argc; ++i) {
         tell("write", ::write(file, argv[i], std::strlen(argv[i])));
-    if (argc == 3)
+    }
+    if (argc == 3) {
         print_all(file);
+    }
     tell("close", ::close(file));
     return 0;
 }

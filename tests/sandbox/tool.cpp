@@ -1,28 +1,28 @@
 #include "tool.hpp"
 
-#include <fcntl.h>
-#include <signal.h>
-#include <sys/prctl.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <chrono>
 #include <cstdlib>
+#include <fcntl.h>
 #include <fstream>
+#include <signal.h>
 #include <sstream>
 #include <stdexcept>
+#include <sys/prctl.h>
+#include <sys/wait.h>
 #include <thread>
+#include <unistd.h>
 
 temporary_folder::temporary_folder() {
     std::string name = std::filesystem::temp_directory_path() / "tarvo-sandbox-test.XXXXXX";
-    if (::mkdtemp(name.data()) == nullptr)
+    if (::mkdtemp(name.data()) == nullptr) {
         throw std::runtime_error{"cannot make a temporary folder"};
-    path_ = name;
+    }
+    _path = name;
 }
 
 temporary_folder::~temporary_folder() {
     std::error_code ignored;
-    std::filesystem::remove_all(path_, ignored);
+    std::filesystem::remove_all(_path, ignored);
 }
 
 namespace {
@@ -34,8 +34,9 @@ void redirect(int standard, const std::string& path) {
 
 [[noreturn]] void execute(const words& command) {
     std::vector<char*> arguments;
-    for (const auto& word : command)
+    for (const auto& word : command) {
         arguments.push_back(const_cast<char*>(word.c_str()));
+    }
     arguments.push_back(nullptr);
     ::execvp(arguments.front(), arguments.data());
     std::_Exit(99);
@@ -43,31 +44,34 @@ void redirect(int standard, const std::string& path) {
 
 } // namespace
 
-running_program::running_program(const words& command) : pid_{::fork()} {
-    if (pid_ != 0)
+running_program::running_program(const words& command) : _pid{::fork()} {
+    if (_pid != 0) {
         return;
+    }
     ::prctl(PR_SET_PDEATHSIG, SIGKILL);
-    redirect(STDOUT_FILENO, folder_.path("out"));
-    redirect(STDERR_FILENO, folder_.path("err"));
+    redirect(STDOUT_FILENO, _folder.path("out"));
+    redirect(STDERR_FILENO, _folder.path("err"));
     execute(command);
 }
 
 running_program::~running_program() {
-    if (pid_ < 0)
+    if (_pid < 0) {
         return;
-    ::kill(pid_, SIGKILL);
-    ::waitpid(pid_, nullptr, 0);
+    }
+    ::kill(_pid, SIGKILL);
+    ::waitpid(_pid, nullptr, 0);
 }
 
 std::string running_program::output() const {
-    return file_text(folder_.path("out"));
+    return file_text(_folder.path("out"));
 }
 
 outcome running_program::wait() {
     int status = 0;
-    if (::waitpid(pid_, &status, 0) != pid_)
+    if (::waitpid(_pid, &status, 0) != _pid) {
         throw std::runtime_error{"the program cannot be waited for"};
-    pid_ = -1;
+    }
+    _pid = -1;
     outcome ended;
     if (WIFEXITED(status)) {
         ended.status = WEXITSTATUS(status);
@@ -75,7 +79,7 @@ outcome running_program::wait() {
         ended.signal = WTERMSIG(status);
     }
     ended.output = output();
-    ended.errors = file_text(folder_.path("err"));
+    ended.errors = file_text(_folder.path("err"));
     return ended;
 }
 
@@ -112,8 +116,9 @@ std::string file_text(const std::filesystem::path& path) {
 std::vector<nlohmann::json> log_lines(const std::string& path) {
     std::vector<nlohmann::json> lines;
     std::istringstream text{file_text(path)};
-    for (std::string line; std::getline(text, line);)
+    for (std::string line; std::getline(text, line);) {
         lines.push_back(nlohmann::json::parse(line));
+    }
     return lines;
 }
 
@@ -122,8 +127,9 @@ bool eventually(const std::function<bool()>& wanted) {
     constexpr std::chrono::milliseconds pause{5};
     const auto last_moment = std::chrono::steady_clock::now() + patience;
     while (std::chrono::steady_clock::now() < last_moment) {
-        if (wanted())
+        if (wanted()) {
             return true;
+        }
         std::this_thread::sleep_for(pause);
     }
     return wanted();

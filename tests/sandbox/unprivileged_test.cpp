@@ -1,27 +1,27 @@
+#include "tool.hpp"
+
+#include <filesystem>
 #include <gtest/gtest.h>
+#include <string>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <filesystem>
-#include <string>
-
-#include "tool.hpp"
-
 namespace {
 
-// Becomes nobody, with a /dev/fuse that nobody may open and the tool where nobody may reach it.
+/// Becomes nobody, with a /dev/fuse that nobody may open and the tool where nobody may reach it.
 const std::string become_nobody = R"(
     mount -t tmpfs -o mode=0755 none "$0" && cp "$1" "$2" "$0" &&
     mknod -m 0666 "$0/fuse" c 10 229 && mount --bind "$0/fuse" /dev/fuse &&
     install -d -m 0777 "$0/work" && cd "$0/work" &&
     shift 2 && exec setpriv --reuid 65534 --regid 65534 --clear-groups --inh-caps=-all "$@")";
 
-// Runs programs without privilege: root becomes nobody first.
+/// Runs programs without privilege: root becomes nobody first.
 class Unprivileged : public testing::Test {
   protected:
     outcome run_without_privilege(const words& command) const {
-        if (::geteuid() != 0)
+        if (::geteuid() != 0) {
             return run(command);
+        }
         words whole{"unshare",     "--mount", "sh",         "-c",
                     become_nobody, home(),    SANDBOX_TOOL, SANDBOX_SPEAKER};
         whole.insert(whole.end(), command.begin(), command.end());
@@ -47,8 +47,9 @@ class Unprivileged : public testing::Test {
         std::filesystem::create_directory(home());
         ASSERT_EQ(::chmod(folder.path("").c_str(), 0755), 0);
         const auto tried = run_tool({"--", "true"});
-        if (tried.errors.find("refuses user namespaces") != std::string::npos)
+        if (tried.errors.find("refuses user namespaces") != std::string::npos) {
             GTEST_SKIP() << "NOT TESTED: " << tried.errors;
+        }
         ASSERT_EQ(tried.status, 0) << tried.errors;
     }
 
@@ -101,8 +102,9 @@ TEST_F(Unprivileged, EndsAsTheCommandEnds) {
 }
 
 TEST_F(Unprivileged, ADeviceThatCannotBeOpenedIsNamed) {
-    if (::geteuid() != 0)
+    if (::geteuid() != 0) {
         GTEST_SKIP() << "NOT TESTED: only root can take /dev/fuse away from nobody";
+    }
     const auto ended = run({"unshare", "--mount", "sh", "-c",
                             R"(mount -t tmpfs -o mode=0755 none "$0" && cp "$1" "$0/tool" &&
             mknod -m 0600 "$0/fuse" c 10 229 && mount --bind "$0/fuse" /dev/fuse && cd / &&

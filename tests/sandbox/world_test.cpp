@@ -1,11 +1,10 @@
+#include "tool.hpp"
+
 #include <gtest/gtest.h>
+#include <string>
 #include <sys/stat.h>
 #include <unistd.h>
-
-#include <string>
 #include <utility>
-
-#include "tool.hpp"
 
 namespace {
 

@@ -9,8 +9,8 @@
 namespace {
 
 struct page_size {
-    std::uint64_t page_bytes;
-    std::uint64_t area_bytes;
+    uint64_t page_bytes;
+    uint64_t area_bytes;
 };
 
 std::ostream& operator<<(std::ostream& stream, const page_size& size) {
@@ -21,7 +21,7 @@ class on_arm64 : public testing::TestWithParam<page_size> {
   protected:
     static std::string page() { return std::to_string(GetParam().page_bytes); }
 
-    // Of the hardware worlds: simulated memory begins within a page of 64 KiB.
+    /// Of the hardware worlds: simulated memory begins within a page of 64 KiB.
     sandbox machine{low};
     client user = machine.start_program(
         {TARVO_QEMU, "-p", page(), "-L", TARVO_ARM64_LIBRARIES, TARVO_CLIENT_ARM64});
@@ -35,14 +35,14 @@ TEST_P(on_arm64, TheAreaFillsWholePages) {
 }
 
 TEST_P(on_arm64, ChunksFillWholePagesAndShowTheirMemory) {
-    const auto page_bytes = static_cast<std::uint32_t>(GetParam().page_bytes);
+    const auto page_bytes = static_cast<uint32_t>(GetParam().page_bytes);
     EXPECT_EQ(user.alloc("rx_ring", 1), low.start_dma);
     EXPECT_EQ(user.alloc("tx_ring", page_bytes + 1), low.start_dma + page_bytes);
     EXPECT_EQ(user.alloc("stats", 1), low.start_dma + 3 * page_bytes);
     user.call("poke " + std::to_string(user.map("tx_ring")) + " " + page() + " frame");
 
     client native = machine.start();
-    const std::uint64_t window = native.map("tx_ring", false, page_bytes, page_bytes);
+    const uint64_t window = native.map("tx_ring", false, page_bytes, page_bytes);
     EXPECT_EQ(native.call("peek " + std::to_string(window) + " 0 5"), "6672616d65");
     EXPECT_EQ(native.find(low.start_dma + 3 * page_bytes),
               (found_chunk{"stats", low.start_dma + 3 * page_bytes}));

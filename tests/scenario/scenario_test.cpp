@@ -45,7 +45,7 @@ std::vector<setting> all_settings() {
 
 /// As the head of the program's file has it.
 int word_bits(client& user) {
-    constexpr std::size_t class_offset = 4;
+    constexpr size_t class_offset = 4;
     std::ifstream program("/proc/" + std::to_string(user.pid()) + "/exe", std::ios::binary);
     std::string head(class_offset + 1, '\0');
     program.read(head.data(), static_cast<std::streamsize>(head.size()));
@@ -63,23 +63,21 @@ class scenario : public testing::TestWithParam<setting> {
     static const world& region() { return GetParam().place; }
 
     /// Memory of the region from one page on.
-    static chunk_place place(std::uint64_t first_page, std::uint64_t page_count) {
-        return {region().start + pages(first_page), static_cast<std::uint32_t>(pages(page_count))};
+    static chunk_place place(uint64_t first_page, uint64_t page_count) {
+        return {region().start + pages(first_page), static_cast<uint32_t>(pages(page_count))};
     }
-    static std::uint32_t dma(std::uint64_t page) {
-        return region().dma(region().start + pages(page));
-    }
+    static uint32_t dma(uint64_t page) { return region().dma(region().start + pages(page)); }
     static std::string described(const char* permissions, const chunk_place& memory) {
         return std::string(permissions) + " 0x" + hex(memory.pa) + " " +
                std::to_string(memory.size) + " " + region().memory_path();
     }
 
     /// Allocates a chunk that is new, and expects the driver to be asked for its memory.
-    std::uint32_t allocate(client& by, const std::string& name, std::uint64_t page_count) {
+    uint32_t allocate(client& by, const std::string& name, uint64_t page_count) {
         commands.push_back("a " + name + " " + hex(pages(page_count)) + "\n");
         return by.alloc(name, pages(page_count));
     }
-    int release(client& by, const std::string& name, std::uint64_t page_count) {
+    int release(client& by, const std::string& name, uint64_t page_count) {
         commands.push_back("r " + name + " " + hex(pages(page_count)) + "\n");
         return by.free(name);
     }
@@ -128,12 +126,11 @@ class scenario : public testing::TestWithParam<setting> {
         return lines;
     }
 
-    static std::string poke(client& by, std::uint64_t va, std::uint64_t offset,
-                            const std::string& text) {
+    static std::string poke(client& by, uint64_t va, uint64_t offset, const std::string& text) {
         return by.call("poke " + std::to_string(va) + " " + std::to_string(offset) + " " + text);
     }
     /// Five bytes in hexadecimal.
-    static std::string peek(client& by, std::uint64_t va, std::uint64_t offset) {
+    static std::string peek(client& by, uint64_t va, uint64_t offset) {
         return by.call("peek " + std::to_string(va) + " " + std::to_string(offset) + " 5");
     }
 
@@ -178,8 +175,8 @@ TEST_P(scenario, AChunkIsAllocatedByOneAndSharedByTheOther) {
 TEST_P(scenario, WindowsOfAChunkShowOneMemoryToBoth) {
     allocate(one, "before", 1);
     allocate(one, "rx_ring", 4);
-    const std::uint64_t whole = one.map("rx_ring");
-    const std::uint64_t window = other.map("rx_ring", false, pages(2), pages(1));
+    const uint64_t whole = one.map("rx_ring");
+    const uint64_t window = other.map("rx_ring", false, pages(2), pages(1));
     EXPECT_EQ(one.call("mapping " + std::to_string(whole)), described("rw-s", place(1, 4)));
     EXPECT_EQ(other.call("mapping " + std::to_string(window)), described("r--s", place(3, 1)));
     poke(one, whole, pages(2) + 10, "frame");
@@ -204,7 +201,7 @@ TEST_P(scenario, FreedMemoryIsGivenOutAgainAndIsZero) {
     allocate(one, "a", 1);
     allocate(other, "b", 2);
     allocate(one, "c", 1);
-    const std::uint64_t old = one.map("b");
+    const uint64_t old = one.map("b");
     poke(one, old, 0, "frame");
     EXPECT_EQ(release(one, "b", 2), 0);
     EXPECT_EQ(other.map("b"), 0U);
@@ -273,7 +270,7 @@ TEST_P(scenario, ADeviceThatRefusesANewChunkEndsTheProgramAndNotTheOther) {
     expect("map", {network}, {place(1, 2)});
     EXPECT_EQ(layout(machine), "rx_ring:0+1");
     // The memory that the driver of a CMA region gave is lost.
-    const std::uint64_t next_page = region().cma ? 3 : 1;
+    const uint64_t next_page = region().cma ? 3 : 1;
     EXPECT_EQ(allocate(one, "stats", 1), dma(next_page));
     expect("map", {network}, {place(next_page, 1)});
     EXPECT_EQ(one.new_text(), "");
@@ -382,7 +379,7 @@ TEST_P(scenario, AListingMakesTheOtherWaitAndShowsOnePicture) {
 TEST_P(scenario, TheWholeRegionIsMappedOnceAndCountedForEach) {
     allocate(one, "rx_ring", 1);
     allocate(other, "tx_ring", 1);
-    const std::uint64_t window = one.map("tx_ring");
+    const uint64_t window = one.map("tx_ring");
     for (client* user : {&one, &other}) {
         const std::string va = user->call("map_all");
         EXPECT_EQ(user->call("map_all"), va);

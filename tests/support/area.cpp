@@ -17,13 +17,13 @@ constexpr int32_t none = -1;
 constexpr int chunk_count = 16384;
 constexpr int device_count = 256;
 constexpr int ref_count = 256; // of each chunk
-constexpr std::size_t chunk_bytes_each = 4280;
-constexpr std::size_t device_bytes_each = 28;
-constexpr std::size_t ref_bytes_each = 16;
-constexpr std::size_t first_chunk = 4;
-constexpr std::size_t first_device = 70123536;
-constexpr std::size_t name_room = 50;
-constexpr std::size_t creator_room = 100;
+constexpr size_t chunk_bytes_each = 4280;
+constexpr size_t device_bytes_each = 28;
+constexpr size_t ref_bytes_each = 16;
+constexpr size_t first_chunk = 4;
+constexpr size_t first_device = 70123536;
+constexpr size_t name_room = 50;
+constexpr size_t creator_room = 100;
 
 template <typename... Pieces>
 std::string said(const Pieces&... pieces) {
@@ -32,22 +32,22 @@ std::string said(const Pieces&... pieces) {
     return stream.str();
 }
 
-std::size_t element_offset(std::size_t first, int index, std::size_t bytes_each, int count) {
+size_t element_offset(size_t first, int index, size_t bytes_each, int count) {
     if (index < 0 || index >= count) {
         throw std::out_of_range(said("element ", index, " of ", count));
     }
-    return first + static_cast<std::size_t>(index) * bytes_each;
+    return first + static_cast<size_t>(index) * bytes_each;
 }
 
 /// One of the lists, wherever it lies. All elements begin alike.
 struct list_place {
     std::string name;
-    std::size_t first;
-    std::size_t bytes_each;
+    size_t first;
+    size_t bytes_each;
     int count;
-    std::size_t ends;
+    size_t ends;
 
-    std::size_t at(int index) const { return element_offset(first, index, bytes_each, count); }
+    size_t at(int index) const { return element_offset(first, index, bytes_each, count); }
     bool has(int index) const { return index >= 0 && index < count; }
 };
 
@@ -60,12 +60,12 @@ list_place device_list() {
 }
 
 list_place ref_list(int chunk_index) {
-    const std::size_t chunk = area_offset::chunk(chunk_index);
+    const size_t chunk = area_offset::chunk(chunk_index);
     return {said("devs of chunk ", chunk_index), chunk + area_offset::devs, ref_bytes_each,
             ref_count, chunk + area_offset::devs_head};
 }
 
-area_ends ends_at(const area_view& area, std::size_t offset) {
+area_ends ends_at(const area_view& area, size_t offset) {
     return {area.i32(offset), area.i32(offset + 4), area.i32(offset + 8)};
 }
 
@@ -85,7 +85,7 @@ struct walk {
 /// Follows `next` from `start` until `last` has been visited, or to -1 where `last` is -1.
 walk follow(const area_view& area, const list_place& list, int start, int last) {
     walk way;
-    std::vector<bool> seen(static_cast<std::size_t>(list.count));
+    std::vector<bool> seen(static_cast<size_t>(list.count));
     int previous = none;
     for (int at = start; previous == none || previous != last;) {
         if (at == none && last == none) {
@@ -96,12 +96,12 @@ walk follow(const area_view& area, const list_place& list, int start, int last) 
                 said(list.name, ": link ", at, " behind element ", previous, " is out of range");
             return way;
         }
-        if (seen[static_cast<std::size_t>(at)]) {
+        if (seen[static_cast<size_t>(at)]) {
             way.breach = said(list.name, ": element ", at, " behind element ", previous,
                               " was already visited");
             return way;
         }
-        seen[static_cast<std::size_t>(at)] = true;
+        seen[static_cast<size_t>(at)] = true;
         way.visited.push_back(at);
         previous = at;
         at = area.i32(list.at(at) + area_offset::next);
@@ -128,15 +128,15 @@ walk follow_free_chain(const area_view& area, const list_place& list) {
 
 namespace area_offset {
 
-std::size_t chunk(int index) {
+size_t chunk(int index) {
     return element_offset(first_chunk, index, chunk_bytes_each, chunk_count);
 }
 
-std::size_t device(int index) {
+size_t device(int index) {
     return element_offset(first_device, index, device_bytes_each, device_count);
 }
 
-std::size_t ref(int chunk_index, int index) {
+size_t ref(int chunk_index, int index) {
     return element_offset(chunk(chunk_index) + devs, index, ref_bytes_each, ref_count);
 }
 
@@ -148,31 +148,31 @@ area_view::area_view(std::span<const uint8_t> bytes) : _bytes(bytes) {
     }
 }
 
-std::span<const uint8_t> area_view::raw(std::size_t offset, std::size_t count) const {
+std::span<const uint8_t> area_view::raw(size_t offset, size_t count) const {
     if (offset > _bytes.size() || count > _bytes.size() - offset) {
         throw std::out_of_range(said(count, " bytes at ", offset, " of ", _bytes.size()));
     }
     return _bytes.subspan(offset, count);
 }
 
-uint8_t area_view::u8(std::size_t offset) const {
+uint8_t area_view::u8(size_t offset) const {
     return raw(offset, 1)[0];
 }
 
-uint32_t area_view::u32(std::size_t offset) const {
+uint32_t area_view::u32(size_t offset) const {
     const std::span<const uint8_t> b = raw(offset, 4);
     return uint32_t{b[0]} | uint32_t{b[1]} << 8U | uint32_t{b[2]} << 16U | uint32_t{b[3]} << 24U;
 }
 
-int32_t area_view::i32(std::size_t offset) const {
+int32_t area_view::i32(size_t offset) const {
     return static_cast<int32_t>(u32(offset));
 }
 
-uint64_t area_view::u64(std::size_t offset) const {
+uint64_t area_view::u64(size_t offset) const {
     return u32(offset) | uint64_t{u32(offset + 4)} << 32U;
 }
 
-std::string area_view::text(std::size_t offset, std::size_t room) const {
+std::string area_view::text(size_t offset, size_t room) const {
     const std::span<const uint8_t> field = raw(offset, room);
     return {field.begin(), std::ranges::find(field, uint8_t{0})};
 }
@@ -186,7 +186,7 @@ area_ends area_view::device_ends() const {
 }
 
 area_chunk area_view::chunk(int index) const {
-    const std::size_t at = area_offset::chunk(index);
+    const size_t at = area_offset::chunk(index);
     return {.index = index,
             .next = i32(at + area_offset::next),
             .prev = i32(at + area_offset::prev),
@@ -199,7 +199,7 @@ area_chunk area_view::chunk(int index) const {
 }
 
 area_device area_view::device(int index) const {
-    const std::size_t at = area_offset::device(index);
+    const size_t at = area_offset::device(index);
     return {.index = index,
             .next = i32(at + area_offset::next),
             .prev = i32(at + area_offset::prev),
@@ -211,7 +211,7 @@ area_device area_view::device(int index) const {
 }
 
 area_ref area_view::ref(int chunk_index, int index) const {
-    const std::size_t at = area_offset::ref(chunk_index, index);
+    const size_t at = area_offset::ref(chunk_index, index);
     return {.index = index,
             .next = i32(at + area_offset::next),
             .prev = i32(at + area_offset::prev),
@@ -259,29 +259,29 @@ std::vector<int> area_view::free_refs(int chunk_index) const {
     return follow_free_chain(*this, ref_list(chunk_index)).whole();
 }
 
-void area_writer::u8(std::size_t offset, uint8_t value) const {
+void area_writer::u8(size_t offset, uint8_t value) const {
     if (offset >= _bytes.size()) {
         throw std::out_of_range(said("byte ", offset, " of ", _bytes.size()));
     }
     _bytes[offset] = value;
 }
 
-void area_writer::u32(std::size_t offset, uint32_t value) const {
-    for (std::size_t byte = 0; byte < 4; ++byte) {
+void area_writer::u32(size_t offset, uint32_t value) const {
+    for (size_t byte = 0; byte < 4; ++byte) {
         u8(offset + byte, static_cast<uint8_t>(value >> 8 * byte));
     }
 }
 
-void area_writer::i32(std::size_t offset, int32_t value) const {
+void area_writer::i32(size_t offset, int32_t value) const {
     u32(offset, static_cast<uint32_t>(value));
 }
 
-void area_writer::u64(std::size_t offset, uint64_t value) const {
+void area_writer::u64(size_t offset, uint64_t value) const {
     u32(offset, static_cast<uint32_t>(value));
     u32(offset + 4, static_cast<uint32_t>(value >> 32U));
 }
 
-void area_writer::text(std::size_t offset, std::string_view value) const {
+void area_writer::text(size_t offset, std::string_view value) const {
     for (const char letter : value) {
         u8(offset++, static_cast<uint8_t>(letter));
     }
@@ -294,7 +294,7 @@ area_file::area_file(const std::filesystem::path& path, access wanted) {
     if (fd == -1) {
         throw std::system_error(errno, std::generic_category(), path);
     }
-    const auto length = static_cast<std::size_t>(lseek(fd, 0, SEEK_END));
+    const auto length = static_cast<size_t>(lseek(fd, 0, SEEK_END));
     if (length < area_offset::content_end) {
         close(fd);
         throw std::runtime_error(said(path, ": an area of only ", length, " bytes"));

@@ -11,46 +11,46 @@
 // A second reading of the shared area, by offset alone and one byte at a time. It includes nothing
 // of the library on purpose: a field that moved there must not move here with it.
 
-/// Where things lie, in bytes. Add the offset of an element to the offset of its field.
+// Where things lie, in bytes. Add the offset of an element to the offset of its field.
 namespace area_offset {
 
-inline constexpr std::size_t initialized = 0;
-inline constexpr std::size_t chunks_head = 70123524;
-inline constexpr std::size_t chunks_tail = 70123528;
-inline constexpr std::size_t chunks_free = 70123532;
-inline constexpr std::size_t devices_head = 70130704;
-inline constexpr std::size_t devices_tail = 70130708;
-inline constexpr std::size_t devices_free = 70130712;
-inline constexpr std::size_t content_end = 70130716;
+inline constexpr size_t initialized = 0;
+inline constexpr size_t chunks_head = 70123524;
+inline constexpr size_t chunks_tail = 70123528;
+inline constexpr size_t chunks_free = 70123532;
+inline constexpr size_t devices_head = 70130704;
+inline constexpr size_t devices_tail = 70130708;
+inline constexpr size_t devices_free = 70130712;
+inline constexpr size_t content_end = 70130716;
 
 /// Start of an element; std::out_of_range for one that does not exist.
-std::size_t chunk(int index);
-std::size_t device(int index);
-std::size_t ref(int chunk_index, int index);
+size_t chunk(int index);
+size_t device(int index);
+size_t ref(int chunk_index, int index);
 
-// Fields of every element.
-inline constexpr std::size_t next = 0;
-inline constexpr std::size_t prev = 4;
-inline constexpr std::size_t allocated = 8;
+/// Fields of every element.
+inline constexpr size_t next = 0;
+inline constexpr size_t prev = 4;
+inline constexpr size_t allocated = 8;
 
-// Further fields of a chunk.
-inline constexpr std::size_t name = 9;
-inline constexpr std::size_t pa = 60;
-inline constexpr std::size_t size = 68;
-inline constexpr std::size_t creator = 72;
-inline constexpr std::size_t devs = 172;
-inline constexpr std::size_t devs_head = 4268;
-inline constexpr std::size_t devs_tail = 4272;
-inline constexpr std::size_t devs_free = 4276;
+/// Further fields of a chunk.
+inline constexpr size_t name = 9;
+inline constexpr size_t pa = 60;
+inline constexpr size_t size = 68;
+inline constexpr size_t creator = 72;
+inline constexpr size_t devs = 172;
+inline constexpr size_t devs_head = 4268;
+inline constexpr size_t devs_tail = 4272;
+inline constexpr size_t devs_free = 4276;
 
-// Further fields of a device.
-inline constexpr std::size_t domain = 12;
-inline constexpr std::size_t bus = 16;
-inline constexpr std::size_t devfn = 20;
-inline constexpr std::size_t online = 24;
+/// Further fields of a device.
+inline constexpr size_t domain = 12;
+inline constexpr size_t bus = 16;
+inline constexpr size_t devfn = 20;
+inline constexpr size_t online = 24;
 
-// The further field of a reference.
-inline constexpr std::size_t dev = 12;
+/// The further field of a reference.
+inline constexpr size_t dev = 12;
 
 } // namespace area_offset
 
@@ -100,30 +100,30 @@ class area_view {
     explicit area_view(std::span<const uint8_t> bytes);
 
     std::span<const uint8_t> bytes() const { return _bytes; }
-    std::span<const uint8_t> raw(std::size_t offset, std::size_t count) const;
-    uint8_t u8(std::size_t offset) const;
-    uint32_t u32(std::size_t offset) const;
-    int32_t i32(std::size_t offset) const;
-    uint64_t u64(std::size_t offset) const;
-    std::string text(std::size_t offset, std::size_t room) const;
+    std::span<const uint8_t> raw(size_t offset, size_t count) const;
+    uint8_t u8(size_t offset) const;
+    uint32_t u32(size_t offset) const;
+    int32_t i32(size_t offset) const;
+    uint64_t u64(size_t offset) const;
+    std::string text(size_t offset, size_t room) const;
 
     uint8_t initialized() const { return u8(area_offset::initialized); }
     area_ends chunk_ends() const;
     area_ends device_ends() const;
 
-    // Any element, on its list or not.
+    /// Any element, on its list or not.
     area_chunk chunk(int index) const;
     area_device device(int index) const;
     area_ref ref(int chunk_index, int index) const;
     /// All 4280 bytes of it.
     std::span<const uint8_t> chunk_bytes(int index) const;
 
-    // What is on a list, from head to tail; chunks with both sentinels.
+    /// What is on a list, from head to tail; chunks with both sentinels.
     std::vector<area_chunk> chunks() const;
     std::vector<area_device> devices() const;
     std::vector<area_ref> refs(int chunk_index) const;
 
-    // The elements on a free chain, in the order in which they will be handed out.
+    /// The elements on a free chain, in the order in which they will be handed out.
     std::vector<int> free_chunks() const;
     std::vector<int> free_devices() const;
     std::vector<int> free_refs(int chunk_index) const;
@@ -137,12 +137,12 @@ class area_writer {
   public:
     explicit area_writer(std::span<uint8_t> bytes) : _bytes(bytes) {}
 
-    void u8(std::size_t offset, uint8_t value) const;
-    void u32(std::size_t offset, uint32_t value) const;
-    void i32(std::size_t offset, int32_t value) const;
-    void u64(std::size_t offset, uint64_t value) const;
+    void u8(size_t offset, uint8_t value) const;
+    void u32(size_t offset, uint32_t value) const;
+    void i32(size_t offset, int32_t value) const;
+    void u64(size_t offset, uint64_t value) const;
     /// The text and its terminator; what lies behind stays.
-    void text(std::size_t offset, std::string_view value) const;
+    void text(size_t offset, std::string_view value) const;
 
   private:
     std::span<uint8_t> _bytes;

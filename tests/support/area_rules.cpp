@@ -26,8 +26,8 @@ bool all_zero(std::span<const uint8_t> bytes) {
 struct list_facts {
     std::string name;
     int count;
-    std::size_t element_bytes;
-    std::function<std::size_t(int)> offset_of;
+    size_t element_bytes;
+    std::function<size_t(int)> offset_of;
     std::vector<int> live;
     std::vector<int> chain;
 };
@@ -57,7 +57,7 @@ class inspection {
         if (!all_zero(_area.raw(1, 3))) {
             breach("padding behind initialized is not zero");
         }
-        const std::size_t end = area_offset::content_end;
+        const size_t end = area_offset::content_end;
         if (!all_zero(_area.raw(end, _area.bytes().size() - end))) {
             breach("bytes behind the content are not zero");
         }
@@ -89,7 +89,7 @@ class inspection {
         if (device.online > 1) {
             breach("device ", device.index, ": online is ", +device.online);
         }
-        const std::size_t at = area_offset::device(device.index);
+        const size_t at = area_offset::device(device.index);
         if (!all_zero(_area.raw(at + 9, 3)) || !all_zero(_area.raw(at + 25, 3))) {
             breach("device ", device.index, ": padding is not zero");
         }
@@ -114,7 +114,7 @@ class inspection {
         for (const area_chunk& chunk : chunks) {
             check_texts(chunk);
         }
-        for (std::size_t i = 1; i + 1 < chunks.size(); ++i) {
+        for (size_t i = 1; i + 1 < chunks.size(); ++i) {
             check_place(chunks[i], chunks.front().pa, chunks.back().pa);
             check_refs(chunks[i]);
         }
@@ -131,7 +131,7 @@ class inspection {
     }
 
     void check_order(const std::vector<area_chunk>& chunks) {
-        for (std::size_t i = 1; i < chunks.size(); ++i) {
+        for (size_t i = 1; i < chunks.size(); ++i) {
             const area_chunk& lower = chunks[i - 1];
             const area_chunk& upper = chunks[i];
             if (lower.pa > upper.pa) {
@@ -215,7 +215,7 @@ class inspection {
 
     /// Each element is linked to the one before it and the one behind it, round the circle.
     void check_circle(const list_facts& list) {
-        for (std::size_t i = 0; i < list.live.size(); ++i) {
+        for (size_t i = 0; i < list.live.size(); ++i) {
             const int lower = list.live[i];
             const int upper = list.live[(i + 1) % list.live.size()];
             const int next = _area.i32(list.offset_of(lower) + area_offset::next);
@@ -230,10 +230,10 @@ class inspection {
 
     /// Each element is on the list or on the free chain, and on one of them only.
     void check_membership(const list_facts& list) {
-        std::vector<int> times(static_cast<std::size_t>(list.count));
+        std::vector<int> times(static_cast<size_t>(list.count));
         for (const std::vector<int>* half : {&list.live, &list.chain}) {
             for (const int index : *half) {
-                ++times[static_cast<std::size_t>(index)];
+                ++times[static_cast<size_t>(index)];
             }
         }
         const auto wrong = std::ranges::find_if(times, [](int count) { return count != 1; });

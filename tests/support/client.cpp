@@ -40,7 +40,7 @@ std::string joined(std::initializer_list<std::string> words) {
     return line;
 }
 
-std::string number_word(std::uint64_t number) {
+std::string number_word(uint64_t number) {
     return std::to_string(number);
 }
 
@@ -79,17 +79,17 @@ std::string client::call(std::string_view command) {
 }
 
 /// A result in decimal or hexadecimal, or null, which is 0.
-std::int64_t client::number(const std::string& command) {
+int64_t client::number(const std::string& command) {
     const std::string text = call(command);
     return text == "null"
                ? 0
-               : static_cast<std::int64_t>(
-                     text.starts_with("-") ? std::stoll(text)
-                                           : static_cast<long long>(std::stoull(text, nullptr, 0)));
+               : static_cast<int64_t>(text.starts_with("-")
+                                          ? std::stoll(text)
+                                          : static_cast<long long>(std::stoull(text, nullptr, 0)));
 }
 
-std::uint32_t client::alloc(std::string_view name, std::uint64_t size, std::string_view creator) {
-    return static_cast<std::uint32_t>(
+uint32_t client::alloc(std::string_view name, uint64_t size, std::string_view creator) {
+    return static_cast<uint32_t>(
         number(joined({"alloc", quoted(name), number_word(size), quoted(creator)})));
 }
 
@@ -97,34 +97,33 @@ int client::free(std::string_view name) {
     return static_cast<int>(number(joined({"free", quoted(name)})));
 }
 
-std::uint64_t client::map(std::string_view name, bool writable, std::uint64_t offset,
-                          std::uint64_t size) {
-    return static_cast<std::uint64_t>(number(joined(
+uint64_t client::map(std::string_view name, bool writable, uint64_t offset, uint64_t size) {
+    return static_cast<uint64_t>(number(joined(
         {"map", quoted(name), writable ? "1" : "0", number_word(offset), number_word(size)})));
 }
 
-int client::unmap(std::string_view name, std::uint64_t address, std::uint64_t size) {
+int client::unmap(std::string_view name, uint64_t address, uint64_t size) {
     return static_cast<int>(
         number(joined({"unmap", quoted(name), number_word(address), number_word(size)})));
 }
 
-found_chunk client::find(std::uint32_t dma) {
+found_chunk client::find(uint32_t dma) {
     const std::string text = call("find " + number_word(dma));
-    const std::size_t blank = text.rfind(' ');
+    const size_t blank = text.rfind(' ');
     found_chunk found{std::nullopt,
-                      static_cast<std::uint32_t>(std::stoul(text.substr(blank + 1), nullptr, 0))};
+                      static_cast<uint32_t>(std::stoul(text.substr(blank + 1), nullptr, 0))};
     if (text.front() == '"') {
         found.name = text.substr(1, blank - 2);
     }
     return found;
 }
 
-std::uint64_t client::to_pa(std::uint32_t dma) {
-    return static_cast<std::uint64_t>(number("to_pa " + number_word(dma)));
+uint64_t client::to_pa(uint32_t dma) {
+    return static_cast<uint64_t>(number("to_pa " + number_word(dma)));
 }
 
-std::uint32_t client::to_dma(std::uint64_t pa) {
-    return static_cast<std::uint32_t>(number("to_dma " + number_word(pa)));
+uint32_t client::to_dma(uint64_t pa) {
+    return static_cast<uint32_t>(number("to_dma " + number_word(pa)));
 }
 
 dma_limits client::limits() {
@@ -133,17 +132,17 @@ dma_limits client::limits() {
     std::string start;
     std::string end;
     fields >> limits.result >> start >> end;
-    limits.start = static_cast<std::uint32_t>(std::stoul(start, nullptr, 0));
-    limits.end = static_cast<std::uint32_t>(std::stoul(end, nullptr, 0));
+    limits.start = static_cast<uint32_t>(std::stoul(start, nullptr, 0));
+    limits.end = static_cast<uint32_t>(std::stoul(end, nullptr, 0));
     return limits;
 }
 
-int client::register_device(std::uint32_t domain, std::uint32_t bus, std::uint32_t devfn) {
+int client::register_device(uint32_t domain, uint32_t bus, uint32_t devfn) {
     return static_cast<int>(
         number(joined({"register", number_word(domain), number_word(bus), number_word(devfn)})));
 }
 
-int client::unregister_device(std::uint32_t domain, std::uint32_t bus, std::uint32_t devfn) {
+int client::unregister_device(uint32_t domain, uint32_t bus, uint32_t devfn) {
     return static_cast<int>(
         number(joined({"unregister", number_word(domain), number_word(bus), number_word(devfn)})));
 }

@@ -13,15 +13,15 @@ std::string quoted(std::string_view text);
 
 struct dma_limits {
     int result;
-    std::uint32_t start;
-    std::uint32_t end;
+    uint32_t start;
+    uint32_t end;
 
     bool operator==(const dma_limits&) const = default;
 };
 
 struct found_chunk {
     std::optional<std::string> name; ///< nothing where the library returned null
-    std::uint32_t dma;               ///< 0xdeadbeef where the library did not write it
+    uint32_t dma;                    ///< 0xdeadbeef where the library did not write it
 
     bool operator==(const found_chunk&) const = default;
 };
@@ -36,23 +36,22 @@ class client {
     /// Carries out one command of tarvo-client and returns its reply.
     std::string call(std::string_view command);
 
-    // The calls that nearly every test makes. Addresses in the client are plain numbers here.
-    std::uint32_t alloc(std::string_view name, std::uint64_t size,
-                        std::string_view creator = "test");
+    /// The calls that nearly every test makes. Addresses in the client are plain numbers here.
+    uint32_t alloc(std::string_view name, uint64_t size, std::string_view creator = "test");
     int free(std::string_view name);
-    std::uint64_t map(std::string_view name, bool writable = true, std::uint64_t offset = 0,
-                      std::uint64_t size = 0);
-    int unmap(std::string_view name, std::uint64_t address, std::uint64_t size = 0);
-    found_chunk find(std::uint32_t dma);
-    std::uint64_t to_pa(std::uint32_t dma);
-    std::uint32_t to_dma(std::uint64_t pa);
+    uint64_t map(std::string_view name, bool writable = true, uint64_t offset = 0,
+                 uint64_t size = 0);
+    int unmap(std::string_view name, uint64_t address, uint64_t size = 0);
+    found_chunk find(uint32_t dma);
+    uint64_t to_pa(uint32_t dma);
+    uint32_t to_dma(uint64_t pa);
     dma_limits limits();
-    int register_device(std::uint32_t domain, std::uint32_t bus, std::uint32_t devfn);
-    int unregister_device(std::uint32_t domain, std::uint32_t bus, std::uint32_t devfn);
+    int register_device(uint32_t domain, uint32_t bus, uint32_t devfn);
+    int unregister_device(uint32_t domain, uint32_t bus, uint32_t devfn);
     /// All lines of a listing from begin to end: chunks, then devices.
     std::vector<std::string> dump();
 
-    // A call that may have to wait for another process.
+    /// A call that may have to wait for another process.
     void send(std::string_view command);
     std::string reply();
     bool has_replied(std::chrono::milliseconds time = std::chrono::milliseconds(0));
@@ -75,11 +74,11 @@ class client {
     std::string new_text();
 
   private:
-    std::int64_t number(const std::string& command);
+    int64_t number(const std::string& command);
 
     process _process;
     pid_t _pid = 0;
-    std::size_t _told = 0; ///< bytes of standard error that new_text() gave out
+    size_t _told = 0; ///< bytes of standard error that new_text() gave out
 };
 
 /// What is in `now` and was not in `before`, in the order of `now`.

@@ -8,7 +8,7 @@ namespace {
 /// The log shows each byte as the character of the same number; back to bytes.
 std::string bytes_of(const std::string& utf_8) {
     std::string bytes;
-    for (std::size_t i = 0; i < utf_8.size(); i++) {
+    for (size_t i = 0; i < utf_8.size(); i++) {
         const auto first = static_cast<unsigned char>(utf_8[i]);
         if (first < 0x80) {
             bytes += utf_8[i];

@@ -7,8 +7,8 @@
 namespace {
 
 /// What came behind the first `told`, which is then all of them.
-std::vector<std::string> fresh(std::vector<std::string> all, std::size_t& told) {
-    const std::size_t known = std::exchange(told, all.size());
+std::vector<std::string> fresh(std::vector<std::string> all, size_t& told) {
+    const size_t known = std::exchange(told, all.size());
     all.erase(all.begin(), all.begin() + static_cast<std::ptrdiff_t>(known));
     return all;
 }

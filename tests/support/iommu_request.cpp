@@ -6,14 +6,14 @@
 
 namespace {
 
-constexpr std::uint32_t read_and_write = 3;
+constexpr uint32_t read_and_write = 3;
 
 /// In the 32 bits and with the sign that both the line and its report have.
-std::string with_sign(std::uint32_t number) {
-    return std::to_string(static_cast<std::int32_t>(number));
+std::string with_sign(uint32_t number) {
+    return std::to_string(static_cast<int32_t>(number));
 }
 
-std::string padded_hex(std::uint32_t number, std::size_t digits) {
+std::string padded_hex(uint32_t number, size_t digits) {
     const std::string shown = hex(number);
     return std::string(digits - std::min(digits, shown.size()), '0') + shown;
 }
@@ -45,7 +45,7 @@ iommu_request chunk_request(const std::string& op, const pci_device& device, con
 
 std::string chunk_failure(const std::string& op, const pci_device& device, const world& chosen,
                           const chunk_place& chunk) {
-    const std::uint64_t last = chunk.pa + chunk.size - 1;
+    const uint64_t last = chunk.pa + chunk.size - 1;
     return "map_unmap_chunk: " + op + " on dev " + device.name() + " failed: -1, DMA(0x" +
            hex(chosen.dma(chunk.pa)) + " - 0x" + hex(chosen.dma(last)) + ") -> PA(0x" +
            hex(chunk.pa) + " - 0x" + hex(last) + ")\n";
@@ -58,7 +58,7 @@ std::string chunk_refusal(const std::string& op, const pci_device& device, const
 }
 
 iommu_request region_request(const std::string& op, const pci_device& device, const world& chosen,
-                             std::uint32_t prot) {
+                             uint32_t prot) {
     return {op, device, chosen.start, chosen.end() - 1, chosen.start_dma, prot};
 }
 

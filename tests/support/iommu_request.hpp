@@ -8,9 +8,9 @@
 
 /// A PCI device as its owner names it.
 struct pci_device {
-    std::uint32_t domain;
-    std::uint32_t bus;
-    std::uint32_t devfn;
+    uint32_t domain;
+    uint32_t bus;
+    uint32_t devfn;
 
     /// Such as "0000:03:00.0".
     std::string name() const;
@@ -20,10 +20,10 @@ struct pci_device {
 struct iommu_request {
     std::string op; ///< "map" or "unmap"
     pci_device device;
-    std::uint64_t start_pa;
-    std::uint64_t last_pa; ///< as the line has it
-    std::uint32_t start_dma;
-    std::uint32_t prot;
+    uint64_t start_pa;
+    uint64_t last_pa; ///< as the line has it
+    uint32_t start_dma;
+    uint32_t prot;
 
     /// The line written, with its newline.
     std::string line() const;
@@ -33,8 +33,8 @@ struct iommu_request {
 
 /// Memory of one chunk.
 struct chunk_place {
-    std::uint64_t pa;
-    std::uint32_t size;
+    uint64_t pa;
+    uint32_t size;
 };
 
 /// The request for one chunk; its line ends one below the chunk's last byte.
@@ -51,7 +51,7 @@ std::string chunk_refusal(const std::string& op, const pci_device& device, const
 
 /// The request for the whole region.
 iommu_request region_request(const std::string& op, const pci_device& device, const world& chosen,
-                             std::uint32_t prot);
+                             uint32_t prot);
 
 /// The lines of one kind of request: device by device, and for each of them chunk by chunk.
 std::vector<std::string> chunk_lines(const std::string& op, const std::vector<pci_device>& devices,

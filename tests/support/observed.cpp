@@ -17,8 +17,8 @@ std::string fatal_outcome(client& user, std::string_view command) {
 std::string layout(const sandbox& machine) {
     const std::vector<area_chunk> chunks = machine.area().view().chunks();
     std::string text;
-    for (std::size_t i = 1; i + 1 < chunks.size(); i++) {
-        const std::uint64_t first = (chunks[i].pa - machine.chosen().start) / page_bytes();
+    for (size_t i = 1; i + 1 < chunks.size(); i++) {
+        const uint64_t first = (chunks[i].pa - machine.chosen().start) / page_bytes();
         text += (text.empty() ? "" : " ") + chunks[i].name + ":" + std::to_string(first) + "+" +
                 std::to_string(chunks[i].size / page_bytes());
     }
@@ -33,8 +33,8 @@ texts troubles(const sandbox& machine, area_allowance allowed) {
     return found;
 }
 
-std::string first_difference(const std::vector<std::uint8_t>& actual,
-                             const std::vector<std::uint8_t>& expected) {
+std::string first_difference(const std::vector<uint8_t>& actual,
+                             const std::vector<uint8_t>& expected) {
     const auto [difference, other] =
         std::mismatch(actual.begin(), actual.end(), expected.begin(), expected.end());
     if (difference == actual.end() && other == expected.end()) {
@@ -47,17 +47,16 @@ std::string first_difference(const std::vector<std::uint8_t>& actual,
 
 mapped_region::mapped_region(client& user) : _user(user), _address(user.call("map_all")) {}
 
-std::string mapped_region::place(std::uint64_t first_page, std::uint64_t page_count,
-                                 std::uint8_t byte) const {
+std::string mapped_region::place(uint64_t first_page, uint64_t page_count, uint8_t byte) const {
     return _address + " " + std::to_string(pages(first_page)) + " " +
            std::to_string(pages(page_count)) + " " + std::to_string(byte);
 }
 
-void mapped_region::fill(std::uint64_t first_page, std::uint64_t page_count, std::uint8_t byte) {
+void mapped_region::fill(uint64_t first_page, uint64_t page_count, uint8_t byte) {
     _user.call("fill " + place(first_page, page_count, byte));
 }
 
-bool mapped_region::filled(std::uint64_t first_page, std::uint64_t page_count, std::uint8_t byte) {
+bool mapped_region::filled(uint64_t first_page, uint64_t page_count, uint8_t byte) {
     return _user.call("filled " + place(first_page, page_count, byte)) == "true";
 }
 

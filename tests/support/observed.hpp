@@ -27,26 +27,26 @@ std::string layout(const sandbox& machine);
 texts troubles(const sandbox& machine, area_allowance allowed = {});
 
 /// The place of the first byte that differs, in words; empty when the two are the same.
-std::string first_difference(const std::vector<std::uint8_t>& actual,
-                             const std::vector<std::uint8_t>& expected);
+std::string first_difference(const std::vector<uint8_t>& actual,
+                             const std::vector<uint8_t>& expected);
 
 /// The process's whole region, mapped into it, for writing to and looking at any page of it.
 class mapped_region {
   public:
     explicit mapped_region(client& user);
 
-    void fill(std::uint64_t first_page, std::uint64_t page_count, std::uint8_t byte);
-    bool filled(std::uint64_t first_page, std::uint64_t page_count, std::uint8_t byte);
+    void fill(uint64_t first_page, uint64_t page_count, uint8_t byte);
+    bool filled(uint64_t first_page, uint64_t page_count, uint8_t byte);
 
   private:
-    std::string place(std::uint64_t first_page, std::uint64_t page_count, std::uint8_t byte) const;
+    std::string place(uint64_t first_page, uint64_t page_count, uint8_t byte) const;
 
     client& _user;
     std::string _address;
 };
 
-// Last words that many tests expect: the container's when it meets a cleared element, as the undoing
-// of an allocation does, and that of a translation.
+/// Last words that many tests expect: the container's when it meets a cleared element, as the
+/// undoing of an allocation does, and that of a translation.
 std::string element_not_in_use();
 std::string not_in_the_region();
 

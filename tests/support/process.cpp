@@ -124,7 +124,7 @@ bool process::receive(std::chrono::milliseconds time) {
     std::array<char, 4096> piece{};
     const ssize_t count = read(_output, piece.data(), piece.size());
     _output_ended = count <= 0;
-    _received.append(piece.data(), static_cast<std::size_t>(std::max<ssize_t>(count, 0)));
+    _received.append(piece.data(), static_cast<size_t>(std::max<ssize_t>(count, 0)));
     return true;
 }
 
@@ -144,7 +144,7 @@ std::optional<std::string> process::read_line() {
     if (!has_line(patience)) {
         complain("hangs");
     }
-    const std::size_t end = _received.find('\n');
+    const size_t end = _received.find('\n');
     if (end == std::string::npos) {
         return std::nullopt;
     }

@@ -45,7 +45,7 @@ class sandbox {
     void add_rules(const std::vector<std::string>& rules);
     void replace_rules(const std::vector<std::string>& rules);
 
-    // The machine's files as they are seen from outside.
+    /// The machine's files as they are seen from outside.
     std::filesystem::path simulated_memory() const { return folder("tmp") / "tarvo"; }
     std::filesystem::path simulated_area() const { return folder("tmp") / "tarvo_lib"; }
     std::filesystem::path simulated_lock() const { return folder("tmp") / "tarvo_lock"; }

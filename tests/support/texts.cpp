@@ -49,7 +49,7 @@ std::string aborted(std::string_view last_words) {
     return shown(ended_by(SIGABRT)) + "\n" + std::string(last_words);
 }
 
-std::string hex(std::uint64_t number) {
+std::string hex(uint64_t number) {
     std::ostringstream text;
     text << std::hex << number;
     return text.str();

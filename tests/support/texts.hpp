@@ -27,4 +27,4 @@ inline constexpr const char* release_failed =
     "tarvo: failed to release lock: Bad file descriptor\n";
 
 /// As %x and %zx have it.
-std::string hex(std::uint64_t number);
+std::string hex(uint64_t number);

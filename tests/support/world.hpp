@@ -8,19 +8,17 @@
 /// A machine that the library can find itself on, as `tarvo-sandbox --world` builds it.
 struct world {
     const char* name;
-    std::uint64_t start;     ///< physical address of the region's first byte
-    std::uint64_t bytes;     ///< of the region
-    std::uint32_t start_dma; ///< where devices see the first byte
+    uint64_t start;     ///< physical address of the region's first byte
+    uint64_t bytes;     ///< of the region
+    uint32_t start_dma; ///< where devices see the first byte
     bool simulated;
     bool cma;
 
-    std::uint64_t end() const { return start + bytes; }
-    std::uint32_t end_dma() const { return start_dma + static_cast<std::uint32_t>(bytes); }
-    std::uint32_t dma(std::uint64_t pa) const {
-        return start_dma + static_cast<std::uint32_t>(pa - start);
-    }
+    uint64_t end() const { return start + bytes; }
+    uint32_t end_dma() const { return start_dma + static_cast<uint32_t>(bytes); }
+    uint32_t dma(uint64_t pa) const { return start_dma + static_cast<uint32_t>(pa - start); }
 
-    // Paths as programs in it see them.
+    /// Paths as programs in it see them.
     const char* area_path() const {
         return simulated ? "/var/tmp/tarvo_lib" : "/var/shmem/tarvo_lib";
     }
@@ -63,6 +61,6 @@ struct world_name {
 };
 
 /// Bytes of a page of this machine.
-std::uint64_t page_bytes();
-std::uint64_t pages(std::uint64_t count);
-std::uint64_t rounded_to_pages(std::uint64_t bytes);
+uint64_t page_bytes();
+uint64_t pages(uint64_t count);
+uint64_t rounded_to_pages(uint64_t bytes);

@@ -160,7 +160,7 @@ TEST_P(a_new_chunk, RefusedLeavesOtherChunksAndOtherProcessesAlone) {
     machine.add_rules({"op=map,errno=EIO,nth=1"});
     EXPECT_EQ(user.dies(allocation), ended_by(SIGABRT));
     EXPECT_EQ(layout(machine), "before:0+1");
-    const std::uint32_t behind = region().start_dma + 4096;
+    const uint32_t behind = region().start_dma + 4096;
     EXPECT_EQ(other.alloc("tx_ring", 4096), region().cma ? behind + 12288 : behind);
     EXPECT_EQ(other.error_text(), "");
     EXPECT_EQ(troubles(machine), texts{});

@@ -7,7 +7,7 @@
 
 namespace {
 
-constexpr std::uint8_t old_content = 0xa5;
+constexpr uint8_t old_content = 0xa5;
 
 class new_memory : public world_test {
   protected:
@@ -60,7 +60,7 @@ TEST_P(new_memory, IsTheCallersEvenIfItCannotBeUnmapped) {
 }
 
 TEST_P(new_memory, ThatCannotBeMappedEndsTheProcessInTheRollBackKeptOnPurpose) {
-    const std::vector<std::uint8_t> before = machine.area().snapshot();
+    const std::vector<uint8_t> before = machine.area().snapshot();
     EXPECT_EQ(refused_mapping(), aborted("tarvo_alloc: mmap failed!: Cannot allocate memory\n" +
                                          element_not_in_use()));
     // The record is gone again, its memory is not given back to the driver.

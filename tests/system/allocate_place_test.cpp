@@ -8,20 +8,20 @@ namespace offset = area_offset;
 
 class placement : public world_test {
   protected:
-    std::uint32_t alloc(const char* name, std::uint64_t page_count) {
+    uint32_t alloc(const char* name, uint64_t page_count) {
         return user.alloc(name, pages(page_count));
     }
 
-    static std::uint32_t dma_of_page(std::uint64_t page) {
+    static uint32_t dma_of_page(uint64_t page) {
         return region().dma(region().start + pages(page));
     }
 
     /// One chunk at the region's start that leaves so many pages free behind it.
-    void fill_all_but(std::uint64_t page_count) {
+    void fill_all_but(uint64_t page_count) {
         alloc("ballast", 1);
         const area_file area = machine.writable_area();
         area.writer().u32(offset::chunk(2) + offset::size,
-                          static_cast<std::uint32_t>(region().bytes - pages(page_count)));
+                          static_cast<uint32_t>(region().bytes - pages(page_count)));
     }
 };
 
@@ -61,14 +61,14 @@ TEST_P(placement, IsTheFirstGapThatIsLargeEnoughAndNotTheOneThatFitsBest) {
 
 TEST_P(placement, CanFillTheRegionToItsLastByte) {
     fill_all_but(3);
-    EXPECT_EQ(alloc("rest", 3), static_cast<std::uint32_t>(region().end_dma() - pages(3)));
+    EXPECT_EQ(alloc("rest", 3), static_cast<uint32_t>(region().end_dma() - pages(3)));
     EXPECT_EQ(alloc("more", 1), 0U);
     EXPECT_EQ(troubles(machine), texts{});
 }
 
 TEST_P(placement, ThatFindsNoGapChangesNothingAndSaysNothing) {
     fill_all_but(3);
-    const std::vector<std::uint8_t> before = machine.area().snapshot();
+    const std::vector<uint8_t> before = machine.area().snapshot();
     EXPECT_EQ(outcome(user, "alloc more " + std::to_string(pages(3) + 1) + " me"), "0x0\n");
     EXPECT_EQ(first_difference(machine.area().snapshot(), before), "");
     EXPECT_EQ(troubles(machine), texts{});
@@ -125,7 +125,7 @@ class damaged_tail : public world_test {
 
 TEST_P(damaged_tail, EndsTheSearchForAPlaceAllTheSame) {
     machine.add_rules({"op=allocate,address=0x" + hex(region().end() + pages(1))});
-    const std::vector<std::uint8_t> before = machine.area().snapshot();
+    const std::vector<uint8_t> before = machine.area().snapshot();
     EXPECT_EQ(outcome(user, "alloc new " + std::to_string(region().bytes + 1) + " me"),
               "0x0\n" + traced(3, "tarvo_alloc_func", "tarvo_alloc_func: ran out of tarvo space"));
     EXPECT_EQ(first_difference(machine.area().snapshot(), before), "");

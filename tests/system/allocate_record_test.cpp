@@ -20,9 +20,9 @@ class record : public world_test {};
 
 TEST_P(record, IsWrittenWithItsLinksAndNoOtherByteOfTheArea) {
     user.limits();
-    std::vector<std::uint8_t> expected = machine.area().snapshot();
+    std::vector<uint8_t> expected = machine.area().snapshot();
     const area_writer area(expected);
-    const std::size_t at = offset::chunk(2);
+    const size_t at = offset::chunk(2);
     area.i32(at + offset::next, 1);
     area.i32(at + offset::prev, 0);
     area.u8(at + offset::allocated, 1);
@@ -49,9 +49,9 @@ TEST_P(record, HoldsANameOf49Bytes) {
 INSTANTIATE_TEST_SUITE_P(, record, testing::ValuesIn(all_worlds()), world_name());
 
 /// So many different letters, so that it shows which of them are kept.
-std::string letters(std::size_t count) {
+std::string letters(size_t count) {
     std::string text;
-    for (std::size_t i = 0; i < count; i++) {
+    for (size_t i = 0; i < count; i++) {
         text += static_cast<char>('!' + i % 91);
     }
     return text;
@@ -60,7 +60,7 @@ std::string letters(std::size_t count) {
 TEST(a_creator, IsStoredWholeUpTo99BytesAndOtherwiseByItsEnds) {
     sandbox machine(simulation);
     client user = machine.start();
-    for (const std::size_t length : {1U, 98U, 99U, 100U, 101U, 150U, 3000U}) {
+    for (const size_t length : {1U, 98U, 99U, 100U, 101U, 150U, 3000U}) {
         const std::string creator = letters(length);
         user.alloc("n" + std::to_string(length), 1, creator);
         const std::vector<area_chunk> chunks = machine.area().view().chunks();
@@ -80,8 +80,8 @@ TEST(a_name, MayHoldAnyByteInARegionOfTheLibrarysOwn) {
 }
 
 struct rounding {
-    std::uint64_t bytes;
-    std::uint32_t kept_bytes;
+    uint64_t bytes;
+    uint32_t kept_bytes;
 };
 
 TEST(a_size, IsRoundedUpToWholePagesIn32Bits) {

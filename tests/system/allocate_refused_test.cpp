@@ -143,14 +143,14 @@ TEST(an_allocation_without_the_lock, IsTracedAndFails) {
 }
 
 struct damage {
-    std::size_t offset;
-    std::int32_t value;
+    size_t offset;
+    int32_t value;
     std::string last_words;
 };
 
 TEST(a_damaged_list, EndsTheProcessThatAllocatesFromIt) {
-    const std::size_t head = area_offset::chunk(0);
-    const std::size_t rx_ring = area_offset::chunk(2);
+    const size_t head = area_offset::chunk(0);
+    const size_t rx_ring = area_offset::chunk(2);
     const std::vector<damage> cases{
         {head + area_offset::next, 16384, container_assertion(159, "idx >= 0 && idx < MAX")},
         {head + area_offset::next, -2, container_assertion(159, "idx >= 0 && idx < MAX")},

@@ -12,7 +12,7 @@ class sharing : public world_test {
 
 TEST_P(sharing, GivesTwoProcessesTheSameChunk) {
     EXPECT_EQ(first.alloc("rx_ring", 5000, "first"), region().start_dma);
-    const std::vector<std::uint8_t> before = machine.area().snapshot();
+    const std::vector<uint8_t> before = machine.area().snapshot();
     EXPECT_EQ(second.alloc("rx_ring", 5000, "second"), region().start_dma);
     EXPECT_EQ(first_difference(machine.area().snapshot(), before), "");
     EXPECT_EQ(machine.area().view().chunk(2).creator, "first");
@@ -31,10 +31,10 @@ TEST_P(sharing, TakesNamesForTheSameOnlyFromTheirFirstByteToTheirLast) {
                          "_port_1",
                          std::string(49, 'x'),
                          std::string(48, 'x')};
-    for (std::size_t i = 0; i < names.size(); i++) {
+    for (size_t i = 0; i < names.size(); i++) {
         EXPECT_EQ(first.alloc(names[i], pages(1)), region().start_dma + pages(i)) << names[i];
     }
-    for (std::size_t i = 0; i < names.size(); i++) {
+    for (size_t i = 0; i < names.size(); i++) {
         EXPECT_EQ(second.alloc(names[i], pages(1)), region().start_dma + pages(i)) << names[i];
     }
 }
@@ -104,7 +104,7 @@ class another_size : public world_test {};
 
 TEST_P(another_size, MakesASecondChunkOfTheNameAndSaysSoKeptOnPurpose) {
     user.alloc("rx_ring", 4096);
-    const std::uint32_t behind = region().start_dma + 4096;
+    const uint32_t behind = region().start_dma + 4096;
     EXPECT_EQ(user.alloc("rx_ring", 8192, "other"), behind);
     EXPECT_EQ(user.error_text(), size_mismatch);
     EXPECT_EQ(layout(machine), "rx_ring:0+1 rx_ring:1+2");

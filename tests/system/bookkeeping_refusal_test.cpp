@@ -29,8 +29,7 @@ class bookkeeping_refused : public testing::TestWithParam<world> {
 
     void answer(const texts& rules) { scene.box.replace_rules(rules); }
     /// Both reports of a refused request.
-    std::string report(const char* op, const pci_device& device, std::size_t chunk,
-                       int error) const {
+    std::string report(const char* op, const pci_device& device, size_t chunk, int error) const {
         return chunk_refusal(op, device, GetParam(), scene.place(chunk), error);
     }
     static texts lines(const char* op, const std::vector<pci_device>& devices,
@@ -306,7 +305,7 @@ TEST(the_report_of_a_failed_request, IsTracedUnderItsLineBeforeItIsPrinted) {
     iommu_machine machine(low, {"--rule", "op=map,errno=EINVAL"}, {"setenv ZUL_TRACE 3"});
     machine.user.alloc("rx_ring", page_bytes());
     machine.register_device(first);
-    const chunk_place chunk{low.start, static_cast<std::uint32_t>(page_bytes())};
+    const chunk_place chunk{low.start, static_cast<uint32_t>(page_bytes())};
     const std::string report = chunk_failure("map", first, low, chunk);
     EXPECT_EQ(machine.user.error_text(), chunk_request("map", first, low, chunk).refusal(EINVAL) +
                                              "[tarvo:3] tarvo:561 map_unmap_chunk: " + report +

@@ -10,7 +10,7 @@ namespace {
 
 namespace offset = area_offset;
 
-std::vector<std::uint8_t> ref_bytes(const iommu_machine& machine, int chunk, int ref) {
+std::vector<uint8_t> ref_bytes(const iommu_machine& machine, int chunk, int ref) {
     const area_file area = machine.box.area();
     const auto bytes = area.view().raw(offset::ref(chunk, ref), 16);
     return {bytes.begin(), bytes.end()};
@@ -32,7 +32,7 @@ TEST(add_dev_to_chunk, OfADeviceThatIsThereChangesNothing) {
     iommu_scene scene(low);
     scene.call("add_dev_to_chunk 3 1");
     scene.call("add_dev_to_chunk 3 0");
-    const std::vector<std::uint8_t> before = scene.box.area().snapshot();
+    const std::vector<uint8_t> before = scene.box.area().snapshot();
     scene.call("add_dev_to_chunk 3 1");
     scene.call("add_dev_to_chunk 3 0");
     EXPECT_TRUE(scene.box.area().snapshot() == before);
@@ -43,9 +43,9 @@ TEST(add_dev_to_chunk, WritesLinksMarkAndDeviceNumber) {
     scene.call("add_dev_to_chunk 2 2");
     scene.call("add_dev_to_chunk 2 1");
     EXPECT_EQ(ref_bytes(scene, 2, 0),
-              (std::vector<std::uint8_t>{1, 0, 0, 0, 1, 0, 0, 0, 1, 0, 0, 0, 2, 0, 0, 0}));
+              (std::vector<uint8_t>{1, 0, 0, 0, 1, 0, 0, 0, 1, 0, 0, 0, 2, 0, 0, 0}));
     EXPECT_EQ(ref_bytes(scene, 2, 1),
-              (std::vector<std::uint8_t>{0, 0, 0, 0, 0, 0, 0, 0, 1, 0, 0, 0, 1, 0, 0, 0}));
+              (std::vector<uint8_t>{0, 0, 0, 0, 0, 0, 0, 0, 1, 0, 0, 0, 1, 0, 0, 0}));
 }
 
 TEST(remove_dev_from_chunk, AnswersTheFollowingReference) {
@@ -72,7 +72,7 @@ TEST(remove_dev_from_chunk, ClearsTheElementAndOffersItNext) {
     scene.map_everything();
     scene.call("remove_dev_from_chunk 3 1");
     EXPECT_EQ(ref_bytes(scene, 3, 1),
-              (std::vector<std::uint8_t>{3, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0}));
+              (std::vector<uint8_t>{3, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0}));
     EXPECT_EQ(scene.box.area().view().free_refs(3).front(), 1);
     EXPECT_EQ(area_breaches(scene.box.area().view()), texts{});
 }
@@ -94,7 +94,7 @@ class bookkeeping : public testing::TestWithParam<world> {
 
 TEST_P(bookkeeping, SendsOneRequestAndChangesNoRecord) {
     scene.set_online(1, false);
-    const std::vector<std::uint8_t> before = scene.box.area().snapshot();
+    const std::vector<uint8_t> before = scene.box.area().snapshot();
     EXPECT_EQ(scene.call("map_unmap_chunk map 3 1"), "0");
     EXPECT_EQ(scene.call("map_unmap_chunk unmap 4 0"), "0");
     EXPECT_EQ(scene.call("map_unmap_chunk \"anything else\" 2 0"), "-1");
@@ -113,7 +113,7 @@ TEST_P(bookkeeping, MapsAChunkForEveryDeviceInOrder) {
 
 TEST_P(bookkeeping, MapsAChunkAgainWithoutRecordingItTwice) {
     scene.call("map_chunk_all_devs 3");
-    const std::vector<std::uint8_t> before = scene.box.area().snapshot();
+    const std::vector<uint8_t> before = scene.box.area().snapshot();
     scene.new_lines();
     EXPECT_EQ(scene.call("map_chunk_all_devs 3"), "0");
     EXPECT_EQ(scene.new_lines(), lines("map", all_three, {scene.place(1)}));
@@ -138,7 +138,7 @@ TEST_P(bookkeeping, UnmapsAChunkFromItsDevicesInTheOrderOfItsList) {
 }
 
 TEST_P(bookkeeping, UnmapsAChunkWithoutDevicesByDoingNothing) {
-    const std::vector<std::uint8_t> before = scene.box.area().snapshot();
+    const std::vector<uint8_t> before = scene.box.area().snapshot();
     EXPECT_EQ(scene.call("unmap_chunk_all_devs 3"), "0");
     EXPECT_EQ(scene.new_events(), texts{});
     EXPECT_TRUE(scene.box.area().snapshot() == before);
@@ -177,7 +177,7 @@ TEST_P(bookkeeping, UnmapsADeviceFromTheChunksThatHaveIt) {
 TEST_P(bookkeeping, LeavesTheRecordsOfAnOfflineDeviceWhenItUnmapsIt) {
     scene.map_everything();
     scene.set_online(1, false);
-    const std::vector<std::uint8_t> before = scene.box.area().snapshot();
+    const std::vector<uint8_t> before = scene.box.area().snapshot();
     EXPECT_EQ(scene.call("unmap_dev_all_chunks 1"), "0");
     EXPECT_EQ(scene.new_events(), texts{});
     EXPECT_TRUE(scene.box.area().snapshot() == before);

@@ -9,13 +9,13 @@ namespace offset = area_offset;
 constexpr int rx_ring = 2; ///< its element
 
 /// Puts the record where the test wants it.
-void move(const sandbox& machine, int element, std::uint64_t pa, std::uint32_t size = 4096) {
+void move(const sandbox& machine, int element, uint64_t pa, uint32_t size = 4096) {
     const area_file area = machine.writable_area();
     area.writer().u64(offset::chunk(element) + offset::pa, pa);
     area.writer().u32(offset::chunk(element) + offset::size, size);
 }
 
-std::string report(int element, std::uint64_t pa, const std::string& size = "4096") {
+std::string report(int element, uint64_t pa, const std::string& size = "4096") {
     return "tarvo: chunk_desc_check() - DMA memory corrupted: chunk (" + std::to_string(element) +
            "), pa (" + hex(pa) + "), size (" + size + ")";
 }
@@ -25,16 +25,16 @@ class check : public world_test {
     check() { user.alloc("rx_ring", 4096); }
 
     /// What comes of asking for the chunk once its record is damaged.
-    std::string asked_again(std::uint64_t pa) {
+    std::string asked_again(uint64_t pa) {
         move(machine, rx_ring, pa);
         return outcome(user, "alloc rx_ring 4096 me");
     }
 
-    static std::string passed(std::uint64_t pa) { return "0x" + hex(region().dma(pa)) + "\n"; }
-    static std::string failed(std::uint64_t pa) { return "0x0\n" + report(rx_ring, pa) + "\n"; }
+    static std::string passed(uint64_t pa) { return "0x" + hex(region().dma(pa)) + "\n"; }
+    static std::string failed(uint64_t pa) { return "0x0\n" + report(rx_ring, pa) + "\n"; }
 
-    const std::uint64_t start = region().start;
-    const std::uint64_t end = region().end();
+    const uint64_t start = region().start;
+    const uint64_t end = region().end();
 };
 
 TEST_P(check, PassesAChunkThatEndsExactlyAtTheRegionsEnd) {
@@ -123,7 +123,7 @@ TEST_P(check, FailsAnEmptyChunkOneByteBelowTheRegionWhichEndsTheProcessThatMapsI
 }
 
 TEST_P(check, PassesAnEmptyChunkAtEitherEndOfTheRegion) {
-    for (const std::uint64_t pa : {start, end}) {
+    for (const uint64_t pa : {start, end}) {
         move(machine, rx_ring, pa, 0);
         // Passed, and then refused as a window of no bytes.
         EXPECT_EQ(outcome(user, "map rx_ring 1 0 0"), "null\n");
@@ -140,11 +140,11 @@ class check_of_a_new_chunk : public world_test {
         move(machine, 0, below, 0);
     }
 
-    const std::uint64_t below = region().start - 4096;
+    const uint64_t below = region().start - 4096;
 };
 
 TEST_P(check_of_a_new_chunk, ThatFailsTakesItOffTheListAgain) {
-    const std::vector<std::uint8_t> before = machine.area().snapshot();
+    const std::vector<uint8_t> before = machine.area().snapshot();
     EXPECT_EQ(outcome(user, "alloc rx_ring 4096 me"), "0x0\n" + report(rx_ring, below) + "\n");
     EXPECT_EQ(first_difference(machine.area().snapshot(), before), "");
     EXPECT_EQ(troubles(machine), texts{});

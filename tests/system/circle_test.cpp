@@ -11,8 +11,8 @@ namespace at = area_offset;
 constexpr int last_chunk = 4; // after the two sentinels and two more
 constexpr int nobody = 200;   // an element that is not on its list
 
-/// A damage, and a call that then walks for ever. Chunks are a, b and c, of a page each; devices are
-/// two, and each chunk is mapped for both.
+/// A damage, and a call that then walks for ever. Chunks are a, b and c, of a page each; devices
+/// are two, and each chunk is mapped for both.
 struct circle {
     const char* name;
     void (*make)(const area_writer& area);

@@ -18,7 +18,7 @@ constexpr unsigned long combinations = 8;
 
 client start_without(sandbox& machine, closed_streams closed) {
     client user = machine.start();
-    for (std::size_t fd = 0; fd < closed.size(); ++fd) {
+    for (size_t fd = 0; fd < closed.size(); ++fd) {
         if (closed[fd]) {
             user.call("close " + std::to_string(fd));
         }
@@ -40,7 +40,7 @@ texts use(client& user) {
 
 /// All that is left of a use of the machine.
 struct traces {
-    std::vector<std::uint8_t> area;
+    std::vector<uint8_t> area;
     std::string memory; ///< from physical address 0 on
     texts requests;
     texts cma_commands;
@@ -75,7 +75,7 @@ TEST_P(closed_streams_of, NeverBecomeTheLibrarysFiles) {
         sandbox machine(GetParam(), refusing_once);
         client user = start_without(machine, closed);
         texts expected = usual_replies;
-        for (std::size_t fd = 0; fd < closed.size(); ++fd) {
+        for (size_t fd = 0; fd < closed.size(); ++fd) {
             expected.at(1 + fd) = closed[fd] ? "Bad file descriptor" : "done";
         }
         EXPECT_EQ(use(user), expected) << closed;

@@ -106,7 +106,7 @@ TEST_F(cma_chunk, ThatHasNoPlaceInTheListIsGivenBack) {
     user.alloc("other", 8192);
     client watched = machine.start({"setenv ZUL_TRACE tarvo=3"});
     for (const misplaced& one : cases) {
-        const std::vector<std::uint8_t> before = machine.area().snapshot();
+        const std::vector<uint8_t> before = machine.area().snapshot();
         machine.replace_rules({std::string("op=allocate,address=") + one.address});
         EXPECT_EQ(outcome(user, "alloc rx_ring 5000 me"), "0x0\n") << one.why;
         EXPECT_EQ(outcome(watched, "alloc rx_ring 5000 me"),
@@ -117,7 +117,7 @@ TEST_F(cma_chunk, ThatHasNoPlaceInTheListIsGivenBack) {
         EXPECT_EQ(troubles(machine), texts{}) << one.why;
     }
     texts commands{"a other 2000\n"};
-    for (std::size_t i = 0; i < 2 * cases.size(); i++) {
+    for (size_t i = 0; i < 2 * cases.size(); i++) {
         commands.insert(commands.end(), {"a rx_ring 2000\n", "r rx_ring 2000\n"});
     }
     EXPECT_EQ(machine.cma_commands(), commands);
@@ -126,7 +126,7 @@ TEST_F(cma_chunk, ThatHasNoPlaceInTheListIsGivenBack) {
 TEST_F(cma_chunk, AtAddress0IsTracedAndGivenBackKeptOnPurpose) {
     machine.add_rules({"op=allocate,address=0x0"});
     user.limits();
-    const std::vector<std::uint8_t> before = machine.area().snapshot();
+    const std::vector<uint8_t> before = machine.area().snapshot();
     EXPECT_EQ(outcome(user, "alloc rx_ring 5000 me"), "0x0\n");
     EXPECT_EQ(log(), allocation_log + release_log);
     EXPECT_EQ(first_difference(machine.area().snapshot(), before), "");
@@ -186,7 +186,7 @@ TEST(a_cma_release, ThatCannotBeHandedOnKeepsTheChunkAndItsDevices) {
     sandbox machine(cma, {"--rule", "op=open-write,file=proc,errno=EACCES,nth=2"});
     client user = machine.start({"register 0 3 0", "alloc rx_ring 4096 me"});
     const texts lines = machine.request_lines();
-    const std::vector<std::uint8_t> before = machine.area().snapshot();
+    const std::vector<uint8_t> before = machine.area().snapshot();
     EXPECT_EQ(outcome(user, "free rx_ring"), "-1\nError opening /proc/tarvo: Permission denied\n");
     EXPECT_EQ(first_difference(machine.area().snapshot(), before), "");
     EXPECT_EQ(troubles(machine), texts{});
@@ -197,7 +197,7 @@ TEST(a_cma_release, ThatCannotBeHandedOnKeepsTheChunkAndItsDevices) {
 TEST(a_cma_release, ThatCannotBePrintedKeepsTheChunkAndSaysWhyByTheResultNotByErrno) {
     sandbox machine(cma);
     client user = machine.start({"alloc rx_ring 4096 me", "fail fprintf ENOSPC"});
-    const std::vector<std::uint8_t> before = machine.area().snapshot();
+    const std::vector<uint8_t> before = machine.area().snapshot();
     EXPECT_EQ(outcome(user, "free rx_ring"), "-1\nError freeing CMA Unknown error -1\n");
     EXPECT_EQ(first_difference(machine.area().snapshot(), before), "");
     EXPECT_EQ(troubles(machine), texts{});

@@ -215,7 +215,7 @@ TEST(a_listing, DoesNotHaveToBeginWithARegion) {
 }
 
 TEST(a_listing, IsReadIn2047BytesAtATimeSoThatALongerLineIsTwo) {
-    for (const auto& [length, said] : {std::pair<std::size_t, std::string>{2046, "0x100002000\n"},
+    for (const auto& [length, said] : {std::pair<size_t, std::string>{2046, "0x100002000\n"},
                                        {2047, failure + "Error parsing /proc/tarvo\n"}}) {
         sandbox machine(cma, {"--region-line",
                               std::string(length, 'x') + R"(\nrx_ring\t100002000\t1000)", "--rule",

@@ -14,10 +14,10 @@ client listing_client(sandbox& machine, std::vector<std::string> first_commands)
 
 /// Asks with every buffer that is too small, and then with those that are not.
 void expect_line_in_buffers(client& user, const std::string& command, const std::string& line) {
-    for (std::size_t room = 0; room <= line.size(); room++) {
+    for (size_t room = 0; room <= line.size(); room++) {
         EXPECT_EQ(user.call(command + " " + std::to_string(room)), "end") << room;
     }
-    for (std::size_t room = line.size() + 1; room <= 260; room++) {
+    for (size_t room = line.size() + 1; room <= 260; room++) {
         EXPECT_EQ(user.call(command + " " + std::to_string(room)), reply_of(line)) << room;
         user.call("dump_begin");
     }
@@ -63,8 +63,8 @@ INSTANTIATE_TEST_SUITE_P(, listed_chunk, testing::ValuesIn(all_worlds()), world_
 
 struct record_case {
     const char* name;
-    std::uint64_t pa;
-    std::uint32_t size;
+    uint64_t pa;
+    uint32_t size;
     std::string columns; ///< address and size in the line
 };
 
@@ -181,7 +181,7 @@ TEST(listed_devices, CanBe256) {
     sandbox machine(simulation);
     client user = machine.start();
     texts expected;
-    for (std::uint32_t bus = 0; bus < 256; bus++) {
+    for (uint32_t bus = 0; bus < 256; bus++) {
         ASSERT_EQ(user.register_device(0, bus, 0), 0);
         expected.push_back("0000:" + hex(0x100 + bus).substr(1) + ":00.0: online");
     }

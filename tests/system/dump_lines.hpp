@@ -7,7 +7,7 @@
 
 /// A chunk's line in a listing.
 inline std::string chunk_line(int index, const std::string& name, const std::string& creator,
-                              std::uint64_t pa, std::int64_t size) {
+                              uint64_t pa, int64_t size) {
     std::ostringstream line;
     line << std::setw(3) << index << ' ' << std::left << std::setw(60) << name << ' '
          << std::setw(110) << creator << std::right << " 0x" << std::hex << std::setfill('0')

@@ -8,10 +8,10 @@ namespace {
 
 class a_listing : public world_test {
   protected:
-    static std::string line(int index, const std::string& name, std::uint64_t first_page,
-                            std::uint64_t page_count) {
+    static std::string line(int index, const std::string& name, uint64_t first_page,
+                            uint64_t page_count) {
         return chunk_line(index, name, "test", region().start + pages(first_page),
-                          static_cast<std::int64_t>(pages(page_count)));
+                          static_cast<int64_t>(pages(page_count)));
     }
 };
 
@@ -46,7 +46,7 @@ TEST_P(a_listing, ShowsTheChunksOfAllProcessesWithTheirCreators) {
 }
 
 TEST_P(a_listing, HasTheDevicesInOrderOfRegistrationWithTheirState) {
-    for (const std::uint32_t bus : {3U, 1U, 2U}) {
+    for (const uint32_t bus : {3U, 1U, 2U}) {
         EXPECT_EQ(user.register_device(0, bus, 0), 0);
     }
     machine.writable_area().writer().u8(area_offset::device(1) + area_offset::online, 0);
@@ -82,8 +82,8 @@ TEST_P(a_listing, MakesEveryOtherProcessWaitWithItsChanges) {
     const char* const commands[] = {"alloc tx_ring 4096 me", "free rx_ring", "register 0 4 0",
                                     "unregister 0 3 0"};
     EXPECT_EQ(user.call("dump_begin"), "true");
-    const std::vector<std::uint8_t> before = machine.area().snapshot();
-    for (std::size_t i = 0; i < std::size(others); i++) {
+    const std::vector<uint8_t> before = machine.area().snapshot();
+    for (size_t i = 0; i < std::size(others); i++) {
         others[i].send(commands[i]);
         others[i].wait_until_it_waits_for_a_lock();
     }
@@ -93,7 +93,7 @@ TEST_P(a_listing, MakesEveryOtherProcessWaitWithItsChanges) {
     EXPECT_EQ(first_difference(machine.area().snapshot(), before), "");
     EXPECT_EQ(user.call("dump_end"), "0");
     EXPECT_NE(others[0].reply(), "0x0");
-    for (std::size_t i = 1; i < std::size(others); i++) {
+    for (size_t i = 1; i < std::size(others); i++) {
         EXPECT_EQ(others[i].reply(), "0") << commands[i];
     }
     EXPECT_EQ(troubles(machine), texts{});

@@ -14,14 +14,14 @@ const found_chunk nothing{std::nullopt, 0};
 
 class finding : public world_test {
   protected:
-    static std::uint32_t dma(std::uint64_t offset) { return region().dma(region().start + offset); }
+    static uint32_t dma(uint64_t offset) { return region().dma(region().start + offset); }
 };
 
 TEST_P(finding, AnyByteOfAChunkGivesItsNameAndItsFirstByte) {
     user.alloc("tx_ring", pages(1));
     user.alloc("rx_ring", pages(3));
     const found_chunk expected{"rx_ring", dma(pages(1))};
-    for (const std::uint64_t offset : {pages(1), pages(1) + 1, pages(2), pages(4) - 1}) {
+    for (const uint64_t offset : {pages(1), pages(1) + 1, pages(2), pages(4) - 1}) {
         EXPECT_EQ(user.find(dma(offset)), expected) << offset;
     }
     EXPECT_EQ(user.find(dma(pages(1) - 1)), (found_chunk{"tx_ring", dma(0)}));
@@ -103,7 +103,7 @@ TEST_P(finding, TakesTheLowerOfTwoChunksThatOverlap) {
     user.alloc("lower", pages(1));
     user.alloc("upper", pages(1));
     machine.writable_area().writer().u32(area_offset::chunk(2) + area_offset::size,
-                                         static_cast<std::uint32_t>(pages(2)));
+                                         static_cast<uint32_t>(pages(2)));
     EXPECT_EQ(user.find(dma(pages(1))), (found_chunk{"lower", dma(0)}));
 }
 

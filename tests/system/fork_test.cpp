@@ -20,8 +20,8 @@ class family {
 
     /// Has a new child carry out the command; as many generations as there are in "fork COMMAND".
     /// Returns one of the children.
-    pid_t fork(const std::string& command, std::size_t generations = 1) {
-        const std::size_t all = _children.size() + generations;
+    pid_t fork(const std::string& command, size_t generations = 1) {
+        const size_t all = _children.size() + generations;
         parent.send("fork " + command);
         while (_children.size() < all) {
             take_reply();

@@ -25,7 +25,7 @@ class freeing : public world_test {
 
 TEST_P(freeing, AnUnknownNameFailsAndChangesNothing) {
     alloc({"rx_ring"});
-    const std::vector<std::uint8_t> before = machine.area().snapshot();
+    const std::vector<uint8_t> before = machine.area().snapshot();
     const texts log = machine.driver_log();
     for (const char* name : {"tx_ring", "RX_RING", "rx_rin", "rx_ring0", "__HEAD"}) {
         EXPECT_EQ(outcome(user, std::string("free ") + name), "-1\n") << name;
@@ -38,7 +38,7 @@ TEST_P(freeing, AnUnknownNameFailsAndChangesNothing) {
 
 TEST_P(freeing, TheOnlyChunkLeavesNoByteOfItInTheArea) {
     user.limits();
-    const std::vector<std::uint8_t> before = machine.area().snapshot();
+    const std::vector<uint8_t> before = machine.area().snapshot();
     alloc({"rx_ring"});
     EXPECT_EQ(outcome(user, "free rx_ring"), "0\n");
     EXPECT_EQ(first_difference(machine.area().snapshot(), before), "");
@@ -47,9 +47,9 @@ TEST_P(freeing, TheOnlyChunkLeavesNoByteOfItInTheArea) {
 
 TEST_P(freeing, PutsTheRecordInFrontOfTheFreeOnesAndLinksItsNeighbours) {
     alloc({"a", "b", "c"});
-    std::vector<std::uint8_t> expected = machine.area().snapshot();
+    std::vector<uint8_t> expected = machine.area().snapshot();
     const area_writer area(expected);
-    for (std::size_t i = 0; i < 4280; i++) {
+    for (size_t i = 0; i < 4280; i++) {
         area.u8(offset::chunk(3) + i, 0);
     }
     area.i32(offset::chunk(3) + offset::next, 5);
@@ -174,7 +174,7 @@ class freeing_the_tail : public world_test {
     freeing_the_tail() { user.limits(); }
 
     void expect_death(const std::string& last_words) {
-        const std::vector<std::uint8_t> before = machine.area().snapshot();
+        const std::vector<uint8_t> before = machine.area().snapshot();
         EXPECT_EQ(fatal_outcome(user, "free __TAIL"), aborted(last_words));
         EXPECT_EQ(first_difference(machine.area().snapshot(), before), "");
         EXPECT_EQ(troubles(machine), texts{});

@@ -31,8 +31,8 @@ class iommu_scene : public iommu_machine {
         user.new_text();
     }
 
-    chunk_place place(std::size_t chunk) const {
-        return {box.chosen().start + pages(chunk), static_cast<std::uint32_t>(page_bytes())};
+    chunk_place place(size_t chunk) const {
+        return {box.chosen().start + pages(chunk), static_cast<uint32_t>(page_bytes())};
     }
     std::vector<chunk_place> places() const { return {place(0), place(1), place(2)}; }
     std::vector<numbers> devices_of_all() const {

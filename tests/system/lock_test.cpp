@@ -92,7 +92,7 @@ TEST(a_lock_that_cannot_be_taken, MakesTheOperationFailAndChangesNothing) {
     sandbox machine(simulation);
     client user = machine.start();
     user.alloc("rx_ring", 4096);
-    const std::vector<std::uint8_t> before = machine.area().snapshot();
+    const std::vector<uint8_t> before = machine.area().snapshot();
     user.call("fail flock EINTR 0");
     std::string said;
     for (const refused_operation& one : operations) {

@@ -9,11 +9,11 @@ namespace {
 const std::string failed_before = assertion("void* tarvo_map_all()", "tarvo_mapall_refcount == 0");
 const std::string not_mapped = assertion("void tarvo_unmap_all()", "tarvo_mapall_va");
 
-std::uint64_t map_all(client& user) {
+uint64_t map_all(client& user) {
     return std::stoull(user.call("map_all"), nullptr, 16);
 }
 
-std::string unmap_message(std::uint64_t va, std::uint64_t bytes, const std::string& reason) {
+std::string unmap_message(uint64_t va, uint64_t bytes, const std::string& reason) {
     return "tarvo: failed to unmap chunk, va: 0x" + hex(va) + ", size: " + std::to_string(bytes) +
            ", error: " + reason + "\n";
 }
@@ -21,7 +21,7 @@ std::string unmap_message(std::uint64_t va, std::uint64_t bytes, const std::stri
 class whole_region : public world_test {};
 
 TEST_P(whole_region, IsMappedForReadingAndWritingFromItsFirstByteToItsLast) {
-    const std::uint64_t va = map_all(user);
+    const uint64_t va = map_all(user);
     EXPECT_EQ(mapping_at(va), described("rw-s", region().start, region().bytes));
     EXPECT_EQ(user.error_text(), "");
 }
@@ -29,7 +29,7 @@ TEST_P(whole_region, IsMappedForReadingAndWritingFromItsFirstByteToItsLast) {
 TEST_P(whole_region, ShowsEveryChunkWhereItLies) {
     user.alloc("tx_ring", pages(1));
     user.alloc("rx_ring", pages(1));
-    const std::uint64_t va = map_all(user);
+    const uint64_t va = map_all(user);
     user.call("poke " + std::to_string(va) + " " + std::to_string(pages(1)) + " frame");
     client other = machine.start();
     EXPECT_EQ(other.call("peek " + std::to_string(other.map("rx_ring")) + " 0 5"), "6672616d65");
@@ -38,7 +38,7 @@ TEST_P(whole_region, ShowsEveryChunkWhereItLies) {
 TEST_P(whole_region, IsMappedOnceAndUnmappedWithTheLastOfItsUsers) {
     user.limits();
     user.call("calls");
-    const std::uint64_t va = map_all(user);
+    const uint64_t va = map_all(user);
     const std::string bytes = std::to_string(region().bytes);
     EXPECT_EQ(user.call("calls"), "mmap64(null," + bytes + ",3,1," + memory_fd() + "," +
                                       std::to_string(region().start) + ")=pointer");
@@ -89,7 +89,7 @@ TEST_P(whole_region, ThatCouldNotBeMappedEndsTheProcessAtTheNextCallKeptOnPurpos
 }
 
 TEST_P(whole_region, ThatCouldNotBeUnmappedIsReportedAndGivenUpAllTheSame) {
-    const std::uint64_t va = map_all(user);
+    const uint64_t va = map_all(user);
     user.call("calls");
     user.call("fail munmap EINVAL");
     EXPECT_EQ(outcome(user, "unmap_all"),
@@ -139,7 +139,7 @@ TEST(the_whole_region, OfExactly4GiBHasNoBytesAndIsRefused) {
 TEST(the_whole_region, Of2GiBAndMoreIsPrintedUnsigned) {
     sandbox machine(high, {"--region", "200000000-2efffffff"});
     client user = machine.start();
-    const std::uint64_t va = map_all(user);
+    const uint64_t va = map_all(user);
     user.call("fail munmap EIO");
     EXPECT_EQ(outcome(user, "unmap_all"),
               "done\n" + unmap_message(va, 0xf0000000, "Input/output error"));
@@ -171,7 +171,7 @@ TEST_P(tracing_of_the_whole_region, ShowsItsFirstBytesAsTextAndNotItsAddressKept
     client user = tracing_client(machine, "the first frame");
     user.new_text();
     const std::string va = " va the first frame refcount ";
-    const std::uint64_t address = map_all(user);
+    const uint64_t address = map_all(user);
     EXPECT_EQ(user.new_text(), trace_of_map("") + trace_of_map(va + "0"));
     map_all(user);
     EXPECT_EQ(user.new_text(), trace_of_map(""));

@@ -8,7 +8,7 @@ namespace {
 
 const std::string damaged = assertion("void* tarvo_map(const char*, bool, size_t, size_t)", "0");
 
-std::string corruption(int chunk, std::uint64_t pa, std::int32_t size) {
+std::string corruption(int chunk, uint64_t pa, int32_t size) {
     return "tarvo: chunk_desc_check() - DMA memory corrupted: chunk (" + std::to_string(chunk) +
            "), pa (" + hex(pa) + "), size (" + std::to_string(size) + ")\n";
 }
@@ -18,13 +18,13 @@ class a_record_out_of_the_region : public world_test {
   protected:
     a_record_out_of_the_region() { user.alloc("rx_ring", pages(2)); }
 
-    void move_to(std::uint64_t pa) {
+    void move_to(uint64_t pa) {
         machine.writable_area().writer().u64(area_offset::chunk(2) + area_offset::pa, pa);
     }
 };
 
 TEST_P(a_record_out_of_the_region, BehindItEndsTheProcessThatMapsIt) {
-    const std::uint64_t pa = region().end() - pages(1);
+    const uint64_t pa = region().end() - pages(1);
     move_to(pa);
     EXPECT_EQ(fatal_outcome(user, "map rx_ring 1 0 0"), aborted(corruption(2, pa, 8192) + damaged));
     EXPECT_TRUE(lock_is_free(machine.lock_file()));
@@ -33,7 +33,7 @@ TEST_P(a_record_out_of_the_region, BehindItEndsTheProcessThatMapsIt) {
 }
 
 TEST_P(a_record_out_of_the_region, BeforeItEndsTheProcessThatMapsItWhateverTheWindow) {
-    const std::uint64_t pa = region().start - 1;
+    const uint64_t pa = region().start - 1;
     move_to(pa);
     EXPECT_EQ(fatal_outcome(user, "map rx_ring 1 0x3000 0"),
               aborted(corruption(2, pa, 8192) + damaged));
@@ -62,8 +62,8 @@ TEST_P(a_record_out_of_the_region, IsNotNoticedWhenItEndsWithTheRegion) {
 }
 
 TEST_P(a_record_out_of_the_region, IsNotExaminedByUnmappingAndFinding) {
-    const std::uint64_t va = user.map("rx_ring");
-    const std::uint64_t pa = region().end() - pages(1);
+    const uint64_t va = user.map("rx_ring");
+    const uint64_t pa = region().end() - pages(1);
     move_to(pa);
     EXPECT_EQ(outcome(user, "unmap rx_ring " + std::to_string(va) + " 0"), "0\n");
     EXPECT_EQ(user.find(region().end_dma() - 1), (found_chunk{"rx_ring", region().dma(pa)}));
@@ -103,7 +103,7 @@ class a_damaged_list : public testing::Test {
     area_file area() const { return machine.writable_area(); }
 
     /// Each call in a program of its own.
-    void expect_deaths(const std::string& name, std::uint32_t dma, const std::string& last_words) {
+    void expect_deaths(const std::string& name, uint32_t dma, const std::string& last_words) {
         for (const std::string& command : {"map " + name + " 1 0 0", "unmap " + name + " 0x1000 0",
                                            "find " + std::to_string(dma)}) {
             client victim = machine.start({"limits"});
@@ -134,7 +134,7 @@ TEST_F(a_damaged_list, WithAnElementNotInUseStillFindsThatElementKeptOnPurpose) 
 }
 
 TEST_F(a_damaged_list, WithALinkToNoElementEndsTheProcess) {
-    for (const std::int32_t link : {16384, -2}) {
+    for (const int32_t link : {16384, -2}) {
         area().writer().i32(area_offset::chunk(2) + area_offset::next, link);
         expect_deaths("middle", 0x2000, container_assertion(159, "idx >= 0 && idx < MAX"));
     }

@@ -14,14 +14,14 @@ class mapping : public world_test {};
 TEST_P(mapping, WithoutASizeShowsTheWholeChunk) {
     user.alloc("tx_ring", pages(1));
     user.alloc("rx_ring", pages(3));
-    const std::uint64_t va = user.map("rx_ring", true, 0, 0);
+    const uint64_t va = user.map("rx_ring", true, 0, 0);
     EXPECT_EQ(mapping_at(va), described("rw-s", region().start + pages(1), pages(3)));
     EXPECT_EQ(user.error_text(), "");
 }
 
 TEST_P(mapping, ForReadingFaultsAtAWrite) {
     user.alloc("rx_ring", pages(2));
-    const std::uint64_t va = user.map("rx_ring", false, 0, 0);
+    const uint64_t va = user.map("rx_ring", false, 0, 0);
     EXPECT_EQ(mapping_at(va), described("r--s", region().start, pages(2)));
     EXPECT_EQ(user.call("peek " + std::to_string(va) + " 0 2"), "0000");
     EXPECT_EQ(user.dies("poke " + std::to_string(va) + " 0 x"), ended_by(SIGSEGV));
@@ -43,7 +43,7 @@ TEST_P(mapping, ShowsTheMemoryAtThePhysicalAddressToEverybody) {
 
 TEST_P(mapping, OfAWindowStartsAtTheOffsetAndHasTheSize) {
     user.alloc("rx_ring", pages(4));
-    const std::uint64_t pa = region().start;
+    const uint64_t pa = region().start;
     EXPECT_EQ(mapping_at(user.map("rx_ring", true, pages(1), pages(2))),
               described("rw-s", pa + pages(1), pages(2)));
     EXPECT_EQ(mapping_at(user.map("rx_ring", false, pages(3), pages(1))),
@@ -67,7 +67,7 @@ TEST_P(mapping, IsMadeUnderTheLockWithNothingRounded) {
 
 TEST_P(mapping, UnmappingAndFindingChangeNothingInTheSharedArea) {
     user.alloc("rx_ring", pages(2));
-    const std::vector<std::uint8_t> before = machine.area().snapshot();
+    const std::vector<uint8_t> before = machine.area().snapshot();
     EXPECT_EQ(user.unmap("rx_ring", user.map("rx_ring")), 0);
     EXPECT_EQ(user.map("tx_ring"), 0U);
     EXPECT_EQ(user.find(region().start_dma), (found_chunk{"rx_ring", region().start_dma}));
@@ -77,7 +77,7 @@ TEST_P(mapping, UnmappingAndFindingChangeNothingInTheSharedArea) {
 
 TEST_P(mapping, OutlivesTheChunk) {
     user.alloc("rx_ring", pages(1));
-    const std::uint64_t va = user.map("rx_ring");
+    const uint64_t va = user.map("rx_ring");
     user.call("poke " + std::to_string(va) + " 0 frame");
     EXPECT_EQ(machine.start().free("rx_ring"), 0);
     EXPECT_EQ(user.call("peek " + std::to_string(va) + " 0 5"), "6672616d65");
@@ -113,7 +113,7 @@ TEST_P(mapping, WaitsForTheLock) {
 
 INSTANTIATE_TEST_SUITE_P(, mapping, testing::ValuesIn(all_worlds()), world_name());
 
-// The CMA driver knows each name once.
+/// The CMA driver knows each name once.
 class mapping_of_one_name_twice : public mapping {};
 
 TEST_P(mapping_of_one_name_twice, TakesTheLowerChunk) {
@@ -138,15 +138,15 @@ INSTANTIATE_TEST_SUITE_P(, mapping_of_one_name_twice, testing::ValuesIn(region_w
 
 // ---- Bounds ----
 
-std::string bounds_message(std::uint64_t offset, std::uint64_t chunk_bytes, std::uint64_t end) {
+std::string bounds_message(uint64_t offset, uint64_t chunk_bytes, uint64_t end) {
     return " offset " + hex(offset) + " > chunk->size " + hex(chunk_bytes) + " or offset + size " +
            hex(end) + " is \n";
 }
 
 struct window_case {
     const char* name;
-    std::uint64_t offset;
-    std::uint64_t size;
+    uint64_t offset;
+    uint64_t size;
     std::string said;
 };
 
@@ -154,11 +154,11 @@ std::ostream& operator<<(std::ostream& stream, const window_case& window) {
     return stream << window.name;
 }
 
-constexpr std::uint32_t two_pages = 0x2000;
-constexpr std::uint64_t four_gib = 0x100000000;
+constexpr uint32_t two_pages = 0x2000;
+constexpr uint64_t four_gib = 0x100000000;
 
 /// A window of a chunk of two pages; `end` as it is printed.
-window_case outside(const char* name, std::uint64_t offset, std::uint64_t size, std::uint32_t end) {
+window_case outside(const char* name, uint64_t offset, uint64_t size, uint32_t end) {
     return {name, offset, size, bounds_message(offset, two_pages, end)};
 }
 
@@ -187,8 +187,8 @@ INSTANTIATE_TEST_SUITE_P(
                     outside("size_above_4_gib", 0, four_gib + 0x1000, 0x1000),
                     outside("both_above_4_gib", four_gib, four_gib, 0),
                     outside("sum_that_wraps", 0x1000, 0xfffff800, 0x800),
-                    outside("largest_offset", ~std::uint64_t{0}, 0, two_pages),
-                    outside("largest_size", 0, ~std::uint64_t{0}, 0xffffffff)),
+                    outside("largest_offset", ~uint64_t{0}, 0, two_pages),
+                    outside("largest_size", 0, ~uint64_t{0}, 0xffffffff)),
     world_name());
 
 TEST(the_bounds_message, IsWrittenBeforeTheLockIsReleased) {
@@ -205,7 +205,7 @@ TEST(a_window_whose_end_wraps, IsNotCaughtInA32BitSumKeptOnPurpose) {
     client user = machine.start();
     user.alloc("rx_ring", pages(1));
     machine.writable_area().writer().u32(area_offset::chunk(2) + area_offset::size, 0xe0000000);
-    const std::uint64_t va = user.map("rx_ring", false, 0xd0000000, 0x40000000);
+    const uint64_t va = user.map("rx_ring", false, 0xd0000000, 0x40000000);
     EXPECT_EQ(user.call("mapping " + std::to_string(va)), "r--s 0x2d0000000 1073741824 /dev/mem");
     EXPECT_EQ(user.error_text(), "");
 }

@@ -1,5 +1,5 @@
-// Areas with -1 where a list has to lead on, as a file of foreign bytes has: a breach like any other
-// index out of range.
+// Areas with -1 where a list has to lead on, as a file of foreign bytes has: a breach like any
+// other index out of range.
 
 #include "observed.hpp"
 
@@ -11,7 +11,7 @@ namespace offset = area_offset;
 
 const std::string breach = aborted(container_assertion(159, "idx >= 0 && idx < MAX"));
 
-class missing_link : public testing::TestWithParam<std::size_t> {
+class missing_link : public testing::TestWithParam<size_t> {
   protected:
     missing_link() { machine.writable_area().writer().i32(GetParam(), -1); }
 
@@ -44,7 +44,7 @@ TEST(foreign_bytes, EndTheProcessThatStarts) {
     sandbox machine(low);
     machine.start({"limits"}).finish();
     const area_file file = machine.writable_area();
-    for (std::size_t at = 0; at < offset::content_end; at += 4) {
+    for (size_t at = 0; at < offset::content_end; at += 4) {
         file.writer().i32(at, -1);
     }
     client late = machine.start();

@@ -1,5 +1,6 @@
-// plugin_host LIBRARY: loads the library, uses it and unloads it, again and again, as a program does
-// whose plug-ins need it. Tells after each time what it got, and what the process has open by then.
+// plugin_host LIBRARY: loads the library, uses it and unloads it, again and again, as a program
+// does whose plug-ins need it. Tells after each time what it got, and what the process has open by
+// then.
 
 #include <array>
 #include <cstddef>
@@ -31,14 +32,14 @@ class plugin {
         return reinterpret_cast<Function*>(dlsym(_handle, name));
     }
 
-    std::uint32_t alloc() const {
-        return function<std::uint32_t(const char*, std::size_t, const char*)>("tarvo_alloc_func")(
-            "rx_ring", 1, "host");
+    uint32_t alloc() const {
+        return function<uint32_t(const char*, size_t, const char*)>("tarvo_alloc_func")("rx_ring",
+                                                                                        1, "host");
     }
     bool dump_begin() const { return function<bool()>("tarvo_dump_begin")(); }
     bool dump_next() const {
         std::array<char, 256> line{};
-        return function<bool(char*, std::size_t)>("tarvo_dump_next")(line.data(), line.size());
+        return function<bool(char*, size_t)>("tarvo_dump_next")(line.data(), line.size());
     }
     int dump_end() const { return function<int()>("tarvo_dump_end")(); }
 

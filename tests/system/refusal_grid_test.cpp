@@ -11,8 +11,8 @@ namespace {
 
 constexpr pci_device fourth{0, 6, 0};
 
-step alloc(const std::string& chunk, std::uint64_t page_count) {
-    return {step::call::alloc, chunk, static_cast<std::uint32_t>(pages(page_count))};
+step alloc(const std::string& chunk, uint64_t page_count) {
+    return {step::call::alloc, chunk, static_cast<uint32_t>(pages(page_count))};
 }
 
 step free_chunk(const std::string& chunk) {
@@ -45,7 +45,7 @@ const std::vector<refused_call> refused_calls{
 const std::vector<step> before{enter(first),        enter(second),       enter(third),
                                alloc("rx_ring", 1), alloc("tx_ring", 1), alloc("stats", 1)};
 
-// The new chunk is too large for a gap. Reviving and forgetting shows what is taken to be mapped.
+/// The new chunk is too large for a gap. Reviving and forgetting shows what is taken to be mapped.
 const std::vector<step> afterwards{alloc("after", 4), enter(second), free_chunk("rx_ring"),
                                    leave(first),      leave(second), leave(third),
                                    leave(fourth)};
@@ -69,7 +69,7 @@ texts records_in(const sandbox& box) {
         }
     }
     for (const area_device& device : area.view().devices()) {
-        all.push_back(refusal_oracle::shown(device.index, static_cast<std::uint32_t>(device.bus),
+        all.push_back(refusal_oracle::shown(device.index, static_cast<uint32_t>(device.bus),
                                             device.online != 0));
     }
     return all;

@@ -36,7 +36,7 @@ struct step {
 
     call what;
     std::string chunk;
-    std::uint32_t bytes = 0;
+    uint32_t bytes = 0;
     pci_device device{};
 
     std::string command() const {
@@ -107,7 +107,7 @@ class refusal_oracle {
         }
         return name;
     }
-    static std::string shown(int record, std::uint32_t bus, bool online) {
+    static std::string shown(int record, uint32_t bus, bool online) {
         return std::to_string(record) + ":" + std::to_string(bus) + (online ? ":1" : ":0");
     }
 
@@ -213,7 +213,7 @@ class refusal_oracle {
         return good;
     }
 
-    std::string alloc(const std::string& name, std::uint32_t bytes) {
+    std::string alloc(const std::string& name, uint32_t bytes) {
         if (_world.cma) {
             _commands.push_back("a " + name + " " + hex(bytes) + "\n");
         }
@@ -288,7 +288,7 @@ class refusal_oracle {
     }
 
     world _world;
-    std::uint64_t _end; ///< of the memory in use
+    uint64_t _end; ///< of the memory in use
     std::vector<chunk> _chunks;
     std::vector<device> _devices;
     const request_answer* _given = &all_answers.front();

@@ -13,7 +13,7 @@ namespace offset = area_offset;
 
 const std::string unknown = "tarvo: Device not registered\n";
 
-std::vector<std::uint8_t> device_bytes(const iommu_machine& machine, int index) {
+std::vector<uint8_t> device_bytes(const iommu_machine& machine, int index) {
     const area_file area = machine.box.area();
     const auto bytes = area.view().raw(offset::device(index), 28);
     return {bytes.begin(), bytes.end()};
@@ -44,14 +44,13 @@ class registry : public testing::TestWithParam<world> {
         machine.user.alloc("tx_ring", pages(2));
     }
     static std::vector<chunk_place> both() {
-        return {{GetParam().start, static_cast<std::uint32_t>(pages(1))},
-                {GetParam().start + pages(1), static_cast<std::uint32_t>(pages(2))}};
+        return {{GetParam().start, static_cast<uint32_t>(pages(1))},
+                {GetParam().start + pages(1), static_cast<uint32_t>(pages(2))}};
     }
     static texts lines(const char* op, const std::vector<pci_device>& devices) {
         return chunk_lines(op, devices, GetParam(), both());
     }
-    static std::string refusal(const char* op, const pci_device& device, std::size_t chunk,
-                               int error) {
+    static std::string refusal(const char* op, const pci_device& device, size_t chunk, int error) {
         return chunk_refusal(op, device, GetParam(), both().at(chunk), error);
     }
     std::vector<numbers> devices_of_both() const {
@@ -83,10 +82,10 @@ TEST_P(registry, SendsNothingWhereThereAreNoChunks) {
 TEST_P(registry, WritesTheRecordByteForByte) {
     machine.register_device(first);
     machine.register_device({0x01020304, 0xa1a2a3a4, 0xfffffffe});
-    EXPECT_EQ(device_bytes(machine, 1),
-              (std::vector<std::uint8_t>{0,    0,    0,    0,    0, 0, 0,    0,    1,    0,
-                                         0,    0,    4,    3,    2, 1, 0xa4, 0xa3, 0xa2, 0xa1,
-                                         0xfe, 0xff, 0xff, 0xff, 1, 0, 0,    0}));
+    EXPECT_EQ(
+        device_bytes(machine, 1),
+        (std::vector<uint8_t>{0, 0, 0,    0,    0,    0,    0,    0,    1,    0,    0, 0, 4, 3,
+                              2, 1, 0xa4, 0xa3, 0xa2, 0xa1, 0xfe, 0xff, 0xff, 0xff, 1, 0, 0, 0}));
 }
 
 TEST_P(registry, ListsDevicesInTheOrderOfTheirFirstRegistration) {
@@ -99,7 +98,7 @@ TEST_P(registry, ListsDevicesInTheOrderOfTheirFirstRegistration) {
 TEST_P(registry, MapsEveryChunkAgainForADeviceThatIsKnown) {
     make_chunks();
     machine.register_device(first);
-    const std::vector<std::uint8_t> before = machine.box.area().snapshot();
+    const std::vector<uint8_t> before = machine.box.area().snapshot();
     machine.new_lines();
     EXPECT_EQ(machine.register_device(first), 0);
     EXPECT_EQ(machine.new_lines(), lines("map", {first}));
@@ -208,7 +207,7 @@ TEST_P(registry, ClearsAForgottenRecordAndUsesItNext) {
         machine.register_device(device);
     }
     machine.unregister_device(second);
-    std::vector<std::uint8_t> cleared(28, 0);
+    std::vector<uint8_t> cleared(28, 0);
     cleared[0] = 3; // the link to the record that was free before
     EXPECT_EQ(device_bytes(machine, 1), cleared);
     EXPECT_EQ(machine.box.area().view().free_devices().front(), 1);
@@ -219,7 +218,7 @@ TEST_P(registry, ClearsAForgottenRecordAndUsesItNext) {
 TEST_P(registry, KnowsADeviceByAllThreeNumbersExactly) {
     machine.register_device(first);
     machine.register_device({0xffffffff, 0x80000000, 0x1fe});
-    const std::vector<std::uint8_t> before = machine.box.area().snapshot();
+    const std::vector<uint8_t> before = machine.box.area().snapshot();
     std::string said;
     for (const pci_device& other : {pci_device{0, 3, 1},
                                     {0, 2, 0},
@@ -359,7 +358,7 @@ INSTANTIATE_TEST_SUITE_P(, an_inheriting_device, testing::ValuesIn(all_worlds())
 class a_full_registry : public testing::Test {
   protected:
     a_full_registry() {
-        for (std::uint32_t i = 0; i < 256; i++) {
+        for (uint32_t i = 0; i < 256; i++) {
             EXPECT_EQ(machine.register_device({0, i, 0}), 0);
         }
         machine.user.alloc("rx_ring", page_bytes());
@@ -370,7 +369,7 @@ class a_full_registry : public testing::Test {
 };
 
 TEST_F(a_full_registry, EndsTheProcessThatRegistersOneMoreByAMemoryFault) {
-    const std::vector<std::uint8_t> before = machine.box.area().snapshot();
+    const std::vector<uint8_t> before = machine.box.area().snapshot();
     EXPECT_EQ(machine.user.dies("register 1 0 0"), ended_by(SIGSEGV));
     EXPECT_EQ(machine.user.error_text(), "");
     EXPECT_EQ(machine.new_lines(), texts{});
@@ -379,8 +378,8 @@ TEST_F(a_full_registry, EndsTheProcessThatRegistersOneMoreByAMemoryFault) {
 }
 
 TEST_F(a_full_registry, RevivesEveryDeviceItKnows) {
-    const chunk_place chunk{low.start, static_cast<std::uint32_t>(page_bytes())};
-    for (const std::uint32_t bus : {0U, 128U, 255U}) {
+    const chunk_place chunk{low.start, static_cast<uint32_t>(page_bytes())};
+    for (const uint32_t bus : {0U, 128U, 255U}) {
         const pci_device device{0, bus, 0};
         EXPECT_EQ(machine.register_device(device), 0);
         EXPECT_EQ(machine.new_lines(), chunk_lines("map", {device}, low, {chunk}));

@@ -19,7 +19,7 @@ constexpr const char* no_length_match =
     "Assertion `end_dma - start_dma == end_pa - start_pa' failed.\n";
 
 chunk_place only_chunk(const world& chosen) {
-    return {chosen.start, static_cast<std::uint32_t>(page_bytes())};
+    return {chosen.start, static_cast<uint32_t>(page_bytes())};
 }
 
 /// One page at the region's start, record 2.

@@ -10,7 +10,7 @@
 namespace {
 
 constexpr int chunk_count = 40;
-constexpr std::uint64_t one_page = 4096;
+constexpr uint64_t one_page = 4096;
 
 std::string name_of(int chunk) {
     return "chunk_" + std::to_string(chunk);
@@ -113,7 +113,7 @@ struct damage {
     const char* name;
     void (*make)(const area_writer& area);
     std::string last_words; ///< empty: the process goes on
-    // Chunks that it does not see.
+    /// Chunks that it does not see.
     int hidden_from = 0;
     int hidden_to = 0;
 

@@ -1,4 +1,5 @@
-// Every way in which start-up fails: what is said, what is left, and that the next call tries again.
+// Every way in which start-up fails: what is said, what is left, and that the next call tries
+// again.
 
 #include "sandbox.hpp"
 
@@ -275,7 +276,7 @@ TEST(an_area_that_cannot_be_mapped, IsReportedAndTraced) {
 }
 
 TEST(an_area_whose_list_ends_nowhere, EndsTheProcess) {
-    for (const std::size_t end : {area_offset::chunks_head, area_offset::chunks_tail}) {
+    for (const size_t end : {area_offset::chunks_head, area_offset::chunks_tail}) {
         sandbox machine(simulation);
         machine.start().limits();
         machine.writable_area().writer().i32(end, 16384);

@@ -15,17 +15,15 @@ constexpr std::uintmax_t simulated_memory_bytes = 713035776;
 constexpr std::uintmax_t area_bytes_of_4k_pages = 70131712;
 constexpr std::uintmax_t area_bytes_of_64k_pages = 70189056;
 
-void chain_free_elements(const area_writer& area, std::size_t (*element)(int), int first,
-                         int count) {
+void chain_free_elements(const area_writer& area, size_t (*element)(int), int first, int count) {
     for (int i = first; i < count - 1; i++) {
         area.i32(element(i) + offset::next, i + 1);
     }
     area.i32(element(count - 1) + offset::next, -1);
 }
 
-void write_sentinel(const area_writer& area, int index, int other, const char* name,
-                    std::uint64_t pa) {
-    const std::size_t at = offset::chunk(index);
+void write_sentinel(const area_writer& area, int index, int other, const char* name, uint64_t pa) {
+    const size_t at = offset::chunk(index);
     area.i32(at + offset::next, other);
     area.i32(at + offset::prev, other);
     area.u8(at + offset::allocated, 1);
@@ -34,8 +32,8 @@ void write_sentinel(const area_writer& area, int index, int other, const char* n
 }
 
 /// Every byte of a shared area that nobody has used yet.
-std::vector<std::uint8_t> new_area(const world& chosen) {
-    std::vector<std::uint8_t> bytes(rounded_to_pages(offset::content_end));
+std::vector<uint8_t> new_area(const world& chosen) {
+    std::vector<uint8_t> bytes(rounded_to_pages(offset::content_end));
     const area_writer area(bytes);
     area.u8(offset::initialized, 1);
     write_sentinel(area, 0, 1, "__HEAD", chosen.start);
@@ -88,7 +86,7 @@ TEST_P(start_up, LeavesAnInitialisedAreaAsItIs) {
     sandbox machine(GetParam());
     client first = machine.start();
     first.alloc("rx_ring", 5000);
-    const std::vector<std::uint8_t> before = machine.area().snapshot();
+    const std::vector<uint8_t> before = machine.area().snapshot();
     client second = machine.start();
     EXPECT_EQ(second.limits(), whole_region(GetParam()));
     EXPECT_EQ(first_difference(machine.area().snapshot(), before), "");

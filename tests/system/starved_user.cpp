@@ -1,9 +1,7 @@
-// starved_user: makes every call of the library in simulation with trace records on, again and again,
-// and lets one allocation after the other fail, then that one and all later ones. Tells for each call
-// whether it needed any, and what came out differently from when none fails. With an argument, none
-// does fail.
-
-#include <tarvo.h>
+// starved_user: makes every call of the library in simulation with trace records on, again and
+// again, and lets one allocation after the other fail, then that one and all later ones. Tells for
+// each call whether it needed any, and what came out differently from when none fails. With an
+// argument, none does fail.
 
 #include <algorithm>
 #include <array>
@@ -20,6 +18,7 @@
 #include <string_view>
 #include <sys/file.h>
 #include <sys/wait.h>
+#include <tarvo.h>
 #include <unistd.h>
 #include <vector>
 
@@ -97,7 +96,7 @@ struct call {
 constexpr const char* name = "rx_ring";
 void* mapped = nullptr;
 
-std::string alloc_of(std::size_t bytes) {
+std::string alloc_of(size_t bytes) {
     return std::to_string(tarvo_alloc_func(name, bytes, "starved"));
 }
 void have_chunk() {
@@ -143,15 +142,15 @@ std::string map_it(const char* which) {
     return mapped != nullptr ? "mapped" : "null";
 }
 
-std::string found(std::uint32_t dma) {
-    std::uint32_t chunk_dma = 1;
+std::string found(uint32_t dma) {
+    uint32_t chunk_dma = 1;
     const char* chunk = tarvo_find(dma, &chunk_dma);
     return std::string(chunk != nullptr ? chunk : "null") + " " + std::to_string(chunk_dma);
 }
 
 std::string limits() {
-    std::uint32_t first = 0;
-    std::uint32_t end = 0;
+    uint32_t first = 0;
+    uint32_t end = 0;
     const int result = tarvo_get_limits(&first, &end);
     return first == 0x1000 && end == 0x2a801000 ? std::to_string(result) : "wrong";
 }
@@ -162,7 +161,7 @@ std::string line() {
 }
 
 /// A device whose requests the machine refuses.
-constexpr std::uint32_t refused_bus = 4;
+constexpr uint32_t refused_bus = 4;
 
 const std::vector<call> calls{
     {"alloc, new", [] { return alloc_of(4096); }, nothing, free_chunk},
@@ -285,7 +284,7 @@ void starve(std::string_view what, bool fed, const maker& make) {
 
 // ---- What the library calls instead of the C and C++ libraries' own ------------------------
 
-void* operator new(std::size_t bytes) {
+void* operator new(size_t bytes) {
     void* memory = memory_is_short() ? nullptr : std::malloc(bytes);
     if (memory == nullptr) {
         throw std::bad_alloc();
@@ -297,7 +296,7 @@ void operator delete(void* memory) noexcept {
     std::free(memory);
 }
 
-void operator delete(void* memory, std::size_t /*bytes*/) noexcept {
+void operator delete(void* memory, size_t /*bytes*/) noexcept {
     std::free(memory);
 }
 
@@ -309,7 +308,7 @@ extern "C" int vasprintf(char** ptr, const char* f, std::va_list arg) noexcept {
     va_copy(again, arg);
     const int length = std::vsnprintf(nullptr, 0, f, again);
     va_end(again);
-    const auto room = static_cast<std::size_t>(length) + 1;
+    const auto room = static_cast<size_t>(length) + 1;
     *ptr = static_cast<char*>(std::malloc(room));
     return std::vsnprintf(*ptr, room, f, arg);
 }

@@ -24,9 +24,9 @@ TEST_P(translation, AcceptsTheWholeRegionItsEndIncluded) {
     const world& region = GetParam();
     sandbox machine(region);
     client user = machine.start();
-    for (const std::uint64_t offset : {std::uint64_t{0}, std::uint64_t{1}, pages(1),
-                                       region.bytes / 2, region.bytes - 1, region.bytes}) {
-        const std::uint64_t pa = region.start + offset;
+    for (const uint64_t offset :
+         {uint64_t{0}, uint64_t{1}, pages(1), region.bytes / 2, region.bytes - 1, region.bytes}) {
+        const uint64_t pa = region.start + offset;
         EXPECT_EQ(user.to_dma(pa), region.dma(pa)) << offset;
         EXPECT_EQ(user.to_pa(region.dma(pa)), pa) << offset;
     }
@@ -60,7 +60,7 @@ TEST_P(translation, CountsOnTheSentinelsAndNotOnTheRegionOfTheProcess) {
     sandbox machine(GetParam());
     client user = machine.start();
     user.limits();
-    const std::uint64_t new_end = GetParam().end() - pages(1);
+    const uint64_t new_end = GetParam().end() - pages(1);
     machine.writable_area().writer().u64(area_offset::chunk(1) + area_offset::pa, new_end);
     EXPECT_EQ(user.limits().end, GetParam().dma(new_end));
     EXPECT_EQ(user.dies("to_dma " + std::to_string(new_end + 1)), ended_by(SIGABRT));
@@ -70,8 +70,8 @@ INSTANTIATE_TEST_SUITE_P(, translation, testing::ValuesIn(all_worlds()), world_n
 
 struct region_case {
     const char* region;
-    std::uint64_t pa;
-    std::uint32_t dma;
+    uint64_t pa;
+    uint32_t dma;
     dma_limits limits;
 };
 

@@ -8,12 +8,12 @@ namespace {
 
 const char* const signature = "int tarvo_unmap(const char*, void*, size_t)";
 
-std::string unmap_command(std::uint64_t va, std::uint64_t size = 0) {
+std::string unmap_command(uint64_t va, uint64_t size = 0) {
     return "unmap rx_ring " + std::to_string(va) + " " + std::to_string(size);
 }
 
 /// What is said when the system refuses; `size` is the chunk's.
-std::string unmap_message(std::uint64_t pa, std::uint64_t va, std::uint64_t size) {
+std::string unmap_message(uint64_t pa, uint64_t va, uint64_t size) {
     return "tarvo: failed to unmap chunk, pa: " + hex(pa) + ", va: 0x" + hex(va) +
            ", size: " + std::to_string(size) + ", Invalid argument\n";
 }
@@ -22,7 +22,7 @@ class unmapping : public world_test {};
 
 TEST_P(unmapping, WithoutASizeRemovesAsMuchAsTheChunkHas) {
     user.alloc("rx_ring", pages(3));
-    const std::uint64_t va = user.map("rx_ring");
+    const uint64_t va = user.map("rx_ring");
     user.call("calls");
     EXPECT_EQ(outcome(user, unmap_command(va)), "0\n");
     EXPECT_EQ(user.call("calls"),
@@ -33,7 +33,7 @@ TEST_P(unmapping, WithoutASizeRemovesAsMuchAsTheChunkHas) {
 
 TEST_P(unmapping, OfAPartLeavesTheRest) {
     user.alloc("rx_ring", pages(3));
-    const std::uint64_t va = user.map("rx_ring");
+    const uint64_t va = user.map("rx_ring");
     EXPECT_EQ(outcome(user, unmap_command(va, pages(1))), "0\n");
     EXPECT_EQ(mapping_at(va), "none");
     EXPECT_EQ(mapping_at(va + pages(1)), described("rw-s", region().start + pages(1), pages(2)));
@@ -41,7 +41,7 @@ TEST_P(unmapping, OfAPartLeavesTheRest) {
 
 TEST_P(unmapping, HandsOnTheSizeWithoutRounding) {
     user.alloc("rx_ring", pages(2));
-    const std::uint64_t va = user.map("rx_ring");
+    const uint64_t va = user.map("rx_ring");
     user.call("calls");
     EXPECT_EQ(outcome(user, unmap_command(va, 5)), "0\n");
     EXPECT_EQ(user.call("calls"), taken() + "munmap(pointer,5)=0" + released());
@@ -51,7 +51,7 @@ TEST_P(unmapping, HandsOnTheSizeWithoutRounding) {
 TEST_P(unmapping, DoesNotCompareTheAddressWithTheChunk) {
     user.alloc("rx_ring", pages(1));
     user.alloc("tx_ring", pages(1));
-    const std::uint64_t va = user.map("tx_ring");
+    const uint64_t va = user.map("tx_ring");
     EXPECT_EQ(outcome(user, unmap_command(va)), "0\n");
     EXPECT_EQ(mapping_at(va), "none");
     // Nothing is mapped there any more, and the system does not mind.
@@ -61,7 +61,7 @@ TEST_P(unmapping, DoesNotCompareTheAddressWithTheChunk) {
 TEST_P(unmapping, GoesByTheSizeOfTheLowerChunkOfThatName) {
     user.alloc("rx_ring", pages(1));
     user.alloc("upper", pages(2));
-    const std::uint64_t va = user.map("upper");
+    const uint64_t va = user.map("upper");
     machine.writable_area().writer().text(area_offset::chunk(3) + area_offset::name, "rx_ring");
     EXPECT_EQ(outcome(user, unmap_command(va)), "0\n");
     EXPECT_EQ(mapping_at(va + pages(1)),
@@ -73,7 +73,7 @@ TEST_P(unmapping, GoesByTheSizeOfTheLowerChunkOfThatName) {
 TEST_P(unmapping, ThatTheSystemRefusesIsReportedWithTheChunksSizeAndStillGives0KeptOnPurpose) {
     user.alloc("tx_ring", pages(1));
     user.alloc("rx_ring", pages(3));
-    const std::uint64_t va = user.map("rx_ring");
+    const uint64_t va = user.map("rx_ring");
     user.call("calls");
     EXPECT_EQ(outcome(user, unmap_command(va + 1, pages(1))),
               "0\n" + unmap_message(region().start + pages(1), va + 1, pages(3)));
@@ -93,7 +93,7 @@ TEST_P(unmapping, OfAnUnknownNameEndsTheProcessAfterTheLockIsReleased) {
 
 TEST_P(unmapping, OfMoreThanTheChunkHasEndsTheProcessWhileTheLockIsHeld) {
     machine.start().alloc("rx_ring", pages(2));
-    for (const std::uint64_t size : {pages(2) + 1, std::uint64_t{0x100001000}, ~std::uint64_t{0}}) {
+    for (const uint64_t size : {pages(2) + 1, uint64_t{0x100001000}, ~uint64_t{0}}) {
         // Were it released, that would be the last word.
         client wrong = machine.start({"limits", "fail flock EBADF 2"});
         EXPECT_EQ(fatal_outcome(wrong, unmap_command(0x1000, size)),
@@ -117,7 +117,7 @@ TEST(unmapping_a_sentinel, EndsTheProcessAsForAnUnknownName) {
 TEST(unmapping_a_freed_chunk, EndsTheProcess) {
     sandbox machine(simulation);
     client user = machine.start({"alloc rx_ring 4096 me"});
-    const std::uint64_t va = user.map("rx_ring");
+    const uint64_t va = user.map("rx_ring");
     machine.start().free("rx_ring");
     EXPECT_EQ(fatal_outcome(user, unmap_command(va)), aborted(assertion(signature, "found")));
 }

@@ -18,7 +18,7 @@ class the_whole_region : public testing::TestWithParam<world> {
     the_whole_region() : machine(GetParam()) {}
     ~the_whole_region() override { EXPECT_TRUE(lock_is_free(machine.box.lock_file())); }
 
-    static iommu_request request(const char* op, std::uint32_t prot) {
+    static iommu_request request(const char* op, uint32_t prot) {
         return region_request(op, first, GetParam(), prot);
     }
     /// A chunk, record 2, mapped for the first device, record 0.
@@ -28,18 +28,16 @@ class the_whole_region : public testing::TestWithParam<world> {
         machine.new_events();
         machine.new_lines();
     }
-    static chunk_place chunk() {
-        return {GetParam().start, static_cast<std::uint32_t>(page_bytes())};
-    }
+    static chunk_place chunk() { return {GetParam().start, static_cast<uint32_t>(page_bytes())}; }
 
     iommu_machine machine;
 };
 
 TEST_P(the_whole_region, IsMappedWithTheProtectionGivenAndNoRecord) {
     machine.user.limits();
-    const std::vector<std::uint8_t> before = machine.box.area().snapshot();
+    const std::vector<uint8_t> before = machine.box.area().snapshot();
     texts expected;
-    for (const std::uint32_t prot : {0U, 1U, 2U, 3U, 0x7fffffffU, 0x80000000U}) {
+    for (const uint32_t prot : {0U, 1U, 2U, 3U, 0x7fffffffU, 0x80000000U}) {
         EXPECT_EQ(machine.call("iommu_map 0 3 0 " + std::to_string(prot)), "0");
         expected.push_back(request("map", prot).line());
     }
@@ -50,7 +48,7 @@ TEST_P(the_whole_region, IsMappedWithTheProtectionGivenAndNoRecord) {
 
 TEST_P(the_whole_region, IsUnmappedWithProtection0ForADeviceThatIsNotRegistered) {
     machine.register_device(second);
-    const std::vector<std::uint8_t> before = machine.box.area().snapshot();
+    const std::vector<uint8_t> before = machine.box.area().snapshot();
     EXPECT_EQ(machine.call(unmapping_first), "0");
     EXPECT_EQ(machine.user.new_text(), unknown);
     EXPECT_EQ(machine.new_lines(), (texts{request("unmap", 0).line()}));
@@ -59,7 +57,7 @@ TEST_P(the_whole_region, IsUnmappedWithProtection0ForADeviceThatIsNotRegistered)
 
 TEST_P(the_whole_region, IsMappedForARegisteredDeviceWithoutATrace) {
     register_first();
-    const std::vector<std::uint8_t> before = machine.box.area().snapshot();
+    const std::vector<uint8_t> before = machine.box.area().snapshot();
     EXPECT_EQ(machine.call(mapping_first), "0");
     EXPECT_EQ(machine.new_lines(), (texts{request("map", 3).line()}));
     EXPECT_TRUE(machine.box.area().snapshot() == before);
@@ -107,7 +105,7 @@ TEST_P(the_whole_region, IsLeftAloneWhenADeviceCannotBeUnregistered) {
 TEST_P(the_whole_region, RefusedToADeviceDoesNotTakeItOffline) {
     register_first();
     machine.box.add_rules({"op=map,errno=ENODEV"});
-    const std::vector<std::uint8_t> before = machine.box.area().snapshot();
+    const std::vector<uint8_t> before = machine.box.area().snapshot();
     EXPECT_EQ(machine.call(mapping_first), "-1");
     EXPECT_EQ(machine.user.new_text(), request("map", 3).refusal(ENODEV));
     EXPECT_TRUE(machine.box.area().snapshot() == before);
@@ -163,11 +161,11 @@ TEST_P(the_whole_region, IsMeasuredBeforeAnythingElseHappens) {
     client user = machine.box.start({"setenv ZUL_TRACE 6"});
     user.limits();
     user.new_text();
-    const auto to_dma = [&](std::uint64_t pa) {
+    const auto to_dma = [&](uint64_t pa) {
         return traced(6, "tarvo_pa_to_dma",
                       "tarvo_pa_to_dma: " + hex(pa) + "->  " + hex(here.dma(pa)));
     };
-    const auto to_pa = [&](std::uint64_t pa) {
+    const auto to_pa = [&](uint64_t pa) {
         return traced(6, "tarvo_dma_to_pa",
                       "tarvo_dma_to_pa: " + hex(here.dma(pa)) + " -> " + hex(pa));
     };

@@ -12,14 +12,14 @@ class world_test : public testing::TestWithParam<world> {
     static const world& region() { return GetParam(); }
 
     /// What mapping_at() says of a mapping that reaches `bytes` far.
-    static std::string described(const char* permissions, std::uint64_t pa, std::uint64_t bytes) {
+    static std::string described(const char* permissions, uint64_t pa, uint64_t bytes) {
         return std::string(permissions) + " 0x" + hex(pa) + " " + std::to_string(bytes) + " " +
                region().memory_path();
     }
 
-    std::string mapping_at(std::uint64_t va) { return user.call("mapping " + std::to_string(va)); }
+    std::string mapping_at(uint64_t va) { return user.call("mapping " + std::to_string(va)); }
 
-    // The descriptors of the library as the program's calls show them.
+    /// The descriptors of the library as the program's calls show them.
     static const char* memory_fd() { return region().simulated ? "3" : "4"; }
     static std::string taken() { return std::string("flock(") + lock_fd() + ",LOCK_EX)=0 "; }
     static std::string released() { return std::string(" flock(") + lock_fd() + ",LOCK_UN)=0"; }

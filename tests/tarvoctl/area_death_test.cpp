@@ -5,10 +5,11 @@
 #include <map>
 #include <random>
 
-// A process can die between any two stores of a change. Each change is cut here into the container's
-// operations, as the library makes them, and each operation into the words it alters. An operation
-// is then left off with every set of its words written (with many, for one that clears or fills
-// whole elements), so that what holds here holds in whatever order a compiler makes the stores.
+// A process can die between any two stores of a change. Each change is cut here into the
+// container's operations, as the library makes them, and each operation into the words it alters.
+// An operation is then left off with every set of its words written (with many, for one that clears
+// or fills whole elements), so that what holds here holds in whatever order a compiler makes the
+// stores.
 //
 // Required of the repair: nothing is broken or leaked any more, the lists are those from before the
 // change or those from behind it, and no record that stays has lost anything.
@@ -19,15 +20,15 @@ using tarvoctl::plan_repair;
 using tarvoctl::repair_plan;
 using testing::IsEmpty;
 
-constexpr std::size_t word_bytes = 4;
+constexpr size_t word_bytes = 4;
 
 struct word {
-    std::size_t offset;
+    size_t offset;
     uint32_t before;
     uint32_t after;
 };
 
-uint32_t word_at(const std::vector<uint8_t>& bytes, std::size_t offset) {
+uint32_t word_at(const std::vector<uint8_t>& bytes, size_t offset) {
     uint32_t value = 0;
     std::memcpy(&value, bytes.data() + offset, sizeof value);
     return value;
@@ -53,18 +54,18 @@ content content_of(const area_view& area) {
     content all;
     const auto chunks = area.chunks();
     for (const area_chunk& chunk : chunks) {
-        const std::size_t start = area_offset::chunk(chunk.index) + area_offset::name;
+        const size_t start = area_offset::chunk(chunk.index) + area_offset::name;
         all.chunks.emplace_back(chunk.index,
                                 copy_of(area.raw(start, area_offset::devs - area_offset::name)));
     }
-    for (std::size_t i = 1; i + 1 < chunks.size(); ++i) {
+    for (size_t i = 1; i + 1 < chunks.size(); ++i) {
         listing& refs = all.refs[chunks[i].index];
         for (const area_ref& ref : area.refs(chunks[i].index)) {
             refs.emplace_back(ref.index, std::vector<uint8_t>{static_cast<uint8_t>(ref.dev)});
         }
     }
     for (const area_device& device : area.devices()) {
-        const std::size_t start = area_offset::device(device.index) + area_offset::domain;
+        const size_t start = area_offset::device(device.index) + area_offset::domain;
         all.devices.emplace_back(device.index, copy_of(area.raw(start, 16)));
     }
     return all;
@@ -100,7 +101,7 @@ class area_death : public area_of_three {
         one(area.record());
         std::vector<word> words;
         std::vector<uint8_t> changed(area.bytes().begin(), area.bytes().end());
-        for (std::size_t offset = 0; offset < old.size(); offset += word_bytes) {
+        for (size_t offset = 0; offset < old.size(); offset += word_bytes) {
             if (word_at(old, offset) != word_at(changed, offset)) {
                 words.push_back({offset, word_at(old, offset), word_at(changed, offset)});
             }
@@ -116,21 +117,20 @@ class area_death : public area_of_three {
     }
 
     void leave_off(const std::vector<word>& words, const content& before, const content& behind) {
-        constexpr std::size_t few = 6;
+        constexpr size_t few = 6;
         constexpr unsigned samples = 12;
         if (words.size() <= few) {
             for (unsigned set = 0; set < (1U << words.size()); ++set) {
-                judge(words, before, behind,
-                      [set](std::size_t i) { return ((set >> i) & 1) != 0; });
+                judge(words, before, behind, [set](size_t i) { return ((set >> i) & 1) != 0; });
             }
             return;
         }
         for (unsigned sample = 0; sample <= samples; ++sample) {
-            const std::size_t reached = words.size() * sample / samples;
-            judge(words, before, behind, [=](std::size_t i) { return i < reached; });
-            judge(words, before, behind, [=](std::size_t i) { return i >= reached; });
+            const size_t reached = words.size() * sample / samples;
+            judge(words, before, behind, [=](size_t i) { return i < reached; });
+            judge(words, before, behind, [=](size_t i) { return i >= reached; });
             std::mt19937 random(sample);
-            judge(words, before, behind, [&](std::size_t) { return random() % 2 == 0; });
+            judge(words, before, behind, [&](size_t) { return random() % 2 == 0; });
         }
     }
 
@@ -141,7 +141,7 @@ class area_death : public area_of_three {
             return;
         }
         std::string written;
-        for (std::size_t i = 0; i < words.size(); ++i) {
+        for (size_t i = 0; i < words.size(); ++i) {
             if (chosen(i)) {
                 write.u32(words[i].offset, words[i].after);
                 written += " " + std::to_string(words[i].offset);

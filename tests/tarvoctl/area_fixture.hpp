@@ -62,15 +62,11 @@ class area_of_three : public testing::Test {
         return broken;
     }
 
-    static std::size_t at(int chunk, std::size_t field) {
-        return area_offset::chunk(chunk) + field;
-    }
-    static std::size_t at_device(int device, std::size_t field) {
+    static size_t at(int chunk, size_t field) { return area_offset::chunk(chunk) + field; }
+    static size_t at_device(int device, size_t field) {
         return area_offset::device(device) + field;
     }
-    static std::size_t at_ref(int ref, std::size_t field) {
-        return area_offset::ref(middle, ref) + field;
-    }
+    static size_t at_ref(int ref, size_t field) { return area_offset::ref(middle, ref) + field; }
 
     fresh_area area;
     const area_writer write = area.writer();

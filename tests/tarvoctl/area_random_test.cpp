@@ -43,7 +43,7 @@ std::vector<tarvoctl::finding> judge_and_mend(fresh_area& area) {
 
 void fill_at_random(std::span<uint8_t> bytes, unsigned seed) {
     std::mt19937_64 random(seed);
-    for (std::size_t i = 0; i + sizeof(uint64_t) <= bytes.size(); i += sizeof(uint64_t)) {
+    for (size_t i = 0; i + sizeof(uint64_t) <= bytes.size(); i += sizeof(uint64_t)) {
         const uint64_t value = random();
         std::memcpy(bytes.data() + i, &value, sizeof value);
     }
@@ -74,7 +74,7 @@ TEST(area_random, BytesBetweenSoundSentinelsAreJudged) {
         sound.build(0, 0xfffff000);
         fresh_area area;
         fill_at_random(area.bytes(), seed);
-        const auto keep = [&](std::size_t offset, std::size_t bytes) {
+        const auto keep = [&](size_t offset, size_t bytes) {
             std::copy_n(sound.bytes().data() + offset, bytes, area.bytes().data() + offset);
         };
         keep(area_offset::chunk(0), area_offset::chunk(2) - area_offset::chunk(0));
@@ -97,7 +97,7 @@ TEST(area_random, AFullTableWithThousandsOfRandomDeviceListsIsJudged) {
     fresh_area area;
     fill_table(area);
     for (int chunk = 2; chunk < 16384; chunk += 4) {
-        const std::size_t devs = area_offset::chunk(chunk) + area_offset::devs;
+        const size_t devs = area_offset::chunk(chunk) + area_offset::devs;
         fill_at_random(area.bytes().subspan(devs, 4096), static_cast<unsigned>(chunk));
     }
     judge_and_mend(area);
@@ -151,8 +151,8 @@ const std::set<std::string>& rules_of_records() {
 class area_mutation : public area_of_three {
   protected:
     /// A place where a list of the small area says something.
-    std::size_t somewhere() {
-        const std::size_t element = random() % 7;
+    size_t somewhere() {
+        const size_t element = random() % 7;
         switch (random() % 5) {
         case 0:
             return area_offset::chunk(static_cast<int>(element)) + word_below(172);
@@ -179,12 +179,12 @@ class area_mutation : public area_of_three {
         }
     }
 
-    std::size_t word_below(std::size_t bytes) { return random() % (bytes / 4) * 4; }
+    size_t word_below(size_t bytes) { return random() % (bytes / 4) * 4; }
 
     void expect_mended() {
         const repair_plan plan = plan_repair(area.record());
-        std::size_t end = 0;
-        std::vector<std::pair<std::size_t, std::size_t>> ranges;
+        size_t end = 0;
+        std::vector<std::pair<size_t, size_t>> ranges;
         for (const repair_edit& edit : plan.edits) {
             ranges.emplace_back(edit.offset, edit.before.size());
         }
@@ -209,7 +209,7 @@ TEST_F(area_mutation, IsJudgedAndMended) {
         SCOPED_TRACE(seed);
         random.seed(seed);
         std::copy(sound.begin(), sound.end(), area.bytes().begin());
-        for (std::size_t left = 1 + random() % 5; left > 0; --left) {
+        for (size_t left = 1 + random() % 5; left > 0; --left) {
             write.u32(somewhere(), something());
         }
         check_area(area.record());

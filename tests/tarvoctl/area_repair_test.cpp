@@ -311,7 +311,7 @@ TEST_F(area_repair, CanItselfBeInterruptedAtEveryEdit) {
     const std::vector<uint8_t> damaged(area.bytes().begin(), area.bytes().end());
     const repair_plan plan = plan_repair(area.record());
     ASSERT_GT(plan.edits.size(), 5U);
-    for (std::size_t made = 0; made <= plan.edits.size(); ++made) {
+    for (size_t made = 0; made <= plan.edits.size(); ++made) {
         SCOPED_TRACE(made);
         std::copy(damaged.begin(), damaged.end(), area.bytes().begin());
         repair_plan part;

@@ -11,9 +11,10 @@
 
 // The library as it was built here, stepped through one instruction at a time inside its lock, in a
 // sandbox. What the area file holds between two instructions is what a process that dies there
-// leaves, whatever kills it: the file is mapped shared, and nothing of it is kept elsewhere. So this
-// shows that every death of this build in these calls can be repaired, and what others meet who go
-// on without a repair; area_death_test.cpp shows the first for other orders of the same stores.
+// leaves, whatever kills it: the file is mapped shared, and nothing of it is kept elsewhere. So
+// this shows that every death of this build in these calls can be repaired, and what others meet
+// who go on without a repair; area_death_test.cpp shows the first for other orders of the same
+// stores.
 
 namespace {
 
@@ -27,8 +28,8 @@ constexpr int used_chunks = 8;
 constexpr int used_devices = 8;
 
 struct window {
-    std::size_t offset;
-    std::size_t bytes;
+    size_t offset;
+    size_t bytes;
 };
 
 std::vector<window> windows() {
@@ -115,7 +116,7 @@ class area_stepped : public testing::Test {
     /// Kills processes in the middle of calls, early and late, repairs the file itself after each
     /// and has the next process go on with it.
     void die_again_and_again(const std::vector<std::string>& commands) {
-        for (const std::size_t last_store : {1U, 3U, 6U, 12U, 20U, 276U}) {
+        for (const size_t last_store : {1U, 3U, 6U, 12U, 20U, 276U}) {
             for (const std::string& command : commands) {
                 SCOPED_TRACE(command + " up to store " + std::to_string(last_store));
                 client stepped = machine.start({"limits"});
@@ -136,8 +137,8 @@ class area_stepped : public testing::Test {
     std::unique_ptr<area_file> file;
     fresh_area copy; ///< of the file, as far as it changes
     chunk_records settled;
-    std::size_t stores = 0;
-    std::size_t judged = 0;
+    size_t stores = 0;
+    size_t judged = 0;
     int deaths = 0;
 
   private:
@@ -147,15 +148,15 @@ class area_stepped : public testing::Test {
     }
 
     /// Offsets of the words that changed since the last time.
-    std::vector<std::size_t> take_over_changes() {
-        std::vector<std::size_t> changes;
+    std::vector<size_t> take_over_changes() {
+        std::vector<size_t> changes;
         const uint8_t* live = file->view().bytes().data();
         for (const window& part : windows_) {
             if (std::memcmp(live + part.offset, copy.bytes().data() + part.offset, part.bytes) ==
                 0) {
                 continue;
             }
-            for (std::size_t word = part.offset; word < part.offset + part.bytes; word += 4) {
+            for (size_t word = part.offset; word < part.offset + part.bytes; word += 4) {
                 if (std::memcmp(live + word, copy.bytes().data() + word, 4) != 0) {
                     std::memcpy(copy.bytes().data() + word, live + word, 4);
                     changes.push_back(word);
@@ -177,12 +178,12 @@ class area_stepped : public testing::Test {
 
     /// Whether one is a link or flag of a chunk or of one of its first references, or an end, or
     /// belongs to a device.
-    static bool concerns_links(const std::vector<std::size_t>& changes) {
-        return std::ranges::any_of(changes, [](std::size_t word) {
+    static bool concerns_links(const std::vector<size_t>& changes) {
+        return std::ranges::any_of(changes, [](size_t word) {
             if (word >= area_offset::chunks_head) {
                 return true;
             }
-            const std::size_t in_chunk = (word - area_offset::chunk(0)) % 4280;
+            const size_t in_chunk = (word - area_offset::chunk(0)) % 4280;
             const bool in_first_refs =
                 in_chunk >= area_offset::devs && in_chunk < area_offset::devs + 64;
             return in_chunk < 12 || in_first_refs || in_chunk >= area_offset::devs_head;
@@ -215,7 +216,7 @@ class area_stepped : public testing::Test {
     }
 
     /// Kills the client behind so many stores, or lets it finish when it makes fewer.
-    void die_behind_store(client& stepped, const std::string& command, std::size_t last) {
+    void die_behind_store(client& stepped, const std::string& command, size_t last) {
         take_over_file();
         stores = 0;
         bool survived = false;
@@ -299,7 +300,7 @@ class survivors {
 
   private:
     std::string make(const std::string& call, std::map<std::string, uint32_t>& chunks) {
-        const std::size_t blank = call.find(' ');
+        const size_t blank = call.find(' ');
         const std::string name = call.substr(blank + 1);
         if (call.starts_with("get ")) {
             const uint32_t dma = _user->alloc(name, 0x1000);
@@ -368,7 +369,7 @@ class area_survived : public area_stepped {
     }
 };
 
-// A chunk to which only its left neighbour leads goes with the right one. tarvo(7) says so.
+/// A chunk to which only its left neighbour leads goes with the right one. tarvo(7) says so.
 TEST_F(area_survived, DeathsWhileAChunkIsMadeButForOneStore) {
     EXPECT_THAT(harm_of_deaths("alloc \"newcomer\" 4096 \"test\"", "newcomer"),
                 ElementsAre("other gets the memory of newcomer after { \"get newcomer\", \"free "

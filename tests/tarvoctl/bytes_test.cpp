@@ -124,7 +124,7 @@ TEST_F(Addresses, FreeBytesAreAFinding) {
 
 TEST_F(Addresses, FindAgreesWithTheLibrary) {
     driver.alloc("other", 0x1000);
-    for (const std::uint32_t dma :
+    for (const uint32_t dma :
          {0x20000000U, 0x20001fffU, 0x20002000U, 0x20002fffU, 0x20003000U, 0x5fffffffU}) {
         const auto document = json_of(tarvoctl(machine, {"find", std::to_string(dma), "--json"}));
         const found_chunk found = driver.find(dma);
@@ -214,11 +214,12 @@ TEST(LimitsText, TellsBothRangesAndTheSize) {
 
 TEST(Read, TellsAtATerminalHowFarItIsWhenThatTakesLong) {
     sandbox machine(low);
-    constexpr std::size_t bytes = 0x400000;
+    constexpr size_t bytes = 0x400000;
     machine.start().alloc("long", bytes);
     std::string input(bytes, '\0');
-    for (std::size_t i = 0; i < bytes; ++i)
+    for (size_t i = 0; i < bytes; ++i) {
         input[i] = static_cast<char>(i / 16); // no line repeats the one above
+    }
     ASSERT_EQ(tarvoctl(machine, {"write", "long"}, input).status, 0);
     terminal screen(24, 80);
     // Its reader takes nothing for longer than a second.

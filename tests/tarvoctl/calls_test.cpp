@@ -213,8 +213,9 @@ TEST(Free, TellsWhoHadItAsJson) {
     const auto refused = json_of(tarvoctl(machine, {"free", "rx_ring", "--json"}));
     EXPECT_EQ(refused.at("freed"), false);
     std::vector<pid_t> holders;
-    for (const auto& each : refused.at("processes"))
+    for (const auto& each : refused.at("processes")) {
         holders.push_back(each.at("pid"));
+    }
     std::vector<pid_t> expected{driver.pid(), other.pid()};
     std::sort(expected.begin(), expected.end());
     EXPECT_EQ(holders, expected);
@@ -366,8 +367,9 @@ pid_t child_of(pid_t parent) {
 /// False when it ended instead.
 bool comes_to_wait(running_tool& tool) {
     while (!waits_for_a_lock(tool.pid)) {
-        if (tool.program.has_line(std::chrono::milliseconds(1)))
+        if (tool.program.has_line(std::chrono::milliseconds(1))) {
             return false;
+        }
     }
     return true;
 }
@@ -496,8 +498,9 @@ TEST_P(Dump, IsTheLibrarysOwnByteForByte) {
     driver.register_device(0, 3, 0);
     driver.register_device(0x10, 0x80, 0x21);
     std::string expected;
-    for (const std::string& line : driver.dump())
+    for (const std::string& line : driver.dump()) {
         expected += line + '\n';
+    }
     const auto outcome = tarvoctl(machine, {"dump"});
     EXPECT_EQ(outcome.status, 0);
     EXPECT_EQ(outcome.output, expected);

@@ -156,7 +156,7 @@ constexpr int all_devices = 256;
 /// Puts a reference to each device into a chunk's list of them.
 void refer_to_all_devices(const area_writer& write, int chunk) {
     for (int ref = 0; ref < all_devices; ++ref) {
-        const std::size_t at = area_offset::ref(chunk, ref);
+        const size_t at = area_offset::ref(chunk, ref);
         write.i32(at + area_offset::next, (ref + 1) % all_devices);
         write.i32(at + area_offset::prev, (ref + all_devices - 1) % all_devices);
         write.u8(at + area_offset::allocated, 1);
@@ -169,12 +169,13 @@ void refer_to_all_devices(const area_writer& write, int chunk) {
 
 TEST_F(Changes, DevicesUnderOtherNumbersAreTheSame) {
     constexpr int chunks = 4000;
-    for (int made = 0; made < chunks; ++made)
+    for (int made = 0; made < chunks; ++made) {
         driver.alloc("c" + std::to_string(made), 0x1000);
+    }
     const auto area = machine.writable_area();
     const area_writer write = area.writer();
     for (int device = 0; device < all_devices; ++device) {
-        const std::size_t at = area_offset::device(device);
+        const size_t at = area_offset::device(device);
         write.i32(at + area_offset::next, (device + 1) % all_devices);
         write.i32(at + area_offset::prev, (device + all_devices - 1) % all_devices);
         write.u8(at + area_offset::allocated, 1);
@@ -184,8 +185,9 @@ TEST_F(Changes, DevicesUnderOtherNumbersAreTheSame) {
     write.i32(area_offset::devices_head, 0);
     write.i32(area_offset::devices_tail, all_devices - 1);
     write.i32(area_offset::devices_free, -1);
-    for (int chunk = 2; chunk < 2 + chunks; ++chunk)
+    for (int chunk = 2; chunk < 2 + chunks; ++chunk) {
         refer_to_all_devices(write, chunk);
+    }
     EXPECT_EQ(told([&] {
                   for (int device = 0; device < all_devices; ++device) {
                       write.i32(area_offset::device(device) + area_offset::bus,
@@ -200,7 +202,7 @@ TEST_F(Changes, DevicesUnderOtherNumbersAreTheSame) {
     constexpr int devices = 256;
     const area_file file(copy, area_file::access::write);
     const area_writer write = file.writer();
-    const auto link = [&write](std::size_t element, int number) {
+    const auto link = [&write](size_t element, int number) {
         write.i32(element + area_offset::next, (number + 1) % devices);
         write.i32(element + area_offset::prev, (number + devices - 1) % devices);
         write.u8(element + area_offset::allocated, 1);

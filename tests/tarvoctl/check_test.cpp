@@ -71,7 +71,7 @@ TEST(Check, ComparesTheAreaWithTheRegionTheDriverDescribes) {
     sandbox machine(low);
     fill(machine);
     auto area = machine.writable_area();
-    const auto tail = static_cast<std::size_t>(area.view().chunk_ends().tail);
+    const auto tail = static_cast<size_t>(area.view().chunk_ends().tail);
     area.writer().u64(area_offset::chunk(static_cast<int>(tail)) + area_offset::pa,
                       low.end() - 0x1000);
     EXPECT_EQ(tarvoctl(machine, {"check"}).status, 4);
@@ -421,8 +421,9 @@ TEST(Diff, TellsWhatChangedSinceASnapshot) {
     EXPECT_EQ(since.status, 1);
     std::vector<std::string> words;
     const auto document = json_of(since);
-    for (const auto& each : document.at("changes"))
+    for (const auto& each : document.at("changes")) {
         words.push_back(each.at("change"));
+    }
     EXPECT_EQ(words, (std::vector<std::string>{"freed", "registered", "mapped", "mapped"}));
 
     const std::string after = folder.path() / "after";

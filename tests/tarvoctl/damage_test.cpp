@@ -219,7 +219,7 @@ TEST_F(UnknownPlaces, NoPlaceIsPromisedWhereNotAllChunksCouldBeRead) {
 }
 
 TEST_F(UnknownPlaces, NoPlaceIsPromisedWhereAChunkDoesNotFillItsPages) {
-    for (const std::uint32_t bytes : {0U, 1000U, 0x2fffU}) {
+    for (const uint32_t bytes : {0U, 1000U, 0x2fffU}) {
         write.u32(area_offset::chunk(second) + area_offset::size, bytes);
         const std::string why = "chunk " + std::to_string(second) +
                                 " does not fill whole pages: " + std::to_string(bytes) +

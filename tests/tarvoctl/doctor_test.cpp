@@ -55,8 +55,8 @@ class examination {
                    (each.at("verdict") == "warning" || each.at("verdict") == "error");
         });
     }
-    std::size_t errors() const { return _document.at("errors").get<std::size_t>(); }
-    std::size_t troubles() const { return errors() + _document.at("warnings").get<std::size_t>(); }
+    size_t errors() const { return _document.at("errors").get<size_t>(); }
+    size_t troubles() const { return errors() + _document.at("warnings").get<size_t>(); }
 
   private:
     tool_outcome _outcome;
@@ -245,8 +245,8 @@ TEST(Doctor, CallsAnAreaWithoutItsBoundsDamaged) {
 
 /// Both leave no region to compare with the machine's.
 TEST(Doctor, ListsWhatIsWrongWithTheBoundsOfTheRegion) {
-    const std::size_t end_of_region = area_offset::chunk(1) + area_offset::pa;
-    const std::vector<std::pair<std::size_t, std::string>> pokes{
+    const size_t end_of_region = area_offset::chunk(1) + area_offset::pa;
+    const std::vector<std::pair<size_t, std::string>> pokes{
         {area_offset::chunks_head, "chunk-head-sentinel"}, {end_of_region, "chunk-region-empty"}};
     for (const auto& [offset, rule] : pokes) {
         sandbox machine(low);

@@ -167,8 +167,9 @@ TEST(List, OfADamagedCopySendsToTheCheckOfThatCopy) {
 TEST(List, NamesFourDevicesOfAChunkAndCountsTheOthers) {
     sandbox machine(low);
     client driver = machine.start();
-    for (uint32_t bus = 1; bus <= 7; ++bus)
+    for (uint32_t bus = 1; bus <= 7; ++bus) {
         driver.register_device(0, bus, 0);
+    }
     driver.alloc("many", 0x1000);
     driver.unregister_device(0, 7, 0);
     driver.unregister_device(0, 6, 0);

@@ -6,7 +6,7 @@
 namespace {
 
 /// "holds 4711", "waits 4712", ... in the order given, of the lock at that position.
-std::vector<std::string> parties_of(const nlohmann::json& document, std::size_t lock = 0) {
+std::vector<std::string> parties_of(const nlohmann::json& document, size_t lock = 0) {
     std::vector<std::string> parties;
     for (const auto& each : document.at("locks").at(lock).at("processes")) {
         parties.push_back(each.at("role").get<std::string>() + " " +

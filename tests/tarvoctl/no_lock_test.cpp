@@ -1,6 +1,5 @@
-#include "tool.hpp"
-
 #include "terminal.hpp"
+#include "tool.hpp"
 
 #include <atomic>
 #include <csignal>

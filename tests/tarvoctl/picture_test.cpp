@@ -48,7 +48,7 @@ TEST(Picture, NeighboursDifferAndCarryTheirNames) {
 TEST(Picture, IsAsTheManualShowsIt) {
     sandbox machine(low);
     client driver = machine.start();
-    const std::vector<std::pair<const char*, std::uint64_t>> chunks{
+    const std::vector<std::pair<const char*, uint64_t>> chunks{
         {"rx_ring", 0x10000}, {"tx_ring", 0x10000},    {"hole", 0x1000},
         {"stats", 0x1000},    {"second_hole", 0xe000}, {"frame_buffer", 0x50000}};
     for (const auto& [name, size] : chunks) {

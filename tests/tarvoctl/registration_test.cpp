@@ -74,8 +74,9 @@ TEST(Register, ARefusedChunkIsAFinding) {
 TEST(Register, The257thDeviceIsRefusedBeforeTheLibraryFaults) {
     sandbox machine(low);
     client driver = machine.start();
-    for (std::uint32_t devfn = 0; devfn < 256; ++devfn)
+    for (uint32_t devfn = 0; devfn < 256; ++devfn) {
         driver.register_device(0, 1, devfn);
+    }
     const auto outcome = tarvoctl(machine, {"register", "02:00.0"});
     EXPECT_EQ(outcome.status, 1);
     EXPECT_EQ(outcome.errors, "tarvoctl: all 256 device records are in use; unregister one before "
@@ -199,12 +200,13 @@ ending end_while_registering(sandbox& machine, int signal) {
 }
 
 TEST(Register, IsCompleteBeforeASignalEndsIt) {
-    constexpr std::size_t chunks = 6000;
+    constexpr size_t chunks = 6000;
     for (const int signal : {SIGTERM, SIGINT, SIGHUP}) {
         sandbox machine(low);
         client driver = machine.start();
-        for (std::size_t made = 0; made < chunks; ++made)
+        for (size_t made = 0; made < chunks; ++made) {
             driver.alloc("c" + std::to_string(made), 0x1000);
+        }
         const ending end = end_while_registering(machine, signal);
         EXPECT_EQ(end.signal, signal);
         driver.limits(); // behind the end of whoever has the lock

@@ -183,9 +183,7 @@ constexpr const char* remove_it =
 /// A record that says what it cannot: no link is wrong.
 class RecordOf : public testing::Test {
   protected:
-    static std::size_t at(int chunk, std::size_t field) {
-        return area_offset::chunk(chunk) + field;
-    }
+    static size_t at(int chunk, size_t field) { return area_offset::chunk(chunk) + field; }
 
     /// Repair changes nothing and says what stays broken, and check sends to what helps.
     void expect_broken(const std::string& what, const std::string& way_out) {
@@ -365,8 +363,9 @@ class RepairAtATerminal : public Repair {
     static bool comes_true(Condition condition) {
         using clock = std::chrono::steady_clock;
         for (const auto last = clock::now() + std::chrono::seconds{20}; clock::now() < last;) {
-            if (condition())
+            if (condition()) {
                 return true;
+            }
             std::this_thread::sleep_for(std::chrono::milliseconds{10});
         }
         return false;

@@ -85,8 +85,9 @@ class validator {
             const std::string name = branch.at("$ref");
             names.insert(name.substr(name.rfind('/') + 1));
         }
-        for (const auto& name : _seen)
+        for (const auto& name : _seen) {
             names.erase(name);
+        }
         return names;
     }
 
@@ -109,8 +110,9 @@ std::vector<nlohmann::json> watched(sandbox& machine, client& driver) {
     driver.register_device(0, 6, 0);
     take();
     machine.writable_area().writer().i32(area_offset::chunk(3) + area_offset::next, 3);
-    while (told.back().at("change") != "damaged")
+    while (told.back().at("change") != "damaged") {
         take();
+    }
     std::filesystem::remove(machine.shared_area());
     take();
     watch.end_by(SIGTERM);
@@ -126,8 +128,9 @@ TEST(Schema, EveryCommandKeepsToIt) {
     documents.add(json_of(tarvoctl(machine, {"iommu-map", "05:00.0", "--prot", "r", "--json"})));
     fill(machine, driver, before);
     for (std::vector<std::string> words : commands) {
-        for (std::string& word : words)
+        for (std::string& word : words) {
             word = word == "@before" ? before : word == "@after" ? before + "_after" : word;
+        }
         words.emplace_back("--json");
         documents.add(json_of(tarvoctl(machine, words)));
     }
@@ -151,8 +154,9 @@ TEST(Schema, EveryCommandKeepsToIt) {
         documents.add(json_of(tarvoctl(machine, words)));
     }
     machine.writable_area().writer().u32(size, 0x10000);
-    for (const auto& line : watched(machine, driver))
+    for (const auto& line : watched(machine, driver)) {
         documents.add(line);
+    }
     documents.add(json_of(tarvoctl(machine, {"show", "nobody", "--json"})));
     EXPECT_EQ(documents.complaint(), "");
     EXPECT_EQ(documents.missing(), std::set<std::string>{});
@@ -225,8 +229,9 @@ TEST(Schema, CompactIsADocumentALine) {
 TEST(Schema, AnElementOfAListIsALine) {
     sandbox machine(low);
     client driver = machine.start();
-    for (int i = 0; i < 100; ++i)
+    for (int i = 0; i < 100; ++i) {
         driver.alloc("chunk_" + std::to_string(i), 0x1000);
+    }
     const auto lines = lines_of(tarvoctl(machine, {"list", "--json"}).output);
     EXPECT_LT(lines.size(), 110);
     EXPECT_EQ(

@@ -58,11 +58,11 @@ void terminal::receive(const std::string& wanted) {
     std::array<char, 4096> buffer{};
     const ssize_t count = read(_person, buffer.data(), buffer.size());
     if (count > 0) {
-        _output.append(buffer.data(), static_cast<std::size_t>(count));
+        _output.append(buffer.data(), static_cast<size_t>(count));
     }
 }
 
-const std::string& terminal::output_with(const std::string& wanted, std::size_t from) {
+const std::string& terminal::output_with(const std::string& wanted, size_t from) {
     while (_output.find(wanted, from) == std::string::npos) {
         receive(wanted);
     }

@@ -27,8 +27,8 @@ class terminal {
     void go_on() const;
 
     /// All that was written to it, once that holds `wanted` behind its byte `from`.
-    const std::string& output_with(const std::string& wanted, std::size_t from = 0);
-    std::size_t seen() const { return _output.size(); }
+    const std::string& output_with(const std::string& wanted, size_t from = 0);
+    size_t seen() const { return _output.size(); }
 
     /// How it treats keys now.
     termios mode() const;

@@ -89,14 +89,15 @@ TEST_F(Top, GivesTheTerminalBackWhenASignalEndsIt) {
 }
 
 TEST_F(Top, FitsEveryPageIntoTheScreenAsItIsNow) {
-    for (int i = 0; i < 40; ++i)
+    for (int i = 0; i < 40; ++i) {
         driver.alloc("chunk_" + std::to_string(i), 0x1000);
+    }
     terminal screen(24, 80);
     running_tool top = screen.start(machine, {"top", "--interval", "30"});
     const std::string large = plain(screen.output_with("q quit"));
     EXPECT_EQ(std::count(large.begin(), large.end(), '\n'), 23);
     EXPECT_NE(large.find("of 42 by size"), std::string::npos) << large;
-    const std::size_t from = screen.seen();
+    const size_t from = screen.seen();
     screen.resize(12, 40);
     kill(top.pid, SIGWINCH); // as the kernel does for the terminal's own session
     const std::string small = plain(screen.output_with("1-8 of 42 by size", from).substr(from));
@@ -118,20 +119,22 @@ std::string last_page(const std::string& output) {
 TEST_F(Top, ShowsChunksOnASmallScreenScrollsAndSorts) {
     driver.free("big");
     driver.free("rx_ring");
-    for (int i = 10; i < 40; ++i)
+    for (int i = 10; i < 40; ++i) {
         driver.alloc("chunk_" + std::to_string(i), 0x1000U * static_cast<uint32_t>(i));
+    }
     terminal screen(10, 40);
     running_tool top = screen.start(machine, {"top", "--interval", "30"});
     const auto page_after = [&](const std::string& keys, const std::string& footer) {
-        const std::size_t from = screen.seen();
+        const size_t from = screen.seen();
         screen.type(keys);
         return lines_of(last_page(screen.output_with(footer, from)));
     };
     auto page = page_after("", "1-6 of 30 by size  s jk hl  q quit");
     ASSERT_EQ(page.size(), 10);
     EXPECT_NE(page[3].find("chunk_39"), std::string::npos) << page[3];
-    for (const std::string& line : page)
+    for (const std::string& line : page) {
         EXPECT_LE(line.size(), 40) << line;
+    }
     page = page_after("j", "2-7 of 30");
     EXPECT_NE(page[3].find("chunk_38"), std::string::npos) << page[3];
     page_after("\x1b[B", "3-8 of 30");
@@ -153,7 +156,7 @@ TEST_F(Top, ShowsEveryColumnOnANarrowScreen) {
     terminal screen(10, 40);
     running_tool top = screen.start(machine, {"top", "--interval", "30"});
     const auto page_after = [&](const std::string& keys, const std::string& seen) {
-        const std::size_t from = screen.seen();
+        const size_t from = screen.seen();
         screen.type(keys);
         screen.output_with(seen, from);
         return lines_of(last_page(screen.output_with("q quit", from)));
@@ -193,7 +196,7 @@ TEST_F(Top, ShowsTheLastPictureWhileTheLockIsTaken) {
     terminal screen(24, 100);
     running_tool top = screen.start(machine, {"top", "--interval", "0.05", "--timeout", "0.05"});
     screen.output_with("0000:03:00.0  online");
-    const std::size_t from = screen.seen();
+    const size_t from = screen.seen();
     const held_lock held(machine.lock_file());
     screen.output_with("OLD: the lock is not free", from);
     screen.output_with("rx_ring", screen.seen() > 200 ? screen.seen() - 200 : 0);

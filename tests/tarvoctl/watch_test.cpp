@@ -44,8 +44,9 @@ TEST(Watch, TellsWhatSeveralProcessesDoUntilInterrupted) {
 TEST(Watch, WaitsForAnAreaAndNoticesThatItIsMadeAnew) {
     sandbox machine(simulation);
     running_tool watch = start_watch(machine);
-    while (watch.program.error_text() != "tarvoctl: waiting for /var/tmp/tarvo_lib\n")
+    while (watch.program.error_text() != "tarvoctl: waiting for /var/tmp/tarvo_lib\n") {
         usleep(1000);
+    }
     machine.start().alloc("a", 0x1000, "one");
     // The area and its chunk are two steps, and both may be seen at once.
     const std::string found = next_line(watch);
@@ -122,8 +123,9 @@ TEST(Watch, ALockThatStaysTakenIsToldOnceAndWaitedFor) {
     next_line(watch);
     {
         const held_lock held(machine.lock_file());
-        while (watch.program.error_text().empty())
+        while (watch.program.error_text().empty()) {
             usleep(1000);
+        }
         usleep(100'000);
     }
     driver.free("a");
@@ -143,8 +145,9 @@ TEST(Watch, HoldsNobodyUpWhileItsReaderIsSlow) {
     running_tool watch = start_watch(machine);
     next_line(watch);
     // More than its pipe takes, and nobody reads.
-    for (int i = 0; i < 600; ++i)
+    for (int i = 0; i < 600; ++i) {
         driver.alloc("chunk_with_a_long_name_" + std::to_string(i), 0x1000, std::string(99, 'c'));
+    }
     usleep(200'000);
     EXPECT_TRUE(lock_is_free(machine.lock_file()));
     EXPECT_EQ(watch.end_by(SIGKILL), ended_by(SIGKILL));
@@ -152,8 +155,9 @@ TEST(Watch, HoldsNobodyUpWhileItsReaderIsSlow) {
 
 TEST(Watch, WrongIntervalsAreUsageErrors) {
     sandbox machine(low);
-    for (const char* wrong : {"0", "-1", "x", "1e9"})
+    for (const char* wrong : {"0", "-1", "x", "1e9"}) {
         EXPECT_EQ(tarvoctl(machine, {"watch", "--interval", wrong}).status, 2) << wrong;
+    }
 }
 
 } // namespace

@@ -76,15 +76,15 @@ TEST_P(damaged_area, BreaksTheRuleThatIsNamed) {
     EXPECT_THAT(breaches(), testing::ElementsAreArray(GetParam().breaches));
 }
 
-std::size_t in_chunk(int index, std::size_t field) {
+size_t in_chunk(int index, size_t field) {
     return area_offset::chunk(index) + field;
 }
 
-std::size_t in_device(int index, std::size_t field) {
+size_t in_device(int index, size_t field) {
     return area_offset::device(index) + field;
 }
 
-std::size_t in_ref(int chunk, int index, std::size_t field) {
+size_t in_ref(int chunk, int index, size_t field) {
     return area_offset::ref(chunk, index) + field;
 }
 

@@ -19,9 +19,9 @@ using testing::IsEmpty;
 
 /// Where bytes other than zero lie: from the first to behind the last, and how many there are.
 struct trace_of_bytes {
-    std::size_t begin = 0;
-    std::size_t end = 0;
-    std::size_t count = 0;
+    size_t begin = 0;
+    size_t end = 0;
+    size_t count = 0;
     bool operator==(const trace_of_bytes&) const = default;
 };
 
@@ -36,17 +36,17 @@ trace_of_bytes bytes_set_in(std::span<const uint8_t> bytes) {
         return {};
     }
     const auto last = std::find_if(bytes.rbegin(), bytes.rend(), is_set);
-    return {static_cast<std::size_t>(first - bytes.begin()),
-            static_cast<std::size_t>(last.base() - bytes.begin()),
-            static_cast<std::size_t>(std::ranges::count_if(bytes, is_set))};
+    return {static_cast<size_t>(first - bytes.begin()),
+            static_cast<size_t>(last.base() - bytes.begin()),
+            static_cast<size_t>(std::ranges::count_if(bytes, is_set))};
 }
 
 /// A member of a record: where it shall lie in it, and how to set each of its bits.
 template <typename Record>
 struct member {
     const char* name;
-    std::size_t offset;
-    std::size_t size;
+    size_t offset;
+    size_t size;
     void (*fill)(Record&);
 };
 
@@ -93,14 +93,14 @@ constexpr member<shared_area_t> frame_members[] = {
 class layout_members : public testing::Test {
   protected:
     /// Sets one member after the other and looks for it among the bytes around.
-    template <typename Record, std::size_t Count>
-    void expect_members(Record& record, std::size_t start, const member<Record> (&members)[Count]) {
+    template <typename Record, size_t Count>
+    void expect_members(Record& record, size_t start, const member<Record> (&members)[Count]) {
         for (const member<Record>& each : members) {
-            const std::size_t at = start + each.offset;
-            const std::size_t from = at - std::min<std::size_t>(at, 5000);
+            const size_t at = start + each.offset;
+            const size_t from = at - std::min<size_t>(at, 5000);
             each.fill(record);
-            const auto around = area.bytes().subspan(
-                from, std::min<std::size_t>(10000, area.bytes().size() - from));
+            const auto around =
+                area.bytes().subspan(from, std::min<size_t>(10000, area.bytes().size() - from));
             EXPECT_EQ(bytes_set_in(around),
                       (trace_of_bytes{at - from, at - from + each.size, each.size}))
                 << each.name;
@@ -120,20 +120,20 @@ TEST_F(layout_members, OfTheFrameTakeTheirOwnBytesAndNoOthers) {
 }
 
 TEST_F(layout_members, OfAChunkTakeTheirOwnBytesAndNoOthers) {
-    for (const std::size_t i : {0U, 77U, 16383U}) {
+    for (const size_t i : {0U, 77U, 16383U}) {
         expect_members(area.record().chunks._arr[i], 4 + 4280 * i, chunk_members);
     }
 }
 
 TEST_F(layout_members, OfADeviceTakeTheirOwnBytesAndNoOthers) {
-    for (const std::size_t i : {0U, 9U, 255U}) {
+    for (const size_t i : {0U, 9U, 255U}) {
         expect_members(area.record().devices._arr[i], 70123536 + 28 * i, device_members);
     }
 }
 
 TEST_F(layout_members, OfAReferenceTakeTheirOwnBytesAndNoOthers) {
-    for (const std::size_t i : {0U, 77U, 16383U}) {
-        for (const std::size_t k : {0U, 9U, 255U}) {
+    for (const size_t i : {0U, 77U, 16383U}) {
+        for (const size_t k : {0U, 9U, 255U}) {
             expect_members(area.record().chunks._arr[i].devs._arr[k], 4 + 4280 * i + 172 + 16 * k,
                            ref_members);
         }
@@ -192,7 +192,7 @@ TEST(layout, AChunkWrittenAsARecordIsReadByOffset) {
 TEST(layout, AChunkWrittenByOffsetIsReadAsARecord) {
     fresh_area area;
     const area_writer write = area.writer();
-    const std::size_t at = area_offset::chunk(1234);
+    const size_t at = area_offset::chunk(1234);
     write.i32(at + area_offset::next, 0x01020304);
     write.i32(at + area_offset::prev, -2);
     write.u8(at + area_offset::allocated, 5);
@@ -239,7 +239,7 @@ TEST(layout, ADeviceWrittenAsARecordIsReadByOffset) {
 TEST(layout, ADeviceWrittenByOffsetIsReadAsARecord) {
     fresh_area area;
     const area_writer write = area.writer();
-    const std::size_t at = area_offset::device(200);
+    const size_t at = area_offset::device(200);
     write.i32(at + area_offset::next, 1);
     write.i32(at + area_offset::prev, -2);
     write.u8(at + area_offset::allocated, 3);
@@ -272,7 +272,7 @@ TEST(layout, AReferenceWrittenAsARecordIsReadByOffset) {
 TEST(layout, AReferenceWrittenByOffsetIsReadAsARecord) {
     fresh_area area;
     const area_writer write = area.writer();
-    const std::size_t at = area_offset::ref(16383, 255);
+    const size_t at = area_offset::ref(16383, 255);
     write.i32(at + area_offset::next, 1);
     write.i32(at + area_offset::prev, -2);
     write.u8(at + area_offset::allocated, 3);
@@ -304,7 +304,7 @@ TEST(layout, TheFrameIsReadAlikeByRecordAndByOffset) {
 }
 
 std::vector<int> counting_from(int first, int end) {
-    std::vector<int> numbers(static_cast<std::size_t>(end - first));
+    std::vector<int> numbers(static_cast<size_t>(end - first));
     std::iota(numbers.begin(), numbers.end(), first);
     return numbers;
 }

@@ -15,7 +15,7 @@ struct values {
     int number;
     std::string left;
     std::string right;
-    std::uint64_t address;
+    uint64_t address;
     int size;
 };
 
@@ -27,26 +27,26 @@ struct written {
     bool operator==(const written&) const = default;
 };
 
-constexpr std::size_t margin = 4;
+constexpr size_t margin = 4;
 
 template <typename Print>
-written print_into(std::size_t bytes, Print print) {
+written print_into(size_t bytes, Print print) {
     std::string room(margin + bytes + margin, '#');
     const bool whole = print(room.data() + margin, bytes);
     return {room, whole};
 }
 
-written by_snprintf(std::size_t bytes, const values& v) {
-    return print_into(bytes, [&v](char* buffer, std::size_t n) {
+written by_snprintf(size_t bytes, const values& v) {
+    return print_into(bytes, [&v](char* buffer, size_t n) {
         const int length =
             std::snprintf(buffer, n, "%3d %-*s %-*s 0x%012llx %9d", v.number, 6, v.left.c_str(), 11,
                           v.right.c_str(), static_cast<unsigned long long>(v.address), v.size);
-        return static_cast<std::size_t>(length) < n;
+        return static_cast<size_t>(length) < n;
     });
 }
 
-written by_line(std::size_t bytes, const values& v) {
-    return print_into(bytes, [&v](char* buffer, std::size_t n) {
+written by_line(size_t bytes, const values& v) {
+    return print_into(bytes, [&v](char* buffer, size_t n) {
         line text(buffer, n);
         text.decimal(v.number, 3);
         text.text(" ");
@@ -67,12 +67,12 @@ TEST(a_line, IsThatOfSnprintfInABufferOfAnySize) {
         {7, "rx", "driver", 0x80001000, 4096},
         {16383, "exactl", "exactly 11.", 0xabcdef012345, -4096},
         {-1, "too long for it", "too long for its columns", 0x123456789abcdef0, 999999999},
-        {std::numeric_limits<int>::min(), "%s%n", "50%", ~std::uint64_t{0},
+        {std::numeric_limits<int>::min(), "%s%n", "50%", ~uint64_t{0},
          std::numeric_limits<int>::min()},
         {std::numeric_limits<int>::max(), "größe", "\x01\xff", 1, std::numeric_limits<int>::max()},
     };
     for (const values& v : cases) {
-        for (std::size_t bytes = 0; bytes <= 100; bytes++) {
+        for (size_t bytes = 0; bytes <= 100; bytes++) {
             const written seen = by_line(bytes, v);
             EXPECT_EQ(seen, by_snprintf(bytes, v)) << v.left << " in " << bytes << " bytes";
         }

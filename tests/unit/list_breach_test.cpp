@@ -115,9 +115,8 @@ TEST(list_index_ends_the_process, ForNull) {
 
 TEST(list_index_ends_the_process, ForAPointerSoFarAwayThat32BitsWouldFoldItIntoTheRange) {
     small_list list = fresh_list();
-    const auto far = static_cast<std::uintptr_t>(uint64_t{1} << 32U) * sizeof(small_element);
-    auto* folded =
-        std::bit_cast<small_element*>(std::bit_cast<std::uintptr_t>(&list._arr[2]) + far);
+    const auto far = static_cast<uintptr_t>(uint64_t{1} << 32U) * sizeof(small_element);
+    auto* folded = std::bit_cast<small_element*>(std::bit_cast<uintptr_t>(&list._arr[2]) + far);
     if constexpr (sizeof(void*) > 4) {
         EXPECT_ABORT(list.index(folded), stray_pointer_message);
     } else {

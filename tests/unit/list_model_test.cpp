@@ -47,7 +47,7 @@ class twin {
     }
 
   private:
-    int below(std::size_t limit) {
+    int below(size_t limit) {
         return std::uniform_int_distribution<int>(0, static_cast<int>(limit) - 1)(_random);
     }
 

@@ -18,7 +18,7 @@ static_assert(std::is_trivial_v<small_list> && std::is_standard_layout_v<small_l
               "the list is bytes: nothing may run when it comes into being or goes");
 static_assert(sizeof(small_list) == 5 * sizeof(small_element) + 12, "there are no other members");
 
-bool is_zero(const void* bytes, std::size_t count) {
+bool is_zero(const void* bytes, size_t count) {
     const auto* byte = static_cast<const unsigned char*>(bytes);
     return std::all_of(byte, byte + count, [](unsigned char value) { return value == 0; });
 }

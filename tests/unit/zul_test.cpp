@@ -1,6 +1,5 @@
-#include "zul/Trace.hpp"
-
 #include "stderr_of.hpp"
+#include "zul/Trace.hpp"
 
 #include <algorithm>
 #include <array>
@@ -159,9 +158,9 @@ TEST(zul_string, IsAppendedToAStream) {
 }
 
 TEST(zul_format, FormatsAsPrintfDoes) {
-    EXPECT_EQ(Zul::format("%s: %d %zx 0x%llx", "name", -5, std::size_t{0x2a801000}, 0x140000000ULL)
-                  .text(),
-              "name: -5 2a801000 0x140000000");
+    EXPECT_EQ(
+        Zul::format("%s: %d %zx 0x%llx", "name", -5, size_t{0x2a801000}, 0x140000000ULL).text(),
+        "name: -5 2a801000 0x140000000");
     EXPECT_EQ(Zul::format("%s", "").text(), "");
 }
 

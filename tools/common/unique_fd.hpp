@@ -1,15 +1,14 @@
 #pragma once
 
 #include <unistd.h>
-
 #include <utility>
 
-// Owns one file descriptor; -1 is none.
+/// Owns one file descriptor; -1 is none.
 class unique_fd {
   public:
     unique_fd() = default;
-    explicit unique_fd(int fd) : fd_{fd} {}
-    unique_fd(unique_fd&& other) noexcept : fd_{other.release()} {}
+    explicit unique_fd(int fd) : _fd{fd} {}
+    unique_fd(unique_fd&& other) noexcept : _fd{other.release()} {}
     unique_fd& operator=(unique_fd&& other) noexcept {
         reset(other.release());
         return *this;
@@ -18,15 +17,16 @@ class unique_fd {
     unique_fd& operator=(const unique_fd&) = delete;
     ~unique_fd() { reset(); }
 
-    int get() const { return fd_; }
-    explicit operator bool() const { return fd_ >= 0; }
-    int release() { return std::exchange(fd_, -1); }
+    int get() const { return _fd; }
+    explicit operator bool() const { return _fd >= 0; }
+    int release() { return std::exchange(_fd, -1); }
     void reset(int fd = -1) {
-        const int old = std::exchange(fd_, fd);
-        if (old >= 0)
+        const int old = std::exchange(_fd, fd);
+        if (old >= 0) {
             ::close(old);
+        }
     }
 
   private:
-    int fd_ = -1;
+    int _fd = -1;
 };

@@ -1,27 +1,26 @@
 #include "channel.hpp"
 
-#include <sys/socket.h>
-
 #include <array>
 #include <cstring>
 #include <string>
+#include <sys/socket.h>
 
 namespace sandbox {
 
 namespace {
 
-// Namespaces and the real /proc travel together; nothing sends more.
-constexpr std::size_t most_fds = 4;
+/// Namespaces and the real /proc travel together; nothing sends more.
+constexpr size_t most_fds = 4;
 
-// Room for some thousand rules.
-constexpr std::size_t message_bytes = std::size_t{128} * 1024;
+/// Room for some thousand rules.
+constexpr size_t message_bytes = size_t{128} * 1024;
 
 struct control_data {
     alignas(cmsghdr) std::array<char, CMSG_SPACE(sizeof(int) * most_fds)> bytes{};
 };
 
 void attach(msghdr& header, control_data& control, const std::vector<int>& fds) {
-    const std::size_t length = sizeof(int) * fds.size();
+    const size_t length = sizeof(int) * fds.size();
     header.msg_control = control.bytes.data();
     header.msg_controllen = CMSG_SPACE(length);
     cmsghdr* const part = CMSG_FIRSTHDR(&header);
@@ -34,10 +33,11 @@ void attach(msghdr& header, control_data& control, const std::vector<int>& fds) 
 std::vector<unique_fd> detach(const msghdr& header) {
     std::vector<unique_fd> fds;
     const cmsghdr* const part = CMSG_FIRSTHDR(&header);
-    if (part == nullptr || part->cmsg_level != SOL_SOCKET || part->cmsg_type != SCM_RIGHTS)
+    if (part == nullptr || part->cmsg_level != SOL_SOCKET || part->cmsg_type != SCM_RIGHTS) {
         return fds;
-    const std::size_t count = (part->cmsg_len - CMSG_LEN(0)) / sizeof(int);
-    for (std::size_t i = 0; i < count; ++i) {
+    }
+    const size_t count = (part->cmsg_len - CMSG_LEN(0)) / sizeof(int);
+    for (size_t i = 0; i < count; ++i) {
         int fd = -1;
         std::memcpy(&fd, CMSG_DATA(part) + i * sizeof(int), sizeof(int));
         fds.emplace_back(fd);
@@ -54,8 +54,9 @@ bool send_message(int socket, const nlohmann::json& body, const std::vector<int>
     msghdr header{};
     header.msg_iov = &payload;
     header.msg_iovlen = 1;
-    if (!fds.empty())
+    if (!fds.empty()) {
         attach(header, control, fds);
+    }
     return ::sendmsg(socket, &header, MSG_NOSIGNAL) >= 0;
 }
 
@@ -69,13 +70,15 @@ std::optional<message> receive_message(int socket) {
     header.msg_control = control.bytes.data();
     header.msg_controllen = control.bytes.size();
     const ssize_t length = ::recvmsg(socket, &header, MSG_CMSG_CLOEXEC);
-    if (length <= 0)
+    if (length <= 0) {
         return std::nullopt;
+    }
     message received{{}, detach(header)};
-    text.resize(static_cast<std::size_t>(length));
+    text.resize(static_cast<size_t>(length));
     received.body = nlohmann::json::parse(text, nullptr, false);
-    if (!received.body.is_object())
+    if (!received.body.is_object()) {
         return std::nullopt;
+    }
     return received;
 }
 

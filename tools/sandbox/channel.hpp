@@ -1,25 +1,24 @@
 #pragma once
 
-#include <nlohmann/json.hpp>
+#include "common/unique_fd.hpp"
 
+#include <nlohmann/json.hpp>
 #include <optional>
 #include <vector>
 
-#include "common/unique_fd.hpp"
-
 namespace sandbox {
 
-// What the tool's processes say to each other: one JSON object per packet of a Unix socket, with
-// file descriptors beside it.
+/// What the tool's processes say to each other: one JSON object per packet of a Unix socket, with
+/// file descriptors beside it.
 struct message {
     nlohmann::json body;
     std::vector<unique_fd> fds;
 };
 
-// False when the other side is gone.
+/// False when the other side is gone.
 bool send_message(int socket, const nlohmann::json& body, const std::vector<int>& fds = {});
 
-// None when the other side is gone or does not speak this language.
+/// None when the other side is gone or does not speak this language.
 std::optional<message> receive_message(int socket);
 
 } // namespace sandbox

@@ -7,52 +7,56 @@ namespace sandbox {
 
 namespace {
 
-constexpr std::uint64_t page_bytes = 4096;
+constexpr uint64_t page_bytes = 4096;
 
-// Wraps to 0 above the last whole page, which no region can hold.
-std::uint64_t round_up_to_page(std::uint64_t value) {
+/// Wraps to 0 above the last whole page, which no region can hold.
+uint64_t round_up_to_page(uint64_t value) {
     return (value + page_bytes - 1) / page_bytes * page_bytes;
 }
 
 } // namespace
 
-const cma_allocation* cma_table::overlapped_by(std::uint64_t pa, std::uint64_t size_bytes) const {
+const cma_allocation* cma_table::overlapped_by(uint64_t pa, uint64_t size_bytes) const {
     const auto overlaps = [=](const cma_allocation& held) {
         return pa < held.first_pa + round_up_to_page(held.size_bytes) &&
                held.first_pa < pa + size_bytes;
     };
-    const auto found = std::find_if(allocations_.begin(), allocations_.end(), overlaps);
-    return found == allocations_.end() ? nullptr : &*found;
+    const auto found = std::find_if(_allocations.begin(), _allocations.end(), overlaps);
+    return found == _allocations.end() ? nullptr : &*found;
 }
 
-std::optional<std::uint64_t> cma_table::first_fit(std::uint64_t size_bytes) const {
-    const std::uint64_t needed = round_up_to_page(size_bytes);
-    std::uint64_t pa = round_up_to_page(first_pa_);
-    while (needed != 0 && pa <= last_pa_ && needed - 1 <= last_pa_ - pa) {
+std::optional<uint64_t> cma_table::first_fit(uint64_t size_bytes) const {
+    const uint64_t needed = round_up_to_page(size_bytes);
+    uint64_t pa = round_up_to_page(_first_pa);
+    while (needed != 0 && pa <= _last_pa && needed - 1 <= _last_pa - pa) {
         const cma_allocation* const held = overlapped_by(pa, needed);
-        if (held == nullptr)
+        if (held == nullptr) {
             return pa;
+        }
         pa = round_up_to_page(held->first_pa + held->size_bytes);
     }
     return std::nullopt;
 }
 
-int cma_table::allocate(const std::string& name, std::uint64_t size_bytes,
-                        std::optional<std::uint64_t> address) {
+int cma_table::allocate(const std::string& name, uint64_t size_bytes,
+                        std::optional<uint64_t> address) {
     const auto held = [&](const cma_allocation& other) { return other.name == name; };
-    if (std::any_of(allocations_.begin(), allocations_.end(), held))
+    if (std::any_of(_allocations.begin(), _allocations.end(), held)) {
         return EEXIST;
-    if (!address)
+    }
+    if (!address) {
         address = first_fit(size_bytes);
-    if (!address)
+    }
+    if (!address) {
         return ENOMEM;
-    allocations_.push_back({name, *address, size_bytes});
+    }
+    _allocations.push_back({name, *address, size_bytes});
     return 0;
 }
 
 int cma_table::release(const std::string& name) {
     const auto held = [&](const cma_allocation& other) { return other.name == name; };
-    return std::erase_if(allocations_, held) == 0 ? ENOENT : 0;
+    return std::erase_if(_allocations, held) == 0 ? ENOENT : 0;
 }
 
 } // namespace sandbox

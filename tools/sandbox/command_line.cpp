@@ -1,13 +1,12 @@
 #include "command_line.hpp"
 
-#include <CLI/CLI.hpp>
+#include "failure.hpp"
+#include "help_text.hpp"
 
+#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <filesystem>
 #include <optional>
-
-#include "failure.hpp"
-#include "help_text.hpp"
 
 namespace sandbox {
 
@@ -15,7 +14,7 @@ namespace {
 
 constexpr const char* version_text = "tarvo-sandbox " TARVO_SANDBOX_VERSION "\n";
 
-// The tool's own words and, behind the first "--", the command's.
+/// The tool's own words and, behind the first "--", the command's.
 struct words {
     std::vector<std::string> own;
     std::optional<command_words> command;
@@ -24,8 +23,9 @@ struct words {
 words split_words(std::vector<std::string> all) {
     words made;
     const auto dashes = std::find(all.begin(), all.end(), "--");
-    if (dashes != all.end())
+    if (dashes != all.end()) {
         made.command.emplace(dashes + 1, all.end());
+    }
     all.erase(dashes, all.end());
     made.own = std::move(all);
     return made;
@@ -33,20 +33,23 @@ words split_words(std::vector<std::string> all) {
 
 std::string take_subcommand(words& given) {
     if (given.own.empty() ||
-        (given.own[0] != "run" && given.own[0] != "join" && given.own[0] != "rule"))
+        (given.own[0] != "run" && given.own[0] != "join" && given.own[0] != "rule")) {
         return "run";
+    }
     std::string name = given.own[0];
     given.own.erase(given.own.begin());
     return name;
 }
 
-// Help and version go their own way, so that they work beside any other word.
+/// Help and version go their own way, so that they work beside any other word.
 std::optional<help_wanted> asked_for_help(const words& given, const std::string& help) {
     for (const auto& word : given.own) {
-        if (word == "--help" || word == "-h")
+        if (word == "--help" || word == "-h") {
             return help_wanted{help};
-        if (word == "--version")
+        }
+        if (word == "--version") {
             return help_wanted{version_text};
+        }
     }
     return std::nullopt;
 }
@@ -83,13 +86,14 @@ std::string absolute(const std::string& path) {
 std::vector<rule> parse_rules(const std::vector<std::string>& texts) {
     std::vector<rule> parsed;
     parsed.reserve(texts.size());
-    for (const auto& text : texts)
+    for (const auto& text : texts) {
         parsed.push_back(parse_rule(text));
+    }
     return parsed;
 }
 
-// In simulation the library has a region of its own and looks at no other. Who names the simulation
-// along with a region may want to see just that.
+/// In simulation the library has a region of its own and looks at no other. Who names the
+/// simulation along with a region may want to see just that.
 void check_region_is_used(bool has_region, bool names_world) {
     if (has_region && !names_world) {
         throw failure{"a region is of no use in simulation; name a world for it, as in "
@@ -118,14 +122,17 @@ options parse_run(const words& given) {
     parse(app, given);
 
     made.played = named_world(world_name);
-    if (region_option->count() > 0)
+    if (region_option->count() > 0) {
         set_region(made.played, parse_region(region_text));
-    if (line_option->count() > 0)
+    }
+    if (line_option->count() > 0) {
         set_region_line(made.played, region_line);
+    }
     check_region_is_used(region_option->count() + line_option->count() > 0,
                          world_option->count() > 0);
-    for (const auto& name : without)
+    for (const auto& name : without) {
         made.played.without.insert(parse_item(name));
+    }
     made.played.state_dir = absolute(state_dir);
     made.rules = parse_rules(rules);
     made.command = take_command(given);
@@ -149,12 +156,14 @@ options parse_rule_change(const words& given) {
     app.add_flag("--list", made.list);
     app.add_option("rule", made.rules);
     parse(app, given);
-    if (given.command)
+    if (given.command) {
         made.rules.insert(made.rules.end(), given.command->begin(), given.command->end());
+    }
     // A wrong rule is told also where no sandbox runs.
     parse_rules(made.rules);
-    if (made.rules.empty() && !made.clear && !made.list)
+    if (made.rules.empty() && !made.clear && !made.list) {
         throw failure{"rule: nothing to do; give a RULE, --clear or --list"};
+    }
     return made;
 }
 
@@ -166,10 +175,12 @@ options parse_command_line(const std::vector<std::string>& arguments) {
     const bool joins = subcommand == "join";
     const bool changes_rules = subcommand == "rule";
     const auto help = joins ? join_help() : changes_rules ? rule_help() : run_help();
-    if (auto wanted = asked_for_help(given, help))
+    if (auto wanted = asked_for_help(given, help)) {
         return std::move(*wanted);
-    if (joins)
+    }
+    if (joins) {
         return parse_join(given);
+    }
     return changes_rules ? parse_rule_change(given) : parse_run(given);
 }
 

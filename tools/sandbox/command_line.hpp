@@ -1,12 +1,12 @@
 #pragma once
 
-#include <string>
-#include <variant>
-#include <vector>
-
 #include "member.hpp"
 #include "rule.hpp"
 #include "world.hpp"
+
+#include <string>
+#include <variant>
+#include <vector>
 
 namespace sandbox {
 
@@ -30,14 +30,14 @@ struct rule_options {
     std::vector<std::string> rules;
 };
 
-// The text is printed and that is all.
+/// The text is printed and that is all.
 struct help_wanted {
     std::string text;
 };
 
 using options = std::variant<run_options, join_options, rule_options, help_wanted>;
 
-// Throws failure, naming the option and value that are wrong.
+/// Throws failure, naming the option and value that are wrong.
 options parse_command_line(const std::vector<std::string>& arguments);
 
 } // namespace sandbox

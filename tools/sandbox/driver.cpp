@@ -1,9 +1,9 @@
 #include "driver.hpp"
 
+#include "listing.hpp"
+
 #include <algorithm>
 #include <cerrno>
-
-#include "listing.hpp"
 
 namespace sandbox {
 
@@ -30,63 +30,69 @@ int error_of(const rule* answering) {
 } // namespace
 
 driver::driver(const world& played, event_log log)
-    : region_line_{played.region_line}, log_{std::move(log)} {
-    if (played.region && played.region->is_cma())
-        cma_.emplace(played.region->first_pa, played.region->last_pa);
+    : _region_line{played.region_line}, _log{std::move(log)} {
+    if (played.region && played.region->is_cma()) {
+        _cma.emplace(played.region->first_pa, played.region->last_pa);
+    }
 }
 
 int driver::open(driver_handle& handle, pid_t pid) {
     const event seen = make_event(handle, moment::open, nullptr);
-    const rule* const answering = rules_.answer_to(seen);
+    const rule* const answering = _rules.answer_to(seen);
     const int error = error_of(answering);
     if (handle.file == driver_file::proc) {
         handle.listing = make_listing(
-            region_line_, cma_ ? cma_->allocations() : std::vector<cma_allocation>{}, answering);
+            _region_line, _cma ? _cma->allocations() : std::vector<cma_allocation>{}, answering);
     }
-    log_.add(seen, {pid, handle.truncates, {}, error, 0});
+    _log.add(seen, {pid, handle.truncates, {}, error, 0});
     return error;
 }
 
 int driver::carry_out_cma(const request& asked, const rule* answering) {
-    if (asked.op == operation::release)
-        return cma_->release(asked.name);
+    if (asked.op == operation::release) {
+        return _cma->release(asked.name);
+    }
     const auto* const handed_out = answer_of<handed_out_address>(answering);
-    return cma_->allocate(asked.name, asked.size_bytes,
+    return _cma->allocate(asked.name, asked.size_bytes,
                           handed_out == nullptr ? std::nullopt : std::optional{handed_out->pa});
 }
 
 int driver::carry_out(driver_file file, const request* asked, const rule* answering) {
-    if (asked == nullptr)
+    if (asked == nullptr) {
         return EINVAL;
+    }
     // Whether a range is mapped already is the IOMMU's business and not judged here.
-    if (file == driver_file::sysfs)
+    if (file == driver_file::sysfs) {
         return 0;
-    return cma_ ? carry_out_cma(*asked, answering) : EINVAL;
+    }
+    return _cma ? carry_out_cma(*asked, answering) : EINVAL;
 }
 
 driver::write_result driver::write(driver_handle& handle, pid_t pid, std::string_view bytes) {
     handle.last_request = parse_request(handle.file, bytes);
     const request* const asked = pointer_to(handle.last_request);
     const event seen = make_event(handle, moment::write, asked);
-    const rule* const answering = rules_.answer_to(seen);
+    const rule* const answering = _rules.answer_to(seen);
 
     write_result result{error_of(answering), bytes.size()};
     const auto* const cut = answer_of<short_write>(answering);
-    if (cut != nullptr)
+    if (cut != nullptr) {
         result.accepted_bytes = std::min(bytes.size(), cut->bytes);
+    }
     // A command that was cut has not arrived; the caller is told of the bytes that have.
     const bool cut_off = result.accepted_bytes < bytes.size();
-    if (result.error == 0 && !cut_off)
+    if (result.error == 0 && !cut_off) {
         result.error = carry_out(handle.file, asked, answering);
+    }
 
-    log_.add(seen, {pid, handle.truncates, bytes, result.error, result.accepted_bytes});
+    _log.add(seen, {pid, handle.truncates, bytes, result.error, result.accepted_bytes});
     return result;
 }
 
 int driver::close(const driver_handle& handle, pid_t pid) {
     const event seen = make_event(handle, moment::close, pointer_to(handle.last_request));
-    const int error = error_of(rules_.answer_to(seen));
-    log_.add(seen, {pid, handle.truncates, {}, error, 0});
+    const int error = error_of(_rules.answer_to(seen));
+    _log.add(seen, {pid, handle.truncates, {}, error, 0});
     return error;
 }
 

@@ -1,17 +1,17 @@
 #include "errno_names.hpp"
 
+#include "text.hpp"
+
 #include <array>
 #include <cerrno>
 #include <cstring>
 #include <utility>
 
-#include "text.hpp"
-
 namespace sandbox {
 
 namespace {
 
-// Second names of numbers that the C library knows by their first name only.
+/// Second names of numbers that the C library knows by their first name only.
 constexpr std::array<std::pair<std::string_view, int>, 3> second_names{{
     {"EWOULDBLOCK", EWOULDBLOCK},
     {"EDEADLOCK", EDEADLOCK},
@@ -20,13 +20,15 @@ constexpr std::array<std::pair<std::string_view, int>, 3> second_names{{
 
 std::optional<int> number_of_name(std::string_view name) {
     for (const auto& [second_name, number] : second_names) {
-        if (name == second_name)
+        if (name == second_name) {
             return number;
+        }
     }
     for (int number = 1; number <= largest_errno; ++number) {
         const char* const known = ::strerrorname_np(number);
-        if (known != nullptr && name == known)
+        if (known != nullptr && name == known) {
             return number;
+        }
     }
     return std::nullopt;
 }
@@ -35,8 +37,9 @@ std::optional<int> number_of_name(std::string_view name) {
 
 std::optional<int> parse_errno(std::string_view text) {
     if (const auto number = parse_number<int>(text)) {
-        if (*number < 1 || *number > largest_errno)
+        if (*number < 1 || *number > largest_errno) {
             return std::nullopt;
+        }
         return number;
     }
     return number_of_name(text);

@@ -6,13 +6,13 @@
 
 namespace sandbox {
 
-// The kernel takes no larger number from a file system.
+/// The kernel takes no larger number from a file system.
 constexpr int largest_errno = 511;
 
-// A name from errno.h, or a decimal number between 1 and largest_errno.
+/// A name from errno.h, or a decimal number between 1 and largest_errno.
 std::optional<int> parse_errno(std::string_view text);
 
-// "EIO"; the decimal number where it has no name.
+/// "EIO"; the decimal number where it has no name.
 std::string errno_name(int number);
 
 } // namespace sandbox

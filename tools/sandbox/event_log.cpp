@@ -1,14 +1,14 @@
 #include "event_log.hpp"
 
-#include <nlohmann/json.hpp>
-
 #include "errno_names.hpp"
+
+#include <nlohmann/json.hpp>
 
 namespace sandbox {
 
 namespace {
 
-// Each byte becomes the code point of its value, so that every byte survives in a JSON string.
+/// Each byte becomes the code point of its value, so that every byte survives in a JSON string.
 std::string latin1_to_utf8(std::string_view bytes) {
     std::string utf8;
     for (const char byte : bytes) {
@@ -42,10 +42,11 @@ std::string flags_of(const event& seen) {
 } // namespace
 
 void event_log::add(const event& seen, const log_entry& entry) {
-    if (!file_)
+    if (!_file) {
         return;
+    }
     nlohmann::ordered_json line{
-        {"seq", ++seq_},
+        {"seq", ++_seq},
         {"pid", entry.pid},
         {"file", seen.file == driver_file::proc ? "proc" : "sysfs"},
         {"event", name_of(seen.at)},
@@ -54,11 +55,12 @@ void event_log::add(const event& seen, const log_entry& entry) {
         {"bytes", latin1_to_utf8(entry.bytes)},
         {"answer", entry.error == 0 ? "ok" : errno_name(entry.error)},
     };
-    if (entry.error == 0 && entry.accepted_bytes < entry.bytes.size())
+    if (entry.error == 0 && entry.accepted_bytes < entry.bytes.size()) {
         line["accepted"] = entry.accepted_bytes;
+    }
     const std::string text = line.dump() + "\n";
     // A log that cannot take the line must not change what the command sees.
-    [[maybe_unused]] const auto written = ::write(file_.get(), text.data(), text.size());
+    [[maybe_unused]] const auto written = ::write(_file.get(), text.data(), text.size());
 }
 
 } // namespace sandbox

@@ -1,16 +1,15 @@
 #include "file_system.hpp"
 
-#include <fcntl.h>
-#include <sys/mount.h>
-#include <sys/stat.h>
+#include "failure.hpp"
 
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
+#include <fcntl.h>
 #include <map>
+#include <sys/mount.h>
+#include <sys/stat.h>
 #include <vector>
-
-#include "failure.hpp"
 
 namespace sandbox {
 
@@ -18,14 +17,14 @@ namespace {
 
 constexpr std::string_view proc_file = "tarvo";
 
-// Nodes from proc_view::first_number up are the real /proc's.
+/// Nodes from proc_view::first_number up are the real /proc's.
 constexpr fuse_ino_t proc_file_node = 2;
 constexpr fuse_ino_t iommu_file_node = 3;
 constexpr fuse_ino_t hidden_folder_node = 4;
 constexpr fuse_ino_t sysfs_folder_node = 5;
 constexpr fuse_ino_t hidden_sysfs_node = 6;
 
-// Nothing here changes but the set of processes.
+/// Nothing here changes but the set of processes.
 constexpr double for_ever_seconds = 1e6;
 
 mode_t mode_of(fuse_ino_t node) {
@@ -45,8 +44,8 @@ mode_t mode_of(fuse_ino_t node) {
     }
 }
 
-// Owner and group are 0, which is the caller itself in a user namespace: the kernel refuses every
-// open for writing of a file whose owner it cannot map there.
+/// Owner and group are 0, which is the caller itself in a user namespace: the kernel refuses every
+/// open for writing of a file whose owner it cannot map there.
 struct stat attributes(fuse_ino_t node, mode_t mode) {
     struct stat made {};
     made.st_ino = node;
@@ -61,25 +60,25 @@ double validity_seconds(fuse_ino_t node) {
 
 using listing_buffer = std::vector<char>;
 
-// What is open, by the number that FUSE carries for us.
+/// What is open, by the number that FUSE carries for us.
 template <typename Kept>
 class open_files {
   public:
-    std::uint64_t add(Kept added) {
-        kept_.emplace(++last_number_, std::move(added));
-        return last_number_;
+    uint64_t add(Kept added) {
+        _kept.emplace(++_last_number, std::move(added));
+        return _last_number;
     }
-    Kept& at(const fuse_file_info* info) { return kept_.at(info->fh); }
-    void remove(const fuse_file_info* info) { kept_.erase(info->fh); }
+    Kept& at(const fuse_file_info* info) { return _kept.at(info->fh); }
+    void remove(const fuse_file_info* info) { _kept.erase(info->fh); }
 
   private:
-    std::map<std::uint64_t, Kept> kept_;
-    std::uint64_t last_number_ = 0;
+    std::map<uint64_t, Kept> _kept;
+    uint64_t _last_number = 0;
 };
 
 template <typename Bytes>
-void reply_part(fuse_req_t asked, const Bytes& bytes, std::size_t size, off_t offset) {
-    const std::size_t start = std::min(bytes.size(), static_cast<std::size_t>(offset));
+void reply_part(fuse_req_t asked, const Bytes& bytes, size_t size, off_t offset) {
+    const size_t start = std::min(bytes.size(), static_cast<size_t>(offset));
     fuse_reply_buf(asked, bytes.data() + start, std::min(size, bytes.size() - start));
 }
 
@@ -87,7 +86,7 @@ void add_entry(fuse_req_t asked, listing_buffer& listing, const std::string& nam
     // No type: the processes are links here, but those who look for folders are to follow them.
     struct stat untyped {};
     untyped.st_ino = proc_view::first_number;
-    const std::size_t start = listing.size();
+    const size_t start = listing.size();
     listing.resize(start + fuse_add_direntry(asked, nullptr, 0, name.c_str(), nullptr, 0));
     fuse_add_direntry(asked, listing.data() + start, listing.size() - start, name.c_str(), &untyped,
                       static_cast<off_t>(listing.size()));
@@ -95,7 +94,7 @@ void add_entry(fuse_req_t asked, listing_buffer& listing, const std::string& nam
 
 } // namespace
 
-// The operations that FUSE calls, each of which answers one request.
+/// The operations that FUSE calls, each of which answers one request.
 struct file_system::state {
     driver& answering;
     proc_view& real;
@@ -111,12 +110,15 @@ struct file_system::state {
     }
 
     std::optional<fuse_ino_t> find_in_proc(std::string_view name) const {
-        if (name == proc_file)
+        if (name == proc_file) {
             return shown.proc ? std::optional{proc_file_node} : std::nullopt;
-        if (name == hidden_sysfs_folder)
+        }
+        if (name == hidden_sysfs_folder) {
             return sysfs_folder_node;
-        if (name == proc_view::hidden_folder)
+        }
+        if (name == proc_view::hidden_folder) {
             return hidden_folder_node;
+        }
         return real.find(name);
     }
 
@@ -171,7 +173,7 @@ struct file_system::state {
         fuse_reply_attr(asked, &found, for_ever_seconds);
     }
 
-    // Lengths and times may be set, as on the kernel's own files, and change nothing.
+    /// Lengths and times may be set, as on the kernel's own files, and change nothing.
     static void setattr(fuse_req_t asked, fuse_ino_t node, struct stat* /*wanted*/, int what,
                         fuse_file_info* info) {
         if ((what & (FUSE_SET_ATTR_MODE | FUSE_SET_ATTR_UID | FUSE_SET_ATTR_GID)) != 0) {
@@ -209,16 +211,17 @@ struct file_system::state {
         info->fh = self.files.add(std::move(handle));
         info->direct_io = 1;
         // The caller was killed meanwhile: it never had the file, so no release will come.
-        if (fuse_reply_open(asked, info) == -ENOENT)
+        if (fuse_reply_open(asked, info) == -ENOENT) {
             self.files.remove(info);
+        }
     }
 
-    static void read(fuse_req_t asked, fuse_ino_t /*node*/, std::size_t size, off_t offset,
+    static void read(fuse_req_t asked, fuse_ino_t /*node*/, size_t size, off_t offset,
                      fuse_file_info* info) {
         reply_part(asked, of(asked).files.at(info).listing, size, offset);
     }
 
-    static void write(fuse_req_t asked, fuse_ino_t /*node*/, const char* bytes, std::size_t size,
+    static void write(fuse_req_t asked, fuse_ino_t /*node*/, const char* bytes, size_t size,
                       off_t /*offset*/, fuse_file_info* info) {
         state& self = of(asked);
         const auto result =
@@ -230,7 +233,7 @@ struct file_system::state {
         }
     }
 
-    // The close: at once and with a result that the caller sees, unlike release.
+    /// The close: at once and with a result that the caller sees, unlike release.
     static void flush(fuse_req_t asked, fuse_ino_t /*node*/, fuse_file_info* info) {
         state& self = of(asked);
         fuse_reply_err(asked, self.answering.close(self.files.at(info), self.caller(asked)));
@@ -246,23 +249,27 @@ struct file_system::state {
         listing_buffer listing;
         add_entry(asked, listing, ".");
         add_entry(asked, listing, "..");
-        if (node == FUSE_ROOT_ID)
+        if (node == FUSE_ROOT_ID) {
             self.list_proc(asked, listing);
+        }
         if (node == sysfs_folder_node) {
             self.list_sysfs(asked, listing);
         }
         info->fh = self.folders.add(std::move(listing));
-        if (fuse_reply_open(asked, info) == -ENOENT)
+        if (fuse_reply_open(asked, info) == -ENOENT) {
             self.folders.remove(info);
+        }
     }
 
     void list_proc(fuse_req_t asked, listing_buffer& listing) const {
         for (const auto& name : real.names()) {
-            if (name != proc_file)
+            if (name != proc_file) {
                 add_entry(asked, listing, name);
+            }
         }
-        if (shown.proc)
+        if (shown.proc) {
             add_entry(asked, listing, std::string{proc_file});
+        }
     }
 
     void list_sysfs(fuse_req_t asked, listing_buffer& listing) const {
@@ -274,18 +281,19 @@ struct file_system::state {
         }
     }
 
-    static void readdir(fuse_req_t asked, fuse_ino_t /*node*/, std::size_t size, off_t offset,
+    static void readdir(fuse_req_t asked, fuse_ino_t /*node*/, size_t size, off_t offset,
                         fuse_file_info* info) {
         reply_part(asked, of(asked).folders.at(info), size, offset);
     }
 
-    // As the kernel's own answer, both to root; without this FUSE would say that it has no such call.
+    /// As the kernel's own answer, both to root; without this FUSE would say that it has no such
+    /// call.
     static void create(fuse_req_t asked, fuse_ino_t folder, const char* /*name*/, mode_t /*mode*/,
                        fuse_file_info* /*info*/) {
         fuse_reply_err(asked, folder == sysfs_folder_node ? EACCES : ENOENT);
     }
 
-    // Entries that are no files cannot be made, and none can be removed.
+    /// Entries that are no files cannot be made, and none can be removed.
     template <typename... Arguments>
     static void refuse(fuse_req_t asked, Arguments... /*what*/) {
         fuse_reply_err(asked, EPERM);
@@ -336,18 +344,19 @@ unique_fd open_fuse_device() {
 
 file_system::file_system(driver& answering, proc_view& real, const sysfs_view& real_sysfs,
                          shown_files shown)
-    : state_{new state{answering, real, real_sysfs, shown}} {
+    : _state{new state{answering, real, real_sysfs, shown}} {
     const auto operations = state::operations();
     std::string name = "tarvo-sandbox";
     char* arguments[] = {name.data(), nullptr};
     fuse_args args = FUSE_ARGS_INIT(1, &arguments[0]);
-    session_.reset(fuse_session_new(&args, &operations, sizeof operations, state_.get()));
-    if (!session_)
+    _session.reset(fuse_session_new(&args, &operations, sizeof operations, _state.get()));
+    if (!_session) {
         throw failure{"libfuse cannot be started"};
+    }
 }
 
 file_system::~file_system() {
-    std::free(buffer_.mem);
+    std::free(_buffer.mem);
 }
 
 void file_system::mount() {
@@ -355,20 +364,23 @@ void file_system::mount() {
     const std::string number = std::to_string(device.get());
     const std::string options =
         "fd=" + number + ",rootmode=40000,user_id=0,group_id=0,allow_other,default_permissions";
-    if (::mount("tarvo-sandbox", "/proc", "fuse", MS_NOSUID | MS_NODEV, options.c_str()) != 0)
+    if (::mount("tarvo-sandbox", "/proc", "fuse", MS_NOSUID | MS_NODEV, options.c_str()) != 0) {
         throw failed_call("cannot mount a FUSE file system over /proc");
+    }
     // A mount that is there already is handed over by its descriptor; the session then owns it.
-    if (fuse_session_mount(session_.get(), ("/dev/fd/" + number).c_str()) != 0)
+    if (fuse_session_mount(_session.get(), ("/dev/fd/" + number).c_str()) != 0) {
         throw failure{"libfuse does not take the mount over /proc"};
+    }
     static_cast<void>(device.release());
 }
 
 void file_system::answer_one() {
-    const int length = fuse_session_receive_buf(session_.get(), &buffer_);
+    const int length = fuse_session_receive_buf(_session.get(), &_buffer);
     // Nothing there after all, or the caller was killed in between.
-    if (length <= 0)
+    if (length <= 0) {
         return;
-    fuse_session_process_buf(session_.get(), &buffer_);
+    }
+    fuse_session_process_buf(_session.get(), &_buffer);
 }
 
 } // namespace sandbox

@@ -1,30 +1,29 @@
 #pragma once
 
-#include <fuse_lowlevel.h>
-
-#include <memory>
-#include <string>
-
 #include "common/unique_fd.hpp"
 #include "driver.hpp"
 #include "proc_view.hpp"
 #include "sysfs_view.hpp"
 
+#include <fuse_lowlevel.h>
+#include <memory>
+#include <string>
+
 namespace sandbox {
 
-// Which of the driver's files there are.
+/// Which of the driver's files there are.
 struct shown_files {
     bool proc;
     bool sysfs;
 };
 
-// The FUSE file system that is mounted over /proc: the real entries as links, the driver's
-// /proc/tarvo, and, in no listing, a folder with the driver's sysfs file and the real entries of
-// /sys/kernel, which is bound from here to its place. Not a tmpfs there: to make a file in sysfs is
-// refused with EACCES, to root as well.
+/// The FUSE file system that is mounted over /proc: the real entries as links, the driver's
+/// /proc/tarvo, and, in no listing, a folder with the driver's sysfs file and the real entries of
+/// /sys/kernel, which is bound from here to its place. Not a tmpfs there: to make a file in sysfs
+/// is refused with EACCES, to root as well.
 class file_system {
   public:
-    // Under /proc, until it is bound to its place.
+    /// Under /proc, until it is bound to its place.
     static constexpr std::string_view hidden_sysfs_folder = ".sys_kernel";
 
     file_system(driver& answering, proc_view& real, const sysfs_view& real_sysfs,
@@ -33,11 +32,11 @@ class file_system {
     file_system(const file_system&) = delete;
     file_system& operator=(const file_system&) = delete;
 
-    // Mounts over /proc. Throws failure.
+    /// Mounts over /proc. Throws failure.
     void mount();
 
-    // To be polled for reading; then answer_one() answers one request.
-    int fd() const { return fuse_session_fd(session_.get()); }
+    /// To be polled for reading; then answer_one() answers one request.
+    int fd() const { return fuse_session_fd(_session.get()); }
     void answer_one();
 
   private:
@@ -46,9 +45,9 @@ class file_system {
     };
     struct state;
 
-    std::unique_ptr<state> state_;
-    std::unique_ptr<fuse_session, session_end> session_;
-    fuse_buf buffer_{};
+    std::unique_ptr<state> _state;
+    std::unique_ptr<fuse_session, session_end> _session;
+    fuse_buf _buffer{};
 };
 
 } // namespace sandbox

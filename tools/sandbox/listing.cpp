@@ -6,8 +6,8 @@ namespace sandbox {
 
 namespace {
 
-// Enough to make a size wrong and still a size.
-constexpr std::uint64_t odd_bytes = 4096;
+/// Enough to make a size wrong and still a size.
+constexpr uint64_t odd_bytes = 4096;
 
 std::string line(const cma_allocation& allocation) {
     return allocation.name + "\t" + to_hex(allocation.first_pa) + "\t" +
@@ -69,8 +69,9 @@ std::string make_listing(const std::string& region_line,
     const auto* const bent =
         bending == nullptr ? nullptr : std::get_if<bent_listing>(&bending->answer);
     std::string lines = allocation_lines(allocations, bending, bent);
-    if (bent == nullptr)
+    if (bent == nullptr) {
         return region_line + lines;
+    }
     switch (bent->oddity) {
     case listing_oddity::empty:
         return {};

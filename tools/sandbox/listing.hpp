@@ -1,15 +1,15 @@
 #pragma once
 
-#include <string>
-#include <vector>
-
 #include "cma_table.hpp"
 #include "rule.hpp"
 
+#include <string>
+#include <vector>
+
 namespace sandbox {
 
-// What a read of /proc/tarvo gives: the region line, then one line per allocation; bent as the
-// rule, which may be null, says.
+/// What a read of /proc/tarvo gives: the region line, then one line per allocation; bent as the
+/// rule, which may be null, says.
 std::string make_listing(const std::string& region_line,
                          const std::vector<cma_allocation>& allocations, const rule* bending);
 

@@ -1,11 +1,11 @@
+#include "command_line.hpp"
+#include "run.hpp"
+
 #include <cstdio>
 #include <exception>
 #include <string>
 #include <variant>
 #include <vector>
-
-#include "command_line.hpp"
-#include "run.hpp"
 
 namespace {
 

@@ -1,15 +1,5 @@
 #include "member.hpp"
 
-#include <fcntl.h>
-#include <signal.h>
-
-#include <sys/prctl.h>
-#include <sys/stat.h>
-
-#include <cstdio>
-#include <cstdlib>
-#include <filesystem>
-
 #include "channel.hpp"
 #include "common/unique_fd.hpp"
 #include "failure.hpp"
@@ -17,60 +7,74 @@
 #include "process_fd.hpp"
 #include "world_mounts.hpp"
 
+#include <cstdio>
+#include <cstdlib>
+#include <fcntl.h>
+#include <filesystem>
+#include <signal.h>
+#include <sys/prctl.h>
+#include <sys/stat.h>
+
 namespace sandbox {
 
 namespace {
 
 constexpr const char* simulation_variable = "SIMULATION_VMID";
 
-// Entering a mount namespace moves a process to its root.
+/// Entering a mount namespace moves a process to its root.
 class current_folder {
   public:
-    current_folder() : folder_{::open(".", O_PATH | O_DIRECTORY | O_CLOEXEC)} {
+    current_folder() : _folder{::open(".", O_PATH | O_DIRECTORY | O_CLOEXEC)} {
         std::error_code unnamed;
-        path_ = std::filesystem::current_path(unnamed);
+        _path = std::filesystem::current_path(unnamed);
     }
 
-    // By its path, so that the command can name it; a folder that the sandbox hides stays the
-    // current one none the less.
+    /// By its path, so that the command can name it; a folder that the sandbox hides stays the
+    /// current one none the less.
     void go_back() const {
-        if (::chdir(path_.c_str()) == 0 && is_here())
+        if (::chdir(_path.c_str()) == 0 && is_here()) {
             return;
-        if (::fchdir(folder_.get()) != 0)
+        }
+        if (::fchdir(_folder.get()) != 0) {
             throw failed_call("cannot go back to the current folder");
+        }
     }
 
   private:
     bool is_here() const {
         struct stat here {};
         struct stat wanted {};
-        return ::stat(".", &here) == 0 && ::fstat(folder_.get(), &wanted) == 0 &&
+        return ::stat(".", &here) == 0 && ::fstat(_folder.get(), &wanted) == 0 &&
                here.st_dev == wanted.st_dev && here.st_ino == wanted.st_ino;
     }
 
-    unique_fd folder_;
-    std::filesystem::path path_;
+    unique_fd _folder;
+    std::filesystem::path _path;
 };
 
 message ask_for_admission(int socket) {
     const unique_fd self = own_process_fd();
-    if (!self)
+    if (!self) {
         throw failed_call("cannot name this process to the sandbox");
+    }
     // Not sent because the other side is gone: then its last words are there to read.
     send_message(socket, {{"request", "member"}}, {self.get()});
     auto received = receive_message(socket);
-    if (!received)
+    if (!received) {
         throw failure{"the sandbox has ended"};
-    if (received->body.contains("error"))
+    }
+    if (received->body.contains("error")) {
         throw failure{received->body.value("error", "")};
+    }
     return std::move(*received);
 }
 
 void enter(const namespaces& sandbox, int entered) {
     const std::string name = sandbox.mount_name();
     sandbox.enter();
-    if (::write(entered, name.data(), name.size()) < 0)
+    if (::write(entered, name.data(), name.size()) < 0) {
         throw failed_call("cannot tell the tool that its command is in the sandbox");
+    }
 }
 
 void set_environment(bool simulation) {
@@ -81,17 +85,19 @@ void set_environment(bool simulation) {
     }
 }
 
-// Asked for last: entering a user namespace withdraws it.
+/// Asked for last: entering a user namespace withdraws it.
 void end_with(pid_t parent) {
     ::prctl(PR_SET_PDEATHSIG, SIGKILL);
-    if (::getppid() != parent)
+    if (::getppid() != parent) {
         std::_Exit(exit_trouble);
+    }
 }
 
 int execute(const command_words& command) {
     std::vector<char*> words;
-    for (const auto& word : command)
+    for (const auto& word : command) {
         words.push_back(const_cast<char*>(word.c_str()));
+    }
     words.push_back(nullptr);
     ::execvp(words.front(), words.data());
     const int error = errno;

@@ -1,16 +1,16 @@
 #pragma once
 
+#include "common/unique_fd.hpp"
+
 #include <signal.h>
 #include <sys/syscall.h>
 #include <unistd.h>
-
-#include "common/unique_fd.hpp"
 
 namespace sandbox {
 
 // The C library's own names for these two lack C linkage in version 2.36.
 
-// Ready for reading when the process has ended.
+/// Ready for reading when the process has ended.
 inline unique_fd own_process_fd() {
     return unique_fd{static_cast<int>(::syscall(SYS_pidfd_open, ::getpid(), 0))};
 }

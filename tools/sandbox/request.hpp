@@ -7,31 +7,31 @@
 
 namespace sandbox {
 
-// The two files through which the library speaks to the kernel driver.
+/// The two files through which the library speaks to the kernel driver.
 enum class driver_file { proc, sysfs };
 
-// What one written line asks of the driver.
+/// What one written line asks of the driver.
 enum class operation { map, unmap, allocate, release };
 
-// A PCI device the way a request line names it: devfn is device number << 3 | function.
+/// A PCI device the way a request line names it: devfn is device number << 3 | function.
 struct pci_device {
-    std::uint32_t domain = 0;
-    std::uint32_t bus = 0;
-    std::uint32_t devfn = 0;
+    uint32_t domain = 0;
+    uint32_t bus = 0;
+    uint32_t devfn = 0;
 
     bool operator==(const pci_device&) const = default;
 };
 
-// One well-formed line. device and start_pa belong to map and unmap, the rest to the CMA commands.
+/// One well-formed line. device and start_pa belong to map and unmap, the rest to the CMA commands.
 struct request {
     operation op = operation::map;
     pci_device device;
-    std::uint64_t start_pa = 0;
+    uint64_t start_pa = 0;
     std::string name;
-    std::uint64_t size_bytes = 0;
+    uint64_t size_bytes = 0;
 };
 
-// None when the line is not exactly of the form that its file takes, newline included.
+/// None when the line is not exactly of the form that its file takes, newline included.
 std::optional<request> parse_request(driver_file file, std::string_view line);
 
 } // namespace sandbox

@@ -33,14 +33,16 @@ bool range_matches(const rule& wanted, const request& asked) {
            (wanted.range_pa->first <= asked.start_pa && asked.start_pa <= wanted.range_pa->second);
 }
 
-// The keys that look into the written line.
+/// The keys that look into the written line.
 bool request_matches(const rule& wanted, const event& seen) {
     const bool name_counts =
         wanted.name.has_value() && !std::holds_alternative<bent_listing>(wanted.answer);
-    if (!wanted.device && !wanted.range_pa && !name_counts)
+    if (!wanted.device && !wanted.range_pa && !name_counts) {
         return true;
-    if (seen.asked == nullptr)
+    }
+    if (seen.asked == nullptr) {
         return false;
+    }
     return (!wanted.device || *wanted.device == seen.asked->device) &&
            range_matches(wanted, *seen.asked) && (!name_counts || *wanted.name == seen.asked->name);
 }

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "request.hpp"
+
 #include <cstddef>
 #include <cstdint>
 #include <limits>
@@ -9,14 +11,12 @@
 #include <utility>
 #include <variant>
 
-#include "request.hpp"
-
 namespace sandbox {
 
-// The system calls on the driver's files at which a rule can answer.
+/// The system calls on the driver's files at which a rule can answer.
 enum class moment { open, write, close };
 
-// One such system call. At a close, asked is what was last written through the same open file.
+/// One such system call. At a close, asked is what was last written through the same open file.
 struct event {
     driver_file file = driver_file::proc;
     moment at = moment::open;
@@ -39,39 +39,39 @@ enum class listing_oddity {
     extra_size
 };
 
-// What a rule does when it is due.
+/// What a rule does when it is due.
 struct refusal {
     int error = 0;
 };
 struct handed_out_address {
-    std::uint64_t pa = 0;
+    uint64_t pa = 0;
 };
 struct bent_listing {
     listing_oddity oddity = listing_oddity::empty;
 };
 struct short_write {
-    std::size_t bytes = 0;
+    size_t bytes = 0;
 };
 using rule_answer = std::variant<refusal, handed_out_address, bent_listing, short_write>;
 
-// One scripted refusal or oddity. With a bent_listing, name picks the line to bend; otherwise it
-// picks the CMA commands.
+/// One scripted refusal or oddity. With a bent_listing, name picks the line to bend; otherwise it
+/// picks the CMA commands.
 struct rule {
     std::string text;
     rule_operation op = rule_operation::any;
     std::optional<driver_file> file;
     moment at = moment::write;
     std::optional<pci_device> device;
-    std::optional<std::pair<std::uint64_t, std::uint64_t>> range_pa;
+    std::optional<std::pair<uint64_t, uint64_t>> range_pa;
     std::optional<std::string> name;
-    std::uint64_t first_due = 1;
-    std::uint64_t last_due = std::numeric_limits<std::uint64_t>::max();
+    uint64_t first_due = 1;
+    uint64_t last_due = std::numeric_limits<uint64_t>::max();
     rule_answer answer;
 };
 
 bool matches(const rule& wanted, const event& seen);
 
-// Throws failure, naming the key or value that is wrong.
+/// Throws failure, naming the key or value that is wrong.
 rule parse_rule(std::string_view text);
 
 } // namespace sandbox

@@ -1,32 +1,32 @@
 #pragma once
 
+#include "rule.hpp"
+
 #include <cstdint>
 #include <string>
 #include <vector>
 
-#include "rule.hpp"
-
 namespace sandbox {
 
-// The rules in force, in the order in which they came in.
+/// The rules in force, in the order in which they came in.
 class rule_book {
   public:
-    void add(rule added) { entries_.push_back({std::move(added), 0}); }
-    void clear() { entries_.clear(); }
+    void add(rule added) { _entries.push_back({std::move(added), 0}); }
+    void clear() { _entries.clear(); }
 
-    // Counts the event with every rule that it matches, also behind the one that answers, so that
-    // "the third map" means the third of all. Returns the first that is due, or null.
+    /// Counts the event with every rule that it matches, also behind the one that answers, so that
+    /// "the third map" means the third of all. Returns the first that is due, or null.
     const rule* answer_to(const event& seen);
 
-    // One line per rule: how often it has matched, a tab, its text.
+    /// One line per rule: how often it has matched, a tab, its text.
     std::vector<std::string> list() const;
 
   private:
     struct entry {
         rule wanted;
-        std::uint64_t matched = 0;
+        uint64_t matched = 0;
     };
-    std::vector<entry> entries_;
+    std::vector<entry> _entries;
 };
 
 } // namespace sandbox

@@ -1,18 +1,17 @@
+#include "errno_names.hpp"
+#include "failure.hpp"
 #include "rule.hpp"
+#include "text.hpp"
 
 #include <algorithm>
 #include <array>
 #include <map>
 
-#include "errno_names.hpp"
-#include "failure.hpp"
-#include "text.hpp"
-
 namespace sandbox {
 
 namespace {
 
-template <typename Value, std::size_t Count>
+template <typename Value, size_t Count>
 using name_table = std::array<std::pair<std::string_view, Value>, Count>;
 
 constexpr name_table<rule_operation, 7> operation_names{{
@@ -48,30 +47,31 @@ constexpr name_table<listing_oddity, 9> oddity_names{{
     {"extra-size", listing_oddity::extra_size},
 }};
 
-// Reads the text of one rule key by key, then checks what the keys say together.
+/// Reads the text of one rule key by key, then checks what the keys say together.
 class parser {
   public:
-    explicit parser(std::string_view text) { made_.text = text; }
+    explicit parser(std::string_view text) { _made.text = text; }
 
     rule parse() {
-        for (const auto part : split(made_.text, ','))
+        for (const auto part : split(_made.text, ',')) {
             parse_key(part);
+        }
         settle_answer();
         settle_moment();
         settle_file();
         check_request_keys();
-        return made_;
+        return _made;
     }
 
   private:
     using reader = void (parser::*)(std::string_view);
 
     [[noreturn]] void refuse(const std::string& why) const {
-        throw failure{"rule '" + made_.text + "': " + why};
+        throw failure{"rule '" + _made.text + "': " + why};
     }
 
     bool given(std::string_view key) const {
-        return std::find(keys_.begin(), keys_.end(), key) != keys_.end();
+        return std::find(_keys.begin(), _keys.end(), key) != _keys.end();
     }
 
     void parse_key(std::string_view part) {
@@ -83,8 +83,9 @@ class parser {
             {"address", &parser::read_address}, {"listing", &parser::read_listing},
             {"short", &parser::read_short}};
         const auto equals = part.find('=');
-        if (equals == std::string_view::npos)
+        if (equals == std::string_view::npos) {
             refuse("'" + std::string{part} + "' is not KEY=VALUE");
+        }
         const auto key = part.substr(0, equals);
         const auto found = readers.find(key);
         if (found == readers.end()) {
@@ -92,73 +93,82 @@ class parser {
                    "'; known are op, file, at, device, range, " +
                    "name, nth, errno, address, listing and short");
         }
-        if (given(key))
+        if (given(key)) {
             refuse("key '" + std::string{key} + "' is given twice");
-        keys_.push_back(found->first);
+        }
+        _keys.push_back(found->first);
         (this->*found->second)(part.substr(equals + 1));
     }
 
     [[noreturn]] void refuse_value(std::string_view value, const std::string& wanted) const {
-        refuse(std::string{keys_.back()} + "='" + std::string{value} + "' is not " + wanted);
+        refuse(std::string{_keys.back()} + "='" + std::string{value} + "' is not " + wanted);
     }
 
-    template <typename Value, std::size_t Count>
+    template <typename Value, size_t Count>
     Value look_up(const name_table<Value, Count>& names, std::string_view value) const {
         std::string known;
         for (const auto& [name, meaning] : names) {
-            if (name == value)
+            if (name == value) {
                 return meaning;
+            }
             known += (known.empty() ? "" : ", ") + std::string{name};
         }
         refuse_value(value, "one of " + known);
     }
 
-    void read_op(std::string_view value) { made_.op = look_up(operation_names, value); }
-    void read_file(std::string_view value) { made_.file = look_up(file_names, value); }
-    void read_at(std::string_view value) { made_.at = look_up(moment_names, value); }
+    void read_op(std::string_view value) { _made.op = look_up(operation_names, value); }
+    void read_file(std::string_view value) { _made.file = look_up(file_names, value); }
+    void read_at(std::string_view value) { _made.at = look_up(moment_names, value); }
 
     void read_name(std::string_view value) {
-        if (value.empty())
+        if (value.empty()) {
             refuse_value(value, "the name of a chunk");
-        made_.name = value;
+        }
+        _made.name = value;
     }
 
     void read_device(std::string_view value) {
         const auto wanted = "a PCI device such as 0000:03:00.0";
         const auto colons = split(value, ':');
-        if (colons.size() != 3)
+        if (colons.size() != 3) {
             refuse_value(value, wanted);
+        }
         const auto dots = split(colons[2], '.');
-        if (dots.size() != 2)
+        if (dots.size() != 2) {
             refuse_value(value, wanted);
-        const auto domain = parse_number<std::uint32_t>(colons[0], 16);
-        const auto bus = parse_number<std::uint32_t>(colons[1], 16);
-        const auto slot = parse_number<std::uint32_t>(dots[0], 16);
-        const auto function = parse_number<std::uint32_t>(dots[1], 16);
-        if (!domain || !bus || !slot || !function || *slot > 0x1f || *function > 7)
+        }
+        const auto domain = parse_number<uint32_t>(colons[0], 16);
+        const auto bus = parse_number<uint32_t>(colons[1], 16);
+        const auto slot = parse_number<uint32_t>(dots[0], 16);
+        const auto function = parse_number<uint32_t>(dots[1], 16);
+        if (!domain || !bus || !slot || !function || *slot > 0x1f || *function > 7) {
             refuse_value(value, wanted);
-        made_.device = pci_device{*domain, *bus, *slot << 3 | *function};
+        }
+        _made.device = pci_device{*domain, *bus, *slot << 3 | *function};
     }
 
     void read_range(std::string_view value) {
         const auto ends = split(value, '-');
         const auto first = parse_hex(ends.front());
         const auto last = parse_hex(ends.back());
-        if (ends.size() != 2 || !first || !last || *first > *last)
+        if (ends.size() != 2 || !first || !last || *first > *last) {
             refuse_value(value, "0xSTART-0xEND with START not above END");
-        made_.range_pa = {*first, *last};
+        }
+        _made.range_pa = {*first, *last};
     }
 
     void read_nth(std::string_view value) {
         const bool open_ended = value.ends_with('+');
         const auto ends = split(value.substr(0, value.size() - (open_ended ? 1 : 0)), '-');
-        const auto first = parse_number<std::uint64_t>(ends.front());
-        const auto last = parse_number<std::uint64_t>(ends.back());
-        if (ends.size() > (open_ended ? 1 : 2) || !first || !last || *first < 1 || *first > *last)
+        const auto first = parse_number<uint64_t>(ends.front());
+        const auto last = parse_number<uint64_t>(ends.back());
+        if (ends.size() > (open_ended ? 1 : 2) || !first || !last || *first < 1 || *first > *last) {
             refuse_value(value, "N, N+ or N-M, counted from 1");
-        made_.first_due = *first;
-        if (!open_ended)
-            made_.last_due = *last;
+        }
+        _made.first_due = *first;
+        if (!open_ended) {
+            _made.last_due = *last;
+        }
     }
 
     void read_errno(std::string_view value) {
@@ -167,90 +177,106 @@ class parser {
             refuse_value(value, "a name from errno.h or a number from 1 to " +
                                     std::to_string(largest_errno));
         }
-        made_.answer = refusal{*error};
+        _made.answer = refusal{*error};
     }
 
     void read_address(std::string_view value) {
         const auto pa = parse_hex(value);
-        if (!pa)
+        if (!pa) {
             refuse_value(value, "an address in hexadecimal such as 0x100000000");
-        made_.answer = handed_out_address{*pa};
+        }
+        _made.answer = handed_out_address{*pa};
     }
 
     void read_listing(std::string_view value) {
-        made_.answer = bent_listing{look_up(oddity_names, value)};
+        _made.answer = bent_listing{look_up(oddity_names, value)};
     }
 
     void read_short(std::string_view value) {
-        const auto bytes = parse_number<std::size_t>(value);
-        if (!bytes)
+        const auto bytes = parse_number<size_t>(value);
+        if (!bytes) {
             refuse_value(value, "a number of bytes");
-        made_.answer = short_write{*bytes};
+        }
+        _made.answer = short_write{*bytes};
     }
 
-    // Exactly one key says what to do, and some of them say to what.
+    /// Exactly one key says what to do, and some of them say to what.
     void settle_answer() {
         const auto answers = given("errno") + given("address") + given("listing") + given("short");
-        if (answers == 0)
+        if (answers == 0) {
             refuse("nothing to answer; add errno=, address=, listing= or short=");
-        if (answers > 1)
+        }
+        if (answers > 1) {
             refuse("errno, address, listing and short exclude each other; write two rules");
-        if (given("address"))
+        }
+        if (given("address")) {
             imply_op("address", rule_operation::allocate, "allocate");
-        if (given("listing"))
+        }
+        if (given("listing")) {
             imply_op("listing", rule_operation::open_read, "open-read");
+        }
     }
 
     void imply_op(const std::string& key, rule_operation op, const std::string& op_name) {
-        if (given("op") && made_.op != op)
+        if (given("op") && _made.op != op) {
             refuse(key + " goes with op=" + op_name + " only");
-        made_.op = op;
+        }
+        _made.op = op;
     }
 
     bool is_open_op() const {
-        return made_.op == rule_operation::open_read || made_.op == rule_operation::open_write;
+        return _made.op == rule_operation::open_read || _made.op == rule_operation::open_write;
     }
 
     void settle_moment() {
         if (is_open_op()) {
-            if (given("at") && made_.at != moment::open)
+            if (given("at") && _made.at != moment::open) {
                 refuse("op=open-read and op=open-write go with at=open only");
-            made_.at = moment::open;
+            }
+            _made.at = moment::open;
         }
-        if (made_.at != moment::write && (given("short") || given("address")))
+        if (_made.at != moment::write && (given("short") || given("address"))) {
             refuse("short and address go with at=write only");
-        const auto* const refused = std::get_if<refusal>(&made_.answer);
+        }
+        const auto* const refused = std::get_if<refusal>(&_made.answer);
         // FUSE takes ENOSYS there for "never ask again": later opens and closes would go unseen.
-        if (made_.at != moment::write && refused != nullptr && refused->error == ENOSYS)
+        if (_made.at != moment::write && refused != nullptr && refused->error == ENOSYS) {
             refuse("errno=ENOSYS goes with at=write only, the kernel keeps other ones to itself");
+        }
     }
 
     void imply_file(const std::string& because, driver_file file) {
-        if (made_.file && *made_.file != file) {
+        if (_made.file && *_made.file != file) {
             refuse(because + " goes with file=" +
                    std::string{file == driver_file::proc ? "proc" : "sysfs"} + " only");
         }
-        made_.file = file;
+        _made.file = file;
     }
 
     void settle_file() {
-        if (made_.op == rule_operation::map || made_.op == rule_operation::unmap)
+        if (_made.op == rule_operation::map || _made.op == rule_operation::unmap) {
             imply_file("op=map or op=unmap", driver_file::sysfs);
-        if (made_.op == rule_operation::allocate || made_.op == rule_operation::release)
+        }
+        if (_made.op == rule_operation::allocate || _made.op == rule_operation::release) {
             imply_file("op=allocate or op=release", driver_file::proc);
-        if (given("device") || given("range"))
+        }
+        if (given("device") || given("range")) {
             imply_file("device or range", driver_file::sysfs);
-        if (given("name"))
+        }
+        if (given("name")) {
             imply_file("name", driver_file::proc);
-        if (given("listing"))
+        }
+        if (given("listing")) {
             imply_file("listing", driver_file::proc);
+        }
     }
 
-    // At an open nothing has been written yet that these keys could look into.
+    /// At an open nothing has been written yet that these keys could look into.
     void check_request_keys() const {
-        if (made_.at != moment::open)
+        if (_made.at != moment::open) {
             return;
-        const bool asks_op = !is_open_op() && made_.op != rule_operation::any;
+        }
+        const bool asks_op = !is_open_op() && _made.op != rule_operation::any;
         const bool asks_name = given("name") && !given("listing");
         if (asks_op || asks_name || given("device") || given("range")) {
             refuse(
@@ -259,8 +285,8 @@ class parser {
         }
     }
 
-    rule made_;
-    std::vector<std::string_view> keys_;
+    rule _made;
+    std::vector<std::string_view> _keys;
 };
 
 } // namespace

@@ -1,29 +1,30 @@
 #include "run.hpp"
 
-#include <fcntl.h>
-#include <sys/socket.h>
-#include <sys/wait.h>
-
-#include <array>
-#include <cstdio>
-#include <cstdlib>
-
 #include "channel.hpp"
 #include "control.hpp"
 #include "failure.hpp"
 #include "server.hpp"
 #include "supervisor.hpp"
 
+#include <array>
+#include <cstdio>
+#include <cstdlib>
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+
 namespace sandbox {
 
 namespace {
 
 unique_fd open_log(const std::string& path) {
-    if (path.empty())
+    if (path.empty()) {
         return {};
+    }
     unique_fd log{::open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0666)};
-    if (!log)
+    if (!log) {
         throw failed_call("--log " + path + ": cannot open it; name a file in an existing folder");
+    }
     return log;
 }
 
@@ -31,16 +32,18 @@ control_socket open_control(const std::string& path) {
     return path.empty() ? control_socket{} : control_socket{path};
 }
 
-// Starts the sandbox's own process and returns the tool's connection to it.
+/// Starts the sandbox's own process and returns the tool's connection to it.
 unique_fd start_server(server_plan& plan) {
     std::array<int, 2> ends{-1, -1};
-    if (::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends.data()) != 0)
+    if (::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends.data()) != 0) {
         throw failed_call("cannot make a Unix socket");
+    }
     unique_fd own{ends[0]};
     plan.first_connection.reset(ends[1]);
     const pid_t child = ::fork();
-    if (child < 0)
+    if (child < 0) {
         throw failed_call("cannot start a process");
+    }
     if (child == 0) {
         own.reset();
         serve(std::move(plan));
@@ -53,17 +56,21 @@ unique_fd start_server(server_plan& plan) {
 }
 
 void report(const nlohmann::json& answer, bool list) {
-    if (answer.contains("error"))
+    if (answer.contains("error")) {
         throw failure{answer.value("error", "")};
-    if (!list)
+    }
+    if (!list) {
         return;
-    for (const auto& line : answer.value("rules", std::vector<std::string>{}))
+    }
+    for (const auto& line : answer.value("rules", std::vector<std::string>{})) {
         std::printf("%s\n", line.c_str());
+    }
 }
 
 [[noreturn]] void finish(const command_end& end) {
-    if (end.sandbox_died && WIFSIGNALED(end.wait_status))
+    if (end.sandbox_died && WIFSIGNALED(end.wait_status)) {
         throw failure{"the sandbox's own process was killed, and the command with it"};
+    }
     end_like(end.wait_status);
 }
 
@@ -77,8 +84,9 @@ void run(const run_options& wanted) {
                      {}};
     unique_fd connection = start_server(plan);
     const command_end end = supervise(std::move(connection), &wanted.played, wanted.command);
-    if (end.sandbox_died)
+    if (end.sandbox_died) {
         plan.control.remove();
+    }
     finish(end);
 }
 
@@ -91,8 +99,9 @@ void change_rules(const rule_options& wanted) {
     send_message(connection.get(),
                  {{"request", "rules"}, {"clear", wanted.clear}, {"add", wanted.rules}});
     const auto answer = receive_message(connection.get());
-    if (!answer)
+    if (!answer) {
         throw failure{"--control " + wanted.control_path + ": the sandbox has ended"};
+    }
     report(answer->body, wanted.list);
 }
 

@@ -1,8 +1,5 @@
 #pragma once
 
-#include <list>
-#include <memory>
-
 #include "channel.hpp"
 #include "control.hpp"
 #include "driver.hpp"
@@ -10,37 +7,40 @@
 #include "namespaces.hpp"
 #include "proc_view.hpp"
 
+#include <list>
+#include <memory>
+
 namespace sandbox {
 
-// Everything the sandbox's own process needs, made by the tool before it starts that process.
+/// Everything the sandbox's own process needs, made by the tool before it starts that process.
 struct server_plan {
     world played;
     std::vector<rule> rules;
     unique_fd log;
     control_socket control;
-    // The tool's own connection: the first command comes through it.
+    /// The tool's own connection: the first command comes through it.
     unique_fd first_connection;
 };
 
-// The process behind a sandbox: answers the driver's files, lets commands in, takes rules, and
-// ends with the last command. One thread, so that the log has one order.
+/// The process behind a sandbox: answers the driver's files, lets commands in, takes rules, and
+/// ends with the last command. One thread, so that the log has one order.
 class server {
   public:
-    // Takes what it needs out of the plan, the connection last. Throws failure.
+    /// Takes what it needs out of the plan, the connection last. Throws failure.
     explicit server(server_plan& plan);
 
-    // Returns when the last command has ended and everything is gone.
+    /// Returns when the last command has ended and everything is gone.
     void run();
 
   private:
-    // A tool at the other end, and the command it has in the sandbox, if any.
+    /// A tool at the other end, and the command it has in the sandbox, if any.
     struct connection {
         unique_fd socket;
         unique_fd command;
-        // The sandbox goes on as long as there is a command, or the first one has yet to come.
+        /// The sandbox goes on as long as there is a command, or the first one has yet to come.
         bool keeps_alive = false;
         bool command_ended = false;
-        // Open all the same: its end tells the tool that we are done.
+        /// Open all the same: its end tells the tool that we are done.
         bool hung_up = false;
     };
     using connections = std::list<connection>;
@@ -55,19 +55,19 @@ class server {
     void welcome(connection& from, message& received);
     nlohmann::json change_rules(const nlohmann::json& wanted);
 
-    world played_;
-    driver driver_;
-    control_socket& control_;
-    bool accepts_ = false;
-    proc_view real_proc_;
-    sysfs_view real_sysfs_;
-    unique_fd real_proc_mount_;
-    namespaces namespaces_;
-    file_system files_;
-    connections connections_;
+    world _played;
+    driver _driver;
+    control_socket& _control;
+    bool _accepts = false;
+    proc_view _real_proc;
+    sysfs_view _real_sysfs;
+    unique_fd _real_proc_mount;
+    namespaces _namespaces;
+    file_system _files;
+    connections _connections;
 };
 
-// The whole life of the sandbox's own process: what goes wrong is told to the first connection.
+/// The whole life of the sandbox's own process: what goes wrong is told to the first connection.
 void serve(server_plan plan);
 
 } // namespace sandbox

@@ -1,9 +1,9 @@
 #include "sysfs_view.hpp"
 
+#include "failure.hpp"
+
 #include <filesystem>
 #include <system_error>
-
-#include "failure.hpp"
 
 namespace sandbox {
 
@@ -20,15 +20,15 @@ sysfs_view::sysfs_view() {
             continue;
         }
         const bool is_link = kind == std::filesystem::file_type::symlink;
-        entries_.push_back({name, kind == std::filesystem::file_type::directory,
+        _entries.push_back({name, kind == std::filesystem::file_type::directory,
                             is_link ? std::filesystem::read_symlink(found.path(), error).string()
                                     : std::string{hidden_folder} + "/" + name});
     }
 }
 
-std::optional<std::uint64_t> sysfs_view::find(std::string_view name) const {
-    for (std::size_t i = 0; i < entries_.size(); ++i) {
-        if (entries_[i].name == name) {
+std::optional<uint64_t> sysfs_view::find(std::string_view name) const {
+    for (size_t i = 0; i < _entries.size(); ++i) {
+        if (_entries[i].name == name) {
             return first_number + i;
         }
     }
@@ -37,7 +37,7 @@ std::optional<std::uint64_t> sysfs_view::find(std::string_view name) const {
 
 std::vector<std::string> sysfs_view::names() const {
     std::vector<std::string> all;
-    for (const entry& each : entries_) {
+    for (const entry& each : _entries) {
         all.push_back(each.name);
     }
     return all;

@@ -9,19 +9,21 @@ std::vector<std::string_view> split(std::string_view text, char separator) {
     for (;;) {
         const auto at = text.find(separator);
         parts.push_back(text.substr(0, at));
-        if (at == std::string_view::npos)
+        if (at == std::string_view::npos) {
             return parts;
+        }
         text.remove_prefix(at + 1);
     }
 }
 
-std::optional<std::uint64_t> parse_hex(std::string_view text) {
-    if (text.starts_with("0x"))
+std::optional<uint64_t> parse_hex(std::string_view text) {
+    if (text.starts_with("0x")) {
         text.remove_prefix(2);
-    return parse_number<std::uint64_t>(text, 16);
+    }
+    return parse_number<uint64_t>(text, 16);
 }
 
-std::string to_hex(std::uint64_t value) {
+std::string to_hex(uint64_t value) {
     std::array<char, 16> digits{};
     const auto end = std::to_chars(digits.data(), digits.data() + digits.size(), value, 16).ptr;
     return {digits.data(), end};
@@ -44,7 +46,7 @@ char escaped(char letter) {
 
 std::string unescape(std::string_view text) {
     std::string plain;
-    for (std::size_t i = 0; i < text.size(); ++i) {
+    for (size_t i = 0; i < text.size(); ++i) {
         if (text[i] == '\\' && i + 1 < text.size()) {
             plain += escaped(text[++i]);
         } else {

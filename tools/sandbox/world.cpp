@@ -1,18 +1,18 @@
 #include "world.hpp"
 
-#include <array>
-#include <utility>
-
 #include "failure.hpp"
 #include "text.hpp"
+
+#include <array>
+#include <utility>
 
 namespace sandbox {
 
 namespace {
 
-// /dev/mem is a sparse file that reaches to the region's end; no file system here holds a larger
-// one than this, and no processor of today has more physical address bits.
-constexpr std::uint64_t largest_pa = (std::uint64_t{1} << 52) - 1;
+/// /dev/mem is a sparse file that reaches to the region's end; no file system here holds a larger
+/// one than this, and no processor of today has more physical address bits.
+constexpr uint64_t largest_pa = (uint64_t{1} << 52) - 1;
 
 struct world_name {
     std::string_view name;
@@ -41,12 +41,14 @@ bool is_usable(const region& wanted) {
 
 std::optional<region> region_of_line(std::string_view line) {
     const auto fields = split(line.substr(0, line.find('\n')), '\t');
-    if (fields.size() != 4)
+    if (fields.size() != 4) {
         return std::nullopt;
+    }
     const auto first = parse_hex(fields[0]);
     const auto last = parse_hex(fields[1]);
-    if (!first || !last)
+    if (!first || !last) {
         return std::nullopt;
+    }
     region found{*first, *last, std::string{fields[3]}};
     return is_usable(found) ? std::optional{found} : std::nullopt;
 }
@@ -55,12 +57,14 @@ std::optional<region> region_of_line(std::string_view line) {
 
 world named_world(std::string_view name) {
     for (const auto& known : world_names) {
-        if (known.name != name)
+        if (known.name != name) {
             continue;
+        }
         world made;
         made.simulation = known.region.empty();
-        if (!made.simulation)
+        if (!made.simulation) {
             set_region(made, parse_region(known.region));
+        }
         return made;
     }
     throw failure{"--world " + std::string{name} +
@@ -89,8 +93,9 @@ region parse_region(std::string_view text) {
 
 item parse_item(std::string_view name) {
     for (const auto& [known, meaning] : item_names) {
-        if (known == name)
+        if (known == name) {
             return meaning;
+        }
     }
     throw failure{"--without " + std::string{name} +
                   ": no such item; choose proc, sysfs, mem, shmem or lockdir"};
@@ -104,10 +109,12 @@ void set_region(world& changed, const region& wanted) {
 
 void set_region_line(world& changed, std::string_view text) {
     changed.region_line = unescape(text);
-    if (!changed.region_line.ends_with('\n'))
+    if (!changed.region_line.ends_with('\n')) {
         changed.region_line += '\n';
-    if (const auto found = region_of_line(changed.region_line))
+    }
+    if (const auto found = region_of_line(changed.region_line)) {
         changed.region = found;
+    }
 }
 
 } // namespace sandbox

@@ -1,46 +1,47 @@
 #include "world_mounts.hpp"
 
-#include <fcntl.h>
-#include <sys/mount.h>
-#include <sys/stat.h>
-
-#include <set>
-#include <string>
-
 #include "failure.hpp"
 #include "file_system.hpp"
 #include "proc_view.hpp"
 #include "shadow.hpp"
 #include "sysfs_view.hpp"
 
+#include <fcntl.h>
+#include <set>
+#include <string>
+#include <sys/mount.h>
+#include <sys/stat.h>
+
 namespace sandbox {
 
 namespace {
 
-// /var/tmp is anybody's; the other folders are root's.
+/// /var/tmp is anybody's; the other folders are root's.
 constexpr mode_t public_folder_mode = 01777;
 constexpr mode_t private_folder_mode = 0755;
 
-// A folder on the host that keeps part of the state, opened before /var is covered: it may lie
-// there. Empty where nothing is kept.
+/// A folder on the host that keeps part of the state, opened before /var is covered: it may lie
+/// there. Empty where nothing is kept.
 class kept_state {
   public:
     explicit kept_state(const std::string& folder) {
-        if (folder.empty())
+        if (folder.empty()) {
             return;
+        }
         make_if_missing(folder, private_folder_mode);
-        folder_.reset(::open(folder.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
-        if (!folder_)
+        _folder.reset(::open(folder.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+        if (!_folder) {
             throw failed_call("--state " + folder + ": cannot open it; name a folder");
+        }
     }
 
-    explicit operator bool() const { return static_cast<bool>(folder_); }
+    explicit operator bool() const { return static_cast<bool>(_folder); }
 
     std::string path(const std::string& name) const {
-        return "/proc/self/fd/" + std::to_string(folder_.get()) + "/" + name;
+        return "/proc/self/fd/" + std::to_string(_folder.get()) + "/" + name;
     }
 
-    // What was kept by an earlier run is left as it is.
+    /// What was kept by an earlier run is left as it is.
     static void make_if_missing(const std::string& folder, mode_t mode) {
         if (::mkdir(folder.c_str(), mode) == 0) {
             ::chmod(folder.c_str(), mode);
@@ -50,13 +51,14 @@ class kept_state {
     }
 
   private:
-    unique_fd folder_;
+    unique_fd _folder;
 };
 
 void show_real_proc(const unique_fd& real_proc) {
     const std::string hidden = "/proc/" + std::string{proc_view::hidden_folder};
-    if (::move_mount(real_proc.get(), "", AT_FDCWD, hidden.c_str(), MOVE_MOUNT_F_EMPTY_PATH) != 0)
+    if (::move_mount(real_proc.get(), "", AT_FDCWD, hidden.c_str(), MOVE_MOUNT_F_EMPTY_PATH) != 0) {
         throw failed_call("cannot show the real /proc");
+    }
 }
 
 void make_state_folder(const kept_state& state, const std::string& name, const std::string& target,
@@ -69,12 +71,13 @@ void make_state_folder(const kept_state& state, const std::string& name, const s
     bind_folder(state.path(name), target);
 }
 
-// A sparse file whose offsets are physical addresses; never made shorter than it was.
-void make_mem_file(const std::string& path, std::uint64_t last_pa) {
+/// A sparse file whose offsets are physical addresses; never made shorter than it was.
+void make_mem_file(const std::string& path, uint64_t last_pa) {
     const unique_fd file{::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600)};
     struct stat found {};
-    if (!file || ::fstat(file.get(), &found) != 0)
+    if (!file || ::fstat(file.get(), &found) != 0) {
         throw failed_call("cannot make the file behind /dev/mem");
+    }
     const auto length = static_cast<off_t>(last_pa + 1);
     if (found.st_size < length && ::ftruncate(file.get(), length) != 0) {
         throw failed_call("--region: no sparse file behind /dev/mem reaches to its end; choose a "
@@ -84,8 +87,9 @@ void make_mem_file(const std::string& path, std::uint64_t last_pa) {
 
 void build_dev(const world& played, const kept_state& state) {
     shadow_folder("/dev", {"mem"});
-    if (!played.has_mem_file())
+    if (!played.has_mem_file()) {
         return;
+    }
     if (!state) {
         make_mem_file("/dev/mem", played.region->last_pa);
         return;
@@ -94,16 +98,18 @@ void build_dev(const world& played, const kept_state& state) {
     bind_file(state.path("mem"), "/dev/mem");
 }
 
-// /var/lock is a link on many machines; here it is a folder, so that what it leads to stays as it
-// is.
+/// /var/lock is a link on many machines; here it is a folder, so that what it leads to stays as it
+/// is.
 void build_var(const world& played, const kept_state& state) {
     shadow_folder("/var", {"tmp", "shmem", "lock"});
     make_state_folder(state, "tmp", "/var/tmp", public_folder_mode);
-    if (played.has(item::shmem))
+    if (played.has(item::shmem)) {
         make_state_folder(state, "shmem", "/var/shmem", private_folder_mode);
+    }
     make_folder("/var/lock", public_folder_mode);
-    if (played.has(item::lockdir))
+    if (played.has(item::lockdir)) {
         make_state_folder(state, "subsys", "/var/lock/subsys", private_folder_mode);
+    }
 }
 
 } // namespace

@@ -5,9 +5,9 @@
 
 namespace sandbox {
 
-// Lays out the world in the mount namespace in which this process is, where the FUSE file system
-// already covers /proc and is being answered by another process. real_proc is what it covers.
-// Throws failure.
+/// Lays out the world in the mount namespace in which this process is, where the FUSE file system
+/// already covers /proc and is being answered by another process. real_proc is what it covers.
+/// Throws failure.
 void build_world(const world& played, const unique_fd& real_proc);
 
 } // namespace sandbox

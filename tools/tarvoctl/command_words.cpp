@@ -43,13 +43,14 @@ void add_seconds(CLI::App& parser, const seconds_option& wanted) {
     parser.add_option_function<std::string>(wanted.name, take, wanted.about)->type_name("SECONDS");
 }
 
-/// A value that is a text. An empty one would pass for one that is left out, and is mostly that of a
-/// variable which is not set.
+/// A value that is a text. An empty one would pass for one that is left out, and is mostly that of
+/// a variable which is not set.
 CLI::Option* add_text(CLI::App& parser, const std::string& names, std::string& to,
                       const std::string& about, const char* way_out) {
     return parser.add_option(names, to, about)->check([names, way_out](const std::string& value) {
-        if (value.empty())
+        if (value.empty()) {
             throw failure{exit_status::usage, fmt::format("{} is empty; {}", names, way_out)};
+        }
         return std::string{};
     });
 }
@@ -64,21 +65,21 @@ std::chrono::milliseconds whole_milliseconds(seconds time) {
 } // namespace
 
 void command_words::word(const std::string& title, std::string& to, const std::string& about) {
-    add_text(*parser_, title, to, about, give_one)->required();
+    add_text(*_parser, title, to, about, give_one)->required();
 }
 
 void command_words::optional_word(const std::string& title, std::string& to,
                                   const std::string& about) {
-    add_text(*parser_, title, to, about, give_one_or_none);
+    add_text(*_parser, title, to, about, give_one_or_none);
 }
 
 void command_words::flag(const std::string& names, bool& to, const std::string& about) {
-    parser_->add_flag(names, to, about);
+    _parser->add_flag(names, to, about);
 }
 
 void command_words::option(const std::string& names, const std::string& title, std::string& to,
                            const std::string& about) {
-    add_text(*parser_, names, to, about, give_one_or_none)->type_name(title);
+    add_text(*_parser, names, to, about, give_one_or_none)->type_name(title);
 }
 
 void command_words::choice(const std::string& names, const std::string& title,
@@ -91,22 +92,22 @@ void command_words::choice(const std::string& names, const std::string& title,
         }
         return std::string{};
     };
-    parser_->add_option(names, to, about)
+    _parser->add_option(names, to, about)
         ->check(check)
         ->type_name(fmt::format("{}:{{{}}}", title, fmt::join(values, ",")));
 }
 
 void command_words::list(const std::string& names, const std::string& title,
                          std::vector<std::string>& to, const std::string& about) {
-    parser_->add_option(names, to, about)->delimiter(',')->type_name(title);
+    _parser->add_option(names, to, about)->delimiter(',')->type_name(title);
 }
 
 void command_words::footer(const std::string& text) {
-    parser_->footer(text);
+    _parser->footer(text);
 }
 
 void command_words::exclude(const std::string& one, const std::string& other) {
-    parser_->get_option(one)->excludes(parser_->get_option(other));
+    _parser->get_option(one)->excludes(_parser->get_option(other));
 }
 
 void command_words::source(area_source& source) {
@@ -118,7 +119,7 @@ void command_words::source(area_source& source) {
 void command_words::live(area_source& source) {
     timeout(source.timeout);
     source.lock = lock_use::offered;
-    parser_->add_flag_callback(
+    _parser->add_flag_callback(
         "--no-lock", [&source] { source.lock = lock_use::none; },
         "do not wait: read without the lock, until two readings are alike");
 }
@@ -126,7 +127,7 @@ void command_words::live(area_source& source) {
 void command_words::timeout(std::chrono::milliseconds& timeout) {
     const std::string about =
         fmt::format("longest wait for the lock, in seconds; default {}", seconds{timeout}.count());
-    add_seconds(*parser_, {"--timeout", about, 0, std::numeric_limits<double>::infinity(),
+    add_seconds(*_parser, {"--timeout", about, 0, std::numeric_limits<double>::infinity(),
                            "a number of seconds, 0 or more", [&timeout](seconds wanted) {
                                timeout =
                                    whole_milliseconds(std::min(wanted, seconds{longest_timeout}));
@@ -136,14 +137,14 @@ void command_words::timeout(std::chrono::milliseconds& timeout) {
 void command_words::interval(std::chrono::milliseconds& interval) {
     constexpr double shortest = 0.01;
     constexpr double longest = 86400;
-    add_seconds(*parser_, {"--interval", "time between two looks, in seconds; default 1", shortest,
+    add_seconds(*_parser, {"--interval", "time between two looks, in seconds; default 1", shortest,
                            longest, "0.01 to 86400 seconds",
                            [&interval](seconds wanted) { interval = whole_milliseconds(wanted); }});
 }
 
 void command_words::json(bool& json) {
     const auto layout = std::make_shared<std::string>();
-    parser_->add_flag("--json", *layout, "for programs; --json=compact: a document a line")
+    _parser->add_flag("--json", *layout, "for programs; --json=compact: a document a line")
         ->each([&json, layout](const std::string& value) {
             if (value != "true" && value != compact_json) {
                 throw failure{

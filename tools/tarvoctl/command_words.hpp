@@ -22,7 +22,7 @@ inline constexpr const char* compact_json = "compact";
 /// The parser's own header stays behind this one: it takes longer to compile than any command.
 class command_words {
   public:
-    explicit command_words(CLI::App& parser) : parser_{&parser} {}
+    explicit command_words(CLI::App& parser) : _parser{&parser} {}
 
     void word(const std::string& title, std::string& to, const std::string& about);
     void optional_word(const std::string& title, std::string& to, const std::string& about);
@@ -53,7 +53,7 @@ class command_words {
     void json(bool& json);
 
   private:
-    CLI::App* parser_;
+    CLI::App* _parser;
 };
 
 } // namespace tarvoctl

@@ -12,12 +12,12 @@ namespace tarvoctl {
 class failure : public std::runtime_error {
   public:
     failure(exit_status status, const std::string& text)
-        : std::runtime_error{text}, status_{status} {}
+        : std::runtime_error{text}, _status{status} {}
 
-    exit_status status() const { return status_; }
+    exit_status status() const { return _status; }
 
   private:
-    exit_status status_;
+    exit_status _status;
 };
 
 /// What the system says of an error number, such as "Permission denied".

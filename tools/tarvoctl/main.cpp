@@ -12,8 +12,10 @@ namespace {
 void occupy_closed_descriptors() {
     constexpr int ways[] = {O_WRONLY, O_RDONLY, O_WRONLY};
     for (const int descriptor : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
-        if (::fcntl(descriptor, F_GETFD) == -1) // the lowest free number, so open() gives that one
+        if (::fcntl(descriptor, F_GETFD) ==
+            -1) { // the lowest free number, so open() gives that one
             static_cast<void>(::open("/dev/null", ways[descriptor]));
+        }
     }
 }
 

@@ -29,55 +29,59 @@ int status_number(exit_status status) {
 std::optional<json_layout> json_asked_for(const std::vector<std::string>& words) {
     constexpr std::string_view option = "--json";
     for (const auto& word : words) {
-        if (word == "--")
+        if (word == "--") {
             break;
-        if (word == fmt::format("{}={}", option, compact_json))
+        }
+        if (word == fmt::format("{}={}", option, compact_json)) {
             return json_layout::compact;
-        if (word == option || word.starts_with(fmt::format("{}=", option)))
+        }
+        if (word == option || word.starts_with(fmt::format("{}=", option))) {
             return json_layout::readable;
+        }
     }
     return std::nullopt;
 }
 
 } // namespace
 
-program::program() : parser_{std::make_unique<CLI::App>(purpose, "tarvoctl")} {
-    parser_->require_subcommand(1);
-    parser_->set_version_flag("--version", "tarvoctl " TARVOCTL_VERSION);
-    parser_->footer("'tarvoctl COMMAND --help' lists the options; tarvoctl(1) has the details.");
+program::program() : _parser{std::make_unique<CLI::App>(purpose, "tarvoctl")} {
+    _parser->require_subcommand(1);
+    _parser->set_version_flag("--version", "tarvoctl " TARVOCTL_VERSION);
+    _parser->footer("'tarvoctl COMMAND --help' lists the options; tarvoctl(1) has the details.");
 }
 
 program::~program() = default;
 
 command_words program::add(const std::string& name, const std::string& about,
                            const std::string& group, action run) {
-    CLI::App* const command = parser_->add_subcommand(name, about)->group(group);
-    command->callback([this, run = std::move(run)] { chosen_ = run; });
+    CLI::App* const command = _parser->add_subcommand(name, about)->group(group);
+    command->callback([this, run = std::move(run)] { _chosen = run; });
     return command_words{*command};
 }
 
 exit_status program::parse_and_carry_out(int argc, char** argv) {
     try {
-        parser_->parse(argc, argv);
+        _parser->parse(argc, argv);
     } catch (const CLI::ParseError& wrong) {
         if (wrong.get_exit_code() == 0) { // help or version
-            parser_->exit(wrong);
+            _parser->exit(wrong);
             return exit_status::good;
         }
-        throw failure{exit_status::usage, usage_text(*parser_, wrong)};
+        throw failure{exit_status::usage, usage_text(*_parser, wrong)};
     }
-    return chosen_();
+    return _chosen();
 }
 
 std::string program::chosen_name() const {
-    const auto chosen = parser_->get_subcommands();
+    const auto chosen = _parser->get_subcommands();
     return chosen.empty() ? "" : chosen.front()->get_name();
 }
 
 int program::run(int argc, char** argv) {
     const auto layout = json_asked_for({argv, argv + argc});
-    if (layout)
+    if (layout) {
         lay_json_out(*layout);
+    }
     const auto tell = [&](const std::exception& wrong, exit_status status) {
         // Where this cannot be written, the status alone tells.
         if (layout) {

@@ -40,8 +40,8 @@ class program {
     /// The command that was parsed; empty where there is none.
     std::string chosen_name() const;
 
-    std::unique_ptr<CLI::App> parser_;
-    action chosen_;
+    std::unique_ptr<CLI::App> _parser;
+    action _chosen;
 };
 
 /// The headings.

@@ -13,7 +13,7 @@ namespace {
 using std::chrono::system_clock;
 
 constexpr std::array unit_names{"KiB", "MiB", "GiB"};
-constexpr std::size_t unit_bits = 10; // from each to the next
+constexpr size_t unit_bits = 10; // from each to the next
 
 std::tm local_time(system_clock::time_point when) {
     return fmt::localtime(system_clock::to_time_t(when));
@@ -27,7 +27,7 @@ std::string zone_text(const std::tm& local) {
 
 } // namespace
 
-// Ten digits are a terabyte, which is more than the machines have that the library is made for.
+/// Ten digits are a terabyte, which is more than the machines have that the library is made for.
 std::string pa_text(uint64_t pa) {
     return fmt::format("{:#012x}", pa);
 }
@@ -44,12 +44,12 @@ std::string size_text(uint64_t bytes) {
     return size_text(bytes, common_unit({&bytes, 1}));
 }
 
-std::string size_text(uint64_t bytes, std::size_t unit) {
+std::string size_text(uint64_t bytes, size_t unit) {
     return unit == 0 ? counted(bytes, "byte")
                      : fmt::format("{} {}", bytes >> unit * unit_bits, unit_names[unit - 1]);
 }
 
-std::size_t common_unit(std::span<const uint64_t> sizes) {
+size_t common_unit(std::span<const uint64_t> sizes) {
     uint64_t all_bits = 0; // whose lowest one decides
     for (const uint64_t bytes : sizes) {
         all_bits |= bytes;
@@ -57,7 +57,7 @@ std::size_t common_unit(std::span<const uint64_t> sizes) {
     if (all_bits == 0) {
         return 0;
     }
-    const auto whole = static_cast<std::size_t>(std::countr_zero(all_bits)) / unit_bits;
+    const auto whole = static_cast<size_t>(std::countr_zero(all_bits)) / unit_bits;
     return std::min(whole, unit_names.size());
 }
 

@@ -24,13 +24,14 @@ std::string pa_range(uint64_t first_pa, uint64_t end_pa);
 /// Nothing is rounded: in the largest unit of which it is a whole number. "64 KiB", "100 bytes".
 std::string size_text(uint64_t bytes);
 /// The same in a given unit: bytes, KiB, MiB or GiB by number, of which it must be a whole number.
-std::string size_text(uint64_t bytes, std::size_t unit);
+std::string size_text(uint64_t bytes, size_t unit);
 /// The largest unit of which each is a whole number.
-std::size_t common_unit(std::span<const uint64_t> sizes);
-/// Sizes of one sentence, so that they compare: in the largest unit of which each is a whole number.
-template <std::size_t count>
+size_t common_unit(std::span<const uint64_t> sizes);
+/// Sizes of one sentence, so that they compare: in the largest unit of which each is a whole
+/// number.
+template <size_t count>
 std::array<std::string, count> size_texts(const std::array<uint64_t, count>& sizes) {
-    const std::size_t unit = common_unit(sizes);
+    const size_t unit = common_unit(sizes);
     std::array<std::string, count> texts;
     std::transform(sizes.begin(), sizes.end(), texts.begin(),
                    [unit](uint64_t bytes) { return size_text(bytes, unit); });

@@ -18,7 +18,7 @@ struct letter {
 /// Of a text that is not empty. Where it is not UTF-8, any code.
 letter first_letter(std::string_view text) {
     const auto lead = static_cast<unsigned char>(text.front());
-    const std::size_t bytes = lead < 0xc0 ? 1 : lead < 0xe0 ? 2 : lead < 0xf0 ? 3 : 4;
+    const size_t bytes = lead < 0xc0 ? 1 : lead < 0xe0 ? 2 : lead < 0xf0 ? 3 : 4;
     const std::string_view own = text.substr(0, bytes);
     char32_t code = bytes == 1 ? lead : lead & (0x7fU >> bytes);
     for (const char each : own.substr(1)) {
@@ -45,7 +45,7 @@ bool is_formless(char32_t code) {
 }
 
 /// By the C library's table, whatever the user's locale is.
-std::size_t width_of(char32_t code) {
+size_t width_of(char32_t code) {
     static const locale_t utf8 = ::newlocale(LC_CTYPE_MASK, "C.UTF-8", nullptr);
     if (code < 0x80 || utf8 == nullptr) {
         return 1;
@@ -53,7 +53,7 @@ std::size_t width_of(char32_t code) {
     const locale_t before = ::uselocale(utf8);
     const int columns = ::wcwidth(static_cast<wchar_t>(code));
     ::uselocale(before);
-    return columns < 0 ? 1 : static_cast<std::size_t>(columns);
+    return columns < 0 ? 1 : static_cast<size_t>(columns);
 }
 
 } // namespace
@@ -105,8 +105,8 @@ std::string shown_name(std::string_view text) {
     return text.empty() ? "\"\"" : shown(text);
 }
 
-std::size_t width_of(std::string_view text) {
-    std::size_t width = 0;
+size_t width_of(std::string_view text) {
+    size_t width = 0;
     while (!text.empty()) {
         const letter next = first_letter(text);
         width += width_of(next.code);
@@ -115,9 +115,9 @@ std::size_t width_of(std::string_view text) {
     return width;
 }
 
-std::string cut_to_width(const std::string& text, std::size_t width) {
-    std::size_t columns = 0;
-    for (std::size_t at = 0; at < text.size();) {
+std::string cut_to_width(const std::string& text, size_t width) {
+    size_t columns = 0;
+    for (size_t at = 0; at < text.size();) {
         const letter next = first_letter(std::string_view{text}.substr(at));
         columns += width_of(next.code);
         if (columns > width) {

@@ -17,13 +17,13 @@ std::string shown(std::string_view text);
 std::string shown_name(std::string_view text);
 
 /// How many columns of a terminal a UTF-8 text takes.
-std::size_t width_of(std::string_view text);
+size_t width_of(std::string_view text);
 
 /// The beginning of a text that is wider than that.
-std::string cut_to_width(const std::string& text, std::size_t width);
+std::string cut_to_width(const std::string& text, size_t width);
 
-/// The same as one word of a shell's command line, between double quotes where it has to be, so that
-/// single ones can stand around the command.
+/// The same as one word of a shell's command line, between double quotes where it has to be, so
+/// that single ones can stand around the command.
 std::string shell_word(std::string_view text);
 
 } // namespace tarvoctl

@@ -37,19 +37,20 @@ struct chunk_pair {
 class former_chunks {
   public:
     explicit former_chunks(const picture& before) {
-        for (const auto& chunk : before.chunks)
-            by_place_.emplace(std::pair{std::string_view{chunk.name}, chunk.pa}, &chunk);
+        for (const auto& chunk : before.chunks) {
+            _by_place.emplace(std::pair{std::string_view{chunk.name}, chunk.pa}, &chunk);
+        }
     }
 
     const chunk_record* take_at_same_place(const chunk_record& chunk) {
-        const auto found = by_place_.find({chunk.name, chunk.pa});
-        return found == by_place_.end() ? nullptr : take(found);
+        const auto found = _by_place.find({chunk.name, chunk.pa});
+        return found == _by_place.end() ? nullptr : take(found);
     }
 
     /// Once every chunk has asked for the one at its place.
     const chunk_record* take_by_name(const chunk_record& chunk) {
-        const auto found = by_place_.lower_bound({chunk.name, 0});
-        const bool same_name = found != by_place_.end() && found->first.first == chunk.name;
+        const auto found = _by_place.lower_bound({chunk.name, 0});
+        const bool same_name = found != _by_place.end() && found->first.first == chunk.name;
         return same_name ? take(found) : nullptr;
     }
 
@@ -59,11 +60,11 @@ class former_chunks {
 
     const chunk_record* take(places::iterator found) {
         const chunk_record* const taken = found->second;
-        by_place_.erase(found);
+        _by_place.erase(found);
         return taken;
     }
 
-    places by_place_;
+    places _by_place;
 };
 
 /// The devices of two pictures, each under a number that is the same in both: its position among
@@ -72,69 +73,70 @@ class common_devices {
   public:
     common_devices(const picture& before, const picture& after) {
         for (const auto* records : {&before, &after}) {
-            for (const auto& device : records->devices)
-                positions_.try_emplace(name_of(device), positions_.size());
+            for (const auto& device : records->devices) {
+                _positions.try_emplace(name_of(device), _positions.size());
+            }
         }
     }
 
-    std::size_t position_of(const device_record& device) const {
-        return positions_.at(name_of(device));
-    }
+    size_t position_of(const device_record& device) const { return _positions.at(name_of(device)); }
 
   private:
-    std::map<device_name, std::size_t> positions_;
+    std::map<device_name, size_t> _positions;
 };
 
 /// A picture's devices by element number. References are looked at by the million, so that none of
 /// them must cost a search.
 class device_index {
   public:
-    static constexpr std::size_t no_device = SIZE_MAX;
+    static constexpr size_t no_device = SIZE_MAX;
 
     device_index(const picture& records, const common_devices& common)
-        : positions_(device_capacity, no_device) {
-        for (const auto& device : records.devices)
-            positions_.at(static_cast<std::size_t>(device.index)) = common.position_of(device);
+        : _positions(device_capacity, no_device) {
+        for (const auto& device : records.devices) {
+            _positions.at(static_cast<size_t>(device.index)) = common.position_of(device);
+        }
     }
 
     /// The device's common position; no_device where none is registered under that number.
-    std::size_t at(int index) const {
-        return index >= 0 && index < device_capacity ? positions_[static_cast<std::size_t>(index)]
+    size_t at(int index) const {
+        return index >= 0 && index < device_capacity ? _positions[static_cast<size_t>(index)]
                                                      : no_device;
     }
 
   private:
-    std::vector<std::size_t> positions_;
+    std::vector<size_t> _positions;
 };
 
 /// What one chunk refers to in one picture, as sets.
 class reference_set {
   public:
     reference_set(const std::vector<int>& references, const device_index& devices)
-        : devices_{devices}, numbers_{references} {
-        std::sort(numbers_.begin(), numbers_.end());
+        : _devices{devices}, _numbers{references} {
+        std::sort(_numbers.begin(), _numbers.end());
         for (const int index : references) {
-            if (devices.at(index) != device_index::no_device)
-                positions_.set(devices.at(index));
+            if (devices.at(index) != device_index::no_device) {
+                _positions.set(devices.at(index));
+            }
         }
     }
 
-    bool has_device(std::size_t position) const { return positions_[position]; }
+    bool has_device(size_t position) const { return _positions[position]; }
     /// A reference by that number, whatever is registered under it.
     bool has_number(int index) const {
-        return std::binary_search(numbers_.begin(), numbers_.end(), index);
+        return std::binary_search(_numbers.begin(), _numbers.end(), index);
     }
     /// A reference by a number that no device has.
     bool has_bare_number(int index) const {
-        return devices_.at(index) == device_index::no_device && has_number(index);
+        return _devices.at(index) == device_index::no_device && has_number(index);
     }
 
   private:
-    static constexpr std::size_t most_positions = std::size_t{2} * device_capacity;
+    static constexpr size_t most_positions = size_t{2} * device_capacity;
 
-    const device_index& devices_;
-    std::vector<int> numbers_;
-    std::bitset<most_positions> positions_;
+    const device_index& _devices;
+    std::vector<int> _numbers;
+    std::bitset<most_positions> _positions;
 };
 
 bool same_device(const device_record& a, const device_record& b) {
@@ -151,8 +153,9 @@ std::vector<chunk_pair> pairs_of(const picture& before, const picture& after) {
     former_chunks former{before};
     std::vector<chunk_pair> pairs;
     pairs.reserve(after.chunks.size());
-    for (const auto& chunk : after.chunks)
+    for (const auto& chunk : after.chunks) {
         pairs.push_back({former.take_at_same_place(chunk), &chunk});
+    }
     for (auto& pair : pairs) {
         if (pair.before == nullptr) {
             pair.before = former.take_by_name(*pair.after);
@@ -169,83 +172,92 @@ chunk_record without_devices(const chunk_record& chunk) {
 class comparison {
   public:
     comparison(const picture& before, const picture& after)
-        : before_{before}, after_{after}, common_{before, after}, index_before_{before, common_},
-          index_after_{after, common_}, same_devices_{
+        : _before{before}, _after{after}, _common{before, after}, _index_before{before, _common},
+          _index_after{after, _common}, _same_devices{
                                             std::equal(before.devices.begin(), before.devices.end(),
                                                        after.devices.begin(), after.devices.end(),
                                                        same_device)} {}
 
     std::vector<change> take() {
-        const auto pairs = pairs_of(before_, after_);
+        const auto pairs = pairs_of(_before, _after);
         add_freed(pairs);
         add_devices();
-        for (const auto& pair : pairs)
+        for (const auto& pair : pairs) {
             add_chunk(pair);
-        add_unlisted(change_kind::unmapped, unlisted_unmapped_);
-        add_unlisted(change_kind::mapped, unlisted_mapped_);
-        return std::move(found_);
+        }
+        add_unlisted(change_kind::unmapped, _unlisted_unmapped);
+        add_unlisted(change_kind::mapped, _unlisted_mapped);
+        return std::move(_found);
     }
 
   private:
     void add_freed(const std::vector<chunk_pair>& pairs) {
         std::vector<const chunk_record*> kept;
         kept.reserve(pairs.size());
-        for (const auto& pair : pairs)
+        for (const auto& pair : pairs) {
             kept.push_back(pair.before);
+        }
         std::sort(kept.begin(), kept.end());
-        for (const auto& chunk : before_.chunks) {
-            if (!std::binary_search(kept.begin(), kept.end(), &chunk))
-                found_.push_back({change_kind::freed, chunk, std::nullopt});
+        for (const auto& chunk : _before.chunks) {
+            if (!std::binary_search(kept.begin(), kept.end(), &chunk)) {
+                _found.push_back({change_kind::freed, chunk, std::nullopt});
+            }
         }
     }
 
     void add_device(change_kind kind, const device_record& device) {
-        found_.push_back({kind, std::nullopt, std::nullopt, device.index, device});
+        _found.push_back({kind, std::nullopt, std::nullopt, device.index, device});
     }
 
     void add_devices() {
-        for (const auto& device : before_.devices) {
-            if (find_device(after_, name_of(device)) == nullptr)
+        for (const auto& device : _before.devices) {
+            if (find_device(_after, name_of(device)) == nullptr) {
                 add_device(change_kind::unregistered, device);
+            }
         }
-        for (const auto& device : after_.devices) {
-            const device_record* const former = find_device(before_, name_of(device));
-            if (former == nullptr)
+        for (const auto& device : _after.devices) {
+            const device_record* const former = find_device(_before, name_of(device));
+            if (former == nullptr) {
                 add_device(change_kind::registered, device);
-            if (former == nullptr ? !device.online : device.online != former->online)
+            }
+            if (former == nullptr ? !device.online : device.online != former->online) {
                 add_device(device.online ? change_kind::online : change_kind::offline, device);
+            }
         }
     }
 
     void add_chunk(const chunk_pair& pair) {
         if (pair.before == nullptr) {
-            found_.push_back({change_kind::allocated, std::nullopt, *pair.after});
+            _found.push_back({change_kind::allocated, std::nullopt, *pair.after});
         } else if (is_replaced(*pair.before, *pair.after)) {
-            found_.push_back({change_kind::replaced, *pair.before, *pair.after});
+            _found.push_back({change_kind::replaced, *pair.before, *pair.after});
         } else {
             add_references(pair);
         }
     }
 
     void add_references(const chunk_pair& pair) {
-        if (same_devices_ && pair.before->devices == pair.after->devices)
+        if (_same_devices && pair.before->devices == pair.after->devices) {
             return;
-        const reference_set was{pair.before->devices, index_before_};
-        const reference_set is{pair.after->devices, index_after_};
+        }
+        const reference_set was{pair.before->devices, _index_before};
+        const reference_set is{pair.after->devices, _index_after};
         for (const int index : pair.before->devices) {
-            if (!is_kept(index, is))
-                add_reference(change_kind::unmapped, pair, before_, index);
+            if (!is_kept(index, is)) {
+                add_reference(change_kind::unmapped, pair, _before, index);
+            }
         }
         for (const int index : pair.after->devices) {
-            if (!was_there(index, was))
-                add_reference(change_kind::mapped, pair, after_, index);
+            if (!was_there(index, was)) {
+                add_reference(change_kind::mapped, pair, _after, index);
+            }
         }
     }
 
     /// Forgetting a device unmaps nothing: a reference by a number that no device has any longer
     /// is still the one it was.
     bool is_kept(int index, const reference_set& after) const {
-        const std::size_t device = index_before_.at(index);
+        const size_t device = _index_before.at(index);
         return device == device_index::no_device
                    ? after.has_number(index)
                    : after.has_device(device) || after.has_bare_number(index);
@@ -254,39 +266,39 @@ class comparison {
     /// A new device takes over the references that a forgotten one left: a mapping which nothing
     /// else tells of.
     bool was_there(int index, const reference_set& before) const {
-        const std::size_t device = index_after_.at(index);
+        const size_t device = _index_after.at(index);
         return device == device_index::no_device ? before.has_number(index)
                                                  : before.has_device(device);
     }
 
     void add_reference(change_kind kind, const chunk_pair& pair, const picture& records,
                        int index) {
-        if (listed_mappings_ == most_mappings_listed) {
-            ++(kind == change_kind::mapped ? unlisted_mapped_ : unlisted_unmapped_);
+        if (_listed_mappings == most_mappings_listed) {
+            ++(kind == change_kind::mapped ? _unlisted_mapped : _unlisted_unmapped);
             return;
         }
-        ++listed_mappings_;
+        ++_listed_mappings;
         const device_record* const device = records.device_at(index);
-        found_.push_back({kind, without_devices(*pair.before), without_devices(*pair.after), index,
+        _found.push_back({kind, without_devices(*pair.before), without_devices(*pair.after), index,
                           device != nullptr ? std::optional{*device} : std::nullopt});
     }
 
-    void add_unlisted(change_kind kind, std::size_t count) {
+    void add_unlisted(change_kind kind, size_t count) {
         if (count > 0) {
-            found_.push_back({kind, std::nullopt, std::nullopt, -1, std::nullopt, count});
+            _found.push_back({kind, std::nullopt, std::nullopt, -1, std::nullopt, count});
         }
     }
 
-    const picture& before_;
-    const picture& after_;
-    common_devices common_;
-    device_index index_before_;
-    device_index index_after_;
-    bool same_devices_; ///< under the same numbers: equal references then mean equal mappings
-    std::vector<change> found_;
-    std::size_t listed_mappings_ = 0;
-    std::size_t unlisted_mapped_ = 0;
-    std::size_t unlisted_unmapped_ = 0;
+    const picture& _before;
+    const picture& _after;
+    common_devices _common;
+    device_index _index_before;
+    device_index _index_after;
+    bool _same_devices; ///< under the same numbers: equal references then mean equal mappings
+    std::vector<change> _found;
+    size_t _listed_mappings = 0;
+    size_t _unlisted_mapped = 0;
+    size_t _unlisted_unmapped = 0;
 };
 
 } // namespace

@@ -33,22 +33,22 @@ struct change {
     /// That device; nothing where no registered one has the number.
     std::optional<device_record> device{};
     /// Where it is not 0: no single change, but so many further ones of this kind.
-    std::size_t more = 0;
+    size_t more = 0;
 
     /// The chunk it is about, at its newest; only for changes of chunks.
     const chunk_record& chunk() const { return after ? *after : *before; }
 };
 
 /// There can be millions.
-inline constexpr std::size_t most_mappings_listed = 65536;
+inline constexpr size_t most_mappings_listed = 65536;
 
 /// What happened between two moments: chunks that went in ascending address, then devices, then
 /// chunks that came or changed in ascending address. Chunks are told apart by name, those of one
 /// name by address; devices by domain, bus and devfn. A chunk keeps its address, size, creator and
 /// element number as long as it lives: where one of them differs, the name was freed and allocated
 /// again. What happened and was undone in between is not seen, nor a chunk that was allocated again
-/// with all of them alike. The mappings of a chunk that came, went or was replaced are in its record,
-/// not changes of their own. The regions are not compared. Mappings beyond
+/// with all of them alike. The mappings of a chunk that came, went or was replaced are in its
+/// record, not changes of their own. The regions are not compared. Mappings beyond
 /// most_mappings_listed are counted.
 std::vector<change> changes_between(const picture& before, const picture& after);
 

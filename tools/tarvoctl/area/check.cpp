@@ -8,7 +8,7 @@ namespace tarvoctl {
 
 namespace {
 
-constexpr std::size_t chunks_offset = offsetof(shared_area_t, chunks);
+constexpr size_t chunks_offset = offsetof(shared_area_t, chunks);
 
 void check_start_of_file(const shared_area_t& area, report& found) {
     if (area.initialized > 1) {

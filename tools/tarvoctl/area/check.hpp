@@ -23,7 +23,7 @@ struct check_options {
     /// Not compared when nothing is known of it.
     std::optional<expected_region> region;
     /// How many findings of one rule are listed; all are counted.
-    std::size_t listed_per_rule = 16;
+    size_t listed_per_rule = 16;
 };
 
 /// Judges an area, whatever its bytes are, in bounded time and without changing or trusting

@@ -99,7 +99,7 @@ class chunk_judge {
     }
 
     void judge_padding(int chunk) {
-        constexpr std::size_t padding_offset = offsetof(dma_chunk_t, name) + name_bytes;
+        constexpr size_t padding_offset = offsetof(dma_chunk_t, name) + name_bytes;
         if (raw(record(chunk))[padding_offset] != 0) {
             add(rule::padding_not_zero, chunk, "the byte after the name is not zero");
         }

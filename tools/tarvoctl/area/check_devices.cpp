@@ -11,9 +11,9 @@ namespace tarvoctl {
 
 namespace {
 
-// Both records have their flag first and then the bytes that bring the next field to its boundary.
-constexpr std::size_t padding_offset = list_links::flag_offset + 1;
-constexpr std::size_t padding_bytes = 3;
+/// Both records have their flag first and then the bytes that bring the next field to its boundary.
+constexpr size_t padding_offset = list_links::flag_offset + 1;
+constexpr size_t padding_bytes = 3;
 static_assert(offsetof(iommu_dev_ref, dev) == padding_offset + padding_bytes);
 static_assert(offsetof(iommu_dev_t, domain) == padding_offset + padding_bytes);
 
@@ -26,7 +26,7 @@ void judge_device(const iommu_dev_t& device, int element, report& found) {
     if (device.online > 1) {
         found.add(rule::online_value, where, "online is {}; it must be 0 or 1", device.online);
     }
-    constexpr std::size_t end_of_online = offsetof(iommu_dev_t, online) + 1;
+    constexpr size_t end_of_online = offsetof(iommu_dev_t, online) + 1;
     if (!is_padded_with_zeros(raw(device)) || !is_zero(raw(device).subspan(end_of_online))) {
         found.add(rule::padding_not_zero, where, "the bytes between the fields are not zero");
     }
@@ -44,7 +44,7 @@ using device_names = std::array<std::string, device_capacity>;
 device_names names_of(const shared_area_t& area, const list_members& devices) {
     device_names names;
     for (const int device : devices.listed) {
-        names[static_cast<std::size_t>(device)] = name_of(area, device);
+        names[static_cast<size_t>(device)] = name_of(area, device);
     }
     return names;
 }
@@ -74,10 +74,10 @@ class ref_judge {
                        record.dev, device_capacity - 1);
             return;
         }
-        judge_device_named(where, static_cast<std::size_t>(record.dev));
+        judge_device_named(where, static_cast<size_t>(record.dev));
     }
 
-    void judge_device_named(place where, std::size_t device) {
+    void judge_device_named(place where, size_t device) {
         if (_referred[device]) {
             _found.add(rule::device_twice, where,
                        "a second reference to {}: it would be unmapped twice",
@@ -93,13 +93,13 @@ class ref_judge {
         }
     }
 
-    std::string name_or_number(std::size_t device) const {
+    std::string name_or_number(size_t device) const {
         const std::string& name = _registered[device];
         return name.empty() ? fmt::format("device {}", device) : name;
     }
 
     void judge_missing() {
-        for (std::size_t device = 0; device < _registered.size(); ++device) {
+        for (size_t device = 0; device < _registered.size(); ++device) {
             if (!_registered[device].empty() && !_referred[device] &&
                 _area.devices._arr[device].online != 0) {
                 _found.add(rule::misses_device, {area_list::chunks, _chunk},

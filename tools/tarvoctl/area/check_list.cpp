@@ -10,7 +10,7 @@ namespace {
 class list_judge {
   public:
     list_judge(const list_links& links, report& found)
-        : _links(links), _found(found), _seen(static_cast<std::size_t>(links.capacity), unseen) {}
+        : _links(links), _found(found), _seen(static_cast<size_t>(links.capacity), unseen) {}
 
     list_members judge() {
         if (ends_are_usable()) {
@@ -30,7 +30,7 @@ class list_judge {
   private:
     enum sighting : uint8_t { unseen, listed, free };
 
-    sighting& seen(int element) { return _seen[static_cast<std::size_t>(element)]; }
+    sighting& seen(int element) { return _seen[static_cast<size_t>(element)]; }
 
     bool is_an_end(int32_t end) const { return end == -1 || _links.has(end); }
 

@@ -22,26 +22,26 @@ namespace tarvoctl {
 /// the same three fields.
 struct list_links {
     place list;
-    std::size_t offset = 0; ///< of element 0 in the area file
+    size_t offset = 0; ///< of element 0 in the area file
     const uint8_t* elements = nullptr;
-    std::size_t element_bytes = 0;
+    size_t element_bytes = 0;
     int capacity = 0;
     int32_t head = -1;
     int32_t tail = -1;
     int32_t free = -1;
 
-    static constexpr std::size_t next_offset = 0;
-    static constexpr std::size_t prev_offset = 4;
-    static constexpr std::size_t flag_offset = 8;
-    // Of the ends, which follow the elements.
-    static constexpr std::size_t head_offset = 0;
-    static constexpr std::size_t tail_offset = 4;
-    static constexpr std::size_t free_offset = 8;
-    static constexpr std::size_t ends_bytes = 12;
+    static constexpr size_t next_offset = 0;
+    static constexpr size_t prev_offset = 4;
+    static constexpr size_t flag_offset = 8;
+    /// Of the ends, which follow the elements.
+    static constexpr size_t head_offset = 0;
+    static constexpr size_t tail_offset = 4;
+    static constexpr size_t free_offset = 8;
+    static constexpr size_t ends_bytes = 12;
 
     bool has(int32_t element) const { return element >= 0 && element < capacity; }
     std::span<const uint8_t> bytes(int element) const {
-        return {elements + static_cast<std::size_t>(element) * element_bytes, element_bytes};
+        return {elements + static_cast<size_t>(element) * element_bytes, element_bytes};
     }
     /// Everything but `next`, which is all that a free element holds.
     std::span<const uint8_t> bytes_behind_next(int element) const {
@@ -51,10 +51,10 @@ struct list_links {
     int32_t prev(int element) const { return link(element, prev_offset); }
     uint8_t flag(int element) const { return bytes(element)[flag_offset]; }
 
-    std::size_t offset_of(int element) const {
-        return offset + static_cast<std::size_t>(element) * element_bytes;
+    size_t offset_of(int element) const {
+        return offset + static_cast<size_t>(element) * element_bytes;
     }
-    std::size_t ends_offset() const { return offset_of(capacity); }
+    size_t ends_offset() const { return offset_of(capacity); }
 
     place at(int element) const {
         return list.list == area_list::refs ? place{list.list, list.element, element}
@@ -62,7 +62,7 @@ struct list_links {
     }
 
   private:
-    int32_t link(int element, std::size_t field) const {
+    int32_t link(int element, size_t field) const {
         int32_t value = 0;
         std::memcpy(&value, bytes(element).data() + field, sizeof value);
         return value;
@@ -70,7 +70,7 @@ struct list_links {
 };
 
 template <typename T, int MAX>
-list_links links_of(const ArrayBackedList<T, MAX>& list, place name, std::size_t offset) {
+list_links links_of(const ArrayBackedList<T, MAX>& list, place name, size_t offset) {
     static_assert(offsetof(T, next) == list_links::next_offset);
     static_assert(offsetof(T, prev) == list_links::prev_offset);
     static_assert(offsetof(T, allocated) == list_links::flag_offset);
@@ -93,9 +93,9 @@ inline list_links device_links(const shared_area_t& area) {
 }
 
 inline list_links ref_links(const shared_area_t& area, int chunk) {
-    const std::size_t offset = offsetof(shared_area_t, chunks) +
-                               static_cast<std::size_t>(chunk) * sizeof(dma_chunk_t) +
-                               offsetof(dma_chunk_t, devs);
+    const size_t offset = offsetof(shared_area_t, chunks) +
+                          static_cast<size_t>(chunk) * sizeof(dma_chunk_t) +
+                          offsetof(dma_chunk_t, devs);
     return links_of(area.chunks._arr[chunk].devs, {area_list::refs, chunk}, offset);
 }
 
@@ -110,7 +110,7 @@ std::span<const uint8_t> raw(const Record& record) {
 }
 
 /// A text field up to its terminator; nothing when it has none.
-template <std::size_t Bytes>
+template <size_t Bytes>
 std::optional<std::string_view> text_in(const char (&field)[Bytes]) {
     const char* end = std::find(field, field + Bytes, '\0');
     if (end == field + Bytes) {
@@ -120,7 +120,7 @@ std::optional<std::string_view> text_in(const char (&field)[Bytes]) {
 }
 
 /// The same, or all of the field where it has no terminator.
-template <std::size_t Bytes>
+template <size_t Bytes>
 std::string_view text_up_to_end(const char (&field)[Bytes]) {
     return {field, strnlen(field, Bytes)};
 }
@@ -164,8 +164,9 @@ inline std::optional<dma_window> region_in(const chunk_list& chunks) {
     };
     const dma_chunk_t* const head = sentinel(chunks._head, head_name);
     const dma_chunk_t* const tail = sentinel(chunks._tail, tail_name);
-    if (head == nullptr || tail == nullptr || head->pa >= tail->pa)
+    if (head == nullptr || tail == nullptr || head->pa >= tail->pa) {
         return std::nullopt;
+    }
     return dma_window{head->pa, tail->pa};
 }
 

@@ -62,10 +62,10 @@ constexpr rule_entry rule_table[] = {
     {finding_class::tolerated, "device-not-registered"},
     {finding_class::broken, "device-twice"},
 };
-static_assert(std::size(rule_table) == static_cast<std::size_t>(rule::count_of_rules));
+static_assert(std::size(rule_table) == static_cast<size_t>(rule::count_of_rules));
 
 const rule_entry& entry_of(rule broken_rule) {
-    return rule_table[static_cast<std::size_t>(broken_rule)];
+    return rule_table[static_cast<size_t>(broken_rule)];
 }
 
 /// In the order of the enumeration.
@@ -74,7 +74,7 @@ constexpr std::string_view list_names[] = {"area", "chunk", "ref", "device"};
 } // namespace
 
 std::string rule_name(rule broken_rule, area_list list) {
-    std::string name(list_names[static_cast<std::size_t>(list)]);
+    std::string name(list_names[static_cast<size_t>(list)]);
     name += '-';
     name += entry_of(broken_rule).name;
     return name;

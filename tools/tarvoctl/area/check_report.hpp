@@ -14,7 +14,7 @@ namespace tarvoctl {
 /// What an area is judged by. A rule's name in a finding is that of the list it was applied to and
 /// that of the rule: "ref-cycle".
 enum class rule {
-    // The area as a whole.
+    /// The area as a whole.
     not_built,
     half_built,
     built_flag_lost,
@@ -71,7 +71,7 @@ std::string rule_name(rule broken_rule, area_list list);
 /// Collects findings and makes sure that a damaged area does not drown its reader.
 class report {
   public:
-    explicit report(std::size_t listed_per_rule) : _listed_per_rule(listed_per_rule) {}
+    explicit report(size_t listed_per_rule) : _listed_per_rule(listed_per_rule) {}
 
     /// The text is only made of findings that will be listed.
     template <typename... Values>
@@ -86,22 +86,20 @@ class report {
     std::vector<finding> take();
 
   private:
-    static constexpr std::size_t lists = 4;
-    static constexpr auto rules = static_cast<std::size_t>(rule::count_of_rules);
+    static constexpr size_t lists = 4;
+    static constexpr auto rules = static_cast<size_t>(rule::count_of_rules);
     struct tally {
-        std::size_t found = 0;
-        std::size_t last_listed = 0;
+        size_t found = 0;
+        size_t last_listed = 0;
     };
 
     tally& tally_of(rule broken_rule, area_list list) {
-        return _tallies[static_cast<std::size_t>(list)][static_cast<std::size_t>(broken_rule)];
+        return _tallies[static_cast<size_t>(list)][static_cast<size_t>(broken_rule)];
     }
-    std::size_t count(rule broken_rule, area_list list) {
-        return ++tally_of(broken_rule, list).found;
-    }
+    size_t count(rule broken_rule, area_list list) { return ++tally_of(broken_rule, list).found; }
     void list(rule broken_rule, place where, std::string text);
 
-    std::size_t _listed_per_rule;
+    size_t _listed_per_rule;
     std::vector<finding> _findings;
     std::array<std::array<tally, rules>, lists> _tallies{};
 };

@@ -35,8 +35,8 @@ struct place {
     bool operator==(const place&) const = default;
 };
 
-/// As people read it: "chunk 17", "chunk 17, device reference 3", "the device list". `label` follows
-/// the number of the chunk or device.
+/// As people read it: "chunk 17", "chunk 17, device reference 3", "the device list". `label`
+/// follows the number of the chunk or device.
 std::string text_of(const place& where, const std::string& label = "");
 
 /// What helps against what repair leaves broken.
@@ -52,12 +52,12 @@ struct finding {
     place where;
     std::string text; ///< the values found and what they mean
     /// Further findings of this rule that were counted but not listed; on the rule's last one.
-    std::size_t unlisted = 0;
+    size_t unlisted = 0;
     way_out out = way_out::remove_file; ///< where it is broken
 };
 
-/// A step that gives up what is on record of the devices: they come first, because nothing unmaps the
-/// memory for them then.
+/// A step that gives up what is on record of the devices: they come first, because nothing unmaps
+/// the memory for them then.
 std::string after_devices(const std::string& step);
 
 /// The step that lets the next program build an area anew.

@@ -84,7 +84,7 @@ std::vector<piece> pieces_of(const picture& records) {
 std::vector<gap> gaps_of(const picture& records) {
     const auto pieces = pieces_of(records);
     std::vector<gap> gaps;
-    for (std::size_t i = 0; i < pieces.size(); ++i) {
+    for (size_t i = 0; i < pieces.size(); ++i) {
         if (pieces[i].state == piece_state::free) {
             gaps.push_back({pieces[i].pa, pieces[i].bytes, i > 0 ? pieces[i - 1].owner : nullptr,
                             i + 1 < pieces.size() ? pieces[i + 1].owner : nullptr});
@@ -94,8 +94,9 @@ std::vector<gap> gaps_of(const picture& records) {
 }
 
 double free_space::fragmentation() const {
-    if (total_bytes == 0)
+    if (total_bytes == 0) {
         return 0;
+    }
     return 1 - static_cast<double>(largest_bytes) / static_cast<double>(total_bytes);
 }
 

@@ -24,7 +24,7 @@ struct piece {
     piece_state state;
     const chunk_record* owner; ///< null where it is in no chunk; of several the lowest
     const chunk_record* other; ///< where it is in several: the next one
-    std::size_t owners;        ///< how many chunks it is in
+    size_t owners;             ///< how many chunks it is in
 };
 
 /// The whole region in ascending address, without holes between the pieces, whatever the order of

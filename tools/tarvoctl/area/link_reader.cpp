@@ -9,15 +9,15 @@ namespace tarvoctl {
 namespace {
 
 std::vector<bool> set_of(const std::vector<int>& elements, int capacity) {
-    std::vector<bool> set(static_cast<std::size_t>(capacity));
+    std::vector<bool> set(static_cast<size_t>(capacity));
     for (const int element : elements) {
-        set[static_cast<std::size_t>(element)] = true;
+        set[static_cast<size_t>(element)] = true;
     }
     return set;
 }
 
 bool holds(const std::vector<bool>& set, int element) {
-    return set[static_cast<std::size_t>(element)];
+    return set[static_cast<size_t>(element)];
 }
 
 bool contains(std::vector<int> elements, std::vector<int> others) {
@@ -53,11 +53,11 @@ bool link_reader::is_member(int element) const {
 
 /// From one element to another; to -1: as far as it goes.
 link_reader::walked link_reader::walk(int from, int to, link way) const {
-    std::vector<bool> seen(static_cast<std::size_t>(_links.capacity));
+    std::vector<bool> seen(static_cast<size_t>(_links.capacity));
     walked result{{}, false};
     int element = from;
     while (_links.has(element) && !holds(seen, element) && is_member(element)) {
-        seen[static_cast<std::size_t>(element)] = true;
+        seen[static_cast<size_t>(element)] = true;
         result.elements.push_back(element);
         if (element == to) {
             result.whole = true;

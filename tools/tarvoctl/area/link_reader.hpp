@@ -11,15 +11,15 @@ namespace tarvoctl {
 /// What the links alone say.
 ///
 /// The list is what the library's own walk visits, from the head along `next` to the tail. Each of
-/// its changes alters that walk by a single store, so wherever the change ended, a walk that reaches
-/// the tail shows the list either without the change or with it. Elements off it are then what the
-/// change was about to add or had just removed. Where that walk breaks off, the one from the tail
-/// along `prev` takes its place, and where that does, too, what both visit.
+/// its changes alters that walk by a single store, so wherever the change ended, a walk that
+/// reaches the tail shows the list either without the change or with it. Elements off it are then
+/// what the change was about to add or had just removed. Where that walk breaks off, the one from
+/// the tail along `prev` takes its place, and where that does, too, what both visit.
 ///
-/// Some elements off the walk are more than that and belong to the list: two that link to each other
-/// both ways, for a change concerns one element; off any walk but the library's own, one that links
-/// both ways with a listed one; and one that names the last element before a break as its neighbour.
-/// These are returned by islands().
+/// Some elements off the walk are more than that and belong to the list: two that link to each
+/// other both ways, for a change concerns one element; off any walk but the library's own, one that
+/// links both ways with a listed one; and one that names the last element before a break as its
+/// neighbour. These are returned by islands().
 class link_reader {
   public:
     /// `may_be_listed`: whether an element whose flag is lost could be one in use.
@@ -62,7 +62,7 @@ class link_reader {
     std::function<bool(int)> _may_be_listed;
     std::vector<int> _order;
     reliance _source = reliance::pieces;
-    // Where the two walks broke off, if they did.
+    /// Where the two walks broke off, if they did.
     int _last_forward = -1;
     int _last_backward = -1;
     std::vector<int> _islands;

@@ -15,27 +15,32 @@ namespace tarvoctl {
 template <typename List, typename Visit>
 std::optional<std::string> walk_list(const List& list, Visit visit) {
     constexpr auto capacity = static_cast<int32_t>(std::extent_v<decltype(list._arr)>);
-    if (list._head == -1)
+    if (list._head == -1) {
         return std::nullopt;
+    }
     std::bitset<capacity> seen;
     std::optional<std::string> skipped;
     int32_t previous = list._tail;
     for (int32_t index = list._head;; index = list._arr[index].next) {
-        if (index < 0 || index >= capacity)
+        if (index < 0 || index >= capacity) {
             return "it leads to element " + std::to_string(index) + ", which does not exist";
-        if (seen[static_cast<std::size_t>(index)])
+        }
+        if (seen[static_cast<size_t>(index)]) {
             return "it leads back to element " + std::to_string(index);
-        if (list._arr[index].allocated == 0)
+        }
+        if (list._arr[index].allocated == 0) {
             return "it leads to element " + std::to_string(index) + ", which is not in use";
-        seen.set(static_cast<std::size_t>(index));
+        }
+        seen.set(static_cast<size_t>(index));
         visit(index, list._arr[index]);
         if (list._arr[index].prev != previous && !skipped) {
             skipped = "it leads from element " + std::to_string(previous) + " to " +
                       std::to_string(index) + ", which names " +
                       std::to_string(list._arr[index].prev) + " as its predecessor";
         }
-        if (index == list._tail)
+        if (index == list._tail) {
             return skipped;
+        }
         previous = index;
     }
 }

@@ -100,12 +100,14 @@ const chunk_record* picture::find(const std::string& name) const {
 
 std::vector<bool> picture::duplicates() const {
     std::unordered_map<std::string_view, int> bearers;
-    for (const auto& chunk : chunks)
+    for (const auto& chunk : chunks) {
         ++bearers[chunk.name];
+    }
     std::vector<bool> marks;
     marks.reserve(chunks.size());
-    for (const auto& chunk : chunks)
+    for (const auto& chunk : chunks) {
         marks.push_back(bearers[chunk.name] > 1);
+    }
     return marks;
 }
 

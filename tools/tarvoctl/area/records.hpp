@@ -43,8 +43,9 @@ struct chunk_record {
     uint64_t end_pa() const { return pa + size; } ///< one past the last byte
 };
 
-/// Why it is not known which memory is a chunk's: all that the library makes have bytes, and begin and
-/// end on a page. A copy may come from a machine with larger pages: the smallest that there are count.
+/// Why it is not known which memory is a chunk's: all that the library makes have bytes, and begin
+/// and end on a page. A copy may come from a machine with larger pages: the smallest that there are
+/// count.
 std::optional<std::string> damage_to_bounds(const chunk_record& chunk);
 
 /// What is on record, at one moment.
@@ -55,8 +56,8 @@ struct picture {
     /// Why the region is not known, or a list could not be read to its end; what was read before
     /// is above.
     std::vector<std::string> damage;
-    /// Whether the list of chunks led to its end, each link with its counterpart, and each chunk fills
-    /// whole pages. Only then is what lies in no chunk free.
+    /// Whether the list of chunks led to its end, each link with its counterpart, and each chunk
+    /// fills whole pages. Only then is what lies in no chunk free.
     bool all_chunks = true;
     /// False: read while others changed it, so parts may be of different moments.
     bool consistent = true;

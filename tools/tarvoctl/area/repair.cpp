@@ -94,9 +94,9 @@ class planner {
         std::erase_if(decided.order, [&](int ref) {
             const int32_t device = chunk(element).devs._arr[ref].dev;
             const bool is_useless =
-                device < 0 || device >= device_capacity || named[static_cast<std::size_t>(device)];
+                device < 0 || device >= device_capacity || named[static_cast<size_t>(device)];
             if (!is_useless) {
-                named[static_cast<std::size_t>(device)] = true;
+                named[static_cast<size_t>(device)] = true;
             }
             return is_useless;
         });

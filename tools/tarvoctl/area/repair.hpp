@@ -12,7 +12,7 @@ namespace tarvoctl {
 
 /// One change of the area's bytes.
 struct repair_edit {
-    std::size_t offset = 0; ///< in the area file
+    size_t offset = 0; ///< in the area file
     std::vector<uint8_t> before;
     std::vector<uint8_t> after; ///< as many as `before`
     place where;
@@ -40,12 +40,12 @@ struct repair_plan {
 /// walk (from the head along `next` to the tail) visits is taken as the truth while that walk is
 /// sound. An area that was not built yet needs nothing: the next process builds it from nothing.
 ///
-/// What check_area() still finds in the mended area is damage that no interrupted change leaves, such
-/// as a record whose text is destroyed.
+/// What check_area() still finds in the mended area is damage that no interrupted change leaves,
+/// such as a record whose text is destroyed.
 repair_plan plan_repair(const shared_area_t& area);
 
-/// What helps against what check_area() found in an area, as a sentence without its end: repair where
-/// it has anything to do. `repair`: the command that repairs this area.
+/// What helps against what check_area() found in an area, as a sentence without its end: repair
+/// where it has anything to do. `repair`: the command that repairs this area.
 std::string advice_on(const std::vector<finding>& findings, const shared_area_t& area,
                       const std::string& repair);
 

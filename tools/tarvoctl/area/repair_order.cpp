@@ -19,8 +19,8 @@ constexpr std::string_view cut_off =
 
 using may_be_listed = std::function<bool(int)>;
 
-/// Elements that cannot be placed are one doubt: they say little by themselves, and a ruined area has
-/// millions of them.
+/// Elements that cannot be placed are one doubt: they say little by themselves, and a ruined area
+/// has millions of them.
 decided_list decide_unordered(const list_links& links, const may_be_listed& is_plausible,
                               repair_plan& plan) {
     const link_reader reader(links, is_plausible);

@@ -15,8 +15,8 @@ struct decided_list {
     std::vector<int> left_alone;
 };
 
-/// Decides the list of the devices, whose order does not matter: all that is linked belongs to it. A
-/// device that the list still names is never given back, whatever its flag says.
+/// Decides the list of the devices, whose order does not matter: all that is linked belongs to it.
+/// A device that the list still names is never given back, whatever its flag says.
 decided_list decide_devices(const shared_area_t& area, repair_plan& plan);
 
 /// The same for a chunk's references to devices.

@@ -15,8 +15,8 @@ constexpr uint8_t allocated = 1;
 std::vector<int> sound_free_chain(const list_links& links, std::vector<bool>& met) {
     std::vector<int> chain;
     int32_t element = links.free;
-    while (links.has(element) && !met[static_cast<std::size_t>(element)]) {
-        met[static_cast<std::size_t>(element)] = true;
+    while (links.has(element) && !met[static_cast<size_t>(element)]) {
+        met[static_cast<size_t>(element)] = true;
         chain.push_back(element);
         element = links.next(element);
     }
@@ -29,7 +29,7 @@ std::vector<int> whole_free_chain(const list_links& links, const std::vector<boo
     const std::vector<int> sound = sound_free_chain(links, met);
     std::vector<int> chain;
     for (int element = 0; element < links.capacity; ++element) {
-        if (!met[static_cast<std::size_t>(element)]) {
+        if (!met[static_cast<size_t>(element)]) {
             chain.push_back(element);
         }
     }
@@ -44,12 +44,12 @@ std::string_view reason_to_clear(const list_links& links, int element) {
 
 } // namespace
 
-bool plan_writer::holds(std::size_t offset, std::span<const uint8_t> wanted) const {
+bool plan_writer::holds(size_t offset, std::span<const uint8_t> wanted) const {
     return std::equal(wanted.begin(), wanted.end(),
                       _bytes.begin() + static_cast<std::ptrdiff_t>(offset));
 }
 
-void plan_writer::write(std::size_t offset, std::span<const uint8_t> after, place where,
+void plan_writer::write(size_t offset, std::span<const uint8_t> after, place where,
                         std::string_view why) {
     if (!holds(offset, after)) {
         const auto before = _bytes.subspan(offset, after.size());
@@ -61,19 +61,19 @@ void plan_writer::write(std::size_t offset, std::span<const uint8_t> after, plac
     }
 }
 
-void plan_writer::set_byte(std::size_t offset, uint8_t value, place where, std::string_view why) {
+void plan_writer::set_byte(size_t offset, uint8_t value, place where, std::string_view why) {
     write(offset, {&value, 1}, where, why);
 }
 
 /// Nearly all links are as they should be, so their texts are not even made.
-void plan_writer::set_link(std::size_t offset, int32_t value, place where, link_text why) {
+void plan_writer::set_link(size_t offset, int32_t value, place where, link_text why) {
     const auto bytes = std::bit_cast<std::array<uint8_t, sizeof value>>(value);
     if (!holds(offset, bytes)) {
         write(offset, bytes, where, fmt::format(why, value));
     }
 }
 
-void plan_writer::clear(std::size_t offset, std::size_t bytes, place where, std::string_view why) {
+void plan_writer::clear(size_t offset, size_t bytes, place where, std::string_view why) {
     const auto field = _bytes.subspan(offset, bytes);
     if (is_zero(field)) {
         return;
@@ -81,16 +81,16 @@ void plan_writer::clear(std::size_t offset, std::size_t bytes, place where, std:
     const auto holds_something = [](uint8_t byte) { return byte != 0; };
     const auto first = std::find_if(field.begin(), field.end(), holds_something);
     const auto behind = std::find_if(field.rbegin(), field.rend(), holds_something).base();
-    const std::vector<uint8_t> zeros(static_cast<std::size_t>(behind - first));
-    write(offset + static_cast<std::size_t>(first - field.begin()), zeros, where, why);
+    const std::vector<uint8_t> zeros(static_cast<size_t>(behind - first));
+    write(offset + static_cast<size_t>(first - field.begin()), zeros, where, why);
 }
 
 void plan_writer::write_order(const list_links& links, const std::vector<int>& order) {
-    for (std::size_t i = 0; i < order.size(); ++i) {
+    for (size_t i = 0; i < order.size(); ++i) {
         const int element = order[i];
         const int next = order[(i + 1) % order.size()];
         const int prev = order[(i + order.size() - 1) % order.size()];
-        const std::size_t offset = links.offset_of(element);
+        const size_t offset = links.offset_of(element);
         const place where = links.at(element);
         set_link(offset + list_links::next_offset, next, where,
                  "next becomes {}, the element that follows");
@@ -104,17 +104,17 @@ void plan_writer::write_order(const list_links& links, const std::vector<int>& o
 void plan_writer::write_ends(const list_links& links, const std::vector<int>& order) {
     const int head = order.empty() ? -1 : order.front();
     const int tail = order.empty() ? -1 : order.back();
-    const std::size_t ends = links.ends_offset();
+    const size_t ends = links.ends_offset();
     set_link(ends + list_links::head_offset, head, links.list, "head becomes {}");
     set_link(ends + list_links::tail_offset, tail, links.list, "tail becomes {}");
 }
 
 void plan_writer::write_free_chain(const list_links& links, const std::vector<bool>& in_use) {
     const std::vector<int> chain = whole_free_chain(links, in_use);
-    for (std::size_t i = 0; i < chain.size(); ++i) {
+    for (size_t i = 0; i < chain.size(); ++i) {
         const int element = chain[i];
         const int next = i + 1 < chain.size() ? chain[i + 1] : -1;
-        const std::size_t offset = links.offset_of(element);
+        const size_t offset = links.offset_of(element);
         clear(offset + list_links::prev_offset, links.element_bytes - list_links::prev_offset,
               links.at(element), reason_to_clear(links, element));
         set_link(offset + list_links::next_offset, next, links.at(element),
@@ -128,18 +128,18 @@ void plan_writer::write_free_chain(const list_links& links, const std::vector<bo
 void plan_writer::write_list(const list_links& links, const decided_list& decided) {
     write_order(links, decided.order);
     write_ends(links, decided.order);
-    std::vector<bool> in_use(static_cast<std::size_t>(links.capacity));
+    std::vector<bool> in_use(static_cast<size_t>(links.capacity));
     for (const auto* elements : {&decided.order, &decided.left_alone}) {
         for (const int element : *elements) {
-            in_use[static_cast<std::size_t>(element)] = true;
+            in_use[static_cast<size_t>(element)] = true;
         }
     }
     write_free_chain(links, in_use);
 }
 
 void plan_writer::write_small_list(const list_links& links, const decided_list& decided) {
-    constexpr std::size_t many = 32;
-    const std::size_t first_edit = _plan.edits.size();
+    constexpr size_t many = 32;
+    const size_t first_edit = _plan.edits.size();
     write_list(links, decided);
     if (_plan.edits.size() - first_edit > many) {
         fuse(first_edit, links.offset, links.ends_offset() + list_links::ends_bytes - links.offset,
@@ -148,7 +148,7 @@ void plan_writer::write_small_list(const list_links& links, const decided_list& 
 }
 
 /// Makes one edit of all from `first_edit` on, which lie within those bytes.
-void plan_writer::fuse(std::size_t first_edit, std::size_t offset, std::size_t bytes, place where) {
+void plan_writer::fuse(size_t first_edit, size_t offset, size_t bytes, place where) {
     const auto before = _bytes.subspan(offset, bytes);
     std::vector<uint8_t> after(before.begin(), before.end());
     const auto first = _plan.edits.begin() + static_cast<std::ptrdiff_t>(first_edit);

@@ -20,17 +20,16 @@ class plan_writer {
     /// The same, but a list that needs many edits gets a single one: a plan of millions of edits
     /// helps nobody.
     void write_small_list(const list_links& links, const decided_list& decided);
-    void set_byte(std::size_t offset, uint8_t value, place where, std::string_view why);
+    void set_byte(size_t offset, uint8_t value, place where, std::string_view why);
 
   private:
-    bool holds(std::size_t offset, std::span<const uint8_t> wanted) const;
+    bool holds(size_t offset, std::span<const uint8_t> wanted) const;
     using link_text = fmt::format_string<int32_t&>;
-    void set_link(std::size_t offset, int32_t value, place where, link_text why);
+    void set_link(size_t offset, int32_t value, place where, link_text why);
     /// Clears as little as makes the bytes zero.
-    void clear(std::size_t offset, std::size_t bytes, place where, std::string_view why);
-    void write(std::size_t offset, std::span<const uint8_t> after, place where,
-               std::string_view why);
-    void fuse(std::size_t first_edit, std::size_t offset, std::size_t bytes, place where);
+    void clear(size_t offset, size_t bytes, place where, std::string_view why);
+    void write(size_t offset, std::span<const uint8_t> after, place where, std::string_view why);
+    void fuse(size_t first_edit, size_t offset, size_t bytes, place where);
     void write_order(const list_links& links, const std::vector<int>& order);
     void write_ends(const list_links& links, const std::vector<int>& order);
     void write_free_chain(const list_links& links, const std::vector<bool>& in_use);

@@ -46,8 +46,9 @@ std::vector<const chunk_record*> owners_of(uint64_t pa, const picture& records) 
 /// The physical address a DMA address stands for, if it lies in the region. Where DMA addresses
 /// wrap, converting back would not do.
 std::optional<uint64_t> pa_of_dma(uint64_t address, const dma_window& region) {
-    if (address > UINT32_MAX)
+    if (address > UINT32_MAX) {
         return std::nullopt;
+    }
     const uint64_t pa = region.pa_of(static_cast<uint32_t>(address));
     return lies_in(region, pa) ? std::optional{pa} : std::nullopt;
 }
@@ -97,7 +98,7 @@ json json_place(const char* command, uint64_t pa, const picture& records) {
     document.update(owners.empty() ? json{{"chunk", nullptr}, {"offset", nullptr}}
                                    : json_owner(*owners.front(), pa, records));
     document["also_in"] = json::array();
-    for (std::size_t i = 1; i < owners.size(); ++i) {
+    for (size_t i = 1; i < owners.size(); ++i) {
         document["also_in"].push_back(json_owner(*owners[i], pa, records));
     }
     document["damage"] = records.damage;
@@ -121,8 +122,9 @@ exit_status find(const address_options& options) {
     const picture records = read_picture(options.source);
     const uint64_t dma = parse_number(options.address, "DMA", UINT32_MAX);
     const auto pa = pa_of_dma(dma, known_region(records, options.source));
-    if (!pa)
+    if (!pa) {
         refuse_outside(options.address, "DMA", records, options.source);
+    }
     if (options.json) {
         print_json(json_place("find", *pa, records));
     } else {

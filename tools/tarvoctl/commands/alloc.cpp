@@ -31,13 +31,15 @@ struct alloc_options {
 };
 
 void check_devices(const picture& records, uint32_t size) {
-    if (const auto refused = device_obstacle(size, records))
+    if (const auto refused = device_obstacle(size, records)) {
         throw failure{exit_status::usage, "SIZE: " + *refused};
+    }
 }
 
 void check_existing(const chunk_record* existing, uint32_t size, bool duplicate) {
-    if (existing == nullptr || existing->size == size || duplicate)
+    if (existing == nullptr || existing->size == size || duplicate) {
         return;
+    }
     throw failure{exit_status::usage,
                   fmt::format("there is a chunk '{}' of {}, not {}; ask for that size, or "
                               "for a second chunk of the name with --duplicate",
@@ -116,8 +118,9 @@ uint32_t alloc_unbroken(const alloc_options& options, uint32_t size) {
 exit_status call_alloc(const alloc_options& options, uint32_t size, const picture& before) {
     const uint32_t dma = alloc_unbroken(options, size);
     const picture after = read_picture({{}, options.timeout});
-    if (dma == 0)
+    if (dma == 0) {
         throw refusal(options.name, size, after);
+    }
     const chunk_record& chunk = chunk_at(after.region.pa_of(dma), options.name, after);
     const bool is_shared =
         std::any_of(before.chunks.begin(), before.chunks.end(), [&chunk](const auto& each) {
@@ -134,8 +137,9 @@ exit_status alloc(const alloc_options& options) {
     const picture before = ready_or_new_area(options.timeout);
     const chunk_record* const existing = before.find(options.name);
     check_existing(existing, size, options.duplicate);
-    if (existing == nullptr || existing->size != size)
+    if (existing == nullptr || existing->size != size) {
         check_new_chunk(options.name, size, before);
+    }
     return in_started_library(options.timeout, [&] { return call_alloc(options, size, before); });
 }
 

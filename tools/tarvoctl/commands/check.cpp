@@ -1,6 +1,6 @@
 #include "area/check.hpp"
-#include "area/repair.hpp"
 
+#include "area/repair.hpp"
 #include "commands/commands.hpp"
 #include "output/json.hpp"
 #include "output/place_text.hpp"
@@ -21,8 +21,9 @@ struct check_command_options {
 };
 
 exit_status status_for(const std::vector<finding>& findings) {
-    if (has_class(findings, finding_class::broken))
+    if (has_class(findings, finding_class::broken)) {
         return exit_status::damaged;
+    }
     const bool any =
         has_class(findings, finding_class::leaked) || has_class(findings, finding_class::tolerated);
     return any ? exit_status::finding : exit_status::good;
@@ -30,8 +31,9 @@ exit_status status_for(const std::vector<finding>& findings) {
 
 const char* verdict_of(const std::vector<finding>& findings) {
     const exit_status status = status_for(findings);
-    if (status == exit_status::good)
+    if (status == exit_status::good) {
         return "sound";
+    }
     return status == exit_status::damaged ? "broken" : "usable";
 }
 

@@ -4,7 +4,7 @@ namespace tarvoctl {
 
 class program;
 
-// Each command adds itself to the command line.
+/// Each command adds itself to the command line.
 void add_list(program& to);
 void add_show(program& to);
 void add_devices(program& to);

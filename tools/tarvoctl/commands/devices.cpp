@@ -25,16 +25,18 @@ using references = std::map<int, std::vector<const chunk_record*>>;
 references references_in(const picture& records) {
     references found;
     for (const auto& chunk : records.chunks) {
-        for (const int index : chunk.devices)
+        for (const int index : chunk.devices) {
             found[index].push_back(&chunk);
+        }
     }
     return found;
 }
 
 /// Leaves those that point at no registered device.
 references dangling(references all, const picture& records) {
-    for (const auto& device : records.devices)
+    for (const auto& device : records.devices) {
         all.erase(device.index);
+    }
     return all;
 }
 
@@ -42,7 +44,7 @@ void print_as_table(const picture& records, const references& all) {
     table lines{{{"INDEX", align::right}, {"DEVICE"}, {"STATE"}, {"CHUNKS", align::right}}};
     for (const auto& device : records.devices) {
         const auto found = all.find(device.index);
-        const std::size_t chunks = found == all.end() ? 0 : found->second.size();
+        const size_t chunks = found == all.end() ? 0 : found->second.size();
         lines.add({fmt::format("{}", device.index), device_text(device),
                    device.online ? "online" : "offline",
                    fmt::format("{}/{}", chunks, records.chunks.size())});
@@ -54,16 +56,18 @@ void print_as_table(const picture& records, const references& all) {
             "device record {} is not registered, yet {} {} to it, and the next device in that "
             "record inherits {}:",
             index, counted(chunks.size(), "chunk"), one ? "refers" : "refer", one ? "it" : "them");
-        for (const auto* chunk : chunks)
+        for (const auto* chunk : chunks) {
             fmt::print(" {}", shown_name(chunk->name));
+        }
         fmt::print("\n");
     }
 }
 
 json names_of(const std::vector<const chunk_record*>& chunks) {
     json names = json::array();
-    for (const auto* chunk : chunks)
+    for (const auto* chunk : chunks) {
         names.push_back(chunk->name);
+    }
     return names;
 }
 
@@ -75,8 +79,9 @@ void print_as_json(const picture& records, references all) {
         devices.push_back(std::move(made));
     }
     json left_over = json::array();
-    for (const auto& [index, chunks] : dangling(all, records))
+    for (const auto& [index, chunks] : dangling(all, records)) {
         left_over.push_back({{"index", index}, {"chunks", names_of(chunks)}});
+    }
     json document = json_document("devices", records);
     document["devices"] = std::move(devices);
     document["left_over_references"] = std::move(left_over);

@@ -33,13 +33,15 @@ exit_status diff(const diff_options& options) {
     if (options.json) {
         json document = json_document("diff", after);
         document["changes"] = json::array();
-        for (const auto& each : changes)
+        for (const auto& each : changes) {
             document["changes"].push_back(json_change(each));
+        }
         document["damage"] = damage;
         print_json(document);
     } else {
-        for (const auto& each : changes)
+        for (const auto& each : changes) {
             fmt::print("{}\n", change_text(each));
+        }
     }
     const exit_status read_before = told_damage(before.damage, options.before);
     const exit_status read_after = told_damage(after.damage, options.after);

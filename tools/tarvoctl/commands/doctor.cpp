@@ -42,10 +42,12 @@ health_report examine() {
 }
 
 exit_status status_of(const health_report& report) {
-    if (report.is_damaged())
+    if (report.is_damaged()) {
         return exit_status::damaged;
-    if (!report.is_readable())
+    }
+    if (!report.is_readable()) {
         return exit_status::unreadable;
+    }
     const bool good = report.count(verdict::error) + report.count(verdict::warning) == 0;
     return good ? exit_status::good : exit_status::finding;
 }
@@ -65,8 +67,9 @@ void print_for_people(const health_report& report) {
         const auto [word, colour] = look_of(how);
         fmt::print("{}{:8}{} {}: {}\n", coloured ? colour : "", word, coloured ? "\033[0m" : "",
                    subject, text);
-        if (!fix.empty())
+        if (!fix.empty()) {
             fmt::print("{:8}   fix: {}\n", "", fix);
+        }
     }
     print_summary(report);
 }
@@ -81,8 +84,9 @@ json json_of(const diagnosis& each) {
 
 void print_as_json(const health_report& report) {
     json checks = json::array();
-    for (const auto& each : report.all())
+    for (const auto& each : report.all()) {
         checks.push_back(json_of(each));
+    }
     json document = json_document("doctor");
     document["checks"] = std::move(checks);
     document["errors"] = report.count(verdict::error);

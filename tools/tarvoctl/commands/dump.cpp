@@ -23,8 +23,8 @@ struct dump_options {
 };
 
 /// All lines of one kind.
-std::vector<std::string> lines_of(bool (*next)(char*, std::size_t)) {
-    constexpr std::size_t line_bytes = 256; // always enough
+std::vector<std::string> lines_of(bool (*next)(char*, size_t)) {
+    constexpr size_t line_bytes = 256; // always enough
     std::array<char, line_bytes> line{};
     std::vector<std::string> lines;
     while (next(line.data(), line.size())) {
@@ -34,8 +34,9 @@ std::vector<std::string> lines_of(bool (*next)(char*, std::size_t)) {
 }
 
 exit_status call_dump(bool as_json) {
-    if (!tarvo_dump_begin())
+    if (!tarvo_dump_begin()) {
         throw failure{exit_status::unreadable, "the listing could not begin; the reason is above"};
+    }
     const auto chunks = lines_of(tarvo_dump_next);
     const auto devices = lines_of(tarvo_dump_next_iommu_device);
     tarvo_dump_end();

@@ -56,8 +56,9 @@ void print_remarks(const std::vector<const chunk_record*>& called, const mapped_
                    "tarvoctl: {} chunks are called '{}'; this is the lowest, at physical {}\n",
                    called.size(), shown(lowest.name), pa_text(lowest.pa));
     }
-    if (!memory.is_complete() && !memory.root_would_see_more())
+    if (!memory.is_complete() && !memory.root_would_see_more()) {
         fmt::print(stderr, "tarvoctl: {}\n", unseen_text(memory, processes));
+    }
 }
 
 void print_outcome(const chunk_record& chunk, const picture& records,
@@ -66,8 +67,9 @@ void print_outcome(const chunk_record& chunk, const picture& records,
     document["freed"] = freed;
     document["chunk"] = json_chunk(chunk, records);
     document["processes"] = json::array();
-    for (const pid_t pid : holders)
+    for (const pid_t pid : holders) {
         document["processes"].push_back(json_process(processes.of(pid)));
+    }
     print_json(document);
 }
 
@@ -77,8 +79,9 @@ int free_unbroken(const std::string& name) {
 }
 
 exit_status call_free(const free_options& options) {
-    if (free_unbroken(options.name) == 0)
+    if (free_unbroken(options.name) == 0) {
         return exit_status::good;
+    }
     const picture records = read_picture({{}, options.timeout});
     static_cast<void>(chunks_called(options.name, records)); // or somebody else has freed it
     throw failure{exit_status::finding,

@@ -23,8 +23,8 @@ struct iommu_options {
     bool json = false;
 };
 
-/// One request has less than 2 GiB. Its end needs no look: a region of that size ends below 4 GiB as
-/// devices see it, whether it lies there or is seen from 0x20000000 on.
+/// One request has less than 2 GiB. Its end needs no look: a region of that size ends below 4 GiB
+/// as devices see it, whether it lies there or is seen from 0x20000000 on.
 void check_region(const dma_window& region) {
     const uint64_t bytes = region.end_pa - region.first_pa;
     if (bytes >= most_bytes_for_devices) {

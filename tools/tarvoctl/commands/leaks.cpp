@@ -31,21 +31,22 @@ struct suspect {
 class detective {
   public:
     detective(const picture& records, const mapped_memory& memory, process_table& processes)
-        : records_{records}, processes_{processes}, seen_only_{seen_only_text(memory)} {
+        : _records{records}, _processes{processes}, _seen_only{seen_only_text(memory)} {
         for (const auto& mapping : memory.mappings) {
             if (!shows_all_of(mapping, records.region)) {
-                partial_.push_back(&mapping);
-            } else if (whole_region_.empty() || whole_region_.back() != mapping.pid) {
-                whole_region_.push_back(mapping.pid);
+                _partial.push_back(&mapping);
+            } else if (_whole_region.empty() || _whole_region.back() != mapping.pid) {
+                _whole_region.push_back(mapping.pid);
             }
         }
     }
 
     std::vector<suspect> suspects() {
         std::vector<suspect> found;
-        for (const auto& chunk : records_.chunks) {
-            if (!is_mapped(chunk) && !programs_.may_include(chunk.creator))
+        for (const auto& chunk : _records.chunks) {
+            if (!is_mapped(chunk) && !_programs.may_include(chunk.creator)) {
                 found.push_back({&chunk, reasons_of(chunk), doubts_of(chunk)});
+            }
         }
         return found;
     }
@@ -53,7 +54,7 @@ class detective {
   private:
     /// Mappings of the whole region show every chunk, and so tell nothing of any.
     bool is_mapped(const chunk_record& chunk) const {
-        return std::any_of(partial_.begin(), partial_.end(), [&chunk](const auto* mapping) {
+        return std::any_of(_partial.begin(), _partial.end(), [&chunk](const auto* mapping) {
             return shown_of(*mapping, chunk.pa, chunk.end_pa()).has_value();
         });
     }
@@ -61,28 +62,30 @@ class detective {
     std::vector<std::string> reasons_of(const chunk_record& chunk) const {
         const std::string creator = shown(chunk.creator);
         std::vector<std::string> reasons{
-            fmt::format("no process{} has it mapped{}", seen_only_,
-                        whole_region_.empty() ? "" : " by itself"),
+            fmt::format("no process{} has it mapped{}", _seen_only,
+                        _whole_region.empty() ? "" : " by itself"),
             chunk.creator.empty()
                 ? "nobody is named as its creator"
-                : fmt::format("no program{} called '{}' runs", seen_only_, creator)};
-        if (chunk.devices.empty())
+                : fmt::format("no program{} called '{}' runs", _seen_only, creator)};
+        if (chunk.devices.empty()) {
             reasons.emplace_back("it is mapped for no device");
+        }
         return reasons;
     }
 
     std::vector<std::string> doubts_of(const chunk_record& chunk) {
         std::vector<std::string> doubts;
-        if (const std::string online = online_devices_of(chunk); !online.empty())
+        if (const std::string online = online_devices_of(chunk); !online.empty()) {
             doubts.push_back("mapped for " + online + ", which may be using it");
+        }
         if (!looks_like_a_program(chunk.creator)) {
             doubts.push_back(fmt::format("its creator '{}' is not the name of a program, so "
                                          "whether that program runs is unknown",
                                          shown(chunk.creator)));
         }
-        if (!whole_region_.empty()) {
+        if (!_whole_region.empty()) {
             doubts.push_back("seen through a mapping of the whole region by " +
-                             processes_text(whole_region_, processes_));
+                             processes_text(_whole_region, _processes));
         }
         return doubts;
     }
@@ -90,35 +93,38 @@ class detective {
     std::string online_devices_of(const chunk_record& chunk) const {
         std::string made;
         for (const int index : chunk.devices) {
-            const device_record* const device = records_.device_at(index);
-            if (device != nullptr && device->online)
+            const device_record* const device = _records.device_at(index);
+            if (device != nullptr && device->online) {
                 made += (made.empty() ? "" : ", ") + device_text(*device);
+            }
         }
         return made;
     }
 
-    const picture& records_;
-    process_table& processes_;
-    const char* seen_only_;
-    running_programs programs_;
-    std::vector<const region_mapping*> partial_;
-    std::vector<pid_t> whole_region_;
+    const picture& _records;
+    process_table& _processes;
+    const char* _seen_only;
+    running_programs _programs;
+    std::vector<const region_mapping*> _partial;
+    std::vector<pid_t> _whole_region;
 };
 
 uint64_t bytes_of(const std::vector<suspect>& found) {
     uint64_t bytes = 0;
-    for (const auto& each : found)
+    for (const auto& each : found) {
         bytes += each.chunk->size;
+    }
     return bytes;
 }
 
 void print_reasons(const char* heading, const std::vector<std::string>& reasons) {
-    for (const auto& each : reasons)
+    for (const auto& each : reasons) {
         fmt::print("  {:9}{}\n", heading, each);
+    }
 }
 
 /// The largest, in ascending address as before.
-void keep_largest(std::vector<suspect>& found, std::size_t most) {
+void keep_largest(std::vector<suspect>& found, size_t most) {
     std::stable_sort(found.begin(), found.end(), [](const suspect& a, const suspect& b) {
         return a.chunk->size > b.chunk->size;
     });
@@ -129,7 +135,7 @@ void keep_largest(std::vector<suspect>& found, std::size_t most) {
 
 /// The summary comes last, where it is seen on a terminal that scrolls.
 void print_for_people(const std::vector<suspect>& found, bool all) {
-    constexpr std::size_t most_listed = 20;
+    constexpr size_t most_listed = 20;
     if (found.empty()) {
         fmt::print("No suspects: of every chunk, a process has it mapped or its creator runs\n");
         return;
@@ -181,8 +187,9 @@ exit_status leaks(const leaks_options& options) {
         print_as_json(found, records, memory);
     } else {
         print_for_people(found, options.all);
-        if (!memory.is_complete())
+        if (!memory.is_complete()) {
             fmt::print(stderr, "tarvoctl: {}\n", unseen_text(memory, processes));
+        }
     }
     const exit_status damage = told_damage(records.damage, options.source);
     return damage == exit_status::good && !found.empty() ? exit_status::finding : damage;

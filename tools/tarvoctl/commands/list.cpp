@@ -80,24 +80,29 @@ const list_column& column_called(const std::string& key) {
 }
 
 /// The chunks' positions in the order wanted; equal ones in ascending address.
-std::vector<std::size_t> order_of(const picture& records, const list_options& options) {
-    std::vector<std::size_t> order(records.chunks.size());
+std::vector<size_t> order_of(const picture& records, const list_options& options) {
+    std::vector<size_t> order(records.chunks.size());
     std::iota(order.begin(), order.end(), 0);
     const auto sort_by = [&](auto key) {
-        std::stable_sort(order.begin(), order.end(), [&](std::size_t a, std::size_t b) {
+        std::stable_sort(order.begin(), order.end(), [&](size_t a, size_t b) {
             return key(records.chunks[a]) < key(records.chunks[b]);
         });
     };
-    if (options.sort == "name")
+    if (options.sort == "name") {
         sort_by([](const chunk_record& each) -> const std::string& { return each.name; });
-    if (options.sort == "creator")
+    }
+    if (options.sort == "creator") {
         sort_by([](const chunk_record& each) -> const std::string& { return each.creator; });
-    if (options.sort == "size")
+    }
+    if (options.sort == "size") {
         sort_by([](const chunk_record& each) { return each.size; });
-    if (options.sort == "index")
+    }
+    if (options.sort == "index") {
         sort_by([](const chunk_record& each) { return each.index; });
-    if (options.reverse)
+    }
+    if (options.reverse) {
         std::reverse(order.begin(), order.end());
+    }
     return order;
 }
 
@@ -121,13 +126,14 @@ void print_as_table(const picture& records, const list_options& options) {
         heads.push_back(each->head);
     }
     table lines{heads};
-    for (const std::size_t position : order_of(records, options)) {
+    for (const size_t position : order_of(records, options)) {
         const listed_chunk each{records.chunks[position], records, options.bytes,
                                 options.columns.empty()};
         std::vector<std::string> row;
         row.reserve(chosen.size());
-        for (const auto* wanted : chosen)
+        for (const auto* wanted : chosen) {
             row.push_back(wanted->cell(each));
+        }
         lines.add(std::move(row));
     }
     fmt::print("{}", lines.text(!options.no_header));
@@ -137,7 +143,7 @@ void print_as_table(const picture& records, const list_options& options) {
 void print_as_json(const picture& records, const list_options& options) {
     const auto duplicates = records.duplicates();
     json chunks = json::array();
-    for (const std::size_t position : order_of(records, options)) {
+    for (const size_t position : order_of(records, options)) {
         json chunk = json_chunk(records.chunks[position], records);
         chunk["duplicate"] = static_cast<bool>(duplicates[position]);
         chunks.push_back(std::move(chunk));

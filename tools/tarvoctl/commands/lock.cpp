@@ -32,10 +32,12 @@ const char* role_text(lock_role role) {
 }
 
 std::string heading_of(const lock_state& lock, process_table& processes) {
-    if (!lock.exists)
+    if (!lock.exists) {
         return "free, for the file is not there";
-    if (!lock.held)
+    }
+    if (!lock.held) {
         return "free";
+    }
     const auto holder = lock.holder();
     return fmt::format("held{}, {}", holder ? " by " + processes.text(*holder) : "",
                        waiting_text(lock));
@@ -61,12 +63,14 @@ void print_as_table(const lock_picture& found, process_table& processes) {
     for (const auto& lock : found.locks) {
         fmt::print("{}: {}\n", lock.file, heading_of(lock, processes));
         print_parties(lock, processes);
-        for (const auto& trouble : lock_troubles(lock, processes))
+        for (const auto& trouble : lock_troubles(lock, processes)) {
             fmt::print("  ! {}\n", trouble.text);
+        }
         any_held = any_held || lock.held;
     }
-    if (any_held)
+    if (any_held) {
         fmt::print("The kernel does not record since when a lock is held or waited for.\n");
+    }
     if (!found.unseen.empty()) {
         fmt::print(stderr,
                    "tarvoctl: could not see the open files of {}, which may hold an "
@@ -88,8 +92,9 @@ json json_of(const lock_party& party, process_table& processes) {
 
 json json_of(const lock_state& lock, process_table& processes) {
     json parties = json::array();
-    for (const auto& party : parties_of(lock))
+    for (const auto& party : parties_of(lock)) {
         parties.push_back(json_of(party, processes));
+    }
     json troubles = json::array();
     for (const auto& trouble : lock_troubles(lock, processes)) {
         troubles.push_back(trouble.text);
@@ -101,8 +106,9 @@ json json_of(const lock_state& lock, process_table& processes) {
 
 void print_as_json(const lock_picture& found, process_table& processes) {
     json locks = json::array();
-    for (const auto& lock : found.locks)
+    for (const auto& lock : found.locks) {
         locks.push_back(json_of(lock, processes));
+    }
     json document = json_document("lock");
     document["locks"] = std::move(locks);
     document["unseen"] = found.unseen;

@@ -53,8 +53,9 @@ fit_answer fit_of(const map_options& options, const picture& records, const std:
         return answer;
     }
     answer.obstacle = obstacle_to(size, records, answer.driver_chooses);
-    if (!answer.obstacle)
+    if (!answer.obstacle) {
         answer.place = first_fit(gaps, size);
+    }
     return answer;
 }
 
@@ -99,8 +100,8 @@ std::string text_of(const piece& each) {
 
 /// What is listed below the picture: all pieces, or the largest chunks where those are too many.
 std::vector<piece> listed_of(std::vector<piece> pieces) {
-    constexpr std::size_t most_pieces = 2 * 52; // a chunk for each letter, and the gaps between
-    constexpr std::size_t most_chunks = 20;
+    constexpr size_t most_pieces = 2 * 52; // a chunk for each letter, and the gaps between
+    constexpr size_t most_chunks = 20;
     if (pieces.size() <= most_pieces) {
         return pieces;
     }
@@ -149,7 +150,7 @@ std::string totals_text(const picture& records, const std::vector<gap>& gaps,
 }
 
 void print_as_text(const picture& records, const std::vector<gap>& gaps, const free_space& free) {
-    constexpr std::size_t picture_lines = 12;
+    constexpr size_t picture_lines = 12;
     const auto pieces = pieces_of(records);
     const auto listed = listed_of(pieces);
     const auto drawn = draw_region(records, standard_screen(), picture_lines, owners_of(listed));
@@ -200,8 +201,9 @@ void print_as_json(const picture& records, const std::vector<gap>& gaps, const f
     document["largest_gap_bytes"] = known ? json(free.largest_bytes) : json(nullptr);
     document["fragmentation"] = known ? json(free.fragmentation()) : json(nullptr);
     document["gaps"] = json::array();
-    for (const auto& each : gaps)
+    for (const auto& each : gaps) {
         document["gaps"].push_back(json_gap(each, records));
+    }
     document["overlaps"] = json_overlaps(records);
     document["fit"] = fit ? json_fit(*fit, records) : json(nullptr);
     document["damage"] = records.damage;

@@ -21,13 +21,13 @@ std::string in_lower_case(std::string text) {
 }
 
 /// How many letters have to be put in, left out or changed to get from one text to the other.
-std::size_t distance_of(const std::string& from, const std::string& to) {
-    std::vector<std::size_t> row(to.size() + 1);
+size_t distance_of(const std::string& from, const std::string& to) {
+    std::vector<size_t> row(to.size() + 1);
     std::iota(row.begin(), row.end(), 0);
-    for (std::size_t i = 0; i < from.size(); ++i) {
-        std::size_t diagonal = std::exchange(row[0], i + 1);
-        for (std::size_t j = 0; j < to.size(); ++j) {
-            const std::size_t changed = diagonal + (from[i] == to[j] ? 0 : 1);
+    for (size_t i = 0; i < from.size(); ++i) {
+        size_t diagonal = std::exchange(row[0], i + 1);
+        for (size_t j = 0; j < to.size(); ++j) {
+            const size_t changed = diagonal + (from[i] == to[j] ? 0 : 1);
             diagonal = row[j + 1];
             row[j + 1] = std::min({row[j] + 1, row[j + 1] + 1, changed});
         }
@@ -36,7 +36,7 @@ std::size_t distance_of(const std::string& from, const std::string& to) {
 }
 
 /// 0: one is in the other. Upper and lower case count as the same.
-std::size_t unlikeness(const std::string& wanted, const std::string& name) {
+size_t unlikeness(const std::string& wanted, const std::string& name) {
     const std::string a = in_lower_case(wanted);
     const std::string b = in_lower_case(name);
     const bool within = a.find(b) != std::string::npos || b.find(a) != std::string::npos;
@@ -45,18 +45,21 @@ std::size_t unlikeness(const std::string& wanted, const std::string& name) {
 
 /// The most similar ones first, a few of them.
 std::string similar_names(const std::string& wanted, const picture& records) {
-    constexpr std::size_t most_named = 5;
-    const std::size_t limit = std::max<std::size_t>(1, wanted.size() / 3);
-    std::set<std::pair<std::size_t, std::string>> similar;
+    constexpr size_t most_named = 5;
+    const size_t limit = std::max<size_t>(1, wanted.size() / 3);
+    std::set<std::pair<size_t, std::string>> similar;
     for (const auto& chunk : records.chunks) {
-        const std::size_t distance = unlikeness(wanted, chunk.name);
-        if (distance <= limit && !chunk.name.empty())
+        const size_t distance = unlikeness(wanted, chunk.name);
+        if (distance <= limit && !chunk.name.empty()) {
             similar.emplace(distance, chunk.name);
+        }
     }
     std::string made;
-    std::size_t named = 0;
-    for (auto each = similar.begin(); each != similar.end() && named < most_named; ++each, ++named)
+    size_t named = 0;
+    for (auto each = similar.begin(); each != similar.end() && named < most_named;
+         ++each, ++named) {
         made += (made.empty() ? "" : ", ") + shown(each->second);
+    }
     return made;
 }
 
@@ -65,8 +68,9 @@ std::string similar_names(const std::string& wanted, const picture& records) {
 std::vector<const chunk_record*> chunks_called(const std::string& name, const picture& records) {
     std::vector<const chunk_record*> found;
     for (const auto& chunk : records.chunks) {
-        if (chunk.name == name)
+        if (chunk.name == name) {
             found.push_back(&chunk);
+        }
     }
     if (found.empty() && !records.damage.empty()) {
         throw failure{

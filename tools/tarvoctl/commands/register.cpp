@@ -33,16 +33,18 @@ std::vector<const chunk_record*> chunks_seen_by(const device_record& device,
     std::vector<const chunk_record*> seen;
     for (const auto& chunk : records.chunks) {
         if (std::find(chunk.devices.begin(), chunk.devices.end(), device.index) !=
-            chunk.devices.end())
+            chunk.devices.end()) {
             seen.push_back(&chunk);
+        }
     }
     return seen;
 }
 
 json json_names(const std::vector<const chunk_record*>& chunks) {
     json names = json::array();
-    for (const auto* chunk : chunks)
+    for (const auto* chunk : chunks) {
         names.push_back(chunk->name);
+    }
     return names;
 }
 
@@ -87,8 +89,9 @@ exit_status tell_registered(const register_options& options, const device_record
                    device->online ? "online" : "offline", seen.size(),
                    counted(records.chunks.size(), "chunk"));
     }
-    if (accepted && device->online)
+    if (accepted && device->online) {
         return exit_status::good;
+    }
     fmt::print(stderr, "tarvoctl: {}; the answers to the requests are above\n",
                accepted ? "the kernel driver does not know the device, so no chunk made later is "
                           "mapped for it"
@@ -112,10 +115,11 @@ exit_status register_device(const register_options& options) {
 }
 
 std::string names_of(const std::vector<const chunk_record*>& chunks) {
-    constexpr std::size_t most_named = 10;
+    constexpr size_t most_named = 10;
     std::string names;
-    for (std::size_t i = 0; i < std::min(chunks.size(), most_named); ++i)
+    for (size_t i = 0; i < std::min(chunks.size(), most_named); ++i) {
         names += (names.empty() ? "" : ", ") + shown_name(chunks[i]->name);
+    }
     return chunks.size() <= most_named
                ? names
                : names + fmt::format(" and {} more", chunks.size() - most_named);
@@ -123,8 +127,9 @@ std::string names_of(const std::vector<const chunk_record*>& chunks) {
 
 std::vector<std::string> effects_of(const device_record& device,
                                     const std::vector<const chunk_record*>& seen) {
-    if (seen.empty())
+    if (seen.empty()) {
         return {};
+    }
     if (!device.online) {
         return {fmt::format("{} is offline: nothing would be unmapped, and the next device in its "
                             "record would inherit {}: {}",
@@ -136,8 +141,9 @@ std::vector<std::string> effects_of(const device_record& device,
 
 exit_status call_unregister(const device_record& device) {
     const change_of_records unbroken;
-    if (tarvo_unregister_device(device.domain, device.bus, device.devfn) == 0)
+    if (tarvo_unregister_device(device.domain, device.bus, device.devfn) == 0) {
         return exit_status::good;
+    }
     throw failure{exit_status::finding, fmt::format("{} could not be unregistered; the reason is "
                                                     "above",
                                                     device_text(device))};

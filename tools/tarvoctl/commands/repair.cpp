@@ -49,17 +49,19 @@ std::string path_of(const repair_options& options) {
 
 /// Beside the area, named after the moment and, as one has room for several repairs, the process.
 std::string backup_path(const repair_options& options) {
-    if (!options.backup.empty())
+    if (!options.backup.empty()) {
         return options.backup;
+    }
     return fmt::format("{}.before-repair-{}-{}", path_of(options),
                        file_time_text(std::chrono::system_clock::now()), ::getpid());
 }
 
 std::string hex_of(const std::vector<uint8_t>& bytes) {
-    constexpr std::size_t most_shown = 8;
+    constexpr size_t most_shown = 8;
     std::string made;
-    for (std::size_t i = 0; i < bytes.size() && i < most_shown; ++i)
+    for (size_t i = 0; i < bytes.size() && i < most_shown; ++i) {
         made += fmt::format("{:02x}", bytes[i]);
+    }
     return bytes.size() > most_shown ? made + "..." : made;
 }
 
@@ -128,11 +130,13 @@ void print_as_json(const planned_repair& planned, const std::string& backup) {
     print_json(document);
 }
 
-/// Processes that have the library started may be in the middle of what is about to be mended. Those
-/// that not even root can look into are told of, but would speak against every repair for ever.
+/// Processes that have the library started may be in the middle of what is about to be mended.
+/// Those that not even root can look into are told of, but would speak against every repair for
+/// ever.
 void refuse_while_in_use(const repair_options& options) {
-    if (!options.source.is_live() || options.force)
+    if (!options.source.is_live() || options.force) {
         return;
+    }
     const mapped_memory memory = mappings_of(find_site());
     process_table processes;
     const std::string unseen = memory.is_complete() ? "" : unseen_text(memory, processes);
@@ -149,14 +153,16 @@ void refuse_while_in_use(const repair_options& options) {
                                   "processes: {}, or --force",
                                   unseen)};
     }
-    if (!unseen.empty())
+    if (!unseen.empty()) {
         fmt::print(stderr, "tarvoctl: {}\n", unseen);
+    }
 }
 
 /// Mended lists look whole: what was left alone would be taken for leftovers by the next repair.
 void refuse_while_in_doubt(const repair_options& options, const repair_plan& plan) {
-    if (plan.doubts.empty() || options.partly)
+    if (plan.doubts.empty() || options.partly) {
         return;
+    }
     throw failure{
         exit_status::damaged,
         fmt::format("not repaired: a person has to decide first about {}, which could not "

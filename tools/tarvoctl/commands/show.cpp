@@ -3,7 +3,6 @@
 #include "commands/named_chunks.hpp"
 #include "failure.hpp"
 #include "host/mappings.hpp"
-
 #include "output/json.hpp"
 #include "output/process_text.hpp"
 #include "output/text.hpp"
@@ -41,20 +40,24 @@ bool overlap(const chunk_record& a, const chunk_record& b) {
 
 surroundings around(const chunk_record& chunk, const picture& records) {
     surroundings found;
-    const auto position = static_cast<std::size_t>(&chunk - records.chunks.data());
-    if (position > 0)
+    const auto position = static_cast<size_t>(&chunk - records.chunks.data());
+    if (position > 0) {
         found.below = &records.chunks[position - 1];
-    if (position + 1 < records.chunks.size())
+    }
+    if (position + 1 < records.chunks.size()) {
         found.above = &records.chunks[position + 1];
+    }
     if (records.all_chunks) {
         found.gap_below = 0;
         found.gap_above = 0;
     }
     for (const auto& each : gaps_of(records)) {
-        if (each.pa + each.bytes == chunk.pa)
+        if (each.pa + each.bytes == chunk.pa) {
             found.gap_below = each.bytes;
-        if (each.pa == chunk.end_pa())
+        }
+        if (each.pa == chunk.end_pa()) {
             found.gap_above = each.bytes;
+        }
     }
     for (const auto& each : records.chunks) {
         if (overlap(chunk, each)) {
@@ -78,15 +81,17 @@ void print_mappings(const chunk_record& chunk, const mapped_memory& memory) {
     bool any = false;
     for (const auto& each : memory.mappings) {
         const auto window = shown_of(each, chunk.pa, chunk.end_pa());
-        if (!window)
+        if (!window) {
             continue;
+        }
         any = true;
         fmt::print("mapped by  {}, bytes {:#x}-{:#x}, {}\n", processes.text(each.pid),
                    window->pa - chunk.pa, window->end_pa - 1 - chunk.pa,
                    each.writable ? "read and write" : "read only");
     }
-    if (!any)
+    if (!any) {
         fmt::print("mapped by  nobody{}\n", seen_only_text(memory));
+    }
 }
 
 /// `found`: the chunk that calls by that name find.
@@ -118,8 +123,9 @@ void print_as_text(const chunk_record& chunk, const picture& records, const chun
 
 json json_neighbour(const chunk_record* chunk, std::optional<uint64_t> gap_bytes) {
     json made{{"name", nullptr}};
-    if (chunk != nullptr)
+    if (chunk != nullptr) {
         add_text(made, "name", chunk->name);
+    }
     made["gap_bytes"] = gap_bytes ? json(*gap_bytes) : json(nullptr);
     return made;
 }
@@ -154,23 +160,27 @@ json json_shown(const chunk_record& chunk, const picture& records, const mapped_
 void print_all_as_text(const std::vector<const chunk_record*>& chunks, const picture& records,
                        const mapped_memory* memory) {
     for (const auto* chunk : chunks) {
-        if (chunk != chunks.front())
+        if (chunk != chunks.front()) {
             fmt::print("\n");
+        }
         print_as_text(*chunk, records, *chunks.front());
-        if (memory != nullptr)
+        if (memory != nullptr) {
             print_mappings(*chunk, *memory);
+        }
     }
     process_table processes;
-    if (memory != nullptr && !memory->is_complete())
+    if (memory != nullptr && !memory->is_complete()) {
         fmt::print(stderr, "tarvoctl: {}\n", unseen_text(*memory, processes));
+    }
 }
 
 void print_all_as_json(const std::vector<const chunk_record*>& chunks, const picture& records,
                        const mapped_memory* memory) {
     json document = json_document("show", records);
     document["chunks"] = json::array();
-    for (const auto* chunk : chunks)
+    for (const auto* chunk : chunks) {
         document["chunks"].push_back(json_shown(*chunk, records, memory));
+    }
     document["unseen"] = json_unseen(memory != nullptr ? *memory : mapped_memory{});
     document["damage"] = records.damage;
     print_json(document);
@@ -180,8 +190,9 @@ exit_status show(const show_options& options) {
     const picture records = read_picture(options.source);
     const auto chunks = chunks_called(options.name, records);
     std::optional<mapped_memory> memory;
-    if (options.source.is_live()) // nobody maps the chunks of a copy
+    if (options.source.is_live()) { // nobody maps the chunks of a copy
         memory = mappings_of(find_site());
+    }
     (options.json ? print_all_as_json : print_all_as_text)(chunks, records,
                                                            memory ? &*memory : nullptr);
     return told_damage(records.damage, options.source);

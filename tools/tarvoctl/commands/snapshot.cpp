@@ -43,8 +43,9 @@ exit_status print_area(const snapshot_options& options) {
 }
 
 exit_status snapshot(const snapshot_options& options) {
-    if (options.file == standard_stream)
+    if (options.file == standard_stream) {
         return print_area(options);
+    }
     const auto area = read_and_remark(options.source);
     write_snapshot({options.file, options.force ? existing_file::replaced : existing_file::refused},
                    *area);

@@ -33,18 +33,18 @@ class live_view {
   public:
     void take(area_look look) {
         if (look.records) {
-            records_ = std::move(look.records);
-            memory_ = mappings_of(find_site());
-            title_ = title_of(look.area, look.found != area_look::state::changing
+            _records = std::move(look.records);
+            _memory = mappings_of(find_site());
+            _title = title_of(look.area, look.found != area_look::state::changing
                                              ? ""
                                              : "  HALF CHANGED: read without the lock");
-            mark_.clear();
-        } else if (look.found == area_look::state::locked && records_) {
-            mark_ = "  OLD: the lock is not free, see 'tarvoctl lock'";
+            _mark.clear();
+        } else if (look.found == area_look::state::locked && _records) {
+            _mark = "  OLD: the lock is not free, see 'tarvoctl lock'";
         } else {
-            records_.reset();
-            title_ = title_of(look.area, "  q quit");
-            mark_ = look.found == area_look::state::locked
+            _records.reset();
+            _title = title_of(look.area, "  q quit");
+            _mark = look.found == area_look::state::locked
                         ? "\n\n" + look.obstacle
                         : "\n\nThere is no area. The first program that uses the library makes it.";
         }
@@ -53,32 +53,32 @@ class live_view {
     void obey(screen_key key) {
         switch (key) {
         case screen_key::sort:
-            order_ = next_of(order_);
-            first_ = 0;
+            _order = next_of(_order);
+            _first = 0;
             break;
         case screen_key::up:
             scroll_back(1);
             break;
         case screen_key::down:
-            first_ += 1;
+            _first += 1;
             break;
         case screen_key::left:
-            shifted_ -= std::min<std::size_t>(shifted_, 1);
+            _shifted -= std::min<size_t>(_shifted, 1);
             break;
         case screen_key::right:
-            shifted_ = std::min(shifted_ + 1, most_shifted_columns);
+            _shifted = std::min(_shifted + 1, most_shifted_columns);
             break;
         case screen_key::page_up:
-            scroll_back(rows_);
+            scroll_back(_rows);
             break;
         case screen_key::page_down:
-            first_ += rows_;
+            _first += _rows;
             break;
         case screen_key::first:
-            first_ = 0;
+            _first = 0;
             break;
         case screen_key::last:
-            first_ = SIZE_MAX;
+            _first = SIZE_MAX;
             break;
         default:
             break;
@@ -86,15 +86,15 @@ class live_view {
     }
 
     void show() {
-        if (!records_) {
-            live_screen::show(title_ + mark_);
+        if (!_records) {
+            live_screen::show(_title + _mark);
             return;
         }
         const top_drawing drawn =
-            top_page({*records_, memory_, title_ + mark_, standard_screen(),
-                      static_cast<std::size_t>(live_screen::height()), order_, shifted_, first_});
-        first_ = drawn.first_chunk;
-        rows_ = drawn.chunks;
+            top_page({*_records, _memory, _title + _mark, standard_screen(),
+                      static_cast<size_t>(live_screen::height()), _order, _shifted, _first});
+        _first = drawn.first_chunk;
+        _rows = drawn.chunks;
         live_screen::show(drawn.text);
     }
 
@@ -105,16 +105,16 @@ class live_view {
                                           : top_order::size;
     }
 
-    void scroll_back(std::size_t rows) { first_ -= std::min(first_, rows); }
+    void scroll_back(size_t rows) { _first -= std::min(_first, rows); }
 
-    std::optional<picture> records_; ///< as they were seen last
-    mapped_memory memory_;           ///< as it was seen then
-    std::string title_;
-    std::string mark_; ///< behind it: why there are no newer records
-    top_order order_ = top_order::size;
-    std::size_t shifted_ = 0; ///< columns
-    std::size_t first_ = 0;   ///< chunk on the page
-    std::size_t rows_ = 0;    ///< chunks on it
+    std::optional<picture> _records; ///< as they were seen last
+    mapped_memory _memory;           ///< as it was seen then
+    std::string _title;
+    std::string _mark; ///< behind it: why there are no newer records
+    top_order _order = top_order::size;
+    size_t _shifted = 0; ///< columns
+    size_t _first = 0;   ///< chunk on the page
+    size_t _rows = 0;    ///< chunks on it
 };
 
 exit_status live(const top_options& options) {
@@ -129,8 +129,9 @@ exit_status live(const top_options& options) {
         const auto left =
             std::chrono::duration_cast<std::chrono::milliseconds>(next_look - clock::now());
         const screen_key key = screen.key_within(std::max(left, std::chrono::milliseconds{0}));
-        if (key == screen_key::quit)
+        if (key == screen_key::quit) {
             return exit_status::good;
+        }
         view.obey(key);
         if (clock::now() >= next_look) {
             view.take(follower.look());

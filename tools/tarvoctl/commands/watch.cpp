@@ -44,10 +44,10 @@ void end_well_when_interrupted() {
 /// Tells one line after the other, each with the time at which it was noticed.
 class reporter {
   public:
-    explicit reporter(bool as_json) : as_json_{as_json} {}
+    explicit reporter(bool as_json) : _as_json{as_json} {}
 
     void tell(const change& each) const {
-        if (as_json_) {
+        if (_as_json) {
             tell_json(json_change(each));
         } else {
             tell_text(change_text(each));
@@ -56,9 +56,9 @@ class reporter {
 
     /// What became of the area itself: `word` is "found", "gone" or "replaced".
     void tell_area(const char* word, const area_look& look) const {
-        const std::size_t chunks = look.records ? look.records->chunks.size() : 0;
-        const std::size_t devices = look.records ? look.records->devices.size() : 0;
-        if (as_json_) {
+        const size_t chunks = look.records ? look.records->chunks.size() : 0;
+        const size_t devices = look.records ? look.records->devices.size() : 0;
+        if (_as_json) {
             tell_json({{"change", fmt::format("area_{}", word)},
                        {"area", look.area},
                        {"chunk_count", chunks},
@@ -72,11 +72,13 @@ class reporter {
     }
 
     void tell_damage(const std::vector<std::string>& damage) const {
-        if (as_json_)
+        if (_as_json) {
             tell_json({{"change", "damaged"}, {"damage", damage}});
+        }
         for (const auto& each : damage) {
-            if (!as_json_)
+            if (!_as_json) {
                 tell_text(fmt::format("{:<12}  {}", "damaged", each));
+            }
         }
     }
 
@@ -105,13 +107,13 @@ class reporter {
         flush_output();
     }
 
-    bool as_json_;
+    bool _as_json;
 };
 
 /// Makes lines of what the looks at the area find.
 class watcher {
   public:
-    explicit watcher(bool as_json) : report_{as_json} {}
+    explicit watcher(bool as_json) : _report{as_json} {}
 
     void take(area_look look) {
         switch (look.found) {
@@ -132,36 +134,40 @@ class watcher {
 
   private:
     void take_absence(const area_look& look) {
-        if (present_)
-            report_.tell_area("gone", look);
-        present_ = false;
-        last_ = {};
-        started_ = true;
+        if (_present) {
+            _report.tell_area("gone", look);
+        }
+        _present = false;
+        _last = {};
+        _started = true;
         remark(fmt::format("waiting for {}", look.area));
     }
 
     void take_records(area_look look) {
-        if (look.found == area_look::state::new_area)
+        if (look.found == area_look::state::new_area) {
             take_new_area(look);
-        if (look.records->damage != damage_) {
-            damage_ = look.records->damage;
-            report_.tell_damage(damage_);
         }
-        if (!damage_.empty()) // what cannot be read is not gone
+        if (look.records->damage != _damage) {
+            _damage = look.records->damage;
+            _report.tell_damage(_damage);
+        }
+        if (!_damage.empty()) { // what cannot be read is not gone
             return;
-        for (const auto& each : changes_between(last_, *look.records))
-            report_.tell(each);
-        last_ = std::move(*look.records);
+        }
+        for (const auto& each : changes_between(_last, *look.records)) {
+            _report.tell(each);
+        }
+        _last = std::move(*look.records);
     }
 
     /// What is there at the start is no change. What is in an area that is made later, is.
     void take_new_area(const area_look& look) {
         remark_on_region(look.records->region);
-        report_.tell_area(present_ ? "replaced" : "found", look);
-        last_ = started_ ? picture{} : *look.records;
-        started_ = true;
-        present_ = true;
-        damage_.clear();
+        _report.tell_area(_present ? "replaced" : "found", look);
+        _last = _started ? picture{} : *look.records;
+        _started = true;
+        _present = true;
+        _damage.clear();
     }
 
     void remark(const std::string& text) { remark(text, text); }
@@ -169,18 +175,18 @@ class watcher {
     /// Tells people once what goes on, on standard error; "" when it is over. Texts about the same
     /// obstacle are reported once.
     void remark(const std::string& text, const std::string& about) {
-        if (about != obstacle_ && !text.empty()) {
+        if (about != _obstacle && !text.empty()) {
             fmt::print(stderr, "tarvoctl: {}\n", text);
         }
-        obstacle_ = about;
+        _obstacle = about;
     }
 
-    reporter report_;
-    bool started_ = false;
-    bool present_ = false;
-    picture last_{}; ///< the records as they were told last
-    std::vector<std::string> damage_;
-    std::string obstacle_;
+    reporter _report;
+    bool _started = false;
+    bool _present = false;
+    picture _last{}; ///< the records as they were told last
+    std::vector<std::string> _damage;
+    std::string _obstacle;
 };
 
 exit_status watch(const watch_options& options) {

@@ -44,8 +44,9 @@ std::vector<view> views_of(const chunk_record& chunk,
                            const std::vector<const region_mapping*>& mappings) {
     std::vector<view> found;
     for (const auto* mapping : mappings) {
-        if (const auto window = shown_of(*mapping, chunk.pa, chunk.end_pa()))
+        if (const auto window = shown_of(*mapping, chunk.pa, chunk.end_pa())) {
             found.push_back({mapping, *window});
+        }
     }
     return found;
 }
@@ -53,18 +54,22 @@ std::vector<view> views_of(const chunk_record& chunk,
 /// What a mapping shows of the region beside the chunks, which are in ascending address.
 void add_stale(const region_mapping& mapping, const picture& records, std::vector<view>& stale) {
     const auto shown = shown_of(mapping, records.region.first_pa, records.region.end_pa);
-    if (!shown)
+    if (!shown) {
         return;
+    }
     uint64_t from = shown->pa;
     for (const auto& chunk : records.chunks) {
-        if (chunk.end_pa() <= from || from >= shown->end_pa)
+        if (chunk.end_pa() <= from || from >= shown->end_pa) {
             continue;
-        if (chunk.pa > from)
+        }
+        if (chunk.pa > from) {
             stale.push_back({&mapping, {from, std::min(chunk.pa, shown->end_pa)}});
+        }
         from = chunk.end_pa();
     }
-    if (from < shown->end_pa)
+    if (from < shown->end_pa) {
         stale.push_back({&mapping, {from, shown->end_pa}});
+    }
 }
 
 answer answer_of(const std::vector<const chunk_record*>& wanted, const picture& records,
@@ -80,17 +85,20 @@ answer answer_of(const std::vector<const chunk_record*>& wanted, const picture& 
             add_stale(mapping, records, made.stale);
         }
     }
-    for (const auto* chunk : wanted)
+    for (const auto* chunk : wanted) {
         made.chunks.push_back({chunk, views_of(*chunk, partial)});
+    }
     return made;
 }
 
 std::vector<const chunk_record*> wanted_of(const who_options& options, const picture& records) {
-    if (!options.name.empty())
+    if (!options.name.empty()) {
         return chunks_called(options.name, records);
+    }
     std::vector<const chunk_record*> all;
-    for (const auto& chunk : records.chunks)
+    for (const auto& chunk : records.chunks) {
         all.push_back(&chunk);
+    }
     return all;
 }
 
@@ -112,34 +120,36 @@ std::string window_text(const view& each, const chunk_record& chunk) {
 
 class who_table {
   public:
-    explicit who_table(process_table& processes) : processes_{processes} {}
+    explicit who_table(process_table& processes) : _processes{processes} {}
 
     void add(const std::string& what, const std::string& window, const region_mapping& mapping) {
-        const process_info& process = processes_.of(mapping.pid);
-        lines_.add({what, window, fmt::format("{}", process.pid), shown(process.command),
+        const process_info& process = _processes.of(mapping.pid);
+        _lines.add({what, window, fmt::format("{}", process.pid), shown(process.command),
                     shown(process.user), access_text(mapping)});
-        empty_ = false;
+        _empty = false;
     }
 
-    std::string text() const { return empty_ ? "" : lines_.text(); }
+    std::string text() const { return _empty ? "" : _lines.text(); }
 
   private:
-    process_table& processes_;
-    table lines_{{{"CHUNK"}, {"WINDOW"}, {"PID", align::right}, {"COMMAND"}, {"USER"}, {"ACCESS"}}};
-    bool empty_ = true;
+    process_table& _processes;
+    table _lines{{{"CHUNK"}, {"WINDOW"}, {"PID", align::right}, {"COMMAND"}, {"USER"}, {"ACCESS"}}};
+    bool _empty = true;
 };
 
 /// The chunks that nobody maps, a few by name.
 void print_unmapped(const answer& found, const mapped_memory& memory) {
-    constexpr std::size_t most_named = 10;
-    std::size_t count = 0;
+    constexpr size_t most_named = 10;
+    size_t count = 0;
     std::string names;
     for (const auto& [chunk, views] : found.chunks) {
-        if (views.empty() && count++ < most_named)
+        if (views.empty() && count++ < most_named) {
             names += (names.empty() ? "" : ", ") + shown_name(chunk->name);
+        }
     }
-    if (count == 0)
+    if (count == 0) {
         return;
+    }
     const std::string more =
         count > most_named ? fmt::format(" and {} more", count - most_named) : "";
     fmt::print("Mapped by nobody{}{}: {}{}\n", seen_only_text(memory),
@@ -148,8 +158,9 @@ void print_unmapped(const answer& found, const mapped_memory& memory) {
 
 /// `only`: the name that was asked for; empty: all were.
 void print_remarks(const answer& found, const picture& records, const std::string& only) {
-    if (records.chunks.empty())
+    if (records.chunks.empty()) {
         fmt::print("There are no chunks\n");
+    }
     if (only.empty() && !found.stale.empty()) {
         fmt::print(stderr, "tarvoctl: (freed): the mapping outlives its chunk, and shows whatever "
                            "is put there next; the process should unmap it\n");
@@ -161,14 +172,17 @@ void print_as_table(const answer& found, const picture& records, const mapped_me
                     process_table& processes, const std::string& only) {
     who_table lines{processes};
     for (const auto& [chunk, views] : found.chunks) {
-        for (const auto& each : views)
+        for (const auto& each : views) {
             lines.add(shown_name(chunk->name), window_text(each, *chunk), *each.mapping);
+        }
     }
-    for (const auto& each : found.whole_region)
+    for (const auto& each : found.whole_region) {
         lines.add("(whole region)", "all", *each.mapping);
+    }
     if (only.empty()) {
-        for (const auto& [mapping, window] : found.stale)
+        for (const auto& [mapping, window] : found.stale) {
             lines.add("(freed)", "pa " + pa_range(window.pa, window.end_pa), *mapping);
+        }
     }
     fmt::print("{}", lines.text());
     print_unmapped(found, memory);
@@ -227,8 +241,9 @@ exit_status who(const who_options& options) {
         print_as_json(found, records, memory, processes);
     } else {
         print_as_table(found, records, memory, processes, options.name);
-        if (!memory.is_complete())
+        if (!memory.is_complete()) {
             fmt::print(stderr, "tarvoctl: {}\n", unseen_text(memory, processes));
+        }
     }
     const exit_status damage = told_damage(records.damage, options.source);
     const bool nobody = !options.name.empty() && !is_mapped(found);

@@ -43,12 +43,13 @@ chunk_window window_of(const write_options& options) {
 std::optional<uint64_t> input_bytes() {
     struct stat found {};
     const off_t position = ::lseek(STDIN_FILENO, 0, SEEK_CUR);
-    if (::fstat(STDIN_FILENO, &found) != 0 || !S_ISREG(found.st_mode) || position < 0)
+    if (::fstat(STDIN_FILENO, &found) != 0 || !S_ISREG(found.st_mode) || position < 0) {
         return std::nullopt;
+    }
     return static_cast<uint64_t>(std::max<off_t>(0, found.st_size - position));
 }
 
-std::size_t read_some(std::byte* to, std::size_t room) {
+size_t read_some(std::byte* to, size_t room) {
     ssize_t count = 0;
     do {
         count = ::read(STDIN_FILENO, to, room);
@@ -57,10 +58,10 @@ std::size_t read_some(std::byte* to, std::size_t room) {
         throw failure{exit_status::unreadable,
                       fmt::format("cannot read standard input: {}", error_text(errno))};
     }
-    return static_cast<std::size_t>(count);
+    return static_cast<size_t>(count);
 }
 
-exit_status told_written(const char* command, const chunk_window& window, std::size_t bytes,
+exit_status told_written(const char* command, const chunk_window& window, size_t bytes,
                          bool as_json) {
     if (as_json) {
         json document = json_document(command);
@@ -77,12 +78,12 @@ exit_status told_written(const char* command, const chunk_window& window, std::s
 
 /// Goes through a buffer: not every system reads from a file straight into device memory.
 exit_status copy_input(const chunk_window& window, bool as_json) {
-    constexpr std::size_t buffer_bytes = 65536;
+    constexpr size_t buffer_bytes = 65536;
     const std::span<std::byte> target = map_window(window, true);
     std::vector<std::byte> buffer(buffer_bytes);
-    std::size_t written = 0;
-    while (const std::size_t count = read_some(buffer.data(), buffer.size())) {
-        const std::size_t fitting = std::min(count, target.size() - written);
+    size_t written = 0;
+    while (const size_t count = read_some(buffer.data(), buffer.size())) {
+        const size_t fitting = std::min(count, target.size() - written);
         std::copy_n(buffer.begin(), fitting, target.begin() + static_cast<std::ptrdiff_t>(written));
         written += fitting;
         if (fitting < count) {

@@ -24,24 +24,24 @@ struct diagnosis {
 class health_report {
   public:
     void add(verdict how, std::string subject, std::string text, std::string fix = {}) {
-        all_.push_back({how, std::move(subject), std::move(text), std::move(fix)});
+        _all.push_back({how, std::move(subject), std::move(text), std::move(fix)});
     }
     /// An error that says that the area is damaged: nothing else does.
     void add_damage(std::string subject, std::string text, std::string fix) {
         add(verdict::error, std::move(subject), std::move(text), std::move(fix));
-        damaged_ = true;
+        _damaged = true;
     }
-    void set_readable() { readable_ = true; }
+    void set_readable() { _readable = true; }
 
-    const std::vector<diagnosis>& all() const { return all_; }
-    std::size_t count(verdict how) const;
-    bool is_damaged() const { return damaged_; }   ///< the area
-    bool is_readable() const { return readable_; } ///< the area, or where the region lies
+    const std::vector<diagnosis>& all() const { return _all; }
+    size_t count(verdict how) const;
+    bool is_damaged() const { return _damaged; }   ///< the area
+    bool is_readable() const { return _readable; } ///< the area, or where the region lies
 
   private:
-    std::vector<diagnosis> all_;
-    bool damaged_ = false;
-    bool readable_ = false;
+    std::vector<diagnosis> _all;
+    bool _damaged = false;
+    bool _readable = false;
 };
 
 /// Why the library takes the files that it takes.

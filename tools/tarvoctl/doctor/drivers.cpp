@@ -27,8 +27,9 @@ constexpr const char* write_the_line =
 
 std::string without_newline(const char* text) {
     std::string line{text};
-    while (line.ends_with('\n'))
+    while (line.ends_with('\n')) {
         line.pop_back();
+    }
     return line;
 }
 
@@ -122,7 +123,7 @@ void diagnose_memory_access(const site& here, health_report& report) {
     if (!here.driver) {
         return;
     }
-    const auto page_bytes = static_cast<std::size_t>(::sysconf(_SC_PAGESIZE));
+    const auto page_bytes = static_cast<size_t>(::sysconf(_SC_PAGESIZE));
     void* const page = ::mmap(nullptr, page_bytes, PROT_READ | PROT_WRITE, MAP_SHARED, memory.get(),
                               static_cast<off_t>(here.driver->first_pa));
     if (page == MAP_FAILED) {

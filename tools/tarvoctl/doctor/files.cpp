@@ -130,8 +130,9 @@ bool diagnose_owner(const expected_file& expected, const struct stat& file, cons
 std::optional<struct stat> diagnose_file(const expected_file& expected, const site& here,
                                          health_report& report) {
     struct stat file {};
-    if (!diagnose_kind(expected, report) || ::stat(expected.path.c_str(), &file) != 0)
+    if (!diagnose_kind(expected, report) || ::stat(expected.path.c_str(), &file) != 0) {
         return std::nullopt;
+    }
     const bool mode_is_good = diagnose_mode(expected, file, report);
     const bool owner_is_good = diagnose_owner(expected, file, here, report);
     if (mode_is_good && owner_is_good) {
@@ -181,10 +182,12 @@ void diagnose_folder_of(const std::string& file, verdict if_unusable, health_rep
 /// Simulation, too, has the hardware's lock: a program without the variable makes it with
 /// simulation's mode, and one that ran on the hardware has left it with its own.
 mode_t mode_of_lock(const std::string& path, const site& here) {
-    if (!here.simulation)
+    if (!here.simulation) {
         return hardware_mode;
-    if (path == paths::simulated_lock)
+    }
+    if (path == paths::simulated_lock) {
         return simulation_mode;
+    }
     struct stat file {};
     constexpr mode_t permission_bits = 0777;
     const bool made_here =

@@ -8,9 +8,9 @@
 
 namespace tarvoctl {
 
-std::size_t health_report::count(verdict how) const {
-    return static_cast<std::size_t>(std::count_if(
-        all_.begin(), all_.end(), [how](const diagnosis& each) { return each.how == how; }));
+size_t health_report::count(verdict how) const {
+    return static_cast<size_t>(std::count_if(
+        _all.begin(), _all.end(), [how](const diagnosis& each) { return each.how == how; }));
 }
 
 namespace {

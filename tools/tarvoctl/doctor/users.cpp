@@ -22,12 +22,14 @@ std::optional<std::string> lock_of(pid_t pid, const lock_picture& locks) {
             std::any_of(lock.users.begin(), lock.users.end(), [pid](const lock_file_user& user) {
                 return user.pid == pid && !user.removed;
             });
-        if (open)
+        if (open) {
             return lock.file;
+        }
     }
     const proc_text environment = read_proc(pid, "environ");
-    if (environment.error != 0)
+    if (environment.error != 0) {
         return std::nullopt;
+    }
     const std::string assignment = std::string{simulation_variable} + "=";
     const bool set = environment.text.starts_with(assignment) ||
                      environment.text.find('\0' + assignment) != std::string::npos;
@@ -39,8 +41,9 @@ std::map<std::string, std::vector<pid_t>> users_by_lock(const mapped_memory& mem
                                                         const lock_picture& locks) {
     std::map<std::string, std::vector<pid_t>> found;
     for (const pid_t pid : memory.users) {
-        if (const auto lock = lock_of(pid, locks))
+        if (const auto lock = lock_of(pid, locks)) {
             found[*lock].push_back(pid);
+        }
     }
     return found;
 }
@@ -83,10 +86,12 @@ void diagnose_sides(const site& here, const mapped_memory& memory, const lock_pi
 void diagnose_locks(const lock_picture& locks, process_table& processes, health_report& report) {
     for (const auto& lock : locks.locks) {
         const auto troubles = lock_troubles(lock, processes);
-        for (const auto& trouble : troubles)
+        for (const auto& trouble : troubles) {
             report.add(verdict::warning, lock.file, trouble.text, trouble.fix);
-        if (!lock.exists || !troubles.empty())
+        }
+        if (!lock.exists || !troubles.empty()) {
             continue;
+        }
         const auto parties = parties_of(lock);
         report.add(lock.held ? verdict::note : verdict::ok, lock.file,
                    lock.held ? fmt::format("held now by {}, {}; if that lasts, see tarvoctl lock",
@@ -98,8 +103,9 @@ void diagnose_locks(const lock_picture& locks, process_table& processes, health_
 /// A file that was removed from under its path, and what that means for those who still use it.
 void diagnose_removed(const std::string& path, const std::vector<pid_t>& users, const char* meaning,
                       process_table& processes, health_report& report) {
-    if (users.empty())
+    if (users.empty()) {
         return;
+    }
     report.add(verdict::error, path,
                fmt::format("was removed under processes that still use the removed one, and {}: {}",
                            meaning, processes_text(users, processes)),
@@ -118,8 +124,9 @@ void diagnose_users(const site& here, health_report& report) {
                      processes, report);
     diagnose_removed(here.memory, memory.users_of_removed_memory,
                      "do not see what those that start now write to a chunk", processes, report);
-    if (!memory.is_complete())
+    if (!memory.is_complete()) {
         report.add(verdict::note, "processes", unseen_text(memory, processes));
+    }
 }
 
 } // namespace tarvoctl

@@ -1,7 +1,6 @@
 #include "host/area_follower.hpp"
 
 #include "area/check_record.hpp"
-
 #include "failure.hpp"
 #include "host/plain_file.hpp"
 
@@ -32,8 +31,9 @@ unique_fd open_built_area(const std::string& path) {
         throw failure{exit_status::unreadable,
                       fmt::format("cannot open {}: {}", path, error_text(errno))};
     }
-    if (file && !is_built(file, path))
+    if (file && !is_built(file, path)) {
         file.reset();
+    }
     return file;
 }
 
@@ -41,29 +41,32 @@ area_look area_follower::look() {
     const std::string path = find_site().area;
     unique_fd file = open_built_area(path);
     if (!file) {
-        seen_.reset();
-        identity_.reset();
+        _seen.reset();
+        _identity.reset();
         return {area_look::state::absent, path};
     }
     try {
         return read(path, std::move(file));
     } catch (const failure& wrong) {
-        if (wrong.status() == exit_status::timed_out)
+        if (wrong.status() == exit_status::timed_out) {
             return {area_look::state::locked, path, {}, wrong.what()};
-        if (!open_built_area(path)) // removed just now
+        }
+        if (!open_built_area(path)) { // removed just now
             return look();
+        }
         throw;
     }
 }
 
 area_look area_follower::read(const std::string& path, unique_fd file) {
     const auto identity = identity_of(path);
-    picture records = look_at_records(source_);
-    const bool same = seen_ && identity == identity_;
-    if (!records.consistent)
+    picture records = look_at_records(_source);
+    const bool same = _seen && identity == _identity;
+    if (!records.consistent) {
         return {area_look::state::changing, path, std::move(records)};
-    seen_ = std::move(file);
-    identity_ = identity;
+    }
+    _seen = std::move(file);
+    _identity = identity;
     return {same ? area_look::state::same : area_look::state::new_area, path, std::move(records)};
 }
 

@@ -12,7 +12,8 @@
 namespace tarvoctl {
 
 /// The file of an area that a process has built, also where it says that none has, yet is in use;
-/// none where there is no such area yet. Throws failure for one that cannot be opened or is cut short.
+/// none where there is no such area yet. Throws failure for one that cannot be opened or is cut
+/// short.
 unique_fd open_built_area(const std::string& path);
 
 /// What one look at the live area found.
@@ -33,7 +34,7 @@ struct area_look {
 /// Looks at the live area again and again, through its being made, removed and made anew.
 class area_follower {
   public:
-    explicit area_follower(area_source source) : source_{std::move(source)} {}
+    explicit area_follower(area_source source) : _source{std::move(source)} {}
 
     /// Throws failure where an area cannot be read.
     area_look look();
@@ -41,10 +42,10 @@ class area_follower {
   private:
     area_look read(const std::string& path, unique_fd file);
 
-    area_source source_; ///< the live area
+    area_source _source; ///< the live area
     /// The file seen last. It stays open, or a new file could be given its inode.
-    unique_fd seen_;
-    std::optional<file_identity> identity_;
+    unique_fd _seen;
+    std::optional<file_identity> _identity;
 };
 
 } // namespace tarvoctl

@@ -28,8 +28,9 @@ namespace {
 
 [[noreturn]] void complain_of_missing(const std::string& path) {
     const site here = find_site();
-    if (path != here.area)
+    if (path != here.area) {
         throw failure{exit_status::unreadable, fmt::format("{} is not there", path)};
+    }
     require_region(here);
     throw failure{exit_status::unreadable,
                   fmt::format("there is no area: looked for {}, because {}. The first program that "
@@ -38,8 +39,9 @@ namespace {
 }
 
 [[noreturn]] void complain_of(const std::string& path, int number) {
-    if (number == ENOENT || number == ENOTDIR)
+    if (number == ENOENT || number == ENOTDIR) {
         complain_of_missing(path);
+    }
     const bool forbidden = number == EACCES || number == EPERM;
     throw failure{exit_status::unreadable,
                   fmt::format("cannot open {}: {}{}", path, error_text(number),
@@ -55,8 +57,9 @@ namespace {
 [[noreturn]] void complain_of_length(const std::string& path, off_t length) {
     const bool is_live = path == find_site().area;
     // The first process makes the file, and then gives it its length.
-    if (length == 0 && is_live)
+    if (length == 0 && is_live) {
         complain_of_unbuilt(path);
+    }
     throw failure{
         exit_status::damaged,
         fmt::format(
@@ -67,33 +70,33 @@ namespace {
                       "makes one")};
 }
 
-/// An area's file, read by parts into a copy. Not by a mapping: that fills up the holes of a file in
-/// a tmpfs, and ends the process where the file has become shorter or no room is left for it.
+/// An area's file, read by parts into a copy. Not by a mapping: that fills up the holes of a file
+/// in a tmpfs, and ends the process where the file has become shorter or no room is left for it.
 class area_reader {
   public:
     explicit area_reader(const std::string& path)
-        : path_{path}, file_{open_plain_file(path, O_RDONLY)} {
-        if (!file_) {
-            complain_of(path_, errno);
+        : _path{path}, _file{open_plain_file(path, O_RDONLY)} {
+        if (!_file) {
+            complain_of(_path, errno);
         }
     }
 
     void read_all() {
         read(0, sizeof(shared_area_t));
-        read(offsetof(shared_area_t, initialized), sizeof copy_->initialized);
+        read(offsetof(shared_area_t, initialized), sizeof _copy->initialized);
     }
 
     /// What a picture is made of: the flag, the ends of the lists, the devices, and those chunks
     /// that are on their list.
     void read_lists() {
-        constexpr std::size_t ends = offsetof(shared_area_t, chunks._head);
-        read(offsetof(shared_area_t, initialized), sizeof copy_->initialized);
+        constexpr size_t ends = offsetof(shared_area_t, chunks._head);
+        read(offsetof(shared_area_t, initialized), sizeof _copy->initialized);
         read(ends, sizeof(shared_area_t) - ends);
-        read_chunk(copy_->chunks._head);
-        read_chunk(copy_->chunks._tail); // which a damaged list does not lead to
-        walk_list(copy_->chunks,
+        read_chunk(_copy->chunks._head);
+        read_chunk(_copy->chunks._tail); // which a damaged list does not lead to
+        walk_list(_copy->chunks,
                   [this](int /*index*/, const dma_chunk_t& chunk) { read_chunk(chunk.next); });
-        if (copy_->initialized == 0) { // those that are on no list tell whether it ever was
+        if (_copy->initialized == 0) { // those that are on no list tell whether it ever was
             read_all();
         }
     }
@@ -108,45 +111,45 @@ class area_reader {
         constexpr std::chrono::milliseconds between_readings{5};
         for (int readings = 1; readings < most_readings; ++readings) {
             std::this_thread::sleep_for(between_readings);
-            const area_copy before = std::exchange(copy_, area_copy{});
+            const area_copy before = std::exchange(_copy, area_copy{});
             (this->*look)();
-            if (copy_.has_bytes_of(before)) {
+            if (_copy.has_bytes_of(before)) {
                 return;
             }
         }
-        copy_.consistent = false;
+        _copy.consistent = false;
     }
 
-    const shared_area_t& area() const { return *copy_; }
-    bool is_consistent() const { return copy_.consistent; }
-    area_copy take() { return std::move(copy_); }
+    const shared_area_t& area() const { return *_copy; }
+    bool is_consistent() const { return _copy.consistent; }
+    area_copy take() { return std::move(_copy); }
 
   private:
     void read_chunk(int32_t index) {
         if (index >= 0 && index < chunk_capacity) {
-            constexpr std::size_t bytes = sizeof(dma_chunk_t);
-            read(offsetof(shared_area_t, chunks) + static_cast<std::size_t>(index) * bytes, bytes);
+            constexpr size_t bytes = sizeof(dma_chunk_t);
+            read(offsetof(shared_area_t, chunks) + static_cast<size_t>(index) * bytes, bytes);
         }
     }
 
-    void read(std::size_t first, std::size_t bytes) {
-        auto* const to = reinterpret_cast<char*>(&*copy_);
-        for (std::size_t offset = first; offset < first + bytes;) {
-            const ssize_t count = ::pread(file_.get(), to + offset, first + bytes - offset,
+    void read(size_t first, size_t bytes) {
+        auto* const to = reinterpret_cast<char*>(&*_copy);
+        for (size_t offset = first; offset < first + bytes;) {
+            const ssize_t count = ::pread(_file.get(), to + offset, first + bytes - offset,
                                           static_cast<off_t>(offset));
             if (count < 0) {
-                complain_of(path_, errno);
+                complain_of(_path, errno);
             }
             if (count == 0) {
-                require_whole(file_, path_);
+                require_whole(_file, _path);
             }
-            offset += static_cast<std::size_t>(count);
+            offset += static_cast<size_t>(count);
         }
     }
 
-    std::string path_;
-    unique_fd file_;
-    area_copy copy_;
+    std::string _path;
+    unique_fd _file;
+    area_copy _copy;
 };
 
 cross_process_lock lock_of(const site& here, const area_source& source) {
@@ -177,7 +180,7 @@ area_copy read_stream(unique_fd file, const std::string& name) {
     gzip_reader reader{std::move(file), name};
     area_copy copied;
     const std::span bytes{reinterpret_cast<char*>(&*copied), sizeof(shared_area_t)};
-    const std::size_t count = reader.read(bytes);
+    const size_t count = reader.read(bytes);
     if (count < bytes.size()) {
         complain_of_length(name, static_cast<off_t>(count));
     }
@@ -223,21 +226,22 @@ void remark_on(bool consistent) {
 
 } // namespace
 
-area_copy::area_copy() : area_{static_cast<shared_area_t*>(std::calloc(1, sizeof(shared_area_t)))} {
-    if (!area_) {
+area_copy::area_copy() : _area{static_cast<shared_area_t*>(std::calloc(1, sizeof(shared_area_t)))} {
+    if (!_area) {
         throw std::bad_alloc{};
     }
 }
 
 bool area_copy::has_bytes_of(const area_copy& other) const {
-    const void* const bytes = area_.get();
-    const void* const others = other.area_.get();
+    const void* const bytes = _area.get();
+    const void* const others = other._area.get();
     return std::memcmp(bytes, others, sizeof(shared_area_t)) == 0;
 }
 
 void require_region(const site& here) {
-    if (here.simulation || here.driver)
+    if (here.simulation || here.driver) {
         return;
+    }
     throw failure{
         exit_status::unreadable,
         fmt::format("there is no region: /proc/tarvo is missing or does not describe one, and {}. "
@@ -247,10 +251,12 @@ void require_region(const site& here) {
 
 void require_whole(const unique_fd& file, const std::string& path) {
     struct stat found {};
-    if (::fstat(file.get(), &found) != 0)
+    if (::fstat(file.get(), &found) != 0) {
         complain_of(path, errno);
-    if (found.st_size < static_cast<off_t>(sizeof(shared_area_t)))
+    }
+    if (found.st_size < static_cast<off_t>(sizeof(shared_area_t))) {
         complain_of_length(path, found.st_size);
+    }
 }
 
 /// An area that its first process has not finished making says so in its first byte.
@@ -262,16 +268,18 @@ void check_built(const shared_area_t& area, const std::string& path) {
                                   "they would be lost; see 'tarvoctl repair'",
                                   path)};
     }
-    if (area.initialized == 0)
+    if (area.initialized == 0) {
         complain_of_unbuilt(path);
+    }
 }
 
 check_options options_here(const site& here) {
     check_options made;
     made.page_bytes = static_cast<uint32_t>(::sysconf(_SC_PAGESIZE));
     made.cma = here.is_cma();
-    if (const auto region = here.region())
+    if (const auto region = here.region()) {
         made.region = expected_region{region->first_pa, region->end_pa - region->first_pa};
+    }
     return made;
 }
 
@@ -301,10 +309,11 @@ void require_changeable(const std::string& path) {
 
 mapped_area::mapped_area(const std::string& path) {
     const unique_fd file = open_plain_file(path, O_RDWR);
-    if (!file)
+    if (!file) {
         complain_of(path, errno);
+    }
     require_whole(file, path);
-    constexpr std::size_t bytes = sizeof(shared_area_t);
+    constexpr size_t bytes = sizeof(shared_area_t);
     // Where a hole has no room on the disk, the first store into it would end the process.
     if (::fallocate(file.get(), FALLOC_FL_KEEP_SIZE, 0, bytes) != 0 && errno == ENOSPC) {
         const site here = find_site();
@@ -314,18 +323,19 @@ mapped_area::mapped_area(const std::string& path) {
         complain_of(path, ENOSPC);
     }
     void* const start = ::mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_SHARED, file.get(), 0);
-    if (start == MAP_FAILED)
+    if (start == MAP_FAILED) {
         complain_of(path, errno);
-    area_ = static_cast<shared_area_t*>(start);
+    }
+    _area = static_cast<shared_area_t*>(start);
 }
 
 mapped_area::~mapped_area() {
-    ::munmap(area_, sizeof(shared_area_t));
+    ::munmap(_area, sizeof(shared_area_t));
 }
 
 void mapped_area::touch() const {
     // Only an advice: without it the copy takes longer, nothing else.
-    ::madvise(area_, sizeof(shared_area_t), MADV_POPULATE_READ);
+    ::madvise(_area, sizeof(shared_area_t), MADV_POPULATE_READ);
 }
 
 picture look_at_records(const area_source& source) {

@@ -45,8 +45,8 @@ class area_copy {
   public:
     area_copy();
 
-    shared_area_t& operator*() const { return *area_; }
-    shared_area_t* operator->() const { return area_.get(); }
+    shared_area_t& operator*() const { return *_area; }
+    shared_area_t* operator->() const { return _area.get(); }
     bool has_bytes_of(const area_copy& other) const;
 
     /// As picture has it.
@@ -56,14 +56,14 @@ class area_copy {
     struct release {
         void operator()(void* memory) const { std::free(memory); }
     };
-    std::unique_ptr<shared_area_t, release> area_;
+    std::unique_ptr<shared_area_t, release> _area;
 };
 
 /// A whole area, with or without the lock as read_picture() does it.
 area_copy read_area(const area_source& source);
 
-/// The same of the uncompressed file of that path, without a lock: what others change meanwhile may be read half
-/// before and half after. The flag `initialized` is read last.
+/// The same of the uncompressed file of that path, without a lock: what others change meanwhile may
+/// be read half before and half after. The flag `initialized` is read last.
 area_copy read_area_file(const std::string& path);
 
 /// Says on standard error where the live area is of another region than this machine's.
@@ -75,7 +75,8 @@ void require_region(const site& here);
 /// Throws failure where an area's file is shorter than an area.
 void require_whole(const unique_fd& file, const std::string& path);
 
-/// Throws failure for a copy that cannot be changed where it is: one that is compressed, or a stream.
+/// Throws failure for a copy that cannot be changed where it is: one that is compressed, or a
+/// stream.
 void require_changeable(const std::string& path);
 
 /// Throws failure for an area that no process has built, or one in use that says so.
@@ -97,12 +98,12 @@ class mapped_area {
     mapped_area(const mapped_area&) = delete;
     mapped_area& operator=(const mapped_area&) = delete;
 
-    shared_area_t& area() const { return *area_; }
+    shared_area_t& area() const { return *_area; }
     /// Brings the pages in that hold something, so that nobody waits for them under the lock.
     void touch() const;
 
   private:
-    shared_area_t* area_ = nullptr;
+    shared_area_t* _area = nullptr;
 };
 
 } // namespace tarvoctl

@@ -30,7 +30,7 @@ class cross_process_lock {
                        const std::string& way_out = wait_longer);
 
   private:
-    std::vector<unique_fd> held_;
+    std::vector<unique_fd> _held;
 };
 
 } // namespace tarvoctl

@@ -18,32 +18,34 @@ bool is_ignored(int signal) {
 } // namespace
 
 held_back_signals::held_back_signals() {
-    ::sigemptyset(&held_);
+    ::sigemptyset(&_held);
     for (const int signal : {SIGINT, SIGTERM, SIGHUP, SIGQUIT}) {
-        if (!is_ignored(signal))
-            ::sigaddset(&held_, signal);
+        if (!is_ignored(signal)) {
+            ::sigaddset(&_held, signal);
+        }
     }
-    ::sigprocmask(SIG_BLOCK, &held_, &earlier_);
+    ::sigprocmask(SIG_BLOCK, &_held, &_earlier);
 }
 
 held_back_signals::~held_back_signals() {
-    ::sigprocmask(SIG_SETMASK, &earlier_, nullptr);
+    ::sigprocmask(SIG_SETMASK, &_earlier, nullptr);
 }
 
 awaited_signals::awaited_signals()
-    : arrivals_{::signalfd(-1, &held_back_.held(), SFD_CLOEXEC | SFD_NONBLOCK)} {
-    if (!arrivals_)
+    : _arrivals{::signalfd(-1, &_held_back.held(), SFD_CLOEXEC | SFD_NONBLOCK)} {
+    if (!_arrivals) {
         throw std::system_error{errno, std::generic_category(), "signalfd"};
+    }
 }
 
 int awaited_signals::take() const {
     signalfd_siginfo come{};
-    const bool any = ::read(arrivals_.get(), &come, sizeof come) == sizeof come;
+    const bool any = ::read(_arrivals.get(), &come, sizeof come) == sizeof come;
     return any ? static_cast<int>(come.ssi_signo) : 0;
 }
 
 void awaited_signals::release() const {
-    ::sigprocmask(SIG_SETMASK, &held_back_.earlier(), nullptr);
+    ::sigprocmask(SIG_SETMASK, &_held_back.earlier(), nullptr);
 }
 
 } // namespace tarvoctl

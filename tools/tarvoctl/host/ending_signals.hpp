@@ -15,13 +15,13 @@ class held_back_signals {
     held_back_signals(const held_back_signals&) = delete;
     held_back_signals& operator=(const held_back_signals&) = delete;
 
-    const sigset_t& held() const { return held_; }
+    const sigset_t& held() const { return _held; }
     /// Which were held back before.
-    const sigset_t& earlier() const { return earlier_; }
+    const sigset_t& earlier() const { return _earlier; }
 
   private:
-    sigset_t held_{};
-    sigset_t earlier_{};
+    sigset_t _held{};
+    sigset_t _earlier{};
 };
 
 /// The same, for a process that looks what came.
@@ -30,15 +30,15 @@ class awaited_signals {
     awaited_signals();
 
     /// Readable, for poll(), once a signal has come.
-    int descriptor() const { return arrivals_.get(); }
+    int descriptor() const { return _arrivals.get(); }
     /// The next one that has come; 0 where there is none.
     int take() const;
     /// In a child: everything is as before.
     void release() const;
 
   private:
-    held_back_signals held_back_;
-    unique_fd arrivals_;
+    held_back_signals _held_back;
+    unique_fd _arrivals;
 };
 
 } // namespace tarvoctl

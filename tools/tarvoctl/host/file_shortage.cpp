@@ -197,7 +197,7 @@ std::optional<file_shortage> lost_memory(const site& here) {
         return std::nullopt;
     }
     const area_copy area = read_area_file(here.area);
-    const std::size_t chunks = picture_of(*area).chunks.size();
+    const size_t chunks = picture_of(*area).chunks.size();
     if (chunks == 0) {
         return std::nullopt;
     }

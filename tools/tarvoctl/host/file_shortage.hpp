@@ -22,11 +22,12 @@ struct file_shortage {
     std::string full_text() const { return text + ": " + meaning; }
 };
 
-/// What helps where a live area cannot be read to its end, so that nobody knows which devices see its
-/// chunks.
+/// What helps where a live area cannot be read to its end, so that nobody knows which devices see
+/// its chunks.
 std::string way_to_replace(const std::string& area);
 
-/// A file that is there, but shorter than the library makes it. One that is empty is as good as new.
+/// A file that is there, but shorter than the library makes it. One that is empty is as good as
+/// new.
 std::optional<file_shortage> cut_short_area(const site& here);
 /// In simulation, where the memory is a file; also one that is empty, once there is an area.
 std::optional<file_shortage> cut_short_memory(const site& here);

@@ -67,31 +67,31 @@ void gzip_reader::closer::operator()(void* file) const {
     ::gzclose(handle_of(file));
 }
 
-gzip_reader::gzip_reader(unique_fd file, std::string name) : name_{std::move(name)} {
-    file_.reset(::gzdopen(file.get(), "rb"));
-    if (!file_) {
+gzip_reader::gzip_reader(unique_fd file, std::string name) : _name{std::move(name)} {
+    _file.reset(::gzdopen(file.get(), "rb"));
+    if (!_file) {
         throw std::bad_alloc{};
     }
     file.release();
 }
 
-std::size_t gzip_reader::read(std::span<char> to) {
-    std::size_t done = 0;
+size_t gzip_reader::read(std::span<char> to) {
+    size_t done = 0;
     while (done < to.size()) {
-        const std::size_t wanted = std::min<std::size_t>(to.size() - done, INT_MAX);
+        const size_t wanted = std::min<size_t>(to.size() - done, INT_MAX);
         const int count =
-            ::gzread(handle_of(file_.get()), to.data() + done, static_cast<unsigned>(wanted));
+            ::gzread(handle_of(_file.get()), to.data() + done, static_cast<unsigned>(wanted));
         int error = Z_OK;
-        ::gzerror(handle_of(file_.get()), &error);
+        ::gzerror(handle_of(_file.get()), &error);
         // A file that is cut short gives what there is, and says so besides.
         if (count < 0 || error == Z_BUF_ERROR) {
             throw failure{error == Z_ERRNO ? exit_status::unreadable : exit_status::damaged,
-                          fmt::format("cannot read {}: {}", name_, reason_of(error))};
+                          fmt::format("cannot read {}: {}", _name, reason_of(error))};
         }
         if (count == 0) {
             break;
         }
-        done += static_cast<std::size_t>(count);
+        done += static_cast<size_t>(count);
     }
     return done;
 }

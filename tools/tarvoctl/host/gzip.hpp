@@ -22,16 +22,17 @@ class gzip_reader {
     /// `name` is what failures call it.
     gzip_reader(unique_fd file, std::string name);
 
-    /// Returns how many bytes were read: fewer than there is room for only at the end. Throws failure.
-    std::size_t read(std::span<char> to);
+    /// Returns how many bytes were read: fewer than there is room for only at the end. Throws
+    /// failure.
+    size_t read(std::span<char> to);
 
   private:
     struct closer {
         void operator()(void* file) const;
     };
 
-    std::string name_;
-    std::unique_ptr<void, closer> file_; ///< zlib's handle
+    std::string _name;
+    std::unique_ptr<void, closer> _file; ///< zlib's handle
 };
 
 } // namespace tarvoctl

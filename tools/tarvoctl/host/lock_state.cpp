@@ -56,8 +56,9 @@ std::vector<flock_line> locks_of(pid_t pid, int descriptor) {
     std::vector<flock_line> found;
     for (std::string text; std::getline(lines, text);) {
         const auto line = text.starts_with(key) ? parse(text.substr(key.size())) : std::nullopt;
-        if (line)
+        if (line) {
             found.push_back(*line);
+        }
     }
     return found;
 }
@@ -65,26 +66,28 @@ std::vector<flock_line> locks_of(pid_t pid, int descriptor) {
 class lock_reader {
   public:
     explicit lock_reader(const std::string& file) {
-        state_.file = file;
+        _state.file = file;
         const auto identity = identity_of(file);
-        state_.exists = identity.has_value();
+        _state.exists = identity.has_value();
         std::error_code ignored;
-        path_ = std::filesystem::weakly_canonical(file, ignored);
-        identity_ = identity;
-        if (identity)
-            names_.insert(name_in_table(*identity));
+        _path = std::filesystem::weakly_canonical(file, ignored);
+        _identity = identity;
+        if (identity) {
+            _names.insert(name_in_table(*identity));
+        }
     }
 
     /// `link`: what /proc/PID/fd/FD is shown to lead to. It is looked at first, because following
     /// every descriptor of the machine could wait for a file server that is away.
     void look_at(pid_t pid, int descriptor, const std::string& link) {
-        if (link.find("/" + path_.filename().string()) == std::string::npos)
+        if (link.find("/" + _path.filename().string()) == std::string::npos) {
             return;
+        }
         const auto identity = identity_of(fmt::format("/proc/{}/fd/{}", pid, descriptor));
-        if (identity_ && identity == identity_) {
+        if (_identity && identity == _identity) {
             adopt(pid, locks_of(pid, descriptor));
-        } else if (link == path_.string() + removed_mark && shares_our_mounts(pid)) {
-            state_.users.push_back({pid, false, true});
+        } else if (link == _path.string() + removed_mark && shares_our_mounts(pid)) {
+            _state.users.push_back({pid, false, true});
         }
     }
 
@@ -92,38 +95,40 @@ class lock_reader {
         std::istringstream lines{table};
         for (std::string text; std::getline(lines, text);) {
             const auto line = parse(text);
-            if (!line || !names_.contains(line->file))
+            if (!line || !_names.contains(line->file)) {
                 continue;
+            }
             if (line->waits) {
-                state_.waiting.push_back(line->pid);
+                _state.waiting.push_back(line->pid);
             } else {
                 adopt_taker(*line);
             }
         }
     }
 
-    lock_state take() { return std::move(state_); }
+    lock_state take() { return std::move(_state); }
 
   private:
     void adopt(pid_t pid, const std::vector<flock_line>& locks) {
-        state_.users.push_back({pid, !locks.empty(), false});
+        _state.users.push_back({pid, !locks.empty(), false});
         for (const auto& line : locks) {
             // On some file systems the kernel's own name for the file is not what stat(2) says.
-            names_.insert(line.file);
+            _names.insert(line.file);
             adopt_taker(line);
         }
     }
 
     void adopt_taker(const flock_line& line) {
-        state_.held = true;
-        if (line.pid > 0)
-            state_.taker = line.pid;
+        _state.held = true;
+        if (line.pid > 0) {
+            _state.taker = line.pid;
+        }
     }
 
-    lock_state state_;
-    std::filesystem::path path_;
-    std::optional<file_identity> identity_;
-    std::set<std::string> names_;
+    lock_state _state;
+    std::filesystem::path _path;
+    std::optional<file_identity> _identity;
+    std::set<std::string> _names;
 };
 
 void look_at_process(pid_t pid, std::vector<lock_reader>& readers, std::vector<pid_t>& unseen) {
@@ -131,22 +136,25 @@ void look_at_process(pid_t pid, std::vector<lock_reader>& readers, std::vector<p
     if (!descriptors) {
         // Threads of the kernel, which have no arguments, hold no such lock.
         const auto process = process_of(pid);
-        if (process && !process->arguments.empty())
+        if (process && !process->arguments.empty()) {
             unseen.push_back(pid);
+        }
         return;
     }
     for (const int descriptor : *descriptors) {
         const std::string link = file_behind(pid, descriptor);
-        for (auto& reader : readers)
+        for (auto& reader : readers) {
             reader.look_at(pid, descriptor, link);
+        }
     }
 }
 
 std::optional<std::string> lock_table() {
     std::ifstream file{"/proc/locks"};
     std::ostringstream text;
-    if (!file)
+    if (!file) {
         return std::nullopt;
+    }
     text << file.rdbuf();
     return text.str();
 }
@@ -156,8 +164,9 @@ std::optional<std::string> lock_table() {
 std::vector<pid_t> lock_state::keepers() const {
     std::vector<pid_t> found;
     for (const auto& user : users) {
-        if (user.keeps_lock && (found.empty() || found.back() != user.pid))
+        if (user.keeps_lock && (found.empty() || found.back() != user.pid)) {
             found.push_back(user.pid);
+        }
     }
     return found;
 }
@@ -168,11 +177,13 @@ bool lock_state::taker_keeps_it() const {
 }
 
 std::optional<pid_t> lock_state::holder() const {
-    if (!held)
+    if (!held) {
         return std::nullopt;
+    }
     const auto all = keepers();
-    if (!all.empty() && !taker_keeps_it())
+    if (!all.empty() && !taker_keeps_it()) {
         return all.front();
+    }
     return taker != 0 ? std::optional{taker} : std::nullopt;
 }
 
@@ -180,8 +191,9 @@ bool waits_for_lock(pid_t pid) {
     std::istringstream lines{lock_table().value_or("")};
     for (std::string text; std::getline(lines, text);) {
         const auto line = parse(text);
-        if (line && line->waits && line->pid == pid)
+        if (line && line->waits && line->pid == pid) {
             return true;
+        }
     }
     return false;
 }
@@ -190,8 +202,9 @@ lock_picture lock_picture_of(const std::vector<std::string>& files) {
     lock_picture made;
     std::vector<lock_reader> readers(files.begin(), files.end());
     for (const pid_t pid : all_processes()) {
-        if (pid != ::getpid())
+        if (pid != ::getpid()) {
             look_at_process(pid, readers, made.unseen);
+        }
     }
     const auto table = lock_table();
     made.table_read = table.has_value();

@@ -21,58 +21,62 @@ bool is_device(const std::string& path) {
 class map_reader {
   public:
     explicit map_reader(const site& here)
-        : memory_path_{here.memory}, removed_memory_path_{here.memory + removed_mark},
-          removed_area_path_{here.area + removed_mark}, memory_{mapped_identity_of(here.memory)},
-          area_{mapped_identity_of(here.area)}, memory_is_device_{is_device(here.memory)} {}
+        : _memory_path{here.memory}, _removed_memory_path{here.memory + removed_mark},
+          _removed_area_path{here.area + removed_mark}, _memory{mapped_identity_of(here.memory)},
+          _area{mapped_identity_of(here.area)}, _memory_is_device{is_device(here.memory)} {}
 
     void read(pid_t pid) {
         const proc_text maps = read_proc(pid, "maps");
         if (maps.error != 0) {
-            if (!maps.is_gone())
-                found_.unseen.push_back(pid);
+            if (!maps.is_gone()) {
+                _found.unseen.push_back(pid);
+            }
             return;
         }
         bool uses_area = false;
         bool uses_removed = false;
         for_each_file_mapping(maps.text, [&](const maps_line& line) {
-            uses_area = uses_area || line.file == area_;
-            uses_removed = uses_removed || line.path == removed_area_path_;
+            uses_area = uses_area || line.file == _area;
+            uses_removed = uses_removed || line.path == _removed_area_path;
             if (shows_memory(line)) {
                 add(pid, line, false);
-            } else if (line.path == removed_memory_path_ && shares_our_mounts(pid)) {
+            } else if (line.path == _removed_memory_path && shares_our_mounts(pid)) {
                 add(pid, line, true);
             }
         });
-        if (uses_area)
-            found_.users.push_back(pid);
-        if (uses_removed && shares_our_mounts(pid))
-            found_.users_of_removed.push_back(pid);
-        if ((uses_area || uses_removed) && has_removed_memory(pid))
-            found_.users_of_removed_memory.push_back(pid);
+        if (uses_area) {
+            _found.users.push_back(pid);
+        }
+        if (uses_removed && shares_our_mounts(pid)) {
+            _found.users_of_removed.push_back(pid);
+        }
+        if ((uses_area || uses_removed) && has_removed_memory(pid)) {
+            _found.users_of_removed_memory.push_back(pid);
+        }
     }
 
     mapped_memory take() {
-        std::sort(found_.mappings.begin(), found_.mappings.end(),
+        std::sort(_found.mappings.begin(), _found.mappings.end(),
                   [](const region_mapping& a, const region_mapping& b) {
                       return std::tie(a.pa, a.pid, a.va) < std::tie(b.pa, b.pid, b.va);
                   });
-        return std::move(found_);
+        return std::move(_found);
     }
 
   private:
     /// A container may have a device node of its own, another inode, for the same memory. So may a
     /// node that was made anew.
     bool shows_memory(const maps_line& line) const {
-        return line.file == memory_ || (memory_is_device_ && (line.path == memory_path_ ||
-                                                              line.path == removed_memory_path_));
+        return line.file == _memory || (_memory_is_device && (line.path == _memory_path ||
+                                                              line.path == _removed_memory_path));
     }
 
     /// The library keeps it open, whether anything is mapped or not.
     bool has_removed_memory(pid_t pid) const {
         const auto descriptors = descriptors_of(pid).value_or(std::vector<int>{});
-        return !memory_is_device_ && shares_our_mounts(pid) &&
+        return !_memory_is_device && shares_our_mounts(pid) &&
                std::any_of(descriptors.begin(), descriptors.end(), [&](int descriptor) {
-                   return file_behind(pid, descriptor) == removed_memory_path_;
+                   return file_behind(pid, descriptor) == _removed_memory_path;
                });
     }
 
@@ -80,17 +84,17 @@ class map_reader {
         const auto has = [&line](char letter) {
             return line.permissions.find(letter) != std::string::npos;
         };
-        found_.mappings.push_back({pid, line.start, line.file_offset, line.end - line.start,
+        _found.mappings.push_back({pid, line.start, line.file_offset, line.end - line.start,
                                    has('r'), has('w'), has('s'), removed});
     }
 
-    std::string memory_path_;
-    std::string removed_memory_path_;
-    std::string removed_area_path_;
-    std::optional<file_identity> memory_;
-    std::optional<file_identity> area_;
-    bool memory_is_device_;
-    mapped_memory found_;
+    std::string _memory_path;
+    std::string _removed_memory_path;
+    std::string _removed_area_path;
+    std::optional<file_identity> _memory;
+    std::optional<file_identity> _area;
+    bool _memory_is_device;
+    mapped_memory _found;
 };
 
 } // namespace
@@ -102,8 +106,9 @@ bool mapped_memory::root_would_see_more() const {
 mapped_memory mappings_of(const site& here) {
     map_reader reader{here};
     for (const pid_t pid : all_processes()) {
-        if (pid != ::getpid())
+        if (pid != ::getpid()) {
             reader.read(pid);
+        }
     }
     mapped_memory found = reader.take();
     constexpr pid_t first_process = 1;
@@ -119,8 +124,9 @@ std::optional<pa_window> shown_of(const region_mapping& mapping, uint64_t pa, ui
 std::vector<pid_t> holders_of(const chunk_record& chunk, const mapped_memory& memory) {
     std::vector<pid_t> found;
     for (const auto& mapping : memory.mappings) {
-        if (shown_of(mapping, chunk.pa, chunk.end_pa()))
+        if (shown_of(mapping, chunk.pa, chunk.end_pa())) {
             found.push_back(mapping.pid);
+        }
     }
     std::sort(found.begin(), found.end());
     found.erase(std::unique(found.begin(), found.end()), found.end());

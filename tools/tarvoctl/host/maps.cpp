@@ -17,10 +17,11 @@ bool parse(const std::string& text, maps_line& line) {
                     &line.start, &line.end, permissions.data(), &line.file_offset,
                     &line.file.device_major, &line.file.device_minor, &line.file.inode, &path_at);
     constexpr int fields_before_path = 7;
-    if (fields != fields_before_path || line.file.inode == 0)
+    if (fields != fields_before_path || line.file.inode == 0) {
         return false;
+    }
     line.permissions = permissions.data();
-    line.path = text.substr(static_cast<std::size_t>(path_at));
+    line.path = text.substr(static_cast<size_t>(path_at));
     return true;
 }
 
@@ -31,8 +32,9 @@ void for_each_file_mapping(const std::string& maps,
     std::istringstream lines{maps};
     maps_line line;
     for (std::string text; std::getline(lines, text);) {
-        if (parse(text, line))
+        if (parse(text, line)) {
             visit(line);
+        }
     }
 }
 

@@ -56,35 +56,36 @@ bool means_no_nameless_files(int number) {
 
 /// Fails with EEXIST where something has the name; `from` may be left over then and otherwise.
 int rename_to_free(const std::string& from, const std::string& name) {
-    if (::renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, name.c_str(), RENAME_NOREPLACE) == 0)
+    if (::renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, name.c_str(), RENAME_NOREPLACE) == 0) {
         return 0;
+    }
     // Network file systems have no such condition, but a link replaces nothing either.
     return errno == EINVAL ? ::link(from.c_str(), name.c_str()) : -1;
 }
 
 } // namespace
 
-new_file::new_file(target wanted, mode_t mode) : wanted_{std::move(wanted)} {
-    if (is_of_library(wanted_.path)) {
+new_file::new_file(target wanted, mode_t mode) : _wanted{std::move(wanted)} {
+    if (is_of_library(_wanted.path)) {
         throw failure{exit_status::usage,
                       fmt::format("cannot write {}: that is a file of the library; name another",
-                                  wanted_.path)};
+                                  _wanted.path)};
     }
     struct stat found {};
-    if (::stat(wanted_.path.c_str(), &found) == 0 && !S_ISREG(found.st_mode)) {
+    if (::stat(_wanted.path.c_str(), &found) == 0 && !S_ISREG(found.st_mode)) {
         throw failure{
             exit_status::usage,
-            fmt::format("cannot write {}: it is not a regular file; name another", wanted_.path)};
+            fmt::format("cannot write {}: it is not a regular file; name another", _wanted.path)};
     }
-    if (wanted_.existing == existing_file::refused && ::lstat(wanted_.path.c_str(), &found) == 0) {
+    if (_wanted.existing == existing_file::refused && ::lstat(_wanted.path.c_str(), &found) == 0) {
         complain(EEXIST);
     }
     open(mode);
 }
 
 void new_file::open(mode_t mode) {
-    file_.reset(::open(folder_of(wanted_.path).c_str(), O_TMPFILE | O_RDWR | O_CLOEXEC, mode));
-    if (file_) {
+    _file.reset(::open(folder_of(_wanted.path).c_str(), O_TMPFILE | O_RDWR | O_CLOEXEC, mode));
+    if (_file) {
         return;
     }
     if (!means_no_nameless_files(errno)) {
@@ -94,32 +95,33 @@ void new_file::open(mode_t mode) {
 }
 
 void new_file::open_named(mode_t mode) {
-    unbroken_.emplace();
-    std::string name = folder_of(wanted_.path) / ".tarvoctl-XXXXXX";
-    file_.reset(::mkostemp(name.data(), O_CLOEXEC));
-    if (!file_) {
+    _unbroken.emplace();
+    std::string name = folder_of(_wanted.path) / ".tarvoctl-XXXXXX";
+    _file.reset(::mkostemp(name.data(), O_CLOEXEC));
+    if (!_file) {
         complain(errno);
     }
-    temporary_ = std::move(name);
-    ::fchmod(file_.get(), mode & ~umask_now());
+    _temporary = std::move(name);
+    ::fchmod(_file.get(), mode & ~umask_now());
 }
 
 new_file::~new_file() {
-    if (!temporary_.empty())
-        ::unlink(temporary_.c_str());
+    if (!_temporary.empty()) {
+        ::unlink(_temporary.c_str());
+    }
 }
 
 void new_file::complain(int number) const {
     const bool is_there = number == EEXIST;
     throw failure{is_there ? exit_status::usage : exit_status::unreadable,
-                  fmt::format("cannot write {}: {}{}", wanted_.path, error_text(number),
-                              is_there ? fmt::format("; {}", wanted_.way_out) : "")};
+                  fmt::format("cannot write {}: {}{}", _wanted.path, error_text(number),
+                              is_there ? fmt::format("; {}", _wanted.way_out) : "")};
 }
 
-void new_file::require_room(std::size_t bytes) const {
+void new_file::require_room(size_t bytes) const {
     struct statvfs disk {};
     // Some file systems do not count their blocks.
-    if (::fstatvfs(file_.get(), &disk) != 0 || disk.f_blocks == 0) {
+    if (::fstatvfs(_file.get(), &disk) != 0 || disk.f_blocks == 0) {
         return;
     }
     const uint64_t free = (::geteuid() == 0 ? disk.f_bfree : disk.f_bavail) * disk.f_frsize;
@@ -127,37 +129,40 @@ void new_file::require_room(std::size_t bytes) const {
         throw failure{
             exit_status::unreadable,
             fmt::format("cannot write {}: {}: the copy takes {}, and {} are free there; {}",
-                        wanted_.path, error_text(ENOSPC), size_text(bytes), size_text(free),
-                        wanted_.way_to_room)};
+                        _wanted.path, error_text(ENOSPC), size_text(bytes), size_text(free),
+                        _wanted.way_to_room)};
     }
 }
 
-void new_file::resize(std::size_t bytes) {
-    if (::ftruncate(file_.get(), static_cast<off_t>(bytes)) != 0)
+void new_file::resize(size_t bytes) {
+    if (::ftruncate(_file.get(), static_cast<off_t>(bytes)) != 0) {
         complain(errno);
+    }
 }
 
-void new_file::write_at(const char* first, std::size_t bytes, std::size_t offset) {
+void new_file::write_at(const char* first, size_t bytes, size_t offset) {
     while (bytes > 0) {
-        const ssize_t written = ::pwrite(file_.get(), first, bytes, static_cast<off_t>(offset));
-        if (written < 0)
+        const ssize_t written = ::pwrite(_file.get(), first, bytes, static_cast<off_t>(offset));
+        if (written < 0) {
             complain(errno);
+        }
         first += written;
-        bytes -= static_cast<std::size_t>(written);
-        offset += static_cast<std::size_t>(written);
+        bytes -= static_cast<size_t>(written);
+        offset += static_cast<size_t>(written);
     }
 }
 
 void new_file::finish() {
     // A disk that is full may say so only now.
-    if (::fsync(file_.get()) != 0)
+    if (::fsync(_file.get()) != 0) {
         complain(errno);
-    if (wanted_.existing == existing_file::replaced) {
+    }
+    if (_wanted.existing == existing_file::replaced) {
         replace();
         return;
     }
     const int named =
-        temporary_.empty() ? give_name(wanted_.path) : rename_to_free(temporary_, wanted_.path);
+        _temporary.empty() ? give_name(_wanted.path) : rename_to_free(_temporary, _wanted.path);
     if (named != 0) {
         complain(errno);
     }
@@ -165,28 +170,28 @@ void new_file::finish() {
 
 /// Fails with EEXIST where something has the name.
 int new_file::give_name(const std::string& name) const {
-    const std::string nameless = fmt::format("/proc/self/fd/{}", file_.get());
+    const std::string nameless = fmt::format("/proc/self/fd/{}", _file.get());
     return ::linkat(AT_FDCWD, nameless.c_str(), AT_FDCWD, name.c_str(), AT_SYMLINK_FOLLOW);
 }
 
 /// A link replaces nothing, so the file gets a name that is free, and that one replaces the other.
 void new_file::replace() {
-    if (temporary_.empty()) {
-        unbroken_.emplace();
+    if (_temporary.empty()) {
+        _unbroken.emplace();
         take_temporary_name();
     }
-    if (std::rename(temporary_.c_str(), wanted_.path.c_str()) != 0) {
+    if (std::rename(_temporary.c_str(), _wanted.path.c_str()) != 0) {
         complain(errno);
     }
-    temporary_.clear();
+    _temporary.clear();
 }
 
 void new_file::take_temporary_name() {
-    for (int number = 0; temporary_.empty(); ++number) {
+    for (int number = 0; _temporary.empty(); ++number) {
         const std::string name =
-            folder_of(wanted_.path) / fmt::format(".tarvoctl-{}-{}", ::getpid(), number);
+            folder_of(_wanted.path) / fmt::format(".tarvoctl-{}-{}", ::getpid(), number);
         if (give_name(name) == 0) {
-            temporary_ = name;
+            _temporary = name;
         } else if (errno != EEXIST) {
             complain(errno);
         }

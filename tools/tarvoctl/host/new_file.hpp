@@ -14,8 +14,8 @@ namespace tarvoctl {
 enum class existing_file { refused, replaced };
 
 /// A file in the making. It takes its name only when it is whole and on the disk; until then, and
-/// whatever goes wrong, what had the name before stays as it was, and nothing else is left, also by a
-/// process that is killed. The library's own files are never replaced, and neither is what is no
+/// whatever goes wrong, what had the name before stays as it was, and nothing else is left, also by
+/// a process that is killed. The library's own files are never replaced, and neither is what is no
 /// plain file. All members throw failure.
 ///
 /// Only a file that replaces another has a second name, for the instant between two system calls;
@@ -37,9 +37,9 @@ class new_file {
     new_file& operator=(const new_file&) = delete;
 
     /// Throws failure where the file system has less room than that many bytes.
-    void require_room(std::size_t bytes) const;
-    void resize(std::size_t bytes);
-    void write_at(const char* first, std::size_t bytes, std::size_t offset);
+    void require_room(size_t bytes) const;
+    void resize(size_t bytes);
+    void write_at(const char* first, size_t bytes, size_t offset);
     /// Gives it its name.
     void finish();
 
@@ -51,10 +51,10 @@ class new_file {
     void replace();
     void take_temporary_name();
 
-    target wanted_;
-    unique_fd file_;
-    std::optional<held_back_signals> unbroken_; ///< while there is a temporary name
-    std::string temporary_;                     ///< in the same folder; empty where it has none
+    target _wanted;
+    unique_fd _file;
+    std::optional<held_back_signals> _unbroken; ///< while there is a temporary name
+    std::string _temporary;                     ///< in the same folder; empty where it has none
 };
 
 } // namespace tarvoctl

@@ -30,15 +30,17 @@ std::string folder_of(pid_t pid) {
 /// at: where /proc is a stand-in they are links. Nothing where the folder cannot be read.
 std::optional<std::vector<int>> numbers_in(const std::string& folder) {
     const std::unique_ptr<DIR, int (*)(DIR*)> stream{::opendir(folder.c_str()), &::closedir};
-    if (!stream)
+    if (!stream) {
         return std::nullopt;
+    }
     std::vector<int> numbers;
     while (const dirent* const entry = ::readdir(stream.get())) {
         const std::string_view name{&entry->d_name[0]};
         int number = 0;
         const auto [end, error] = std::from_chars(name.data(), name.data() + name.size(), number);
-        if (error == std::errc{} && end == name.data() + name.size())
+        if (error == std::errc{} && end == name.data() + name.size()) {
             numbers.push_back(number);
+        }
     }
     std::sort(numbers.begin(), numbers.end());
     return numbers;
@@ -48,17 +50,19 @@ std::string executable_of(pid_t pid) {
     std::array<char, 4096> target{};
     const ssize_t length =
         ::readlink((folder_of(pid) + "exe").c_str(), target.data(), target.size());
-    std::string path(target.data(), length < 0 ? 0 : static_cast<std::size_t>(length));
-    if (path.ends_with(removed_mark))
+    std::string path(target.data(), length < 0 ? 0 : static_cast<size_t>(length));
+    if (path.ends_with(removed_mark)) {
         path.resize(path.size() - std::string_view{removed_mark}.size());
+    }
     return path;
 }
 
 /// The value behind "KEY:" in a status file.
 std::string field_of(const std::string& status, const std::string& key) {
     const auto at = status.find("\n" + key + ":\t");
-    if (at == std::string::npos)
+    if (at == std::string::npos) {
         return {};
+    }
     const auto from = at + key.size() + 3;
     return status.substr(from, status.find_first_of("\t\n", from) - from);
 }
@@ -73,8 +77,9 @@ std::string user_called(const std::string& number) {
 std::vector<std::string> split_at_nul(const std::string& text) {
     std::vector<std::string> parts;
     std::istringstream stream{text};
-    for (std::string part; std::getline(stream, part, '\0');)
+    for (std::string part; std::getline(stream, part, '\0');) {
         parts.push_back(part);
+    }
     return parts;
 }
 
@@ -82,15 +87,17 @@ std::vector<std::string> split_at_nul(const std::string& text) {
 void adopt_stat(process_info& process, const std::string& stat) {
     const auto open = stat.find('(');
     const auto close = stat.rfind(')');
-    if (open == std::string::npos || close == std::string::npos || close < open)
+    if (open == std::string::npos || close == std::string::npos || close < open) {
         return;
+    }
     process.command = stat.substr(open + 1, close - open - 1);
     std::istringstream rest{stat.substr(close + 1)};
     rest >> process.state;
     constexpr int fields_before_start = 18; // those from ppid to itrealvalue
     std::string skipped;
-    for (int i = 0; i < fields_before_start; ++i)
+    for (int i = 0; i < fields_before_start; ++i) {
         rest >> skipped;
+    }
     rest >> process.start_ticks;
 }
 
@@ -102,17 +109,20 @@ bool proc_text::is_gone() const {
 
 proc_text read_proc(pid_t pid, const std::string& name) {
     const unique_fd file{::open((folder_of(pid) + name).c_str(), O_RDONLY | O_CLOEXEC)};
-    if (!file)
+    if (!file) {
         return {{}, errno};
+    }
     proc_text read{};
     std::array<char, 65536> piece{};
     for (;;) {
         const ssize_t length = ::read(file.get(), piece.data(), piece.size());
-        if (length == 0)
+        if (length == 0) {
             return read;
-        if (length < 0)
+        }
+        if (length < 0) {
             return {{}, errno};
-        read.text.append(piece.data(), static_cast<std::size_t>(length));
+        }
+        read.text.append(piece.data(), static_cast<size_t>(length));
     }
 }
 
@@ -140,8 +150,9 @@ std::string file_behind(pid_t pid, int descriptor) {
 
 std::optional<process_info> process_of(pid_t pid) {
     const proc_text stat = read_proc(pid, "stat");
-    if (stat.error != 0)
+    if (stat.error != 0) {
         return std::nullopt;
+    }
     process_info process;
     process.pid = pid;
     adopt_stat(process, stat.text);

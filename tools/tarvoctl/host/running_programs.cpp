@@ -11,7 +11,7 @@ namespace tarvoctl {
 
 namespace {
 
-constexpr std::size_t kernels_name_bytes = 15;
+constexpr size_t kernels_name_bytes = 15;
 
 std::string last_component(const std::string& path) {
     const auto slash = path.rfind('/');
@@ -43,16 +43,19 @@ std::string script_of(const process_info& process) {
 running_programs::running_programs() {
     for (const pid_t pid : all_processes()) {
         const auto process = pid == ::getpid() ? std::nullopt : process_of(pid);
-        if (!process || process->state == 'Z')
+        if (!process || process->state == 'Z') {
             continue;
+        }
         const std::string program = last_component(process->executable);
-        names_.insert({process->command, program});
-        if (!process->arguments.empty())
-            names_.insert(last_component(first_word(process->arguments.front())));
-        if (is_interpreter(program))
-            names_.insert(script_of(*process));
+        _names.insert({process->command, program});
+        if (!process->arguments.empty()) {
+            _names.insert(last_component(first_word(process->arguments.front())));
+        }
+        if (is_interpreter(program)) {
+            _names.insert(script_of(*process));
+        }
     }
-    names_.erase("");
+    _names.erase("");
 }
 
 bool running_programs::may_include(const std::string& creator) const {
@@ -60,8 +63,8 @@ bool running_programs::may_include(const std::string& creator) const {
                                 last_component(first_word(creator))};
     return std::any_of(candidates.begin(), candidates.end(), [this](const std::string& each) {
         const bool cut = each.size() > kernels_name_bytes;
-        return names_.contains(each) ||
-               (cut && names_.contains(each.substr(0, kernels_name_bytes)));
+        return _names.contains(each) ||
+               (cut && _names.contains(each.substr(0, kernels_name_bytes)));
     });
 }
 

@@ -17,7 +17,7 @@ class running_programs {
     bool may_include(const std::string& creator) const;
 
   private:
-    std::set<std::string> names_;
+    std::set<std::string> _names;
 };
 
 /// Whether a creator could be a program's name at all, and not "DMA test, John".

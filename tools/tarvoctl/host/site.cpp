@@ -49,10 +49,12 @@ std::string reason_for(bool simulation) {
     const bool asked_for = simulation_is_asked_for();
     const std::string variable{simulation_variable};
     const std::string memory{paths::simulated_memory};
-    if (simulation)
+    if (simulation) {
         return asked_for ? variable + " is set" : memory + " is there";
-    if (asked_for)
+    }
+    if (asked_for) {
         return variable + " is set, but " + memory + " cannot be used";
+    }
     const bool there = ::access(paths::simulated_memory, F_OK) == 0;
     return variable + " is not set and " + memory + (there ? " cannot be used" : " is not there");
 }
@@ -61,8 +63,10 @@ std::optional<driver_region> driver_region_here() {
     const std::unique_ptr<std::FILE, int (*)(std::FILE*)> driver{
         std::fopen(paths::region_driver, "re"), &std::fclose};
     region_line line{};
-    if (!driver || std::fgets(line.text, sizeof line.text, driver.get()) == nullptr || !parse(line))
+    if (!driver || std::fgets(line.text, sizeof line.text, driver.get()) == nullptr ||
+        !parse(line)) {
         return std::nullopt;
+    }
     return driver_region{line.first_pa, static_cast<uint32_t>(line.last_pa + 1 - line.first_pa),
                          line.is_cma(), fault_of(line)};
 }
@@ -100,10 +104,12 @@ std::optional<region_fault> fault_of(const region_line& line) {
 }
 
 std::optional<dma_window> site::region() const {
-    if (simulation)
+    if (simulation) {
         return simulated_region;
-    if (!driver)
+    }
+    if (!driver) {
         return std::nullopt;
+    }
     return dma_window{driver->first_pa, driver->first_pa + driver->bytes};
 }
 
@@ -116,8 +122,9 @@ std::vector<std::string> site::locks_to_take() const {
     for (const auto& lock : locks) {
         const bool forbidden =
             ::faccessat(AT_FDCWD, lock.c_str(), R_OK, AT_EACCESS) != 0 && errno == EACCES;
-        if (lock == own_lock || !forbidden)
+        if (lock == own_lock || !forbidden) {
             taken.push_back(lock);
+        }
     }
     return taken;
 }
@@ -126,8 +133,9 @@ site find_site() {
     const bool simulation = simulated_memory_can_be_used();
     const std::string own_lock = lock_by_environment();
     std::vector<std::string> locks{paths::hardware_lock};
-    if (simulation || own_lock == paths::simulated_lock)
+    if (simulation || own_lock == paths::simulated_lock) {
         locks.insert(locks.begin(), paths::simulated_lock);
+    }
     return {simulation,
             reason_for(simulation),
             simulation ? paths::simulated_area : paths::hardware_area,

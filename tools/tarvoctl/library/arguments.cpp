@@ -37,7 +37,7 @@ std::optional<uint32_t> hexadecimal(std::string_view digits) {
 
 /// Cuts off what lies behind the last `mark`; all of the text where there is none.
 std::string_view take_behind(std::string_view& text, char mark) {
-    const std::size_t at = text.rfind(mark);
+    const size_t at = text.rfind(mark);
     const std::string_view behind = at == std::string_view::npos ? text : text.substr(at + 1);
     text = at == std::string_view::npos ? std::string_view{} : text.substr(0, at);
     return behind;
@@ -46,12 +46,15 @@ std::string_view take_behind(std::string_view& text, char mark) {
 /// A size's unit as a factor; 0 for what is none.
 uint64_t factor_of(std::string_view unit) {
     constexpr uint64_t step = 1024;
-    if (unit.empty())
+    if (unit.empty()) {
         return 1;
-    if (unit == "K" || unit == "k" || unit == "KiB")
+    }
+    if (unit == "K" || unit == "k" || unit == "KiB") {
         return step;
-    if (unit == "M" || unit == "m" || unit == "MiB")
+    }
+    if (unit == "M" || unit == "m" || unit == "MiB") {
         return step * step;
+    }
     return unit == "G" || unit == "g" || unit == "GiB" ? step * step * step : 0;
 }
 
@@ -90,7 +93,7 @@ uint64_t parse_size(const std::string& text, const std::string& what) {
     const char* const last = text.data() + text.size();
     uint64_t number = 0;
     const auto [end, error] = std::from_chars(first, last, number, hexadecimal ? 16 : 10);
-    const uint64_t factor = factor_of({end, static_cast<std::size_t>(last - end)});
+    const uint64_t factor = factor_of({end, static_cast<size_t>(last - end)});
     uint64_t bytes = 0;
     if (error != std::errc{} || factor == 0 || __builtin_mul_overflow(number, factor, &bytes)) {
         throw failure{
@@ -117,10 +120,12 @@ uint64_t parse_number(const std::string& text, const std::string& what, uint64_t
     const bool prefixed = text.starts_with("0x") || text.starts_with("0X");
     const auto number = number_in<uint64_t>(std::string_view{text}.substr(prefixed ? 2 : 0),
                                             prefixed ? sixteen : decimal);
-    if (!number)
+    if (!number) {
         refuse(fmt::format("invalid {} '{}'; write it as 128 or 0x80", what, text));
-    if (*number > most)
+    }
+    if (*number > most) {
         refuse(fmt::format("{} {} is more than {:#x}", what, text, most));
+    }
     return *number;
 }
 

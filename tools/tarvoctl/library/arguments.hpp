@@ -20,7 +20,8 @@ void check_new_name(const std::string& name);
 /// Refuses a creator that the library would shorten.
 void check_creator(const std::string& creator);
 
-/// A size or an offset in bytes, such as 64K, 2M, 0x1000; `what` stands for it in the failure's text.
+/// A size or an offset in bytes, such as 64K, 2M, 0x1000; `what` stands for it in the failure's
+/// text.
 uint64_t parse_size(const std::string& text, const std::string& what);
 
 /// A size that a chunk can have, "64K": rounded up to whole pages.

@@ -77,8 +77,9 @@ std::string reason_of(int signal) {
     } catch (const std::exception& wrong) {
         report = report_of(exit_status::unreadable, wrong.what());
     }
-    if (::write(report_fd, report.data(), report.size()) != static_cast<ssize_t>(report.size()))
+    if (::write(report_fd, report.data(), report.size()) != static_cast<ssize_t>(report.size())) {
         ::_exit(static_cast<int>(exit_status::unreadable));
+    }
     ::_exit(static_cast<int>(status));
 }
 
@@ -86,16 +87,19 @@ class worker {
   public:
     worker(const std::function<exit_status()>& work, const awaited_signals& signals) {
         std::array<int, 2> ends{};
-        if (::pipe2(ends.data(), O_CLOEXEC) != 0)
+        if (::pipe2(ends.data(), O_CLOEXEC) != 0) {
             complain("pipe2");
-        report_.reset(ends[0]);
+        }
+        _report.reset(ends[0]);
         unique_fd report_end{ends[1]};
         std::fflush(nullptr); // or both processes would print it
-        pid_ = ::fork();
-        if (pid_ < 0)
+        _pid = ::fork();
+        if (_pid < 0) {
             complain("fork");
-        if (pid_ == 0)
-            carry_out(work, report_end.get(), signals, lifeline_);
+        }
+        if (_pid == 0) {
+            carry_out(work, report_end.get(), signals, _lifeline);
+        }
     }
 
     /// Reads what it reports to the end, and so waits for the process; false when the time is over
@@ -105,47 +109,54 @@ class worker {
             const auto left =
                 std::chrono::duration_cast<std::chrono::milliseconds>(moment - clock::now());
             constexpr int64_t longest_poll = 1'000'000; // which has to fit an int
-            std::array<pollfd, 2> looks{pollfd{report_.get(), POLLIN, 0},
+            std::array<pollfd, 2> looks{pollfd{_report.get(), POLLIN, 0},
                                         pollfd{signals.descriptor(), POLLIN, 0}};
             const auto time = static_cast<int>(std::clamp<int64_t>(left.count(), 0, longest_poll));
             const int ready = ::poll(looks.data(), looks.size(), time);
-            if (ready > 0 && looks[0].revents != 0 && !receive())
+            if (ready > 0 && looks[0].revents != 0 && !receive()) {
                 return true;
-            if ((ready > 0 && looks[1].revents != 0) || (ready == 0 && clock::now() >= moment))
+            }
+            if ((ready > 0 && looks[1].revents != 0) || (ready == 0 && clock::now() >= moment)) {
                 return false;
+            }
         }
     }
 
-    void end_by(int signal) const { ::kill(pid_, signal); }
+    void end_by(int signal) const { ::kill(_pid, signal); }
 
     /// Ends its wait for the lock, if it is in one.
     void interrupt_wait() {
-        if (!waits_for_lock(pid_))
+        if (!waits_for_lock(_pid)) {
             return;
-        ::kill(pid_, interrupting_signal);
-        interrupted_ = true;
+        }
+        ::kill(_pid, interrupting_signal);
+        _interrupted = true;
     }
 
-    bool interrupted() const { return interrupted_; }
+    bool interrupted() const { return _interrupted; }
 
     /// Of a process that has reported.
     exit_status outcome() {
         int end = 0;
-        if (::waitpid(pid_, &end, 0) != pid_)
+        if (::waitpid(_pid, &end, 0) != _pid) {
             complain("waitpid");
-        if (WIFSIGNALED(end))
+        }
+        if (WIFSIGNALED(end)) {
             follow(WTERMSIG(end));
-        if (!received_.empty())
-            throw failure{static_cast<exit_status>(received_.front()), received_.substr(1)};
+        }
+        if (!_received.empty()) {
+            throw failure{static_cast<exit_status>(_received.front()), _received.substr(1)};
+        }
         return static_cast<exit_status>(WEXITSTATUS(end));
     }
 
   private:
     bool receive() {
         std::array<char, 4096> buffer{};
-        const ssize_t count = ::read(report_.get(), buffer.data(), buffer.size());
-        if (count > 0)
-            received_.append(buffer.data(), static_cast<std::size_t>(count));
+        const ssize_t count = ::read(_report.get(), buffer.data(), buffer.size());
+        if (count > 0) {
+            _received.append(buffer.data(), static_cast<size_t>(count));
+        }
         return count > 0 || (count < 0 && errno == EINTR);
     }
 
@@ -163,11 +174,11 @@ class worker {
                                   ::sigabbrev_np(signal), reason_of(signal))};
     }
 
-    lifeline lifeline_;
-    unique_fd report_;
-    pid_t pid_ = -1;
-    std::string received_;
-    bool interrupted_ = false;
+    lifeline _lifeline;
+    unique_fd _report;
+    pid_t _pid = -1;
+    std::string _received;
+    bool _interrupted = false;
 };
 
 /// Waits for its end, of which no wait for the lock is left to keep it, once the time is over or a
@@ -191,12 +202,14 @@ exit_status outcome_in_time(worker& process, std::chrono::milliseconds timeout) 
     try {
         const exit_status status = process.outcome();
         // An interruption that came just too late did no harm.
-        if (status != exit_status::good && process.interrupted())
+        if (status != exit_status::good && process.interrupted()) {
             throw too_late();
+        }
         return status;
     } catch (const failure&) {
-        if (process.interrupted())
+        if (process.interrupted()) {
             throw too_late();
+        }
         throw;
     }
 }
@@ -220,8 +233,9 @@ exit_status in_library(std::chrono::milliseconds timeout,
         process.emplace(work, signals);
         signal = wait_for(*process, last_moment, signals);
     }
-    if (signal != 0) // which ended the process as soon as it could
+    if (signal != 0) { // which ended the process as soon as it could
         ::raise(signal);
+    }
     return outcome_in_time(*process, timeout);
 }
 

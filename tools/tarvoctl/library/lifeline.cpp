@@ -47,13 +47,13 @@ lifeline::lifeline() {
     if (::pipe2(ends.data(), O_CLOEXEC) != 0) {
         throw std::system_error{errno, std::generic_category(), "pipe2"};
     }
-    child_end_.reset(ends[0]);
-    parent_end_.reset(ends[1]);
+    _child_end.reset(ends[0]);
+    _parent_end.reset(ends[1]);
 }
 
 void lifeline::follow_parent(int interrupting_signal) {
-    parent_end_.reset();
-    line_to_parent = child_end_.release(); // for the rest of the process's life
+    _parent_end.reset();
+    line_to_parent = _child_end.release(); // for the rest of the process's life
     // Signals are the worker's.
     sigset_t all{};
     sigset_t earlier{};

@@ -10,14 +10,14 @@ class lifeline {
   public:
     lifeline();
 
-    /// In the child, once. From now on the parent's end is a SIGTERM to the child; and while that is
-    /// held back, a wait for a file lock is interrupted again and again by `interrupting_signal`,
-    /// which has a handler.
+    /// In the child, once. From now on the parent's end is a SIGTERM to the child; and while that
+    /// is held back, a wait for a file lock is interrupted again and again by
+    /// `interrupting_signal`, which has a handler.
     void follow_parent(int interrupting_signal);
 
   private:
-    unique_fd child_end_;
-    unique_fd parent_end_;
+    unique_fd _child_end;
+    unique_fd _parent_end;
 };
 
 /// In a child that follows its parent: whether that has ended. False in any other process.

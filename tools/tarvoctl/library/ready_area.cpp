@@ -81,8 +81,9 @@ void refuse_broken(const shared_area_t& area, const site& here, std::optional<wa
     const auto broken = std::find_if(findings.begin(), findings.end(), [call](const finding& one) {
         return one.cls == finding_class::broken && one.out != call;
     });
-    if (broken == findings.end())
+    if (broken == findings.end()) {
         return;
+    }
     if (is_of_another_region(findings)) {
         throw failure{
             exit_status::damaged,

@@ -16,8 +16,8 @@ namespace tarvoctl {
 /// pass. Makes nothing. Throws failure.
 picture ready_area(std::chrono::milliseconds timeout, std::optional<way_out> call = std::nullopt);
 
-/// The same for calls that make the region the first time they are used: where there is no area yet,
-/// what is on record in a new one.
+/// The same for calls that make the region the first time they are used: where there is no area
+/// yet, what is on record in a new one.
 picture ready_or_new_area(std::chrono::milliseconds timeout);
 
 /// in_library() for such a call. Starts the library first; a start that fails is a failure of its

@@ -10,8 +10,9 @@ namespace tarvoctl {
 namespace {
 
 std::string device_named(const change& told) {
-    if (told.device)
+    if (told.device) {
         return device_text(*told.device);
+    }
     return fmt::format("device record {}, which is not registered", told.device_index);
 }
 

@@ -13,7 +13,7 @@ namespace tarvoctl {
 
 namespace {
 
-constexpr std::size_t line_bytes = 16;
+constexpr size_t line_bytes = 16;
 
 char letter_of(std::byte each) {
     const auto code = std::to_integer<unsigned char>(each);
@@ -32,7 +32,7 @@ void add_byte(std::string& text, std::byte each) {
 /// By hand, as a region has tens of millions of lines.
 void print_line(std::span<const std::byte> line, uint64_t offset) {
     std::string text = fmt::format("{:08x}", offset);
-    for (std::size_t i = 0; i < line_bytes; ++i) {
+    for (size_t i = 0; i < line_bytes; ++i) {
         const bool half = i % (line_bytes / 2) == 0;
         text += half ? "  " : " ";
         if (i < line.size()) {
@@ -49,12 +49,12 @@ void print_line(std::span<const std::byte> line, uint64_t offset) {
 
 } // namespace
 
-// The bytes are a device's, too, and may change while they are printed: each is read once.
+/// The bytes are a device's, too, and may change while they are printed: each is read once.
 void print_hex_dump(std::span<const std::byte> bytes, uint64_t offset) {
     progress so_far{bytes.size()};
     std::vector<std::byte> above;
     bool repeating = false;
-    for (std::size_t at = 0; at < bytes.size(); at += line_bytes) {
+    for (size_t at = 0; at < bytes.size(); at += line_bytes) {
         const auto part = bytes.subspan(at, std::min(line_bytes, bytes.size() - at));
         std::vector<std::byte> line(part.begin(), part.end());
         const bool repeats = line == above;

@@ -21,7 +21,7 @@ std::string on_one_line(const json& value) {
 
 /// What opens and closes it, with its parts between them, a line each.
 std::string on_lines(char opening, const std::vector<std::string>& parts, char closing,
-                     std::size_t indentation) {
+                     size_t indentation) {
     const std::string blanks(indentation, ' ');
     std::string made{opening};
     for (const auto& part : parts) {
@@ -31,7 +31,7 @@ std::string on_lines(char opening, const std::vector<std::string>& parts, char c
 }
 
 std::string member_text(const std::string& key, const json& value) {
-    constexpr std::size_t indentation = 2;
+    constexpr size_t indentation = 2;
     std::vector<std::string> elements;
     if (value.is_array()) {
         for (const auto& each : value) {
@@ -78,8 +78,9 @@ json json_dma(uint64_t pa, const picture& records) {
 }
 
 json json_region(const picture& records) {
-    if (!records.has_region())
+    if (!records.has_region()) {
         return nullptr;
+    }
     const dma_window& region = records.region;
     return {{"pa", json_address(region.first_pa)},
             {"pa_end", json_address(region.end_pa - 1)},
@@ -95,11 +96,13 @@ json json_device(const device_record& device) {
 
 void add_text(json& to, const std::string& key, const std::string& text) {
     to[key] = text;
-    if (is_utf8(text))
+    if (is_utf8(text)) {
         return;
+    }
     std::string digits;
-    for (const char each : text)
+    for (const char each : text) {
         digits += fmt::format("{:02x}", static_cast<unsigned char>(each));
+    }
     to[key + "_bytes"] = digits;
 }
 
@@ -113,8 +116,9 @@ json json_chunk(const chunk_record& chunk, const picture& records) {
     made["size"] = chunk.size;
     add_text(made, "creator", chunk.creator);
     made["devices"] = json::array();
-    for (const int index : chunk.devices)
+    for (const int index : chunk.devices) {
         made["devices"].push_back(json_reference(index, records));
+    }
     return made;
 }
 
@@ -123,8 +127,9 @@ void lay_json_out(json_layout wanted) {
 }
 
 std::string json_text(const json& document) {
-    if (layout == json_layout::compact)
+    if (layout == json_layout::compact) {
         return on_one_line(document) + '\n';
+    }
     std::vector<std::string> members;
     for (const auto& [key, value] : document.items()) {
         members.push_back(member_text(key, value));
@@ -138,8 +143,9 @@ void print_json(const json& document) {
 
 json json_error(std::string_view command, exit_status status, std::string_view message) {
     json made = json_document(command);
-    if (command.empty())
+    if (command.empty()) {
         made["command"] = nullptr;
+    }
     made["error"] = {
         {"status", static_cast<int>(status)}, {"kind", word_of(status)}, {"message", message}};
     return made;

@@ -13,13 +13,13 @@ constexpr double distance = 3; // between a line and a label, and half of that b
 bool label_lanes::is_free(const span& wanted, double line_x) const {
     const double from = wanted.from - distance / 2;
     const double to = wanted.to + distance / 2;
-    const bool is_covered = std::any_of(spans_.begin(), spans_.end(), [&](const span& each) {
+    const bool is_covered = std::any_of(_spans.begin(), _spans.end(), [&](const span& each) {
         const bool meets = each.lane == wanted.lane && each.from < to && from < each.to;
         const bool is_crossed = each.lane < wanted.lane && each.from - distance / 2 < line_x &&
                                 line_x < each.to + distance / 2;
         return meets || is_crossed;
     });
-    const bool crosses = std::any_of(lines_.begin(), lines_.end(), [&](const line& each) {
+    const bool crosses = std::any_of(_lines.begin(), _lines.end(), [&](const line& each) {
         return each.lane >= wanted.lane && from < each.x && each.x < to;
     });
     return !is_covered && !crosses;
@@ -27,14 +27,14 @@ bool label_lanes::is_free(const span& wanted, double line_x) const {
 
 std::optional<label_lanes::place> label_lanes::add(double x, double width) {
     for (const double from : {x + distance, x - distance - width}) {
-        for (std::size_t lane = 0; lane < most_lanes_; ++lane) {
+        for (size_t lane = 0; lane < _most_lanes; ++lane) {
             const span wanted{lane, from, from + width};
-            if (wanted.from < left_ || wanted.to > right_ || !is_free(wanted, x)) {
+            if (wanted.from < _left || wanted.to > _right || !is_free(wanted, x)) {
                 continue;
             }
-            spans_.push_back(wanted);
-            lines_.push_back({x, lane});
-            used_lanes_ = std::max(used_lanes_, lane + 1);
+            _spans.push_back(wanted);
+            _lines.push_back({x, lane});
+            _used_lanes = std::max(_used_lanes, lane + 1);
             return place{lane, from};
         }
     }

@@ -10,38 +10,38 @@ namespace tarvoctl {
 /// No label covers another one, or a line, and none leaves the page.
 class label_lanes {
   public:
-    label_lanes(double left, double right, std::size_t most_lanes)
-        : left_{left}, right_{right}, most_lanes_{most_lanes} {}
+    label_lanes(double left, double right, size_t most_lanes)
+        : _left{left}, _right{right}, _most_lanes{most_lanes} {}
 
     struct place {
-        std::size_t lane; ///< 0 is the uppermost
-        double x;         ///< where the label begins
+        size_t lane; ///< 0 is the uppermost
+        double x;    ///< where the label begins
     };
 
     /// For the piece at `x`, right or left of its line; nothing where there is no room.
     std::optional<place> add(double x, double width);
 
-    std::size_t used_lanes() const { return used_lanes_; }
+    size_t used_lanes() const { return _used_lanes; }
 
   private:
     struct span {
-        std::size_t lane;
+        size_t lane;
         double from;
         double to;
     };
     struct line {
         double x;
-        std::size_t lane; ///< that it leads down to
+        size_t lane; ///< that it leads down to
     };
 
     bool is_free(const span& wanted, double line_x) const;
 
-    double left_;
-    double right_;
-    std::size_t most_lanes_;
-    std::size_t used_lanes_ = 0;
-    std::vector<span> spans_;
-    std::vector<line> lines_;
+    double _left;
+    double _right;
+    size_t _most_lanes;
+    size_t _used_lanes = 0;
+    std::vector<span> _spans;
+    std::vector<line> _lines;
 };
 
 } // namespace tarvoctl

@@ -16,7 +16,7 @@ namespace tarvoctl {
 
 namespace {
 
-// Of the terminal as it was, for a signal handler, too: only system calls are made with it.
+/// Of the terminal as it was, for a signal handler, too: only system calls are made with it.
 termios keyboard_before;
 bool keyboard_changed = false;
 
@@ -33,9 +33,10 @@ constexpr std::string_view clear_page_end = "\x1b[J";
 void put(std::string_view text) {
     while (!text.empty()) {
         const ssize_t count = ::write(STDOUT_FILENO, text.data(), text.size());
-        if (count < 0 && errno != EINTR)
+        if (count < 0 && errno != EINTR) {
             return; // the terminal is gone, which the keyboard tells
-        text.remove_prefix(static_cast<std::size_t>(count > 0 ? count : 0));
+        }
+        text.remove_prefix(static_cast<size_t>(count > 0 ? count : 0));
     }
 }
 
@@ -43,8 +44,9 @@ void give_back() {
     put(wrapping);
     put(cursor);
     put(page_before);
-    if (keyboard_changed)
+    if (keyboard_changed) {
         ::tcsetattr(STDIN_FILENO, TCSANOW, &keyboard_before);
+    }
 }
 
 void end_well(int /*signal*/) {
@@ -68,8 +70,9 @@ void on(int signal, void (*handler)(int)) {
 
 /// Keys come one by one and are not shown. Ctrl-Z would leave the terminal as it is now.
 void take_keyboard() {
-    if (::tcgetattr(STDIN_FILENO, &keyboard_before) != 0)
+    if (::tcgetattr(STDIN_FILENO, &keyboard_before) != 0) {
         return;
+    }
     termios wanted = keyboard_before;
     wanted.c_lflag &= ~static_cast<tcflag_t>(ICANON | ECHO);
     wanted.c_cc[VMIN] = 0;
@@ -130,8 +133,9 @@ live_screen::live_screen() {
 
 live_screen::~live_screen() {
     give_back();
-    for (const int signal : {SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGWINCH})
+    for (const int signal : {SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGWINCH}) {
         std::signal(signal, SIG_DFL);
+    }
 }
 
 bool live_screen::is_possible() {
@@ -145,7 +149,7 @@ int live_screen::height() {
     return known ? size.ws_row : usual_height;
 }
 
-// Lines are cleared before they are written: behind a full one there is nothing left to clear.
+/// Lines are cleared before they are written: behind a full one there is nothing left to clear.
 void live_screen::show(const std::string& page) {
     std::string output{top_left};
     output += clear_line_end;
@@ -157,23 +161,27 @@ void live_screen::show(const std::string& page) {
             ++lines;
         }
     }
-    if (lines < height())
+    if (lines < height()) {
         (output += '\n') += clear_page_end;
+    }
     put(output);
 }
 
 screen_key live_screen::key_within(std::chrono::milliseconds time) {
-    if (!typed_.empty())
-        return take_key(typed_);
+    if (!_typed.empty()) {
+        return take_key(_typed);
+    }
     pollfd keyboard{STDIN_FILENO, POLLIN, 0};
-    if (::poll(&keyboard, keyboard_changed ? 1 : 0, static_cast<int>(time.count())) <= 0)
+    if (::poll(&keyboard, keyboard_changed ? 1 : 0, static_cast<int>(time.count())) <= 0) {
         return screen_key::none;
+    }
     std::array<char, 64> typed{};
     const ssize_t count = ::read(STDIN_FILENO, typed.data(), typed.size());
-    if (count <= 0)
+    if (count <= 0) {
         return screen_key::quit;
-    typed_.assign(typed.data(), static_cast<std::size_t>(count));
-    return take_key(typed_);
+    }
+    _typed.assign(typed.data(), static_cast<size_t>(count));
+    return take_key(_typed);
 }
 
 } // namespace tarvoctl

@@ -8,9 +8,9 @@ namespace tarvoctl {
 /// What a person at the terminal wants.
 enum class screen_key { none, quit, sort, up, down, left, right, page_up, page_down, first, last };
 
-/// The terminal on standard output, taken over for a page that is drawn again and again. It is given
-/// back as it was when the object goes, and when a signal ends the program: SIGINT and SIGTERM then
-/// are a good end. One at a time.
+/// The terminal on standard output, taken over for a page that is drawn again and again. It is
+/// given back as it was when the object goes, and when a signal ends the program: SIGINT and
+/// SIGTERM then are a good end. One at a time.
 class live_screen {
   public:
     live_screen();
@@ -27,12 +27,12 @@ class live_screen {
     /// Puts a page in place of the one before; lines end with "\n".
     static void show(const std::string& page);
 
-    /// Waits for a key, to the end of that time or until the terminal's size changes: none then, and
-    /// for keys that mean nothing. A terminal that is gone wants to quit.
+    /// Waits for a key, to the end of that time or until the terminal's size changes: none then,
+    /// and for keys that mean nothing. A terminal that is gone wants to quit.
     screen_key key_within(std::chrono::milliseconds time);
 
   private:
-    std::string typed_; ///< and not yet taken
+    std::string _typed; ///< and not yet taken
 };
 
 } // namespace tarvoctl

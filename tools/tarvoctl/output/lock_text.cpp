@@ -8,8 +8,9 @@ namespace tarvoctl {
 namespace {
 
 lock_role role_of(const lock_state& lock, pid_t keeper) {
-    if (keeper == lock.taker)
+    if (keeper == lock.taker) {
         return lock_role::holds;
+    }
     return lock.taker_keeps_it() ? lock_role::shares : lock_role::keeps;
 }
 
@@ -63,19 +64,22 @@ lock_trouble trouble_of_unseen_holder() {
 
 std::vector<lock_party> parties_of(const lock_state& lock) {
     std::vector<lock_party> parties;
-    for (const pid_t pid : lock.keepers())
+    for (const pid_t pid : lock.keepers()) {
         parties.push_back({role_of(lock, pid), pid});
-    if (is_unexplained(lock) && lock.taker != 0)
+    }
+    if (is_unexplained(lock) && lock.taker != 0) {
         parties.push_back({lock_role::holds, lock.taker});
+    }
     std::stable_sort(parties.begin(), parties.end(),
                      [](const auto& a, const auto& b) { return a.role < b.role; });
-    for (const pid_t pid : lock.waiting)
+    for (const pid_t pid : lock.waiting) {
         parties.push_back({lock_role::waits, pid});
+    }
     return parties;
 }
 
 std::string waiting_text(const lock_state& lock) {
-    const std::size_t waiting = lock.waiting.size();
+    const size_t waiting = lock.waiting.size();
     return waiting == 0   ? "nobody waits"
            : waiting == 1 ? "1 waits"
                           : fmt::format("{} wait", waiting);
@@ -85,20 +89,26 @@ std::vector<lock_trouble> lock_troubles(const lock_state& lock, process_table& p
     std::vector<lock_trouble> troubles;
     std::vector<pid_t> heirs;
     for (const auto& [role, pid] : parties_of(lock)) {
-        if (role == lock_role::keeps)
+        if (role == lock_role::keeps) {
             heirs.push_back(pid);
-        if (role == lock_role::holds && processes.of(pid).is_stopped())
+        }
+        if (role == lock_role::holds && processes.of(pid).is_stopped()) {
             troubles.push_back(trouble_of_stopped(pid, processes));
-        if (role == lock_role::shares)
+        }
+        if (role == lock_role::shares) {
             troubles.push_back(trouble_of_sharer(lock, pid, processes));
+        }
     }
-    if (!heirs.empty())
+    if (!heirs.empty()) {
         troubles.push_back(trouble_of_keepers(lock, heirs, processes));
-    if (is_unexplained(lock) && lock.taker == 0)
+    }
+    if (is_unexplained(lock) && lock.taker == 0) {
         troubles.push_back(trouble_of_unseen_holder());
+    }
     for (const auto& user : lock.users) {
-        if (user.removed)
+        if (user.removed) {
             troubles.push_back(trouble_of_removed(user.pid, processes));
+        }
     }
     return troubles;
 }

@@ -56,98 +56,98 @@ struct label_beside {
 class page_layout {
   public:
     page_layout(const picture& records, const mapped_memory* memory, process_table& processes)
-        : records_{records}, marks_{records, memory, processes}, pieces_{records} {
+        : _records{records}, _marks{records, memory, processes}, _pieces{records} {
         constexpr uint64_t least_row_bytes = 0x40000;
-        constexpr std::size_t most_rows = 16;
-        map_ = rows_of(pieces_.all(), least_row_bytes, most_rows);
-        page_.width = page_width;
+        constexpr size_t most_rows = 16;
+        _map = rows_of(_pieces.all(), least_row_bytes, most_rows);
+        _page.width = page_width;
     }
 
     map_page page() {
         add_heading();
         choose_largest();
-        for (const map_row& row : map_.rows) {
+        for (const map_row& row : _map.rows) {
             add_row(row);
         }
         add_unnamed();
         add_looks();
         add_mark_texts();
-        for (const std::string& line : marks_.remarks()) {
+        for (const std::string& line : _marks.remarks()) {
             add_line_of_text(line);
         }
-        page_.height = y_ + margin;
-        return std::move(page_);
+        _page.height = _y + margin;
+        return std::move(_page);
     }
 
   private:
     void add_text(double x, double y, std::string text, bool is_heading = false) {
-        page_.texts.push_back({x, y, std::move(text), is_heading});
+        _page.texts.push_back({x, y, std::move(text), is_heading});
     }
 
     void add_line_of_text(std::string text, bool is_heading = false) {
-        y_ += line_height + padding / 2;
-        add_text(margin, y_, std::move(text), is_heading);
+        _y += line_height + padding / 2;
+        add_text(margin, _y, std::move(text), is_heading);
     }
 
     void add_heading() {
-        const dma_window& region = records_.region;
-        y_ = padding;
+        const dma_window& region = _records.region;
+        _y = padding;
         add_line_of_text(fmt::format("{} at physical {}, DMA {}",
                                      size_text(region.end_pa - region.first_pa),
                                      pa_range(region.first_pa, region.end_pa),
                                      dma_range(region, region.first_pa, region.end_pa)),
                          true);
-        const auto gaps = gaps_of(records_);
-        const std::string free = records_.all_chunks ? size_text(free_space_of(gaps).total_bytes) +
+        const auto gaps = gaps_of(_records);
+        const std::string free = _records.all_chunks ? size_text(free_space_of(gaps).total_bytes) +
                                                            " free in " + counted(gaps.size(), "gap")
                                                      : "how much is free is not known";
         add_line_of_text(fmt::format("{}, {}; a row is {}, rows that are wholly free are folded",
-                                     counted(records_.chunks.size(), "chunk"), free,
-                                     size_text(map_.row_bytes)));
-        y_ += line_height;
+                                     counted(_records.chunks.size(), "chunk"), free,
+                                     size_text(_map.row_bytes)));
+        _y += line_height;
     }
 
     /// Those get a label beside them where there is no room within.
     void choose_largest() {
-        constexpr std::size_t most_of_a_kind = 60;
-        std::vector<piece> order = pieces_.all();
+        constexpr size_t most_of_a_kind = 60;
+        std::vector<piece> order = _pieces.all();
         std::stable_sort(order.begin(), order.end(),
                          [](const piece& a, const piece& b) { return a.bytes > b.bytes; });
-        std::size_t gaps = 0;
-        std::size_t others = 0;
+        size_t gaps = 0;
+        size_t others = 0;
         for (const piece& each : order) {
-            std::size_t& so_far = each.state == piece_state::free ? gaps : others;
+            size_t& so_far = each.state == piece_state::free ? gaps : others;
             if (so_far++ < most_of_a_kind) {
-                largest_.insert(each.pa);
+                _largest.insert(each.pa);
             }
         }
     }
 
     void add_row(const map_row& row) {
-        add_text(margin, y_ + line_height, pa_text(row.pa));
+        add_text(margin, _y + line_height, pa_text(row.pa));
         if (row.is_folded) {
-            add_text(margin, y_ + 2 * line_height, "folded");
+            add_text(margin, _y + 2 * line_height, "folded");
         }
-        const auto bytes = static_cast<double>(row.is_folded ? row.bytes : map_.row_bytes);
+        const auto bytes = static_cast<double>(row.is_folded ? row.bytes : _map.row_bytes);
         std::vector<label_beside> outside;
-        for (drawn_piece& each : pieces_.drawn_on(row, row_width / bytes)) {
+        for (drawn_piece& each : _pieces.drawn_on(row, row_width / bytes)) {
             each.x += row_left;
             add_piece(each, outside);
         }
-        y_ += row_height;
+        _y += row_height;
         add_labels_beside(outside);
-        y_ += line_height;
+        _y += line_height;
     }
 
     void add_piece(const drawn_piece& what, std::vector<label_beside>& outside) {
         constexpr double thinnest = 0.5;
-        page_.boxes.push_back({what.x, y_, std::max(what.width, thinnest), row_height,
-                               pieces_.look_of(what), pieces_.title_of(what)});
+        _page.boxes.push_back({what.x, _y, std::max(what.width, thinnest), row_height,
+                               _pieces.look_of(what), _pieces.title_of(what)});
         label its_label = label_of(what);
         if (its_label.width_within() <= what.width) {
             write_within(its_label, what.x);
         } else if (what.pieces == 1 &&
-                   (its_label.is_continued || largest_.contains(what.part.pa))) {
+                   (its_label.is_continued || _largest.contains(what.part.pa))) {
             const double x = what.x + std::min(what.width / 2, padding);
             outside.push_back({std::move(its_label), x});
         }
@@ -155,10 +155,10 @@ class page_layout {
 
     label label_of(const drawn_piece& what) const {
         const bool is_one = what.pieces == 1;
-        const bool is_continued = is_one && pieces_.whole_of(what.part).pa != what.part.pa;
-        label made{is_one ? what.part.owner : nullptr, is_continued, pieces_.lines_of(what), {}};
+        const bool is_continued = is_one && _pieces.whole_of(what.part).pa != what.part.pa;
+        label made{is_one ? what.part.owner : nullptr, is_continued, _pieces.lines_of(what), {}};
         if (is_one && what.part.state == piece_state::used && !is_continued) {
-            made.marks = marks_.of(*what.part.owner);
+            made.marks = _marks.of(*what.part.owner);
         }
         return made;
     }
@@ -168,25 +168,25 @@ class page_layout {
             each.x = x;
             each.y = y;
             x += map_mark_size + padding / 2;
-            marks_.use(each);
-            page_.marks.push_back(std::move(each));
+            _marks.use(each);
+            _page.marks.push_back(std::move(each));
         }
     }
 
     void write_within(const label& what, double x) {
-        double y = y_;
+        double y = _y;
         for (const std::string& line : what.lines) {
             y += line_height;
             add_text(x + padding, y, line);
         }
         add_marks(what, x + padding, y + padding);
-        named_.insert(what.owner);
+        _named.insert(what.owner);
     }
 
     /// Labels stand right of their lines, the lower the further left they begin, and so cross none.
     /// Those for which the page ends too soon stand on the left, the other way round.
     void add_labels_beside(std::vector<label_beside>& labels) {
-        constexpr std::size_t most_lanes = 60; // as many as there are labels
+        constexpr size_t most_lanes = 60; // as many as there are labels
         label_lanes lanes{margin, page_width - margin, most_lanes};
         const auto others =
             std::stable_partition(labels.begin(), labels.end(), [](const label_beside& each) {
@@ -198,32 +198,32 @@ class page_layout {
                 write_beside(each, *place);
             }
         }
-        y_ += static_cast<double>(lanes.used_lanes()) * line_height;
+        _y += static_cast<double>(lanes.used_lanes()) * line_height;
     }
 
     void write_beside(const label_beside& each, const label_lanes::place& place) {
-        const double y = y_ + static_cast<double>(place.lane + 1) * line_height;
+        const double y = _y + static_cast<double>(place.lane + 1) * line_height;
         const std::string text = each.what.text_beside();
-        page_.lines.push_back({each.x, y_, y});
+        _page.lines.push_back({each.x, _y, y});
         add_text(place.x, y, text);
         add_marks(each.what, place.x + width_on_page(text) + padding,
                   y - map_mark_size + padding / 2);
-        named_.insert(each.what.owner);
+        _named.insert(each.what.owner);
     }
 
     // Below the rows.
 
     void add_unnamed() {
-        named_.erase(nullptr);
-        if (const std::size_t unnamed = records_.chunks.size() - named_.size(); unnamed > 0) {
+        _named.erase(nullptr);
+        if (const size_t unnamed = _records.chunks.size() - _named.size(); unnamed > 0) {
             add_line_of_text(counted(unnamed, "chunk") + " too small to be named here; "
                                                          "'tarvoctl list' shows all");
         }
-        y_ += padding;
+        _y += padding;
     }
 
     bool is_drawn(map_look look) const {
-        return std::any_of(page_.boxes.begin(), page_.boxes.end(),
+        return std::any_of(_page.boxes.begin(), _page.boxes.end(),
                            [look](const map_box& each) { return each.look == look; });
     }
 
@@ -239,45 +239,45 @@ class page_layout {
         double x = margin;
         for (const auto& [look, text] : all) {
             if (is_drawn(look)) {
-                page_.boxes.push_back({x, y_ + padding, swatch_width, map_mark_size, look, text});
-                add_text(x + swatch_width + padding, y_ + line_height, text);
+                _page.boxes.push_back({x, _y + padding, swatch_width, map_mark_size, look, text});
+                add_text(x + swatch_width + padding, _y + line_height, text);
                 x += swatch_width + padding + width_on_page(text) + margin;
             }
         }
-        y_ += line_height + padding;
+        _y += line_height + padding;
     }
 
     void add_mark_texts() {
         double x = margin;
-        const auto used = marks_.used();
+        const auto used = _marks.used();
         for (const auto& [mark, text] : used) {
             const double width = map_mark_size + padding + width_on_page(text);
             if (x > margin && x + width > page_width - margin) {
                 x = margin;
-                y_ += line_height + padding;
+                _y += line_height + padding;
             }
-            page_.marks.push_back({x, y_ + padding, mark.is_device, mark.number});
-            add_text(x + map_mark_size + padding, y_ + line_height, text);
+            _page.marks.push_back({x, _y + padding, mark.is_device, mark.number});
+            add_text(x + map_mark_size + padding, _y + line_height, text);
             x += width + margin;
         }
-        y_ += used.empty() ? 0 : line_height + padding;
+        _y += used.empty() ? 0 : line_height + padding;
     }
 
-    const picture& records_;
-    map_marks marks_;
-    map_pieces pieces_;
-    map_rows map_{};
-    map_page page_;
-    double y_ = 0;               ///< where the next thing begins
-    std::set<uint64_t> largest_; ///< by address
-    std::set<const chunk_record*> named_;
+    const picture& _records;
+    map_marks _marks;
+    map_pieces _pieces;
+    map_rows _map{};
+    map_page _page;
+    double _y = 0;               ///< where the next thing begins
+    std::set<uint64_t> _largest; ///< by address
+    std::set<const chunk_record*> _named;
 };
 
 } // namespace
 
 double width_on_page(const std::string& text) {
     constexpr double letter_width = 0.62 * map_text_size;
-    std::size_t letters = 0;
+    size_t letters = 0;
     for (const char each : text) {
         const auto byte = static_cast<unsigned char>(each);
         const bool goes_on = (byte & 0xc0U) == 0x80U;

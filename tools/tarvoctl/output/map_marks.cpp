@@ -10,7 +10,7 @@ namespace tarvoctl {
 namespace {
 
 std::vector<map_mark> counted_beyond_four(const std::vector<std::string>& numbers, bool is_device) {
-    constexpr std::size_t most_marks = 4;
+    constexpr size_t most_marks = 4;
     std::vector<map_mark> marks;
     for (const std::string& number : numbers) {
         if (marks.size() == most_marks) {
@@ -25,21 +25,21 @@ std::vector<map_mark> counted_beyond_four(const std::vector<std::string>& number
 } // namespace
 
 map_marks::map_marks(const picture& records, const mapped_memory* memory, process_table& processes)
-    : records_{records}, memory_{memory}, processes_{processes} {
+    : _records{records}, _memory{memory}, _processes{processes} {
     if (memory == nullptr) {
         return;
     }
     for (const region_mapping& each : memory->mappings) {
         if (!shows_all_of(each, records.region)) {
-            partial_.mappings.push_back(each);
-            numbers_.try_emplace(each.pid, 0);
-        } else if (std::find(whole_region_.begin(), whole_region_.end(), each.pid) ==
-                   whole_region_.end()) {
-            whole_region_.push_back(each.pid);
+            _partial.mappings.push_back(each);
+            _numbers.try_emplace(each.pid, 0);
+        } else if (std::find(_whole_region.begin(), _whole_region.end(), each.pid) ==
+                   _whole_region.end()) {
+            _whole_region.push_back(each.pid);
         }
     }
-    std::size_t number = 0;
-    for (auto& [pid, its_number] : numbers_) {
+    size_t number = 0;
+    for (auto& [pid, its_number] : _numbers) {
         its_number = ++number;
     }
 }
@@ -47,13 +47,13 @@ map_marks::map_marks(const picture& records, const mapped_memory* memory, proces
 std::vector<map_mark> map_marks::of(const chunk_record& chunk) const {
     std::vector<std::string> devices;
     for (const int index : chunk.devices) {
-        const device_record* const device = records_.device_at(index);
-        const auto number = device == nullptr ? 0 : device - records_.devices.data() + 1;
+        const device_record* const device = _records.device_at(index);
+        const auto number = device == nullptr ? 0 : device - _records.devices.data() + 1;
         devices.push_back(device == nullptr ? "?" : fmt::format("{}", number));
     }
     std::vector<std::string> holders;
-    for (const pid_t pid : holders_of(chunk, partial_)) {
-        holders.push_back(fmt::format("{}", numbers_.at(pid)));
+    for (const pid_t pid : holders_of(chunk, _partial)) {
+        holders.push_back(fmt::format("{}", _numbers.at(pid)));
     }
     auto marks = counted_beyond_four(devices, true);
     const auto of_holders = counted_beyond_four(holders, false);
@@ -62,38 +62,38 @@ std::vector<map_mark> map_marks::of(const chunk_record& chunk) const {
 }
 
 void map_marks::use(const map_mark& mark) {
-    used_.emplace(mark.is_device, mark.number);
+    _used.emplace(mark.is_device, mark.number);
 }
 
 std::vector<std::pair<map_mark, std::string>> map_marks::used() const {
     std::vector<std::pair<map_mark, std::string>> lines;
     const auto add = [&](bool is_device, const std::string& number, const std::string& text) {
-        if (used_.contains({is_device, number})) {
+        if (_used.contains({is_device, number})) {
             lines.push_back({{0, 0, is_device, number}, text});
         }
     };
-    for (std::size_t i = 0; i < records_.devices.size(); ++i) {
-        const device_record& device = records_.devices[i];
+    for (size_t i = 0; i < _records.devices.size(); ++i) {
+        const device_record& device = _records.devices[i];
         add(true, fmt::format("{}", i + 1),
             fmt::format("device {}{}", device_text(device), device.online ? "" : ", offline"));
     }
     add(true, "?", "a device that is not registered");
-    for (const auto& [pid, number] : numbers_) {
-        add(false, fmt::format("{}", number), "mapped by " + processes_.text(pid));
+    for (const auto& [pid, number] : _numbers) {
+        add(false, fmt::format("{}", number), "mapped by " + _processes.text(pid));
     }
     return lines;
 }
 
 std::vector<std::string> map_marks::remarks() const {
     std::vector<std::string> lines;
-    if (!whole_region_.empty()) {
+    if (!_whole_region.empty()) {
         lines.push_back("the whole region is mapped by " +
-                        processes_text(whole_region_, processes_));
+                        processes_text(_whole_region, _processes));
     }
-    if (memory_ == nullptr) {
+    if (_memory == nullptr) {
         lines.emplace_back("a copy of the area: who has chunks mapped is not known");
-    } else if (!memory_->is_complete()) {
-        lines.push_back(unseen_text(*memory_, processes_));
+    } else if (!_memory->is_complete()) {
+        lines.push_back(unseen_text(*_memory, _processes));
     }
     return lines;
 }

@@ -30,13 +30,13 @@ class map_marks {
     std::vector<std::string> remarks() const;
 
   private:
-    const picture& records_;
-    const mapped_memory* memory_;
-    process_table& processes_;
-    mapped_memory partial_;           ///< without mappings of the whole region
-    std::vector<pid_t> whole_region_; ///< who has those
-    std::map<pid_t, std::size_t> numbers_;
-    std::set<std::pair<bool, std::string>> used_; ///< of a device or not, number
+    const picture& _records;
+    const mapped_memory* _memory;
+    process_table& _processes;
+    mapped_memory _partial;           ///< without mappings of the whole region
+    std::vector<pid_t> _whole_region; ///< who has those
+    std::map<pid_t, size_t> _numbers;
+    std::set<std::pair<bool, std::string>> _used; ///< of a device or not, number
 };
 
 } // namespace tarvoctl

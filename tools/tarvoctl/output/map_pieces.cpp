@@ -14,7 +14,7 @@ constexpr double narrowest = 2; // that is drawn by itself, if its neighbours ar
 
 /// Of a text that is longer, the beginning.
 std::string shortened(const std::string& text) {
-    constexpr std::size_t most_letters = 28;
+    constexpr size_t most_letters = 28;
     if (width_of(text) <= most_letters) {
         return text;
     }
@@ -45,17 +45,17 @@ void join(drawn_piece& many, const piece& part, double end_x) {
 
 } // namespace
 
-map_pieces::map_pieces(const picture& records) : pieces_{pieces_of(records)} {
-    for (const piece& each : pieces_) {
+map_pieces::map_pieces(const picture& records) : _pieces{pieces_of(records)} {
+    for (const piece& each : _pieces) {
         if (each.owner != nullptr) {
-            looks_.try_emplace(each.owner, looks_.size() % 2 == 0 ? map_look::even : map_look::odd);
+            _looks.try_emplace(each.owner, _looks.size() % 2 == 0 ? map_look::even : map_look::odd);
         }
     }
 }
 
 std::vector<drawn_piece> map_pieces::drawn_on(const map_row& row, double pixels_per_byte) const {
     std::vector<drawn_piece> found;
-    for (const piece& each : pieces_) {
+    for (const piece& each : _pieces) {
         const piece part = clipped(each, row);
         if (part.bytes == 0) {
             continue;
@@ -74,7 +74,7 @@ std::vector<drawn_piece> map_pieces::drawn_on(const map_row& row, double pixels_
 }
 
 const piece& map_pieces::whole_of(const piece& part) const {
-    const auto next = std::upper_bound(pieces_.begin(), pieces_.end(), part.pa,
+    const auto next = std::upper_bound(_pieces.begin(), _pieces.end(), part.pa,
                                        [](uint64_t pa, const piece& each) { return pa < each.pa; });
     return *std::prev(next);
 }
@@ -93,7 +93,7 @@ map_look map_pieces::look_of(const drawn_piece& what) const {
     case piece_state::used:
         break;
     }
-    return looks_.at(what.part.owner);
+    return _looks.at(what.part.owner);
 }
 
 std::vector<std::string> map_pieces::lines_of(const drawn_piece& what) const {

@@ -16,8 +16,8 @@ struct drawn_piece {
     piece part; ///< of several pieces the first one, with the bytes of all
     double x;   ///< from the row's left end
     double width;
-    std::size_t pieces;
-    std::size_t chunks; ///< how many of them are chunks
+    size_t pieces;
+    size_t chunks; ///< how many of them are chunks
 };
 
 /// The pieces of a region, as they are drawn and described.
@@ -25,7 +25,7 @@ class map_pieces {
   public:
     explicit map_pieces(const picture& records);
 
-    const std::vector<piece>& all() const { return pieces_; }
+    const std::vector<piece>& all() const { return _pieces; }
     std::vector<drawn_piece> drawn_on(const map_row& row, double pixels_per_byte) const;
 
     /// The whole of what part of is drawn: that is what sizes and addresses are told of.
@@ -38,8 +38,8 @@ class map_pieces {
     std::string title_of(const drawn_piece& what) const;
 
   private:
-    std::vector<piece> pieces_;
-    std::unordered_map<const chunk_record*, map_look> looks_; ///< of neighbours in turn
+    std::vector<piece> _pieces;
+    std::unordered_map<const chunk_record*, map_look> _looks; ///< of neighbours in turn
 };
 
 } // namespace tarvoctl

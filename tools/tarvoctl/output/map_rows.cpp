@@ -17,7 +17,7 @@ uint64_t free_rows(uint64_t free_bytes, bool is_last, uint64_t row_bytes) {
 
 /// Nothing where there are more than `most_rows`.
 std::optional<std::vector<map_row>> rows_at(const std::vector<piece>& pieces, uint64_t row_bytes,
-                                            std::size_t most_rows) {
+                                            size_t most_rows) {
     std::vector<map_row> rows;
     const uint64_t end = pieces.back().pa + pieces.back().bytes;
     auto here = pieces.begin();
@@ -40,8 +40,7 @@ std::optional<std::vector<map_row>> rows_at(const std::vector<piece>& pieces, ui
 
 } // namespace
 
-map_rows rows_of(const std::vector<piece>& pieces, uint64_t least_row_bytes,
-                 std::size_t most_rows) {
+map_rows rows_of(const std::vector<piece>& pieces, uint64_t least_row_bytes, size_t most_rows) {
     constexpr uint64_t largest = std::numeric_limits<uint64_t>::max();
     uint64_t row_bytes = least_row_bytes;
     for (;;) {

@@ -24,7 +24,7 @@ struct map_rows {
 /// The finest scale at which there are no more than `most_rows`: `least_row_bytes`, doubled as
 /// often as it takes. Rows side by side that are wholly free are folded into one, or a few chunks
 /// in a large region would be a speck.
-map_rows rows_of(const std::vector<piece>& pieces, uint64_t least_row_bytes, std::size_t most_rows);
+map_rows rows_of(const std::vector<piece>& pieces, uint64_t least_row_bytes, size_t most_rows);
 
 /// The part of a piece that lies on a row, 0 bytes if none does.
 piece clipped(const piece& whole, const map_row& row);

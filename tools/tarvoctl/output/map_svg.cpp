@@ -7,7 +7,7 @@ namespace tarvoctl {
 
 namespace {
 
-// The rules for the dark come last, so that they win, and do not hold in print.
+/// The rules for the dark come last, so that they win, and do not hold in print.
 constexpr std::string_view style = R"(<style>
   .page { fill: #ffffff }
   text { fill: #000000; font-family: monospace; font-size: 12px }

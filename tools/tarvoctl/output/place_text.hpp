@@ -9,8 +9,8 @@
 
 namespace tarvoctl {
 
-/// A place in that area with what the record of its chunk or device says, whatever that is: "chunk 3
-/// 'rx_ring' (creator driver), device reference 0", "device 1 (0000:03:00.0)".
+/// A place in that area with what the record of its chunk or device says, whatever that is: "chunk
+/// 3 'rx_ring' (creator driver), device reference 0", "device 1 (0000:03:00.0)".
 std::string place_text(const place& where, const shared_area_t& area);
 
 /// "chunk 3 'rx_ring' (creator driver): size is 0 ... [chunk-size-zero]"

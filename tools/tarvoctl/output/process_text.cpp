@@ -47,13 +47,14 @@ std::string state_text(char state) {
 }
 
 std::string start_text(const process_info& process) {
-    if (process.state == '?')
+    if (process.state == '?') {
         return "-";
+    }
     return time_text(start_of(process));
 }
 
 const process_info& process_table::of(pid_t pid) {
-    const auto [at, is_new] = known_.try_emplace(pid);
+    const auto [at, is_new] = _known.try_emplace(pid);
     if (is_new) {
         at->second = process_of(pid).value_or(process_info{});
         at->second.pid = pid;
@@ -67,12 +68,14 @@ std::string process_table::text(pid_t pid) {
 }
 
 std::string processes_text(const std::vector<pid_t>& pids, process_table& processes) {
-    constexpr std::size_t most_named = 5;
+    constexpr size_t most_named = 5;
     std::string made;
-    for (std::size_t i = 0; i < std::min(pids.size(), most_named); ++i)
+    for (size_t i = 0; i < std::min(pids.size(), most_named); ++i) {
         made += (i == 0 ? "" : ", ") + processes.text(pids[i]);
-    if (pids.size() > most_named)
+    }
+    if (pids.size() > most_named) {
         made += fmt::format(" and {} more", pids.size() - most_named);
+    }
     return made;
 }
 

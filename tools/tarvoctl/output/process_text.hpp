@@ -19,7 +19,7 @@ class process_table {
     std::string text(pid_t pid);
 
   private:
-    std::map<pid_t, process_info> known_;
+    std::map<pid_t, process_info> _known;
 };
 
 /// "running", "sleeping", "STOPPED".

@@ -21,25 +21,28 @@ bool somebody_is_there() {
 } // namespace
 
 progress::progress(uint64_t total_bytes)
-    : total_bytes_{total_bytes}, next_look_{somebody_is_there() ? bytes_between_looks : UINT64_MAX},
-      next_words_{clock::now() + time_before_words} {}
+    : _total_bytes{total_bytes}, _next_look{somebody_is_there() ? bytes_between_looks : UINT64_MAX},
+      _next_words{clock::now() + time_before_words} {}
 
 progress::~progress() {
-    if (told_)
+    if (_told) {
         fmt::print(stderr, "\r\x1b[K");
+    }
 }
 
 void progress::reached(uint64_t bytes) {
-    if (bytes < next_look_)
+    if (bytes < _next_look) {
         return;
-    next_look_ = bytes + bytes_between_looks;
+    }
+    _next_look = bytes + bytes_between_looks;
     const auto now = clock::now();
-    if (now < next_words_)
+    if (now < _next_words) {
         return;
-    next_words_ = now + time_between_words;
+    }
+    _next_words = now + time_between_words;
     constexpr uint64_t whole = 100;
-    fmt::print(stderr, "\r{} % of {}", bytes * whole / total_bytes_, size_text(total_bytes_));
-    told_ = true;
+    fmt::print(stderr, "\r{} % of {}", bytes * whole / _total_bytes, size_text(_total_bytes));
+    _told = true;
 }
 
 } // namespace tarvoctl

@@ -5,8 +5,8 @@
 
 namespace tarvoctl {
 
-/// Tells the person at a terminal how far something is, from its first second on; nothing is left of
-/// it at the end. Where standard output is a terminal, too, what is printed there tells it.
+/// Tells the person at a terminal how far something is, from its first second on; nothing is left
+/// of it at the end. Where standard output is a terminal, too, what is printed there tells it.
 class progress {
   public:
     explicit progress(uint64_t total_bytes);
@@ -20,10 +20,10 @@ class progress {
   private:
     using clock = std::chrono::steady_clock;
 
-    uint64_t total_bytes_;
-    uint64_t next_look_; ///< at the clock, when so many bytes are reached
-    clock::time_point next_words_;
-    bool told_ = false;
+    uint64_t _total_bytes;
+    uint64_t _next_look; ///< at the clock, when so many bytes are reached
+    clock::time_point _next_words;
+    bool _told = false;
 };
 
 } // namespace tarvoctl

@@ -41,12 +41,12 @@ signs signs_for(const screen& on) {
 /// Where the chunks' names stand and which sign each chunk has, for one picture.
 class drawing {
   public:
-    drawing(const picture& records, const screen& on, std::size_t most_lines)
-        : on_{on}, signs_{signs_for(on)}, pieces_{pieces_of(records)}, columns_{columns_on(on)},
-          map_{rows_of(pieces_, columns_ * page_bytes, most_lines)}, sign_bytes_{map_.row_bytes /
-                                                                                 columns_} {
-        for (const map_row& row : map_.rows) {
-            rows_.push_back(cells_on(row));
+    drawing(const picture& records, const screen& on, size_t most_lines)
+        : _on{on}, _signs{signs_for(on)}, _pieces{pieces_of(records)}, _columns{columns_on(on)},
+          _map{rows_of(_pieces, _columns * page_bytes, most_lines)}, _sign_bytes{_map.row_bytes /
+                                                                                 _columns} {
+        for (const map_row& row : _map.rows) {
+            _rows.push_back(cells_on(row));
         }
         find_runs();
     }
@@ -55,11 +55,11 @@ class drawing {
         region_picture made;
         write_names();
         write_letters(lettered, made.letters);
-        for (std::size_t i = 0; i < rows_.size(); ++i) {
-            made.text += pa_text(map_.rows[i].pa) + " |" + line_of(i) + "|\n";
+        for (size_t i = 0; i < _rows.size(); ++i) {
+            made.text += pa_text(_map.rows[i].pa) + " |" + line_of(i) + "|\n";
         }
         made.legend = legend();
-        made.sign_bytes = sign_bytes_;
+        made.sign_bytes = _sign_bytes;
         return made;
     }
 
@@ -68,16 +68,16 @@ class drawing {
 
     /// Cells of one chunk side by side on one row.
     struct run {
-        std::size_t row = 0;
-        std::size_t first = 0;
-        std::size_t cells = 0;
+        size_t row = 0;
+        size_t first = 0;
+        size_t cells = 0;
     };
 
     /// A power of two, so that a sign stands for a round number of bytes.
-    static std::size_t columns_on(const screen& on) {
+    static size_t columns_on(const screen& on) {
         constexpr int frame_width = 15; // the address, a blank and two bars
-        constexpr std::size_t widest = 128;
-        std::size_t columns = 16;
+        constexpr size_t widest = 128;
+        size_t columns = 16;
         while (columns < widest && static_cast<int>(columns * 2) <= on.width - frame_width) {
             columns *= 2;
         }
@@ -88,9 +88,9 @@ class drawing {
         if (row.is_folded) {
             return {};
         }
-        const uint64_t last = (row.bytes - 1) / sign_bytes_;
-        cell_row cells(static_cast<std::size_t>(last) + 1);
-        for (const piece& each : pieces_) {
+        const uint64_t last = (row.bytes - 1) / _sign_bytes;
+        cell_row cells(static_cast<size_t>(last) + 1);
+        for (const piece& each : _pieces) {
             const piece part = clipped(each, row);
             if (part.bytes != 0) {
                 add(part, row, cells);
@@ -102,10 +102,10 @@ class drawing {
     void add(const piece& part, const map_row& row, cell_row& cells) const {
         const uint64_t first = part.pa - row.pa;
         const uint64_t end = first + part.bytes;
-        for (uint64_t at = first / sign_bytes_; at * sign_bytes_ < end; ++at) {
+        for (uint64_t at = first / _sign_bytes; at * _sign_bytes < end; ++at) {
             const uint64_t bytes =
-                std::min(end, (at + 1) * sign_bytes_) - std::max(first, at * sign_bytes_);
-            cell& one = cells[static_cast<std::size_t>(at)];
+                std::min(end, (at + 1) * _sign_bytes) - std::max(first, at * _sign_bytes);
+            cell& one = cells[static_cast<size_t>(at)];
             one.free_bytes += part.state == piece_state::free ? bytes : 0;
             one.has_unknown = one.has_unknown || part.state == piece_state::unknown;
             one.overlaps = one.overlaps || part.state == piece_state::overlapping;
@@ -118,15 +118,15 @@ class drawing {
 
     /// The longest run of each chunk; on the way, chunks get their turns in drawing order.
     void find_runs() {
-        for (std::size_t row = 0; row < rows_.size(); ++row) {
+        for (size_t row = 0; row < _rows.size(); ++row) {
             run now{row, 0, 0};
-            for (std::size_t i = 0; i < rows_[row].size(); ++i) {
-                const chunk_record* const owner = rows_[row][i].owner;
-                const bool goes_on = i > 0 && rows_[row][i - 1].owner == owner;
+            for (size_t i = 0; i < _rows[row].size(); ++i) {
+                const chunk_record* const owner = _rows[row][i].owner;
+                const bool goes_on = i > 0 && _rows[row][i - 1].owner == owner;
                 now = goes_on ? run{row, now.first, now.cells + 1} : run{row, i, 1};
                 if (owner != nullptr) {
-                    turns_.try_emplace(owner, turns_.size());
-                    run& longest = runs_[owner];
+                    _turns.try_emplace(owner, _turns.size());
+                    run& longest = _runs[owner];
                     longest = now.cells > longest.cells ? now : longest;
                 }
             }
@@ -134,21 +134,21 @@ class drawing {
     }
 
     void write(const run& where, const std::string& text) {
-        const std::size_t first = where.first + (where.cells - text.size()) / 2;
-        for (std::size_t i = 0; i < text.size(); ++i) {
-            rows_[where.row][first + i].label = text[i];
+        const size_t first = where.first + (where.cells - text.size()) / 2;
+        for (size_t i = 0; i < text.size(); ++i) {
+            _rows[where.row][first + i].label = text[i];
         }
     }
 
     /// With a sign on both sides. What is no ASCII may be wider on a terminal than can be known.
     void write_names() {
-        for (const auto& [chunk, where] : runs_) {
+        for (const auto& [chunk, where] : _runs) {
             const std::string name = shown(chunk->name);
             const bool plain = std::all_of(name.begin(), name.end(),
                                            [](char each) { return each > ' ' && each <= '~'; });
             if (plain && !name.empty() && name.size() + 2 <= where.cells) {
                 write(where, name);
-                named_.insert(chunk);
+                _named.insert(chunk);
             }
         }
     }
@@ -158,8 +158,8 @@ class drawing {
         constexpr std::string_view alphabet =
             "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz";
         for (const chunk_record* chunk : lettered) {
-            const auto found = runs_.find(chunk);
-            if (found != runs_.end() && !named_.contains(chunk) && !letters.contains(chunk) &&
+            const auto found = _runs.find(chunk);
+            if (found != _runs.end() && !_named.contains(chunk) && !letters.contains(chunk) &&
                 letters.size() < alphabet.size()) {
                 const char letter = alphabet[letters.size()];
                 letters[chunk] = letter;
@@ -176,47 +176,47 @@ class drawing {
             return std::string(1, one.label);
         }
         if (one.owner == nullptr) {
-            return one.has_unknown ? "?" : signs_.free;
+            return one.has_unknown ? "?" : _signs.free;
         }
         if (one.free_bytes == 0 && !one.has_unknown) {
-            return signs_.chunk[turns_.at(one.owner) % 2];
+            return _signs.chunk[_turns.at(one.owner) % 2];
         }
-        return one.free_bytes > sign_bytes_ / 2 ? signs_.little : signs_.mostly;
+        return one.free_bytes > _sign_bytes / 2 ? _signs.little : _signs.mostly;
     }
 
     std::string coloured(const cell& one) const {
         constexpr std::array colours{34, 36, 32, 33, 35};
-        if (!on_.colour || one.owner == nullptr) {
+        if (!_on.colour || one.owner == nullptr) {
             return sign_of(one);
         }
-        return fmt::format("\x1b[{}m{}\x1b[0m", colours[turns_.at(one.owner) % colours.size()],
+        return fmt::format("\x1b[{}m{}\x1b[0m", colours[_turns.at(one.owner) % colours.size()],
                            sign_of(one));
     }
 
     std::string folded_line(uint64_t bytes) const {
         const std::string words = fmt::format(" {} free, folded ", size_text(bytes));
-        const std::size_t signs = columns_ - std::min(columns_, words.size());
+        const size_t signs = _columns - std::min(_columns, words.size());
         std::string line;
-        for (std::size_t i = 0; i < signs; ++i) {
+        for (size_t i = 0; i < signs; ++i) {
             line += i == signs / 2 ? words : "";
-            line += signs_.free;
+            line += _signs.free;
         }
         return line;
     }
 
-    std::string line_of(std::size_t row) const {
-        if (map_.rows[row].is_folded) {
-            return folded_line(map_.rows[row].bytes);
+    std::string line_of(size_t row) const {
+        if (_map.rows[row].is_folded) {
+            return folded_line(_map.rows[row].bytes);
         }
         std::string line;
-        for (const cell& one : rows_[row]) {
+        for (const cell& one : _rows[row]) {
             line += coloured(one);
         }
-        return line + std::string(columns_ - rows_[row].size(), ' ');
+        return line + std::string(_columns - _rows[row].size(), ' ');
     }
 
     bool any(bool cell::*what) const {
-        return std::any_of(rows_.begin(), rows_.end(), [what](const cell_row& row) {
+        return std::any_of(_rows.begin(), _rows.end(), [what](const cell_row& row) {
             return std::any_of(row.begin(), row.end(),
                                [what](const cell& one) { return one.*what; });
         });
@@ -225,31 +225,31 @@ class drawing {
     std::string legend() const {
         return fmt::format(
             "One sign is {}: {} and {} chunks in turn, {} {} partly free, {} free{}{}",
-            size_text(sign_bytes_), signs_.chunk[0], signs_.chunk[1], signs_.mostly, signs_.little,
-            signs_.free, any(&cell::overlaps) ? ", ! in several chunks" : "",
+            size_text(_sign_bytes), _signs.chunk[0], _signs.chunk[1], _signs.mostly, _signs.little,
+            _signs.free, any(&cell::overlaps) ? ", ! in several chunks" : "",
             any(&cell::has_unknown) ? ", ? not known" : "");
     }
 
-    const screen& on_;
-    signs signs_;
-    std::vector<piece> pieces_;
-    std::size_t columns_;
-    map_rows map_;
-    uint64_t sign_bytes_;
-    std::vector<cell_row> rows_; ///< no cells where it is folded
-    std::unordered_map<const chunk_record*, std::size_t> turns_;
-    std::unordered_map<const chunk_record*, run> runs_;
-    std::set<const chunk_record*> named_;
+    const screen& _on;
+    signs _signs;
+    std::vector<piece> _pieces;
+    size_t _columns;
+    map_rows _map;
+    uint64_t _sign_bytes;
+    std::vector<cell_row> _rows; ///< no cells where it is folded
+    std::unordered_map<const chunk_record*, size_t> _turns;
+    std::unordered_map<const chunk_record*, run> _runs;
+    std::set<const chunk_record*> _named;
 };
 
 } // namespace
 
-region_picture draw_region(const picture& records, const screen& on, std::size_t most_lines,
+region_picture draw_region(const picture& records, const screen& on, size_t most_lines,
                            const std::vector<const chunk_record*>& lettered) {
     return drawing{records, on, most_lines}.draw(lettered);
 }
 
-std::string region_bar(const picture& records, const screen& on, std::size_t most_lines) {
+std::string region_bar(const picture& records, const screen& on, size_t most_lines) {
     return draw_region(records, on, most_lines, {}).text;
 }
 

@@ -22,10 +22,10 @@ struct region_picture {
 
 /// `lettered`: those that get a letter where there is no room for their name. `most_lines` of text
 /// at most. The region must be known.
-region_picture draw_region(const picture& records, const screen& on, std::size_t most_lines,
+region_picture draw_region(const picture& records, const screen& on, size_t most_lines,
                            const std::vector<const chunk_record*>& lettered);
 
 /// The lines alone, without letters.
-std::string region_bar(const picture& records, const screen& on, std::size_t most_lines);
+std::string region_bar(const picture& records, const screen& on, size_t most_lines);
 
 } // namespace tarvoctl

@@ -19,8 +19,9 @@ namespace {
 
 void flush_output() {
     errno = 0; // an earlier error is not known any longer
-    if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0)
+    if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0) {
         complain(errno);
+    }
 }
 
 exit_status with_output(const std::function<exit_status()>& work) {
@@ -29,8 +30,9 @@ exit_status with_output(const std::function<exit_status()>& work) {
         flush_output();
         return status;
     } catch (const std::system_error& wrong) { // also what printing throws
-        if (std::ferror(stdout) == 0)
+        if (std::ferror(stdout) == 0) {
             throw;
+        }
         complain(wrong.code().value());
     }
 }

@@ -6,23 +6,24 @@
 
 namespace tarvoctl {
 
-std::vector<std::size_t> table::widths(bool titles) const {
-    std::vector<std::size_t> widest;
-    for (std::size_t i = 0; i < columns_.size(); ++i) {
-        std::size_t width = titles ? width_of(columns_[i].title) : 0;
-        for (const auto& row : rows_)
+std::vector<size_t> table::widths(bool titles) const {
+    std::vector<size_t> widest;
+    for (size_t i = 0; i < _columns.size(); ++i) {
+        size_t width = titles ? width_of(_columns[i].title) : 0;
+        for (const auto& row : _rows) {
             width = std::max(width, width_of(row[i]));
+        }
         widest.push_back(width);
     }
     return widest;
 }
 
 void table::append_row(std::string& made, const std::vector<std::string>& row,
-                       const std::vector<std::size_t>& widths) const {
-    for (std::size_t i = 0; i < row.size(); ++i) {
+                       const std::vector<size_t>& widths) const {
+    for (size_t i = 0; i < row.size(); ++i) {
         const std::string blanks(widths[i] - width_of(row[i]), ' ');
         const bool last = i + 1 == row.size();
-        if (columns_[i].side == align::right) {
+        if (_columns[i].side == align::right) {
             made += blanks + row[i];
         } else {
             made += row[i] + (last ? "" : blanks);
@@ -36,12 +37,14 @@ std::string table::text(bool titles) const {
     std::string made;
     if (titles) {
         std::vector<std::string> names;
-        for (const auto& each : columns_)
+        for (const auto& each : _columns) {
             names.push_back(each.title);
+        }
         append_row(made, names, widest);
     }
-    for (const auto& row : rows_)
+    for (const auto& row : _rows) {
         append_row(made, row, widest);
+    }
     return made;
 }
 

@@ -10,9 +10,9 @@
 namespace tarvoctl {
 
 std::string devices_text(const chunk_record& chunk, const picture& records) {
-    constexpr std::size_t most_named = 4;
+    constexpr size_t most_named = 4;
     std::string made;
-    for (std::size_t i = 0; i < std::min(chunk.devices.size(), most_named); ++i) {
+    for (size_t i = 0; i < std::min(chunk.devices.size(), most_named); ++i) {
         const int index = chunk.devices[i];
         const device_record* const device = records.device_at(index);
         made += made.empty() ? "" : " ";
@@ -22,8 +22,9 @@ std::string devices_text(const chunk_record& chunk, const picture& records) {
             made += device_text(*device) + (device->online ? "" : " (offline)");
         }
     }
-    if (chunk.devices.size() > most_named)
+    if (chunk.devices.size() > most_named) {
         made += fmt::format(" and {} more", chunk.devices.size() - most_named);
+    }
     return made.empty() ? "-" : made;
 }
 
@@ -40,17 +41,19 @@ std::string address_text(uint64_t pa, const dma_window& region) {
 }
 
 void tell_duplicates(const picture& records, std::string_view only) {
-    constexpr std::size_t most_named = 5;
-    std::map<std::string_view, std::size_t> bearers;
-    for (const auto& chunk : records.chunks)
+    constexpr size_t most_named = 5;
+    std::map<std::string_view, size_t> bearers;
+    for (const auto& chunk : records.chunks) {
         ++bearers[chunk.name];
+    }
     std::erase_if(bearers, [only](const auto& each) {
         return each.second == 1 || (!only.empty() && each.first != only);
     });
-    std::size_t named = 0;
+    size_t named = 0;
     for (const auto& [name, count] : bearers) {
-        if (named++ == most_named)
+        if (named++ == most_named) {
             break;
+        }
         fmt::print(stderr, "tarvoctl: {} chunks are called '{}'; calls by name find the lowest\n",
                    count, shown(name));
     }
@@ -66,10 +69,12 @@ std::string command_on(const std::string& words, const area_source& source) {
 }
 
 exit_status told_damage(const std::vector<std::string>& damage, const area_source& source) {
-    for (const auto& each : damage)
+    for (const auto& each : damage) {
         fmt::print(stderr, "tarvoctl: {}\n", each);
-    if (damage.empty())
+    }
+    if (damage.empty()) {
         return exit_status::good;
+    }
     fmt::print(stderr, "tarvoctl: {} is damaged; see '{}'\n",
                source.is_live() ? "the area" : shown(source.file), command_on("check", source));
     return exit_status::damaged;

@@ -26,14 +26,15 @@ using lines = std::vector<std::string>;
 lines lines_of(const std::string& text) {
     lines made;
     std::istringstream stream{text};
-    for (std::string line; std::getline(stream, line);)
+    for (std::string line; std::getline(stream, line);) {
         made.push_back(line);
+    }
     return made;
 }
 
 class page {
   public:
-    explicit page(const top_view& view) : view_{view} {}
+    explicit page(const top_view& view) : _view{view} {}
 
     top_drawing draw() {
         add_summary();
@@ -41,44 +42,46 @@ class page {
             add_chunks(room());
         } else {
             const lines devices = device_lines();
-            const std::size_t left = room();
-            const std::size_t for_devices =
-                devices.size() <= left / 3 ? devices.size() : std::max<std::size_t>(left / 3, 2);
+            const size_t left = room();
+            const size_t for_devices =
+                devices.size() <= left / 3 ? devices.size() : std::max<size_t>(left / 3, 2);
             add_blank();
             add_chunks(left - std::min(left, for_devices + 2));
             add_blank();
             add_table(devices, room());
         }
-        if (is_limited())
+        if (is_limited()) {
             add_footer();
-        return {joined(), first_, shown_};
+        }
+        return {joined(), _first, _shown};
     }
 
   private:
-    bool is_limited() const { return view_.height != 0; }
+    bool is_limited() const { return _view.height != 0; }
     /// So low that what is told of the region as a whole would leave no room for chunks.
     bool is_low() const {
-        constexpr std::size_t least_height = 16;
-        return is_limited() && view_.height < least_height;
+        constexpr size_t least_height = 16;
+        return is_limited() && _view.height < least_height;
     }
 
     /// Lines that are still free above the footer.
-    std::size_t room() const {
-        if (!is_limited())
+    size_t room() const {
+        if (!is_limited()) {
             return SIZE_MAX;
-        return view_.height - std::min(view_.height, made_.size() + 1);
+        }
+        return _view.height - std::min(_view.height, _made.size() + 1);
     }
 
     void add(const std::string& line) {
-        made_.push_back(is_limited() ? cut_to_width(line, static_cast<std::size_t>(view_.on.width))
+        _made.push_back(is_limited() ? cut_to_width(line, static_cast<size_t>(_view.on.width))
                                      : line);
     }
-    void add_blank() { made_.emplace_back(); }
+    void add_blank() { _made.emplace_back(); }
 
     void add_summary() {
-        const picture& records = view_.records;
+        const picture& records = _view.records;
         const dma_window& region = records.region;
-        add(view_.title);
+        add(_view.title);
         if (is_low()) {
             add(free_text());
             add_damage();
@@ -93,18 +96,19 @@ class page {
         constexpr int most_chunks = chunk_capacity - 2; // the others bound the region
         add(fmt::format("in use  {} of {} chunk records, {} of {} device records, by {}{}",
                         records.chunks.size(), most_chunks, records.devices.size(), device_capacity,
-                        counted(view_.memory.users.size(), "process"),
-                        view_.memory.is_complete() ? "" : " and those that cannot be seen"));
+                        counted(_view.memory.users.size(), "process"),
+                        _view.memory.is_complete() ? "" : " and those that cannot be seen"));
         add_damage();
     }
 
     void add_damage() {
-        for (const auto& each : view_.records.damage)
+        for (const auto& each : _view.records.damage) {
             add("DAMAGED " + each);
+        }
     }
 
     std::string free_text() const {
-        const picture& records = view_.records;
+        const picture& records = _view.records;
         if (!records.all_chunks) {
             return "free    not known";
         }
@@ -119,33 +123,35 @@ class page {
 
     /// Not clipped: its lines hold colours, and know the screen's width.
     void add_bar() {
-        constexpr std::size_t small_height = 20;
-        if (!view_.records.has_region())
+        constexpr size_t small_height = 20;
+        if (!_view.records.has_region()) {
             return;
-        const std::size_t bar_lines = is_limited() && view_.height < small_height ? 1 : 2;
-        for (auto& line : lines_of(region_bar(view_.records, view_.on, bar_lines)))
-            made_.push_back(std::move(line));
+        }
+        const size_t bar_lines = is_limited() && _view.height < small_height ? 1 : 2;
+        for (auto& line : lines_of(region_bar(_view.records, _view.on, bar_lines))) {
+            _made.push_back(std::move(line));
+        }
     }
 
     /// The chunks' positions, the largest first where they are by size; those that are alike by
     /// address.
-    std::vector<std::size_t> in_order() const {
-        const auto& chunks = view_.records.chunks;
-        std::vector<std::size_t> order(chunks.size());
+    std::vector<size_t> in_order() const {
+        const auto& chunks = _view.records.chunks;
+        std::vector<size_t> order(chunks.size());
         std::iota(order.begin(), order.end(), 0);
-        std::stable_sort(order.begin(), order.end(), [&](std::size_t a, std::size_t b) {
-            return view_.order == top_order::size   ? chunks[a].size > chunks[b].size
-                   : view_.order == top_order::name ? chunks[a].name < chunks[b].name
+        std::stable_sort(order.begin(), order.end(), [&](size_t a, size_t b) {
+            return _view.order == top_order::size   ? chunks[a].size > chunks[b].size
+                   : _view.order == top_order::name ? chunks[a].name < chunks[b].name
                                                     : a < b;
         });
         return order;
     }
 
-    /// A row of the chunks' table: the others without those that are shifted out, and the name second
-    /// or, where there are such, first.
+    /// A row of the chunks' table: the others without those that are shifted out, and the name
+    /// second or, where there are such, first.
     template <typename Cell>
     std::vector<Cell> with_name(std::vector<Cell> others, Cell name) const {
-        const auto shifted = static_cast<std::ptrdiff_t>(view_.shifted_columns);
+        const auto shifted = static_cast<std::ptrdiff_t>(_view.shifted_columns);
         others.erase(others.begin(), others.begin() + shifted);
         others.insert(others.begin() + (shifted == 0 ? 1 : 0), std::move(name));
         return others;
@@ -154,33 +160,34 @@ class page {
     /// It leaves room for the columns that were shifted in.
     std::string name_cell(const chunk_record& chunk) const {
         const std::string name = shown_name(chunk.name);
-        const auto half = static_cast<std::size_t>(view_.on.width) / 2;
-        return view_.shifted_columns == 0 ? name : cut_to_width(name, half);
+        const auto half = static_cast<size_t>(_view.on.width) / 2;
+        return _view.shifted_columns == 0 ? name : cut_to_width(name, half);
     }
 
     lines chunk_lines() const {
         table rows{with_name(
             {{"SIZE", align::right}, {"HOLDERS", align::right}, {"DMA"}, {"CREATOR"}, {"DEVICES"}},
             column{"NAME"})};
-        for (const std::size_t position : in_order()) {
-            const chunk_record& chunk = view_.records.chunks[position];
+        for (const size_t position : in_order()) {
+            const chunk_record& chunk = _view.records.chunks[position];
             rows.add(with_name<std::string>(
-                {size_text(chunk.size), fmt::format("{}", holders_of(chunk, view_.memory).size()),
-                 dma_text(view_.records.region.dma_of(chunk.pa)), shown_name(chunk.creator),
-                 devices_text(chunk, view_.records)},
+                {size_text(chunk.size), fmt::format("{}", holders_of(chunk, _view.memory).size()),
+                 dma_text(_view.records.region.dma_of(chunk.pa)), shown_name(chunk.creator),
+                 devices_text(chunk, _view.records)},
                 name_cell(chunk)));
         }
         return lines_of(rows.text());
     }
 
     lines device_lines() const {
-        std::map<int, std::size_t> seen;
-        for (const auto& chunk : view_.records.chunks) {
-            for (const int index : chunk.devices)
+        std::map<int, size_t> seen;
+        for (const auto& chunk : _view.records.chunks) {
+            for (const int index : chunk.devices) {
                 ++seen[index];
+            }
         }
         table rows{{{"DEVICE"}, {"STATE"}, {"CHUNKS", align::right}}};
-        for (const auto& device : view_.records.devices) {
+        for (const auto& device : _view.records.devices) {
             rows.add({device_text(device), device.online ? "online" : "offline",
                       fmt::format("{}", seen[device.index])});
         }
@@ -188,16 +195,18 @@ class page {
     }
 
     /// The titles, and as many chunks as there is room for.
-    void add_chunks(std::size_t most_lines) {
+    void add_chunks(size_t most_lines) {
         const lines all = chunk_lines();
-        if (most_lines == 0)
+        if (most_lines == 0) {
             return;
-        const std::size_t chunks = all.size() - 1;
-        shown_ = std::min(chunks, most_lines - 1);
-        first_ = std::min(view_.first_chunk, chunks - shown_);
+        }
+        const size_t chunks = all.size() - 1;
+        _shown = std::min(chunks, most_lines - 1);
+        _first = std::min(_view.first_chunk, chunks - _shown);
         add(all.front());
-        for (std::size_t i = 1; i <= shown_; ++i)
-            add(all[first_ + i]);
+        for (size_t i = 1; i <= _shown; ++i) {
+            add(all[_first + i]);
+        }
     }
 
     /// On the last line: what is shown, and the keys in the longest form for which there is room.
@@ -206,48 +215,48 @@ class page {
         constexpr std::array keys{"  s sort  jk scroll  hl columns  PgUp PgDn Home End  q quit",
                                   "  s sort  jk scroll  hl columns  q quit",
                                   "  s sort  jkhl move  q quit", "  s jk hl  q quit", "  q quit"};
-        const std::size_t chunks = view_.records.chunks.size();
+        const size_t chunks = _view.records.chunks.size();
         const std::string position =
-            fmt::format("{}-{} of {} by {}", std::min(first_ + 1, chunks), first_ + shown_, chunks,
-                        orders[static_cast<int>(view_.order)]);
-        const auto width = static_cast<std::size_t>(view_.on.width);
+            fmt::format("{}-{} of {} by {}", std::min(_first + 1, chunks), _first + _shown, chunks,
+                        orders[static_cast<int>(_view.order)]);
+        const auto width = static_cast<size_t>(_view.on.width);
         const auto* const fitting =
             std::find_if(keys.begin(), keys.end() - 1, [&](std::string_view each) {
                 return position.size() + each.size() <= width;
             });
-        made_.resize(view_.height - 1);
+        _made.resize(_view.height - 1);
         add(position.size() + std::string_view{*fitting}.size() <= width ? position + *fitting
                                                                          : "q quit");
     }
 
     /// As many rows as there is room for, and how many there is none for. The first line, with the
     /// titles, is no row.
-    void add_table(const lines& table_lines, std::size_t most_lines) {
+    void add_table(const lines& table_lines, size_t most_lines) {
         const bool fits = table_lines.size() <= most_lines;
-        const std::size_t kept =
-            fits ? table_lines.size() : std::max<std::size_t>(most_lines, 1) - 1;
-        for (std::size_t i = 0; i < kept; ++i)
+        const size_t kept = fits ? table_lines.size() : std::max<size_t>(most_lines, 1) - 1;
+        for (size_t i = 0; i < kept; ++i) {
             add(table_lines[i]);
+        }
         if (!fits && most_lines > 0) {
-            const std::size_t shown_rows = std::max<std::size_t>(kept, 1) - 1;
+            const size_t shown_rows = std::max<size_t>(kept, 1) - 1;
             add(fmt::format("... and {} more", table_lines.size() - 1 - shown_rows));
         }
     }
 
     /// A page that fills the screen does not end its last line: that would move it up.
     std::string joined() const {
-        const std::size_t count =
-            is_limited() ? std::min(view_.height, made_.size()) : made_.size();
+        const size_t count = is_limited() ? std::min(_view.height, _made.size()) : _made.size();
         std::string text;
-        for (std::size_t i = 0; i < count; ++i)
-            text += made_[i] + (is_limited() && i + 1 == count ? "" : "\n");
+        for (size_t i = 0; i < count; ++i) {
+            text += _made[i] + (is_limited() && i + 1 == count ? "" : "\n");
+        }
         return text;
     }
 
-    const top_view& view_;
-    lines made_;
-    std::size_t first_ = 0; ///< chunk on the page
-    std::size_t shown_ = 0; ///< chunks on it
+    const top_view& _view;
+    lines _made;
+    size_t _first = 0; ///< chunk on the page
+    size_t _shown = 0; ///< chunks on it
 };
 
 } // namespace

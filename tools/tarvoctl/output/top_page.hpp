@@ -13,7 +13,7 @@ namespace tarvoctl {
 enum class top_order { size, name, address };
 
 /// So many columns of the chunks can be shifted out; the name and one more stay.
-inline constexpr std::size_t most_shifted_columns = 4;
+inline constexpr size_t most_shifted_columns = 4;
 
 /// What a page of top is made from.
 struct top_view {
@@ -21,17 +21,17 @@ struct top_view {
     const mapped_memory& memory;
     std::string title; ///< the first line
     screen on;
-    std::size_t height; ///< lines there are; 0: as many as it takes
+    size_t height; ///< lines there are; 0: as many as it takes
     top_order order = top_order::size;
-    std::size_t shifted_columns = 0; ///< of the chunks, left out so that those after them are seen
-    std::size_t first_chunk = 0;     ///< of those in that order, where there is no room for all
+    size_t shifted_columns = 0; ///< of the chunks, left out so that those after them are seen
+    size_t first_chunk = 0;     ///< of those in that order, where there is no room for all
 };
 
 /// A page and what of the chunks is on it.
 struct top_drawing {
-    std::string text;        ///< lines end with "\n", but for the last one of a page with a height
-    std::size_t first_chunk; ///< as wanted, but no further than leaves the page full
-    std::size_t chunks;
+    std::string text;   ///< lines end with "\n", but for the last one of a page with a height
+    size_t first_chunk; ///< as wanted, but no further than leaves the page full
+    size_t chunks;
 };
 
 /// The region, its free space, its chunks and the devices. A low page has only the free space and
