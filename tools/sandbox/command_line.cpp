@@ -1,7 +1,8 @@
 #include "command_line.hpp"
 
-#include "failure.hpp"
+#include "common/trouble.hpp"
 #include "help_text.hpp"
+#include "worlds.hpp"
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
@@ -17,7 +18,7 @@ constexpr const char* version_text = "tarvo-sandbox " TARVO_SANDBOX_VERSION "\n"
 /// The tool's own words and, behind the first "--", the command's.
 struct words {
     std::vector<std::string> own;
-    std::optional<command_words> command;
+    std::optional<std::vector<std::string>> command;
 };
 
 words split_words(std::vector<std::string> all) {
@@ -62,13 +63,13 @@ void parse(CLI::App& app, const words& given) {
     } catch (const CLI::ParseError& wrong) {
         std::string text = wrong.what();
         std::replace(text.begin(), text.end(), '\n', ' ');
-        throw failure{text + "; see tarvo-sandbox --help"};
+        throw trouble{text + "; see tarvo-sandbox --help"};
     }
 }
 
-command_words take_command(const words& given) {
+std::vector<std::string> take_command(const words& given) {
     if (!given.command || given.command->empty()) {
-        throw failure{
+        throw trouble{
             "no command: write it behind --, as in 'tarvo-sandbox --world low -- ./client'"};
     }
     return *given.command;
@@ -96,7 +97,7 @@ std::vector<rule> parse_rules(const std::vector<std::string>& texts) {
 /// simulation along with a region may want to see just that.
 void check_region_is_used(bool has_region, bool names_world) {
     if (has_region && !names_world) {
-        throw failure{"a region is of no use in simulation; name a world for it, as in "
+        throw trouble{"a region is of no use in simulation; name a world for it, as in "
                       "'tarvo-sandbox --world high --region 100000000-13fffffff -- ./client'"};
     }
 }
@@ -162,7 +163,7 @@ options parse_rule_change(const words& given) {
     // A wrong rule is told also where no sandbox runs.
     parse_rules(made.rules);
     if (made.rules.empty() && !made.clear && !made.list) {
-        throw failure{"rule: nothing to do; give a RULE, --clear or --list"};
+        throw trouble{"rule: nothing to do; give a RULE, --clear or --list"};
     }
     return made;
 }

@@ -1,8 +1,7 @@
 #pragma once
 
-#include "member.hpp"
-#include "rule.hpp"
-#include "world.hpp"
+#include "driver/rule.hpp"
+#include "machine/world.hpp"
 
 #include <string>
 #include <variant>
@@ -15,12 +14,12 @@ struct run_options {
     std::vector<rule> rules;
     std::string log_path;
     std::string control_path;
-    command_words command;
+    std::vector<std::string> command;
 };
 
 struct join_options {
     std::string control_path;
-    command_words command;
+    std::vector<std::string> command;
 };
 
 struct rule_options {
@@ -37,7 +36,7 @@ struct help_wanted {
 
 using options = std::variant<run_options, join_options, rule_options, help_wanted>;
 
-/// Throws failure, naming the option and value that are wrong.
+/// Throws trouble, naming the option and value that are wrong.
 options parse_command_line(const std::vector<std::string>& arguments);
 
 } // namespace sandbox

@@ -1,4 +1,5 @@
 #include "command_line.hpp"
+#include "process/report.hpp"
 #include "run.hpp"
 
 #include <cstdio>
@@ -24,8 +25,7 @@ int main(int argc, char** argv) {
     try {
         std::visit(doer{}, sandbox::parse_command_line({argv + 1, argv + argc}));
     } catch (const std::exception& wrong) {
-        std::fprintf(stderr, "tarvo-sandbox: %s\n", wrong.what());
-        return sandbox::exit_trouble;
+        return sandbox::report(wrong);
     }
     return 0;
 }

@@ -1,10 +1,10 @@
 #include "run.hpp"
 
-#include "channel.hpp"
-#include "control.hpp"
-#include "failure.hpp"
-#include "server.hpp"
-#include "supervisor.hpp"
+#include "common/trouble.hpp"
+#include "process/channel.hpp"
+#include "process/control.hpp"
+#include "process/server.hpp"
+#include "process/supervisor.hpp"
 
 #include <array>
 #include <cstdio>
@@ -57,7 +57,7 @@ unique_fd start_server(server_plan& plan) {
 
 void report(const nlohmann::json& answer, bool list) {
     if (answer.contains("error")) {
-        throw failure{answer.value("error", "")};
+        throw trouble{answer.value("error", "")};
     }
     if (!list) {
         return;
@@ -69,7 +69,7 @@ void report(const nlohmann::json& answer, bool list) {
 
 [[noreturn]] void finish(const command_end& end) {
     if (end.sandbox_died && WIFSIGNALED(end.wait_status)) {
-        throw failure{"the sandbox's own process was killed, and the command with it"};
+        throw trouble{"the sandbox's own process was killed, and the command with it"};
     }
     end_like(end.wait_status);
 }
@@ -100,7 +100,7 @@ void change_rules(const rule_options& wanted) {
                  {{"request", "rules"}, {"clear", wanted.clear}, {"add", wanted.rules}});
     const auto answer = receive_message(connection.get());
     if (!answer) {
-        throw failure{"--control " + wanted.control_path + ": the sandbox has ended"};
+        throw trouble{"--control " + wanted.control_path + ": the sandbox has ended"};
     }
     report(answer->body, wanted.list);
 }

@@ -1,0 +1,74 @@
+#pragma once
+
+#include "driver/driver.hpp"
+#include "machine/file_system.hpp"
+#include "machine/proc_view.hpp"
+#include "machine/world.hpp"
+#include "process/channel.hpp"
+#include "process/control.hpp"
+#include "process/namespaces.hpp"
+
+#include <list>
+#include <memory>
+
+namespace sandbox {
+
+/// Everything the sandbox's own process needs, made by the tool before it starts that process.
+struct server_plan {
+    world played;
+    std::vector<rule> rules;
+    unique_fd log;
+    control_socket control;
+    /// The tool's own connection: the first command comes through it.
+    unique_fd first_connection;
+};
+
+/// The process behind a sandbox: answers the driver's files, lets commands in, takes rules, and
+/// ends with the last command. One thread, so that the log has one order.
+class server {
+  public:
+    /// Takes what it needs out of the plan, the connection last. Throws trouble.
+    explicit server(server_plan& plan);
+
+    /// Returns when the last command has ended and everything is gone.
+    void run();
+
+  private:
+    /// A tool at the other end, and the command it has in the sandbox, if any.
+    struct connection {
+        unique_fd socket;
+        unique_fd command;
+        /// The sandbox goes on as long as there is a command, or the first one has yet to come.
+        bool keeps_alive = false;
+        bool command_ended = false;
+        /// Open all the same: its end tells the tool that we are done.
+        bool hung_up = false;
+    };
+    using connections = std::list<connection>;
+
+    bool goes_on() const;
+    void wait_and_answer();
+    void forget_the_ended();
+    void accept_one();
+    void hear(connection& from);
+    static void end_command(connection& of);
+    void answer(connection& from, message& received);
+    void welcome(connection& from, message& received);
+    nlohmann::json change_rules(const nlohmann::json& wanted);
+
+    world _played;
+    driver _driver;
+    control_socket& _control;
+    bool _accepts = false;
+    proc_view _real_proc;
+    sysfs_view _real_sysfs;
+    unique_fd _real_proc_mount;
+    namespaces _namespaces;
+    file_system _files;
+    connections _connections;
+};
+
+/// The whole life of the sandbox's own process: what goes wrong is told to the first connection.
+void serve(server_plan plan);
+
+} // namespace sandbox
