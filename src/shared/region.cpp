@@ -5,6 +5,7 @@
 #include "shared/paths.hpp"
 #include "shared/process_state.hpp"
 #include "shared/region_line.hpp"
+#include "shared/simulated_region.hpp"
 #include "shared/trace.hpp"
 
 #include <cerrno>
@@ -14,12 +15,6 @@
 #include <unistd.h>
 
 namespace {
-
-/// The simulated region. Its file begins at physical address 0, so that file offsets are physical
-/// addresses; the bytes below the region are never used.
-constexpr uint64_t simulated_region_first_pa = 0x1000;
-constexpr uint32_t simulated_region_bytes = 0x2a800000;
-constexpr uint32_t simulated_memory_bytes = simulated_region_first_pa + simulated_region_bytes;
 
 /// Opens the stand-in for physical memory and gives it its size. It is created only for a process
 /// that asks for simulation; one that is already there selects simulation for everybody.
@@ -33,7 +28,7 @@ bool open_simulated_memory() {
                     paths::simulated_memory, strerror(errno));
         return false;
     }
-    if (ftruncate(mem_fd, simulated_memory_bytes) != 0) {
+    if (ftruncate(mem_fd, static_cast<off_t>(simulated_region.end_pa)) != 0) {
         const int refusal = errno;
         close(mem_fd);
         TARVO_TRACE(trace_progress, function, "%s: ftruncate %s failed - %s", function,
@@ -57,8 +52,8 @@ bool tarvo_sim_init() {
         return false;
     }
     is_simulation = true;
-    region_size = simulated_region_bytes;
-    region_start = simulated_region_first_pa;
+    region_size = static_cast<uint32_t>(simulated_region.end_pa - simulated_region.first_pa);
+    region_start = simulated_region.first_pa;
     shm_fd = open_with_exact_mode(paths::simulated_area, O_RDWR | O_CREAT, simulation_mode);
     if (shm_fd == -1) {
         give_up_area(paths::simulated_area);

@@ -1,12 +1,12 @@
 #include "command_words.hpp"
 
-#include "failure.hpp"
+#include "common/failure.hpp"
+#include "common/numbers.hpp"
 #include "host/cross_process_lock.hpp"
 #include "shown.hpp"
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
-#include <charconv>
 #include <fmt/format.h>
 #include <functional>
 #include <limits>
@@ -30,15 +30,12 @@ struct seconds_option {
 
 void add_seconds(CLI::App& parser, const seconds_option& wanted) {
     const auto take = [wanted](const std::string& text) {
-        double number = 0;
-        const char* const end = text.data() + text.size();
-        const auto [rest, error] = std::from_chars(text.data(), end, number);
-        if (error != std::errc{} || rest != end ||
-            !(number >= wanted.least && number <= wanted.most)) {
+        const auto number = number_in<double>(text);
+        if (!number || !(*number >= wanted.least && *number <= wanted.most)) {
             throw failure{exit_status::usage,
                           fmt::format("{} '{}': give {}", wanted.name, shown(text), wanted.rule)};
         }
-        wanted.take(seconds{number});
+        wanted.take(seconds{*number});
     };
     parser.add_option_function<std::string>(wanted.name, take, wanted.about)->type_name("SECONDS");
 }

@@ -1,6 +1,6 @@
 #include "program.hpp"
 
-#include "failure.hpp"
+#include "common/failure.hpp"
 #include "output/json.hpp"
 #include "output/standard_output.hpp"
 #include "usage_text.hpp"

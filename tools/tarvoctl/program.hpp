@@ -1,7 +1,7 @@
 #pragma once
 
 #include "command_words.hpp"
-#include "exit_status.hpp"
+#include "common/exit_status.hpp"
 
 #include <functional>
 #include <memory>

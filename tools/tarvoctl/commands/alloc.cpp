@@ -1,6 +1,6 @@
 #include "area/gaps.hpp"
 #include "commands/commands.hpp"
-#include "failure.hpp"
+#include "common/failure.hpp"
 #include "host/area_source.hpp"
 #include "host/file_shortage.hpp"
 #include "library/arguments.hpp"

@@ -1,6 +1,6 @@
 #include "area/changes.hpp"
 #include "commands/commands.hpp"
-#include "failure.hpp"
+#include "common/failure.hpp"
 #include "output/change_text.hpp"
 #include "output/json.hpp"
 #include "output/text.hpp"

@@ -1,6 +1,6 @@
 #include "commands/commands.hpp"
 #include "commands/named_chunks.hpp"
-#include "failure.hpp"
+#include "common/failure.hpp"
 #include "host/area_source.hpp"
 #include "library/arguments.hpp"
 #include "library/library_call.hpp"

@@ -1,5 +1,5 @@
 #include "commands/commands.hpp"
-#include "failure.hpp"
+#include "common/failure.hpp"
 #include "host/area_source.hpp"
 #include "library/arguments.hpp"
 #include "library/ready_area.hpp"

@@ -1,5 +1,5 @@
 #include "commands/commands.hpp"
-#include "failure.hpp"
+#include "common/failure.hpp"
 #include "output/json.hpp"
 #include "output/table.hpp"
 #include "output/text.hpp"

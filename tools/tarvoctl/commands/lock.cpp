@@ -1,5 +1,5 @@
 #include "commands/commands.hpp"
-#include "failure.hpp"
+#include "common/failure.hpp"
 #include "host/lock_state.hpp"
 #include "host/site.hpp"
 #include "output/json.hpp"

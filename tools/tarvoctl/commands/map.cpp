@@ -1,6 +1,6 @@
 #include "area/gaps.hpp"
 #include "commands/commands.hpp"
-#include "failure.hpp"
+#include "common/failure.hpp"
 #include "host/mappings.hpp"
 #include "host/new_file.hpp"
 #include "library/arguments.hpp"

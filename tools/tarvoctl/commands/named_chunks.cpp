@@ -1,6 +1,6 @@
 #include "commands/named_chunks.hpp"
 
-#include "failure.hpp"
+#include "common/failure.hpp"
 #include "output/text.hpp"
 
 #include <algorithm>

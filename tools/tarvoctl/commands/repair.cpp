@@ -1,7 +1,7 @@
 #include "area/repair.hpp"
 
 #include "commands/commands.hpp"
-#include "failure.hpp"
+#include "common/failure.hpp"
 #include "host/area_file.hpp"
 #include "host/cross_process_lock.hpp"
 #include "host/mappings.hpp"

@@ -1,7 +1,7 @@
 #include "area/gaps.hpp"
 #include "commands/commands.hpp"
 #include "commands/named_chunks.hpp"
-#include "failure.hpp"
+#include "common/failure.hpp"
 #include "host/mappings.hpp"
 #include "output/json.hpp"
 #include "output/process_text.hpp"

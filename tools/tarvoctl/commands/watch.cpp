@@ -1,6 +1,6 @@
 #include "area/changes.hpp"
 #include "commands/commands.hpp"
-#include "failure.hpp"
+#include "common/failure.hpp"
 #include "host/area_follower.hpp"
 #include "host/area_source.hpp"
 #include "output/change_text.hpp"

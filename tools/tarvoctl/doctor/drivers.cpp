@@ -1,6 +1,6 @@
+#include "common/failure.hpp"
 #include "common/unique_fd.hpp"
 #include "doctor/diagnosis.hpp"
-#include "failure.hpp"
 #include "output/text.hpp"
 #include "quantities.hpp"
 #include "shared/paths.hpp"

@@ -1,5 +1,5 @@
+#include "common/failure.hpp"
 #include "doctor/diagnosis.hpp"
-#include "failure.hpp"
 #include "host/file_shortage.hpp"
 #include "host/folder_fault.hpp"
 #include "output/text.hpp"

@@ -1,7 +1,7 @@
 #include "host/area_follower.hpp"
 
 #include "area/check_record.hpp"
-#include "failure.hpp"
+#include "common/failure.hpp"
 #include "host/plain_file.hpp"
 
 #include <cerrno>

@@ -2,7 +2,7 @@
 
 #include "area/check_record.hpp"
 #include "area/list_walk.hpp"
-#include "failure.hpp"
+#include "common/failure.hpp"
 #include "host/cross_process_lock.hpp"
 #include "host/file_shortage.hpp"
 #include "host/gzip.hpp"

@@ -1,6 +1,6 @@
 #include "host/cross_process_lock.hpp"
 
-#include "failure.hpp"
+#include "common/failure.hpp"
 #include "host/lock_state.hpp"
 #include "host/plain_file.hpp"
 #include "host/processes.hpp"

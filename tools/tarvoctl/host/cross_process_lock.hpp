@@ -1,7 +1,7 @@
 #pragma once
 
+#include "common/failure.hpp"
 #include "common/unique_fd.hpp"
-#include "failure.hpp"
 
 #include <chrono>
 #include <string>

@@ -1,14 +1,14 @@
 #include "host/file_shortage.hpp"
 
 #include "area/finding.hpp"
+#include "common/failure.hpp"
 #include "common/unique_fd.hpp"
-#include "failure.hpp"
 #include "host/area_source.hpp"
 #include "host/mount.hpp"
-#include "host/simulated_region.hpp"
 #include "quantities.hpp"
 #include "shared/layout.hpp"
 #include "shared/paths.hpp"
+#include "shared/simulated_region.hpp"
 
 #include <algorithm>
 #include <cerrno>

@@ -1,6 +1,6 @@
 #include "host/folder_fault.hpp"
 
-#include "failure.hpp"
+#include "common/failure.hpp"
 #include "host/file_shortage.hpp"
 #include "host/mount.hpp"
 #include "shared/paths.hpp"

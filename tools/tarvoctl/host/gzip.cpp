@@ -1,6 +1,6 @@
 #include "host/gzip.hpp"
 
-#include "failure.hpp"
+#include "common/failure.hpp"
 
 #include <algorithm>
 #include <array>

@@ -1,6 +1,6 @@
 #include "host/new_file.hpp"
 
-#include "failure.hpp"
+#include "common/failure.hpp"
 #include "host/file_identity.hpp"
 #include "quantities.hpp"
 #include "shared/paths.hpp"

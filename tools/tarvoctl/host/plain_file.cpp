@@ -1,6 +1,6 @@
 #include "host/plain_file.hpp"
 
-#include "failure.hpp"
+#include "common/failure.hpp"
 
 #include <fcntl.h>
 #include <fmt/format.h>

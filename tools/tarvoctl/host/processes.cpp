@@ -1,11 +1,11 @@
 #include "host/processes.hpp"
 
+#include "common/numbers.hpp"
 #include "common/unique_fd.hpp"
 
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <charconv>
 #include <cstdlib>
 #include <dirent.h>
 #include <fcntl.h>
@@ -35,11 +35,8 @@ std::optional<std::vector<int>> numbers_in(const std::string& folder) {
     }
     std::vector<int> numbers;
     while (const dirent* const entry = ::readdir(stream.get())) {
-        const std::string_view name{&entry->d_name[0]};
-        int number = 0;
-        const auto [end, error] = std::from_chars(name.data(), name.data() + name.size(), number);
-        if (error == std::errc{} && end == name.data() + name.size()) {
-            numbers.push_back(number);
+        if (const auto number = number_in<int>(&entry->d_name[0])) {
+            numbers.push_back(*number);
         }
     }
     std::sort(numbers.begin(), numbers.end());

@@ -1,10 +1,10 @@
 #include "host/site.hpp"
 
 #include "common/unique_fd.hpp"
-#include "host/simulated_region.hpp"
 #include "quantities.hpp"
 #include "shared/paths.hpp"
 #include "shared/region_line.hpp"
+#include "shared/simulated_region.hpp"
 
 #include <cerrno>
 #include <cstdlib>

@@ -1,7 +1,8 @@
 #include "library/arguments.hpp"
 
 #include "area/gaps.hpp"
-#include "failure.hpp"
+#include "common/failure.hpp"
+#include "common/numbers.hpp"
 #include "output/text.hpp"
 #include "quantities.hpp"
 #include "shared/layout.hpp"
@@ -19,15 +20,6 @@ namespace {
 
 [[noreturn]] void refuse(const std::string& text) {
     throw failure{exit_status::usage, text};
-}
-
-/// All of a text as a number, or nothing.
-template <typename Number>
-std::optional<Number> number_in(std::string_view digits, int base) {
-    Number number = 0;
-    const char* const last = digits.data() + digits.size();
-    const auto [end, error] = std::from_chars(digits.data(), last, number, base);
-    return error == std::errc{} && end == last ? std::optional{number} : std::nullopt;
 }
 
 std::optional<uint32_t> hexadecimal(std::string_view digits) {

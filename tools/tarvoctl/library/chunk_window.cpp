@@ -1,6 +1,6 @@
 #include "library/chunk_window.hpp"
 
-#include "failure.hpp"
+#include "common/failure.hpp"
 #include "library/arguments.hpp"
 #include "output/text.hpp"
 #include "quantities.hpp"

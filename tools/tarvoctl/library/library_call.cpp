@@ -1,7 +1,7 @@
 #include "library/library_call.hpp"
 
+#include "common/failure.hpp"
 #include "common/unique_fd.hpp"
-#include "failure.hpp"
 #include "host/cross_process_lock.hpp"
 #include "host/file_shortage.hpp"
 #include "host/lock_state.hpp"

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "exit_status.hpp"
+#include "common/exit_status.hpp"
 #include "host/ending_signals.hpp"
 
 #include <chrono>

@@ -1,7 +1,7 @@
 #include "library/ready_area.hpp"
 
+#include "common/failure.hpp"
 #include "common/unique_fd.hpp"
-#include "failure.hpp"
 #include "host/area_follower.hpp"
 #include "host/area_source.hpp"
 #include "host/file_shortage.hpp"

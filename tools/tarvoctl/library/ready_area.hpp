@@ -2,7 +2,7 @@
 
 #include "area/finding.hpp"
 #include "area/records.hpp"
-#include "exit_status.hpp"
+#include "common/exit_status.hpp"
 
 #include <chrono>
 #include <functional>

@@ -1,7 +1,7 @@
 #pragma once
 
 #include "area/records.hpp"
-#include "exit_status.hpp"
+#include "common/exit_status.hpp"
 
 #include <cstdint>
 #include <nlohmann/json.hpp>

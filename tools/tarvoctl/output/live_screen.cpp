@@ -1,6 +1,6 @@
 #include "output/live_screen.hpp"
 
-#include "exit_status.hpp"
+#include "common/exit_status.hpp"
 
 #include <array>
 #include <cerrno>

@@ -1,6 +1,6 @@
 #include "output/standard_output.hpp"
 
-#include "failure.hpp"
+#include "common/failure.hpp"
 
 #include <cerrno>
 #include <cstdio>

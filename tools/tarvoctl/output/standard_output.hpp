@@ -1,6 +1,6 @@
 #pragma once
 
-#include "exit_status.hpp"
+#include "common/exit_status.hpp"
 
 #include <functional>
 

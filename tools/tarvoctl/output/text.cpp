@@ -1,6 +1,6 @@
 #include "output/text.hpp"
 
-#include "failure.hpp"
+#include "common/failure.hpp"
 #include "quantities.hpp"
 
 #include <algorithm>

@@ -1,7 +1,7 @@
 #pragma once
 
 #include "area/records.hpp"
-#include "exit_status.hpp"
+#include "common/exit_status.hpp"
 #include "host/area_source.hpp"
 #include "shown.hpp"
 
