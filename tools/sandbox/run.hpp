@@ -1,8 +1,32 @@
 #pragma once
 
-#include "command_line.hpp"
+#include "driver/rule.hpp"
+#include "machine/world.hpp"
+
+#include <string>
+#include <vector>
 
 namespace sandbox {
+
+struct run_options {
+    world played;
+    std::vector<rule> rules;
+    std::string log_path;
+    std::string control_path;
+    std::vector<std::string> command;
+};
+
+struct join_options {
+    std::string control_path;
+    std::vector<std::string> command;
+};
+
+struct rule_options {
+    std::string control_path;
+    bool clear = false;
+    bool list = false;
+    std::vector<std::string> rules;
+};
 
 /// The first two end the process as the command ended. All throw failure.
 [[noreturn]] void run(const run_options& wanted);

@@ -2,26 +2,31 @@
 
 #include "common/trouble.hpp"
 #include "driver/text.hpp"
+#include "shared/paths.hpp"
 
 #include <array>
+#include <fmt/format.h>
 #include <utility>
 
 namespace sandbox {
 
 namespace {
 
+constexpr std::string_view simulation_name = "simulation";
+
 struct hardware_world {
     std::string_view name;
+    const char* about;
     uint64_t first_pa;
     uint64_t last_pa;
     const char* region_name;
 };
 
 constexpr std::array<hardware_world, 4> hardware_worlds{{
-    {"low", 0x80000000, 0x8fffffff, "tarvo"},
-    {"high", 0x200000000, 0x23fffffff, "tarvo"},
-    {"crossing", 0xf0000000, 0x10fffffff, "tarvo"},
-    {"cma", 0x100000000, 0x13fffffff, "CMA"},
+    {"low", "a region", 0x80000000, 0x8fffffff, "tarvo"},
+    {"high", "a region above 4 GiB", 0x200000000, 0x23fffffff, "tarvo"},
+    {"crossing", "a region across 4 GiB", 0xf0000000, 0x10fffffff, "tarvo"},
+    {"cma", "the allocator's region", 0x100000000, 0x13fffffff, "CMA"},
 }};
 
 constexpr std::array<std::pair<std::string_view, item>, 5> item_names{{
@@ -60,7 +65,7 @@ std::string unescape(std::string_view text) {
 
 world named_world(std::string_view name) {
     world made;
-    if (name == "simulation") {
+    if (name == simulation_name) {
         made.simulation = true;
         return made;
     }
@@ -72,6 +77,16 @@ world named_world(std::string_view name) {
     }
     throw trouble{"--world " + std::string{name} +
                   ": unknown world; choose simulation, low, high, crossing or cma"};
+}
+
+std::string world_list() {
+    std::string list = fmt::format("{:<12}{} is set, no {} (the default)", simulation_name,
+                                   simulation_variable, paths::region_driver);
+    for (const auto& known : hardware_worlds) {
+        list += fmt::format("\n{:<12}{} at {:x}-{:x}", known.name, known.about, known.first_pa,
+                            known.last_pa);
+    }
+    return list;
 }
 
 region parse_region(std::string_view text) {

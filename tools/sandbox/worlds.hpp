@@ -2,6 +2,7 @@
 
 #include "machine/world.hpp"
 
+#include <string>
 #include <string_view>
 
 namespace sandbox {
@@ -10,6 +11,9 @@ namespace sandbox {
 
 /// The world of that name.
 world named_world(std::string_view name);
+
+/// All names, a line each with what it stands for.
+std::string world_list();
 
 /// START-END[:NAME]
 region parse_region(std::string_view text);

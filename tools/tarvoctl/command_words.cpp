@@ -2,8 +2,8 @@
 
 #include "common/failure.hpp"
 #include "common/numbers.hpp"
+#include "common/shown.hpp"
 #include "host/cross_process_lock.hpp"
-#include "shown.hpp"
 
 #include <CLI/CLI.hpp>
 #include <algorithm>

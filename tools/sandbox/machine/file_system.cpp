@@ -1,6 +1,7 @@
 #include "machine/file_system.hpp"
 
 #include "common/trouble.hpp"
+#include "machine/driver_files.hpp"
 
 #include <algorithm>
 #include <cerrno>
@@ -14,8 +15,6 @@
 namespace sandbox {
 
 namespace {
-
-constexpr std::string_view proc_file = "tarvo";
 
 /// Nodes from proc_view::first_number up are the real /proc's.
 constexpr fuse_ino_t proc_file_node = 2;
@@ -110,7 +109,7 @@ struct file_system::state {
     }
 
     std::optional<fuse_ino_t> find_in_proc(std::string_view name) const {
-        if (name == proc_file) {
+        if (name == proc_file_name) {
             return shown.proc ? std::optional{proc_file_node} : std::nullopt;
         }
         if (name == sysfs_view::folder_in_proc) {
@@ -123,7 +122,7 @@ struct file_system::state {
     }
 
     std::optional<fuse_ino_t> find_in_sysfs(std::string_view name) const {
-        if (name == sysfs_view::driver_file_name) {
+        if (name == sysfs_file_name) {
             return shown.sysfs ? std::optional{iommu_file_node} : std::nullopt;
         }
         if (name == sysfs_view::hidden_folder) {
@@ -263,12 +262,12 @@ struct file_system::state {
 
     void list_proc(fuse_req_t asked, listing_buffer& listing) const {
         for (const auto& name : real.names()) {
-            if (name != proc_file) {
+            if (name != proc_file_name) {
                 add_entry(asked, listing, name);
             }
         }
         if (shown.proc) {
-            add_entry(asked, listing, std::string{proc_file});
+            add_entry(asked, listing, std::string{proc_file_name});
         }
     }
 
@@ -277,7 +276,7 @@ struct file_system::state {
             add_entry(asked, listing, name);
         }
         if (shown.sysfs) {
-            add_entry(asked, listing, std::string{sysfs_view::driver_file_name});
+            add_entry(asked, listing, std::string{sysfs_file_name});
         }
     }
 

@@ -16,7 +16,6 @@ class sysfs_view {
     static constexpr std::string_view hidden_folder = ".host";
     /// The sandbox's own, until it is bound to its place.
     static constexpr std::string_view folder_in_proc = ".sys_kernel";
-    static constexpr std::string_view driver_file_name = "tarvo_iommu_map_region";
 
     /// Lists /sys/kernel as it is now, without the driver's file. Throws trouble.
     sysfs_view();

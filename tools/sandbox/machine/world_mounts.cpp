@@ -1,6 +1,7 @@
 #include "machine/world_mounts.hpp"
 
 #include "common/trouble.hpp"
+#include "machine/driver_files.hpp"
 #include "machine/proc_view.hpp"
 #include "machine/shadow.hpp"
 #include "machine/sysfs_view.hpp"
@@ -85,16 +86,16 @@ void make_mem_file(const std::string& path, uint64_t last_pa) {
 }
 
 void build_dev(const world& played, const kept_state& state) {
-    shadow_folder("/dev", {"mem"});
+    shadow_folder("/dev", {std::string{mem_file_name}});
     if (!played.has_mem_file()) {
         return;
     }
     if (!state) {
-        make_mem_file("/dev/mem", played.region->last_pa);
+        make_mem_file(paths::physical_memory, played.region->last_pa);
         return;
     }
     make_mem_file(state.path("mem"), played.region->last_pa);
-    bind_file(state.path("mem"), "/dev/mem");
+    bind_file(state.path("mem"), paths::physical_memory);
 }
 
 /// /var/lock is a link on many machines; here it is a folder, so that what it leads to stays as it

@@ -1,10 +1,10 @@
 #include "host/cross_process_lock.hpp"
 
 #include "common/failure.hpp"
+#include "common/shown.hpp"
 #include "host/lock_state.hpp"
 #include "host/plain_file.hpp"
 #include "host/processes.hpp"
-#include "shown.hpp"
 
 #include <cerrno>
 #include <csignal>

@@ -1,6 +1,6 @@
 #include "output/table.hpp"
 
-#include "shown.hpp"
+#include "common/shown.hpp"
 
 #include <algorithm>
 

@@ -2,8 +2,8 @@
 
 #include "area/records.hpp"
 #include "common/exit_status.hpp"
+#include "common/shown.hpp"
 #include "host/area_source.hpp"
-#include "shown.hpp"
 
 #include <string>
 

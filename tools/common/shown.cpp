@@ -1,12 +1,10 @@
-#include "shown.hpp"
+#include "common/shown.hpp"
 
 #include <algorithm>
 #include <clocale>
 #include <cwchar>
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
-
-namespace tarvoctl {
 
 namespace {
 
@@ -127,5 +125,3 @@ std::string cut_to_width(const std::string& text, size_t width) {
     }
     return text;
 }
-
-} // namespace tarvoctl

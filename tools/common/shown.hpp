@@ -4,8 +4,6 @@
 #include <string>
 #include <string_view>
 
-namespace tarvoctl {
-
 bool is_utf8(std::string_view text);
 
 /// A name as a terminal can show it: as \xNN are written the bytes of what has no form of its own,
@@ -25,5 +23,3 @@ std::string cut_to_width(const std::string& text, size_t width);
 /// The same as one word of a shell's command line, between double quotes where it has to be, so
 /// that single ones can stand around the command.
 std::string shell_word(std::string_view text);
-
-} // namespace tarvoctl
