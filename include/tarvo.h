@@ -9,77 +9,107 @@
  *
  * Conventions and caveats that hold for every call:
  *
- *  1. Units. Sizes and offsets are bytes. A chunk's size is rounded up to whole pages. Records and
- *     the arithmetic on sizes are 32-bit in every build: a size of 4 GiB and more is allocated
- *     modulo 4 GiB, and chunks of more than 2 GiB cannot be mapped for devices.
- *  2. Addresses. A physical address (`pa`, 64-bit) is where memory lies for the processor; a DMA
- *     address (`dma`, 32-bit) is where a device sees it. They are equal for a region that lies, and
- *     ends, below 4 GiB. Any other region is seen from DMA address 0x20000000 on; of its bytes from
- *     0xe0000000 on the DMA address wraps, and converting it back ends the process. Only
- *     tarvo_dma_to_pa() and tarvo_pa_to_dma() convert. Neither is a pointer: map the chunk.
- *  3. Start-up. The first call in a process that needs the region finds it and maps the
- *     bookkeeping file, for which it takes the lock, whatever is said of the call itself. (Only
- *     tarvo_get_overhead(), tarvo_unmap_all(), tarvo_dump_next(), tarvo_dump_next_iommu_device()
- *     and tarvo_dump_end() never do.) Where it cannot, it says why on standard error, adds "tarvo:
- *     failed to initialize library", and the call returns its failure value; the next call tries
- *     again. A kernel driver that describes an impossible region ends the process ("start && (end >
- *     start)"). Simulation is selected by the environment variable SIMULATION_VMID (its presence,
- *     not its value), or by the file /var/tmp/tarvo being there. There is no shut-down: three
- *     descriptors, close-on-exec and never 0, 1 or 2, stay open until the process ends, and
- *     dlclose() does not unload the library. When the bookkeeping file cannot be given its size,
- *     descriptor 0 of the program is closed, too.
- *  4. The lock. Processes are kept apart by one flock() on a lock file. Calls marked "takes the
- *     lock" wait for it without limit, and a process that is stopped in the middle of a call, or
- *     between tarvo_dump_begin() and tarvo_dump_end(), makes all others wait. A wait that a signal
- *     interrupts (a handler without SA_RESTART) fails with "tarvo: failed to accquire lock:
- *     Interrupted system call"; it is not repeated. A lock that cannot be released ends the process
- *     (SIGABRT).
- *  5. What ends the process. Wrong use, and records that are damaged, end the process with an
- *     assertion message on standard error and SIGABRT; each call lists its own. In addition every
- *     call that reads the lists ends it where a link is out of range ("idx >= 0 && idx < MAX"),
- *     where links lead in a circle ("visited <= MAX"; also where a listing that changes meanwhile
- *     comes to more elements than a list holds) or where an element is in the wrong state
- *     ("cur->allocated", "!chunk->allocated", "cur->allocated && new_elem->allocated",
- *     "_head != -1 && _tail != -1"), and every call that would send a request for a chunk of more
- *     than 2 GiB ("end_dma - start_dma == end_pa - start_pa") or for one whose record lies outside
- *     the region ("pa >= dma_chunk_head->pa && pa <= dma_chunk_tail->pa"). Whatever such a process
- *     had half changed stays; its lock goes with it.
- *  6. Threads and children. The lock keeps processes apart, not threads: a program must not be in
- *     the library with two threads at once. A child of fork() keeps what its parent has mapped and
- *     opens the lock file anew before fork() returns: it, its parent and its siblings keep each
- *     other out, and a listing stays the parent's alone. A child that may not open that file, as
- *     one whose parent gave up its rights before, shares its parent's lock and must not use the
- *     library while its parent does. vfork(), _Fork(), and clone() called directly, do not let the
- *     library see to this: such a child must not use it at all. After exec a program starts afresh.
- *  7. Two lock files. Processes with SIMULATION_VMID set lock /var/tmp/tarvo_lock, all others
+ *  1. Units. Sizes and offsets are bytes. A chunk's size is rounded up to whole pages.
+ *
+ *  2. 32 bits. Records, and the arithmetic on sizes, are 32-bit in every build. A size of 4 GiB and
+ *     more is allocated modulo 4 GiB. Chunks of more than 2 GiB cannot be mapped for devices.
+ *
+ *  3. Two kinds of addresses. A physical address (`pa`, 64-bit) is where memory lies for the
+ *     processor; a DMA address (`dma`, 32-bit) is where a device sees it. Only tarvo_dma_to_pa()
+ *     and tarvo_pa_to_dma() convert. Neither is a pointer: map the chunk.
+ *
+ *  4. The DMA window. Both addresses are equal for a region that lies, and ends, below 4 GiB. Any
+ *     other region is seen from DMA address 0x20000000 on. The DMA addresses of its bytes from
+ *     0xe0000000 on wrap, and converting such an address back ends the process.
+ *
+ *  5. A DMA address of 0 means failure. No chunk has it, save in a region whose addresses wrap.
+ *
+ *  6. Start-up. The first call in a process that needs the region finds it and maps the bookkeeping
+ *     file; for that it takes the lock, whatever the call itself is said to take. Only these calls
+ *     never start the library: tarvo_get_overhead(), tarvo_unmap_all(), tarvo_dump_next(),
+ *     tarvo_dump_next_iommu_device() and tarvo_dump_end().
+ *
+ *  7. A failed start. The reason goes to standard error, followed by "tarvo: failed to initialize
+ *     library"; the call returns its failure value, and the next call tries again. A kernel driver
+ *     that describes an impossible region ends the process ("start && (end > start)"). When the
+ *     bookkeeping file cannot be given its size, descriptor 0 of the program is closed, too.
+ *
+ *  8. Simulation is selected by the environment variable SIMULATION_VMID (its presence, not its
+ *     value), or by the file /var/tmp/tarvo, if it exists.
+ *
+ *  9. No shut-down. Three descriptors, close-on-exec and never 0, 1 or 2, stay open until the
+ *     process ends, and dlclose() does not unload the library.
+ *
+ * 10. Descriptors. A program that closes all of its descriptors after its first call, and then
+ *     opens files of its own, gives them the numbers of the library's three: the next allocation
+ *     zeroes such a file, and locks are taken on another. Call close_range(3, ~0U, 0) and the like
+ *     before the first call of the library, not after it. CLOSE_RANGE_CLOEXEC does no harm.
+ *
+ * 11. The lock. One flock() on a lock file separates processes. Calls marked "takes the lock" wait
+ *     for it without limit. A process that is stopped in the middle of a call, or between
+ *     tarvo_dump_begin() and tarvo_dump_end(), makes all others wait.
+ *
+ * 12. Signals. A wait for the lock that a signal interrupts (a handler without SA_RESTART) fails
+ *     with "tarvo: failed to accquire lock: Interrupted system call" and is not repeated. A lock
+ *     that cannot be released ends the process (SIGABRT).
+ *
+ * 13. Two lock files. Processes with SIMULATION_VMID set lock /var/tmp/tarvo_lock, all others
  *     /var/lock/subsys/tarvo_lock. On a machine where /var/tmp/tarvo selects simulation, processes
- *     with and without the variable share the region and NOT the lock: give it to all or to none.
- *  8. One name, two owners. A chunk belongs to no process: one tarvo_free() frees it for everybody,
- *     mapped or not, and mappings of a freed chunk go on showing memory that may by then be another
- *     chunk's. New memory is zeroed, and its address read, after the lock is released: a process
- *     that allocates a name while another frees it can be ended by that, or zero, and be given, the
- *     memory of a chunk that a third one makes meanwhile; the messages are
- *     "pa >= dma_chunk_head->pa && pa <= dma_chunk_tail->pa", or "tarvo_alloc: mmap failed!" and
- *     "cur->allocated". Agree on who frees.
- *  9. Messages go to standard error and are meant for people; errno after a call means nothing.
- *     ZUL_TRACE=tarvo=5 in the environment, read once, adds trace records there (3: failures, 5:
- *     progress and the failures of tarvo_map(), 6: each address translation).
- * 10. A DMA address of 0 means failure. No chunk has it, save in a region whose addresses wrap.
- * 11. Room. Building the bookkeeping file takes 67 MiB of its file system; without them the start
+ *     with and without the variable share the region and NOT the lock: set it for all or for none.
+ *
+ * 14. What ends the process. Wrong use and damaged records end the process with an assertion
+ *     message on standard error and SIGABRT; each call lists its own. Whatever such a process had
+ *     half changed stays; its lock goes with it.
+ *
+ * 15. Damaged lists end the process in every call that reads them: a link out of range ("idx >= 0
+ *     && idx < MAX"); links that lead in a circle ("visited <= MAX", also where a listing that
+ *     changes meanwhile comes to more elements than a list holds); an element in the wrong state
+ *     ("cur->allocated", "!chunk->allocated", "cur->allocated && new_elem->allocated",
+ *     "_head != -1 && _tail != -1").
+ *
+ * 16. Impossible requests end the process in every call that would send them: for a chunk of more
+ *     than 2 GiB ("end_dma - start_dma == end_pa - start_pa"), and for a chunk whose record lies
+ *     outside the region ("pa >= dma_chunk_head->pa && pa <= dma_chunk_tail->pa").
+ *
+ * 17. Threads. The lock separates processes, not threads: a program must not be in the library with
+ *     two threads at once.
+ *
+ * 18. Children. A child of fork() keeps what its parent has mapped, and opens the lock file anew
+ *     before fork() returns: the child, its parent and its siblings exclude each other, and a
+ *     listing stays the parent's alone. A child that may not open that file, such as one whose
+ *     parent gave up its rights before, shares its parent's lock and must not use the library while
+ *     its parent does. vfork(), _Fork(), and clone() called directly, bypass this: such a child
+ *     must not use the library at all. After exec a program starts afresh.
+ *
+ * 19. One name, many owners. A chunk belongs to no single process: one tarvo_free() frees it for
+ *     everybody, mapped or not. Mappings of a freed chunk go on showing memory that may by then be
+ *     another chunk's. Agree on who frees.
+ *
+ * 20. Freed while allocated. New memory is zeroed, and its address read, after the lock is
+ *     released. A process that allocates a name while another one frees it can be ended by that
+ *     ("pa >= dma_chunk_head->pa && pa <= dma_chunk_tail->pa", or "tarvo_alloc: mmap failed!" and
+ *     "cur->allocated"), or can zero, and be given, the memory of a chunk that a third process
+ *     makes meanwhile.
+ *
+ * 21. Messages go to standard error and are meant for people; errno after a call means nothing.
+ *
+ * 22. Tracing. ZUL_TRACE=tarvo=5 in the environment, read once, adds trace records to standard
+ *     error (3: failures, 5: progress and the failures of tarvo_map(), 6: each address
+ *     translation).
+ *
+ * 23. Room. Building the bookkeeping file takes 67 MiB of its file system; without them the start
  *     fails ("tarvo_init: failed to map shared memory"). The simulated memory takes room for each
  *     chunk that is made; without it tarvo_alloc_func() ends the process ("tarvo_alloc: mmap
- *     failed!" and "cur->allocated") and the chunk is not listed. Before Linux 5.14 it is SIGBUS
- *     without a word in both cases, and the chunk stays listed. A bookkeeping file or simulated
- *     memory that is shortened while processes have it mapped ends each of them by SIGBUS at the
- *     first access to what is gone; the next process to start makes the file as long as before, by
- *     zeros, and the records that were there are lost. /dev/mem cannot be full or shortened. The
- *     lock file is empty and of no fixed length, but must not be removed while it is in use: the
- *     next process would make, and lock, another one. "tarvoctl doctor" looks for room beforehand.
- * 12. Descriptors. The library uses its three descriptors until the process ends. A program that
- *     closes all of its descriptors after its first call and opens files of its own gives these
- *     numbers to them: the next allocation zeroes such a file, and locks are taken on another. Call
- *     close_range(3, ~0U, 0) and the like before the first call of the library, not after it, where
- *     CLOSE_RANGE_CLOEXEC does no harm.
+ *     failed!" and "cur->allocated") and the chunk is not listed. Before Linux 5.14, SIGBUS ends
+ *     the process without a message in both cases, and the chunk stays listed. "tarvoctl doctor"
+ *     checks for room beforehand.
+ *
+ * 24. Shortened and removed files. A bookkeeping file or simulated memory that is shortened while
+ *     processes have it mapped ends each of them by SIGBUS at the first access to what is gone; the
+ *     next process to start makes the file as long as before, by zeros, and the records that it
+ *     held are lost. /dev/mem cannot be full or shortened. The lock file is empty and of no fixed
+ *     length, but must not be removed while it is in use: the next process would make, and lock,
+ *     another one.
  */
 
 #include <stdbool.h>
@@ -149,9 +179,9 @@ TARVO_API uint32_t tarvo_alloc_func(const char* name, size_t size, const char* c
  * @param name  not empty; null faults. "__HEAD" is not found. "__TAIL" is found and ends the
  *              process ("cur->allocated"), after a "CMA" region's driver, and the device with the
  *              first record if it is online, were asked to give it up; where that driver cannot be
- *              told, -1 is all.
+ *              reached, it returns -1 instead.
  * @return 0; -1 when the library cannot start, the lock cannot be taken, no chunk has the name
- *         (nothing is printed), the kernel driver cannot be told to release the memory of a "CMA"
+ *         (nothing is printed), the kernel driver cannot be asked to release the memory of a "CMA"
  *         region ("Error opening /proc/tarvo: ..." or "Error freeing CMA ..."; nothing is changed
  *         then; a driver that refuses goes unnoticed), or unmapping it for a device fails ("Error
  *         IOMMU unmapping chunk ..."; the chunk then stays listed, mapped for no device on
@@ -197,7 +227,7 @@ TARVO_API void* tarvo_map(const char* name, bool writable, size_t offset, size_t
 TARVO_API int tarvo_unmap(const char* name, void* va, size_t size);
 
 /**
- * Tells which chunk a DMA address lies in.
+ * Finds the chunk that a DMA address lies in.
  *
  * @param dma        a DMA address within the region, its end included.
  * @param chunk_dma  receives the DMA address of the chunk's first byte, or 0; not null. Not written
@@ -232,7 +262,7 @@ TARVO_API uint32_t tarvo_pa_to_dma(uint64_t pa);
  * The region as devices see it. Takes no lock.
  *
  * @param start_dma  receives the DMA address of the first byte; not null.
- * @param end_dma    receives the one behind the last byte; not null.
+ * @param end_dma    receives the one after the last byte; not null.
  * @return 0; -1 when the library cannot start, and nothing is written.
  */
 TARVO_API int tarvo_get_limits(uint32_t* start_dma, uint32_t* end_dma);
@@ -309,12 +339,15 @@ TARVO_API int tarvo_dump_end(void);
  * "tarvo: failed to set _IONBF: ...", "tarvo: failed to iommu ..." when it is refused, or "tarvo:
  * fclose failed: ...", then, for a chunk, by "map_unmap_chunk: ...", and by what the call itself
  * adds.
+ *
  * ENOSYS says that there is no IOMMU: success, and nothing is printed. ENODEV and EUNATCH in answer
- * to a request for a chunk say that the device is gone: it goes offline, which is no error of the
- * call, and no chunk made later is mapped for it until it is registered again. The error is looked
- * at after it was reported. Where the report changes errno the request counts as refused: always
- * where standard error cannot be written, and after "failed to open sysfs file" where that is the
- * first that the program writes to a standard error which is open for writing alone.
+ * to a request for a chunk say that the device is gone: it goes offline, which is not an error of
+ * the call, and no chunk made later is mapped for it until it is registered again.
+ *
+ * The error is looked at after it was reported. Where the report changes errno the request counts
+ * as refused: always where standard error cannot be written, and after "failed to open sysfs file"
+ * where that is the first that the program writes to a standard error which is open for writing
+ * alone.
  */
 
 /**
@@ -334,7 +367,7 @@ TARVO_API int tarvo_register_device(uint32_t domain, uint32_t bus, uint32_t devf
 
 /**
  * Unmaps every chunk for a device and forgets it. An offline device is forgotten without a request,
- * and what it leaves behind on record is inherited by the next device that takes its place.
+ * and what it leaves on record is inherited by the next device that takes its place.
  *
  * @return 0; -2 when the device is not registered ("tarvo: Device not registered"); -1 when the
  *         library cannot start, the lock cannot be taken, or a chunk could not be unmapped ("tarvo:
@@ -397,34 +430,35 @@ TARVO_API uint64_t free_size(dma_chunk_t* a, dma_chunk_t* b);
 
 /**
  * Asks the kernel driver for `size` bytes of contiguous memory under that name; a name the driver
- * already holds is good, too. Returns the physical address, or all 64 bits set after a failure, of
- * which standard error is told unless the driver just does not list that name and size.
+ * already holds is good, too. Returns the physical address, or all 64 bits set after a failure.
+ * The failure is reported on standard error, unless the driver just does not list that name and
+ * size.
  */
 TARVO_API uint64_t get_cma_allocation(const char* name, uint32_t size);
 
 /**
  * Gives such memory back. Returns 0 when the command was handed on, though the driver may refuse it
- * unnoticed; -1 when it could not be handed on, which standard error is told.
+ * unnoticed; -1 when it could not be handed on, which is reported on standard error.
  */
 TARVO_API int64_t free_cma_allocation(const char* name, uint32_t size);
 
 /** Records that the chunk is mapped for the device; once is enough. */
 TARVO_API void add_dev_to_chunk(dma_chunk_t* chunk, iommu_dev_t* dev);
 
-/** Strikes off one such record. Returns the one behind it, null if it was the last. */
+/** Removes one such record. Returns the one after it, null if it was the last. */
 TARVO_API iommu_dev_ref* remove_dev_from_chunk(dma_chunk_t* chunk, iommu_dev_ref* ref);
 
 /**
  * Sends one request, `op` "map" or "unmap". Returns 0, or a negative value after a failure that
- * standard error was told; errno is then what the request and its report left, in most cases the
- * kernel driver's answer.
+ * was reported on standard error; errno is then what the request and its report left, in most cases
+ * the kernel driver's answer.
  */
 TARVO_API int map_unmap_chunk(const char* op, dma_chunk_t* chunk, iommu_dev_t* dev);
 
 /** Maps a new chunk for every online device. -1 when one refused: it is then mapped for none. */
 TARVO_API int map_chunk_all_devs(dma_chunk_t* chunk);
 
-/** Unmaps a chunk from its devices and strikes all of them off; -1 when one refused. */
+/** Unmaps a chunk from its devices and removes all of them from its list; -1 when one refused. */
 TARVO_API int unmap_chunk_all_devs(dma_chunk_t* chunk);
 
 /**
@@ -433,7 +467,10 @@ TARVO_API int unmap_chunk_all_devs(dma_chunk_t* chunk);
  */
 TARVO_API int map_chunks_to_dev(iommu_dev_t* dev);
 
-/** Unmaps a device from every chunk, striking off what was accepted; -1 when one was refused. */
+/**
+ * Unmaps a device from every chunk, and removes it from the lists of those where that was accepted;
+ * -1 when one was refused.
+ */
 TARVO_API int unmap_dev_all_chunks(iommu_dev_t* dev);
 
 #ifdef __cplusplus
