@@ -210,7 +210,7 @@ TEST(Ending, IsThatOfTheCommand) {
     }
 }
 
-TEST(Ending, TellsCommandsThatCannotBeExecuted) {
+TEST(Ending, ReportsCommandsThatCannotBeExecuted) {
     EXPECT_EQ(run(tool({"--", "/nowhere/command"})).status, 127);
     EXPECT_EQ(run(tool({"--", "/etc/passwd"})).status, 126);
 }

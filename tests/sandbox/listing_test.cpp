@@ -47,15 +47,15 @@ TEST(Listing, ShowsTheAddressThatARuleHandsOut) {
               region_line + "x\t0\t1000\ny\t123456000\t2001\n");
 }
 
-struct oddity_case {
+struct fault_case {
     const char* name;
     const char* rule;
     std::string shown;
 };
 
-class Oddity : public testing::TestWithParam<oddity_case> {};
+class ListingFault : public testing::TestWithParam<fault_case> {};
 
-TEST_P(Oddity, BendsTheListing) {
+TEST_P(ListingFault, AltersTheListing) {
     EXPECT_EQ(listing({GetParam().rule}, two_chunks), GetParam().shown);
 }
 
@@ -63,26 +63,26 @@ const std::string line_x = "x\t100000000\t1000\n";
 const std::string line_y = "y\t100001000\t2001\n";
 
 INSTANTIATE_TEST_SUITE_P(
-    Rules, Oddity,
+    Rules, ListingFault,
     testing::Values(
-        oddity_case{"missing_field", "listing=missing-field,name=x",
-                    region_line + "x\t100000000\n" + line_y},
-        oddity_case{"missing_field_everywhere", "listing=missing-field",
-                    region_line + "x\t100000000\ny\t100001000\n"},
-        oddity_case{"garbage", "listing=garbage,name=y", region_line + line_x + "garbage\n"},
-        oddity_case{"wrong_size", "listing=wrong-size,name=y",
-                    region_line + line_x + "y\t100001000\t3001\n"},
-        oddity_case{"address_zero", "listing=address-zero,name=x",
-                    region_line + "x\t0\t1000\n" + line_y},
-        oddity_case{"extra_name", "listing=extra-name,name=x",
-                    region_line + "x_extra\t100000000\t1000\n" + line_x + line_y},
-        oddity_case{"extra_size", "listing=extra-size,name=x",
-                    region_line + "x\t100000000\t2000\n" + line_x + line_y},
-        oddity_case{"empty", "listing=empty", ""},
-        oddity_case{"no_first_line", "listing=no-first-line", line_x + line_y},
-        oddity_case{"first_line_only", "listing=first-line-only", region_line},
-        oddity_case{"of_another_name", "listing=garbage,name=z", region_line + line_x + line_y},
-        oddity_case{"not_due", "listing=empty,nth=2", region_line + line_x + line_y}),
+        fault_case{"missing_field", "listing=missing-field,name=x",
+                   region_line + "x\t100000000\n" + line_y},
+        fault_case{"missing_field_everywhere", "listing=missing-field",
+                   region_line + "x\t100000000\ny\t100001000\n"},
+        fault_case{"garbage", "listing=garbage,name=y", region_line + line_x + "garbage\n"},
+        fault_case{"wrong_size", "listing=wrong-size,name=y",
+                   region_line + line_x + "y\t100001000\t3001\n"},
+        fault_case{"address_zero", "listing=address-zero,name=x",
+                   region_line + "x\t0\t1000\n" + line_y},
+        fault_case{"extra_name", "listing=extra-name,name=x",
+                   region_line + "x_extra\t100000000\t1000\n" + line_x + line_y},
+        fault_case{"extra_size", "listing=extra-size,name=x",
+                   region_line + "x\t100000000\t2000\n" + line_x + line_y},
+        fault_case{"empty", "listing=empty", ""},
+        fault_case{"no_first_line", "listing=no-first-line", line_x + line_y},
+        fault_case{"first_line_only", "listing=first-line-only", region_line},
+        fault_case{"of_another_name", "listing=garbage,name=z", region_line + line_x + line_y},
+        fault_case{"not_due", "listing=empty,nth=2", region_line + line_x + line_y}),
     [](const auto& tested) { return std::string{tested.param.name}; });
 
 } // namespace

@@ -45,7 +45,7 @@ TEST(Log, HoldsReadersToo) {
     EXPECT_EQ(events(log), expected);
 }
 
-TEST(Log, TellsReadingAndWritingTogether) {
+TEST(Log, ShowsReadingAndWritingTogether) {
     const temporary_folder folder;
     const auto log = folder.path("log");
     speak({"--world", "low", "--log", log, "--rule", "at=close,errno=EIO"},

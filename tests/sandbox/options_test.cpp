@@ -15,7 +15,7 @@ struct wrong_case {
 
 class Wrong : public testing::TestWithParam<wrong_case> {};
 
-TEST_P(Wrong, IsToldInOneLineThatNamesIt) {
+TEST_P(Wrong, IsReportedInOneLineThatNamesIt) {
     const auto ended = run(tool(GetParam().arguments));
     EXPECT_EQ(ended.status, 125);
     EXPECT_EQ(ended.output, "");
@@ -95,7 +95,7 @@ INSTANTIATE_TEST_SUITE_P(
         wrong_rule("part_empty", "errno=EIO,", "''")),
     [](const auto& tested) { return "rule_" + std::string{tested.param.name}; });
 
-/// A file that is no socket, or no folder, is somebody's: refused, and left as it is.
+/// A file of another kind belongs to somebody: it is refused and stays as it is.
 TEST(Paths, OfTheWrongKindAreRefusedAndLeftAlone) {
     const temporary_folder folder;
     const auto path = folder.path("precious");

@@ -59,7 +59,7 @@ TEST(Driver, RefusesCommandsWhereTheRegionIsNotCma) {
     EXPECT_EQ(answers({}, proc_file, {"a x 1000\n"}), "open ok\nwrite EINVAL\nclose ok\n");
 }
 
-TEST(Driver, RefusesWhatIsNoCmaCommand) {
+TEST(Driver, RefusesInvalidCmaCommands) {
     EXPECT_EQ(
         cma_answers({}, {"b x 1000\n", "a x\n", "a x 1000", "a x g\n", "a  1000\n", "a x 0\n"}),
         "open ok\nwrite EINVAL\nwrite EINVAL\nwrite EINVAL\nwrite EINVAL\nwrite EINVAL\n"

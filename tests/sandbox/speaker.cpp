@@ -18,7 +18,7 @@
 
 namespace {
 
-void tell_log_lines() {
+void print_log_lines() {
     const char* const path = std::getenv("SPEAKER_LOG");
     if (path == nullptr) {
         return;
@@ -35,7 +35,7 @@ int flags_of(std::string_view mode) {
     return mode == "r+" ? O_RDWR : O_RDONLY;
 }
 
-void tell(const char* call, ssize_t result) {
+void report(const char* call, ssize_t result) {
     if (result < 0) {
         std::printf("%s %s\n", call, ::strerrorname_np(errno));
     } else if (std::string_view{call} == "write") {
@@ -43,7 +43,7 @@ void tell(const char* call, ssize_t result) {
     } else {
         std::printf("%s ok\n", call);
     }
-    tell_log_lines();
+    print_log_lines();
 }
 
 void print_all(int file) {
@@ -64,16 +64,16 @@ int main(int argc, char** argv) {
         return 2;
     }
     const int file = ::open(argv[2], flags_of(argv[1]), 0600);
-    tell("open", file);
+    report("open", file);
     if (file < 0) {
         return 0;
     }
     for (int i = 3; i < argc; ++i) {
-        tell("write", ::write(file, argv[i], std::strlen(argv[i])));
+        report("write", ::write(file, argv[i], std::strlen(argv[i])));
     }
     if (argc == 3) {
         print_all(file);
     }
-    tell("close", ::close(file));
+    report("close", ::close(file));
     return 0;
 }

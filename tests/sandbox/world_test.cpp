@@ -17,7 +17,7 @@ struct region_case {
 
 class Region : public testing::TestWithParam<region_case> {};
 
-TEST_P(Region, IsToldByTheFirstLineAndReachedByTheSparseFile) {
+TEST_P(Region, IsDescribedByTheFirstLineAndReachedByTheSparseFile) {
     const auto ended = run_script(GetParam().options,
                                   "cat /proc/tarvo; stat -c %s /dev/mem; echo $SIMULATION_VMID");
     EXPECT_EQ(ended.output, GetParam().line + std::string{GetParam().mem_bytes} + "\n\n");

@@ -9,7 +9,7 @@ enum class exit_status {
     damaged = 4,    ///< the area breaks its own rules
     timed_out = 5,  ///< the cross-process lock was not free in time
 
-    // Of a tool that runs a command and else ends as the command does; env(1) has the same.
+    // Of a tool that runs a command and ends as the command does; env(1) has the same.
     trouble = 125,        ///< the tool itself failed
     not_executable = 126, ///< the command is there but cannot be executed
     not_found = 127,      ///< there is no such command

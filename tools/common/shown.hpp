@@ -6,8 +6,8 @@
 
 bool is_utf8(std::string_view text);
 
-/// A name as a terminal can show it: as \xNN are written the bytes of what has no form of its own,
-/// such as controls and what turns the direction of writing, bytes that are not UTF-8, and
+/// A name as a terminal can show it: written as \xNN are the bytes of characters without a
+/// visible form, such as controls and marks of writing direction, bytes that are not UTF-8, and
 /// backslashes. Not to be applied twice.
 std::string shown(std::string_view text);
 

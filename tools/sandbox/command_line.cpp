@@ -118,7 +118,7 @@ class command_line {
                  "keep the state in DIR/tmp, DIR/shmem, DIR/subsys and DIR/mem");
         _run->option_defaults()->group("What the driver does");
         add_repeatable(*_run, "--rule", "RULE", _rules,
-                       "a scripted refusal or oddity; may be repeated");
+                       "a scripted refusal or fault; may be repeated");
         add_path(*_run, "--log", "FILE", _log_path,
                  "append every open, write and close of the driver's files as a JSON line");
         add_path(*_run, "--control", "PATH", _control_path, "a Unix socket for join and rule");
@@ -161,8 +161,8 @@ class command_line {
 
     bool given(const std::string& option) const { return _run->count(option) > 0; }
 
-    /// In simulation the library has a region of its own and looks at no other. Who names the
-    /// simulation along with a region may want to see just that.
+    /// In simulation the library has a region of its own and looks at no other. A region beside
+    /// --world simulation is allowed: a test may show just that.
     void check_region_is_used() const {
         const bool has_region = given("--region") || given("--region-line");
         if (has_region && !given("--world")) {
@@ -171,7 +171,7 @@ class command_line {
         }
     }
 
-    world played() const {
+    world chosen() const {
         world made = named_world(_world_name);
         if (given("--region")) {
             set_region(made, parse_region(_region_text));
@@ -188,7 +188,7 @@ class command_line {
     }
 
     std::function<void()> running() const {
-        return [wanted = run_options{played(), parse_rules(_rules), _log_path, _control_path,
+        return [wanted = run_options{chosen(), parse_rules(_rules), _log_path, _control_path,
                                      command()}] { run(wanted); };
     }
 

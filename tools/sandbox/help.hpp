@@ -5,7 +5,7 @@
 
 namespace sandbox {
 
-/// What the help of a command says besides its options, which the parser lists.
+/// The help of a command besides its options, which the parser lists.
 struct help_page {
     const char* purpose;
     const char* usage;

@@ -77,13 +77,13 @@ void report(const nlohmann::json& answer, bool list) {
 } // namespace
 
 void run(const run_options& wanted) {
-    server_plan plan{wanted.played,
+    server_plan plan{wanted.chosen,
                      wanted.rules,
                      open_log(wanted.log_path),
                      open_control(wanted.control_path),
                      {}};
     unique_fd connection = start_server(plan);
-    const command_end end = supervise(std::move(connection), &wanted.played, wanted.command);
+    const command_end end = supervise(std::move(connection), &wanted.chosen, wanted.command);
     if (end.sandbox_died) {
         plan.control.remove();
     }

@@ -9,7 +9,7 @@
 namespace sandbox {
 
 struct run_options {
-    world played;
+    world chosen;
     std::vector<rule> rules;
     std::string log_path;
     std::string control_path;

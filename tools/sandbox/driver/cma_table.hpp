@@ -19,8 +19,8 @@ class cma_table {
     /// last_pa is the region's last byte, as the region line gives it.
     cma_table(uint64_t first_pa, uint64_t last_pa) : _first_pa{first_pa}, _last_pa{last_pa} {}
 
-    /// 0 or an errno. A name that is held already answers EEXIST whatever its size. An address that
-    /// is handed in is taken as it is, also outside the region or on top of another allocation.
+    /// 0 or an errno. A name that is held already answers EEXIST whatever its size. An address
+    /// that a rule gives is used as it is, also outside the region or over another allocation.
     int allocate(const std::string& name, uint64_t size_bytes, std::optional<uint64_t> address);
 
     /// 0 or ENOENT. The name alone decides; the size is not compared.

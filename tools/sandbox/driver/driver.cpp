@@ -61,7 +61,7 @@ int driver::carry_out(driver_file file, const request* asked, const rule* answer
     if (asked == nullptr) {
         return EINVAL;
     }
-    // Whether a range is mapped already is the IOMMU's business and not judged here.
+    // Whether a range is mapped already is for the IOMMU to check, not for its driver.
     if (file == driver_file::sysfs) {
         return 0;
     }
@@ -79,7 +79,7 @@ driver::write_result driver::write(driver_handle& handle, pid_t pid, std::string
     if (cut != nullptr) {
         result.accepted_bytes = std::min(bytes.size(), cut->bytes);
     }
-    // A command that was cut has not arrived; the caller is told of the bytes that have.
+    // A command that was cut is not carried out; the caller sees how many bytes were accepted.
     const bool cut_off = result.accepted_bytes < bytes.size();
     if (result.error == 0 && !cut_off) {
         result.error = carry_out(handle.file, asked, answering);

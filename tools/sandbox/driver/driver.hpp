@@ -23,11 +23,11 @@ struct driver_handle {
     std::optional<request> last_request;
 };
 
-/// The kernel driver's double: judges every open, write and close, keeps the CMA allocations, and
+/// The kernel driver's double: answers every open, write and close, keeps the CMA allocations, and
 /// logs. Knows nothing of file systems; pid is the calling process.
 class driver {
   public:
-    /// The line is what /proc/tarvo begins with, whatever region there is.
+    /// The line is the first one of /proc/tarvo, whether it describes the region or not.
     driver(const std::optional<region>& served, std::string region_line, event_log log);
 
     /// 0 or the errno of the open.

@@ -29,35 +29,35 @@ std::string line_of_extra_name(cma_allocation allocation) {
     return line(allocation);
 }
 
-std::string bent_line(const cma_allocation& allocation, listing_oddity oddity) {
-    switch (oddity) {
-    case listing_oddity::missing_field:
+std::string altered_line(const cma_allocation& allocation, listing_fault fault) {
+    switch (fault) {
+    case listing_fault::missing_field:
         return allocation.name + "\t" + to_hex(allocation.first_pa) + "\n";
-    case listing_oddity::garbage:
+    case listing_fault::garbage:
         return "garbage\n";
-    case listing_oddity::wrong_size:
+    case listing_fault::wrong_size:
         return line_of_wrong_size(allocation);
-    case listing_oddity::address_zero:
+    case listing_fault::address_zero:
         return line_at_address_zero(allocation);
-    case listing_oddity::extra_name:
+    case listing_fault::extra_name:
         return line_of_extra_name(allocation) + line(allocation);
-    case listing_oddity::extra_size:
+    case listing_fault::extra_size:
         return line_of_wrong_size(allocation) + line(allocation);
-    case listing_oddity::empty:
-    case listing_oddity::no_first_line:
-    case listing_oddity::first_line_only:
+    case listing_fault::empty:
+    case listing_fault::no_first_line:
+    case listing_fault::first_line_only:
         break;
     }
     return line(allocation);
 }
 
-std::string allocation_lines(const std::vector<cma_allocation>& allocations, const rule* bending,
-                             const bent_listing* bent) {
+std::string allocation_lines(const std::vector<cma_allocation>& allocations, const rule* altering,
+                             const altered_listing* altered) {
     std::string lines;
     for (const auto& allocation : allocations) {
         const bool picked =
-            bent != nullptr && (!bending->name || *bending->name == allocation.name);
-        lines += picked ? bent_line(allocation, bent->oddity) : line(allocation);
+            altered != nullptr && (!altering->name || *altering->name == allocation.name);
+        lines += picked ? altered_line(allocation, altered->fault) : line(allocation);
     }
     return lines;
 }
@@ -65,19 +65,19 @@ std::string allocation_lines(const std::vector<cma_allocation>& allocations, con
 } // namespace
 
 std::string make_listing(const std::string& region_line,
-                         const std::vector<cma_allocation>& allocations, const rule* bending) {
-    const auto* const bent =
-        bending == nullptr ? nullptr : std::get_if<bent_listing>(&bending->answer);
-    std::string lines = allocation_lines(allocations, bending, bent);
-    if (bent == nullptr) {
+                         const std::vector<cma_allocation>& allocations, const rule* altering) {
+    const auto* const altered =
+        altering == nullptr ? nullptr : std::get_if<altered_listing>(&altering->answer);
+    std::string lines = allocation_lines(allocations, altering, altered);
+    if (altered == nullptr) {
         return region_line + lines;
     }
-    switch (bent->oddity) {
-    case listing_oddity::empty:
+    switch (altered->fault) {
+    case listing_fault::empty:
         return {};
-    case listing_oddity::no_first_line:
+    case listing_fault::no_first_line:
         return lines;
-    case listing_oddity::first_line_only:
+    case listing_fault::first_line_only:
         return region_line;
     default:
         return region_line + lines;

@@ -8,9 +8,9 @@
 
 namespace sandbox {
 
-/// What a read of /proc/tarvo gives: the region line, then one line per allocation; bent as the
+/// What a read of /proc/tarvo gives: the region line, then one line per allocation; altered as the
 /// rule, which may be null, says.
 std::string make_listing(const std::string& region_line,
-                         const std::vector<cma_allocation>& allocations, const rule* bending);
+                         const std::vector<cma_allocation>& allocations, const rule* altering);
 
 } // namespace sandbox

@@ -36,7 +36,7 @@ bool range_matches(const rule& wanted, const request& asked) {
 /// The keys that look into the written line.
 bool request_matches(const rule& wanted, const event& seen) {
     const bool name_counts =
-        wanted.name.has_value() && !std::holds_alternative<bent_listing>(wanted.answer);
+        wanted.name.has_value() && !std::holds_alternative<altered_listing>(wanted.answer);
     if (!wanted.device && !wanted.range_pa && !name_counts) {
         return true;
     }

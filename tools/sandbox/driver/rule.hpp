@@ -27,7 +27,7 @@ struct event {
 
 enum class rule_operation { any, map, unmap, allocate, release, open_read, open_write };
 
-enum class listing_oddity {
+enum class listing_fault {
     missing_field,
     garbage,
     wrong_size,
@@ -46,16 +46,16 @@ struct refusal {
 struct handed_out_address {
     uint64_t pa = 0;
 };
-struct bent_listing {
-    listing_oddity oddity = listing_oddity::empty;
+struct altered_listing {
+    listing_fault fault = listing_fault::empty;
 };
 struct short_write {
     size_t bytes = 0;
 };
-using rule_answer = std::variant<refusal, handed_out_address, bent_listing, short_write>;
+using rule_answer = std::variant<refusal, handed_out_address, altered_listing, short_write>;
 
-/// One scripted refusal or oddity. With a bent_listing, name picks the line to bend; otherwise it
-/// picks the CMA commands.
+/// One scripted refusal or fault. With an altered_listing, name selects the
+/// line to alter; otherwise it selects the CMA commands.
 struct rule {
     std::string text;
     rule_operation op = rule_operation::any;

@@ -14,7 +14,7 @@ class rule_book {
     void add(rule added) { _entries.push_back({std::move(added), 0}); }
     void clear() { _entries.clear(); }
 
-    /// Counts the event with every rule that it matches, also behind the one that answers, so that
+    /// Counts the event with every rule that it matches, also after the one that answers, so that
     /// "the third map" means the third of all. Returns the first that is due, or null.
     const rule* answer_to(const event& seen);
 

@@ -36,16 +36,16 @@ constexpr name_table<moment, 3> moment_names{{
     {"close", moment::close},
 }};
 
-constexpr name_table<listing_oddity, 9> oddity_names{{
-    {"missing-field", listing_oddity::missing_field},
-    {"garbage", listing_oddity::garbage},
-    {"wrong-size", listing_oddity::wrong_size},
-    {"address-zero", listing_oddity::address_zero},
-    {"empty", listing_oddity::empty},
-    {"no-first-line", listing_oddity::no_first_line},
-    {"first-line-only", listing_oddity::first_line_only},
-    {"extra-name", listing_oddity::extra_name},
-    {"extra-size", listing_oddity::extra_size},
+constexpr name_table<listing_fault, 9> fault_names{{
+    {"missing-field", listing_fault::missing_field},
+    {"garbage", listing_fault::garbage},
+    {"wrong-size", listing_fault::wrong_size},
+    {"address-zero", listing_fault::address_zero},
+    {"empty", listing_fault::empty},
+    {"no-first-line", listing_fault::no_first_line},
+    {"first-line-only", listing_fault::first_line_only},
+    {"extra-name", listing_fault::extra_name},
+    {"extra-size", listing_fault::extra_size},
 }};
 
 /// Reads the text of one rule key by key, then checks what the keys say together.
@@ -57,9 +57,9 @@ class parser {
         for (const auto part : split(_made.text, ',')) {
             parse_key(part);
         }
-        settle_answer();
-        settle_moment();
-        settle_file();
+        resolve_answer();
+        resolve_moment();
+        resolve_file();
         check_request_keys();
         return _made;
     }
@@ -190,7 +190,7 @@ class parser {
     }
 
     void read_listing(std::string_view value) {
-        _made.answer = bent_listing{look_up(oddity_names, value)};
+        _made.answer = altered_listing{look_up(fault_names, value)};
     }
 
     void read_short(std::string_view value) {
@@ -202,10 +202,10 @@ class parser {
     }
 
     /// Exactly one key says what to do, and some of them say to what.
-    void settle_answer() {
+    void resolve_answer() {
         const auto answers = given("errno") + given("address") + given("listing") + given("short");
         if (answers == 0) {
-            refuse("nothing to answer; add errno=, address=, listing= or short=");
+            refuse("no answer; add errno=, address=, listing= or short=");
         }
         if (answers > 1) {
             refuse("errno, address, listing and short exclude each other; write two rules");
@@ -229,7 +229,7 @@ class parser {
         return _made.op == rule_operation::open_read || _made.op == rule_operation::open_write;
     }
 
-    void settle_moment() {
+    void resolve_moment() {
         if (is_open_op()) {
             if (given("at") && _made.at != moment::open) {
                 refuse("op=open-read and op=open-write go with at=open only");
@@ -242,7 +242,7 @@ class parser {
         const auto* const refused = std::get_if<refusal>(&_made.answer);
         // FUSE takes ENOSYS there for "never ask again": later opens and closes would go unseen.
         if (_made.at != moment::write && refused != nullptr && refused->error == ENOSYS) {
-            refuse("errno=ENOSYS goes with at=write only, the kernel keeps other ones to itself");
+            refuse("errno=ENOSYS goes with at=write only: at an open or close the kernel hides it");
         }
     }
 
@@ -254,7 +254,7 @@ class parser {
         _made.file = file;
     }
 
-    void settle_file() {
+    void resolve_file() {
         if (_made.op == rule_operation::map || _made.op == rule_operation::unmap) {
             imply_file("op=map or op=unmap", driver_file::sysfs);
         }

@@ -209,7 +209,7 @@ struct file_system::state {
         }
         info->fh = self.files.add(std::move(handle));
         info->direct_io = 1;
-        // The caller was killed meanwhile: it never had the file, so no release will come.
+        // The caller was killed in between: it never had the file, so no release will follow.
         if (fuse_reply_open(asked, info) == -ENOENT) {
             self.files.remove(info);
         }
@@ -350,7 +350,7 @@ file_system::file_system(driver& answering, proc_view& real, const sysfs_view& r
     fuse_args args = FUSE_ARGS_INIT(1, &arguments[0]);
     _session.reset(fuse_session_new(&args, &operations, sizeof operations, _state.get()));
     if (!_session) {
-        throw trouble{"libfuse cannot be started"};
+        throw trouble{"cannot start libfuse"};
     }
 }
 
@@ -366,14 +366,14 @@ void file_system::mount() {
     if (::mount("tarvo-sandbox", "/proc", "fuse", MS_NOSUID | MS_NODEV, options.c_str()) != 0) {
         throw failed_call("cannot mount a FUSE file system over /proc");
     }
-    // A mount that is there already is handed over by its descriptor; the session then owns it.
+    // The mount exists already: the session takes over its descriptor and then owns it.
     if (fuse_session_mount(_session.get(), ("/dev/fd/" + number).c_str()) != 0) {
-        throw trouble{"libfuse does not take the mount over /proc"};
+        throw trouble{"libfuse refuses the mount over /proc"};
     }
     static_cast<void>(device.release());
 }
 
-void file_system::answer_one() {
+void file_system::answer_request() {
     const int length = fuse_session_receive_buf(_session.get(), &_buffer);
     // Nothing there after all, or the caller was killed in between.
     if (length <= 0) {

@@ -32,9 +32,9 @@ class file_system {
     /// Mounts over /proc. Throws trouble.
     void mount();
 
-    /// To be polled for reading; then answer_one() answers one request.
+    /// To be polled for reading; then answer_request() answers one request.
     int fd() const { return fuse_session_fd(_session.get()); }
-    void answer_one();
+    void answer_request();
 
   private:
     struct session_end {

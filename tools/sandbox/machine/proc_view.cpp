@@ -111,7 +111,7 @@ void proc_view::kill_all_in(const std::string& mount_namespace) const {
     }
 }
 
-void proc_view::kill_stragglers() const {
+void proc_view::kill_remaining() const {
     if (const auto own = read_link("self/ns/mnt")) {
         kill_all_in(*own);
     }

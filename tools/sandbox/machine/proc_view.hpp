@@ -35,7 +35,7 @@ class proc_view {
     pid_t process_of_thread(pid_t thread) const;
 
     /// Kills whatever else still runs in the caller's mount namespace.
-    void kill_stragglers() const;
+    void kill_remaining() const;
 
     /// Kills all processes of a mount namespace but the caller. It is named as in /proc/PID/ns/mnt.
     void kill_all_in(const std::string& mount_namespace) const;

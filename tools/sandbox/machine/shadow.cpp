@@ -18,7 +18,7 @@ constexpr const char* hidden_name = ".host";
 
 void bind(const std::string& source, const std::string& target, unsigned long flags) {
     if (::mount(source.c_str(), target.c_str(), nullptr, MS_BIND | flags, nullptr) != 0) {
-        throw failed_call("cannot show " + source + " as " + target);
+        throw failed_call("cannot bind " + source + " to " + target);
     }
 }
 
@@ -26,7 +26,7 @@ unique_fd clone_folder(const std::string& path) {
     unique_fd original{
         ::open_tree(AT_FDCWD, path.c_str(), OPEN_TREE_CLONE | OPEN_TREE_CLOEXEC | AT_RECURSIVE)};
     if (!original) {
-        throw failed_call("cannot take " + path + " along");
+        throw failed_call("cannot clone the mount of " + path);
     }
     return original;
 }
@@ -34,7 +34,7 @@ unique_fd clone_folder(const std::string& path) {
 void move_into_hidden_folder(const unique_fd& original, const std::string& path) {
     const std::string hidden = path + "/" + hidden_name;
     if (::move_mount(original.get(), "", AT_FDCWD, hidden.c_str(), MOVE_MOUNT_F_EMPTY_PATH) != 0) {
-        throw failed_call("cannot show the original of " + path);
+        throw failed_call("cannot mount the original of " + path);
     }
 }
 
@@ -50,7 +50,7 @@ void copy_link(const std::string& source, const std::string& target) {
     }
 }
 
-/// An entry that vanished meanwhile is not missed.
+/// An entry that vanished since it was listed is left out.
 void show_entry(const std::string& path, const std::string& name) {
     const std::string source = path + "/" + hidden_name + "/" + name;
     const std::string target = path + "/" + name;

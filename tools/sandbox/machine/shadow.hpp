@@ -5,7 +5,7 @@
 
 namespace sandbox {
 
-/// Covers a folder with a tmpfs that shows the same entries, save those left out, so that entries
+/// Covers a folder with a tmpfs that shows the same entries, except those left out, so that entries
 /// can be added without touching the machine. Folders are bound, links copied; anything else, a
 /// device for instance, becomes a link into a hidden folder with the original: a bound /dev/ptmx
 /// would not find its pts. Throws trouble.

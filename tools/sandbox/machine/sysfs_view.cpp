@@ -17,7 +17,7 @@ sysfs_view::sysfs_view() {
     for (const auto& found : all) {
         const std::string name = found.path().filename();
         const auto kind = found.symlink_status(error).type();
-        if (name == sysfs_file_name || error) { // one that vanished meanwhile is not missed
+        if (name == sysfs_file_name || error) { // vanished since it was listed
             continue;
         }
         const bool is_link = kind == std::filesystem::file_type::symlink;

@@ -34,7 +34,7 @@ class sysfs_view {
     struct entry {
         std::string name;
         bool is_folder;
-        std::string target; // of what is no folder
+        std::string target; // of a link; empty for a folder
     };
 
     const entry& entry_of(uint64_t number) const { return _entries.at(number - first_number); }

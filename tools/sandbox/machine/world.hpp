@@ -11,7 +11,7 @@ namespace sandbox {
 /// What --without can leave out.
 enum class item { proc, sysfs, mem, shmem, lockdir };
 
-/// What the command finds: the machine that the sandbox plays.
+/// What the command finds: the simulated machine.
 struct world {
     bool simulation = false;
     /// None: no /proc/tarvo and no /dev/mem.

@@ -57,7 +57,7 @@ class kept_state {
 void show_real_proc(const unique_fd& real_proc) {
     const std::string hidden = "/proc/" + std::string{proc_view::hidden_folder};
     if (::move_mount(real_proc.get(), "", AT_FDCWD, hidden.c_str(), MOVE_MOUNT_F_EMPTY_PATH) != 0) {
-        throw failed_call("cannot show the real /proc");
+        throw failed_call("cannot mount the real /proc");
     }
 }
 
@@ -76,50 +76,50 @@ void make_mem_file(const std::string& path, uint64_t last_pa) {
     const unique_fd file{::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600)};
     struct stat found {};
     if (!file || ::fstat(file.get(), &found) != 0) {
-        throw failed_call("cannot make the file behind /dev/mem");
+        throw failed_call("cannot make the file for /dev/mem");
     }
     const auto length = static_cast<off_t>(last_pa + 1);
     if (found.st_size < length && ::ftruncate(file.get(), length) != 0) {
-        throw failed_call("--region: no sparse file behind /dev/mem reaches to its end; choose a "
+        throw failed_call("--region: no sparse file for /dev/mem reaches to its end; choose a "
                           "lower END or leave out --state");
     }
 }
 
-void build_dev(const world& played, const kept_state& state) {
+void build_dev(const world& chosen, const kept_state& state) {
     shadow_folder("/dev", {std::string{mem_file_name}});
-    if (!played.has_mem_file()) {
+    if (!chosen.has_mem_file()) {
         return;
     }
     if (!state) {
-        make_mem_file(paths::physical_memory, played.region->last_pa);
+        make_mem_file(paths::physical_memory, chosen.region->last_pa);
         return;
     }
-    make_mem_file(state.path("mem"), played.region->last_pa);
+    make_mem_file(state.path("mem"), chosen.region->last_pa);
     bind_file(state.path("mem"), paths::physical_memory);
 }
 
 /// /var/lock is a link on many machines; here it is a folder, so that what it leads to stays as it
 /// is.
-void build_var(const world& played, const kept_state& state) {
+void build_var(const world& chosen, const kept_state& state) {
     shadow_folder("/var", {"tmp", "shmem", "lock"});
     make_state_folder(state, "tmp", "/var/tmp", public_folder_mode);
-    if (played.has(item::shmem)) {
+    if (chosen.has(item::shmem)) {
         make_state_folder(state, "shmem", "/var/shmem", private_folder_mode);
     }
     make_folder("/var/lock", public_folder_mode);
-    if (played.has(item::lockdir)) {
+    if (chosen.has(item::lockdir)) {
         make_state_folder(state, "subsys", "/var/lock/subsys", private_folder_mode);
     }
 }
 
 } // namespace
 
-void build_world(const world& played, const unique_fd& real_proc) {
+void build_world(const world& chosen, const unique_fd& real_proc) {
     show_real_proc(real_proc);
-    const kept_state state{played.state_dir};
-    build_dev(played, state);
+    const kept_state state{chosen.state_dir};
+    build_dev(chosen, state);
     substitute_folder(sysfs_view::path, "/proc/" + std::string{sysfs_view::folder_in_proc});
-    build_var(played, state);
+    build_var(chosen, state);
 }
 
 } // namespace sandbox

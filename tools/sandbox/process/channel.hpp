@@ -8,8 +8,8 @@
 
 namespace sandbox {
 
-/// What the tool's processes say to each other: one JSON object per packet of a Unix socket, with
-/// file descriptors beside it.
+/// A message between the tool's processes: one JSON object per packet of a Unix socket, with file
+/// descriptors attached.
 struct message {
     nlohmann::json body;
     std::vector<unique_fd> fds;
@@ -18,7 +18,7 @@ struct message {
 /// False when the other side is gone.
 bool send_message(int socket, const nlohmann::json& body, const std::vector<int>& fds = {});
 
-/// None when the other side is gone or does not speak this language.
+/// None when the other side is gone or sends anything else.
 std::optional<message> receive_message(int socket);
 
 } // namespace sandbox

@@ -26,7 +26,7 @@ class socket_place {
         const std::string through = "/proc/self/fd/" + std::to_string(_folder.get()) + "/" + _name;
         if (_name.empty() || through.size() >= sizeof _address.sun_path) {
             throw trouble{"--control " + path.string() +
-                          ": its last part is no name for a socket; give a shorter file name"};
+                          ": its last part cannot name a socket; give a shorter file name"};
         }
         _address.sun_family = AF_UNIX;
         std::memcpy(&_address.sun_path[0], through.c_str(), through.size() + 1);

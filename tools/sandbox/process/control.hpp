@@ -13,7 +13,7 @@ class control_socket {
     /// None: nobody can connect.
     control_socket() = default;
 
-    /// A socket file that nobody answers any more is replaced. Throws trouble.
+    /// A socket file without a listener is replaced. Throws trouble.
     explicit control_socket(const std::string& path);
 
     int fd() const { return _listener.get(); }

@@ -28,13 +28,13 @@ class current_folder {
     }
 
     /// By its path, so that the command can name it; a folder that the sandbox hides stays the
-    /// current one none the less.
-    void go_back() const {
+    /// current one anyway.
+    void restore() const {
         if (::chdir(_path.c_str()) == 0 && is_here()) {
             return;
         }
         if (::fchdir(_folder.get()) != 0) {
-            throw failed_call("cannot go back to the current folder");
+            throw failed_call("cannot return to the current folder");
         }
     }
 
@@ -50,10 +50,10 @@ class current_folder {
     std::filesystem::path _path;
 };
 
-message ask_for_admission(int socket) {
+message request_admission(int socket) {
     const unique_fd self = own_process_fd();
     if (!self) {
-        throw failed_call("cannot name this process to the sandbox");
+        throw failed_call("cannot open a descriptor of this process");
     }
     // Not sent because the other side is gone: then its last words are there to read.
     send_message(socket, {{"request", "member"}}, {self.get()});
@@ -71,7 +71,7 @@ void enter(const namespaces& sandbox, int entered) {
     const std::string name = sandbox.mount_name();
     sandbox.enter();
     if (::write(entered, name.data(), name.size()) < 0) {
-        throw failed_call("cannot tell the tool that its command is in the sandbox");
+        throw failed_call("cannot report that the command is in the sandbox");
     }
 }
 
@@ -108,14 +108,14 @@ void end_with(pid_t parent) {
 void become_member(const member_origin& origin, const world* built,
                    const std::vector<std::string>& command) {
     const current_folder folder;
-    message admission = ask_for_admission(origin.socket);
+    message admission = request_admission(origin.socket);
     enter(namespaces::from_message(admission), origin.entered);
     if (built != nullptr) {
         build_world(*built, admission.fds.back());
         send_message(origin.socket, {{"request", "built"}});
     }
     set_environment(admission.body.value("simulation", false));
-    folder.go_back();
+    folder.restore();
     end_with(origin.parent);
     execute(command);
 }

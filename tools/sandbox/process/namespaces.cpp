@@ -22,7 +22,7 @@ void write_proc_file(const std::string& path, const std::string& text) {
     }
 }
 
-/// The caller sees itself as root and is nobody else: the only mapping that needs no privilege.
+/// The caller sees itself as root and nobody else: the only mapping that needs no privilege.
 void map_caller_to_root(uid_t uid, gid_t gid) {
     write_proc_file("/proc/self/setgroups", "deny");
     write_proc_file("/proc/self/uid_map", "0 " + std::to_string(uid) + " 1");
@@ -69,7 +69,7 @@ namespaces namespaces::create() {
     // Without this the mounts would appear outside as well.
     if (::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
         if (errno == EINVAL) {
-            throw trouble{"cannot make the mounts private: / is no mount point, as in a plain "
+            throw trouble{"cannot make the mounts private: / is not a mount point, as in a plain "
                           "chroot; 'mount --bind DIR DIR' before chroot makes DIR one"};
         }
         throw failed_call("cannot make the mounts private");
@@ -82,7 +82,7 @@ namespaces namespaces::from_message(message& received) {
     namespaces given;
     const size_t count = received.body.value("user", false) ? 2 : 1;
     if (received.fds.size() < count) {
-        throw trouble{"the sandbox handed over no namespaces"};
+        throw trouble{"the sandbox sent no namespaces"};
     }
     given._mount = std::move(received.fds[0]);
     if (count == 2) {
@@ -105,7 +105,7 @@ void namespaces::enter() const {
 std::string namespaces::mount_name() const {
     struct stat file {};
     if (::fstat(_mount.get(), &file) != 0) {
-        throw failed_call("cannot name the sandbox's mounts");
+        throw failed_call("cannot identify the sandbox's mount namespace");
     }
     return "mnt:[" + std::to_string(file.st_ino) + "]";
 }

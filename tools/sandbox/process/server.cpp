@@ -17,12 +17,12 @@ namespace sandbox {
 
 namespace {
 
-/// The real /proc with all that is mounted in it, taken along before it is covered.
+/// The real /proc with all that is mounted in it, cloned before it is covered.
 unique_fd clone_proc() {
     unique_fd tree{
         ::open_tree(AT_FDCWD, "/proc", OPEN_TREE_CLONE | OPEN_TREE_CLOEXEC | AT_RECURSIVE)};
     if (!tree) {
-        throw failed_call("cannot take the real /proc along");
+        throw failed_call("cannot clone the mount of /proc");
     }
     return tree;
 }
@@ -30,11 +30,10 @@ unique_fd clone_proc() {
 } // namespace
 
 server::server(server_plan& plan)
-    : _played{plan.played}, _driver{_played.region, _played.region_line,
-                                    event_log{std::move(plan.log)}},
+    : _world{plan.chosen}, _driver{_world.region, _world.region_line,
+                                   event_log{std::move(plan.log)}},
       _control{plan.control}, _namespaces{namespaces::create()},
-      _files{
-          _driver, _real_proc, _real_sysfs, {_played.has_proc_file(), _played.has(item::sysfs)}} {
+      _files{_driver, _real_proc, _real_sysfs, {_world.has_proc_file(), _world.has(item::sysfs)}} {
     for (auto& added : plan.rules) {
         _driver.rules().add(std::move(added));
     }
@@ -46,38 +45,38 @@ server::server(server_plan& plan)
 namespace {
 
 /// The tool takes the end of a connection without this for the end of a server that was killed.
-void say_done(const unique_fd& socket) {
+void send_done(const unique_fd& socket) {
     send_message(socket.get(), {{"done", true}});
 }
 
 } // namespace
 
-bool server::goes_on() const {
+bool server::is_in_use() const {
     return std::any_of(_connections.begin(), _connections.end(),
                        [](const connection& one) { return one.keeps_alive; });
 }
 
 void server::run() {
-    while (goes_on()) {
+    while (is_in_use()) {
         wait_and_answer();
-        forget_the_ended();
+        remove_ended();
     }
-    _real_proc.kill_stragglers();
+    _real_proc.kill_remaining();
     _control.remove();
     for (const auto& one : _connections) {
-        say_done(one.socket);
+        send_done(one.socket);
     }
 }
 
-/// The tool behind a connection takes its end for "all is gone", so the last ones stay until it is.
-void server::forget_the_ended() {
-    if (!goes_on()) {
+/// A tool takes the end of its connection for "all is gone", so the last ones stay until it is.
+void server::remove_ended() {
+    if (!is_in_use()) {
         return;
     }
     _connections.remove_if([](const connection& one) {
-        const bool ended = !one.keeps_alive && (one.command_ended || one.hung_up);
+        const bool ended = !one.keeps_alive && (one.command_ended || one.closed);
         if (ended) {
-            say_done(one.socket);
+            send_done(one.socket);
         }
         return ended;
     });
@@ -87,45 +86,45 @@ void server::wait_and_answer() {
     std::vector<pollfd> watched{{_files.fd(), POLLIN, 0},
                                 {_accepts ? _control.fd() : -1, POLLIN, 0}};
     for (const auto& one : _connections) {
-        watched.push_back({one.hung_up ? -1 : one.socket.get(), POLLIN, 0});
+        watched.push_back({one.closed ? -1 : one.socket.get(), POLLIN, 0});
         watched.push_back({one.command.get(), POLLIN, 0});
     }
     if (::poll(watched.data(), watched.size(), -1) < 0) {
         return;
     }
     if (watched[0].revents != 0) {
-        _files.answer_one();
+        _files.answer_request();
     }
     auto happened = watched.begin() + 2;
     for (auto& one : _connections) {
         if ((happened++)->revents != 0) {
-            hear(one);
+            receive_from(one);
         }
         if ((happened++)->revents != 0) {
             end_command(one);
         }
     }
     if (watched[1].revents != 0) {
-        accept_one();
+        accept_connection();
     }
 }
 
-void server::accept_one() {
+void server::accept_connection() {
     unique_fd accepted{::accept4(_control.fd(), nullptr, nullptr, SOCK_CLOEXEC)};
     if (accepted) {
         _connections.push_back({std::move(accepted), {}, false, false, false});
     }
 }
 
-void server::hear(connection& from) {
+void server::receive_from(connection& from) {
     auto received = receive_message(from.socket.get());
     if (received) {
         answer(from, *received);
         return;
     }
-    // The tool is gone. Its command must not outlive it, whatever became of the death signal that
-    // it asked for: a command that changes its user loses that.
-    from.hung_up = true;
+    // The tool is gone. Its command must not outlive it, with or without the death signal that it
+    // asked for: a command that changes its user loses that.
+    from.closed = true;
     if (from.command) {
         kill_process(from.command);
     } else {
@@ -142,7 +141,7 @@ void server::end_command(connection& of) {
 void server::answer(connection& from, message& received) {
     const auto asked = received.body.value("request", "");
     if (asked == "member") {
-        welcome(from, received);
+        admit(from, received);
     } else if (asked == "built") {
         _accepts = true;
     } else if (asked == "rules") {
@@ -153,7 +152,7 @@ void server::answer(connection& from, message& received) {
 }
 
 /// The command's process asks to come in and brings a descriptor of itself.
-void server::welcome(connection& from, message& received) {
+void server::admit(connection& from, message& received) {
     if (received.fds.empty()) {
         return;
     }
@@ -164,7 +163,7 @@ void server::welcome(connection& from, message& received) {
         fds.push_back(_real_proc_mount.get());
     }
     send_message(from.socket.get(),
-                 {{"simulation", _played.simulation}, {"user", _namespaces.has_user()}}, fds);
+                 {{"simulation", _world.simulation}, {"user", _namespaces.has_user()}}, fds);
     _real_proc_mount.reset();
 }
 
@@ -218,7 +217,7 @@ std::vector<int> descriptors_of(const server_plan& plan) {
 }
 
 /// Closing with something unread would lose the message on its way, hence the reading.
-void tell(int socket, const std::string& error) {
+void send_error(int socket, const std::string& error) {
     send_message(socket, {{"error", error}});
     while (receive_message(socket)) {
     }
@@ -234,7 +233,7 @@ void serve(server_plan plan) {
     } catch (const std::exception& wrong) {
         plan.control.remove();
         if (plan.first_connection) {
-            tell(plan.first_connection.get(), wrong.what());
+            send_error(plan.first_connection.get(), wrong.what());
         }
     }
 }

@@ -15,7 +15,7 @@ namespace sandbox {
 
 /// Everything the sandbox's own process needs, made by the tool before it starts that process.
 struct server_plan {
-    world played;
+    world chosen;
     std::vector<rule> rules;
     unique_fd log;
     control_socket control;
@@ -23,7 +23,7 @@ struct server_plan {
     unique_fd first_connection;
 };
 
-/// The process behind a sandbox: answers the driver's files, lets commands in, takes rules, and
+/// The process of a sandbox: answers the driver's files, admits commands, takes rules, and
 /// ends with the last command. One thread, so that the log has one order.
 class server {
   public:
@@ -41,22 +41,22 @@ class server {
         /// The sandbox goes on as long as there is a command, or the first one has yet to come.
         bool keeps_alive = false;
         bool command_ended = false;
-        /// Open all the same: its end tells the tool that we are done.
-        bool hung_up = false;
+        /// By the tool. Our end stays open: its close shows the tool that we are done.
+        bool closed = false;
     };
     using connections = std::list<connection>;
 
-    bool goes_on() const;
+    bool is_in_use() const;
     void wait_and_answer();
-    void forget_the_ended();
-    void accept_one();
-    void hear(connection& from);
+    void remove_ended();
+    void accept_connection();
+    void receive_from(connection& from);
     static void end_command(connection& of);
     void answer(connection& from, message& received);
-    void welcome(connection& from, message& received);
+    void admit(connection& from, message& received);
     nlohmann::json change_rules(const nlohmann::json& wanted);
 
-    world _played;
+    world _world;
     driver _driver;
     control_socket& _control;
     bool _accepts = false;
@@ -68,7 +68,7 @@ class server {
     connections _connections;
 };
 
-/// The whole life of the sandbox's own process: what goes wrong is told to the first connection.
+/// The whole life of the sandbox's own process. Failures are reported to the first connection.
 void serve(server_plan plan);
 
 } // namespace sandbox

@@ -111,9 +111,9 @@ int wait_for(pid_t command, const watched_signals& signals, int connection) {
     }
 }
 
-/// Whether the sandbox says that it has done with the command, and, if that was the last one, with
-/// everything. A sandbox that was killed closes the connection without a word.
-bool has_ended_well(int connection) {
+/// Whether the sandbox confirms that it has finished with the command and, if that was the last
+/// one, with everything. A sandbox that was killed closes the connection without a message.
+bool has_confirmed_end(int connection) {
     ::shutdown(connection, SHUT_WR);
     bool done = false;
     while (const auto received = receive_message(connection)) {
@@ -167,7 +167,7 @@ command_end supervise(unique_fd connection, const world* built,
         run_member({self, connection.get(), entered.writer()}, built, command);
     }
     const int status = wait_for(child, signals, connection.get());
-    const bool sandbox_died = !has_ended_well(connection.get());
+    const bool sandbox_died = !has_confirmed_end(connection.get());
     if (sandbox_died) {
         entered.kill_all();
     }

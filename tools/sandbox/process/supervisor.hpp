@@ -11,9 +11,9 @@ struct command_end {
     bool sandbox_died = false;
 };
 
-/// Runs the command as a member of the sandbox behind the connection and waits for its end and, if
-/// it was the last, for the sandbox's. Signals that other processes send to this one meanwhile go
-/// on to the command. See become_member for built.
+/// Runs the command as a member of the sandbox at the other end of the connection. Waits for its
+/// end and, if it was the last one, for the sandbox's. Until then, signals that other processes
+/// send to this one go on to the command. See become_member for built.
 command_end supervise(unique_fd connection, const world* built,
                       const std::vector<std::string>& command);
 
