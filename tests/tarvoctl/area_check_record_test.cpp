@@ -110,7 +110,7 @@ TEST_F(area_check_record, ARegionThatIsNotTheMachinesIsBroken) {
 
 TEST_F(area_check_record, ANameWithoutATerminator) {
     write.text(at(low, area_offset::name), std::string(50, 'x'));
-    // The text's terminator went into the byte behind the field.
+    // The text's terminator went into the byte after the field.
     EXPECT_THAT(rules(), ElementsAre("chunk-name-not-terminated"));
 }
 

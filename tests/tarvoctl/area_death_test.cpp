@@ -12,7 +12,7 @@
 // stores.
 //
 // Required of the repair: nothing is broken or leaked any more, the lists are those from before the
-// change or those from behind it, and no record that stays has lost anything.
+// change or those from after it, and no record that stays has lost anything.
 
 namespace {
 
@@ -34,7 +34,7 @@ uint32_t word_at(const std::vector<uint8_t>& bytes, size_t offset) {
     return value;
 }
 
-/// One list as numbers and what its records hold behind their links.
+/// One list as numbers and what its records hold after their links.
 using listing = std::vector<std::pair<int, std::vector<uint8_t>>>;
 
 /// All that an area says, without the links that say it.
@@ -85,10 +85,10 @@ class area_death : public area_of_three {
             stores.push_back(words_of(one));
             one(record);
         }
-        const content behind = content_of(area.view());
+        const content after = content_of(area.view());
         for (auto words = stores.rbegin(); words != stores.rend(); ++words) {
             revert(*words);
-            leave_off(*words, before, behind);
+            leave_off(*words, before, after);
         }
     }
 
@@ -116,26 +116,26 @@ class area_death : public area_of_three {
         }
     }
 
-    void leave_off(const std::vector<word>& words, const content& before, const content& behind) {
+    void leave_off(const std::vector<word>& words, const content& before, const content& after) {
         constexpr size_t few = 6;
         constexpr unsigned samples = 12;
         if (words.size() <= few) {
             for (unsigned set = 0; set < (1U << words.size()); ++set) {
-                judge(words, before, behind, [set](size_t i) { return ((set >> i) & 1) != 0; });
+                check(words, before, after, [set](size_t i) { return ((set >> i) & 1) != 0; });
             }
             return;
         }
         for (unsigned sample = 0; sample <= samples; ++sample) {
             const size_t reached = words.size() * sample / samples;
-            judge(words, before, behind, [=](size_t i) { return i < reached; });
-            judge(words, before, behind, [=](size_t i) { return i >= reached; });
+            check(words, before, after, [=](size_t i) { return i < reached; });
+            check(words, before, after, [=](size_t i) { return i >= reached; });
             std::mt19937 random(sample);
-            judge(words, before, behind, [&](size_t) { return random() % 2 == 0; });
+            check(words, before, after, [&](size_t) { return random() % 2 == 0; });
         }
     }
 
     template <typename Chosen>
-    void judge(const std::vector<word>& words, const content& before, const content& behind,
+    void check(const std::vector<word>& words, const content& before, const content& after,
                Chosen chosen) {
         if (HasFailure()) {
             return;
@@ -148,12 +148,12 @@ class area_death : public area_of_three {
             }
         }
         SCOPED_TRACE("written:" + written.substr(0, 400));
-        repair(before, behind);
+        repair(before, after);
         revert(words);
         ++cases;
     }
 
-    void repair(const content& before, const content& behind) {
+    void repair(const content& before, const content& after) {
         const repair_plan plan = plan_repair(area.record());
         apply(plan, area.record());
         EXPECT_THAT(plan.doubts, IsEmpty());
@@ -161,7 +161,7 @@ class area_death : public area_of_three {
         EXPECT_THAT(plan_repair(area.record()).edits, IsEmpty());
         if (!HasFailure()) {
             const content now = content_of(area.view());
-            EXPECT_TRUE(now == before || now == behind) << "neither done nor undone";
+            EXPECT_TRUE(now == before || now == after) << "neither done nor undone";
         }
         for (const tarvoctl::repair_edit& edit : plan.edits) {
             std::copy(edit.before.begin(), edit.before.end(),
@@ -174,7 +174,7 @@ chunk_list& chunks(shared_area_t& area) {
     return area.chunks;
 }
 
-/// As tarvo_alloc_func does it, behind the element `left`. `taken` is the element it will get.
+/// As tarvo_alloc_func does it, after the element `left`. `taken` is the element it will get.
 std::vector<step> allocation(int left, int taken, uint64_t pa) {
     return {
         [](shared_area_t& area) { chunks(area).alloc(); },

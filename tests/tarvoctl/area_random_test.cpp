@@ -3,7 +3,7 @@
 #include <ctime>
 #include <random>
 
-// Any bytes at all: judged and planned for without a fault, in bounded time. Each case prints its
+// Any bytes at all: checked and planned for without a fault, in bounded time. Each case prints its
 // seed when it fails.
 
 namespace {
@@ -27,7 +27,7 @@ class processor_time {
     std::clock_t _start = std::clock();
 };
 
-/// Judges, plans, mends and judges again. Returns what is found at last.
+/// Checks, plans, repairs and checks again. Returns what is found at last.
 std::vector<tarvoctl::finding> judge_and_mend(fresh_area& area) {
     const processor_time time;
     const auto found = check_area(area.record());
@@ -124,7 +124,7 @@ TEST(area_random, AFullTableThatOverlapsIsJudged) {
     judge_and_mend(area);
 }
 
-/// Rules on what records say: no link, flag or end says how to mend them. The order is among them
+/// Rules on what records say: no link, flag or end says how to repair them. The order is among them
 /// where a chunk lies outside the region.
 const std::set<std::string>& rules_of_records() {
     static const std::set<std::string> rules{"area-padding-not-zero",

@@ -77,14 +77,14 @@ class area_stepped : public testing::Test {
         ASSERT_TRUE(stepper.step(command, [&] {
             const auto changes = take_over_changes();
             if (!changes.empty() && (concerns_links(changes) || ++passed_over % 8 == 0)) {
-                ++judged;
+                ++checked;
                 repair_copy();
             }
             return HasFatalFailure() ? area_stepper::verdict::kill : area_stepper::verdict::go_on;
         }));
         stepped.reply();
         RecordProperty("stores", static_cast<int>(stores));
-        RecordProperty("judged", static_cast<int>(judged));
+        RecordProperty("checked", static_cast<int>(checked));
         EXPECT_THAT(serious(tarvoctl::check_area(copy.record())), IsEmpty());
     }
 
@@ -138,7 +138,7 @@ class area_stepped : public testing::Test {
     fresh_area copy; ///< of the file, as far as it changes
     chunk_records settled;
     size_t stores = 0;
-    size_t judged = 0;
+    size_t checked = 0;
     int deaths = 0;
 
   private:
@@ -193,12 +193,12 @@ class area_stepped : public testing::Test {
     void repair_copy() {
         const repair_plan plan = tarvoctl::plan_repair(copy.record());
         apply(plan, copy.record());
-        ASSERT_THAT(plan.doubts, IsEmpty()) << "behind store " << stores;
+        ASSERT_THAT(plan.doubts, IsEmpty()) << "after store " << stores;
         ASSERT_THAT(serious(tarvoctl::check_area(copy.record())), IsEmpty())
-            << "behind store " << stores;
+            << "after store " << stores;
         const chunk_records left = records_of(copy.view());
         for (const auto& record : settled) {
-            ASSERT_THAT(left, Contains(record)) << "behind store " << stores;
+            ASSERT_THAT(left, Contains(record)) << "after store " << stores;
         }
         for (const tarvoctl::repair_edit& edit : plan.edits) {
             std::ranges::copy(edit.before,
@@ -215,7 +215,7 @@ class area_stepped : public testing::Test {
         ASSERT_THAT(plan.doubts, IsEmpty());
     }
 
-    /// Kills the client behind so many stores, or lets it finish when it makes fewer.
+    /// Kills the client after so many stores, or lets it finish when it makes fewer.
     void die_behind_store(client& stepped, const std::string& command, size_t last) {
         take_over_file();
         stores = 0;
@@ -242,7 +242,7 @@ class area_stepped : public testing::Test {
 TEST_F(area_stepped, AllocatingIsRepairedBehindEveryStore) {
     repair_behind_every_store("alloc \"newcomer\" 4096 \"test\"", "newcomer");
     EXPECT_GT(stores, 250U);
-    EXPECT_GT(judged, 50U);
+    EXPECT_GT(checked, 50U);
 }
 
 TEST_F(area_stepped, FreeingIsRepairedBehindEveryStore) {

@@ -20,7 +20,7 @@ class area_stepper {
     area_stepper(const area_stepper&) = delete;
     area_stepper& operator=(const area_stepper&) = delete;
 
-    /// Sends the command and asks `after` behind every instruction, from the taking of the lock to
+    /// Sends the command and asks `after` after every instruction, from the taking of the lock to
     /// its release. False when the client was killed; otherwise its reply is still to be read.
     /// Throws what goes wrong with the stepping itself.
     bool step(std::string_view command, const std::function<verdict()>& after);

@@ -375,7 +375,7 @@ bool comes_to_wait(running_tool& tool) {
 }
 
 /// Lets the tool, which allocates "b", have the lock as often as it takes it itself, each time with
-/// somebody behind it in the queue, and nobody else after that: its library finds it taken by
+/// somebody after it in the queue, and nobody else after that: its library finds it taken by
 /// `second`, and waits. Nothing when the tool came before the one in the queue, which can happen.
 std::optional<running_tool> waiting_in_the_library(sandbox& machine, client& first, client& second,
                                                    const std::string& timeout) {
@@ -460,7 +460,7 @@ TEST(Calls, AKilledToolMakesNoChangeOnceItCouldHaveTheLock) {
     second.call("dump_end");
     while (waits_for_a_lock(child)) {
     }
-    first.limits(); // behind whoever waited
+    first.limits(); // after whoever waited
     EXPECT_EQ(machine.area().view().chunks().size(), 3U);
 }
 

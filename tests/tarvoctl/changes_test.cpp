@@ -4,14 +4,15 @@
 #include <functional>
 #include <gtest/gtest.h>
 
-// What diff and watch call a change, told by diff: it has a before and an after that stand still.
+// What diff and watch call a change, as diff prints it: it has a before and an after that stand
+// still.
 
 namespace {
 
 class Changes : public ::testing::Test {
   protected:
     /// What diff says of a change that is made now.
-    std::string told(const std::function<void()>& change) {
+    std::string reported(const std::function<void()>& change) {
         const temporary_folder folder;
         const std::string before = folder.path() / "before";
         EXPECT_EQ(tarvoctl(machine, {"snapshot", before}).status, 0);
@@ -26,13 +27,13 @@ class Changes : public ::testing::Test {
 TEST_F(Changes, NothingIsNoChange) {
     driver.alloc("a", 0x1000);
     driver.register_device(0, 3, 0);
-    EXPECT_EQ(told([] {}), "");
+    EXPECT_EQ(reported([] {}), "");
 }
 
 TEST_F(Changes, ChunksThatGoAreToldBeforeThoseThatCome) {
     driver.alloc("a", 0x1000, "me");
     driver.alloc("b", 0x1000, "me");
-    EXPECT_EQ(told([this] {
+    EXPECT_EQ(reported([this] {
                   driver.free("b");
                   driver.alloc("c", 0x2000, "you");
               }),
@@ -44,7 +45,7 @@ TEST_F(Changes, ANameAtAnotherPlaceOrOfAnotherSizeIsAnotherChunk) {
     driver.alloc("a", 0x1000);
     driver.alloc("b", 0x1000);
     driver.alloc("c", 0x1000);
-    EXPECT_EQ(told([this] {
+    EXPECT_EQ(reported([this] {
                   driver.free("a");
                   driver.alloc("keeper", 0x1000, "x");
                   driver.alloc("a", 0x1000);
@@ -63,15 +64,15 @@ TEST_F(Changes, ANameAtAnotherPlaceOrOfAnotherSizeIsAnotherChunk) {
 TEST_F(Changes, OfChunksOfOneNameTheOneAtItsPlaceStaysItself) {
     driver.alloc("a", 0x1000);
     driver.alloc("a", 0x2000);
-    EXPECT_EQ(told([this] { driver.free("a"); }),
+    EXPECT_EQ(reported([this] { driver.free("a"); }),
               "freed         a: 4 KiB at physical 0x0080000000, creator test\n");
-    EXPECT_EQ(told([this] { driver.alloc("a", 0x1000); }),
+    EXPECT_EQ(reported([this] { driver.alloc("a", 0x1000); }),
               "allocated     a: 4 KiB at physical 0x0080000000, creator test\n");
 }
 
 TEST_F(Changes, AChunkOfAnotherCreatorIsAnotherChunk) {
     driver.alloc("a", 0x1000, "me");
-    EXPECT_EQ(told([this] {
+    EXPECT_EQ(reported([this] {
                   driver.free("a");
                   driver.alloc("a", 0x1000, "you");
               }),
@@ -82,7 +83,7 @@ TEST_F(Changes, AChunkOfAnotherCreatorIsAnotherChunk) {
 TEST_F(Changes, AChunkInAnotherElementIsAnotherChunk) {
     driver.alloc("b", 0x1000);
     driver.alloc("a", 0x1000);
-    EXPECT_EQ(told([this] {
+    EXPECT_EQ(reported([this] {
                   driver.free("a");
                   driver.free("b");
                   driver.alloc("b", 0x1000);
@@ -90,7 +91,7 @@ TEST_F(Changes, AChunkInAnotherElementIsAnotherChunk) {
               }),
               "");
     EXPECT_EQ(
-        told([this] {
+        reported([this] {
             driver.free("b");
             driver.free("a");
             driver.alloc("b", 0x1000);
@@ -102,7 +103,7 @@ TEST_F(Changes, AChunkInAnotherElementIsAnotherChunk) {
 
 TEST_F(Changes, TheMappingsOfAChunkThatWasReplacedAreNotToldOfTheirOwn) {
     driver.alloc("a", 0x1000, "me");
-    EXPECT_EQ(told([this] {
+    EXPECT_EQ(reported([this] {
                   driver.register_device(0, 3, 0);
                   driver.free("a");
                   driver.alloc("a", 0x1000, "you");
@@ -114,14 +115,14 @@ TEST_F(Changes, TheMappingsOfAChunkThatWasReplacedAreNotToldOfTheirOwn) {
 
 TEST_F(Changes, DevicesAreToldWithWhatTheySeeOfChunksThatStay) {
     driver.alloc("a", 0x1000);
-    EXPECT_EQ(told([this] {
+    EXPECT_EQ(reported([this] {
                   driver.register_device(0, 3, 0);
                   driver.alloc("b", 0x1000);
               }),
               "registered    0000:03:00.0\n"
               "mapped        a: for 0000:03:00.0\n"
               "allocated     b: 4 KiB at physical 0x0080001000, creator test\n");
-    EXPECT_EQ(told([this] { driver.unregister_device(0, 3, 0); }),
+    EXPECT_EQ(reported([this] { driver.unregister_device(0, 3, 0); }),
               "unregistered  0000:03:00.0\n"
               "unmapped      a: for 0000:03:00.0\n"
               "unmapped      b: for 0000:03:00.0\n");
@@ -130,10 +131,10 @@ TEST_F(Changes, DevicesAreToldWithWhatTheySeeOfChunksThatStay) {
 TEST_F(Changes, ADeviceThatIsGoneGoesOfflineAndComesBack) {
     driver.register_device(0, 3, 0);
     machine.add_rules({"op=map,nth=1,errno=ENODEV"});
-    EXPECT_EQ(told([this] { driver.alloc("a", 0x1000); }),
+    EXPECT_EQ(reported([this] { driver.alloc("a", 0x1000); }),
               "offline       0000:03:00.0\n"
               "allocated     a: 4 KiB at physical 0x0080000000, creator test\n");
-    EXPECT_EQ(told([this] { driver.register_device(0, 3, 0); }),
+    EXPECT_EQ(reported([this] { driver.register_device(0, 3, 0); }),
               "online        0000:03:00.0\n"
               "mapped        a: for 0000:03:00.0\n");
 }
@@ -143,9 +144,10 @@ TEST_F(Changes, AForgottenDevicesMappingsAreInheritedAndNotUndone) {
     driver.alloc("a", 0x1000);
     machine.add_rules({"op=map,nth=1,errno=ENODEV"});
     driver.alloc("b", 0x1000); // takes the device offline
-    EXPECT_EQ(told([this] { driver.unregister_device(0, 3, 0); }), "unregistered  0000:03:00.0\n");
+    EXPECT_EQ(reported([this] { driver.unregister_device(0, 3, 0); }),
+              "unregistered  0000:03:00.0\n");
     machine.replace_rules({"op=map,errno=ENODEV"});
-    EXPECT_EQ(told([this] { driver.register_device(0, 4, 0); }),
+    EXPECT_EQ(reported([this] { driver.register_device(0, 4, 0); }),
               "registered    0000:04:00.0\n"
               "offline       0000:04:00.0\n"
               "mapped        a: for 0000:04:00.0\n");
@@ -188,7 +190,7 @@ TEST_F(Changes, DevicesUnderOtherNumbersAreTheSame) {
     for (int chunk = 2; chunk < 2 + chunks; ++chunk) {
         refer_to_all_devices(write, chunk);
     }
-    EXPECT_EQ(told([&] {
+    EXPECT_EQ(reported([&] {
                   for (int device = 0; device < all_devices; ++device) {
                       write.i32(area_offset::device(device) + area_offset::bus,
                                 all_devices - 1 - device);

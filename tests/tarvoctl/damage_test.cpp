@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-// What commands do with an area that breaks its own rules, besides those that judge or mend it.
+// What commands do with an area that breaks its own rules, besides those that check or repair it.
 
 namespace {
 
@@ -123,7 +123,7 @@ TEST_F(Damage, AnAreaThatLostItsFlagIsNotBuiltAnew) {
 }
 
 constexpr const char* lost_region =
-    "the two records that bound the region are damaged: it is not known where it lies";
+    "the two records that bound the region are damaged: it is unknown where it lies";
 
 /// What does without the region goes on, and says so.
 void expect_unknown_region(sandbox& machine) {
@@ -189,7 +189,7 @@ TEST_F(Damage, WhatCannotBeReadIsNotToldAsFreed) {
     EXPECT_EQ(document.at("damage").at(0), why);
 }
 
-/// Places that the records no longer tell. In the region are "first", "second" and "third", a page
+/// Places that the records no longer show. In the region are "first", "second" and "third", a page
 /// each.
 class UnknownPlaces : public Damage {
   protected:
@@ -207,7 +207,7 @@ TEST_F(UnknownPlaces, NoPlaceIsPromisedWhereNotAllChunksCouldBeRead) {
         write.i32(area_offset::chunk(first) + area_offset::next, next);
         const auto fit = run({"map", "--fit", "4K"});
         EXPECT_EQ(fit.status, 4);
-        EXPECT_EQ(fit.output, "4 KiB: where it would go is not known, because not all "
+        EXPECT_EQ(fit.output, "4 KiB: where it would go is unknown, because not all "
                               "chunks could be read\n");
         EXPECT_TRUE(fit.errors.ends_with("see 'tarvoctl check'\n")) << fit.errors;
         const auto document = json_of(run({"map", "--fit", "4K", "--json"}));
@@ -226,7 +226,7 @@ TEST_F(UnknownPlaces, NoPlaceIsPromisedWhereAChunkDoesNotFillItsPages) {
                                 " bytes from 0x80001000";
         const auto fit = run({"map", "--fit", "4K"});
         EXPECT_EQ(fit.status, 4);
-        EXPECT_EQ(fit.output, "4 KiB: where it would go is not known, because " + why + "\n");
+        EXPECT_EQ(fit.output, "4 KiB: where it would go is unknown, because " + why + "\n");
         const auto map = run({"map"});
         EXPECT_EQ(map.status, 4);
         EXPECT_EQ(map.output.find("(free)"), std::string::npos) << map.output;
@@ -245,11 +245,11 @@ TEST_F(UnknownPlaces, UsedMemoryIsNotDrawnAsFree) {
     ASSERT_EQ(lines.size(), 15U) << map.output;
     EXPECT_EQ(lines[0], "0x0080000000 |A" + std::string(63, '?') + "|");
     EXPECT_EQ(lines[7], "0x008e000000 |" + std::string(64, '?') + "|");
-    EXPECT_TRUE(lines[9].ends_with(", ? not known")) << lines[9];
-    EXPECT_EQ(lines[10], "how much of 256 MiB is free is not known; 1 chunk could be read");
+    EXPECT_TRUE(lines[9].ends_with(", ? unknown")) << lines[9];
+    EXPECT_EQ(lines[10], "how much of 256 MiB is free is unknown; 1 chunk could be read");
     EXPECT_EQ(lines[13], "A    0x0080000000       4 KiB  first");
-    EXPECT_EQ(lines[14], "     0x0080001000  262140 KiB  not known");
-    EXPECT_NE(run({"top"}).output.find("\nfree    not known\n"), std::string::npos);
+    EXPECT_EQ(lines[14], "     0x0080001000  262140 KiB  unknown");
+    EXPECT_NE(run({"top"}).output.find("\nfree    unknown\n"), std::string::npos);
 }
 
 TEST_F(UnknownPlaces, AnAddressIsInNoChunkThatCouldBeRead) {
@@ -258,7 +258,7 @@ TEST_F(UnknownPlaces, AnAddressIsInNoChunkThatCouldBeRead) {
     EXPECT_EQ(found.status, 4);
     EXPECT_EQ(found.output, "DMA 0x80001000 is in no chunk that could be read\n");
     const auto shown = run({"show", "first"});
-    EXPECT_NE(shown.output.find("\nabove      not known\n"), std::string::npos) << shown.output;
+    EXPECT_NE(shown.output.find("\nabove      unknown\n"), std::string::npos) << shown.output;
     const auto chunk = json_of(run({"show", "first", "--json"})).at("chunks").at(0);
     EXPECT_EQ(chunk.at("above").at("gap_bytes"), nullptr);
 }
@@ -302,7 +302,7 @@ TEST_F(UnknownPlaces, ChunksInTheWrongOrderOrOutsideTheRegionPromiseNothing) {
     write.u64(area_offset::chunk(first) + area_offset::pa, 0x1000);
     const auto outside = run({"map", "--fit", "4K"});
     EXPECT_EQ(outside.status, 4);
-    EXPECT_EQ(outside.output, "4 KiB: where it would go is not known, because 'first' does "
+    EXPECT_EQ(outside.output, "4 KiB: where it would go is unknown, because 'first' does "
                               "not lie in the region\n");
 }
 

@@ -29,14 +29,14 @@ TEST(Lock, OfNobodyIsFree) {
     const auto outcome = tarvoctl(machine, {"lock"});
     EXPECT_EQ(outcome.status, 0);
     EXPECT_EQ(outcome.output, "/var/tmp/tarvo_lock: free\n"
-                              "/var/lock/subsys/tarvo_lock: free, for the file is not there\n");
+                              "/var/lock/subsys/tarvo_lock: free, because the file is missing\n");
 }
 
 TEST(Lock, FilesAreNotMadeByLooking) {
     sandbox machine(low);
     const auto outcome = tarvoctl(machine, {"lock"});
     EXPECT_EQ(outcome.status, 0);
-    EXPECT_EQ(outcome.output, "/var/lock/subsys/tarvo_lock: free, for the file is not there\n");
+    EXPECT_EQ(outcome.output, "/var/lock/subsys/tarvo_lock: free, because the file is missing\n");
     EXPECT_FALSE(exists(machine.lock_file()));
 }
 
@@ -99,7 +99,7 @@ TEST(Lock, IsNotTakenByLooking) {
     const held_lock held(machine.lock_file());
     user.send("alloc b 1 me");
     user.wait_until_it_waits_for_a_lock();
-    // It would have to wait behind the two.
+    // It would have to wait after the two.
     EXPECT_EQ(tarvoctl(machine, {"lock"}).status, 1);
     EXPECT_EQ(parties_of(json_of(tarvoctl(machine, {"lock", "--json"}))),
               (std::vector<std::string>{party("holds", ::getpid()), party("waits", user.pid())}));

@@ -26,7 +26,7 @@ const std::vector<words> looking_commands{{"list"},
                                           {"snapshot", "@new"}};
 
 constexpr const char* half_changed =
-    "tarvoctl: the area changed during every reading without its lock: what is told may be half "
+    "tarvoctl: the area changed during every reading without its lock: what is printed may be half "
     "changed\n";
 
 class NoLock : public ::testing::Test {

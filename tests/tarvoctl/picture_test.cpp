@@ -131,15 +131,15 @@ TEST(Picture, OfAllChunksTheLargestAreListedAndTheOthersCounted) {
     EXPECT_LT(lines_of(output).size(), 45U);
 }
 
-/// The texts of a picture that was written to a file, once it was judged: labels neither leave the
+/// The texts of a picture that was written to a file, once it was checked: labels neither leave the
 /// page nor cover one another.
 class Svg : public testing::Test {
   public:
     std::vector<std::string> texts() {
         EXPECT_EQ(tarvoctl(machine, {"map", "--force", "--svg", file}).status, 0);
-        const auto judged = run_program(machine, {TARVO_PYTHON, TARVOCTL_CHECK_PICTURE, file});
-        EXPECT_EQ(judged.status, 0) << judged.errors;
-        return lines_of(judged.output);
+        const auto checked = run_program(machine, {TARVO_PYTHON, TARVOCTL_CHECK_PICTURE, file});
+        EXPECT_EQ(checked.status, 0) << checked.errors;
+        return lines_of(checked.output);
     }
 
     static std::ptrdiff_t count(const std::vector<std::string>& all, const std::string& text) {

@@ -209,7 +209,7 @@ TEST(Register, IsCompleteBeforeASignalEndsIt) {
         }
         const ending end = end_while_registering(machine, signal);
         EXPECT_EQ(end.signal, signal);
-        driver.limits(); // behind the end of whoever has the lock
+        driver.limits(); // after the end of whoever has the lock
         EXPECT_EQ(machine.request_lines().size(), chunks);
         const auto area = machine.area();
         EXPECT_EQ(area_breaches(area.view()), std::vector<std::string>{});

@@ -92,7 +92,7 @@ TEST_F(Repair, RefusesWhileTheLibraryIsStartedSomewhere) {
 }
 
 TEST_F(Repair, RefusesWhileSomethingIsLeftToAPerson) {
-    // Whose end the region's is can no longer be told.
+    // Nothing shows any more where the region ends.
     machine.writable_area().writer().text(area_offset::chunk(1) + area_offset::name, "tail");
     const auto before = machine.area().snapshot();
     const auto outcome = tarvoctl(machine, {"repair", "--yes", "--backup", backup});
@@ -106,7 +106,7 @@ TEST_F(Repair, IsPartlyDoneWhenAskedForAlone) {
     const auto area = machine.writable_area();
     area.writer().text(area_offset::chunk(1) + area_offset::name, "tail"); // for a person
     const int device = area.view().device_ends().head;
-    area.writer().i32(area_offset::device(device) + area_offset::prev, 77); // can be mended
+    area.writer().i32(area_offset::device(device) + area_offset::prev, 77); // can be repaired
     const auto before = machine.area().snapshot();
     const auto refused = tarvoctl(machine, {"repair", "--yes", "--force", "--backup", backup});
     EXPECT_EQ(refused.status, 4) << refused.output << refused.errors;
@@ -186,18 +186,18 @@ class RecordOf : public testing::Test {
     static size_t at(int chunk, size_t field) { return area_offset::chunk(chunk) + field; }
 
     /// Repair changes nothing and says what stays broken, and check sends to what helps.
-    void expect_broken(const std::string& what, const std::string& way_out) {
+    void expect_broken(const std::string& what, const std::string& remedy) {
         const auto before = machine.area().snapshot();
         const auto repair = tarvoctl(machine, {"repair", "--yes", "--force"});
         EXPECT_EQ(repair.status, 4) << repair.errors;
         EXPECT_EQ(repair.output, "stays broken: " + what +
                                      "\nrepair has nothing to change\n"
                                      "to get rid of what stays broken, " +
-                                     way_out + "\n");
+                                     remedy + "\n");
         EXPECT_EQ(machine.area().snapshot(), before);
         const auto check = tarvoctl(machine, {"check"});
         EXPECT_EQ(check.status, 4);
-        EXPECT_EQ(lines_of(check.output).back(), "the area is broken: " + way_out);
+        EXPECT_EQ(lines_of(check.output).back(), "the area is broken: " + remedy);
         EXPECT_NE(check.output.find("broken     " + what + "\n"), std::string::npos)
             << check.output;
     }
@@ -354,7 +354,7 @@ TEST_F(RecordOf, ThereIsNoRoomForTheCopyBesideTheArea) {
     EXPECT_EQ(machine.area().snapshot(), before);
 }
 
-/// A person at a terminal who is asked before the area is mended.
+/// A person at a terminal who is asked before the area is repaired.
 class RepairAtATerminal : public Repair {
   protected:
     RepairAtATerminal() { screen.output_with("the element before"); }
@@ -386,7 +386,7 @@ TEST_F(RepairAtATerminal, HoldsNobodyUpThatIsSlowToReadOfIt) {
 }
 
 TEST_F(RepairAtATerminal, LeavesAnAreaAloneThatHasChangedSinceThePlan) {
-    // Far from all that is to be mended, but the copy that is kept would not have it.
+    // Far from all that is to be repaired, but the copy that is kept would not have it.
     machine.writable_area().writer().text(area_offset::chunk(2) + area_offset::creator, "other");
     const auto changed = machine.area().snapshot();
     screen.type("y\n");

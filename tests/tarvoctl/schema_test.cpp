@@ -100,9 +100,9 @@ class validator {
 /// Lines of watch: what it begins with, changes, and the end of the area.
 std::vector<nlohmann::json> watched(sandbox& machine, client& driver) {
     running_tool watch = start_tarvoctl(machine, {"watch", "--json", "--interval", "0.02"});
-    std::vector<nlohmann::json> told;
+    std::vector<nlohmann::json> printed;
     const auto take = [&] {
-        told.push_back(nlohmann::json::parse(watch.program.read_line().value()));
+        printed.push_back(nlohmann::json::parse(watch.program.read_line().value()));
     };
     take();
     driver.alloc("watched", 0x1000, "driver");
@@ -110,13 +110,13 @@ std::vector<nlohmann::json> watched(sandbox& machine, client& driver) {
     driver.register_device(0, 6, 0);
     take();
     machine.writable_area().writer().i32(area_offset::chunk(3) + area_offset::next, 3);
-    while (told.back().at("change") != "damaged") {
+    while (printed.back().at("change") != "damaged") {
         take();
     }
     std::filesystem::remove(machine.shared_area());
     take();
     watch.end_by(SIGTERM);
-    return told;
+    return printed;
 }
 
 TEST(Schema, EveryCommandKeepsToIt) {
@@ -134,7 +134,7 @@ TEST(Schema, EveryCommandKeepsToIt) {
         words.emplace_back("--json");
         documents.add(json_of(tarvoctl(machine, words)));
     }
-    // With damage to tell of.
+    // With damage to report.
     const auto link = area_offset::chunk(3) + area_offset::next;
     const int32_t sound = machine.area().view().i32(link);
     machine.writable_area().writer().i32(link, 3);

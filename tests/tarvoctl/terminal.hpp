@@ -22,11 +22,11 @@ class terminal {
 
     void resize(unsigned short rows, unsigned short columns) const;
     void type(const std::string& keys) const;
-    /// Takes no output until it is told to again, as by Ctrl-S and Ctrl-Q.
+    /// Takes no output until it is to again, as by Ctrl-S and Ctrl-Q.
     void stop_output() const;
     void go_on() const;
 
-    /// All that was written to it, once that holds `wanted` behind its byte `from`.
+    /// All that was written to it, once that holds `wanted` after its byte `from`.
     const std::string& output_with(const std::string& wanted, size_t from = 0);
     size_t seen() const { return _output.size(); }
 

@@ -46,7 +46,7 @@ ending running_tool::end_by(int signal) {
 
 running_tool start_tarvoctl(sandbox& where, const std::vector<std::string>& words,
                             const std::string& terminal) {
-    // The shell tells its number, which becomes the program's.
+    // The shell prints its number, which becomes the program's.
     const std::string script = terminal.empty() ? "echo $$; shift; exec \"$@\""
                                                 : "echo $$; exec <>\"$1\" >&0; shift; exec \"$@\"";
     std::vector<std::string> command{"sh", "-c", script, "sh", terminal, TARVOCTL};

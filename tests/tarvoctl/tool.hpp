@@ -17,7 +17,7 @@ struct tool_outcome {
 tool_outcome run_program(sandbox& where, const std::vector<std::string>& words,
                          const std::string& input = "");
 
-/// Runs tarvoctl in the sandbox to its end, with these words behind its name and `input` as its
+/// Runs tarvoctl in the sandbox to its end, with these words after its name and `input` as its
 /// standard input.
 tool_outcome tarvoctl(sandbox& where, const std::vector<std::string>& words,
                       const std::string& input = "");

@@ -30,8 +30,8 @@ letter first_byte(std::string_view text) {
 }
 
 /// Whether a character has no form of its own: controls, which to some terminals are what an escape
-/// and a letter are; what turns the direction of writing, joins, or is seen by nobody; and what is
-/// no character, which XML refuses as well.
+/// and a letter are; what turns the direction of writing, joins, or cannot be seen; and codes
+/// that are not characters, which XML refuses as well.
 bool is_formless(char32_t code) {
     constexpr std::pair<char32_t, char32_t> ranges[] = {
         {0x00, 0x1f},     {0x7f, 0x9f},     {0xad, 0xad},     {0x61c, 0x61c},

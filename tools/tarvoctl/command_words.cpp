@@ -43,10 +43,10 @@ void add_seconds(CLI::App& parser, const seconds_option& wanted) {
 /// A value that is a text. An empty one would pass for one that is left out, and is mostly that of
 /// a variable which is not set.
 CLI::Option* add_text(CLI::App& parser, const std::string& names, std::string& to,
-                      const std::string& about, const char* way_out) {
-    return parser.add_option(names, to, about)->check([names, way_out](const std::string& value) {
+                      const std::string& about, const char* remedy) {
+    return parser.add_option(names, to, about)->check([names, remedy](const std::string& value) {
         if (value.empty()) {
-            throw failure{exit_status::usage, fmt::format("{} is empty; {}", names, way_out)};
+            throw failure{exit_status::usage, fmt::format("{} is empty; {}", names, remedy)};
         }
         return std::string{};
     });

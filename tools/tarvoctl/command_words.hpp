@@ -19,7 +19,7 @@ inline constexpr const char* compact_json = "compact";
 /// given leaves its place as it was. `names` are as in "-r,--reverse", `title` is what the help
 /// calls the value. Words and options that are empty are refused.
 ///
-/// The parser's own header stays behind this one: it takes longer to compile than any command.
+/// The parser's own header is not included here: it takes longer to compile than any command.
 class command_words {
   public:
     explicit command_words(CLI::App& parser) : _parser{&parser} {}

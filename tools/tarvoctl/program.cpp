@@ -24,8 +24,8 @@ int status_number(exit_status status) {
     return static_cast<int>(status);
 }
 
-/// Whether JSON is asked for, and which. It is looked for before the words are parsed, as what is
-/// wrong with one of them is told in JSON, too.
+/// Whether JSON is asked for, and which. It is looked for before the words are parsed, because what
+/// is wrong with one of them is reported in JSON, too.
 std::optional<json_layout> json_asked_for(const std::vector<std::string>& words) {
     constexpr std::string_view option = "--json";
     for (const auto& word : words) {
@@ -82,8 +82,8 @@ int program::run(int argc, char** argv) {
     if (layout) {
         lay_json_out(*layout);
     }
-    const auto tell = [&](const std::exception& wrong, exit_status status) {
-        // Where this cannot be written, the status alone tells.
+    const auto report = [&](const std::exception& wrong, exit_status status) {
+        // Where this cannot be written, the status alone reports it.
         if (layout) {
             const json document = json_error(chosen_name(), status, wrong.what());
             static_cast<void>(std::fputs(json_text(document).c_str(), stdout));
@@ -95,9 +95,9 @@ int program::run(int argc, char** argv) {
     try {
         return status_number(with_output([&] { return parse_and_carry_out(argc, argv); }));
     } catch (const failure& wrong) {
-        return tell(wrong, wrong.status());
+        return report(wrong, wrong.status());
     } catch (const std::exception& wrong) {
-        return tell(wrong, exit_status::unreadable);
+        return report(wrong, exit_status::unreadable);
     }
 }
 

@@ -31,7 +31,7 @@ class program {
         return add(name, about, group, [options, carry_out] { return carry_out(*options); });
     }
 
-    /// Parses, carries the command out, and says how the program ends. Failures are told on
+    /// Parses, carries the command out, and says how the program ends. Failures are reported on
     /// standard error and, where JSON is asked for, on standard output as well.
     int run(int argc, char** argv);
 

@@ -168,7 +168,7 @@ chunk_record without_devices(const chunk_record& chunk) {
     return {chunk.index, chunk.name, chunk.pa, chunk.size, chunk.creator, {}};
 }
 
-/// Collects the changes, in the order in which they are told.
+/// Collects the changes, in the order in which they are reported.
 class comparison {
   public:
     comparison(const picture& before, const picture& after)
@@ -264,7 +264,7 @@ class comparison {
     }
 
     /// A new device takes over the references that a forgotten one left: a mapping which nothing
-    /// else tells of.
+    /// else reports.
     bool was_there(int index, const reference_set& before) const {
         const size_t device = _index_after.at(index);
         return device == device_index::no_device ? before.has_number(index)

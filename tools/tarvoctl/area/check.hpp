@@ -10,7 +10,7 @@
 
 namespace tarvoctl {
 
-/// What the machine says of its region, for comparison with what the area says.
+/// What the machine says of its region, to compare with what the area says.
 struct expected_region {
     uint64_t first_pa = 0;
     uint64_t size_bytes = 0;
@@ -26,9 +26,10 @@ struct check_options {
     size_t listed_per_rule = 16;
 };
 
-/// Judges an area, whatever its bytes are, in bounded time and without changing or trusting
-/// anything. Take a copy under the lock: one that changes meanwhile is judged safely, but wrongly.
-/// Only the content is looked at, not the zeros that fill the file's last page.
+/// Checks an area, whatever its bytes are, in bounded time and without changing or trusting
+/// anything. Take a copy under the lock: one that changes meanwhile is read safely, but the
+/// findings may be wrong. Only the content is looked at, not the zeros that fill the file's last
+/// page.
 std::vector<finding> check_area(const shared_area_t& area, const check_options& options = {});
 
 /// Whether some finding is of that class.

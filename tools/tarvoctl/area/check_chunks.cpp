@@ -8,22 +8,22 @@ namespace tarvoctl {
 
 namespace {
 
-class chunk_judge {
+class chunk_check {
   public:
-    chunk_judge(const shared_area_t& area, const list_members& members,
+    chunk_check(const shared_area_t& area, const list_members& members,
                 const check_options& options, report& found)
         : _area(area), _members(members), _options(options), _found(found) {}
 
-    void judge() {
+    void check() {
         if (_members.listed.empty()) {
             add(rule::no_sentinels, -1, "no chunk is listed, not even {} and {}", head_name,
                 tail_name);
         } else {
-            judge_sentinels();
-            judge_listed();
+            check_sentinels();
+            check_listed();
         }
         for (const int chunk : _members.free) {
-            judge_free(chunk);
+            check_free(chunk);
         }
     }
 
@@ -37,9 +37,9 @@ class chunk_judge {
         _found.add(broken_rule, {area_list::chunks, chunk}, format, values...);
     }
 
-    /// The first element of the walk is the one, the list's tail the other. A walk that breaks off
-    /// has not met the tail, which is judged all the same.
-    void judge_sentinels() {
+    /// The first element of the walk is one sentinel, the list's tail the other. A walk that breaks
+    /// off has not reached the tail, which is checked all the same.
+    void check_sentinels() {
         const int head = _members.listed.front();
         const int tail = _area.chunks._tail;
         const bool has_head = is_sentinel(record(head), head_name);
@@ -53,12 +53,12 @@ class chunk_judge {
         }
         if (has_head && has_tail) {
             _region = {record(head).pa, record(tail).pa};
-            judge_region();
+            check_region();
         }
     }
 
-    /// An end that the list does not lead to may be anything: it is not held against the machine's.
-    void judge_region() {
+    /// An end that the list does not lead to may be anything, so it is not compared.
+    void check_region() {
         if (_region.first_pa >= _region.end_pa) {
             add(rule::region_empty, -1, "the region begins at {} and ends at {}",
                 pa_text(_region.first_pa), pa_text(_region.end_pa));
@@ -78,10 +78,10 @@ class chunk_judge {
         }
     }
 
-    void judge_listed() {
+    void check_listed() {
         uint64_t previous_pa = 0;
         for (const int chunk : _members.listed) {
-            judge_padding(chunk);
+            check_padding(chunk);
             const dma_chunk_t& one = record(chunk);
             if (one.pa < previous_pa) {
                 add(rule::order, chunk, "begins at {}, before its predecessor at {}",
@@ -89,30 +89,30 @@ class chunk_judge {
             }
             previous_pa = one.pa;
             if (is_at_an_end(_area, chunk)) {
-                judge_sentinel_rest(chunk);
+                check_sentinel_rest(chunk);
             } else {
-                judge_place(chunk);
-                judge_texts(chunk);
+                check_place(chunk);
+                check_texts(chunk);
             }
-            judge_overlap(chunk);
+            check_overlap(chunk);
         }
     }
 
-    void judge_padding(int chunk) {
+    void check_padding(int chunk) {
         constexpr size_t padding_offset = offsetof(dma_chunk_t, name) + name_bytes;
         if (raw(record(chunk))[padding_offset] != 0) {
             add(rule::padding_not_zero, chunk, "the byte after the name is not zero");
         }
     }
 
-    void judge_sentinel_rest(int chunk) {
+    void check_sentinel_rest(int chunk) {
         if (!is_zero(raw(record(chunk).devs))) {
             add(rule::sentinel_devices, chunk,
                 "a sentinel is mapped for no device, yet its list of devices is not zero");
         }
     }
 
-    void judge_place(int chunk) {
+    void check_place(int chunk) {
         const uint64_t pa = record(chunk).pa;
         const uint32_t size = record(chunk).size;
         if (size == 0) {
@@ -133,7 +133,7 @@ class chunk_judge {
     }
 
     /// Against the furthest end so far, not only the predecessor's: a chunk may hold several.
-    void judge_overlap(int chunk) {
+    void check_overlap(int chunk) {
         const dma_chunk_t& one = record(chunk);
         if (one.pa < _furthest_end && !is_first(chunk)) {
             add(_options.cma ? rule::overlap_under_cma : rule::overlap, chunk,
@@ -148,7 +148,7 @@ class chunk_judge {
         }
     }
 
-    void judge_texts(int chunk) {
+    void check_texts(int chunk) {
         const dma_chunk_t& one = record(chunk);
         const auto name = text_in(one.name);
         if (!name.has_value()) {
@@ -156,7 +156,7 @@ class chunk_judge {
         } else if (name->empty()) {
             add(rule::name_empty, chunk, "no name: it can be neither found nor freed");
         } else {
-            judge_name(chunk, *name);
+            check_name(chunk, *name);
         }
         const auto creator = text_in(one.creator);
         if (!creator.has_value()) {
@@ -167,7 +167,7 @@ class chunk_judge {
         }
     }
 
-    void judge_name(int chunk, std::string_view name) {
+    void check_name(int chunk, std::string_view name) {
         const auto [known, is_new] = _named.try_emplace(name, chunk);
         if (!is_new) {
             add(rule::name_twice, chunk,
@@ -176,8 +176,8 @@ class chunk_judge {
         }
     }
 
-    /// An element that is taken is told from one that was found by its size.
-    void judge_free(int chunk) {
+    /// The size tells an element that was just taken from a chunk that was found.
+    void check_free(int chunk) {
         const uint32_t size = record(chunk).size;
         if (record(chunk).allocated == 0 && size != 0) {
             add(rule::free_with_size, chunk,
@@ -201,7 +201,7 @@ class chunk_judge {
 
 void check_chunks(const shared_area_t& area, const list_members& chunks,
                   const check_options& options, report& found) {
-    chunk_judge(area, chunks, options, found).judge();
+    chunk_check(area, chunks, options, found).check();
 }
 
 } // namespace tarvoctl

@@ -21,7 +21,7 @@ bool is_padded_with_zeros(std::span<const uint8_t> element) {
     return is_zero(element.subspan(padding_offset, padding_bytes));
 }
 
-void judge_device(const iommu_dev_t& device, int element, report& found) {
+void check_device(const iommu_dev_t& device, int element, report& found) {
     const place where{area_list::devices, element};
     if (device.online > 1) {
         found.add(rule::online_value, where, "online is {}; it must be 0 or 1", device.online);
@@ -50,20 +50,21 @@ device_names names_of(const shared_area_t& area, const list_members& devices) {
 }
 
 /// One chunk's list of devices.
-class ref_judge {
+class reference_check {
   public:
-    ref_judge(const shared_area_t& area, const device_names& registered, int chunk, report& found)
+    reference_check(const shared_area_t& area, const device_names& registered, int chunk,
+                    report& found)
         : _area(area), _registered(registered), _chunk(chunk), _found(found) {}
 
-    void judge() {
+    void check() {
         for (const int ref : check_list(ref_links(_area, _chunk), _found).listed) {
-            judge_ref(ref);
+            check_ref(ref);
         }
-        judge_missing();
+        check_missing();
     }
 
   private:
-    void judge_ref(int ref) {
+    void check_ref(int ref) {
         const place where{area_list::refs, _chunk, ref};
         const iommu_dev_ref& record = _area.chunks._arr[_chunk].devs._arr[ref];
         if (!is_padded_with_zeros(raw(record))) {
@@ -74,10 +75,10 @@ class ref_judge {
                        record.dev, device_capacity - 1);
             return;
         }
-        judge_device_named(where, static_cast<size_t>(record.dev));
+        check_device_named(where, static_cast<size_t>(record.dev));
     }
 
-    void judge_device_named(place where, size_t device) {
+    void check_device_named(place where, size_t device) {
         if (_referred[device]) {
             _found.add(rule::device_twice, where,
                        "a second reference to {}: it would be unmapped twice",
@@ -98,7 +99,7 @@ class ref_judge {
         return name.empty() ? fmt::format("device {}", device) : name;
     }
 
-    void judge_missing() {
+    void check_missing() {
         for (size_t device = 0; device < _registered.size(); ++device) {
             if (!_registered[device].empty() && !_referred[device] &&
                 _area.devices._arr[device].online != 0) {
@@ -123,7 +124,7 @@ void check_devices(const shared_area_t& area, const list_members& devices, repor
     std::map<std::tuple<int32_t, int32_t, int32_t>, int> known;
     for (const int element : devices.listed) {
         const iommu_dev_t& device = area.devices._arr[element];
-        judge_device(device, element, found);
+        check_device(device, element, found);
         const auto [same, is_new] = known.try_emplace(
             std::tuple(int32_t{device.domain}, int32_t{device.bus}, int32_t{device.devfn}),
             element);
@@ -140,7 +141,7 @@ void check_refs(const shared_area_t& area, const list_members& chunks, const lis
     const device_names registered = names_of(area, devices);
     for (const int chunk : chunks.listed) {
         if (!is_at_an_end(area, chunk)) {
-            ref_judge(area, registered, chunk, found).judge();
+            reference_check(area, registered, chunk, found).check();
         }
     }
 }

@@ -6,23 +6,23 @@ namespace tarvoctl {
 
 namespace {
 
-/// One list's judgement in the making.
-class list_judge {
+/// The check of one list.
+class list_check {
   public:
-    list_judge(const list_links& links, report& found)
+    list_check(const list_links& links, report& found)
         : _links(links), _found(found), _seen(static_cast<size_t>(links.capacity), unseen) {}
 
-    list_members judge() {
+    list_members check() {
         if (ends_are_usable()) {
             walk();
         }
         walk_free_chain();
         for (int element = 0; element < _links.capacity; ++element) {
-            judge_flag(element);
-            judge_unseen(element);
+            check_flag(element);
+            check_unseen(element);
         }
         for (const int element : _members.free) {
-            judge_free(element);
+            check_free(element);
         }
         return std::move(_members);
     }
@@ -58,12 +58,12 @@ class list_judge {
                            _links.tail);
                 return;
             }
-            judge_back_link(element, following);
+            check_back_link(element, following);
             element = following;
         }
         if (element == _links.tail && !_members.listed.empty() &&
             _members.listed.back() == element) {
-            judge_circle();
+            check_circle();
         }
     }
 
@@ -86,7 +86,7 @@ class list_judge {
         return true;
     }
 
-    void judge_back_link(int element, int following) {
+    void check_back_link(int element, int following) {
         if (seen(following) != listed && _links.prev(following) != element) {
             _found.add(rule::back_link_wrong, _links.at(following),
                        "prev is {}, but the list comes here from {}", _links.prev(following),
@@ -94,7 +94,7 @@ class list_judge {
         }
     }
 
-    void judge_circle() {
+    void check_circle() {
         if (_links.next(_links.tail) != _links.head) {
             _found.add(rule::circle_open, _links.at(_links.tail),
                        "next of the tail is {} instead of the head {}", _links.next(_links.tail),
@@ -145,14 +145,14 @@ class list_judge {
         return true;
     }
 
-    void judge_flag(int element) {
+    void check_flag(int element) {
         if (_links.flag(element) > 1) {
             _found.add(rule::flag_value, _links.at(element), "allocated is {}; it must be 0 or 1",
                        _links.flag(element));
         }
     }
 
-    void judge_unseen(int element) {
+    void check_unseen(int element) {
         if (seen(element) != unseen) {
             return;
         }
@@ -166,8 +166,8 @@ class list_judge {
         }
     }
 
-    void judge_free(int element) {
-        if (_links.flag(element) == 0 && !is_zero(_links.bytes_behind_next(element))) {
+    void check_free(int element) {
+        if (_links.flag(element) == 0 && !is_zero(_links.bytes_after_next(element))) {
             _found.add(rule::free_not_zero, _links.at(element),
                        "free but not zero: whoever takes it finds what is left there");
         }
@@ -182,7 +182,7 @@ class list_judge {
 } // namespace
 
 list_members check_list(const list_links& links, report& found) {
-    return list_judge(links, found).judge();
+    return list_check(links, found).check();
 }
 
 } // namespace tarvoctl

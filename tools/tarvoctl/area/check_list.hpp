@@ -14,7 +14,7 @@ struct list_members {
     std::vector<int> free;   ///< likewise of the free chain
 };
 
-/// Judges one list's ends, links, flags and free chain, and whether its free elements are clean.
+/// Checks one list's ends, links, flags and free chain, and whether its free elements are zero.
 list_members check_list(const list_links& links, report& found);
 
 } // namespace tarvoctl

@@ -3,7 +3,7 @@
 #include "check.hpp"
 #include "check_list.hpp"
 
-// The judgement of an area in its parts, each of the records that the lists were found to hold.
+// The checks of an area's records, for the elements that the lists were found to hold.
 
 namespace tarvoctl {
 

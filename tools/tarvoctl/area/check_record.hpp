@@ -44,7 +44,7 @@ struct list_links {
         return {elements + static_cast<size_t>(element) * element_bytes, element_bytes};
     }
     /// Everything but `next`, which is all that a free element holds.
-    std::span<const uint8_t> bytes_behind_next(int element) const {
+    std::span<const uint8_t> bytes_after_next(int element) const {
         return bytes(element).subspan(prev_offset);
     }
     int32_t next(int element) const { return link(element, next_offset); }

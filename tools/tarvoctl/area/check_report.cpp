@@ -9,7 +9,7 @@ namespace {
 struct rule_entry {
     finding_class cls;
     std::string_view name;
-    way_out out = way_out::remove_file;
+    remedy out = remedy::remove_file;
 };
 
 /// In the order of the enumeration.
@@ -45,18 +45,18 @@ constexpr rule_entry rule_table[] = {
     {finding_class::broken, "name-not-terminated"},
     {finding_class::broken, "name-empty"},
     {finding_class::tolerated, "name-twice"},
-    {finding_class::broken, "creator-not-terminated", way_out::free_chunk},
-    {finding_class::broken, "creator-empty", way_out::free_chunk},
-    {finding_class::broken, "size-zero", way_out::free_chunk},
-    {finding_class::broken, "size-not-pages", way_out::free_chunk},
+    {finding_class::broken, "creator-not-terminated", remedy::free_chunk},
+    {finding_class::broken, "creator-empty", remedy::free_chunk},
+    {finding_class::broken, "size-zero", remedy::free_chunk},
+    {finding_class::broken, "size-not-pages", remedy::free_chunk},
     {finding_class::tolerated, "address-not-page"},
     {finding_class::broken, "outside-region"},
     {finding_class::broken, "order"},
-    {finding_class::broken, "overlap", way_out::free_chunk},
+    {finding_class::broken, "overlap", remedy::free_chunk},
     {finding_class::tolerated, "overlap-under-cma"},
     {finding_class::note, "misses-device"},
 
-    {finding_class::broken, "address-twice", way_out::unregister_device},
+    {finding_class::broken, "address-twice", remedy::unregister_device},
     {finding_class::broken, "online-value"},
     {finding_class::broken, "device-out-of-range"},
     {finding_class::tolerated, "device-not-registered"},

@@ -11,8 +11,8 @@
 
 namespace tarvoctl {
 
-/// What an area is judged by. A rule's name in a finding is that of the list it was applied to and
-/// that of the rule: "ref-cycle".
+/// The rules of an area. A rule's name in a finding is that of the list it was applied to and that
+/// of the rule: "ref-cycle".
 enum class rule {
     /// The area as a whole.
     not_built,
@@ -68,7 +68,7 @@ enum class rule {
 /// What findings call the rule, applied to that list.
 std::string rule_name(rule broken_rule, area_list list);
 
-/// Collects findings and makes sure that a damaged area does not drown its reader.
+/// Collects findings: lists some of each rule and counts the others.
 class report {
   public:
     explicit report(size_t listed_per_rule) : _listed_per_rule(listed_per_rule) {}

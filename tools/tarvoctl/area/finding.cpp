@@ -41,22 +41,22 @@ std::string text_of(const place& where, const std::string& label) {
 
 namespace {
 
-std::string way_to_help(const std::vector<finding>& findings) {
-    const auto helps = [&findings](way_out out) {
+std::string best_remedy(const std::vector<finding>& findings) {
+    const auto helps = [&findings](remedy out) {
         return std::any_of(findings.begin(), findings.end(), [out](const finding& one) {
             return one.cls == finding_class::broken && one.out == out;
         });
     };
-    if (helps(way_out::remove_file)) {
+    if (helps(remedy::remove_file)) {
         return "end all programs that use it, then remove its file";
     }
     const std::string free = "free the chunk with 'tarvoctl free' and allocate it again";
     const std::string unregister =
         "unregister the device with 'tarvoctl unregister' and register it again";
-    if (helps(way_out::free_chunk) && helps(way_out::unregister_device)) {
+    if (helps(remedy::free_chunk) && helps(remedy::unregister_device)) {
         return free + "; " + unregister;
     }
-    return helps(way_out::free_chunk) ? free : unregister;
+    return helps(remedy::free_chunk) ? free : unregister;
 }
 
 bool is_any_chunk_mapped(const shared_area_t& area) {
@@ -66,7 +66,7 @@ bool is_any_chunk_mapped(const shared_area_t& area) {
 
 } // namespace
 
-std::string way_to_remove(const std::string& file) {
+std::string removal_text(const std::string& file) {
     return fmt::format("end all programs that use it, then rm {}", file);
 }
 
@@ -76,14 +76,14 @@ std::string after_devices(const std::string& step) {
            step;
 }
 
-/// What is unmapped is what the records say. Where they are broken devices may see more than that,
-/// and of any chunk: an overlap does not tell which of the two is wrong.
-std::string way_to_do(const std::string& step, const shared_area_t& area) {
+/// Only what the records say is unmapped. Where the records are broken, devices may see more than
+/// that, and of any chunk: an overlap does not show which of the two chunks is wrong.
+std::string after_devices_if_mapped(const std::string& step, const shared_area_t& area) {
     return is_any_chunk_mapped(area) ? after_devices(step) : step;
 }
 
-std::string text_of_ways_out(const std::vector<finding>& findings, const shared_area_t& area) {
-    return way_to_do(way_to_help(findings), area);
+std::string remedy_text(const std::vector<finding>& findings, const shared_area_t& area) {
+    return after_devices_if_mapped(best_remedy(findings), area);
 }
 
 } // namespace tarvoctl

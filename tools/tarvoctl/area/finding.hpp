@@ -40,7 +40,7 @@ struct place {
 std::string text_of(const place& where, const std::string& label = "");
 
 /// What helps against what repair leaves broken.
-enum class way_out {
+enum class remedy {
     remove_file,       ///< while nobody uses it: the next program builds a new one
     free_chunk,        ///< and allocate it again
     unregister_device, ///< and register it again
@@ -53,7 +53,7 @@ struct finding {
     std::string text; ///< the values found and what they mean
     /// Further findings of this rule that were counted but not listed; on the rule's last one.
     size_t unlisted = 0;
-    way_out out = way_out::remove_file; ///< where it is broken
+    remedy out = remedy::remove_file; ///< where it is broken
 };
 
 /// A step that gives up what is on record of the devices: they come first, because nothing unmaps
@@ -61,13 +61,13 @@ struct finding {
 std::string after_devices(const std::string& step);
 
 /// The step that lets the next program build an area anew.
-std::string way_to_remove(const std::string& file);
+std::string removal_text(const std::string& file);
 
 /// after_devices() where that area says that devices see any chunk; otherwise the step alone.
-std::string way_to_do(const std::string& step, const shared_area_t& area);
+std::string after_devices_if_mapped(const std::string& step, const shared_area_t& area);
 
 /// What helps against all that is broken in that area, as a sentence without its end. Removing the
 /// file helps against everything.
-std::string text_of_ways_out(const std::vector<finding>& findings, const shared_area_t& area);
+std::string remedy_text(const std::vector<finding>& findings, const shared_area_t& area);
 
 } // namespace tarvoctl

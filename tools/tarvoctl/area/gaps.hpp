@@ -36,7 +36,7 @@ struct gap {
     uint64_t pa; ///< of its first byte
     uint64_t bytes;
     const chunk_record* before; ///< null: the region's start
-    const chunk_record* behind; ///< null: the region's end
+    const chunk_record* after;  ///< null: the region's end
 };
 
 /// The pieces that are free, in ascending address; none where not all chunks could be read.

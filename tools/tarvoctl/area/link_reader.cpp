@@ -75,7 +75,7 @@ link_reader::walked link_reader::circle(int from, link way) const {
     return result;
 }
 
-void link_reader::take(std::vector<int> order, reliance source) {
+void link_reader::take(std::vector<int> order, order_source source) {
     _order = std::move(order);
     _source = source;
 }
@@ -86,7 +86,7 @@ void link_reader::join(const std::vector<int>& prefix, const std::vector<int>& s
     const std::vector<bool> known = set_of(prefix, _links.capacity);
     std::copy_if(suffix_backwards.rbegin(), suffix_backwards.rend(), std::back_inserter(joined),
                  [&](int element) { return !holds(known, element); });
-    take(std::move(joined), reliance::pieces);
+    take(std::move(joined), order_source::pieces);
     _last_forward = prefix.empty() ? -1 : prefix.back();
     _last_backward = suffix_backwards.empty() ? -1 : suffix_backwards.back();
 }
@@ -100,7 +100,7 @@ void link_reader::read_order() {
         read_from_tail();
     } else {
         const bool is_empty = _links.head == -1 && _links.tail == -1;
-        take({}, is_empty ? reliance::own_walk : reliance::pieces);
+        take({}, is_empty ? order_source::own_walk : order_source::pieces);
     }
 }
 
@@ -109,17 +109,17 @@ void link_reader::read_order() {
 void link_reader::read_between_ends() {
     walked forward = walk(_links.head, _links.tail, &list_links::next);
     if (forward.whole) {
-        take(std::move(forward.elements), reliance::own_walk);
+        take(std::move(forward.elements), order_source::own_walk);
         return;
     }
     walked backward = walk(_links.tail, _links.head, &list_links::prev);
     if (backward.whole && contains(backward.elements, forward.elements)) {
         std::reverse(backward.elements.begin(), backward.elements.end());
-        take(std::move(backward.elements), reliance::other_walk);
+        take(std::move(backward.elements), order_source::other_walk);
         return;
     }
     if (!forward.elements.empty() && _links.next(forward.elements.back()) == _links.head) {
-        take(std::move(forward.elements), reliance::own_walk);
+        take(std::move(forward.elements), order_source::own_walk);
         return;
     }
     join(forward.elements, backward.elements);
@@ -129,7 +129,7 @@ void link_reader::read_between_ends() {
 void link_reader::read_from_head() {
     walked forward = circle(_links.head, &list_links::next);
     if (forward.whole || forward.elements.size() <= 1) {
-        take(std::move(forward.elements), reliance::own_walk);
+        take(std::move(forward.elements), order_source::own_walk);
         return;
     }
     join(forward.elements, walk(_links.prev(_links.head), -1, &list_links::prev).elements);
@@ -139,15 +139,16 @@ void link_reader::read_from_head() {
 void link_reader::read_from_tail() {
     walked backward = circle(_links.tail, &list_links::prev);
     if (_links.head == -1 && backward.elements.size() <= 1) {
-        take({}, reliance::own_walk);
+        take({}, order_source::own_walk);
         return;
     }
     std::reverse(backward.elements.begin(), backward.elements.end());
-    take(std::move(backward.elements), backward.whole ? reliance::other_walk : reliance::pieces);
+    take(std::move(backward.elements),
+         backward.whole ? order_source::other_walk : order_source::pieces);
 }
 
 /// Whether a neighbour agrees to be one. Those in `no_evidence` do not count.
-bool link_reader::is_on_island(int element, const std::vector<bool>& no_evidence) const {
+bool link_reader::is_detached(int element, const std::vector<bool>& no_evidence) const {
     const auto agrees = [&](int32_t neighbour, link back) {
         return _links.has(neighbour) && neighbour != element && !holds(no_evidence, neighbour) &&
                _links.flag(neighbour) != 0 && follow(back, neighbour) == element;
@@ -156,7 +157,7 @@ bool link_reader::is_on_island(int element, const std::vector<bool>& no_evidence
            agrees(_links.prev(element), &list_links::next);
 }
 
-/// Its own links still tell where it stood, when those of its neighbours do not.
+/// Its own links still show where it stood, when those of its neighbours do not.
 bool link_reader::is_at_a_break(int element) const {
     return (_last_forward != -1 && _links.prev(element) == _last_forward) ||
            (_last_backward != -1 && _links.next(element) == _last_backward);
@@ -168,9 +169,9 @@ void link_reader::sort_out_the_rest() {
     for (int element = 0; element < _links.capacity; ++element) {
         if (_links.flag(element) != 0 && !holds(listed, element)) {
             const bool belongs =
-                is_on_island(element, _source == reliance::own_walk ? listed : none) ||
+                is_detached(element, _source == order_source::own_walk ? listed : none) ||
                 is_at_a_break(element);
-            (belongs ? _islands : _strays).push_back(element);
+            (belongs ? _detached : _unlinked).push_back(element);
         }
     }
 }

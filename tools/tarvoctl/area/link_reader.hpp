@@ -17,9 +17,9 @@ namespace tarvoctl {
 /// the tail along `prev` takes its place, and where that does, too, what both visit.
 ///
 /// Some elements off the walk are more than that and belong to the list: two that link to each
-/// other both ways, for a change concerns one element; off any walk but the library's own, one that
-/// links both ways with a listed one; and one that names the last element before a break as its
-/// neighbour. These are returned by islands().
+/// other both ways, because a change concerns one element; off any walk but the library's own, one
+/// that links both ways with a listed one; and one that names the last element before a break as
+/// its neighbour. These are returned by detached().
 class link_reader {
   public:
     /// `may_be_listed`: whether an element whose flag is lost could be one in use.
@@ -27,15 +27,15 @@ class link_reader {
 
     const std::vector<int>& order() const { return _order; }
     /// Whether one of the walks was whole, so that what is not on it is not on the list.
-    bool is_sound() const { return _source != reliance::pieces; }
+    bool is_sound() const { return _source != order_source::pieces; }
     /// In element order.
-    const std::vector<int>& islands() const { return _islands; }
-    /// Marked allocated, not on the walk, on no island.
-    const std::vector<int>& strays() const { return _strays; }
+    const std::vector<int>& detached() const { return _detached; }
+    /// Marked allocated, but neither on the walk nor detached.
+    const std::vector<int>& unlinked() const { return _unlinked; }
 
   private:
     /// What the order was taken from.
-    enum class reliance { own_walk, other_walk, pieces };
+    enum class order_source { own_walk, other_walk, pieces };
     using link = int32_t (list_links::*)(int) const;
     struct walked {
         std::vector<int> elements;
@@ -52,21 +52,21 @@ class link_reader {
     void read_between_ends();
     void read_from_head();
     void read_from_tail();
-    void take(std::vector<int> order, reliance source);
+    void take(std::vector<int> order, order_source source);
     void join(const std::vector<int>& prefix, const std::vector<int>& suffix_backwards);
     void sort_out_the_rest();
-    bool is_on_island(int element, const std::vector<bool>& no_evidence) const;
+    bool is_detached(int element, const std::vector<bool>& no_evidence) const;
     bool is_at_a_break(int element) const;
 
     const list_links& _links;
     std::function<bool(int)> _may_be_listed;
     std::vector<int> _order;
-    reliance _source = reliance::pieces;
+    order_source _source = order_source::pieces;
     /// Where the two walks broke off, if they did.
     int _last_forward = -1;
     int _last_backward = -1;
-    std::vector<int> _islands;
-    std::vector<int> _strays;
+    std::vector<int> _detached;
+    std::vector<int> _unlinked;
 };
 
 } // namespace tarvoctl

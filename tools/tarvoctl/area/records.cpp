@@ -29,7 +29,7 @@ void add_region(const chunk_list& chunks, picture& to) {
         to.region = *region;
     } else {
         to.damage.emplace_back(
-            "the two records that bound the region are damaged: it is not known where it lies");
+            "the two records that bound the region are damaged: it is unknown where it lies");
     }
 }
 
@@ -99,14 +99,14 @@ const chunk_record* picture::find(const std::string& name) const {
 }
 
 std::vector<bool> picture::duplicates() const {
-    std::unordered_map<std::string_view, int> bearers;
+    std::unordered_map<std::string_view, int> count_by_name;
     for (const auto& chunk : chunks) {
-        ++bearers[chunk.name];
+        ++count_by_name[chunk.name];
     }
     std::vector<bool> marks;
     marks.reserve(chunks.size());
     for (const auto& chunk : chunks) {
-        marks.push_back(bearers[chunk.name] > 1);
+        marks.push_back(count_by_name[chunk.name] > 1);
     }
     return marks;
 }

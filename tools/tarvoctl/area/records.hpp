@@ -43,17 +43,17 @@ struct chunk_record {
     uint64_t end_pa() const { return pa + size; } ///< one past the last byte
 };
 
-/// Why it is not known which memory is a chunk's: all that the library makes have bytes, and begin
+/// Why it is unknown which memory is a chunk's: all that the library makes have bytes, and begin
 /// and end on a page. A copy may come from a machine with larger pages: the smallest that there are
 /// count.
 std::optional<std::string> damage_to_bounds(const chunk_record& chunk);
 
 /// What is on record, at one moment.
 struct picture {
-    dma_window region;                  ///< of no bytes where the records do not tell
+    dma_window region;                  ///< empty where the records do not say
     std::vector<chunk_record> chunks;   ///< in list order, which is that of their addresses
     std::vector<device_record> devices; ///< in order of registration
-    /// Why the region is not known, or a list could not be read to its end; what was read before
+    /// Why the region is unknown, or a list could not be read to its end; what was read before
     /// is above.
     std::vector<std::string> damage;
     /// Whether the list of chunks led to its end, each link with its counterpart, and each chunk

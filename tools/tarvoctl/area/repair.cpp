@@ -83,7 +83,8 @@ class planner {
                 plan_refs(element);
             }
         }
-        _writer.set_byte(offsetof(shared_area_t, initialized), 1, {}, "built, for it is in use");
+        _writer.set_byte(offsetof(shared_area_t, initialized), 1, {},
+                         "built, because it is in use");
     }
 
     /// References to devices that cannot exist, or that are there already, mean nothing.
@@ -124,7 +125,7 @@ std::string advice_on(const std::vector<finding>& findings, const shared_area_t&
                       const std::string& repair) {
     const bool repairs = !plan_repair(area).edits.empty() && !is_of_another_region(findings);
     return repairs ? fmt::format("'{}' shows what can be done", repair)
-                   : text_of_ways_out(findings, area);
+                   : remedy_text(findings, area);
 }
 
 void apply(const repair_plan& plan, shared_area_t& area) {

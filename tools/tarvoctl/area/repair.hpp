@@ -18,7 +18,7 @@ struct repair_edit {
     place where;
     std::string why;
 
-    /// Whether this only clears what was left behind.
+    /// Whether this only clears left-over bytes.
     bool zeroes() const;
 };
 
@@ -32,7 +32,7 @@ struct repair_doubt {
 /// around what it leaves alone, and the next plan then takes that for the rest of a change.
 struct repair_plan {
     std::vector<repair_edit> edits; ///< no two of them overlap; in the order in which to apply them
-    std::vector<repair_doubt> doubts; ///< left as they are, for a person
+    std::vector<repair_doubt> doubts; ///< left as they are, to be decided by a person
 };
 
 /// Plans how to make an area whole again after a process died in the middle of a change: the change
@@ -40,7 +40,7 @@ struct repair_plan {
 /// walk (from the head along `next` to the tail) visits is taken as the truth while that walk is
 /// sound. An area that was not built yet needs nothing: the next process builds it from nothing.
 ///
-/// What check_area() still finds in the mended area is damage that no interrupted change leaves,
+/// What check_area() still finds in the repaired area is damage that no interrupted change leaves,
 /// such as a record whose text is destroyed.
 repair_plan plan_repair(const shared_area_t& area);
 

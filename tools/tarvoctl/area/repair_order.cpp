@@ -25,9 +25,9 @@ decided_list decide_unordered(const list_links& links, const may_be_listed& is_p
                               repair_plan& plan) {
     const link_reader reader(links, is_plausible);
     decided_list decided{reader.order(), {}};
-    decided.order.insert(decided.order.end(), reader.islands().begin(), reader.islands().end());
-    if (!reader.is_sound() && !reader.strays().empty()) {
-        decided.left_alone = reader.strays();
+    decided.order.insert(decided.order.end(), reader.detached().begin(), reader.detached().end());
+    if (!reader.is_sound() && !reader.unlinked().empty()) {
+        decided.left_alone = reader.unlinked();
         plan.doubts.push_back({links.list, fmt::format("{} elements, the first of them {}: {}",
                                                        decided.left_alone.size(),
                                                        decided.left_alone.front(), cut_off)});
@@ -49,7 +49,7 @@ bool is_named(const list_links& links, const std::vector<int>& order, int elemen
 /// have lost their mark.
 void doubt_unmarked(const list_links& links, decided_list& decided, repair_plan& plan) {
     for (int element = 0; element < links.capacity; ++element) {
-        if (links.flag(element) == 0 && !is_zero(links.bytes_behind_next(element)) &&
+        if (links.flag(element) == 0 && !is_zero(links.bytes_after_next(element)) &&
             is_named(links, decided.order, element)) {
             plan.doubts.push_back({links.at(element),
                                    "the list names it, but it is not marked allocated and its "
@@ -82,8 +82,8 @@ namespace {
 class address_ranges {
   public:
     bool overlap(uint64_t first, uint64_t end) const {
-        const auto behind = _end_by_first.lower_bound(end);
-        return behind != _end_by_first.begin() && std::prev(behind)->second > first;
+        const auto above = _end_by_first.lower_bound(end);
+        return above != _end_by_first.begin() && std::prev(above)->second > first;
     }
 
     void add(uint64_t first, uint64_t end) {
@@ -116,11 +116,11 @@ class chunk_decision {
     decided_list decide() {
         const link_reader reader(_links, [this](int chunk) { return is_filled(chunk); });
         take_order(reader);
-        for (const int chunk : reader.islands()) {
+        for (const int chunk : reader.detached()) {
             put_back(chunk);
         }
         if (!reader.is_sound()) {
-            judge_strays(reader.strays());
+            doubt_unlinked(reader.unlinked());
         }
         sort();
         return std::move(_decided);
@@ -181,8 +181,8 @@ class chunk_decision {
         }
     }
 
-    void judge_strays(const std::vector<int>& strays) {
-        for (const int chunk : strays) {
+    void doubt_unlinked(const std::vector<int>& unlinked) {
+        for (const int chunk : unlinked) {
             if (is_filled(chunk)) {
                 doubt(chunk, cut_off);
             }

@@ -11,7 +11,8 @@ namespace tarvoctl {
 
 struct decided_list {
     std::vector<int> order;
-    /// Elements that are neither listed nor given back, because nobody can tell what they are.
+    /// Elements that are neither listed nor given back, because the bytes do not show what they
+    /// are.
     std::vector<int> left_alone;
 };
 

@@ -80,8 +80,8 @@ void plan_writer::clear(size_t offset, size_t bytes, place where, std::string_vi
     }
     const auto holds_something = [](uint8_t byte) { return byte != 0; };
     const auto first = std::find_if(field.begin(), field.end(), holds_something);
-    const auto behind = std::find_if(field.rbegin(), field.rend(), holds_something).base();
-    const std::vector<uint8_t> zeros(static_cast<size_t>(behind - first));
+    const auto end = std::find_if(field.rbegin(), field.rend(), holds_something).base();
+    const std::vector<uint8_t> zeros(static_cast<size_t>(end - first));
     write(offset + static_cast<size_t>(first - field.begin()), zeros, where, why);
 }
 

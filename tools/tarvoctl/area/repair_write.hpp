@@ -17,8 +17,8 @@ class plan_writer {
 
     /// Links the elements in that order, gives all others back and completes the free chain.
     void write_list(const list_links& links, const decided_list& decided);
-    /// The same, but a list that needs many edits gets a single one: a plan of millions of edits
-    /// helps nobody.
+    /// The same, but a list that needs many edits gets a single one: nobody can read
+    /// a plan of millions of edits.
     void write_small_list(const list_links& links, const decided_list& decided);
     void set_byte(size_t offset, uint8_t value, place where, std::string_view why);
 

@@ -13,8 +13,8 @@
 #include <memory>
 #include <optional>
 
-// What the library answers about addresses by ending the process when they are wrong is answered
-// here from the records alone, by the library's own arithmetic.
+// Answered from the records alone, by the library's own arithmetic: for a wrong address the library
+// would end the process.
 
 namespace tarvoctl {
 
@@ -61,7 +61,7 @@ std::string region_text(const dma_window& region) {
 
 [[noreturn]] void refuse_outside(const std::string& address, const char* kind,
                                  const picture& records, const area_source& source) {
-    const bool is_sound = told_damage(records.damage, source) == exit_status::good;
+    const bool is_sound = report_damage(records.damage, source) == exit_status::good;
     throw failure{is_sound ? exit_status::usage : exit_status::damaged,
                   fmt::format("{} address {} is not in the region; {}", kind, address,
                               region_text(records.region))};
@@ -131,7 +131,7 @@ exit_status find(const address_options& options) {
         fmt::print("DMA {} is {}\n", dma_text(static_cast<uint32_t>(dma)),
                    place_text(*pa, records));
     }
-    const exit_status read = told_damage(records.damage, options.source);
+    const exit_status read = report_damage(records.damage, options.source);
     const bool found = !owners_of(*pa, records).empty();
     return read == exit_status::good && !found ? exit_status::finding : read;
 }
@@ -144,7 +144,7 @@ exit_status translate(const address_options& options) {
     } else {
         fmt::print("{}, {}\n", address_text(pa, records.region), place_text(pa, records));
     }
-    return told_damage(records.damage, options.source);
+    return report_damage(records.damage, options.source);
 }
 
 exit_status limits(const address_options& options) {
@@ -162,7 +162,7 @@ exit_status limits(const address_options& options) {
                    size_with_bytes(region.end_pa - region.first_pa),
                    size_with_bytes(tarvo_get_overhead()));
     }
-    return told_damage(records.damage, options.source);
+    return report_damage(records.damage, options.source);
 }
 
 using question = exit_status (*)(const address_options&);

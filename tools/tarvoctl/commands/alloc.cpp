@@ -71,7 +71,7 @@ void check_new_chunk(const std::string& name, uint32_t size, const picture& reco
     check_memory(here, size, records);
 }
 
-/// Why the library gave nothing, as far as it can be told after it.
+/// Why the library gave nothing, as far as the records show afterwards.
 failure refusal(const std::string& name, uint32_t size, const picture& records) {
     const bool is_cma = find_site().is_cma();
     if (const auto obstacle = obstacle_to(size, records, is_cma)) {
@@ -110,13 +110,13 @@ void print_chunk(const chunk_record& chunk, const picture& records, bool is_shar
     }
 }
 
-uint32_t alloc_unbroken(const alloc_options& options, uint32_t size) {
-    const change_of_records unbroken;
+uint32_t alloc_uninterrupted(const alloc_options& options, uint32_t size) {
+    const change_of_records uninterrupted;
     return tarvo_alloc_func(options.name.c_str(), size, options.creator.c_str());
 }
 
 exit_status call_alloc(const alloc_options& options, uint32_t size, const picture& before) {
-    const uint32_t dma = alloc_unbroken(options, size);
+    const uint32_t dma = alloc_uninterrupted(options, size);
     const picture after = read_picture({{}, options.timeout});
     if (dma == 0) {
         throw refusal(options.name, size, after);

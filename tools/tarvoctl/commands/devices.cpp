@@ -96,7 +96,7 @@ exit_status devices(const devices_options& options) {
     } else {
         print_as_table(records, references_in(records));
     }
-    return told_damage(records.damage, options.source);
+    return report_damage(records.damage, options.source);
 }
 
 } // namespace

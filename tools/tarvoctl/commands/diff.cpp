@@ -43,8 +43,8 @@ exit_status diff(const diff_options& options) {
             fmt::print("{}\n", change_text(each));
         }
     }
-    const exit_status read_before = told_damage(before.damage, options.before);
-    const exit_status read_after = told_damage(after.damage, options.after);
+    const exit_status read_before = report_damage(before.damage, options.before);
+    const exit_status read_after = report_damage(after.damage, options.after);
     if (read_before != exit_status::good || read_after != exit_status::good) {
         return exit_status::damaged;
     }

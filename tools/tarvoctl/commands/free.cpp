@@ -73,13 +73,13 @@ void print_outcome(const chunk_record& chunk, const picture& records,
     print_json(document);
 }
 
-int free_unbroken(const std::string& name) {
-    const change_of_records unbroken;
+int free_uninterrupted(const std::string& name) {
+    const change_of_records uninterrupted;
     return tarvo_free(name.c_str());
 }
 
 exit_status call_free(const free_options& options) {
-    if (free_unbroken(options.name) == 0) {
+    if (free_uninterrupted(options.name) == 0) {
         return exit_status::good;
     }
     const picture records = read_picture({{}, options.timeout});
@@ -90,7 +90,7 @@ exit_status call_free(const free_options& options) {
 
 exit_status free_chunk(const free_options& options) {
     check_chunk_name(options.name);
-    const picture records = ready_area(options.timeout, way_out::free_chunk);
+    const picture records = ready_area(options.timeout, remedy::free_chunk);
     const auto called = chunks_called(options.name, records);
     const chunk_record& chunk = *called.front();
     const mapped_memory memory = mappings_of(find_site());

@@ -37,8 +37,8 @@ void check_region(const dma_window& region) {
 }
 
 /// `prot`: what the device may do now; empty: nothing any more.
-exit_status told(const char* command, int result, const device_record& device,
-                 const iommu_options& options, const std::string& prot) {
+exit_status report_request(const char* command, int result, const device_record& device,
+                           const iommu_options& options, const std::string& prot) {
     if (result != 0) {
         throw failure{
             exit_status::finding,
@@ -69,7 +69,7 @@ exit_status iommu_map(const iommu_options& options) {
     return in_started_library(options.timeout, [&] {
         const int result =
             tarvo_iommu_map(device.domain, device.bus, device.devfn, prot_of(options.prot));
-        return told("iommu-map", result, device, options, options.prot);
+        return report_request("iommu-map", result, device, options, options.prot);
     });
 }
 
@@ -86,7 +86,7 @@ exit_status iommu_unmap(const iommu_options& options) {
     }
     return in_started_library(options.timeout, [&] {
         const int result = tarvo_iommu_unmap(device.domain, device.bus, device.devfn);
-        return told("iommu-unmap", result, device, options, "");
+        return report_request("iommu-unmap", result, device, options, "");
     });
 }
 

@@ -21,16 +21,16 @@ struct leaks_options {
     bool json = false;
 };
 
-/// A chunk that nobody seems to need any more, and what speaks for and against that.
-struct suspect {
+/// A chunk that nobody seems to need any more, with the reasons for and against that.
+struct suspected_leak {
     const chunk_record* chunk;
     std::vector<std::string> reasons;
     std::vector<std::string> doubts;
 };
 
-class detective {
+class leak_search {
   public:
-    detective(const picture& records, const mapped_memory& memory, process_table& processes)
+    leak_search(const picture& records, const mapped_memory& memory, process_table& processes)
         : _records{records}, _processes{processes}, _seen_only{seen_only_text(memory)} {
         for (const auto& mapping : memory.mappings) {
             if (!shows_all_of(mapping, records.region)) {
@@ -41,8 +41,8 @@ class detective {
         }
     }
 
-    std::vector<suspect> suspects() {
-        std::vector<suspect> found;
+    std::vector<suspected_leak> suspects() {
+        std::vector<suspected_leak> found;
         for (const auto& chunk : _records.chunks) {
             if (!is_mapped(chunk) && !_programs.may_include(chunk.creator)) {
                 found.push_back({&chunk, reasons_of(chunk), doubts_of(chunk)});
@@ -52,7 +52,7 @@ class detective {
     }
 
   private:
-    /// Mappings of the whole region show every chunk, and so tell nothing of any.
+    /// Mappings of the whole region show every chunk, and so say nothing about any.
     bool is_mapped(const chunk_record& chunk) const {
         return std::any_of(_partial.begin(), _partial.end(), [&chunk](const auto* mapping) {
             return shown_of(*mapping, chunk.pa, chunk.end_pa()).has_value();
@@ -109,7 +109,7 @@ class detective {
     std::vector<pid_t> _whole_region;
 };
 
-uint64_t bytes_of(const std::vector<suspect>& found) {
+uint64_t bytes_of(const std::vector<suspected_leak>& found) {
     uint64_t bytes = 0;
     for (const auto& each : found) {
         bytes += each.chunk->size;
@@ -124,23 +124,25 @@ void print_reasons(const char* heading, const std::vector<std::string>& reasons)
 }
 
 /// The largest, in ascending address as before.
-void keep_largest(std::vector<suspect>& found, size_t most) {
-    std::stable_sort(found.begin(), found.end(), [](const suspect& a, const suspect& b) {
-        return a.chunk->size > b.chunk->size;
-    });
+void keep_largest(std::vector<suspected_leak>& found, size_t most) {
+    std::stable_sort(found.begin(), found.end(),
+                     [](const suspected_leak& a, const suspected_leak& b) {
+                         return a.chunk->size > b.chunk->size;
+                     });
     found.resize(std::min(found.size(), most));
-    std::sort(found.begin(), found.end(),
-              [](const suspect& a, const suspect& b) { return a.chunk->pa < b.chunk->pa; });
+    std::sort(found.begin(), found.end(), [](const suspected_leak& a, const suspected_leak& b) {
+        return a.chunk->pa < b.chunk->pa;
+    });
 }
 
 /// The summary comes last, where it is seen on a terminal that scrolls.
-void print_for_people(const std::vector<suspect>& found, bool all) {
+void print_for_people(const std::vector<suspected_leak>& found, bool all) {
     constexpr size_t most_listed = 20;
     if (found.empty()) {
         fmt::print("No suspects: of every chunk, a process has it mapped or its creator runs\n");
         return;
     }
-    std::vector<suspect> listed = found;
+    std::vector<suspected_leak> listed = found;
     if (!all) {
         keep_largest(listed, most_listed);
     }
@@ -159,7 +161,7 @@ void print_for_people(const std::vector<suspect>& found, bool all) {
                counted(found.size(), "suspect"), size_text(bytes_of(found)));
 }
 
-void print_as_json(const std::vector<suspect>& found, const picture& records,
+void print_as_json(const std::vector<suspected_leak>& found, const picture& records,
                    const mapped_memory& memory) {
     json suspects = json::array();
     for (const auto& each : found) {
@@ -178,11 +180,11 @@ void print_as_json(const std::vector<suspect>& found, const picture& records,
 
 exit_status leaks(const leaks_options& options) {
     // In this order: the program of a chunk that is on record was there before the look at the
-    // processes. The other way round every chunk made in between would be a suspect.
+    // processes. The other way round every chunk made in between would be suspected.
     const picture records = read_picture(options.source);
     const mapped_memory memory = mappings_of(find_site());
     process_table processes;
-    const auto found = detective{records, memory, processes}.suspects();
+    const auto found = leak_search{records, memory, processes}.suspects();
     if (options.json) {
         print_as_json(found, records, memory);
     } else {
@@ -191,7 +193,7 @@ exit_status leaks(const leaks_options& options) {
             fmt::print(stderr, "tarvoctl: {}\n", unseen_text(memory, processes));
         }
     }
-    const exit_status damage = told_damage(records.damage, options.source);
+    const exit_status damage = report_damage(records.damage, options.source);
     return damage == exit_status::good && !found.empty() ? exit_status::finding : damage;
 }
 

@@ -137,7 +137,7 @@ void print_as_table(const picture& records, const list_options& options) {
         lines.add(std::move(row));
     }
     fmt::print("{}", lines.text(!options.no_header));
-    tell_duplicates(records, "");
+    report_duplicates(records, "");
 }
 
 void print_as_json(const picture& records, const list_options& options) {
@@ -162,7 +162,7 @@ exit_status list(const list_options& options) {
     } else {
         print_as_table(records, options);
     }
-    return told_damage(records.damage, options.source);
+    return report_damage(records.damage, options.source);
 }
 
 } // namespace

@@ -33,7 +33,7 @@ const char* role_text(lock_role role) {
 
 std::string heading_of(const lock_state& lock, process_table& processes) {
     if (!lock.exists) {
-        return "free, for the file is not there";
+        return "free, because the file is missing";
     }
     if (!lock.held) {
         return "free";

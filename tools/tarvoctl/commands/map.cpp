@@ -40,7 +40,7 @@ bool driver_chooses_places(const map_options& options) {
 struct fit_answer {
     uint32_t size; ///< rounded to whole pages
     bool driver_chooses;
-    std::optional<std::string> damage;   ///< why that is not known
+    std::optional<std::string> damage;   ///< why that is unknown
     std::optional<std::string> obstacle; ///< why it cannot be had
     std::optional<gap> place;            ///< where nothing is in the way
 };
@@ -66,7 +66,7 @@ std::string name_before(const gap& place) {
 
 void print_fit(const fit_answer& answer, const picture& records) {
     if (answer.damage) {
-        fmt::print("{}: where it would go is not known, because {}\n", size_text(answer.size),
+        fmt::print("{}: where it would go is unknown, because {}\n", size_text(answer.size),
                    *answer.damage);
     } else if (answer.obstacle) {
         fmt::print("does not fit: {}\n", *answer.obstacle);
@@ -88,7 +88,7 @@ std::string text_of(const piece& each) {
     case piece_state::used:
         return shown_name(each.owner->name);
     case piece_state::unknown:
-        return "not known";
+        return "unknown";
     case piece_state::overlapping:
         break;
     }
@@ -139,8 +139,8 @@ std::string totals_text(const picture& records, const std::vector<gap>& gaps,
                         const free_space& free) {
     const uint64_t bytes = records.region.end_pa - records.region.first_pa;
     if (!records.all_chunks) {
-        return fmt::format("how much of {} is free is not known; {} could be read",
-                           size_text(bytes), counted(records.chunks.size(), "chunk"));
+        return fmt::format("how much of {} is free is unknown; {} could be read", size_text(bytes),
+                           counted(records.chunks.size(), "chunk"));
     }
     const auto [total, region, largest] =
         size_texts<3>({free.total_bytes, bytes, free.largest_bytes});
@@ -229,8 +229,8 @@ void write_svg(const map_options& options, const std::string& text) {
 }
 
 /// Damage to the places that does not keep the lists from being read counts as well.
-std::vector<std::string> told_with(const std::optional<std::string>& damage,
-                                   const picture& records) {
+std::vector<std::string> reported_damage(const std::optional<std::string>& damage,
+                                         const picture& records) {
     return damage && records.damage.empty() ? std::vector{*damage} : records.damage;
 }
 
@@ -271,7 +271,7 @@ exit_status map(const map_options& options) {
     } else if (!svg_is_output(options)) {
         print_as_text(records, gaps, free);
     }
-    const exit_status read = told_damage(told_with(damage, records), options.source);
+    const exit_status read = report_damage(reported_damage(damage, records), options.source);
     const bool refused = fit && (fit->driver_chooses || fit->obstacle);
     return read == exit_status::good && refused ? exit_status::finding : read;
 }

@@ -66,8 +66,8 @@ void check_room(const device_record& device, const picture& before) {
 }
 
 /// What became of it, whatever the call returned.
-exit_status tell_registered(const register_options& options, const device_record& wanted,
-                            bool was_registered, bool accepted) {
+exit_status report_registered(const register_options& options, const device_record& wanted,
+                              bool was_registered, bool accepted) {
     const picture records = read_picture({{}, options.timeout});
     const device_record* const device = registered(wanted, records);
     if (device == nullptr) {
@@ -99,8 +99,8 @@ exit_status tell_registered(const register_options& options, const device_record
     return exit_status::finding;
 }
 
-bool register_unbroken(const device_record& device) {
-    const change_of_records unbroken;
+bool register_uninterrupted(const device_record& device) {
+    const change_of_records uninterrupted;
     return tarvo_register_device(device.domain, device.bus, device.devfn) == 0;
 }
 
@@ -110,7 +110,7 @@ exit_status register_device(const register_options& options) {
     check_room(device, before);
     const bool was_registered = registered(device, before) != nullptr;
     return in_started_library(options.timeout, [&] {
-        return tell_registered(options, device, was_registered, register_unbroken(device));
+        return report_registered(options, device, was_registered, register_uninterrupted(device));
     });
 }
 
@@ -140,7 +140,7 @@ std::vector<std::string> effects_of(const device_record& device,
 }
 
 exit_status call_unregister(const device_record& device) {
-    const change_of_records unbroken;
+    const change_of_records uninterrupted;
     if (tarvo_unregister_device(device.domain, device.bus, device.devfn) == 0) {
         return exit_status::good;
     }
@@ -151,7 +151,7 @@ exit_status call_unregister(const device_record& device) {
 
 exit_status unregister_device(const register_options& options) {
     const device_record wanted = parse_device(options.device);
-    const picture records = ready_area(options.timeout, way_out::unregister_device);
+    const picture records = ready_area(options.timeout, remedy::unregister_device);
     const device_record* const device = registered(wanted, records);
     if (device == nullptr) {
         throw failure{exit_status::usage,

@@ -130,9 +130,8 @@ void print_as_json(const planned_repair& planned, const std::string& backup) {
     print_json(document);
 }
 
-/// Processes that have the library started may be in the middle of what is about to be mended.
-/// Those that not even root can look into are told of, but would speak against every repair for
-/// ever.
+/// Processes that have the library started may be in the middle of a change. Those that not even
+/// root can look into are reported, but prevent nothing: they would prevent every repair.
 void refuse_while_in_use(const repair_options& options) {
     if (!options.source.is_live() || options.force) {
         return;
@@ -143,13 +142,13 @@ void refuse_while_in_use(const repair_options& options) {
     if (!memory.users.empty()) {
         throw failure{
             exit_status::finding,
-            fmt::format("not repaired, for the library is started in other processes: {}; "
+            fmt::format("not repaired, because the library is started in other processes: {}; "
                         "end them first, or --force",
                         processes_text(memory.users, processes))};
     }
     if (memory.root_would_see_more()) {
         throw failure{exit_status::finding,
-                      fmt::format("not repaired, for the library may be started in other "
+                      fmt::format("not repaired, because the library may be started in other "
                                   "processes: {}, or --force",
                                   unseen)};
     }
@@ -158,23 +157,23 @@ void refuse_while_in_use(const repair_options& options) {
     }
 }
 
-/// Mended lists look whole: what was left alone would be taken for leftovers by the next repair.
-void refuse_while_in_doubt(const repair_options& options, const repair_plan& plan) {
+/// Repaired lists look whole: the next repair would take what was left alone for leftovers.
+void refuse_undecided(const repair_options& options, const repair_plan& plan) {
     if (plan.doubts.empty() || options.partly) {
         return;
     }
     throw failure{
         exit_status::damaged,
-        fmt::format("not repaired: a person has to decide first about {}, which could not "
-                    "be told from leftovers afterwards; --partly repairs the rest all "
-                    "the same",
+        fmt::format("not repaired: a person has to decide first about {}, because the next "
+                    "repair could not tell them from leftovers; --partly repairs the rest "
+                    "all the same",
                     counted(plan.doubts.size(), "place"))};
 }
 
 /// Makes the changes, unless the area is no longer what they were planned for. Nothing else is done
 /// under the lock: everybody waits for it.
-void mend(const repair_options& options, const repair_plan& plan, const shared_area_t& planned_for,
-          const mapped_area& mapped) {
+void apply_under_lock(const repair_options& options, const repair_plan& plan,
+                      const shared_area_t& planned_for, const mapped_area& mapped) {
     const cross_process_lock lock{options.source.is_live() ? find_site().locks
                                                            : std::vector<std::string>{},
                                   options.source.timeout};
@@ -195,7 +194,7 @@ std::string carry_out(const repair_options& options, const repair_plan& plan,
                 "--backup FILE puts it where there is room"},
                planned_for);
     try {
-        mend(options, plan, planned_for, mapped);
+        apply_under_lock(options, plan, planned_for, mapped);
     } catch (const failure&) {
         ::unlink(backup.c_str()); // of an area that is as it was
         throw;
@@ -203,9 +202,9 @@ std::string carry_out(const repair_options& options, const repair_plan& plan,
     return backup;
 }
 
-/// Makes the changes, unless something or somebody speaks against them.
+/// Makes the changes, unless something prevents them or nobody agrees.
 std::string carry_out_if_agreed(const repair_options& options, const planned_repair& planned) {
-    refuse_while_in_doubt(options, planned.plan);
+    refuse_undecided(options, planned.plan);
     refuse_while_in_use(options);
     const std::string question =
         fmt::format("make {}?", counted(planned.plan.edits.size(), "change"));
@@ -225,7 +224,7 @@ void print_end(const planned_repair& planned, const std::string& backup) {
     }
     if (!planned.rest.empty()) {
         fmt::print("to get rid of what stays broken, {}\n",
-                   text_of_ways_out(planned.rest, planned.area));
+                   remedy_text(planned.rest, planned.area));
     }
 }
 

@@ -70,7 +70,7 @@ surroundings around(const chunk_record& chunk, const picture& records) {
 std::string neighbour(const chunk_record* chunk, const char* region_end,
                       std::optional<uint64_t> gap_bytes) {
     if (!gap_bytes) {
-        return "not known";
+        return "unknown";
     }
     const std::string who = chunk == nullptr ? region_end : shown_name(chunk->name);
     return fmt::format("{}, {} between", who, size_text(*gap_bytes));
@@ -195,7 +195,7 @@ exit_status show(const show_options& options) {
     }
     (options.json ? print_all_as_json : print_all_as_text)(chunks, records,
                                                            memory ? &*memory : nullptr);
-    return told_damage(records.damage, options.source);
+    return report_damage(records.damage, options.source);
 }
 
 } // namespace

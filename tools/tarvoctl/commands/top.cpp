@@ -19,7 +19,8 @@ namespace tarvoctl {
 namespace {
 
 struct top_options {
-    area_source source{{}, std::chrono::seconds{1}}; // a screen that stands still says nothing
+    area_source source{{},
+                       std::chrono::seconds{1}}; // not longer: the screen stands still meanwhile
     std::chrono::milliseconds interval{1000};
 };
 
@@ -110,7 +111,7 @@ class live_view {
     std::optional<picture> _records; ///< as they were seen last
     mapped_memory _memory;           ///< as it was seen then
     std::string _title;
-    std::string _mark; ///< behind it: why there are no newer records
+    std::string _mark; ///< after it: why there are no newer records
     top_order _order = top_order::size;
     size_t _shifted = 0; ///< columns
     size_t _first = 0;   ///< chunk on the page
@@ -121,7 +122,7 @@ exit_status live(const top_options& options) {
     using clock = std::chrono::steady_clock;
     area_follower follower{options.source};
     live_view view;
-    // Before the screen is taken, so that an area that cannot be read is told in the usual way.
+    // Before the screen is taken, so that an area that cannot be read is reported in the usual way.
     view.take(follower.look());
     live_screen screen;
     for (auto next_look = clock::now() + options.interval;;) {
@@ -146,7 +147,7 @@ exit_status one_page(const top_options& options) {
     fmt::print(
         "{}",
         top_page({records, mappings_of(here), title_of(here.area, ""), standard_screen(), 0}).text);
-    return told_damage(records.damage, options.source);
+    return report_damage(records.damage, options.source);
 }
 
 exit_status top(const top_options& options) {

@@ -41,43 +41,43 @@ void end_well_when_interrupted() {
     ::sigaction(SIGTERM, &act, nullptr);
 }
 
-/// Tells one line after the other, each with the time at which it was noticed.
+/// Prints one line after the other, each with the time at which it was noticed.
 class reporter {
   public:
     explicit reporter(bool as_json) : _as_json{as_json} {}
 
-    void tell(const change& each) const {
+    void print(const change& each) const {
         if (_as_json) {
-            tell_json(json_change(each));
+            print_document(json_change(each));
         } else {
-            tell_text(change_text(each));
+            print_line(change_text(each));
         }
     }
 
     /// What became of the area itself: `word` is "found", "gone" or "replaced".
-    void tell_area(const char* word, const area_look& look) const {
+    void print_area(const char* word, const area_look& look) const {
         const size_t chunks = look.records ? look.records->chunks.size() : 0;
         const size_t devices = look.records ? look.records->devices.size() : 0;
         if (_as_json) {
-            tell_json({{"change", fmt::format("area_{}", word)},
-                       {"area", look.area},
-                       {"chunk_count", chunks},
-                       {"device_count", devices}});
+            print_document({{"change", fmt::format("area_{}", word)},
+                            {"area", look.area},
+                            {"chunk_count", chunks},
+                            {"device_count", devices}});
         } else if (look.records) {
-            tell_text(fmt::format("area {:<7}  {}: {}, {}", word, look.area,
-                                  counted(chunks, "chunk"), counted(devices, "device")));
+            print_line(fmt::format("area {:<7}  {}: {}, {}", word, look.area,
+                                   counted(chunks, "chunk"), counted(devices, "device")));
         } else {
-            tell_text(fmt::format("area {:<7}  {}", word, look.area));
+            print_line(fmt::format("area {:<7}  {}", word, look.area));
         }
     }
 
-    void tell_damage(const std::vector<std::string>& damage) const {
+    void print_damage(const std::vector<std::string>& damage) const {
         if (_as_json) {
-            tell_json({{"change", "damaged"}, {"damage", damage}});
+            print_document({{"change", "damaged"}, {"damage", damage}});
         }
         for (const auto& each : damage) {
             if (!_as_json) {
-                tell_text(fmt::format("{:<12}  {}", "damaged", each));
+                print_line(fmt::format("{:<12}  {}", "damaged", each));
             }
         }
     }
@@ -91,12 +91,12 @@ class reporter {
             std::chrono::duration_cast<std::chrono::milliseconds>(since).count());
     }
 
-    static void tell_text(const std::string& text) {
+    static void print_line(const std::string& text) {
         fmt::print("{}  {}\n", exact_time_text(now()), text);
         flush_output();
     }
 
-    static void tell_json(const json& what) {
+    static void print_document(const json& what) {
         const auto time = now();
         json document = json_document("watch");
         document["time"] =
@@ -123,7 +123,7 @@ class watcher {
         case area_look::state::locked:
             remark(look.obstacle + ". Waiting", "the lock"); // whoever holds it by now
             break;
-        case area_look::state::changing: // half a change would be told as one
+        case area_look::state::changing: // half a change would be reported as one
             remark("the area changed during every reading without its lock. Waiting");
             break;
         default:
@@ -135,7 +135,7 @@ class watcher {
   private:
     void take_absence(const area_look& look) {
         if (_present) {
-            _report.tell_area("gone", look);
+            _report.print_area("gone", look);
         }
         _present = false;
         _last = {};
@@ -149,21 +149,22 @@ class watcher {
         }
         if (look.records->damage != _damage) {
             _damage = look.records->damage;
-            _report.tell_damage(_damage);
+            _report.print_damage(_damage);
         }
         if (!_damage.empty()) { // what cannot be read is not gone
             return;
         }
         for (const auto& each : changes_between(_last, *look.records)) {
-            _report.tell(each);
+            _report.print(each);
         }
         _last = std::move(*look.records);
     }
 
-    /// What is there at the start is no change. What is in an area that is made later, is.
+    /// What is there at the start counts as no change. The content of an area that is made later
+    /// does.
     void take_new_area(const area_look& look) {
         remark_on_region(look.records->region);
-        _report.tell_area(_present ? "replaced" : "found", look);
+        _report.print_area(_present ? "replaced" : "found", look);
         _last = _started ? picture{} : *look.records;
         _started = true;
         _present = true;
@@ -172,7 +173,7 @@ class watcher {
 
     void remark(const std::string& text) { remark(text, text); }
 
-    /// Tells people once what goes on, on standard error; "" when it is over. Texts about the same
+    /// Reports once what goes on, on standard error; "" when it is over. Texts about the same
     /// obstacle are reported once.
     void remark(const std::string& text, const std::string& about) {
         if (about != _obstacle && !text.empty()) {
@@ -184,7 +185,7 @@ class watcher {
     reporter _report;
     bool _started = false;
     bool _present = false;
-    picture _last{}; ///< the records as they were told last
+    picture _last{}; ///< the records as they were reported last
     std::vector<std::string> _damage;
     std::string _obstacle;
 };

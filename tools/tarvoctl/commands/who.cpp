@@ -165,7 +165,7 @@ void print_remarks(const answer& found, const picture& records, const std::strin
         fmt::print(stderr, "tarvoctl: (freed): the mapping outlives its chunk, and shows whatever "
                            "is put there next; the process should unmap it\n");
     }
-    tell_duplicates(records, only);
+    report_duplicates(records, only);
 }
 
 void print_as_table(const answer& found, const picture& records, const mapped_memory& memory,
@@ -245,7 +245,7 @@ exit_status who(const who_options& options) {
             fmt::print(stderr, "tarvoctl: {}\n", unseen_text(memory, processes));
         }
     }
-    const exit_status damage = told_damage(records.damage, options.source);
+    const exit_status damage = report_damage(records.damage, options.source);
     const bool nobody = !options.name.empty() && !is_mapped(found);
     return damage == exit_status::good && nobody ? exit_status::finding : damage;
 }

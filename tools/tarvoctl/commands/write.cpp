@@ -61,8 +61,8 @@ size_t read_some(std::byte* to, size_t room) {
     return static_cast<size_t>(count);
 }
 
-exit_status told_written(const char* command, const chunk_window& window, size_t bytes,
-                         bool as_json) {
+exit_status report_written(const char* command, const chunk_window& window, size_t bytes,
+                           bool as_json) {
     if (as_json) {
         json document = json_document(command);
         add_text(document, "name", window.name);
@@ -93,7 +93,7 @@ exit_status copy_input(const chunk_window& window, bool as_json) {
                                       shown(window.name), size_text(written), window.offset)};
         }
     }
-    return told_written("write", window, written, as_json);
+    return report_written("write", window, written, as_json);
 }
 
 exit_status write_chunk(const write_options& options) {
@@ -116,7 +116,7 @@ exit_status fill_chunk(const write_options& options) {
     return in_library(options.timeout, [&] {
         const std::span<std::byte> target = map_window(window, true);
         std::fill(target.begin(), target.end(), value);
-        return told_written("fill", window, target.size(), options.json);
+        return report_written("fill", window, target.size(), options.json);
     });
 }
 

@@ -39,13 +39,13 @@ void report_region(const dma_window& in_area, bool is_another, const shared_area
     const auto expected = here.region();
     const std::string text = "made for the region " + pa_range(in_area.first_pa, in_area.end_pa);
     if (!expected) {
-        report.add(verdict::note, here.area, text + "; what this machine has is not known");
+        report.add(verdict::note, here.area, text + "; what this machine has is unknown");
     } else if (is_another) {
         report.add_damage(here.area,
                           fmt::format("{}, but this machine has {}: it is left over from "
                                       "another region, and the library does not notice",
                                       text, pa_range(expected->first_pa, expected->end_pa)),
-                          way_to_do(way_to_remove(here.area), area));
+                          after_devices_if_mapped(removal_text(here.area), area));
     } else {
         report.add(verdict::ok, here.area, text + ", which is this machine's");
     }
@@ -116,7 +116,7 @@ void diagnose_whole(const site& here, health_report& report) {
 
 void diagnose_area(const site& here, health_report& report) {
     struct stat file {};
-    // What is missing, no plain file or too short was told with the files.
+    // A file that is missing, not regular or too short was reported with the files.
     if (::stat(here.area.c_str(), &file) != 0 || !S_ISREG(file.st_mode) ||
         file.st_size < static_cast<off_t>(sizeof(shared_area_t))) {
         if (here.simulation) {

@@ -52,7 +52,7 @@ bool diagnose_kind(const expected_file& expected, health_report& report) {
             report.add(verdict::note, path,
                        expected.role + " is not there yet: the first program that needs it makes "
                                        "it");
-        } else if (errno != ENOTDIR) { // which was told of the folder
+        } else if (errno != ENOTDIR) { // which was reported of the folder
             report.add(verdict::warning, path,
                        fmt::format("{}: {}", expected.role, error_text(errno)), run_as_root);
         }
@@ -76,7 +76,7 @@ bool diagnose_kind(const expected_file& expected, health_report& report) {
     if (!link.empty()) {
         report.add(verdict::warning, path,
                    fmt::format("{} is a link, to {}: processes that reach the same file by another "
-                               "path still share it, but removing the link parts them",
+                               "path still share it, but removing the link separates them",
                                expected.role, link),
                    fmt::format("end all programs that use it, then mv {} {}",
                                shown(std::filesystem::canonical(path, unread).string()), path));

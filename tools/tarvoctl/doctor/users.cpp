@@ -56,7 +56,7 @@ void diagnose_sides(const site& here, const mapped_memory& memory, const lock_pi
     if (!with.empty() && !without.empty()) {
         report.add(
             verdict::error, here.area,
-            fmt::format("its users take two different locks and so are not kept apart: with "
+            fmt::format("its users take two different locks and so do not exclude each other: with "
                         "{0} {1}; without it {2}",
                         simulation_variable, processes_text(with, processes),
                         processes_text(without, processes)),
@@ -76,7 +76,7 @@ void diagnose_sides(const site& here, const mapped_memory& memory, const lock_pi
     if (here.simulation && tool_differs) {
         report.add(verdict::warning, "environment",
                    fmt::format("programs started from here take {}, those that run take another "
-                               "lock: they would not be kept apart",
+                               "lock: they would not exclude each other",
                                here.own_lock),
                    fmt::format("{} {} here, as for the others",
                                simulation_is_asked_for() ? "unset" : "set", simulation_variable));

@@ -2,7 +2,7 @@
 
 #include "area/check_record.hpp"
 #include "common/failure.hpp"
-#include "host/plain_file.hpp"
+#include "host/regular_file.hpp"
 
 #include <cerrno>
 #include <fcntl.h>
@@ -26,7 +26,7 @@ bool is_built(const unique_fd& file, const std::string& path) {
 } // namespace
 
 unique_fd open_built_area(const std::string& path) {
-    unique_fd file = open_plain_file(path, O_RDONLY);
+    unique_fd file = open_regular_file(path, O_RDONLY);
     if (!file && errno != ENOENT && errno != ENOTDIR) {
         throw failure{exit_status::unreadable,
                       fmt::format("cannot open {}: {}", path, error_text(errno))};

@@ -11,7 +11,7 @@
 
 namespace tarvoctl {
 
-/// The file of an area that a process has built, also where it says that none has, yet is in use;
+/// The file of an area that a process has built, also one in use whose flag says that none has;
 /// none where there is no such area yet. Throws failure for one that cannot be opened or is cut
 /// short.
 unique_fd open_built_area(const std::string& path);

@@ -6,7 +6,7 @@
 #include "host/cross_process_lock.hpp"
 #include "host/file_shortage.hpp"
 #include "host/gzip.hpp"
-#include "host/plain_file.hpp"
+#include "host/regular_file.hpp"
 #include "quantities.hpp"
 
 #include <array>
@@ -26,7 +26,7 @@ namespace tarvoctl {
 
 namespace {
 
-[[noreturn]] void complain_of_missing(const std::string& path) {
+[[noreturn]] void fail_missing(const std::string& path) {
     const site here = find_site();
     if (path != here.area) {
         throw failure{exit_status::unreadable, fmt::format("{} is not there", path)};
@@ -38,9 +38,9 @@ namespace {
                               path, here.reason)};
 }
 
-[[noreturn]] void complain_of(const std::string& path, int number) {
+[[noreturn]] void fail_to_open(const std::string& path, int number) {
     if (number == ENOENT || number == ENOTDIR) {
-        complain_of_missing(path);
+        fail_missing(path);
     }
     const bool forbidden = number == EACCES || number == EPERM;
     throw failure{exit_status::unreadable,
@@ -48,24 +48,24 @@ namespace {
                               forbidden ? "; run it as root" : "")};
 }
 
-[[noreturn]] void complain_of_unbuilt(const std::string& path) {
+[[noreturn]] void fail_unbuilt(const std::string& path) {
     throw failure{
         exit_status::unreadable,
         fmt::format("{} is not built yet: no program has started the library on it", path)};
 }
 
-[[noreturn]] void complain_of_length(const std::string& path, off_t length) {
+[[noreturn]] void fail_length(const std::string& path, off_t length) {
     const bool is_live = path == find_site().area;
     // The first process makes the file, and then gives it its length.
     if (length == 0 && is_live) {
-        complain_of_unbuilt(path);
+        fail_unbuilt(path);
     }
     throw failure{
         exit_status::damaged,
         fmt::format(
             "{} is {}, an area takes {}: {}", path, counted(static_cast<uint64_t>(length), "byte"),
             counted(sizeof(shared_area_t), "byte"),
-            is_live ? "it was cut short; " + way_to_replace(path)
+            is_live ? "it was cut short; " + replacement_text(path)
                     : "it is not a copy of an area, or an incomplete one; 'tarvoctl snapshot' "
                       "makes one")};
 }
@@ -75,9 +75,9 @@ namespace {
 class area_reader {
   public:
     explicit area_reader(const std::string& path)
-        : _path{path}, _file{open_plain_file(path, O_RDONLY)} {
+        : _path{path}, _file{open_regular_file(path, O_RDONLY)} {
         if (!_file) {
-            complain_of(_path, errno);
+            fail_to_open(_path, errno);
         }
     }
 
@@ -96,7 +96,7 @@ class area_reader {
         read_chunk(_copy->chunks._tail); // which a damaged list does not lead to
         walk_list(_copy->chunks,
                   [this](int /*index*/, const dma_chunk_t& chunk) { read_chunk(chunk.next); });
-        if (_copy->initialized == 0) { // those that are on no list tell whether it ever was
+        if (_copy->initialized == 0) { // those that are on no list show whether it ever was
             read_all();
         }
     }
@@ -138,7 +138,7 @@ class area_reader {
             const ssize_t count = ::pread(_file.get(), to + offset, first + bytes - offset,
                                           static_cast<off_t>(offset));
             if (count < 0) {
-                complain_of(_path, errno);
+                fail_to_open(_path, errno);
             }
             if (count == 0) {
                 require_whole(_file, _path);
@@ -182,7 +182,7 @@ area_copy read_stream(unique_fd file, const std::string& name) {
     const std::span bytes{reinterpret_cast<char*>(&*copied), sizeof(shared_area_t)};
     const size_t count = reader.read(bytes);
     if (count < bytes.size()) {
-        complain_of_length(name, static_cast<off_t>(count));
+        fail_length(name, static_cast<off_t>(count));
     }
     std::array<char, 4096> rest_of_page{};
     static_cast<void>(reader.read(rest_of_page));
@@ -198,7 +198,7 @@ bool is_pipe(const std::string& path) {
 unique_fd open_pipe(const std::string& path) {
     unique_fd pipe{::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC)};
     if (!pipe || ::fcntl(pipe.get(), F_SETFL, 0) != 0) {
-        complain_of(path, errno);
+        fail_to_open(path, errno);
     }
     return pipe;
 }
@@ -210,9 +210,9 @@ area_copy read_copy(const std::string& path) {
     if (is_pipe(path)) {
         return read_stream(open_pipe(path), path);
     }
-    unique_fd file = open_plain_file(path, O_RDONLY);
+    unique_fd file = open_regular_file(path, O_RDONLY);
     if (!file) {
-        complain_of(path, errno);
+        fail_to_open(path, errno);
     }
     return is_gzipped(file) ? read_stream(std::move(file), path) : read_area_file(path);
 }
@@ -220,7 +220,7 @@ area_copy read_copy(const std::string& path) {
 void remark_on(bool consistent) {
     if (!consistent) {
         fmt::print(stderr, "tarvoctl: the area changed during every reading without its lock: what "
-                           "is told may be half changed\n");
+                           "is printed may be half changed\n");
     }
 }
 
@@ -252,10 +252,10 @@ void require_region(const site& here) {
 void require_whole(const unique_fd& file, const std::string& path) {
     struct stat found {};
     if (::fstat(file.get(), &found) != 0) {
-        complain_of(path, errno);
+        fail_to_open(path, errno);
     }
     if (found.st_size < static_cast<off_t>(sizeof(shared_area_t))) {
-        complain_of_length(path, found.st_size);
+        fail_length(path, found.st_size);
     }
 }
 
@@ -269,7 +269,7 @@ void check_built(const shared_area_t& area, const std::string& path) {
                                   path)};
     }
     if (area.initialized == 0) {
-        complain_of_unbuilt(path);
+        fail_unbuilt(path);
     }
 }
 
@@ -298,7 +298,7 @@ void require_changeable(const std::string& path) {
         throw failure{exit_status::usage,
                       "standard input cannot be changed; name a file to repair"};
     }
-    const unique_fd file = open_plain_file(path, O_RDONLY);
+    const unique_fd file = open_regular_file(path, O_RDONLY);
     if (file && is_gzipped(file)) {
         throw failure{exit_status::usage,
                       fmt::format("{0} is compressed, and cannot be changed as it is; 'zcat <{0}' "
@@ -308,9 +308,9 @@ void require_changeable(const std::string& path) {
 }
 
 mapped_area::mapped_area(const std::string& path) {
-    const unique_fd file = open_plain_file(path, O_RDWR);
+    const unique_fd file = open_regular_file(path, O_RDWR);
     if (!file) {
-        complain_of(path, errno);
+        fail_to_open(path, errno);
     }
     require_whole(file, path);
     constexpr size_t bytes = sizeof(shared_area_t);
@@ -320,11 +320,11 @@ mapped_area::mapped_area(const std::string& path) {
         if (path == here.area) {
             refuse_shortage(area_without_room(here), exit_status::unreadable);
         }
-        complain_of(path, ENOSPC);
+        fail_to_open(path, ENOSPC);
     }
     void* const start = ::mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_SHARED, file.get(), 0);
     if (start == MAP_FAILED) {
-        complain_of(path, errno);
+        fail_to_open(path, errno);
     }
     _area = static_cast<shared_area_t*>(start);
 }

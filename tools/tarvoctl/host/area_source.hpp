@@ -16,7 +16,7 @@ namespace tarvoctl {
 /// What a command does about the live area's lock.
 enum class lock_use {
     always,  ///< takes it
-    offered, ///< takes it, and can be told not to
+    offered, ///< takes it, unless --no-lock is given
     none,    ///< reads without it
 };
 
@@ -33,11 +33,11 @@ struct area_source {
 };
 
 /// The records. The live area's lock is held only while they are copied. Without it they are read
-/// until two readings are alike, or some have not been; the picture tells which, and so does a line
+/// until two readings are alike, or some have not been; the picture says which, and so does a line
 /// on standard error. Throws failure, also where there is no area: none is ever made by looking.
 picture read_picture(const area_source& source);
 
-/// The same for those that tell in their own way of a picture that is not consistent.
+/// The same for those that report a picture that is not consistent in a way of their own.
 picture look_at_records(const area_source& source);
 
 /// An area copied. What is zero there, or was not read, takes no memory.

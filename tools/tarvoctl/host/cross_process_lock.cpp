@@ -3,8 +3,8 @@
 #include "common/failure.hpp"
 #include "common/shown.hpp"
 #include "host/lock_state.hpp"
-#include "host/plain_file.hpp"
 #include "host/processes.hpp"
+#include "host/regular_file.hpp"
 
 #include <cerrno>
 #include <csignal>
@@ -23,7 +23,7 @@ using clock = std::chrono::steady_clock;
 void do_nothing(int /*signal*/) {}
 
 /// Interrupts system calls again and again once a time is over, so that none that begins just
-/// behind the first interruption waits for ever.
+/// after the first interruption waits for ever.
 class interruption {
   public:
     explicit interruption(std::chrono::milliseconds delay) {
@@ -78,7 +78,7 @@ bool take(const unique_fd& file, clock::time_point last_moment) {
     return true;
 }
 
-/// "4711 (my_driver) holds it", and what helps where it is stopped; empty where that is not known.
+/// "4711 (my_driver) holds it", and what helps where it is stopped; empty where that is unknown.
 std::string holder_text(const std::string& file) {
     const auto holder = lock_picture_of({file}).locks.front().holder();
     if (!holder) {
@@ -96,21 +96,21 @@ std::string holder_text(const std::string& file) {
 } // namespace
 
 failure busy_lock(const std::string& file, std::chrono::milliseconds timeout,
-                  const std::string& way_out) {
+                  const std::string& remedy) {
     const std::string holder = holder_text(file);
     const double seconds = std::chrono::duration<double>{timeout}.count();
     return {exit_status::timed_out,
             fmt::format("the lock {} was not free within {} s{}; 'tarvoctl lock' shows {}, {}",
                         file, seconds, holder.empty() ? "" : ": " + holder,
-                        holder.empty() ? "who holds it" : "more", way_out)};
+                        holder.empty() ? "who holds it" : "more", remedy)};
 }
 
 cross_process_lock::cross_process_lock(const std::vector<std::string>& files,
                                        std::chrono::milliseconds timeout,
-                                       const std::string& way_out) {
+                                       const std::string& remedy) {
     const auto last_moment = clock::now() + timeout;
     for (const auto& path : files) {
-        unique_fd file = open_plain_file(path, O_RDONLY);
+        unique_fd file = open_regular_file(path, O_RDONLY);
         if (!file && (errno == ENOENT || errno == ENOTDIR)) {
             continue;
         }
@@ -120,7 +120,7 @@ cross_process_lock::cross_process_lock(const std::vector<std::string>& files,
                 fmt::format("cannot open the lock {}: {}; try as root", path, error_text(errno))};
         }
         if (!take(file, last_moment)) {
-            throw busy_lock(path, timeout, way_out);
+            throw busy_lock(path, timeout, remedy);
         }
         _held.push_back(std::move(file));
     }

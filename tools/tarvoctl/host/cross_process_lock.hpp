@@ -16,9 +16,9 @@ inline constexpr std::chrono::milliseconds longest_timeout = std::chrono::hours{
 inline constexpr const char* wait_longer = "--timeout waits longer";
 
 /// The failure timed_out, which names the lock file, who holds it as far as that can be seen, and
-/// `way_out`.
+/// `remedy`.
 failure busy_lock(const std::string& file, std::chrono::milliseconds timeout,
-                  const std::string& way_out = wait_longer);
+                  const std::string& remedy = wait_longer);
 
 /// Holds the library's cross-process lock as long as it lives. Lock files are opened, never
 /// created; one that is missing is held by nobody.
@@ -27,7 +27,7 @@ class cross_process_lock {
     /// Waits in the same queue as everybody else, but not longer than `timeout`. Throws failure:
     /// busy_lock(), or unreadable.
     cross_process_lock(const std::vector<std::string>& files, std::chrono::milliseconds timeout,
-                       const std::string& way_out = wait_longer);
+                       const std::string& remedy = wait_longer);
 
   private:
     std::vector<unique_fd> _held;

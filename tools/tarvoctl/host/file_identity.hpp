@@ -20,7 +20,7 @@ struct file_identity {
 std::optional<file_identity> identity_of(const std::string& path);
 
 /// The same as memory mappings have it, which on some file systems is not what stat(2) says. Maps
-/// a page of the file, without access to it, for a look; where that is refused stat(2) has to do.
+/// a page of the file, without access to it; where that is refused, stat(2) has to do.
 std::optional<file_identity> mapped_identity_of(const std::string& path);
 
 } // namespace tarvoctl

@@ -64,7 +64,7 @@ struct room {
     uint64_t free; ///< for this user
 };
 
-/// Nothing where that is not known, or without limit.
+/// Nothing where that is unknown, or without limit.
 std::optional<room> room_for(const std::string& path) {
     const std::string there =
         state_of(path) ? path : std::filesystem::path{path}.parent_path().string();
@@ -157,9 +157,9 @@ bool is_whole_and_readable(const std::string& area) {
 
 } // namespace
 
-std::string way_to_replace(const std::string& area) {
+std::string replacement_text(const std::string& area) {
     const bool may_have_devices = ::access(paths::iommu_driver, F_OK) == 0;
-    const std::string remove = way_to_remove(area);
+    const std::string remove = removal_text(area);
     return may_have_devices ? after_devices(remove) : remove;
 }
 
@@ -173,7 +173,7 @@ std::optional<file_shortage> cut_short_area(const site& here) {
                          fmt::format("is cut short: {}, an area takes {}", exact_size(*file),
                                      counted(sizeof(shared_area_t), "byte")),
                          "the next program that starts fills it up with zeros",
-                         way_to_replace(here.area)};
+                         replacement_text(here.area)};
 }
 
 std::optional<file_shortage> cut_short_memory(const site& here) {
@@ -205,7 +205,7 @@ std::optional<file_shortage> lost_memory(const site& here) {
         here.memory,
         fmt::format("is missing, although the bookkeeping lists {}", counted(chunks, "chunk")),
         "what was in the chunks is lost, and the next program that starts makes a new file",
-        way_to_do(way_to_remove(here.area), *area)};
+        after_devices_if_mapped(removal_text(here.area), *area)};
 }
 
 std::optional<file_shortage> area_without_room(const site& here) {

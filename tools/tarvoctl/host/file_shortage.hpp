@@ -22,9 +22,9 @@ struct file_shortage {
     std::string full_text() const { return text + ": " + meaning; }
 };
 
-/// What helps where a live area cannot be read to its end, so that nobody knows which devices see
+/// What helps where a live area cannot be read to its end, so that it is unknown which devices see
 /// its chunks.
-std::string way_to_replace(const std::string& area);
+std::string replacement_text(const std::string& area);
 
 /// A file that is there, but shorter than the library makes it. One that is empty is as good as
 /// new.

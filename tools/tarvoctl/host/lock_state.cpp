@@ -17,7 +17,7 @@ namespace tarvoctl {
 
 namespace {
 
-/// A line about a flock in /proc/locks, or behind "lock:" in /proc/PID/fdinfo/FD.
+/// A line about a flock in /proc/locks, or after "lock:" in /proc/PID/fdinfo/FD.
 struct flock_line {
     bool waits = false;
     pid_t pid = 0;
@@ -142,7 +142,7 @@ void look_at_process(pid_t pid, std::vector<lock_reader>& readers, std::vector<p
         return;
     }
     for (const int descriptor : *descriptors) {
-        const std::string link = file_behind(pid, descriptor);
+        const std::string link = file_of(pid, descriptor);
         for (auto& reader : readers) {
             reader.look_at(pid, descriptor, link);
         }

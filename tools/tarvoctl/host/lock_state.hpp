@@ -21,7 +21,7 @@ struct lock_state {
     bool exists = false;
     bool held = false;
     /// Took the lock, as the kernel has it: it may have ended since, and its number may be another
-    /// process's by now. 0 where it is not known.
+    /// process's by now. 0 where it is unknown.
     pid_t taker = 0;
     std::vector<lock_file_user> users; ///< those whose descriptors can be seen
     std::vector<pid_t> waiting;        ///< the first one is the next to get it

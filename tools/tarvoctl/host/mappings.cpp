@@ -76,7 +76,7 @@ class map_reader {
         const auto descriptors = descriptors_of(pid).value_or(std::vector<int>{});
         return !_memory_is_device && shares_our_mounts(pid) &&
                std::any_of(descriptors.begin(), descriptors.end(), [&](int descriptor) {
-                   return file_behind(pid, descriptor) == _removed_memory_path;
+                   return file_of(pid, descriptor) == _removed_memory_path;
                });
     }
 

@@ -39,7 +39,7 @@ struct mapped_memory {
     bool others_hidden = false;
 
     bool is_complete() const { return unseen.empty() && !others_hidden; }
-    /// What is kept even from root does not count: it would speak against every change for ever.
+    /// What is kept even from root does not count: it would prevent every change.
     bool root_would_see_more() const;
 };
 

@@ -78,7 +78,7 @@ new_file::new_file(target wanted, mode_t mode) : _wanted{std::move(wanted)} {
             fmt::format("cannot write {}: it is not a regular file; name another", _wanted.path)};
     }
     if (_wanted.existing == existing_file::refused && ::lstat(_wanted.path.c_str(), &found) == 0) {
-        complain(EEXIST);
+        fail(EEXIST);
     }
     open(mode);
 }
@@ -89,17 +89,17 @@ void new_file::open(mode_t mode) {
         return;
     }
     if (!means_no_nameless_files(errno)) {
-        complain(errno);
+        fail(errno);
     }
     open_named(mode);
 }
 
 void new_file::open_named(mode_t mode) {
-    _unbroken.emplace();
+    _uninterrupted.emplace();
     std::string name = folder_of(_wanted.path) / ".tarvoctl-XXXXXX";
     _file.reset(::mkostemp(name.data(), O_CLOEXEC));
     if (!_file) {
-        complain(errno);
+        fail(errno);
     }
     _temporary = std::move(name);
     ::fchmod(_file.get(), mode & ~umask_now());
@@ -111,11 +111,11 @@ new_file::~new_file() {
     }
 }
 
-void new_file::complain(int number) const {
+void new_file::fail(int number) const {
     const bool is_there = number == EEXIST;
     throw failure{is_there ? exit_status::usage : exit_status::unreadable,
                   fmt::format("cannot write {}: {}{}", _wanted.path, error_text(number),
-                              is_there ? fmt::format("; {}", _wanted.way_out) : "")};
+                              is_there ? fmt::format("; {}", _wanted.remedy) : "")};
 }
 
 void new_file::require_room(size_t bytes) const {
@@ -130,13 +130,13 @@ void new_file::require_room(size_t bytes) const {
             exit_status::unreadable,
             fmt::format("cannot write {}: {}: the copy takes {}, and {} are free there; {}",
                         _wanted.path, error_text(ENOSPC), size_text(bytes), size_text(free),
-                        _wanted.way_to_room)};
+                        _wanted.room_remedy)};
     }
 }
 
 void new_file::resize(size_t bytes) {
     if (::ftruncate(_file.get(), static_cast<off_t>(bytes)) != 0) {
-        complain(errno);
+        fail(errno);
     }
 }
 
@@ -144,7 +144,7 @@ void new_file::write_at(const char* first, size_t bytes, size_t offset) {
     while (bytes > 0) {
         const ssize_t written = ::pwrite(_file.get(), first, bytes, static_cast<off_t>(offset));
         if (written < 0) {
-            complain(errno);
+            fail(errno);
         }
         first += written;
         bytes -= static_cast<size_t>(written);
@@ -155,7 +155,7 @@ void new_file::write_at(const char* first, size_t bytes, size_t offset) {
 void new_file::finish() {
     // A disk that is full may say so only now.
     if (::fsync(_file.get()) != 0) {
-        complain(errno);
+        fail(errno);
     }
     if (_wanted.existing == existing_file::replaced) {
         replace();
@@ -164,7 +164,7 @@ void new_file::finish() {
     const int named =
         _temporary.empty() ? give_name(_wanted.path) : rename_to_free(_temporary, _wanted.path);
     if (named != 0) {
-        complain(errno);
+        fail(errno);
     }
 }
 
@@ -177,11 +177,11 @@ int new_file::give_name(const std::string& name) const {
 /// A link replaces nothing, so the file gets a name that is free, and that one replaces the other.
 void new_file::replace() {
     if (_temporary.empty()) {
-        _unbroken.emplace();
+        _uninterrupted.emplace();
         take_temporary_name();
     }
     if (std::rename(_temporary.c_str(), _wanted.path.c_str()) != 0) {
-        complain(errno);
+        fail(errno);
     }
     _temporary.clear();
 }
@@ -193,7 +193,7 @@ void new_file::take_temporary_name() {
         if (give_name(name) == 0) {
             _temporary = name;
         } else if (errno != EEXIST) {
-            complain(errno);
+            fail(errno);
         }
     }
 }

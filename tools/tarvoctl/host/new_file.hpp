@@ -15,19 +15,19 @@ enum class existing_file { refused, replaced };
 
 /// A file in the making. It takes its name only when it is whole and on the disk; until then, and
 /// whatever goes wrong, what had the name before stays as it was, and nothing else is left, also by
-/// a process that is killed. The library's own files are never replaced, and neither is what is no
-/// plain file. All members throw failure.
+/// a process that is killed. The library's own files are never replaced, and neither is what is
+/// not a regular file. All members throw failure.
 ///
 /// Only a file that replaces another has a second name, for the instant between two system calls;
-/// so has one on a file system that knows no files without a name, from its beginning. Signals by
-/// which people end a program wait meanwhile.
+/// on a file system that has no files without a name, every file has one from its beginning.
+/// Signals by which people end a program wait meanwhile.
 class new_file {
   public:
     struct target {
         std::string path;
         existing_file existing = existing_file::refused;
-        const char* way_out = "name another file, or --force replaces it"; ///< where it is refused
-        const char* way_to_room = "name a file where there is room";
+        const char* remedy = "name another file, or --force replaces it"; ///< where it is refused
+        const char* room_remedy = "name a file where there is room";
     };
 
     /// `mode` is what the umask leaves of it.
@@ -44,7 +44,7 @@ class new_file {
     void finish();
 
   private:
-    [[noreturn]] void complain(int number) const;
+    [[noreturn]] void fail(int number) const;
     void open(mode_t mode);
     void open_named(mode_t mode);
     int give_name(const std::string& name) const;
@@ -53,8 +53,8 @@ class new_file {
 
     target _wanted;
     unique_fd _file;
-    std::optional<held_back_signals> _unbroken; ///< while there is a temporary name
-    std::string _temporary;                     ///< in the same folder; empty where it has none
+    std::optional<held_back_signals> _uninterrupted; ///< while there is a temporary name
+    std::string _temporary; ///< in the same folder; empty where it has none
 };
 
 } // namespace tarvoctl

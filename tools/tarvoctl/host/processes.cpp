@@ -54,7 +54,7 @@ std::string executable_of(pid_t pid) {
     return path;
 }
 
-/// The value behind "KEY:" in a status file.
+/// The value after "KEY:" in a status file.
 std::string field_of(const std::string& status, const std::string& key) {
     const auto at = status.find("\n" + key + ":\t");
     if (at == std::string::npos) {
@@ -139,7 +139,7 @@ std::optional<std::vector<int>> descriptors_of(pid_t pid) {
     return numbers_in(folder_of(pid) + "fd");
 }
 
-std::string file_behind(pid_t pid, int descriptor) {
+std::string file_of(pid_t pid, int descriptor) {
     std::error_code ignored;
     return std::filesystem::read_symlink(fmt::format("{}fd/{}", folder_of(pid), descriptor),
                                          ignored);

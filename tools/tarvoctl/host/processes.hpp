@@ -8,7 +8,7 @@
 
 namespace tarvoctl {
 
-/// A process as /proc tells of it. What a stranger may not see is empty.
+/// A process as /proc shows it. What a stranger may not see is empty.
 struct process_info {
     pid_t pid = 0;
     std::string command;                ///< as the kernel calls it: its first 15 bytes
@@ -42,7 +42,7 @@ proc_text read_proc(pid_t pid, const std::string& name);
 /// Whether paths mean the same files to it as to this process.
 bool shares_our_mounts(pid_t pid);
 
-/// What /proc puts behind the path of a file that was removed.
+/// What /proc appends to the path of a file that was removed.
 inline constexpr const char* removed_mark = " (deleted)";
 
 /// Its open descriptors; nothing where they may not be seen.
@@ -50,6 +50,6 @@ std::optional<std::vector<int>> descriptors_of(pid_t pid);
 
 /// What one of them leads to: a path, with removed_mark where it was removed. Empty where that may
 /// not be seen.
-std::string file_behind(pid_t pid, int descriptor);
+std::string file_of(pid_t pid, int descriptor);
 
 } // namespace tarvoctl

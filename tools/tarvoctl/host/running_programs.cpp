@@ -30,7 +30,7 @@ bool is_interpreter(const std::string& program) {
                        [&](std::string_view each) { return program.starts_with(each); });
 }
 
-/// The first argument that is no option; none where there is none.
+/// The first argument that is not an option; empty where there is none.
 std::string script_of(const process_info& process) {
     const auto& words = process.arguments;
     const auto found = std::find_if(words.begin() + (words.empty() ? 0 : 1), words.end(),

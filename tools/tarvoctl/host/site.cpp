@@ -30,7 +30,7 @@ bool may_make_files_in(const std::string& folder) {
 }
 
 /// Whether the library would take the simulated memory: it opens it for reading and writing, makes
-/// it where the variable asks for that, and sets its length, which only a plain file has. That
+/// it where the variable asks for that, and sets its length, which only a regular file has. That
 /// fs.protected_regular may forbid opening it to make it is left to doctor: it is a fault of the
 /// file's, and looking works all the same.
 bool simulated_memory_can_be_used() {

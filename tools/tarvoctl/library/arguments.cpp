@@ -27,15 +27,15 @@ std::optional<uint32_t> hexadecimal(std::string_view digits) {
     return number_in<uint32_t>(digits, base);
 }
 
-/// Cuts off what lies behind the last `mark`; all of the text where there is none.
-std::string_view take_behind(std::string_view& text, char mark) {
+/// Cuts off what comes after the last `mark`; all of the text where there is none.
+std::string_view take_after(std::string_view& text, char mark) {
     const size_t at = text.rfind(mark);
-    const std::string_view behind = at == std::string_view::npos ? text : text.substr(at + 1);
+    const std::string_view after = at == std::string_view::npos ? text : text.substr(at + 1);
     text = at == std::string_view::npos ? std::string_view{} : text.substr(0, at);
-    return behind;
+    return after;
 }
 
-/// A size's unit as a factor; 0 for what is none.
+/// A size's unit as a factor; 0 for anything else.
 uint64_t factor_of(std::string_view unit) {
     constexpr uint64_t step = 1024;
     if (unit.empty()) {
@@ -128,9 +128,9 @@ device_record parse_device(const std::string& text) {
     std::string_view rest{text};
     const auto function = rest.find('.') == std::string_view::npos
                               ? std::nullopt
-                              : hexadecimal(take_behind(rest, '.'));
-    const auto slot = hexadecimal(take_behind(rest, ':'));
-    const auto bus = hexadecimal(take_behind(rest, ':'));
+                              : hexadecimal(take_after(rest, '.'));
+    const auto slot = hexadecimal(take_after(rest, ':'));
+    const auto bus = hexadecimal(take_after(rest, ':'));
     const bool has_domain = std::count(text.begin(), text.end(), ':') > 1;
     const auto domain = has_domain ? hexadecimal(rest) : std::optional{0U};
     if (!domain || !bus || !slot || !function || *slot > last_slot || *function > last_function) {

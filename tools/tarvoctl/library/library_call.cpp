@@ -6,7 +6,7 @@
 #include "host/file_shortage.hpp"
 #include "host/lock_state.hpp"
 #include "host/site.hpp"
-#include "library/lifeline.hpp"
+#include "library/parent_watch.hpp"
 #include "output/standard_output.hpp"
 
 #include <algorithm>
@@ -35,11 +35,11 @@ constexpr int interrupting_signal = SIGUSR1;
 
 void do_nothing(int /*signal*/) {}
 
-[[noreturn]] void complain(const char* call) {
+[[noreturn]] void fail(const char* call) {
     throw std::system_error{errno, std::generic_category(), call};
 }
 
-/// What a failure is told by across the pipe: its status, then its text.
+/// A failure as it crosses the pipe: its status, then its text.
 std::string report_of(exit_status status, const std::string& text) {
     return static_cast<char>(status) + text;
 }
@@ -62,7 +62,7 @@ std::string reason_of(int signal) {
 
 /// The process that does the work.
 [[noreturn]] void carry_out(const std::function<exit_status()>& work, int report_fd,
-                            const awaited_signals& signals, lifeline& parent) {
+                            const awaited_signals& signals, parent_watch& parent) {
     signals.release();
     struct sigaction act {};
     act.sa_handler = do_nothing;
@@ -88,17 +88,17 @@ class worker {
     worker(const std::function<exit_status()>& work, const awaited_signals& signals) {
         std::array<int, 2> ends{};
         if (::pipe2(ends.data(), O_CLOEXEC) != 0) {
-            complain("pipe2");
+            fail("pipe2");
         }
         _report.reset(ends[0]);
         unique_fd report_end{ends[1]};
         std::fflush(nullptr); // or both processes would print it
         _pid = ::fork();
         if (_pid < 0) {
-            complain("fork");
+            fail("fork");
         }
         if (_pid == 0) {
-            carry_out(work, report_end.get(), signals, _lifeline);
+            carry_out(work, report_end.get(), signals, _parent_watch);
         }
     }
 
@@ -139,7 +139,7 @@ class worker {
     exit_status outcome() {
         int end = 0;
         if (::waitpid(_pid, &end, 0) != _pid) {
-            complain("waitpid");
+            fail("waitpid");
         }
         if (WIFSIGNALED(end)) {
             follow(WTERMSIG(end));
@@ -174,7 +174,7 @@ class worker {
                                   ::sigabbrev_np(signal), reason_of(signal))};
     }
 
-    lifeline _lifeline;
+    parent_watch _parent_watch;
     unique_fd _report;
     pid_t _pid = -1;
     std::string _received;
@@ -218,7 +218,7 @@ exit_status outcome_in_time(worker& process, std::chrono::milliseconds timeout) 
 
 change_of_records::change_of_records() {
     if (parent_has_ended()) {
-        ::_exit(static_cast<int>(exit_status::unreadable)); // nobody is left to tell
+        ::_exit(static_cast<int>(exit_status::unreadable)); // nobody is left to report to
     }
 }
 

@@ -9,8 +9,9 @@
 namespace tarvoctl {
 
 /// Does work that calls the library, in a process of its own: what the library answers by ending
-/// its process then ends that one only, and is told as a failure. Prints from there; failures that
-/// the work throws are thrown here. What the library says itself goes to standard error as it is.
+/// its process then ends that one only, and is reported as a failure. Prints from there; failures
+/// that the work throws are thrown here. What the library says itself goes to standard error as it
+/// is.
 ///
 /// The library waits for its lock without limit. So the lock is taken and released here first, and
 /// a wait that lasts longer than `timeout` from the start all the same is interrupted; both are the
@@ -29,7 +30,7 @@ class change_of_records {
     change_of_records();
 
   private:
-    held_back_signals _unbroken;
+    held_back_signals _uninterrupted;
 };
 
 } // namespace tarvoctl

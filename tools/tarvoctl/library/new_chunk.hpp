@@ -12,11 +12,11 @@ namespace tarvoctl {
 /// can. The library would end the process at the attempt.
 std::optional<std::string> device_obstacle(uint32_t size, const picture& records);
 
-/// Why the records do not tell where the next chunk goes; nothing where they do. Chunks may overlap
+/// Why the records do not show where the next chunk goes; nothing where they do. Chunks may overlap
 /// in a region where the kernel driver chooses the places.
 std::optional<std::string> damage_to_places(const picture& records, bool driver_chooses);
 
-/// Why no new chunk of that size can be had at all, as far as the records tell: not in a region
+/// Why no new chunk of that size can be had at all, as far as the records show: not in a region
 /// where the kernel driver chooses the place, of which it alone knows what is free.
 std::optional<std::string> obstacle_to(uint32_t size, const picture& records, bool driver_chooses);
 

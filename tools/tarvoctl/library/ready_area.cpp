@@ -76,7 +76,7 @@ void check_files(const site& here, missing_file when_missing) {
 }
 
 /// The library itself looks at little: it would end the process halfway, or make it worse.
-void refuse_broken(const shared_area_t& area, const site& here, std::optional<way_out> call) {
+void refuse_broken(const shared_area_t& area, const site& here, std::optional<remedy> call) {
     const auto findings = check_area(area, options_here(here));
     const auto broken = std::find_if(findings.begin(), findings.end(), [call](const finding& one) {
         return one.cls == finding_class::broken && one.out != call;
@@ -89,7 +89,7 @@ void refuse_broken(const shared_area_t& area, const site& here, std::optional<wa
             exit_status::damaged,
             fmt::format("{} is left over from another region; {}. 'tarvoctl doctor' shows "
                         "both regions",
-                        here.area, way_to_do(way_to_remove(here.area), area))};
+                        here.area, after_devices_if_mapped(removal_text(here.area), area))};
     }
     throw failure{exit_status::damaged,
                   fmt::format("the area is broken: {}: {}. The library would break off the call, "
@@ -98,7 +98,7 @@ void refuse_broken(const shared_area_t& area, const site& here, std::optional<wa
 }
 
 picture sound_picture(const site& here, std::chrono::milliseconds timeout,
-                      std::optional<way_out> call = std::nullopt) {
+                      std::optional<remedy> call = std::nullopt) {
     const auto area = read_area({{}, timeout});
     check_built(*area, here.area);
     refuse_broken(*area, here, call);
@@ -114,7 +114,7 @@ picture new_picture(const site& here) {
 void start_library() {
     uint32_t start_dma = 0;
     uint32_t end_dma = 0;
-    const change_of_records unbroken;
+    const change_of_records uninterrupted;
     if (tarvo_get_limits(&start_dma, &end_dma) != 0) {
         throw failure{exit_status::unreadable, "the library cannot start; its reason is above, and "
                                                "see 'tarvoctl doctor'"};
@@ -123,7 +123,7 @@ void start_library() {
 
 } // namespace
 
-picture ready_area(std::chrono::milliseconds timeout, std::optional<way_out> call) {
+picture ready_area(std::chrono::milliseconds timeout, std::optional<remedy> call) {
     const site here = find_site();
     picture records = sound_picture(here, timeout, call);
     check_files(here, missing_file::refused);

@@ -12,9 +12,9 @@ namespace tarvoctl {
 
 /// What is on record, of an area that the library can be called on: it is there, with the files
 /// that the library would otherwise make, they can be opened, and the records are sound as far as
-/// the library's calls look. What is broken in a way that the call to come helps against is let
-/// pass. Makes nothing. Throws failure.
-picture ready_area(std::chrono::milliseconds timeout, std::optional<way_out> call = std::nullopt);
+/// the library's calls look. Damage that the call to come helps against is
+/// accepted. Makes nothing. Throws failure.
+picture ready_area(std::chrono::milliseconds timeout, std::optional<remedy> call = std::nullopt);
 
 /// The same for calls that make the region the first time they are used: where there is no area
 /// yet, what is on record in a new one.

@@ -9,11 +9,11 @@ namespace tarvoctl {
 
 namespace {
 
-std::string device_named(const change& told) {
-    if (told.device) {
-        return device_text(*told.device);
+std::string device_named(const change& each) {
+    if (each.device) {
+        return device_text(*each.device);
     }
-    return fmt::format("device record {}, which is not registered", told.device_index);
+    return fmt::format("device record {}, which is not registered", each.device_index);
 }
 
 std::string place_and_creator(const chunk_record& chunk) {
@@ -27,23 +27,23 @@ std::string now_text(const chunk_record& before, const chunk_record& after) {
     return place_and_creator(before) == now ? "allocated anew alike" : "now " + now;
 }
 
-std::string what_changed(const change& told) {
-    if (told.more > 0) {
-        return fmt::format("and {} more, which are not listed", told.more);
+std::string what_changed(const change& each) {
+    if (each.more > 0) {
+        return fmt::format("and {} more, which are not listed", each.more);
     }
-    switch (told.kind) {
+    switch (each.kind) {
     case change_kind::freed:
     case change_kind::allocated:
-        return fmt::format("{}: {}", shown_name(told.chunk().name),
-                           place_and_creator(told.chunk()));
+        return fmt::format("{}: {}", shown_name(each.chunk().name),
+                           place_and_creator(each.chunk()));
     case change_kind::replaced:
-        return fmt::format("{}: {}; {}", shown_name(told.chunk().name),
-                           place_and_creator(*told.before), now_text(*told.before, *told.after));
+        return fmt::format("{}: {}; {}", shown_name(each.chunk().name),
+                           place_and_creator(*each.before), now_text(*each.before, *each.after));
     case change_kind::mapped:
     case change_kind::unmapped:
-        return fmt::format("{}: for {}", shown_name(told.chunk().name), device_named(told));
+        return fmt::format("{}: for {}", shown_name(each.chunk().name), device_named(each));
     default:
-        return device_named(told);
+        return device_named(each);
     }
 }
 
@@ -59,20 +59,20 @@ json json_changed_chunk(const chunk_record& chunk) {
 
 } // namespace
 
-std::string change_text(const change& told) {
-    return fmt::format("{:<12}  {}", change_word(told.kind), what_changed(told));
+std::string change_text(const change& each) {
+    return fmt::format("{:<12}  {}", change_word(each.kind), what_changed(each));
 }
 
-json json_change(const change& told) {
-    json made{{"change", change_word(told.kind)}};
-    const bool is_of_chunk = told.before || told.after;
-    made["chunk"] = is_of_chunk ? json_changed_chunk(told.chunk()) : json(nullptr);
-    const bool is_other = told.kind == change_kind::replaced;
-    made["before"] = is_other ? json_changed_chunk(*told.before) : json(nullptr);
-    made["device"] = told.device ? json(device_text(*told.device)) : json(nullptr);
-    made["device_index"] = told.device_index >= 0 ? json(told.device_index) : json(nullptr);
-    if (told.more > 0) {
-        made["more"] = told.more;
+json json_change(const change& each) {
+    json made{{"change", change_word(each.kind)}};
+    const bool is_of_chunk = each.before || each.after;
+    made["chunk"] = is_of_chunk ? json_changed_chunk(each.chunk()) : json(nullptr);
+    const bool is_other = each.kind == change_kind::replaced;
+    made["before"] = is_other ? json_changed_chunk(*each.before) : json(nullptr);
+    made["device"] = each.device ? json(device_text(*each.device)) : json(nullptr);
+    made["device_index"] = each.device_index >= 0 ? json(each.device_index) : json(nullptr);
+    if (each.more > 0) {
+        made["more"] = each.more;
     }
     return made;
 }

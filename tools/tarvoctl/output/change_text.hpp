@@ -8,10 +8,10 @@
 namespace tarvoctl {
 
 /// "freed         rx_ring: 4 KiB at physical 0x0080000000, creator driver"; no end of line.
-std::string change_text(const change& told);
+std::string change_text(const change& each);
 
 /// {"change": "replaced", "chunk": {...}, "before": {...}, "device": null, "device_index": null}.
 /// "before" is the chunk as it was, where it was replaced.
-json json_change(const change& told);
+json json_change(const change& each);
 
 } // namespace tarvoctl

@@ -22,14 +22,14 @@ json json_document(std::string_view command, const picture& records);
 /// An address, as a number and as hexadecimal text: {"number": 4096, "hex": "0x1000"}.
 json json_address(uint64_t address);
 
-/// An address as devices see it; null where it is not known where the region lies.
+/// An address as devices see it; null where it is unknown where the region lies.
 json json_dma(uint64_t pa, const picture& records);
 
-/// Adds a name of the records. One that is no UTF-8 is added as KEY_bytes, too, in hexadecimal:
+/// Adds a name of the records. One that is not UTF-8 is added as KEY_bytes, too, in hexadecimal:
 /// what replaces its bytes is the same for all of them.
 void add_text(json& to, const std::string& key, const std::string& text);
 
-/// Where the region lies, for processors and for devices; null where that is not known.
+/// Where the region lies, for processors and for devices; null where that is unknown.
 json json_region(const picture& records);
 json json_device(const device_record& device);
 json json_chunk(const chunk_record& chunk, const picture& records);
@@ -42,7 +42,7 @@ enum class json_layout {
 /// How documents are laid out from now on; readable to begin with.
 void lay_json_out(json_layout wanted);
 
-/// A document as it is printed, with its end of line. Bytes that are no UTF-8 become U+FFFD.
+/// A document as it is printed, with its end of line. Bytes that are not UTF-8 become U+FFFD.
 std::string json_text(const json& document);
 
 /// Writes a document to standard output.

@@ -34,7 +34,7 @@ void put(std::string_view text) {
     while (!text.empty()) {
         const ssize_t count = ::write(STDOUT_FILENO, text.data(), text.size());
         if (count < 0 && errno != EINTR) {
-            return; // the terminal is gone, which the keyboard tells
+            return; // the terminal is gone, which the keyboard reports
         }
         text.remove_prefix(static_cast<size_t>(count > 0 ? count : 0));
     }
@@ -149,7 +149,7 @@ int live_screen::height() {
     return known ? size.ws_row : usual_height;
 }
 
-/// Lines are cleared before they are written: behind a full one there is nothing left to clear.
+/// Lines are cleared before they are written: after a full one there is nothing left to clear.
 void live_screen::show(const std::string& page) {
     std::string output{top_left};
     output += clear_line_end;

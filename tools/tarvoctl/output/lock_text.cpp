@@ -20,7 +20,7 @@ bool is_unexplained(const lock_state& lock) {
     return lock.held && lock.keepers().empty();
 }
 
-/// Told of all at once: one of them that lives is enough to keep the lock.
+/// All reported at once: one of them that lives is enough to keep the lock.
 lock_trouble trouble_of_keepers(const lock_state& lock, const std::vector<pid_t>& keepers,
                                 process_table& processes) {
     const std::string taker = lock.taker == 0 ? "" : fmt::format(" {}", lock.taker);
@@ -49,7 +49,7 @@ lock_trouble trouble_of_sharer(const lock_state& lock, pid_t pid, process_table&
 }
 
 lock_trouble trouble_of_removed(pid_t pid, process_table& processes) {
-    return {fmt::format("{} uses a lock file that was removed: it is not kept apart from those "
+    return {fmt::format("{} uses a lock file that was removed: it does not exclude those "
                         "that opened the new one; restart it",
                         processes.text(pid)),
             fmt::format("restart {}", pid)};
@@ -87,10 +87,10 @@ std::string waiting_text(const lock_state& lock) {
 
 std::vector<lock_trouble> lock_troubles(const lock_state& lock, process_table& processes) {
     std::vector<lock_trouble> troubles;
-    std::vector<pid_t> heirs;
+    std::vector<pid_t> keepers;
     for (const auto& [role, pid] : parties_of(lock)) {
         if (role == lock_role::keeps) {
-            heirs.push_back(pid);
+            keepers.push_back(pid);
         }
         if (role == lock_role::holds && processes.of(pid).is_stopped()) {
             troubles.push_back(trouble_of_stopped(pid, processes));
@@ -99,8 +99,8 @@ std::vector<lock_trouble> lock_troubles(const lock_state& lock, process_table& p
             troubles.push_back(trouble_of_sharer(lock, pid, processes));
         }
     }
-    if (!heirs.empty()) {
-        troubles.push_back(trouble_of_keepers(lock, heirs, processes));
+    if (!keepers.empty()) {
+        troubles.push_back(trouble_of_keepers(lock, keepers, processes));
     }
     if (is_unexplained(lock) && lock.taker == 0) {
         troubles.push_back(trouble_of_unseen_holder());

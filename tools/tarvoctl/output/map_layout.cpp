@@ -26,7 +26,7 @@ constexpr double padding = 4;
 
 /// What is written in or beside a box.
 struct label {
-    const chunk_record* owner; ///< of what is described; null: no chunk
+    const chunk_record* owner; ///< of what is described; null: none
     bool is_continued;         ///< from the row above
     std::vector<std::string> lines;
     std::vector<map_mark> marks; ///< without their places
@@ -100,7 +100,7 @@ class page_layout {
         const auto gaps = gaps_of(_records);
         const std::string free = _records.all_chunks ? size_text(free_space_of(gaps).total_bytes) +
                                                            " free in " + counted(gaps.size(), "gap")
-                                                     : "how much is free is not known";
+                                                     : "how much is free is unknown";
         add_line_of_text(fmt::format("{}, {}; a row is {}, rows that are wholly free are folded",
                                      counted(_records.chunks.size(), "chunk"), free,
                                      size_text(_map.row_bytes)));
@@ -234,7 +234,7 @@ class page_layout {
             {map_look::many, "chunks and gaps too narrow to draw"},
             {map_look::free, "free"},
             {map_look::overlapping, "in several chunks"},
-            {map_look::unknown, "not known"}};
+            {map_look::unknown, "unknown"}};
         constexpr double swatch_width = 28;
         double x = margin;
         for (const auto& [look, text] : all) {

@@ -61,7 +61,7 @@ inline constexpr double map_mark_size = 14;
 /// How wide a text is at most, in the fonts that are used for it.
 double width_on_page(const std::string& text);
 
-/// The whole page. `memory`: who maps the region; null where that is not known, as of a copy.
+/// The whole page. `memory`: who maps the region; null where that is unknown, as of a copy.
 map_page layout_of(const picture& records, const mapped_memory* memory, process_table& processes);
 
 } // namespace tarvoctl

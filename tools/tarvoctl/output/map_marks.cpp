@@ -91,7 +91,7 @@ std::vector<std::string> map_marks::remarks() const {
                         processes_text(_whole_region, _processes));
     }
     if (_memory == nullptr) {
-        lines.emplace_back("a copy of the area: who has chunks mapped is not known");
+        lines.emplace_back("a copy of the area: who has chunks mapped is unknown");
     } else if (!_memory->is_complete()) {
         lines.push_back(unseen_text(*_memory, _processes));
     }

@@ -16,7 +16,7 @@ namespace tarvoctl {
 /// The marks for the devices that see chunks, and for the processes that have them mapped.
 class map_marks {
   public:
-    /// `memory`: null where it is not known who maps the region.
+    /// `memory`: null where it is unknown who maps the region.
     map_marks(const picture& records, const mapped_memory* memory, process_table& processes);
 
     /// Those of a chunk, a few of each kind and then one with the number of the others.

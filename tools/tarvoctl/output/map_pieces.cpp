@@ -26,7 +26,7 @@ std::string name_of(const piece& what) {
     case piece_state::free:
         return "free";
     case piece_state::unknown:
-        return "not known";
+        return "unknown";
     case piece_state::overlapping:
         return shown_name(what.owner->name) + " overlaps " + shown_name(what.other->name);
     case piece_state::used:

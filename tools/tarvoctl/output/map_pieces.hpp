@@ -11,7 +11,7 @@
 namespace tarvoctl {
 
 /// What is drawn as one box on a row: part of a piece, or several pieces that are too narrow to be
-/// told apart.
+/// distinguished.
 struct drawn_piece {
     piece part; ///< of several pieces the first one, with the bytes of all
     double x;   ///< from the row's left end
@@ -28,7 +28,7 @@ class map_pieces {
     const std::vector<piece>& all() const { return _pieces; }
     std::vector<drawn_piece> drawn_on(const map_row& row, double pixels_per_byte) const;
 
-    /// The whole of what part of is drawn: that is what sizes and addresses are told of.
+    /// The whole of what part of is drawn: sizes and addresses are those of the whole.
     const piece& whole_of(const piece& part) const;
 
     map_look look_of(const drawn_piece& what) const;

@@ -59,8 +59,8 @@ std::string place_text(const place& where, const shared_area_t& area) {
     return text_of(where, chunk != nullptr ? label_of(*chunk) : "");
 }
 
-std::string finding_text(const finding& told, const shared_area_t& area) {
-    return fmt::format("{}: {} [{}]", place_text(told.where, area), shown(told.text), told.rule);
+std::string finding_text(const finding& each, const shared_area_t& area) {
+    return fmt::format("{}: {} [{}]", place_text(each.where, area), shown(each.text), each.rule);
 }
 
 json json_place(const place& where, const shared_area_t& area) {

@@ -14,7 +14,7 @@ namespace tarvoctl {
 std::string place_text(const place& where, const shared_area_t& area);
 
 /// "chunk 3 'rx_ring' (creator driver): size is 0 ... [chunk-size-zero]"
-std::string finding_text(const finding& told, const shared_area_t& area);
+std::string finding_text(const finding& each, const shared_area_t& area);
 
 /// A place as the members where, chunk, device, element and reference.
 json json_place(const place& where, const shared_area_t& area);

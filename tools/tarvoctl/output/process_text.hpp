@@ -25,13 +25,13 @@ class process_table {
 /// "running", "sleeping", "STOPPED".
 std::string state_text(char state);
 
-/// When a process began, such as "2024-05-31T02:13:07+02:00"; "-" where it is not known.
+/// When a process began, such as "2024-05-31T02:13:07+02:00"; "-" where it is unknown.
 std::string start_text(const process_info& process);
 
 /// "4711 (my_driver), 4712 (agent) and 3 more"
 std::string processes_text(const std::vector<pid_t>& pids, process_table& processes);
 
-/// " that can be seen" where not all can: to be put behind "nobody" or "no process".
+/// " that can be seen" where not all can: to be put after "nobody" or "no process".
 const char* seen_only_text(const mapped_memory& memory);
 
 /// What of the mappings could not be seen, and what helps; empty when all was seen.

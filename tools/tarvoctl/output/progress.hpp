@@ -5,8 +5,8 @@
 
 namespace tarvoctl {
 
-/// Tells the person at a terminal how far something is, from its first second on; nothing is left
-/// of it at the end. Where standard output is a terminal, too, what is printed there tells it.
+/// Shows on a terminal how far something is, from its first second on, and clears that at the end.
+/// Where standard output is a terminal, too, what is printed there shows it.
 class progress {
   public:
     explicit progress(uint64_t total_bytes);
@@ -23,7 +23,7 @@ class progress {
     uint64_t _total_bytes;
     uint64_t _next_look; ///< at the clock, when so many bytes are reached
     clock::time_point _next_words;
-    bool _told = false;
+    bool _printed = false;
 };
 
 } // namespace tarvoctl

@@ -140,7 +140,7 @@ class drawing {
         }
     }
 
-    /// With a sign on both sides. What is no ASCII may be wider on a terminal than can be known.
+    /// With a sign on both sides. What is not ASCII may be wider on a terminal than can be known.
     void write_names() {
         for (const auto& [chunk, where] : _runs) {
             const std::string name = shown(chunk->name);
@@ -227,7 +227,7 @@ class drawing {
             "One sign is {}: {} and {} chunks in turn, {} {} partly free, {} free{}{}",
             size_text(_sign_bytes), _signs.chunk[0], _signs.chunk[1], _signs.mostly, _signs.little,
             _signs.free, any(&cell::overlaps) ? ", ! in several chunks" : "",
-            any(&cell::has_unknown) ? ", ? not known" : "");
+            any(&cell::has_unknown) ? ", ? unknown" : "");
     }
 
     const screen& _on;

@@ -10,7 +10,7 @@ namespace tarvoctl {
 
 namespace {
 
-[[noreturn]] void complain(int number) {
+[[noreturn]] void fail(int number) {
     throw failure{exit_status::unreadable, "cannot write to standard output" +
                                                (number != 0 ? ": " + error_text(number) : "")};
 }
@@ -18,9 +18,9 @@ namespace {
 } // namespace
 
 void flush_output() {
-    errno = 0; // an earlier error is not known any longer
+    errno = 0; // an earlier error number means nothing now
     if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0) {
-        complain(errno);
+        fail(errno);
     }
 }
 
@@ -33,7 +33,7 @@ exit_status with_output(const std::function<exit_status()>& work) {
         if (std::ferror(stdout) == 0) {
             throw;
         }
-        complain(wrong.code().value());
+        fail(wrong.code().value());
     }
 }
 

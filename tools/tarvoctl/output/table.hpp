@@ -21,7 +21,7 @@ class table {
     void add(std::vector<std::string> row) { _rows.push_back(std::move(row)); }
 
     /// The titles, if they are wanted, and all rows, a line each; the last column has no blanks
-    /// behind it.
+    /// after it.
     std::string text(bool titles = true) const;
 
   private:

@@ -40,26 +40,26 @@ std::string address_text(uint64_t pa, const dma_window& region) {
     return fmt::format("DMA {}, physical {}", dma_text(region.dma_of(pa)), pa_text(pa));
 }
 
-void tell_duplicates(const picture& records, std::string_view only) {
+void report_duplicates(const picture& records, std::string_view only) {
     constexpr size_t most_named = 5;
-    std::map<std::string_view, size_t> bearers;
+    std::map<std::string_view, size_t> count_by_name;
     for (const auto& chunk : records.chunks) {
-        ++bearers[chunk.name];
+        ++count_by_name[chunk.name];
     }
-    std::erase_if(bearers, [only](const auto& each) {
+    std::erase_if(count_by_name, [only](const auto& each) {
         return each.second == 1 || (!only.empty() && each.first != only);
     });
     size_t named = 0;
-    for (const auto& [name, count] : bearers) {
+    for (const auto& [name, count] : count_by_name) {
         if (named++ == most_named) {
             break;
         }
         fmt::print(stderr, "tarvoctl: {} chunks are called '{}'; calls by name find the lowest\n",
                    count, shown(name));
     }
-    if (bearers.size() > most_named) {
+    if (count_by_name.size() > most_named) {
         fmt::print(stderr, "tarvoctl: and {} like these\n",
-                   counted(bearers.size() - most_named, "more name"));
+                   counted(count_by_name.size() - most_named, "more name"));
     }
 }
 
@@ -68,7 +68,7 @@ std::string command_on(const std::string& words, const area_source& source) {
                             : fmt::format("tarvoctl {} {}", words, shell_word(source.file));
 }
 
-exit_status told_damage(const std::vector<std::string>& damage, const area_source& source) {
+exit_status report_damage(const std::vector<std::string>& damage, const area_source& source) {
     for (const auto& each : damage) {
         fmt::print(stderr, "tarvoctl: {}\n", each);
     }

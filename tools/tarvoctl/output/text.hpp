@@ -16,23 +16,23 @@ std::string devices_text(const chunk_record& chunk, const picture& records);
 
 /// Part of the region as devices see it, from its first byte to its last one.
 std::string dma_range(const dma_window& region, uint64_t first_pa, uint64_t end_pa);
-/// A chunk's; "?" where it is not known where the region lies.
+/// A chunk's; "?" where it is unknown where the region lies.
 std::string dma_range(const chunk_record& chunk, const picture& records);
 /// "DMA 0x20000000, physical 0x0200000000"
 std::string address_text(uint64_t pa, const dma_window& region);
 
 /// Says on standard error which names several chunks have, where there are any. `only`: looks at
 /// this name alone; empty: at all.
-void tell_duplicates(const picture& records, std::string_view only);
+void report_duplicates(const picture& records, std::string_view only);
 
 /// "tarvoctl check", and the copy it is about, as a shell takes it.
 std::string command_on(const std::string& words, const area_source& source);
 
-/// Tells of lists that could not be read to their end, on standard error, and what that means for
-/// how the command ends: damaged, or good.
-exit_status told_damage(const std::vector<std::string>& damage, const area_source& source);
+/// Reports on standard error the lists that could not be read to their end. Returns how the command
+/// ends then: damaged, or good.
+exit_status report_damage(const std::vector<std::string>& damage, const area_source& source);
 
-/// Where the region lies. Throws failure where the records do not tell.
+/// Where the region lies. Throws failure where the records do not say.
 const dma_window& known_region(const picture& records, const area_source& source);
 
 } // namespace tarvoctl

@@ -58,7 +58,7 @@ class page {
 
   private:
     bool is_limited() const { return _view.height != 0; }
-    /// So low that what is told of the region as a whole would leave no room for chunks.
+    /// So low that the lines about the region as a whole would leave no room for chunks.
     bool is_low() const {
         constexpr size_t least_height = 16;
         return is_limited() && _view.height < least_height;
@@ -90,7 +90,7 @@ class page {
         add(records.has_region() ? fmt::format("region  DMA {}  physical {}",
                                                dma_range(region, region.first_pa, region.end_pa),
                                                pa_range(region.first_pa, region.end_pa))
-                                 : "region  not known");
+                                 : "region  unknown");
         add_bar();
         add(free_text());
         constexpr int most_chunks = chunk_capacity - 2; // the others bound the region
@@ -110,7 +110,7 @@ class page {
     std::string free_text() const {
         const picture& records = _view.records;
         if (!records.all_chunks) {
-            return "free    not known";
+            return "free    unknown";
         }
         constexpr int percent = 100;
         const free_space free = free_space_of(gaps_of(records));
@@ -230,7 +230,7 @@ class page {
     }
 
     /// As many rows as there is room for, and how many there is none for. The first line, with the
-    /// titles, is no row.
+    /// titles, does not count.
     void add_table(const lines& table_lines, size_t most_lines) {
         const bool fits = table_lines.size() <= most_lines;
         const size_t kept = fits ? table_lines.size() : std::max<size_t>(most_lines, 1) - 1;

@@ -1,4 +1,4 @@
-#include "host/plain_file.hpp"
+#include "host/regular_file.hpp"
 
 #include "common/failure.hpp"
 
@@ -8,7 +8,7 @@
 
 namespace tarvoctl {
 
-unique_fd open_plain_file(const std::string& path, int access) {
+unique_fd open_regular_file(const std::string& path, int access) {
     unique_fd file{::open(path.c_str(), access | O_NONBLOCK | O_NOCTTY | O_CLOEXEC)};
     struct stat found {};
     if (file && ::fstat(file.get(), &found) == 0 && !S_ISREG(found.st_mode)) {

@@ -1,4 +1,4 @@
-#include "library/lifeline.hpp"
+#include "library/parent_watch.hpp"
 
 #include "host/lock_state.hpp"
 
@@ -42,7 +42,7 @@ void watch_parent(pthread_t worker, int interrupting_signal) {
 
 } // namespace
 
-lifeline::lifeline() {
+parent_watch::parent_watch() {
     std::array<int, 2> ends{};
     if (::pipe2(ends.data(), O_CLOEXEC) != 0) {
         throw std::system_error{errno, std::generic_category(), "pipe2"};
@@ -51,7 +51,7 @@ lifeline::lifeline() {
     _parent_end.reset(ends[1]);
 }
 
-void lifeline::follow_parent(int interrupting_signal) {
+void parent_watch::follow_parent(int interrupting_signal) {
     _parent_end.reset();
     line_to_parent = _child_end.release(); // for the rest of the process's life
     // Signals are the worker's.

@@ -6,9 +6,9 @@ namespace tarvoctl {
 
 /// By which a child learns that its parent has ended, also if it was killed or ended before the
 /// child could ask: a pipe that the parent alone can write to.
-class lifeline {
+class parent_watch {
   public:
-    lifeline();
+    parent_watch();
 
     /// In the child, once. From now on the parent's end is a SIGTERM to the child; and while that
     /// is held back, a wait for a file lock is interrupted again and again by
