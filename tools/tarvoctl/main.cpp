@@ -1,4 +1,3 @@
-#include "commands/commands.hpp"
 #include "program.hpp"
 
 #include <fcntl.h>
@@ -23,34 +22,5 @@ void occupy_closed_descriptors() {
 
 int main(int argc, char** argv) {
     occupy_closed_descriptors();
-    tarvoctl::program tool;
-    // In the order in which the help lists them.
-    tarvoctl::add_list(tool);
-    tarvoctl::add_show(tool);
-    tarvoctl::add_devices(tool);
-    tarvoctl::add_who(tool);
-    tarvoctl::add_lock(tool);
-    tarvoctl::add_leaks(tool);
-    tarvoctl::add_map(tool);
-    tarvoctl::add_snapshot(tool);
-    tarvoctl::add_diff(tool);
-    tarvoctl::add_watch(tool);
-    tarvoctl::add_top(tool);
-    tarvoctl::add_read(tool);
-    tarvoctl::add_find(tool);
-    tarvoctl::add_translate(tool);
-    tarvoctl::add_limits(tool);
-    tarvoctl::add_dump(tool);
-    tarvoctl::add_alloc(tool);
-    tarvoctl::add_free(tool);
-    tarvoctl::add_write(tool);
-    tarvoctl::add_fill(tool);
-    tarvoctl::add_register(tool);
-    tarvoctl::add_unregister(tool);
-    tarvoctl::add_iommu_map(tool);
-    tarvoctl::add_iommu_unmap(tool);
-    tarvoctl::add_doctor(tool);
-    tarvoctl::add_check(tool);
-    tarvoctl::add_repair(tool);
-    return tool.run(argc, argv);
+    return tarvoctl::program{}.run(argc, argv);
 }

@@ -8,8 +8,10 @@
 #include <CLI/CLI.hpp>
 #include <cstdio>
 #include <fmt/format.h>
+#include <iterator>
 #include <optional>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 namespace tarvoctl {
@@ -48,15 +50,19 @@ program::program() : _parser{std::make_unique<CLI::App>(purpose, "tarvoctl")} {
     _parser->require_subcommand(1);
     _parser->set_version_flag("--version", "tarvoctl " TARVOCTL_VERSION);
     _parser->footer("'tarvoctl COMMAND --help' lists the options; tarvoctl(1) has the details.");
+    [this]<size_t... entries>(std::index_sequence<entries...>) {
+        (add(all_commands[entries], set_up<entries>), ...);
+    }
+    (std::make_index_sequence<std::size(all_commands)>{});
 }
 
 program::~program() = default;
 
-command_words program::add(const std::string& name, const std::string& about,
-                           const std::string& group, action run) {
-    CLI::App* const command = _parser->add_subcommand(name, about)->group(group);
-    command->callback([this, run = std::move(run)] { _chosen = run; });
-    return command_words{*command};
+void program::add(const command_entry& entry, action (*set_up)(command_words&)) {
+    CLI::App* const command =
+        _parser->add_subcommand(entry.name, entry.purpose)->group(entry.heading);
+    command_words words{*command};
+    command->callback([this, run = set_up(words)] { _chosen = run; });
 }
 
 exit_status program::parse_and_carry_out(int argc, char** argv) {

@@ -4,7 +4,6 @@
 #include "library/arguments.hpp"
 #include "output/json.hpp"
 #include "output/text.hpp"
-#include "program.hpp"
 #include "quantities.hpp"
 #include "tarvo.h"
 
@@ -165,37 +164,37 @@ exit_status limits(const address_options& options) {
     return report_damage(records.damage, options.source);
 }
 
-using question = exit_status (*)(const address_options&);
-
-command_words add_question(program& to, const char* name, const char* purpose,
-                           const std::shared_ptr<address_options>& options, question answer) {
-    command_words command = to.add(name, purpose, looking, options, answer);
-    command.json(options->json);
-    command.source(options->source);
-    return command;
+void question_words(command_words& words, address_options& options) {
+    words.json(options.json);
+    words.source(options.source);
 }
 
 } // namespace
 
-void add_find(program& to) {
+template <>
+action set_up<entry_of("find")>(command_words& words) {
     const auto options = std::make_shared<address_options>();
-    add_question(to, "find", "the chunk that a DMA address lies in", options, find)
-        .word("DMA", options->address, "such as 0x20001000");
+    question_words(words, *options);
+    words.word("DMA", options->address, "such as 0x20001000");
+    return [options] { return find(*options); };
 }
 
-void add_translate(program& to) {
+template <>
+action set_up<entry_of("translate")>(command_words& words) {
     const auto options = std::make_shared<address_options>();
-    command_words command = add_question(
-        to, "translate", "the physical address of a DMA address, and back", options, translate);
-    command.word("ADDRESS", options->address, "such as 0x20001000");
-    command.flag("--pa", options->is_pa, "it is a physical address");
-    command.flag("--dma", options->is_dma, "it is a DMA address");
-    command.exclude("--pa", "--dma");
+    question_words(words, *options);
+    words.word("ADDRESS", options->address, "such as 0x20001000");
+    words.flag("--pa", options->is_pa, "it is a physical address");
+    words.flag("--dma", options->is_dma, "it is a DMA address");
+    words.exclude("--pa", "--dma");
+    return [options] { return translate(*options); };
 }
 
-void add_limits(program& to) {
-    add_question(to, "limits", "where the region lies, for devices and for processors",
-                 std::make_shared<address_options>(), limits);
+template <>
+action set_up<entry_of("limits")>(command_words& words) {
+    const auto options = std::make_shared<address_options>();
+    question_words(words, *options);
+    return [options] { return limits(*options); };
 }
 
 } // namespace tarvoctl

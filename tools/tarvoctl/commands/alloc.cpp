@@ -9,7 +9,6 @@
 #include "library/ready_area.hpp"
 #include "output/json.hpp"
 #include "output/text.hpp"
-#include "program.hpp"
 #include "quantities.hpp"
 #include "tarvo.h"
 
@@ -145,19 +144,18 @@ exit_status alloc(const alloc_options& options) {
 
 } // namespace
 
-void add_alloc(program& to) {
+template <>
+action set_up<entry_of("alloc")>(command_words& words) {
     const auto options = std::make_shared<alloc_options>();
-    command_words command =
-        to.add("alloc", "get the chunk of a name: the existing one, or a new one", changing,
-               options, alloc);
-    command.word("NAME", options->name, "1 to 49 bytes");
-    command.word("SIZE", options->size, "such as 64K, 2M, 0x1000; whole pages are taken");
-    command.option("--creator", "TEXT", options->creator,
-                   "who allocates, 1 to 99 bytes; default 'tarvoctl'");
-    command.flag("--duplicate", options->duplicate,
-                 "where the name has another size: make a second chunk of it");
-    command.json(options->json);
-    command.timeout(options->timeout);
+    words.word("NAME", options->name, "1 to 49 bytes");
+    words.word("SIZE", options->size, "such as 64K, 2M, 0x1000; whole pages are taken");
+    words.option("--creator", "TEXT", options->creator,
+                 "who allocates, 1 to 99 bytes; default 'tarvoctl'");
+    words.flag("--duplicate", options->duplicate,
+               "where the name has another size: make a second chunk of it");
+    words.json(options->json);
+    words.timeout(options->timeout);
+    return [options] { return alloc(*options); };
 }
 
 } // namespace tarvoctl

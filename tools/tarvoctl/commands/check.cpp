@@ -5,7 +5,6 @@
 #include "output/json.hpp"
 #include "output/place_text.hpp"
 #include "output/text.hpp"
-#include "program.hpp"
 
 #include <fmt/format.h>
 #include <memory>
@@ -85,15 +84,14 @@ exit_status check(const check_command_options& options) {
 
 } // namespace
 
-void add_check(program& to) {
+template <>
+action set_up<entry_of("check")>(command_words& words) {
     const auto options = std::make_shared<check_command_options>();
-    command_words command =
-        to.add("check", "every rule of the area, live or of a copy", repairing, options, check);
-    command.optional_word("FILE", options->source.file,
-                          "a copy to check in place of the live area");
-    command.flag("--cma", options->cma, "the copy is of a CMA region: chunks may overlap");
-    command.json(options->json);
-    command.live(options->source);
+    words.optional_word("FILE", options->source.file, "a copy to check in place of the live area");
+    words.flag("--cma", options->cma, "the copy is of a CMA region: chunks may overlap");
+    words.json(options->json);
+    words.live(options->source);
+    return [options] { return check(*options); };
 }
 
 } // namespace tarvoctl

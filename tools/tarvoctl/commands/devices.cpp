@@ -2,7 +2,6 @@
 #include "output/json.hpp"
 #include "output/table.hpp"
 #include "output/text.hpp"
-#include "program.hpp"
 #include "quantities.hpp"
 
 #include <algorithm>
@@ -101,13 +100,12 @@ exit_status devices(const devices_options& options) {
 
 } // namespace
 
-void add_devices(program& to) {
+template <>
+action set_up<entry_of("devices")>(command_words& words) {
     const auto options = std::make_shared<devices_options>();
-    command_words command =
-        to.add("devices", "the registered devices and how many chunks each sees", looking, options,
-               devices);
-    command.json(options->json);
-    command.source(options->source);
+    words.json(options->json);
+    words.source(options->source);
+    return [options] { return devices(*options); };
 }
 
 } // namespace tarvoctl

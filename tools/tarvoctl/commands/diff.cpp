@@ -4,7 +4,6 @@
 #include "output/change_text.hpp"
 #include "output/json.hpp"
 #include "output/text.hpp"
-#include "program.hpp"
 
 #include <fmt/format.h>
 #include <memory>
@@ -53,14 +52,14 @@ exit_status diff(const diff_options& options) {
 
 } // namespace
 
-void add_diff(program& to) {
+template <>
+action set_up<entry_of("diff")>(command_words& words) {
     const auto options = std::make_shared<diff_options>();
-    command_words command =
-        to.add("diff", "what changed between two snapshots, or since one", looking, options, diff);
-    command.word("A", options->before.file, "the snapshot from before");
-    command.optional_word("B", options->after.file, "the one from after; default: the live area");
-    command.json(options->json);
-    command.live(options->after);
+    words.word("A", options->before.file, "the snapshot from before");
+    words.optional_word("B", options->after.file, "the one from after; default: the live area");
+    words.json(options->json);
+    words.live(options->after);
+    return [options] { return diff(*options); };
 }
 
 } // namespace tarvoctl

@@ -2,7 +2,6 @@
 #include "doctor/diagnosis.hpp"
 #include "output/json.hpp"
 #include "output/screen.hpp"
-#include "program.hpp"
 #include "quantities.hpp"
 
 #include <fmt/format.h>
@@ -106,12 +105,11 @@ exit_status doctor(bool as_json) {
 
 } // namespace
 
-void add_doctor(program& to) {
+template <>
+action set_up<entry_of("doctor")>(command_words& words) {
     const auto as_json = std::make_shared<bool>(false);
-    command_words command =
-        to.add("doctor", "what is wrong with files, drivers, area and users, each with the fix",
-               repairing, [as_json] { return doctor(*as_json); });
-    command.json(*as_json);
+    words.json(*as_json);
+    return [as_json] { return doctor(*as_json); };
 }
 
 } // namespace tarvoctl

@@ -4,7 +4,6 @@
 #include "library/library_call.hpp"
 #include "library/ready_area.hpp"
 #include "output/json.hpp"
-#include "program.hpp"
 #include "tarvo.h"
 
 #include <array>
@@ -59,12 +58,12 @@ exit_status dump(const dump_options& options) {
 
 } // namespace
 
-void add_dump(program& to) {
+template <>
+action set_up<entry_of("dump")>(command_words& words) {
     const auto options = std::make_shared<dump_options>();
-    command_words command =
-        to.add("dump", "the library's own listing, byte for byte", looking, options, dump);
-    command.json(options->json);
-    command.timeout(options->timeout);
+    words.json(options->json);
+    words.timeout(options->timeout);
+    return [options] { return dump(*options); };
 }
 
 } // namespace tarvoctl

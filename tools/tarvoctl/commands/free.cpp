@@ -9,7 +9,6 @@
 #include "output/json.hpp"
 #include "output/process_text.hpp"
 #include "output/text.hpp"
-#include "program.hpp"
 #include "quantities.hpp"
 #include "tarvo.h"
 
@@ -112,15 +111,14 @@ exit_status free_chunk(const free_options& options) {
 
 } // namespace
 
-void add_free(program& to) {
+template <>
+action set_up<entry_of("free")>(command_words& words) {
     const auto options = std::make_shared<free_options>();
-    command_words command =
-        to.add("free", "free the chunk of a name, for everybody; asks first, with who has it",
-               changing, options, free_chunk);
-    command.word("NAME", options->name, "the lowest chunk of that name");
-    command.flag("--force", options->force, "do not ask");
-    command.json(options->json);
-    command.timeout(options->timeout);
+    words.word("NAME", options->name, "the lowest chunk of that name");
+    words.flag("--force", options->force, "do not ask");
+    words.json(options->json);
+    words.timeout(options->timeout);
+    return [options] { return free_chunk(*options); };
 }
 
 } // namespace tarvoctl

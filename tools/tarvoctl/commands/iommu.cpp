@@ -5,7 +5,6 @@
 #include "library/ready_area.hpp"
 #include "output/json.hpp"
 #include "output/text.hpp"
-#include "program.hpp"
 #include "quantities.hpp"
 #include "tarvo.h"
 
@@ -90,29 +89,28 @@ exit_status iommu_unmap(const iommu_options& options) {
     });
 }
 
-command_words add_request(program& to, const char* name, const char* purpose,
-                          const std::shared_ptr<iommu_options>& options,
-                          exit_status (*run)(const iommu_options&)) {
-    command_words command = to.add(name, purpose, changing, options, run);
-    command.word("DEVICE", options->device, "such as 0000:03:00.0 or 03:00.0");
-    command.json(options->json);
-    command.timeout(options->timeout);
-    return command;
+void request_words(command_words& words, iommu_options& options) {
+    words.word("DEVICE", options.device, "such as 0000:03:00.0 or 03:00.0");
+    words.json(options.json);
+    words.timeout(options.timeout);
 }
 
 } // namespace
 
-void add_iommu_map(program& to) {
+template <>
+action set_up<entry_of("iommu-map")>(command_words& words) {
     const auto options = std::make_shared<iommu_options>();
-    add_request(to, "iommu-map", "map the whole region for a device, off the record", options,
-                iommu_map)
-        .choice("--prot", "PROT", {"r", "w", "rw"}, options->prot,
-                "what the device may do: r, w, or rw");
+    request_words(words, *options);
+    words.choice("--prot", "PROT", {"r", "w", "rw"}, options->prot,
+                 "what the device may do: r, w, or rw");
+    return [options] { return iommu_map(*options); };
 }
 
-void add_iommu_unmap(program& to) {
-    add_request(to, "iommu-unmap", "undo iommu-map", std::make_shared<iommu_options>(),
-                iommu_unmap);
+template <>
+action set_up<entry_of("iommu-unmap")>(command_words& words) {
+    const auto options = std::make_shared<iommu_options>();
+    request_words(words, *options);
+    return [options] { return iommu_unmap(*options); };
 }
 
 } // namespace tarvoctl

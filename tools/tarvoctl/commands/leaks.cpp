@@ -4,7 +4,6 @@
 #include "output/json.hpp"
 #include "output/process_text.hpp"
 #include "output/text.hpp"
-#include "program.hpp"
 #include "quantities.hpp"
 
 #include <algorithm>
@@ -199,14 +198,13 @@ exit_status leaks(const leaks_options& options) {
 
 } // namespace
 
-void add_leaks(program& to) {
+template <>
+action set_up<entry_of("leaks")>(command_words& words) {
     const auto options = std::make_shared<leaks_options>();
-    command_words command =
-        to.add("leaks", "chunks that nobody seems to need any more; frees nothing", looking,
-               options, leaks);
-    command.flag("--all", options->all, "list all suspects, not the 20 largest alone");
-    command.json(options->json);
-    command.live(options->source);
+    words.flag("--all", options->all, "list all suspects, not the 20 largest alone");
+    words.json(options->json);
+    words.live(options->source);
+    return [options] { return leaks(*options); };
 }
 
 } // namespace tarvoctl

@@ -3,7 +3,6 @@
 #include "output/json.hpp"
 #include "output/table.hpp"
 #include "output/text.hpp"
-#include "program.hpp"
 #include "quantities.hpp"
 
 #include <algorithm>
@@ -167,19 +166,19 @@ exit_status list(const list_options& options) {
 
 } // namespace
 
-void add_list(program& to) {
+template <>
+action set_up<entry_of("list")>(command_words& words) {
     const auto options = std::make_shared<list_options>();
-    command_words command =
-        to.add("list", "the chunks, in ascending address", looking, options, list);
-    command.list("-o,--columns", "COLUMNS", options->columns,
-                 "which, as in name,size: index, name, dma, pa, size, creator, devices");
-    command.choice("--sort", "KEY", {"pa", "dma", "name", "size", "creator", "index"},
-                   options->sort, "by pa (also dma), name, size, creator or index");
-    command.flag("-r,--reverse", options->reverse, "the other way round");
-    command.flag("--bytes", options->bytes, "sizes as plain numbers of bytes, for scripts");
-    command.flag("--no-header", options->no_header, "without the line of titles");
-    command.json(options->json);
-    command.source(options->source);
+    words.list("-o,--columns", "COLUMNS", options->columns,
+               "which, as in name,size: index, name, dma, pa, size, creator, devices");
+    words.choice("--sort", "KEY", {"pa", "dma", "name", "size", "creator", "index"}, options->sort,
+                 "by pa (also dma), name, size, creator or index");
+    words.flag("-r,--reverse", options->reverse, "the other way round");
+    words.flag("--bytes", options->bytes, "sizes as plain numbers of bytes, for scripts");
+    words.flag("--no-header", options->no_header, "without the line of titles");
+    words.json(options->json);
+    words.source(options->source);
+    return [options] { return list(*options); };
 }
 
 } // namespace tarvoctl

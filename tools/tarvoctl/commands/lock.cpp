@@ -7,7 +7,6 @@
 #include "output/process_text.hpp"
 #include "output/table.hpp"
 #include "output/text.hpp"
-#include "program.hpp"
 #include "quantities.hpp"
 
 #include <algorithm>
@@ -142,11 +141,11 @@ exit_status lock(bool as_json) {
 
 } // namespace
 
-void add_lock(program& to) {
+template <>
+action set_up<entry_of("lock")>(command_words& words) {
     const auto as_json = std::make_shared<bool>(false);
-    command_words command = to.add("lock", "who holds the cross-process lock, who waits for it",
-                                   looking, [as_json] { return lock(*as_json); });
-    command.json(*as_json);
+    words.json(*as_json);
+    return [as_json] { return lock(*as_json); };
 }
 
 } // namespace tarvoctl

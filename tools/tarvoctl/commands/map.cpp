@@ -12,7 +12,6 @@
 #include "output/screen.hpp"
 #include "output/table.hpp"
 #include "output/text.hpp"
-#include "program.hpp"
 #include "quantities.hpp"
 
 #include <algorithm>
@@ -278,18 +277,18 @@ exit_status map(const map_options& options) {
 
 } // namespace
 
-void add_map(program& to) {
+template <>
+action set_up<entry_of("map")>(command_words& words) {
     const auto options = std::make_shared<map_options>();
-    command_words command =
-        to.add("map", "a picture of the region: chunks and gaps to scale", looking, options, map);
-    command.option("--fit", "SIZE", options->fit, "would a chunk of that size fit, and where?");
-    command.flag("--cma", options->cma,
-                 "the copy is of a CMA region: chunks may overlap, and the driver chooses places");
-    command.option("--svg", "FILE", options->svg_file,
-                   "write the picture to this file, too; - for standard output alone");
-    command.flag("--force", options->force, "replace an existing file of --svg");
-    command.json(options->json);
-    command.source(options->source);
+    words.option("--fit", "SIZE", options->fit, "would a chunk of that size fit, and where?");
+    words.flag("--cma", options->cma,
+               "the copy is of a CMA region: chunks may overlap, and the driver chooses places");
+    words.option("--svg", "FILE", options->svg_file,
+                 "write the picture to this file, too; - for standard output alone");
+    words.flag("--force", options->force, "replace an existing file of --svg");
+    words.json(options->json);
+    words.source(options->source);
+    return [options] { return map(*options); };
 }
 
 } // namespace tarvoctl

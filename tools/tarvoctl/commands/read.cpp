@@ -7,7 +7,6 @@
 #include "library/library_call.hpp"
 #include "library/ready_area.hpp"
 #include "output/hex_dump.hpp"
-#include "program.hpp"
 
 #include <cerrno>
 #include <memory>
@@ -45,15 +44,15 @@ exit_status read_chunk(const read_options& options) {
 
 } // namespace
 
-void add_read(program& to) {
+template <>
+action set_up<entry_of("read")>(command_words& words) {
     const auto options = std::make_shared<read_options>();
-    command_words command =
-        to.add("read", "what is in a chunk, as a hex dump or raw", looking, options, read_chunk);
-    command.word("NAME", options->name, "the lowest chunk of that name");
-    command.option("--offset", "SIZE", options->offset, "first byte within the chunk");
-    command.option("--size", "SIZE", options->size, "how many bytes; default: to the chunk's end");
-    command.flag("--raw", options->raw, "the bytes themselves, for files and pipes");
-    command.timeout(options->timeout);
+    words.word("NAME", options->name, "the lowest chunk of that name");
+    words.option("--offset", "SIZE", options->offset, "first byte within the chunk");
+    words.option("--size", "SIZE", options->size, "how many bytes; default: to the chunk's end");
+    words.flag("--raw", options->raw, "the bytes themselves, for files and pipes");
+    words.timeout(options->timeout);
+    return [options] { return read_chunk(*options); };
 }
 
 } // namespace tarvoctl

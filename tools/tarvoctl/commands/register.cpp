@@ -8,7 +8,6 @@
 #include "output/confirm.hpp"
 #include "output/json.hpp"
 #include "output/text.hpp"
-#include "program.hpp"
 #include "quantities.hpp"
 #include "shared/layout.hpp"
 #include "tarvo.h"
@@ -175,29 +174,27 @@ exit_status unregister_device(const register_options& options) {
     return done ? exit_status::good : exit_status::finding;
 }
 
-command_words add_registration(program& to, const char* name, const char* purpose,
-                               const std::shared_ptr<register_options>& options,
-                               exit_status (*run)(const register_options&)) {
-    command_words command = to.add(name, purpose, changing, options, run);
-    command.word("DEVICE", options->device, "such as 0000:03:00.0 or 03:00.0");
-    command.json(options->json);
-    command.timeout(options->timeout);
-    return command;
+void registration_words(command_words& words, register_options& options) {
+    words.word("DEVICE", options.device, "such as 0000:03:00.0 or 03:00.0");
+    words.json(options.json);
+    words.timeout(options.timeout);
 }
 
 } // namespace
 
-void add_register(program& to) {
-    add_registration(to, "register", "let a device see every chunk, or revive one that is offline",
-                     std::make_shared<register_options>(), register_device);
+template <>
+action set_up<entry_of("register")>(command_words& words) {
+    const auto options = std::make_shared<register_options>();
+    registration_words(words, *options);
+    return [options] { return register_device(*options); };
 }
 
-void add_unregister(program& to) {
+template <>
+action set_up<entry_of("unregister")>(command_words& words) {
     const auto options = std::make_shared<register_options>();
-    add_registration(to, "unregister",
-                     "unmap all chunks for a device; asks first, with what it sees", options,
-                     unregister_device)
-        .flag("--force", options->force, "do not ask");
+    registration_words(words, *options);
+    words.flag("--force", options->force, "do not ask");
+    return [options] { return unregister_device(*options); };
 }
 
 } // namespace tarvoctl

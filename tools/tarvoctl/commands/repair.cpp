@@ -10,7 +10,6 @@
 #include "output/place_text.hpp"
 #include "output/process_text.hpp"
 #include "output/text.hpp"
-#include "program.hpp"
 #include "quantities.hpp"
 
 #include <chrono>
@@ -254,22 +253,20 @@ exit_status repair(const repair_options& options) {
 
 } // namespace
 
-void add_repair(program& to) {
+template <>
+action set_up<entry_of("repair")>(command_words& words) {
     const auto options = std::make_shared<repair_options>();
-    command_words command =
-        to.add("repair", "make the area whole after a process died in the middle of a change",
-               repairing, options, repair);
-    command.optional_word("FILE", options->source.file,
-                          "a copy to repair in place of the live area");
-    command.flag("--cma", options->cma, "the copy is of a CMA region: chunks may overlap");
-    command.flag("-n,--dry-run", options->dry_run, "only show the plan");
-    command.flag("-y,--yes", options->yes, "do not ask");
-    command.flag("--force", options->force, "also while processes use it, or may");
-    command.flag("--partly", options->partly,
-                 "also where something is left for a person to decide: repair the rest");
-    command.option("--backup", "FILE", options->backup, "where the area is kept as it was");
-    command.json(options->json);
-    command.timeout(options->source.timeout);
+    words.optional_word("FILE", options->source.file, "a copy to repair in place of the live area");
+    words.flag("--cma", options->cma, "the copy is of a CMA region: chunks may overlap");
+    words.flag("-n,--dry-run", options->dry_run, "only show the plan");
+    words.flag("-y,--yes", options->yes, "do not ask");
+    words.flag("--force", options->force, "also while processes use it, or may");
+    words.flag("--partly", options->partly,
+               "also where something is left for a person to decide: repair the rest");
+    words.option("--backup", "FILE", options->backup, "where the area is kept as it was");
+    words.json(options->json);
+    words.timeout(options->source.timeout);
+    return [options] { return repair(*options); };
 }
 
 } // namespace tarvoctl

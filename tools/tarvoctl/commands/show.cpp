@@ -6,7 +6,6 @@
 #include "output/json.hpp"
 #include "output/process_text.hpp"
 #include "output/text.hpp"
-#include "program.hpp"
 #include "quantities.hpp"
 
 #include <algorithm>
@@ -200,13 +199,13 @@ exit_status show(const show_options& options) {
 
 } // namespace
 
-void add_show(program& to) {
+template <>
+action set_up<entry_of("show")>(command_words& words) {
     const auto options = std::make_shared<show_options>();
-    command_words command = to.add("show", "one chunk in full, with its neighbours and its users",
-                                   looking, options, show);
-    command.word("NAME", options->name, "the chunk");
-    command.json(options->json);
-    command.source(options->source);
+    words.word("NAME", options->name, "the chunk");
+    words.json(options->json);
+    words.source(options->source);
+    return [options] { return show(*options); };
 }
 
 } // namespace tarvoctl

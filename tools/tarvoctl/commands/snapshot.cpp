@@ -2,7 +2,6 @@
 #include "common/failure.hpp"
 #include "host/area_file.hpp"
 #include "output/json.hpp"
-#include "program.hpp"
 
 #include <fmt/format.h>
 #include <memory>
@@ -64,15 +63,14 @@ exit_status snapshot(const snapshot_options& options) {
 
 } // namespace
 
-void add_snapshot(program& to) {
+template <>
+action set_up<entry_of("snapshot")>(command_words& words) {
     const auto options = std::make_shared<snapshot_options>();
-    command_words command =
-        to.add("snapshot", "a consistent copy of the area, for later", looking, options, snapshot);
-    command.word("FILE", options->file,
-                 "the copy, which must not exist yet; - for standard output");
-    command.flag("--force", options->force, "replace an existing file");
-    command.json(options->json);
-    command.source(options->source);
+    words.word("FILE", options->file, "the copy, which must not exist yet; - for standard output");
+    words.flag("--force", options->force, "replace an existing file");
+    words.json(options->json);
+    words.source(options->source);
+    return [options] { return snapshot(*options); };
 }
 
 } // namespace tarvoctl

@@ -5,7 +5,6 @@
 #include "output/live_screen.hpp"
 #include "output/text.hpp"
 #include "output/top_page.hpp"
-#include "program.hpp"
 #include "quantities.hpp"
 
 #include <algorithm>
@@ -36,7 +35,7 @@ class live_view {
         if (look.records) {
             _records = std::move(look.records);
             _memory = mappings_of(find_site());
-            _title = title_of(look.area, look.found != area_look::state::changing
+            _title = title_of(look.area, look.found != area_look::state::inconsistent
                                              ? ""
                                              : "  HALF CHANGED: read without the lock");
             _mark.clear();
@@ -156,15 +155,14 @@ exit_status top(const top_options& options) {
 
 } // namespace
 
-void add_top(program& to) {
+template <>
+action set_up<entry_of("top")>(command_words& words) {
     const auto options = std::make_shared<top_options>();
-    command_words command =
-        to.add("top", "the region, its chunks and devices on the whole screen, as they change",
-               looking, options, top);
-    command.footer(
+    words.footer(
         "Keys: s sorts; arrows and hjkl move, left and right through the columns; q quits.");
-    command.interval(options->interval);
-    command.live(options->source);
+    words.interval(options->interval);
+    words.live(options->source);
+    return [options] { return top(*options); };
 }
 
 } // namespace tarvoctl

@@ -7,7 +7,6 @@
 #include "output/json.hpp"
 #include "output/standard_output.hpp"
 #include "output/text.hpp"
-#include "program.hpp"
 #include "quantities.hpp"
 
 #include <csignal>
@@ -123,7 +122,7 @@ class watcher {
         case area_look::state::locked:
             remark(look.obstacle + ". Waiting", "the lock"); // whoever holds it by now
             break;
-        case area_look::state::changing: // half a change would be reported as one
+        case area_look::state::inconsistent: // half a change would be reported as one
             remark("the area changed during every reading without its lock. Waiting");
             break;
         default:
@@ -203,13 +202,13 @@ exit_status watch(const watch_options& options) {
 
 } // namespace
 
-void add_watch(program& to) {
+template <>
+action set_up<entry_of("watch")>(command_words& words) {
     const auto options = std::make_shared<watch_options>();
-    command_words command =
-        to.add("watch", "changes of chunks and devices as they happen", looking, options, watch);
-    command.json(options->json);
-    command.interval(options->interval);
-    command.live(options->source);
+    words.json(options->json);
+    words.interval(options->interval);
+    words.live(options->source);
+    return [options] { return watch(*options); };
 }
 
 } // namespace tarvoctl

@@ -5,7 +5,6 @@
 #include "output/process_text.hpp"
 #include "output/table.hpp"
 #include "output/text.hpp"
-#include "program.hpp"
 #include "quantities.hpp"
 
 #include <algorithm>
@@ -252,14 +251,13 @@ exit_status who(const who_options& options) {
 
 } // namespace
 
-void add_who(program& to) {
+template <>
+action set_up<entry_of("who")>(command_words& words) {
     const auto options = std::make_shared<who_options>();
-    command_words command =
-        to.add("who", "the processes that have chunks mapped, and what they see of them", looking,
-               options, who);
-    command.optional_word("NAME", options->name, "this chunk alone");
-    command.json(options->json);
-    command.live(options->source);
+    words.optional_word("NAME", options->name, "this chunk alone");
+    words.json(options->json);
+    words.live(options->source);
+    return [options] { return who(*options); };
 }
 
 } // namespace tarvoctl

@@ -8,7 +8,6 @@
 #include "library/ready_area.hpp"
 #include "output/json.hpp"
 #include "output/text.hpp"
-#include "program.hpp"
 #include "quantities.hpp"
 
 #include <algorithm>
@@ -120,29 +119,29 @@ exit_status fill_chunk(const write_options& options) {
     });
 }
 
-command_words add_writer(program& to, const char* name, const char* purpose,
-                         const std::shared_ptr<write_options>& options,
-                         exit_status (*run)(const write_options&)) {
-    command_words command = to.add(name, purpose, changing, options, run);
-    command.word("NAME", options->name, "the lowest chunk of that name");
-    command.option("--offset", "SIZE", options->offset, "first byte within the chunk");
-    command.json(options->json);
-    command.timeout(options->timeout);
-    return command;
+void writer_words(command_words& words, write_options& options) {
+    words.word("NAME", options.name, "the lowest chunk of that name");
+    words.option("--offset", "SIZE", options.offset, "first byte within the chunk");
+    words.json(options.json);
+    words.timeout(options.timeout);
 }
 
 } // namespace
 
-void add_write(program& to) {
-    add_writer(to, "write", "copy standard input into a chunk", std::make_shared<write_options>(),
-               write_chunk);
+template <>
+action set_up<entry_of("write")>(command_words& words) {
+    const auto options = std::make_shared<write_options>();
+    writer_words(words, *options);
+    return [options] { return write_chunk(*options); };
 }
 
-void add_fill(program& to) {
+template <>
+action set_up<entry_of("fill")>(command_words& words) {
     const auto options = std::make_shared<write_options>();
-    command_words command = add_writer(to, "fill", "set all bytes of a chunk", options, fill_chunk);
-    command.word("BYTE", options->byte, "0 to 255, or 0x00 to 0xff");
-    command.option("--size", "SIZE", options->size, "how many bytes; default: to the chunk's end");
+    writer_words(words, *options);
+    words.word("BYTE", options->byte, "0 to 255, or 0x00 to 0xff");
+    words.option("--size", "SIZE", options->size, "how many bytes; default: to the chunk's end");
+    return [options] { return fill_chunk(*options); };
 }
 
 } // namespace tarvoctl

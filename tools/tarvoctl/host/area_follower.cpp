@@ -63,7 +63,7 @@ area_look area_follower::read(const std::string& path, unique_fd file) {
     picture records = look_at_records(_source);
     const bool same = _seen && identity == _identity;
     if (!records.consistent) {
-        return {area_look::state::changing, path, std::move(records)};
+        return {area_look::state::inconsistent, path, std::move(records)};
     }
     _seen = std::move(file);
     _identity = identity;

@@ -19,11 +19,11 @@ unique_fd open_built_area(const std::string& path);
 /// What one look at the live area found.
 struct area_look {
     enum class state {
-        absent,   ///< there is no area, or it is not built yet
-        locked,   ///< the lock was not free in time
-        changing, ///< it was read without the lock, and changed meanwhile
-        same,     ///< the area of the last good look
-        new_area, ///< another one, or the first
+        absent,       ///< there is no area, or it is not built yet
+        locked,       ///< the lock was not free in time
+        inconsistent, ///< it was read without the lock, and changed meanwhile
+        same,         ///< the area of the last good look
+        new_area,     ///< another one, or the first
     };
     state found;
     std::string area;                 ///< path of the file that was looked at
