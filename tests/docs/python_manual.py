@@ -109,7 +109,7 @@ class Synopsis(unittest.TestCase):
         self.check(tarvo, 20)
 
     def test_declares_what_the_reader_of_areas_has(self) -> None:
-        self.check(tarvo.area, 8)
+        self.check(tarvo.area, 7)
 
     def test_shows_how_objects_are_made_where_users_make_them(self) -> None:
         shown = {**declared_for(tarvo), **declared_for(tarvo.area)}
