@@ -3,6 +3,7 @@
 #include "common/failure.hpp"
 #include "common/numbers.hpp"
 #include "common/shown.hpp"
+#include "host/area_follower.hpp"
 #include "host/cross_process_lock.hpp"
 
 #include <CLI/CLI.hpp>
@@ -131,12 +132,14 @@ void command_words::timeout(std::chrono::milliseconds& timeout) {
                            }});
 }
 
-void command_words::interval(std::chrono::milliseconds& interval) {
+void command_words::polling(polling_options& polling) {
     constexpr double shortest = 0.01;
     constexpr double longest = 86400;
     add_seconds(*_parser, {"--interval", "time between two looks, in seconds; default 1", shortest,
-                           longest, "0.01 to 86400 seconds",
-                           [&interval](seconds wanted) { interval = whole_milliseconds(wanted); }});
+                           longest, "0.01 to 86400 seconds", [&polling](seconds wanted) {
+                               polling.interval = whole_milliseconds(wanted);
+                           }});
+    live(polling.source);
 }
 
 void command_words::json(bool& json) {

@@ -12,6 +12,8 @@ class App;
 
 namespace tarvoctl {
 
+struct polling_options;
+
 /// The value of --json that wants each document on one line.
 inline constexpr const char* compact_json = "compact";
 
@@ -47,8 +49,8 @@ class command_words {
     void live(area_source& source);
     /// --timeout SECONDS alone, for commands that need the lock.
     void timeout(std::chrono::milliseconds& timeout);
-    /// --interval SECONDS, for commands that look again and again.
-    void interval(std::chrono::milliseconds& interval);
+    /// --interval SECONDS, and what live() takes, for commands that poll the live area.
+    void polling(polling_options& polling);
     /// --json and --json=compact; program lays the documents out.
     void json(bool& json);
 

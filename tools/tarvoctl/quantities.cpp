@@ -19,6 +19,14 @@ std::tm local_time(system_clock::time_point when) {
     return fmt::localtime(system_clock::to_time_t(when));
 }
 
+/// Since the last whole second.
+int64_t milliseconds_of(system_clock::time_point when) {
+    const auto since_second =
+        std::chrono::floor<std::chrono::milliseconds>(when.time_since_epoch()) %
+        std::chrono::seconds{1};
+    return since_second.count();
+}
+
 /// "+02:00"
 std::string zone_text(const std::tm& local) {
     std::string zone = fmt::format("{:%z}", local);
@@ -73,11 +81,13 @@ std::string time_text(system_clock::time_point when) {
 }
 
 std::string exact_time_text(system_clock::time_point when) {
-    const auto since_second =
-        std::chrono::floor<std::chrono::milliseconds>(when.time_since_epoch()) %
-        std::chrono::seconds{1};
     const std::tm local = local_time(when);
-    return fmt::format("{:%FT%T}.{:03}{}", local, since_second.count(), zone_text(local));
+    return fmt::format("{:%FT%T}.{:03}{}", local, milliseconds_of(when), zone_text(local));
+}
+
+std::string utc_time_text(system_clock::time_point when) {
+    return fmt::format("{:%FT%T}.{:03}Z", fmt::gmtime(system_clock::to_time_t(when)),
+                       milliseconds_of(when));
 }
 
 std::string file_time_text(system_clock::time_point when) {

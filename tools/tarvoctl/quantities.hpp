@@ -44,6 +44,8 @@ std::string size_with_bytes(uint64_t bytes);
 std::string time_text(std::chrono::system_clock::time_point when);
 /// The same to the millisecond: "2024-05-31T02:13:07.125+02:00".
 std::string exact_time_text(std::chrono::system_clock::time_point when);
+/// The same in UTC, for programs: "2024-05-31T00:13:07.125Z".
+std::string utc_time_text(std::chrono::system_clock::time_point when);
 /// The same time for a file's name, without colons: "20240531T021307+0200".
 std::string file_time_text(std::chrono::system_clock::time_point when);
 

@@ -12,16 +12,14 @@
 #include <cstdint>
 #include <fmt/format.h>
 #include <memory>
+#include <optional>
+#include <utility>
 
 namespace tarvoctl {
 
 namespace {
 
-struct top_options {
-    area_source source{{},
-                       std::chrono::seconds{1}}; // not longer: the screen stands still meanwhile
-    std::chrono::milliseconds interval{1000};
-};
+using clock = std::chrono::steady_clock;
 
 std::string title_of(const std::string& area, const char* hint) {
     return fmt::format("tarvoctl top  {}  {}{}", time_text(std::chrono::system_clock::now()), area,
@@ -50,6 +48,22 @@ class live_view {
         }
     }
 
+    /// Shows what was found last, and obeys keys; false where a person wants no more.
+    bool serve_until(clock::time_point moment, live_screen& screen) {
+        do {
+            show();
+            const auto left =
+                std::chrono::duration_cast<std::chrono::milliseconds>(moment - clock::now());
+            const screen_key key = screen.key_within(std::max(left, std::chrono::milliseconds{0}));
+            if (key == screen_key::quit) {
+                return false;
+            }
+            obey(key);
+        } while (clock::now() < moment);
+        return true;
+    }
+
+  private:
     void obey(screen_key key) {
         switch (key) {
         case screen_key::sort:
@@ -98,7 +112,6 @@ class live_view {
         live_screen::show(drawn.text);
     }
 
-  private:
     static top_order next_of(top_order order) {
         return order == top_order::size   ? top_order::name
                : order == top_order::name ? top_order::address
@@ -117,30 +130,22 @@ class live_view {
     size_t _rows = 0;    ///< chunks on it
 };
 
-exit_status live(const top_options& options) {
-    using clock = std::chrono::steady_clock;
-    area_follower follower{options.source};
+exit_status live(const polling_options& options) {
     live_view view;
-    // Before the screen is taken, so that an area that cannot be read is reported in the usual way.
-    view.take(follower.look());
-    live_screen screen;
-    for (auto next_look = clock::now() + options.interval;;) {
-        view.show();
-        const auto left =
-            std::chrono::duration_cast<std::chrono::milliseconds>(next_look - clock::now());
-        const screen_key key = screen.key_within(std::max(left, std::chrono::milliseconds{0}));
-        if (key == screen_key::quit) {
-            return exit_status::good;
-        }
-        view.obey(key);
-        if (clock::now() >= next_look) {
-            view.take(follower.look());
-            next_look = clock::now() + options.interval;
-        }
-    }
+    // Taken after the first look, so that an area that cannot be read is reported in the usual way.
+    std::optional<live_screen> screen;
+    poll_area(
+        options, [&view](area_look look) { view.take(std::move(look)); },
+        [&](clock::time_point moment) {
+            if (!screen) {
+                screen.emplace();
+            }
+            return view.serve_until(moment, *screen);
+        });
+    return exit_status::good;
 }
 
-exit_status one_page(const top_options& options) {
+exit_status one_page(const polling_options& options) {
     const picture records = read_picture(options.source);
     const site here = find_site();
     fmt::print(
@@ -149,7 +154,7 @@ exit_status one_page(const top_options& options) {
     return report_damage(records.damage, options.source);
 }
 
-exit_status top(const top_options& options) {
+exit_status top(const polling_options& options) {
     return live_screen::is_possible() ? live(options) : one_page(options);
 }
 
@@ -157,11 +162,11 @@ exit_status top(const top_options& options) {
 
 template <>
 action set_up<entry_of("top")>(command_words& words) {
-    const auto options = std::make_shared<top_options>();
+    const auto options = std::make_shared<polling_options>();
+    options->source.timeout = std::chrono::seconds{1}; // the screen stands still meanwhile
     words.footer(
         "Keys: s sorts; arrows and hjkl move, left and right through the columns; q quits.");
-    words.interval(options->interval);
-    words.live(options->source);
+    words.polling(*options);
     return [options] { return top(*options); };
 }
 

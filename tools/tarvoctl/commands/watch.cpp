@@ -3,28 +3,28 @@
 #include "common/failure.hpp"
 #include "host/area_follower.hpp"
 #include "host/area_source.hpp"
+#include "host/ending_signals.hpp"
 #include "output/change_text.hpp"
 #include "output/json.hpp"
 #include "output/standard_output.hpp"
 #include "output/text.hpp"
 #include "quantities.hpp"
 
+#include <chrono>
 #include <csignal>
 #include <cstdio>
-#include <ctime>
-#include <fmt/chrono.h>
 #include <fmt/format.h>
 #include <memory>
 #include <thread>
 #include <unistd.h>
+#include <utility>
 
 namespace tarvoctl {
 
 namespace {
 
 struct watch_options {
-    area_source source;
-    std::chrono::milliseconds interval{1000};
+    polling_options polling;
     bool json = false;
 };
 
@@ -34,10 +34,8 @@ void end_well(int /*signal*/) {
 
 /// Until interrupted, and that is a good end. Every line is written out at once, so none is lost.
 void end_well_when_interrupted() {
-    struct sigaction act {};
-    act.sa_handler = end_well;
-    ::sigaction(SIGINT, &act, nullptr);
-    ::sigaction(SIGTERM, &act, nullptr);
+    handle_signal(SIGINT, end_well);
+    handle_signal(SIGTERM, end_well);
 }
 
 /// Prints one line after the other, each with the time at which it was noticed.
@@ -82,25 +80,14 @@ class reporter {
     }
 
   private:
-    static std::chrono::system_clock::time_point now() { return std::chrono::system_clock::now(); }
-
-    static int milliseconds_of(std::chrono::system_clock::time_point time) {
-        const auto since = time.time_since_epoch() % std::chrono::seconds{1};
-        return static_cast<int>(
-            std::chrono::duration_cast<std::chrono::milliseconds>(since).count());
-    }
-
     static void print_line(const std::string& text) {
-        fmt::print("{}  {}\n", exact_time_text(now()), text);
+        fmt::print("{}  {}\n", exact_time_text(std::chrono::system_clock::now()), text);
         flush_output();
     }
 
     static void print_document(const json& what) {
-        const auto time = now();
         json document = json_document("watch");
-        document["time"] =
-            fmt::format("{:%FT%T}.{:03}Z", fmt::gmtime(std::chrono::system_clock::to_time_t(time)),
-                        milliseconds_of(time));
+        document["time"] = utc_time_text(std::chrono::system_clock::now());
         document.update(what);
         print_json(document);
         flush_output();
@@ -192,12 +179,14 @@ class watcher {
 exit_status watch(const watch_options& options) {
     end_well_when_interrupted();
     lay_json_out(json_layout::compact); // a line for each change
-    area_follower follower{options.source};
     watcher lines{options.json};
-    for (;;) {
-        lines.take(follower.look());
-        std::this_thread::sleep_for(options.interval);
-    }
+    poll_area(
+        options.polling, [&lines](area_look look) { lines.take(std::move(look)); },
+        [](std::chrono::steady_clock::time_point moment) {
+            std::this_thread::sleep_until(moment);
+            return true;
+        });
+    return exit_status::good;
 }
 
 } // namespace
@@ -206,8 +195,7 @@ template <>
 action set_up<entry_of("watch")>(command_words& words) {
     const auto options = std::make_shared<watch_options>();
     words.json(options->json);
-    words.interval(options->interval);
-    words.live(options->source);
+    words.polling(options->polling);
     return [options] { return watch(*options); };
 }
 

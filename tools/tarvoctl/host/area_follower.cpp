@@ -70,4 +70,12 @@ area_look area_follower::read(const std::string& path, unique_fd file) {
     return {same ? area_look::state::same : area_look::state::new_area, path, std::move(records)};
 }
 
+void poll_area(const polling_options& options, const std::function<void(area_look)>& take,
+               const std::function<bool(std::chrono::steady_clock::time_point)>& wait_until) {
+    area_follower follower{options.source};
+    do {
+        take(follower.look());
+    } while (wait_until(std::chrono::steady_clock::now() + options.interval));
+}
+
 } // namespace tarvoctl

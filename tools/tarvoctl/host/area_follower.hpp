@@ -5,6 +5,8 @@
 #include "host/area_source.hpp"
 #include "host/file_identity.hpp"
 
+#include <chrono>
+#include <functional>
 #include <optional>
 #include <string>
 #include <utility>
@@ -31,7 +33,7 @@ struct area_look {
     std::string obstacle{};           ///< where the lock was not free: who holds it, and what helps
 };
 
-/// Looks at the live area again and again, through its being made, removed and made anew.
+/// Reads the live area again and again, while it is made, removed and made anew.
 class area_follower {
   public:
     explicit area_follower(area_source source) : _source{std::move(source)} {}
@@ -47,5 +49,16 @@ class area_follower {
     unique_fd _seen;
     std::optional<file_identity> _identity;
 };
+
+/// How the live area is polled.
+struct polling_options {
+    area_source source;
+    std::chrono::milliseconds interval{1000};
+};
+
+/// `take` gets what each look found. `wait_until` passes the time to the next one, and returns
+/// whether there is to be one. Throws failure where an area cannot be read.
+void poll_area(const polling_options& options, const std::function<void(area_look)>& take,
+               const std::function<bool(std::chrono::steady_clock::time_point)>& wait_until);
 
 } // namespace tarvoctl

@@ -2,6 +2,7 @@
 
 #include "common/failure.hpp"
 #include "common/shown.hpp"
+#include "host/ending_signals.hpp"
 #include "host/lock_state.hpp"
 #include "host/processes.hpp"
 #include "host/regular_file.hpp"
@@ -19,8 +20,6 @@ namespace tarvoctl {
 namespace {
 
 using clock = std::chrono::steady_clock;
-
-void do_nothing(int /*signal*/) {}
 
 /// Interrupts system calls again and again once a time is over, so that none that begins just
 /// after the first interruption waits for ever.

@@ -17,6 +17,14 @@ bool is_ignored(int signal) {
 
 } // namespace
 
+void handle_signal(int signal, void (*handler)(int)) {
+    struct sigaction act {};
+    act.sa_handler = handler; // without SA_RESTART
+    ::sigaction(signal, &act, nullptr);
+}
+
+void do_nothing(int /*signal*/) {}
+
 held_back_signals::held_back_signals() {
     ::sigemptyset(&_held);
     for (const int signal : {SIGINT, SIGTERM, SIGHUP, SIGQUIT}) {

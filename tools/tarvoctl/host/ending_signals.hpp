@@ -6,6 +6,12 @@
 
 namespace tarvoctl {
 
+/// Has a signal call `handler`. A system call that it interrupts ends with EINTR.
+void handle_signal(int signal, void (*handler)(int));
+
+/// The handler of a signal that is sent to interrupt a system call.
+void do_nothing(int signal);
+
 /// Holds back the signals by which people end a program, as long as it lives; those that came then
 /// take effect. What is ignored stays so.
 class held_back_signals {

@@ -30,10 +30,8 @@ namespace {
 
 using clock = std::chrono::steady_clock;
 
-/// The library's wait fails when a handler without SA_RESTART has run.
+/// The library's wait fails when the handler has run.
 constexpr int interrupting_signal = SIGUSR1;
-
-void do_nothing(int /*signal*/) {}
 
 [[noreturn]] void fail(const char* call) {
     throw std::system_error{errno, std::generic_category(), call};
@@ -64,9 +62,7 @@ std::string reason_of(int signal) {
 [[noreturn]] void carry_out(const std::function<exit_status()>& work, int report_fd,
                             const awaited_signals& signals, parent_watch& parent) {
     signals.release();
-    struct sigaction act {};
-    act.sa_handler = do_nothing;
-    ::sigaction(interrupting_signal, &act, nullptr);
+    handle_signal(interrupting_signal, do_nothing);
     auto status = exit_status::good;
     std::string report;
     try {

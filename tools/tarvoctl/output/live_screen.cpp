@@ -1,6 +1,7 @@
 #include "output/live_screen.hpp"
 
 #include "common/exit_status.hpp"
+#include "host/ending_signals.hpp"
 
 #include <array>
 #include <cerrno>
@@ -60,14 +61,6 @@ void end_by(int signal) {
     ::raise(signal);
 }
 
-void do_nothing(int /*signal*/) {}
-
-void on(int signal, void (*handler)(int)) {
-    struct sigaction act {};
-    act.sa_handler = handler; // without SA_RESTART: the wait for a key ends
-    ::sigaction(signal, &act, nullptr);
-}
-
 /// Keys come one by one and are not shown. Ctrl-Z would leave the terminal as it is now.
 void take_keyboard() {
     if (::tcgetattr(STDIN_FILENO, &keyboard_before) != 0) {
@@ -121,11 +114,11 @@ screen_key take_key(std::string& typed) {
 
 live_screen::live_screen() {
     take_keyboard();
-    on(SIGINT, end_well);
-    on(SIGTERM, end_well);
-    on(SIGHUP, end_by);
-    on(SIGQUIT, end_by);
-    on(SIGWINCH, do_nothing);
+    handle_signal(SIGINT, end_well);
+    handle_signal(SIGTERM, end_well);
+    handle_signal(SIGHUP, end_by);
+    handle_signal(SIGQUIT, end_by);
+    handle_signal(SIGWINCH, do_nothing); // which ends the wait for a key
     put(other_page);
     put(no_cursor);
     put(no_wrapping);
