@@ -1,12 +1,10 @@
-#include "quantities.hpp"
+#include "common/quantities.hpp"
 
 #include <cstdlib>
 #include <ctime>
 #include <gtest/gtest.h>
 
 namespace {
-
-using namespace tarvoctl;
 
 TEST(Quantities, PhysicalAddressesHaveTenDigitsAndDmaAddressesEight) {
     EXPECT_EQ(pa_text(0), "0x0000000000");

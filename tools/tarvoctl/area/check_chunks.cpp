@@ -1,5 +1,5 @@
 #include "check_parts.hpp"
-#include "quantities.hpp"
+#include "common/quantities.hpp"
 
 #include <limits>
 #include <unordered_map>
@@ -16,8 +16,7 @@ class chunk_check {
 
     void check() {
         if (_members.listed.empty()) {
-            add(rule::no_sentinels, -1, "no chunk is listed, not even {} and {}", head_name,
-                tail_name);
+            add(rules::no_sentinels, -1, head_name, tail_name);
         } else {
             check_sentinels();
             check_listed();
@@ -32,9 +31,9 @@ class chunk_check {
     bool is_first(int chunk) const { return chunk == _members.listed.front(); }
 
     template <typename... Values>
-    void add(rule broken_rule, int chunk, fmt::format_string<const Values&...> format,
-             const Values&... values) {
-        _found.add(broken_rule, {area_list::chunks, chunk}, format, values...);
+    void add(const rule_with<Values...>& broken_rule, int chunk,
+             const std::type_identity_t<Values>&... values) {
+        _found.add(broken_rule, {area_list::chunks, chunk}, values...);
     }
 
     /// The first element of the walk is one sentinel, the list's tail the other. A walk that breaks
@@ -46,10 +45,10 @@ class chunk_check {
         const bool has_tail =
             tail >= 0 && tail < chunk_capacity && is_sentinel(record(tail), tail_name);
         if (!has_head) {
-            add(rule::head_sentinel, head, "the first chunk is not {} of size 0", head_name);
+            add(rules::head_sentinel, head, head_name);
         }
         if (!has_tail) {
-            add(rule::tail_sentinel, tail, "the last chunk is not {} of size 0", tail_name);
+            add(rules::tail_sentinel, tail, tail_name);
         }
         if (has_head && has_tail) {
             _region = {record(head).pa, record(tail).pa};
@@ -60,8 +59,7 @@ class chunk_check {
     /// An end that the list does not lead to may be anything, so it is not compared.
     void check_region() {
         if (_region.first_pa >= _region.end_pa) {
-            add(rule::region_empty, -1, "the region begins at {} and ends at {}",
-                pa_text(_region.first_pa), pa_text(_region.end_pa));
+            add(rules::region_empty, -1, pa_text(_region.first_pa), pa_text(_region.end_pa));
         } else if (_members.listed.back() == _area.chunks._tail) {
             compare_region();
         }
@@ -71,10 +69,9 @@ class chunk_check {
         if (_options.region.has_value() &&
             (_options.region->first_pa != _region.first_pa ||
              _options.region->size_bytes != _region.end_pa - _region.first_pa)) {
-            add(rule::region_differs, -1,
-                "the area is that of {} from {}, the machine's region has {} from {}",
-                size_text(_region.end_pa - _region.first_pa), pa_text(_region.first_pa),
-                size_text(_options.region->size_bytes), pa_text(_options.region->first_pa));
+            add(rules::region_differs, -1, size_text(_region.end_pa - _region.first_pa),
+                pa_text(_region.first_pa), size_text(_options.region->size_bytes),
+                pa_text(_options.region->first_pa));
         }
     }
 
@@ -84,8 +81,7 @@ class chunk_check {
             check_padding(chunk);
             const dma_chunk_t& one = record(chunk);
             if (one.pa < previous_pa) {
-                add(rule::order, chunk, "begins at {}, before its predecessor at {}",
-                    pa_text(one.pa), pa_text(previous_pa));
+                add(rules::order, chunk, pa_text(one.pa), pa_text(previous_pa));
             }
             previous_pa = one.pa;
             if (is_at_an_end(_area, chunk)) {
@@ -101,14 +97,13 @@ class chunk_check {
     void check_padding(int chunk) {
         constexpr size_t padding_offset = offsetof(dma_chunk_t, name) + name_bytes;
         if (raw(record(chunk))[padding_offset] != 0) {
-            add(rule::padding_not_zero, chunk, "the byte after the name is not zero");
+            add(rules::padding_not_zero, chunk, "the byte after the name is");
         }
     }
 
     void check_sentinel_rest(int chunk) {
         if (!is_zero(raw(record(chunk).devs))) {
-            add(rule::sentinel_devices, chunk,
-                "a sentinel is mapped for no device, yet its list of devices is not zero");
+            add(rules::sentinel_devices, chunk);
         }
     }
 
@@ -116,19 +111,16 @@ class chunk_check {
         const uint64_t pa = record(chunk).pa;
         const uint32_t size = record(chunk).size;
         if (size == 0) {
-            add(rule::size_zero, chunk, "size is 0: it holds no memory, yet has an address");
+            add(rules::size_zero, chunk);
         } else if (size % _options.page_bytes != 0) {
-            add(rule::size_not_pages, chunk, "size {} is not whole pages of {}", size_text(size),
-                size_text(_options.page_bytes));
+            add(rules::size_not_pages, chunk, size_text(size), size_text(_options.page_bytes));
         }
         if (pa % _options.page_bytes != 0) {
-            add(rule::address_not_page, chunk, "begins at {}, within a page of {}", pa_text(pa),
-                size_text(_options.page_bytes));
+            add(rules::address_not_page, chunk, pa_text(pa), size_text(_options.page_bytes));
         }
         if (!_region.holds(record(chunk))) {
-            add(rule::outside_region, chunk,
-                "{} from {} does not lie in the region {}: the library refuses it", size_text(size),
-                pa_text(pa), pa_range(_region.first_pa, _region.end_pa));
+            add(rules::outside_region, chunk, size_text(size), pa_text(pa),
+                pa_range(_region.first_pa, _region.end_pa));
         }
     }
 
@@ -136,9 +128,8 @@ class chunk_check {
     void check_overlap(int chunk) {
         const dma_chunk_t& one = record(chunk);
         if (one.pa < _furthest_end && !is_first(chunk)) {
-            add(_options.cma ? rule::overlap_under_cma : rule::overlap, chunk,
-                "begins at {}, but chunk {} '{}' reaches to {}", pa_text(one.pa), _furthest,
-                text_up_to_end(record(_furthest).name), pa_text(_furthest_end));
+            add(_options.cma ? rules::overlap_under_cma : rules::overlap, chunk, pa_text(one.pa),
+                _furthest, text_up_to_end(record(_furthest).name), pa_text(_furthest_end));
         }
         const uint64_t room = std::numeric_limits<uint64_t>::max() - one.pa;
         const uint64_t end = one.pa + std::min<uint64_t>(one.size, room);
@@ -152,27 +143,24 @@ class chunk_check {
         const dma_chunk_t& one = record(chunk);
         const auto name = text_in(one.name);
         if (!name.has_value()) {
-            add(rule::name_not_terminated, chunk, "the name fills its field without a terminator");
+            add(rules::name_not_terminated, chunk);
         } else if (name->empty()) {
-            add(rule::name_empty, chunk, "no name: it can be neither found nor freed");
+            add(rules::name_empty, chunk);
         } else {
             check_name(chunk, *name);
         }
         const auto creator = text_in(one.creator);
         if (!creator.has_value()) {
-            add(rule::creator_not_terminated, chunk,
-                "the creator fills its field without a terminator");
+            add(rules::creator_not_terminated, chunk);
         } else if (creator->empty()) {
-            add(rule::creator_empty, chunk, "nobody is named as its creator");
+            add(rules::creator_empty, chunk);
         }
     }
 
     void check_name(int chunk, std::string_view name) {
         const auto [known, is_new] = _named.try_emplace(name, chunk);
         if (!is_new) {
-            add(rule::name_twice, chunk,
-                "called \"{}\" like chunk {}, which is the one that calls by name find", name,
-                known->second);
+            add(rules::name_twice, chunk, name, known->second);
         }
     }
 
@@ -180,10 +168,7 @@ class chunk_check {
     void check_free(int chunk) {
         const uint32_t size = record(chunk).size;
         if (record(chunk).allocated == 0 && size != 0) {
-            add(rule::free_with_size, chunk,
-                "free, yet its size is {}: the allocation that takes it believes it to be a chunk "
-                "that exists",
-                size);
+            add(rules::free_with_size, chunk, size);
         }
     }
 

@@ -24,11 +24,11 @@ bool is_padded_with_zeros(std::span<const uint8_t> element) {
 void check_device(const iommu_dev_t& device, int element, report& found) {
     const place where{area_list::devices, element};
     if (device.online > 1) {
-        found.add(rule::online_value, where, "online is {}; it must be 0 or 1", device.online);
+        found.add(rules::online_value, where, device.online);
     }
     constexpr size_t end_of_online = offsetof(iommu_dev_t, online) + 1;
     if (!is_padded_with_zeros(raw(device)) || !is_zero(raw(device).subspan(end_of_online))) {
-        found.add(rule::padding_not_zero, where, "the bytes between the fields are not zero");
+        found.add(rules::padding_not_zero, where, "the bytes between the fields are");
     }
 }
 
@@ -68,11 +68,10 @@ class reference_check {
         const place where{area_list::refs, _chunk, ref};
         const iommu_dev_ref& record = _area.chunks._arr[_chunk].devs._arr[ref];
         if (!is_padded_with_zeros(raw(record))) {
-            _found.add(rule::padding_not_zero, where, "the bytes after the flag are not zero");
+            _found.add(rules::padding_not_zero, where, "the bytes after the flag are");
         }
         if (record.dev < 0 || record.dev >= device_capacity) {
-            _found.add(rule::device_out_of_range, where, "names device {}; there are 0 to {}",
-                       record.dev, device_capacity - 1);
+            _found.add(rules::device_out_of_range, where, record.dev, device_capacity - 1);
             return;
         }
         check_device_named(where, static_cast<size_t>(record.dev));
@@ -80,17 +79,11 @@ class reference_check {
 
     void check_device_named(place where, size_t device) {
         if (_referred[device]) {
-            _found.add(rule::device_twice, where,
-                       "a second reference to {}: it would be unmapped twice",
-                       name_or_number(device));
+            _found.add(rules::device_twice, where, name_or_number(device));
         }
         _referred[device] = true;
         if (_registered[device].empty()) {
-            _found.add(rule::device_not_registered, where,
-                       "device {} is not registered: left over from one that was "
-                       "offline when it was forgotten; the next device with that "
-                       "number is taken to be mapped already",
-                       device);
+            _found.add(rules::device_not_registered, where, device);
         }
     }
 
@@ -103,10 +96,7 @@ class reference_check {
         for (size_t device = 0; device < _registered.size(); ++device) {
             if (!_registered[device].empty() && !_referred[device] &&
                 _area.devices._arr[device].online != 0) {
-                _found.add(rule::misses_device, {area_list::chunks, _chunk},
-                           "not mapped for {}, which is online; registering that device "
-                           "again maps it",
-                           _registered[device]);
+                _found.add(rules::misses_device, {area_list::chunks, _chunk}, _registered[device]);
             }
         }
     }
@@ -129,8 +119,7 @@ void check_devices(const shared_area_t& area, const list_members& devices, repor
             std::tuple(int32_t{device.domain}, int32_t{device.bus}, int32_t{device.devfn}),
             element);
         if (!is_new) {
-            found.add(rule::address_twice, {area_list::devices, element},
-                      "the same domain, bus and devfn as {}, which is the one that calls find",
+            found.add(rules::address_twice, {area_list::devices, element},
                       name_of(area, same->second));
         }
     }

@@ -1,6 +1,8 @@
 #include "check_list.hpp"
 
-#include <string_view>
+#include "list_walk.hpp"
+
+#include <utility>
 
 namespace tarvoctl {
 
@@ -14,9 +16,9 @@ class list_check {
 
     list_members check() {
         if (ends_are_usable()) {
-            walk();
+            check_listed();
         }
-        walk_free_chain();
+        check_free_chain();
         for (int element = 0; element < _links.capacity; ++element) {
             check_flag(element);
             check_unseen(element);
@@ -38,117 +40,91 @@ class list_check {
     bool ends_are_usable() {
         const auto [head, tail] = std::pair(_links.head, _links.tail);
         if (!is_an_end(head) || !is_an_end(tail)) {
-            _found.add(rule::end_out_of_range, _links.list,
-                       "head is {} and tail is {}; both must be -1 or 0 to {}", head, tail,
-                       _links.capacity - 1);
+            _found.add(rules::end_out_of_range, _links.list, head, tail, _links.capacity - 1);
         } else if ((head == -1) != (tail == -1)) {
-            _found.add(rule::one_end_only, _links.list,
-                       "head is {} and tail is {}: a list has both ends or none", head, tail);
+            _found.add(rules::one_end_only, _links.list, head, tail);
         }
         return _links.has(head);
     }
 
-    void walk() {
-        int element = _links.head;
-        while (enter_listed(element) && element != _links.tail) {
-            const int32_t following = _links.next(element);
-            if (!_links.has(following)) {
-                _found.add(rule::link_out_of_range, _links.at(element),
-                           "next is {}: the list cannot be followed to its tail {}", following,
-                           _links.tail);
-                return;
-            }
-            check_back_link(element, following);
-            element = following;
-        }
-        if (element == _links.tail && !_members.listed.empty() &&
-            _members.listed.back() == element) {
+    void check_listed() {
+        int previous = -1;
+        const auto [why, element] =
+            walk(_links, _links.head, &list_links::next, [&](int listed_one) {
+                if (previous != -1) {
+                    check_back_link(previous, listed_one);
+                }
+                previous = listed_one;
+                enter_listed(listed_one);
+                return listed_one != _links.tail;
+            });
+        switch (why) {
+        case walk_end::reason::stopped:
             check_circle();
+            break;
+        case walk_end::reason::out_of_range:
+            _found.add(rules::link_out_of_range, _links.at(previous), element, _links.tail);
+            break;
+        case walk_end::reason::repeated:
+            _found.add(rules::cycle, _links.at(element), _members.listed.size(), _links.tail);
         }
     }
 
-    /// Notes an element as part of the list; false when the walk has been there.
-    bool enter_listed(int element) {
-        if (seen(element) == listed) {
-            _found.add(
-                rule::cycle, _links.at(element),
-                "the walk comes back to this element after {} elements and never reaches the "
-                "tail {}",
-                _members.listed.size(), _links.tail);
-            return false;
-        }
+    void enter_listed(int element) {
         seen(element) = listed;
         _members.listed.push_back(element);
         if (_links.flag(element) == 0) {
-            _found.add(rule::listed_not_allocated, _links.at(element),
-                       "on the list but not marked allocated: every walk over it ends its process");
+            _found.add(rules::listed_not_allocated, _links.at(element));
         }
-        return true;
     }
 
     void check_back_link(int element, int following) {
-        if (seen(following) != listed && _links.prev(following) != element) {
-            _found.add(rule::back_link_wrong, _links.at(following),
-                       "prev is {}, but the list comes here from {}", _links.prev(following),
+        if (_links.prev(following) != element) {
+            _found.add(rules::back_link_wrong, _links.at(following), _links.prev(following),
                        element);
         }
     }
 
     void check_circle() {
         if (_links.next(_links.tail) != _links.head) {
-            _found.add(rule::circle_open, _links.at(_links.tail),
-                       "next of the tail is {} instead of the head {}", _links.next(_links.tail),
-                       _links.head);
+            _found.add(rules::circle_open, _links.at(_links.tail), "next of the tail",
+                       _links.next(_links.tail), "head", _links.head);
         }
         if (_links.prev(_links.head) != _links.tail) {
-            _found.add(rule::circle_open, _links.at(_links.head),
-                       "prev of the head is {} instead of the tail {}", _links.prev(_links.head),
-                       _links.tail);
+            _found.add(rules::circle_open, _links.at(_links.head), "prev of the head",
+                       _links.prev(_links.head), "tail", _links.tail);
         }
     }
 
-    void walk_free_chain() {
+    void check_free_chain() {
         place where = _links.list;
-        int32_t element = _links.free;
-        while (element != -1) {
-            if (!_links.has(element)) {
-                _found.add(rule::free_link_out_of_range, where,
-                           "the free chain goes on at {}, which is not an element", element);
-                return;
-            }
-            if (!enter_free(element)) {
-                return;
-            }
-            where = _links.at(element);
-            element = _links.next(element);
+        const auto [why, element] = walk(_links, _links.free, &list_links::next, [&](int free_one) {
+            where = _links.at(free_one);
+            return enter_free(free_one);
+        });
+        if (why == walk_end::reason::repeated) {
+            _found.add(rules::free_cycle, _links.at(element), _members.free.size());
+        } else if (why == walk_end::reason::out_of_range && element != -1) {
+            _found.add(rules::free_link_out_of_range, where, element);
         }
     }
 
     bool enter_free(int element) {
-        if (seen(element) == free) {
-            _found.add(rule::free_cycle, _links.at(element),
-                       "the free chain comes back to this element after {} elements",
-                       _members.free.size());
-            return false;
-        }
         if (seen(element) == listed) {
-            _found.add(rule::free_and_listed, _links.at(element),
-                       "on the list and on the free chain: it would be handed out while in use");
+            _found.add(rules::free_and_listed, _links.at(element));
             return false;
         }
         seen(element) = free;
         _members.free.push_back(element);
         if (_links.flag(element) != 0) {
-            _found.add(rule::free_but_allocated, _links.at(element),
-                       "on the free chain but marked allocated: taking it ends the process");
+            _found.add(rules::free_but_allocated, _links.at(element));
         }
         return true;
     }
 
     void check_flag(int element) {
         if (_links.flag(element) > 1) {
-            _found.add(rule::flag_value, _links.at(element), "allocated is {}; it must be 0 or 1",
-                       _links.flag(element));
+            _found.add(rules::flag_value, _links.at(element), "allocated", _links.flag(element));
         }
     }
 
@@ -157,19 +133,15 @@ class list_check {
             return;
         }
         if (_links.flag(element) != 0) {
-            _found.add(rule::allocated_on_no_list, _links.at(element),
-                       "marked allocated, but the walk over the list does not come here");
+            _found.add(rules::allocated_on_no_list, _links.at(element));
         } else {
-            _found.add(
-                rule::free_on_no_chain, _links.at(element),
-                "not allocated, and the free chain does not come here: it is never used again");
+            _found.add(rules::free_on_no_chain, _links.at(element));
         }
     }
 
     void check_free(int element) {
         if (_links.flag(element) == 0 && !is_zero(_links.bytes_after_next(element))) {
-            _found.add(rule::free_not_zero, _links.at(element),
-                       "free but not zero: whoever takes it finds what is left there");
+            _found.add(rules::free_not_zero, _links.at(element));
         }
     }
 

@@ -1,7 +1,7 @@
 #pragma once
 
-#include "check_record.hpp"
 #include "check_report.hpp"
+#include "raw_records.hpp"
 
 #include <cstdint>
 #include <vector>

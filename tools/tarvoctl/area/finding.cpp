@@ -1,7 +1,5 @@
 #include "finding.hpp"
 
-#include "check_record.hpp"
-
 #include <algorithm>
 #include <fmt/format.h>
 

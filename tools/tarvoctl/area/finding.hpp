@@ -1,6 +1,6 @@
 #pragma once
 
-#include "shared/layout.hpp"
+#include "raw_records.hpp"
 
 #include <cstddef>
 #include <string>
@@ -18,22 +18,6 @@ enum class finding_class {
 };
 
 std::string_view name_of(finding_class cls);
-
-enum class area_list {
-    area,    ///< the area as a whole, outside its lists
-    chunks,  ///< `element` is a chunk's number
-    refs,    ///< the devices of chunk `element`; `ref` is a reference's number
-    devices, ///< `element` is a device's number
-};
-
-/// Where something is. -1: not one element, but the list as a whole.
-struct place {
-    area_list list = area_list::area;
-    int element = -1;
-    int ref = -1;
-
-    bool operator==(const place&) const = default;
-};
 
 /// As people read it: "chunk 17", "chunk 17, device reference 3", "the device list". `label`
 /// follows the number of the chunk or device.

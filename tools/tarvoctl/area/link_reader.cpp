@@ -52,26 +52,23 @@ bool link_reader::is_member(int element) const {
 }
 
 /// From one element to another; to -1: as far as it goes.
-link_reader::walked link_reader::walk(int from, int to, link way) const {
-    std::vector<bool> seen(static_cast<size_t>(_links.capacity));
+link_reader::walked link_reader::walk_to(int from, int to, link_direction along) const {
     walked result{{}, false};
-    int element = from;
-    while (_links.has(element) && !holds(seen, element) && is_member(element)) {
-        seen[static_cast<size_t>(element)] = true;
-        result.elements.push_back(element);
-        if (element == to) {
-            result.whole = true;
-            break;
+    walk(_links, from, along, [&](int element) {
+        if (!is_member(element)) {
+            return false;
         }
-        element = follow(way, element);
-    }
+        result.elements.push_back(element);
+        result.whole = element == to;
+        return !result.whole;
+    });
     return result;
 }
 
 /// All the way round, back to the element it began with.
-link_reader::walked link_reader::circle(int from, link way) const {
-    walked result = walk(from, -1, way);
-    result.whole = !result.elements.empty() && follow(way, result.elements.back()) == from;
+link_reader::walked link_reader::circle(int from, link_direction along) const {
+    walked result = walk_to(from, -1, along);
+    result.whole = !result.elements.empty() && follow(along, result.elements.back()) == from;
     return result;
 }
 
@@ -107,12 +104,12 @@ void link_reader::read_order() {
 /// The walk along `prev` only counts when it has not lost what the other one met. Where the other
 /// one came back to the head, the tail was just being added.
 void link_reader::read_between_ends() {
-    walked forward = walk(_links.head, _links.tail, &list_links::next);
+    walked forward = walk_to(_links.head, _links.tail, &list_links::next);
     if (forward.whole) {
         take(std::move(forward.elements), order_source::own_walk);
         return;
     }
-    walked backward = walk(_links.tail, _links.head, &list_links::prev);
+    walked backward = walk_to(_links.tail, _links.head, &list_links::prev);
     if (backward.whole && contains(backward.elements, forward.elements)) {
         std::reverse(backward.elements.begin(), backward.elements.end());
         take(std::move(backward.elements), order_source::other_walk);
@@ -132,7 +129,7 @@ void link_reader::read_from_head() {
         take(std::move(forward.elements), order_source::own_walk);
         return;
     }
-    join(forward.elements, walk(_links.prev(_links.head), -1, &list_links::prev).elements);
+    join(forward.elements, walk_to(_links.prev(_links.head), -1, &list_links::prev).elements);
 }
 
 /// The head is unknown. With a head of -1, one element is the last of a list, being removed.
@@ -149,7 +146,7 @@ void link_reader::read_from_tail() {
 
 /// Whether a neighbour agrees to be one. Those in `no_evidence` do not count.
 bool link_reader::is_detached(int element, const std::vector<bool>& no_evidence) const {
-    const auto agrees = [&](int32_t neighbour, link back) {
+    const auto agrees = [&](int32_t neighbour, link_direction back) {
         return _links.has(neighbour) && neighbour != element && !holds(no_evidence, neighbour) &&
                _links.flag(neighbour) != 0 && follow(back, neighbour) == element;
     };

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "check_record.hpp"
+#include "list_walk.hpp"
 
 #include <cstdint>
 #include <functional>
@@ -36,18 +36,17 @@ class link_reader {
   private:
     /// What the order was taken from.
     enum class order_source { own_walk, other_walk, pieces };
-    using link = int32_t (list_links::*)(int) const;
     struct walked {
         std::vector<int> elements;
         bool whole;
     };
 
-    int32_t follow(link way, int element) const { return (_links.*way)(element); }
+    int32_t follow(link_direction along, int element) const { return (_links.*along)(element); }
     bool is_linked_both_ways(int element) const;
     bool is_the_only_one(int element) const;
     bool is_member(int element) const;
-    walked walk(int from, int to, link way) const;
-    walked circle(int from, link way) const;
+    walked walk_to(int from, int to, link_direction along) const;
+    walked circle(int from, link_direction along) const;
     void read_order();
     void read_between_ends();
     void read_from_head();

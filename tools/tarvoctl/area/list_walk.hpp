@@ -1,48 +1,36 @@
 #pragma once
 
-#include <bitset>
-#include <cstdint>
+#include "raw_records.hpp"
+
+#include <functional>
 #include <optional>
 #include <string>
-#include <type_traits>
 
 namespace tarvoctl {
 
-/// Visits the elements of a list of the area (`_arr`, `_head`, `_tail`) from head to tail, without
-/// trust in what it finds: `visit` gets each element's number and the element, once. Returns why
-/// elements may be missing, or nothing: the walk ended early, or an element does not name the one
-/// the walk came from as its predecessor, so that a link may have skipped some.
-template <typename List, typename Visit>
-std::optional<std::string> walk_list(const List& list, Visit visit) {
-    constexpr auto capacity = static_cast<int32_t>(std::extent_v<decltype(list._arr)>);
-    if (list._head == -1) {
-        return std::nullopt;
-    }
-    std::bitset<capacity> seen;
-    std::optional<std::string> skipped;
-    int32_t previous = list._tail;
-    for (int32_t index = list._head;; index = list._arr[index].next) {
-        if (index < 0 || index >= capacity) {
-            return "it leads to element " + std::to_string(index) + ", which does not exist";
-        }
-        if (seen[static_cast<size_t>(index)]) {
-            return "it leads back to element " + std::to_string(index);
-        }
-        if (list._arr[index].allocated == 0) {
-            return "it leads to element " + std::to_string(index) + ", which is not in use";
-        }
-        seen.set(static_cast<size_t>(index));
-        visit(index, list._arr[index]);
-        if (list._arr[index].prev != previous && !skipped) {
-            skipped = "it leads from element " + std::to_string(previous) + " to " +
-                      std::to_string(index) + ", which names " +
-                      std::to_string(list._arr[index].prev) + " as its predecessor";
-        }
-        if (index == list._tail) {
-            return skipped;
-        }
-        previous = index;
-    }
-}
+/// Why a walk ended, and at which element.
+struct walk_end {
+    enum class reason {
+        stopped,      ///< by `visit`
+        out_of_range, ///< no element has the number
+        repeated,     ///< it was visited before
+    };
+    reason why;
+    int32_t element;
+};
+
+/// The way along the links: &list_links::next or &list_links::prev.
+using link_direction = int32_t (list_links::*)(int) const;
+
+/// Follows links that may be damaged, and visits each element once at most. `visit` returns whether
+/// the walk goes on.
+walk_end walk(const list_links& links, int32_t first, link_direction along,
+              const std::function<bool(int)>& visit);
+
+/// Visits the elements of a list from head to tail, each once. Returns why elements may be missing,
+/// or nothing: the walk ended early, or an element does not name the one the walk came from as its
+/// predecessor, so that a link may have skipped some.
+std::optional<std::string> walk_list(const list_links& links,
+                                     const std::function<void(int)>& visit);
 
 } // namespace tarvoctl

@@ -1,6 +1,5 @@
 #include "records.hpp"
 
-#include "check_record.hpp"
 #include "list_walk.hpp"
 
 #include <algorithm>
@@ -12,14 +11,15 @@ namespace tarvoctl {
 
 namespace {
 
-chunk_record chunk_of(int index, const dma_chunk_t& chunk, std::vector<std::string>& damage) {
+chunk_record chunk_of(int index, const shared_area_t& area, std::vector<std::string>& damage) {
+    const dma_chunk_t& chunk = area.chunks._arr[index];
     chunk_record record{index,      std::string{text_up_to_end(chunk.name)},    chunk.pa,
                         chunk.size, std::string{text_up_to_end(chunk.creator)}, {}};
-    if (const auto why = walk_list(chunk.devs, [&record](int, const iommu_dev_ref& ref) {
-            record.devices.push_back(ref.dev);
+    if (const auto why = walk_list(ref_links(area, index), [&](int ref) {
+            record.devices.push_back(chunk.devs._arr[ref].dev);
         })) {
-        damage.push_back("the list of devices of chunk " + std::to_string(index) +
-                         " is damaged: " + *why);
+        damage.push_back(
+            fmt::format("the list of devices of chunk {} is damaged: {}", index, *why));
     }
     return record;
 }
@@ -33,15 +33,19 @@ void add_region(const chunk_list& chunks, picture& to) {
     }
 }
 
-void add_chunks(const chunk_list& chunks, picture& to) {
-    if (const auto why = walk_list(chunks, [&](int index, const dma_chunk_t& chunk) {
+void add_chunk(int index, const shared_area_t& area, picture& to) {
+    to.chunks.push_back(chunk_of(index, area, to.damage));
+    if (const auto partial = damage_to_bounds(to.chunks.back())) {
+        to.damage.push_back(*partial);
+        to.all_chunks = false;
+    }
+}
+
+void add_chunks(const shared_area_t& area, picture& to) {
+    if (const auto why = walk_list(chunk_links(area), [&](int index) {
             // The sentinels only say where the region lies.
-            if (index != chunks._head && index != chunks._tail) {
-                to.chunks.push_back(chunk_of(index, chunk, to.damage));
-                if (const auto partial = damage_to_bounds(to.chunks.back())) {
-                    to.damage.push_back(*partial);
-                    to.all_chunks = false;
-                }
+            if (index != area.chunks._head && index != area.chunks._tail) {
+                add_chunk(index, area, to);
             }
         })) {
         to.damage.push_back("the list of chunks is damaged: " + *why);
@@ -49,9 +53,9 @@ void add_chunks(const chunk_list& chunks, picture& to) {
     }
 }
 
-void add_devices(const device_list& devices, picture& to) {
-    if (const auto why = walk_list(devices, [&to](int index, const iommu_dev_t& device) {
-            to.devices.push_back(record_of(index, device));
+void add_devices(const shared_area_t& area, picture& to) {
+    if (const auto why = walk_list(device_links(area), [&](int index) {
+            to.devices.push_back(record_of(index, area.devices._arr[index]));
         })) {
         to.damage.push_back("the list of devices is damaged: " + *why);
     }
@@ -81,8 +85,8 @@ device_record record_of(int index, const iommu_dev_t& device) {
 picture picture_of(const shared_area_t& area) {
     picture made{};
     add_region(area.chunks, made);
-    add_chunks(area.chunks, made);
-    add_devices(area.devices, made);
+    add_chunks(area, made);
+    add_devices(area, made);
     return made;
 }
 

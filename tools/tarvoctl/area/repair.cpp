@@ -1,7 +1,7 @@
 #include "repair.hpp"
 
 #include "check.hpp"
-#include "quantities.hpp"
+#include "common/quantities.hpp"
 #include "repair_write.hpp"
 
 #include <algorithm>

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "check_record.hpp"
+#include "raw_records.hpp"
 #include "repair.hpp"
 
 #include <vector>

@@ -1,5 +1,7 @@
 #include "repair_write.hpp"
 
+#include "list_walk.hpp"
+
 #include <algorithm>
 #include <array>
 #include <bit>
@@ -14,12 +16,14 @@ constexpr uint8_t allocated = 1;
 /// The free chain as far as it is sound: elements that are free, each once.
 std::vector<int> sound_free_chain(const list_links& links, std::vector<bool>& met) {
     std::vector<int> chain;
-    int32_t element = links.free;
-    while (links.has(element) && !met[static_cast<size_t>(element)]) {
-        met[static_cast<size_t>(element)] = true;
-        chain.push_back(element);
-        element = links.next(element);
-    }
+    walk(links, links.free, &list_links::next, [&](int element) {
+        const bool is_free = !met[static_cast<size_t>(element)];
+        if (is_free) {
+            met[static_cast<size_t>(element)] = true;
+            chain.push_back(element);
+        }
+        return is_free;
+    });
     return chain;
 }
 

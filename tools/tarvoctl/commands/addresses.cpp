@@ -1,10 +1,10 @@
 #include "commands/commands.hpp"
 #include "common/failure.hpp"
+#include "common/quantities.hpp"
 #include "host/area_source.hpp"
 #include "library/arguments.hpp"
 #include "output/json.hpp"
 #include "output/text.hpp"
-#include "quantities.hpp"
 #include "tarvo.h"
 
 #include <algorithm>

@@ -1,6 +1,7 @@
 #include "area/gaps.hpp"
 #include "commands/commands.hpp"
 #include "common/failure.hpp"
+#include "common/quantities.hpp"
 #include "host/area_source.hpp"
 #include "host/file_shortage.hpp"
 #include "library/arguments.hpp"
@@ -9,7 +10,6 @@
 #include "library/ready_area.hpp"
 #include "output/json.hpp"
 #include "output/text.hpp"
-#include "quantities.hpp"
 #include "tarvo.h"
 
 #include <algorithm>

@@ -1,8 +1,8 @@
 #include "commands/commands.hpp"
+#include "common/quantities.hpp"
 #include "doctor/diagnosis.hpp"
 #include "output/json.hpp"
 #include "output/screen.hpp"
-#include "quantities.hpp"
 
 #include <fmt/format.h>
 #include <memory>

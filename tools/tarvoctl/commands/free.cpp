@@ -1,6 +1,7 @@
 #include "commands/commands.hpp"
 #include "commands/named_chunks.hpp"
 #include "common/failure.hpp"
+#include "common/quantities.hpp"
 #include "host/area_source.hpp"
 #include "library/arguments.hpp"
 #include "library/library_call.hpp"
@@ -9,7 +10,6 @@
 #include "output/json.hpp"
 #include "output/process_text.hpp"
 #include "output/text.hpp"
-#include "quantities.hpp"
 #include "tarvo.h"
 
 #include <fmt/format.h>

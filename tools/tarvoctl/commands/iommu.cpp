@@ -1,11 +1,11 @@
 #include "commands/commands.hpp"
 #include "common/failure.hpp"
+#include "common/quantities.hpp"
 #include "host/area_source.hpp"
 #include "library/arguments.hpp"
 #include "library/ready_area.hpp"
 #include "output/json.hpp"
 #include "output/text.hpp"
-#include "quantities.hpp"
 #include "tarvo.h"
 
 #include <fmt/format.h>

@@ -1,10 +1,10 @@
 #include "commands/commands.hpp"
+#include "common/quantities.hpp"
 #include "host/mappings.hpp"
 #include "host/running_programs.hpp"
 #include "output/json.hpp"
 #include "output/process_text.hpp"
 #include "output/text.hpp"
-#include "quantities.hpp"
 
 #include <algorithm>
 #include <fmt/format.h>

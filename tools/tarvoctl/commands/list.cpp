@@ -1,9 +1,9 @@
 #include "commands/commands.hpp"
 #include "common/failure.hpp"
+#include "common/quantities.hpp"
 #include "output/json.hpp"
 #include "output/table.hpp"
 #include "output/text.hpp"
-#include "quantities.hpp"
 
 #include <algorithm>
 #include <fmt/format.h>

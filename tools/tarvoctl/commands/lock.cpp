@@ -1,5 +1,6 @@
 #include "commands/commands.hpp"
 #include "common/failure.hpp"
+#include "common/quantities.hpp"
 #include "host/lock_state.hpp"
 #include "host/site.hpp"
 #include "output/json.hpp"
@@ -7,7 +8,6 @@
 #include "output/process_text.hpp"
 #include "output/table.hpp"
 #include "output/text.hpp"
-#include "quantities.hpp"
 
 #include <algorithm>
 #include <fmt/format.h>

@@ -1,6 +1,7 @@
 #include "area/gaps.hpp"
 #include "commands/commands.hpp"
 #include "common/failure.hpp"
+#include "common/quantities.hpp"
 #include "host/mappings.hpp"
 #include "host/new_file.hpp"
 #include "library/arguments.hpp"
@@ -12,7 +13,6 @@
 #include "output/screen.hpp"
 #include "output/table.hpp"
 #include "output/text.hpp"
-#include "quantities.hpp"
 
 #include <algorithm>
 #include <fmt/format.h>

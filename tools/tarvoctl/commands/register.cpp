@@ -1,5 +1,6 @@
 #include "commands/commands.hpp"
 #include "common/failure.hpp"
+#include "common/quantities.hpp"
 #include "host/area_source.hpp"
 #include "library/arguments.hpp"
 #include "library/library_call.hpp"
@@ -8,7 +9,6 @@
 #include "output/confirm.hpp"
 #include "output/json.hpp"
 #include "output/text.hpp"
-#include "quantities.hpp"
 #include "shared/layout.hpp"
 #include "tarvo.h"
 

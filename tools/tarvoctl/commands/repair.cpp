@@ -2,6 +2,7 @@
 
 #include "commands/commands.hpp"
 #include "common/failure.hpp"
+#include "common/quantities.hpp"
 #include "host/area_file.hpp"
 #include "host/cross_process_lock.hpp"
 #include "host/mappings.hpp"
@@ -10,7 +11,6 @@
 #include "output/place_text.hpp"
 #include "output/process_text.hpp"
 #include "output/text.hpp"
-#include "quantities.hpp"
 
 #include <chrono>
 #include <cstring>

@@ -2,11 +2,11 @@
 #include "commands/commands.hpp"
 #include "commands/named_chunks.hpp"
 #include "common/failure.hpp"
+#include "common/quantities.hpp"
 #include "host/mappings.hpp"
 #include "output/json.hpp"
 #include "output/process_text.hpp"
 #include "output/text.hpp"
-#include "quantities.hpp"
 
 #include <algorithm>
 #include <fmt/format.h>

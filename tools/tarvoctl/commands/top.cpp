@@ -1,11 +1,11 @@
 #include "commands/commands.hpp"
+#include "common/quantities.hpp"
 #include "host/area_follower.hpp"
 #include "host/area_source.hpp"
 #include "host/mappings.hpp"
 #include "output/live_screen.hpp"
 #include "output/text.hpp"
 #include "output/top_page.hpp"
-#include "quantities.hpp"
 
 #include <algorithm>
 #include <chrono>

@@ -1,6 +1,7 @@
 #include "area/changes.hpp"
 #include "commands/commands.hpp"
 #include "common/failure.hpp"
+#include "common/quantities.hpp"
 #include "host/area_follower.hpp"
 #include "host/area_source.hpp"
 #include "host/ending_signals.hpp"
@@ -8,7 +9,6 @@
 #include "output/json.hpp"
 #include "output/standard_output.hpp"
 #include "output/text.hpp"
-#include "quantities.hpp"
 
 #include <chrono>
 #include <csignal>

@@ -1,6 +1,7 @@
 #include "commands/commands.hpp"
 #include "commands/named_chunks.hpp"
 #include "common/failure.hpp"
+#include "common/quantities.hpp"
 #include "host/area_source.hpp"
 #include "library/arguments.hpp"
 #include "library/chunk_window.hpp"
@@ -8,7 +9,6 @@
 #include "library/ready_area.hpp"
 #include "output/json.hpp"
 #include "output/text.hpp"
-#include "quantities.hpp"
 
 #include <algorithm>
 #include <cerrno>

@@ -1,12 +1,12 @@
 #include "area/check.hpp"
-#include "area/check_record.hpp"
+#include "area/raw_records.hpp"
 #include "area/repair.hpp"
 #include "common/failure.hpp"
+#include "common/quantities.hpp"
 #include "doctor/diagnosis.hpp"
 #include "host/area_source.hpp"
 #include "output/place_text.hpp"
 #include "output/text.hpp"
-#include "quantities.hpp"
 
 #include <algorithm>
 #include <fmt/format.h>

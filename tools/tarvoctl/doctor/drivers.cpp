@@ -1,8 +1,8 @@
 #include "common/failure.hpp"
+#include "common/quantities.hpp"
 #include "common/unique_fd.hpp"
 #include "doctor/diagnosis.hpp"
 #include "output/text.hpp"
-#include "quantities.hpp"
 #include "shared/paths.hpp"
 #include "shared/region_line.hpp"
 

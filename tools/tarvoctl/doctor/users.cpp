@@ -1,8 +1,8 @@
+#include "common/quantities.hpp"
 #include "doctor/diagnosis.hpp"
 #include "host/processes.hpp"
 #include "output/lock_text.hpp"
 #include "output/process_text.hpp"
-#include "quantities.hpp"
 #include "shared/paths.hpp"
 
 #include <algorithm>

@@ -1,6 +1,6 @@
 #include "host/area_follower.hpp"
 
-#include "area/check_record.hpp"
+#include "area/raw_records.hpp"
 #include "common/failure.hpp"
 #include "host/regular_file.hpp"
 

@@ -1,13 +1,13 @@
 #include "host/area_source.hpp"
 
-#include "area/check_record.hpp"
 #include "area/list_walk.hpp"
+#include "area/raw_records.hpp"
 #include "common/failure.hpp"
+#include "common/quantities.hpp"
 #include "host/cross_process_lock.hpp"
 #include "host/file_shortage.hpp"
 #include "host/gzip.hpp"
 #include "host/regular_file.hpp"
-#include "quantities.hpp"
 
 #include <array>
 #include <cerrno>
@@ -94,8 +94,8 @@ class area_reader {
         read(ends, sizeof(shared_area_t) - ends);
         read_chunk(_copy->chunks._head);
         read_chunk(_copy->chunks._tail); // which a damaged list does not lead to
-        walk_list(_copy->chunks,
-                  [this](int /*index*/, const dma_chunk_t& chunk) { read_chunk(chunk.next); });
+        walk_list(chunk_links(*_copy),
+                  [this](int index) { read_chunk(_copy->chunks._arr[index].next); });
         if (_copy->initialized == 0) { // those that are on no list show whether it ever was
             read_all();
         }

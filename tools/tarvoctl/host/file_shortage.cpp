@@ -2,10 +2,10 @@
 
 #include "area/finding.hpp"
 #include "common/failure.hpp"
+#include "common/quantities.hpp"
 #include "common/unique_fd.hpp"
 #include "host/area_source.hpp"
 #include "host/mount.hpp"
-#include "quantities.hpp"
 #include "shared/layout.hpp"
 #include "shared/paths.hpp"
 #include "shared/simulated_region.hpp"

@@ -1,8 +1,8 @@
 #include "host/new_file.hpp"
 
 #include "common/failure.hpp"
+#include "common/quantities.hpp"
 #include "host/file_identity.hpp"
-#include "quantities.hpp"
 #include "shared/paths.hpp"
 
 #include <algorithm>

@@ -1,7 +1,7 @@
 #include "host/site.hpp"
 
+#include "common/quantities.hpp"
 #include "common/unique_fd.hpp"
-#include "quantities.hpp"
 #include "shared/paths.hpp"
 #include "shared/region_line.hpp"
 #include "shared/simulated_region.hpp"

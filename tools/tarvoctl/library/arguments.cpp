@@ -3,8 +3,8 @@
 #include "area/gaps.hpp"
 #include "common/failure.hpp"
 #include "common/numbers.hpp"
+#include "common/quantities.hpp"
 #include "output/text.hpp"
-#include "quantities.hpp"
 #include "shared/layout.hpp"
 
 #include <algorithm>

@@ -1,9 +1,9 @@
 #include "library/chunk_window.hpp"
 
 #include "common/failure.hpp"
+#include "common/quantities.hpp"
 #include "library/arguments.hpp"
 #include "output/text.hpp"
-#include "quantities.hpp"
 #include "tarvo.h"
 
 #include <fmt/format.h>

@@ -1,8 +1,8 @@
 #include "library/new_chunk.hpp"
 
 #include "area/gaps.hpp"
+#include "common/quantities.hpp"
 #include "output/text.hpp"
-#include "quantities.hpp"
 #include "shared/layout.hpp"
 
 #include <algorithm>

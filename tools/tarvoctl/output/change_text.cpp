@@ -1,7 +1,7 @@
 #include "output/change_text.hpp"
 
+#include "common/quantities.hpp"
 #include "output/text.hpp"
-#include "quantities.hpp"
 
 #include <fmt/format.h>
 

@@ -1,11 +1,11 @@
 #include "output/map_layout.hpp"
 
+#include "common/quantities.hpp"
 #include "output/label_lanes.hpp"
 #include "output/map_marks.hpp"
 #include "output/map_pieces.hpp"
 #include "output/map_rows.hpp"
 #include "output/text.hpp"
-#include "quantities.hpp"
 
 #include <algorithm>
 #include <fmt/format.h>

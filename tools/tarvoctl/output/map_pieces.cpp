@@ -1,7 +1,7 @@
 #include "output/map_pieces.hpp"
 
+#include "common/quantities.hpp"
 #include "output/text.hpp"
-#include "quantities.hpp"
 
 #include <algorithm>
 #include <fmt/format.h>

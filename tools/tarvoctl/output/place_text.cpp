@@ -1,6 +1,6 @@
 #include "output/place_text.hpp"
 
-#include "area/check_record.hpp"
+#include "area/raw_records.hpp"
 #include "area/records.hpp"
 #include "output/text.hpp"
 

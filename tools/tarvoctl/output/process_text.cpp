@@ -1,7 +1,7 @@
 #include "output/process_text.hpp"
 
+#include "common/quantities.hpp"
 #include "output/text.hpp"
-#include "quantities.hpp"
 
 #include <algorithm>
 #include <chrono>

@@ -1,6 +1,6 @@
 #include "output/progress.hpp"
 
-#include "quantities.hpp"
+#include "common/quantities.hpp"
 
 #include <cstdio>
 #include <fmt/format.h>

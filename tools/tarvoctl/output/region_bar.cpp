@@ -1,9 +1,9 @@
 #include "output/region_bar.hpp"
 
 #include "area/gaps.hpp"
+#include "common/quantities.hpp"
 #include "output/map_rows.hpp"
 #include "output/text.hpp"
-#include "quantities.hpp"
 
 #include <algorithm>
 #include <array>

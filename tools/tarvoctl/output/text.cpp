@@ -1,7 +1,7 @@
 #include "output/text.hpp"
 
 #include "common/failure.hpp"
-#include "quantities.hpp"
+#include "common/quantities.hpp"
 
 #include <algorithm>
 #include <fmt/format.h>

@@ -1,10 +1,10 @@
 #include "output/top_page.hpp"
 
 #include "area/gaps.hpp"
+#include "common/quantities.hpp"
 #include "output/region_bar.hpp"
 #include "output/table.hpp"
 #include "output/text.hpp"
-#include "quantities.hpp"
 #include "shared/layout.hpp"
 
 #include <algorithm>

@@ -1,12 +1,10 @@
-#include "quantities.hpp"
+#include "common/quantities.hpp"
 
 #include <array>
 #include <bit>
 #include <ctime>
 #include <fmt/chrono.h>
 #include <fmt/format.h>
-
-namespace tarvoctl {
 
 namespace {
 
@@ -98,5 +96,3 @@ std::string counted(uint64_t count, std::string_view thing) {
     const char* const ending = count == 1 ? "" : thing.ends_with('s') ? "es" : "s";
     return fmt::format("{} {}{}", count, thing, ending);
 }
-
-} // namespace tarvoctl

@@ -1,6 +1,5 @@
 #pragma once
 
-#include "finding.hpp"
 #include "shared/dma_window.hpp"
 #include "shared/layout.hpp"
 
@@ -17,6 +16,22 @@
 // they end the process at the first breach.
 
 namespace tarvoctl {
+
+enum class area_list {
+    area,    ///< the area as a whole, outside its lists
+    chunks,  ///< `element` is a chunk's number
+    refs,    ///< the devices of chunk `element`; `ref` is a reference's number
+    devices, ///< `element` is a device's number
+};
+
+/// Where something is. -1: not one element, but the list as a whole.
+struct place {
+    area_list list = area_list::area;
+    int element = -1;
+    int ref = -1;
+
+    bool operator==(const place&) const = default;
+};
 
 /// One list's ends and links, whatever its elements are. Every element of every list begins with
 /// the same three fields.

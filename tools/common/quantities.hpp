@@ -11,8 +11,6 @@
 
 // How addresses, sizes, times and counts are written: the one form of each in all texts for people.
 
-namespace tarvoctl {
-
 /// A physical address: "0x0080000000".
 std::string pa_text(uint64_t pa);
 /// A DMA address: "0x80000000".
@@ -51,5 +49,3 @@ std::string file_time_text(std::chrono::system_clock::time_point when);
 
 /// "1 chunk", "2 chunks", "0 processes".
 std::string counted(uint64_t count, std::string_view thing);
-
-} // namespace tarvoctl
