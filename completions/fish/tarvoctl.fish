@@ -24,18 +24,21 @@ function __tarvoctl_devices
     tarvoctl devices --timeout 0.2 2>/dev/null | awk 'NR > 1 && NF == 4 { print $2 }'
 end
 
+# Whether the help calls what the command takes first by one of these names.
 function __tarvoctl_takes
     set -l words (commandline -opc)
-    test (count $words) -ge 2; and contains -- $words[2] $argv
+    test (count $words) -ge 2; or return
+    set -l first (tarvoctl $words[2] --help 2>/dev/null | sed -n 's/^Usage: [^]]*\] \[*\([A-Z]*\).*/\1/p')
+    contains -- "$first" $argv
 end
 
 complete -c tarvoctl -n 'test (count (commandline -opc)) -eq 1' -f -a '(__tarvoctl_commands)'
 complete -c tarvoctl -n 'test (count (commandline -opc)) -ge 2; and string match -q -- "-*" (commandline -ct)' -f -a '(__tarvoctl_options)'
-complete -c tarvoctl -n '__tarvoctl_takes show who alloc free read write fill' -f -a '(__tarvoctl_chunks)'
-complete -c tarvoctl -n '__tarvoctl_takes register unregister iommu-map iommu-unmap' -f -a '(__tarvoctl_devices)'
-complete -c tarvoctl -n '__tarvoctl_takes list devices lock leaks map top watch doctor limits find translate dump' -f
-complete -c tarvoctl -l sort -n '__tarvoctl_takes list' -x -a '(__tarvoctl_choices sort)'
-complete -c tarvoctl -l prot -n '__tarvoctl_takes iommu-map' -x -a '(__tarvoctl_choices prot)'
+complete -c tarvoctl -n '__tarvoctl_takes NAME' -f -a '(__tarvoctl_chunks)'
+complete -c tarvoctl -n '__tarvoctl_takes DEVICE' -f -a '(__tarvoctl_devices)'
+complete -c tarvoctl -n 'not __tarvoctl_takes FILE A' -f
+complete -c tarvoctl -l sort -n '__fish_seen_subcommand_from list' -x -a '(__tarvoctl_choices sort)'
+complete -c tarvoctl -l prot -n '__fish_seen_subcommand_from iommu-map' -x -a '(__tarvoctl_choices prot)'
 for option in area svg backup
     complete -c tarvoctl -l $option -r -F
 end
