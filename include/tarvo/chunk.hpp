@@ -58,8 +58,19 @@ class chunk {
     bytes _size;
 };
 
-/// The chunks of more than this are refused: no device could be registered while one exists.
+/// The longest name that a chunk can have, in bytes.
+inline constexpr size_t longest_name = 49;
+/// The longest creator that a record holds, in bytes; the library shortens longer ones.
+inline constexpr size_t longest_creator = 99;
+
+/// Larger chunks are refused: the library would end every process that registers a device while one
+/// exists.
 inline constexpr bytes largest_chunk = 2_GiB;
+
+/// Whether a name bounds the region, so that no chunk can have it.
+constexpr bool is_reserved(std::string_view name) noexcept {
+    return name == "__HEAD" || name == "__TAIL";
+}
 
 namespace detail {
 
@@ -69,19 +80,19 @@ inline int shown(std::string_view text) noexcept {
     return static_cast<int>(std::min(text.size(), most));
 }
 
-inline constexpr size_t name_room = 50; ///< of a chunk's record, with the zero byte
+inline constexpr size_t name_room = longest_name + 1; ///< with the zero byte
 
 /// A name that the library takes without ending the process, and finds again.
 inline result<void> check_name(std::string_view name) noexcept {
-    if (name.empty() || name.size() >= name_room) {
+    if (name.empty() || name.size() > longest_name) {
         return error(error_code::bad_name, "a name of %zu bytes; give it 1 to %zu ('%.*s')",
-                     name.size(), name_room - 1, shown(name), name.data());
+                     name.size(), longest_name, shown(name), name.data());
     }
     if (name.find('\0') != std::string_view::npos) {
         return error(error_code::bad_name, "the name '%.*s' has a zero byte in it; leave it out",
                      shown(name), name.data());
     }
-    if (name == "__HEAD" || name == "__TAIL") {
+    if (is_reserved(name)) {
         return error(error_code::bad_name, "the name %.*s bounds the region; choose another",
                      shown(name), name.data());
     }

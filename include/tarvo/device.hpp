@@ -4,6 +4,7 @@
 #include "tarvo/chunk.hpp"
 #include "tarvo/result.hpp"
 
+#include <algorithm>
 #include <charconv>
 #include <cstdint>
 #include <cstdio>
@@ -30,7 +31,8 @@ class device {
         return device(domain, bus, slot << 3 | function);
     }
 
-    /// Reads an address such as 0000:03:00.0, in hexadecimal as lspci -D shows it.
+    /// Reads an address such as 0000:03:00.0, in hexadecimal as lspci shows it. The domain is 0
+    /// where it is left out.
     ///
     /// @return the device; bad_device for any other text.
     static result<device> parse(std::string_view text) noexcept {
@@ -39,12 +41,14 @@ class device {
         uint32_t bus = 0;
         uint32_t slot = 0;
         uint32_t function = 0;
-        if (number(rest, domain) && sign(rest, ':') && number(rest, bus) && sign(rest, ':') &&
-            number(rest, slot) && sign(rest, '.') && number(rest, function) && rest.empty()) {
+        const bool has_domain = std::count(text.begin(), text.end(), ':') > 1;
+        if ((!has_domain || (number(rest, domain) && sign(rest, ':'))) && number(rest, bus) &&
+            sign(rest, ':') && number(rest, slot) && sign(rest, '.') && number(rest, function) &&
+            rest.empty()) {
             return at(domain, bus, slot, function);
         }
         return error(error_code::bad_device,
-                     "'%.*s' is no PCI address; write DOMAIN:BUS:SLOT.FUNCTION, as 0000:03:00.0",
+                     "'%.*s' is not a PCI address; write it as 0000:03:00.0 or 03:00.0",
                      detail::shown(text), text.data());
     }
 

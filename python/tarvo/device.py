@@ -12,7 +12,8 @@ from .errors import BadArgument
 
 __all__ = ["Device"]
 
-_ADDRESS = re.compile(r"([0-9a-fA-F]{1,8}):([0-9a-fA-F]{1,8}):([0-9a-fA-F]{1,2})\.([0-7])")
+_HEX = "([0-9a-fA-F]+)"
+_ADDRESS = re.compile(rf"(?:{_HEX}:)?{_HEX}:{_HEX}\.{_HEX}")
 
 
 @dataclass(frozen=True)
@@ -34,13 +35,16 @@ class Device:
 
     @classmethod
     def parse(cls, text: str) -> Device:
-        """Reads an address such as 0000:03:00.0, in hexadecimal as lspci -D shows it."""
+        """Reads an address such as 0000:03:00.0, in hexadecimal as lspci shows it.
+
+        The domain is 0 where it is left out.
+        """
         found = _ADDRESS.fullmatch(text) if isinstance(text, str) else None
         if found is None:
             raise BadArgument(
-                f"{text!r} is no PCI address; write DOMAIN:BUS:SLOT.FUNCTION, as 0000:03:00.0"
+                f"{text!r} is not a PCI address; write it as 0000:03:00.0 or 03:00.0"
             )
-        domain, bus, slot, function = (int(part, 16) for part in found.groups())
+        domain, bus, slot, function = (int(part, 16) for part in found.groups("0"))
         return cls(domain, bus, slot, function)
 
     @property

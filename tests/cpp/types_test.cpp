@@ -168,10 +168,11 @@ TEST(a_device, is_read_from_its_address_and_written_as_it) {
     EXPECT_EQ(*device, *tarvo::device::at(1, 0x3a, 0x1f, 7));
     EXPECT_STREQ(tarvo::device::parse("ffffffff:fffffff0:0.0")->text().c_str(),
                  "ffffffff:fffffff0:00.0");
+    EXPECT_EQ(*tarvo::device::parse("03:00.1"), *tarvo::device::at(0, 3, 0, 1));
 }
 
 TEST(a_device, is_refused_where_no_pci_device_has_the_address) {
-    for (const char* text : {"", "3", "03:00.0", "0000:03:00", "0000:03:00.", "0000:03:00.0 ",
+    for (const char* text : {"", "3", ":03:00.0", "0000:03:00", "0000:03:00.", "0000:03:00.0 ",
                              " 0000:03:00.0", "0000:03:00.8", "0000:03:20.0", "0000:-3:00.0",
                              "100000000:03:00.0", "0000:03.00.0", "0000:0g:00.0", "0x0:03:00.0"}) {
         const auto device = tarvo::device::parse(text);

@@ -69,7 +69,7 @@ class Devices(RegionCase):
                 with self.refused(tarvo.BadArgument, f"{nothing!r} is no tarvo.Device"):
                     call(nothing)  # type: ignore[arg-type]
         for nothing in (None, 3, b"0000:03:00.0"):
-            with self.refused(tarvo.BadArgument, "is no PCI address"):
+            with self.refused(tarvo.BadArgument, "is not a PCI address"):
                 tarvo.Device.parse(nothing)  # type: ignore[arg-type]
 
     def test_can_be_given_the_whole_region(self) -> None:
@@ -86,9 +86,10 @@ class Devices(RegionCase):
         device = tarvo.Device.parse("0001:3A:1f.7")
         self.assertEqual(device, tarvo.Device(1, 0x3A, 31, 7))
         self.assertEqual((str(device), device.devfn), ("0001:3a:1f.7", 0xFF))
+        self.assertEqual(tarvo.Device.parse("03:00.1"), tarvo.Device(0, 3, 0, 1))
 
     def test_that_cannot_be_are_refused(self) -> None:
-        for text in ("", "3", "03:00.0", "0000:03:00", "0000:03:00.0 ", "0000:03:00.8",
+        for text in ("", "3", ":03:00.0", "0000:03:00", "0000:03:00.0 ", "0000:03:00.8",
                      "0000:03:20.0", "0000:-3:00.0", "100000000:03:00.0", "0000:0g:00.0",
                      "0000:03:00.0\n"):  # fmt: skip
             with self.subTest(text=text), self.assertRaises(tarvo.BadArgument):

@@ -1,6 +1,7 @@
 #include "records.hpp"
 
 #include "list_walk.hpp"
+#include "tarvo/device.hpp"
 
 #include <algorithm>
 #include <fmt/format.h>
@@ -72,9 +73,11 @@ std::optional<std::string> damage_to_bounds(const chunk_record& chunk) {
                        chunk.size, chunk.pa);
 }
 
+/// A damaged record may have more bits than an address.
 std::string device_text(const device_record& device) {
-    return fmt::format("{:04x}:{:02x}:{:02x}.{:x}", device.domain, device.bus,
-                       device.devfn >> 3 & 0x1f, device.devfn & 7);
+    constexpr uint32_t devfn_bits = 0xff;
+    const uint32_t devfn = device.devfn & devfn_bits;
+    return tarvo::device::at(device.domain, device.bus, devfn >> 3U, devfn & 7U)->text().c_str();
 }
 
 device_record record_of(int index, const iommu_dev_t& device) {

@@ -12,10 +12,6 @@ struct shared_area_t;
 
 namespace tarvoctl {
 
-/// Larger chunks cannot be mapped for devices. The request for the whole region names its end, too,
-/// so a region has to be smaller than this for it.
-inline constexpr uint32_t most_bytes_for_devices = 1U << 31U;
-
 /// A registered PCI device.
 struct device_record {
     int index; ///< element number, by which chunks refer to it

@@ -11,6 +11,7 @@
 #include "output/json.hpp"
 #include "output/text.hpp"
 #include "tarvo.h"
+#include "tarvo/chunk.hpp"
 
 #include <algorithm>
 #include <fmt/format.h>
@@ -28,12 +29,6 @@ struct alloc_options {
     bool duplicate = false;
     bool json = false;
 };
-
-void check_devices(const picture& records, uint32_t size) {
-    if (const auto refused = device_obstacle(size, records)) {
-        throw failure{exit_status::usage, "SIZE: " + *refused};
-    }
-}
 
 void check_existing(const chunk_record* existing, uint32_t size, bool duplicate) {
     if (existing == nullptr || existing->size == size || duplicate) {
@@ -62,7 +57,6 @@ void check_memory(const site& here, uint32_t size, const picture& records) {
 
 /// What the library would refuse, or not survive, is refused before it touches any file.
 void check_new_chunk(const std::string& name, uint32_t size, const picture& records) {
-    check_devices(records, size);
     const site here = find_site();
     if (const auto obstacle = obstacle_to(size, records, here.is_cma())) {
         throw no_room(name, *obstacle);
@@ -147,10 +141,11 @@ exit_status alloc(const alloc_options& options) {
 template <>
 action set_up<entry_of("alloc")>(command_words& words) {
     const auto options = std::make_shared<alloc_options>();
-    words.word("NAME", options->name, "1 to 49 bytes");
+    words.word("NAME", options->name, fmt::format("1 to {} bytes", tarvo::longest_name));
     words.word("SIZE", options->size, "such as 64K, 2M, 0x1000; whole pages are taken");
-    words.option("--creator", "TEXT", options->creator,
-                 "who allocates, 1 to 99 bytes; default 'tarvoctl'");
+    words.option(
+        "--creator", "TEXT", options->creator,
+        fmt::format("who allocates, 1 to {} bytes; default 'tarvoctl'", tarvo::longest_creator));
     words.flag("--duplicate", options->duplicate,
                "where the name has another size: make a second chunk of it");
     words.json(options->json);

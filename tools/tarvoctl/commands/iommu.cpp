@@ -7,6 +7,7 @@
 #include "output/json.hpp"
 #include "output/text.hpp"
 #include "tarvo.h"
+#include "tarvo/chunk.hpp"
 
 #include <fmt/format.h>
 #include <memory>
@@ -22,12 +23,13 @@ struct iommu_options {
     bool json = false;
 };
 
-/// One request has less than 2 GiB. Its end needs no look: a region of that size ends below 4 GiB
-/// as devices see it, whether it lies there or is seen from 0x20000000 on.
+/// A request for the whole region names its end, so it has less than the largest chunk. Its end
+/// needs no look: a region of that size ends below 4 GiB as devices see it, whether it lies there
+/// or is seen from 0x20000000 on.
 void check_region(const dma_window& region) {
     const uint64_t bytes = region.end_pa - region.first_pa;
-    if (bytes >= most_bytes_for_devices) {
-        const auto [region_size, most] = size_texts<2>({bytes, most_bytes_for_devices});
+    if (bytes >= tarvo::largest_chunk.count()) {
+        const auto [region_size, most] = size_texts<2>({bytes, tarvo::largest_chunk.count()});
         throw failure{exit_status::finding,
                       fmt::format("the region has {}; only one of less than {} can be mapped "
                                   "whole. 'tarvoctl register' maps each chunk",

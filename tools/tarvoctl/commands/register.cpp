@@ -11,6 +11,7 @@
 #include "output/text.hpp"
 #include "shared/layout.hpp"
 #include "tarvo.h"
+#include "tarvo/chunk.hpp"
 
 #include <algorithm>
 #include <fmt/format.h>
@@ -54,8 +55,8 @@ void check_room(const device_record& device, const picture& before) {
                                   device_capacity, device_text(device))};
     }
     for (const auto& chunk : before.chunks) {
-        if (chunk.size > most_bytes_for_devices) {
-            const auto [size, most] = size_texts<2>({chunk.size, most_bytes_for_devices});
+        if (chunk.size > tarvo::largest_chunk.count()) {
+            const auto [size, most] = size_texts<2>({chunk.size, tarvo::largest_chunk.count()});
             throw failure{exit_status::finding,
                           fmt::format("'{}' has {}, and chunks of more than {} cannot be "
                                       "mapped for a device; free it before {} is registered",

@@ -5,6 +5,7 @@
 #include "output/text.hpp"
 #include "shared/paths.hpp"
 #include "shared/region_line.hpp"
+#include "tarvo/chunk.hpp"
 
 #include <cerrno>
 #include <cstdio>
@@ -44,7 +45,7 @@ void diagnose_region_bounds(const region_line& line, health_report& report) {
                    fmt::format("region \"{}\", {}, {}{}", line.name,
                                pa_range(line.first_pa, line.last_pa + 1), size_text(bytes),
                                line.is_cma() ? "; the kernel places the chunks" : ""));
-        if (bytes >= most_bytes_for_devices) {
+        if (bytes >= tarvo::largest_chunk.count()) {
             report.add(verdict::note, subject,
                        "of 2 GiB and more: it cannot be mapped for a device as a whole");
         }

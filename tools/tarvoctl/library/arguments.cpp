@@ -5,7 +5,8 @@
 #include "common/numbers.hpp"
 #include "common/quantities.hpp"
 #include "output/text.hpp"
-#include "shared/layout.hpp"
+#include "tarvo/chunk.hpp"
+#include "tarvo/device.hpp"
 
 #include <algorithm>
 #include <charconv>
@@ -20,19 +21,6 @@ namespace {
 
 [[noreturn]] void refuse(const std::string& text) {
     throw failure{exit_status::usage, text};
-}
-
-std::optional<uint32_t> hexadecimal(std::string_view digits) {
-    constexpr int base = 16;
-    return number_in<uint32_t>(digits, base);
-}
-
-/// Cuts off what comes after the last `mark`; all of the text where there is none.
-std::string_view take_after(std::string_view& text, char mark) {
-    const size_t at = text.rfind(mark);
-    const std::string_view after = at == std::string_view::npos ? text : text.substr(at + 1);
-    text = at == std::string_view::npos ? std::string_view{} : text.substr(0, at);
-    return after;
 }
 
 /// A size's unit as a factor; 0 for anything else.
@@ -53,11 +41,11 @@ uint64_t factor_of(std::string_view unit) {
 } // namespace
 
 void check_chunk_name(const std::string& name) {
-    if (name.size() >= name_bytes) {
+    if (name.size() > tarvo::longest_name) {
         refuse(fmt::format("the name '{}' has {} bytes; a chunk's name has 1 to {}", shown(name),
-                           name.size(), name_bytes - 1));
+                           name.size(), tarvo::longest_name));
     }
-    if (name == "__HEAD" || name == "__TAIL") {
+    if (tarvo::is_reserved(name)) {
         refuse(fmt::format("'{}' is reserved: it marks an end of the region; choose another name",
                            name));
     }
@@ -73,9 +61,9 @@ void check_new_name(const std::string& name) {
 }
 
 void check_creator(const std::string& creator) {
-    if (creator.size() >= creator_bytes) {
+    if (creator.size() > tarvo::longest_creator) {
         refuse(fmt::format("--creator '{}' has {} bytes; a creator has at most {}; shorten it",
-                           shown(creator), creator.size(), creator_bytes - 1));
+                           shown(creator), creator.size(), tarvo::longest_creator));
     }
 }
 
@@ -97,7 +85,7 @@ uint64_t parse_size(const std::string& text, const std::string& what) {
 
 uint32_t parse_chunk_size(const std::string& text, const std::string& what) {
     const auto page_bytes = static_cast<uint32_t>(::sysconf(_SC_PAGESIZE));
-    const uint32_t most = UINT32_MAX - page_bytes + 1; // in whole pages; what is more wraps
+    constexpr uint64_t most = tarvo::largest_chunk.count();
     const uint64_t bytes = parse_size(text, what);
     if (bytes == 0 || bytes > most) {
         refuse(fmt::format("{} '{}' is {}; a chunk has 1 to {}", what, text, counted(bytes, "byte"),
@@ -122,23 +110,13 @@ uint64_t parse_number(const std::string& text, const std::string& what, uint64_t
 }
 
 device_record parse_device(const std::string& text) {
-    constexpr uint32_t last_slot = 0x1f;
-    constexpr uint32_t last_function = 7;
-    constexpr int devfn_slot_shift = 3;
-    std::string_view rest{text};
-    const auto function = rest.find('.') == std::string_view::npos
-                              ? std::nullopt
-                              : hexadecimal(take_after(rest, '.'));
-    const auto slot = hexadecimal(take_after(rest, ':'));
-    const auto bus = hexadecimal(take_after(rest, ':'));
-    const bool has_domain = std::count(text.begin(), text.end(), ':') > 1;
-    const auto domain = has_domain ? hexadecimal(rest) : std::optional{0U};
-    if (!domain || !bus || !slot || !function || *slot > last_slot || *function > last_function) {
+    const auto device = tarvo::device::parse(text);
+    if (!device) {
         refuse(fmt::format("invalid PCI device '{}'; write it as 0000:03:00.0 or 03:00.0 (lspci -D "
                            "lists them)",
                            text));
     }
-    return {-1, *domain, *bus, *slot << devfn_slot_shift | *function, false};
+    return {-1, device->domain(), device->bus(), device->devfn(), false};
 }
 
 const device_record* registered(const device_record& device, const picture& records) {

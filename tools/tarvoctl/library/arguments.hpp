@@ -10,7 +10,7 @@ namespace tarvoctl {
 // What people write on the command line for the library's calls. Whatever the library would answer
 // by ending the process is refused here: each throws failure, with the value and the fix.
 
-/// A name that a chunk can have: 1 to 49 bytes, and not one of those that bound the region.
+/// A name that a chunk can have.
 void check_chunk_name(const std::string& name);
 
 /// The same for a chunk that is made now: listings cannot show a blank at the end of its name, and

@@ -96,24 +96,9 @@ std::optional<std::string> damage_to_places(const picture& records, bool driver_
     return driver_chooses ? std::nullopt : overlap_in(pieces_of(records));
 }
 
-std::optional<std::string> device_obstacle(uint32_t size, const picture& records) {
-    const auto online = std::find_if(records.devices.begin(), records.devices.end(),
-                                     [](const device_record& each) { return each.online; });
-    if (size <= most_bytes_for_devices || online == records.devices.end()) {
-        return std::nullopt;
-    }
-    const auto [wanted, most] = size_texts<2>({size, most_bytes_for_devices});
-    return fmt::format("{} cannot be mapped for {}, which is online; devices see chunks of at most "
-                       "{}",
-                       wanted, device_text(*online), most);
-}
-
 std::optional<std::string> obstacle_to(uint32_t size, const picture& records, bool driver_chooses) {
     if (auto full = record_obstacle(records)) {
         return full;
-    }
-    if (auto refused = device_obstacle(size, records)) {
-        return refused;
     }
     return driver_chooses ? std::nullopt : gap_obstacle(size, records);
 }

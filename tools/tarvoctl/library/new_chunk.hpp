@@ -8,10 +8,6 @@
 
 namespace tarvoctl {
 
-/// Why no new chunk of that size, in whole pages, can be had because of a device; nothing where it
-/// can. The library would end the process at the attempt.
-std::optional<std::string> device_obstacle(uint32_t size, const picture& records);
-
 /// Why the records do not show where the next chunk goes; nothing where they do. Chunks may overlap
 /// in a region where the kernel driver chooses the places.
 std::optional<std::string> damage_to_places(const picture& records, bool driver_chooses);
