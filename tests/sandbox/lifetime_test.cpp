@@ -1,12 +1,13 @@
-#include "tool.hpp"
+#include "in_sandbox.hpp"
 
 #include <algorithm>
+#include <chrono>
 #include <filesystem>
-#include <fstream>
+#include <functional>
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <sstream>
 #include <string>
+#include <thread>
 #include <unistd.h>
 
 namespace {
@@ -30,42 +31,41 @@ std::string parent_line(pid_t pid) {
     return at == std::string::npos ? "" : status.substr(at, status.find('\n', at) - at);
 }
 
+bool eventually(const std::function<bool()>& wanted) {
+    const auto last_moment = std::chrono::steady_clock::now() + patience;
+    while (!wanted()) {
+        if (std::chrono::steady_clock::now() > last_moment) {
+            return false;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds{5});
+    }
+    return true;
+}
+
 /// A sandbox with a control socket whose first command waits to be killed.
 class Lifetime : public testing::Test {
   protected:
     void SetUp() override {
-        ASSERT_TRUE(eventually([&] { return !line(3).empty(); }));
-        mount_namespace = line(1);
-        command = std::stoi(line(2));
-        helper = std::stoi(line(3));
-        const auto inside = processes_in(mount_namespace);
-        ASSERT_EQ(std::count(inside.begin(), inside.end(), command), 1);
-        ASSERT_EQ(std::count(inside.begin(), inside.end(), helper), 1);
+        _mount_namespace = _first.read_line().value();
+        _command = std::stoi(_first.read_line().value());
+        _helper = std::stoi(_first.read_line().value());
+        const auto inside = processes_in(_mount_namespace);
+        ASSERT_EQ(std::count(inside.begin(), inside.end(), _command), 1);
+        ASSERT_EQ(std::count(inside.begin(), inside.end(), _helper), 1);
     }
 
-    std::string line(int number) const {
-        std::istringstream text{first.output()};
-        std::string found;
-        for (int i = 0; i < number; ++i) {
-            found.clear();
-            std::getline(text, found);
-            if (text.eof()) {
-                return "";
-            }
-        }
-        return found;
-    }
+    void TearDown() override { _first.kill(SIGKILL); }
 
     bool is_gone() const {
         return eventually([&] {
-            return processes_in(mount_namespace).empty() && !std::filesystem::exists(socket);
+            return processes_in(_mount_namespace).empty() && !std::filesystem::exists(_socket);
         });
     }
 
     /// The FUSE server: in the sandbox, and a child of the tool as the command is, or of nobody.
     pid_t server() const {
-        for (const pid_t pid : processes_in(mount_namespace)) {
-            if (pid != command && parent_line(pid) == "PPid:\t" + std::to_string(first.pid())) {
+        for (const pid_t pid : processes_in(_mount_namespace)) {
+            if (pid != _command && parent_line(pid) == "PPid:\t" + std::to_string(_first.pid())) {
                 return pid;
             }
         }
@@ -73,31 +73,30 @@ class Lifetime : public testing::Test {
     }
 
     words join(const words& joined) const {
-        words arguments{"join", "--control", socket, "--"};
-        arguments.insert(arguments.end(), joined.begin(), joined.end());
-        return tool(arguments);
+        return tool(words{"join", "--control", _socket, "--"} + joined);
     }
 
-    temporary_folder folder;
-    std::string socket = folder.path("control");
+    temporary_folder _folder;
+    std::string _socket = _folder.path() / "control";
     /// The helper is a child of the command, which nobody but the sandbox cleans up.
-    running_program first{tool({"--world", "low", "--control", socket, "--", "sh", "-c",
-                                R"(readlink /proc/self/ns/mnt; echo $$; sleep 1000 & echo $!
-                                trap 'exit 7' TERM; while :; do sleep 0.01; done)"})};
-    std::string mount_namespace;
-    pid_t command = -1;
-    pid_t helper = -1;
+    process _first{tool({"--world", "low", "--control", _socket, "--", "sh", "-c",
+                         R"(readlink /proc/self/ns/mnt; echo $$; sleep 1000 & echo $!
+                        trap 'exit 7' TERM; while :; do sleep 0.01; done)"}),
+                   _folder.path() / "errors"};
+    std::string _mount_namespace;
+    pid_t _command = -1;
+    pid_t _helper = -1;
 };
 
 TEST_F(Lifetime, NothingIsLeftWhenTheToolIsKilled) {
-    ::kill(first.pid(), SIGKILL);
+    _first.kill(SIGKILL);
     EXPECT_TRUE(is_gone());
 }
 
 TEST_F(Lifetime, NothingIsLeftWhenTheCommandIsKilled) {
-    ::kill(command, SIGKILL);
-    EXPECT_EQ(first.wait().signal, SIGKILL);
-    EXPECT_FALSE(std::filesystem::exists(socket)) << "gone when the tool is, not later";
+    ::kill(_command, SIGKILL);
+    EXPECT_EQ(_first.wait().signal, SIGKILL);
+    EXPECT_FALSE(std::filesystem::exists(_socket)) << "gone when the tool is, not later";
     EXPECT_TRUE(is_gone());
 }
 
@@ -105,83 +104,84 @@ TEST_F(Lifetime, NothingIsLeftWhenTheServerIsKilled) {
     const pid_t killed = server();
     ASSERT_GT(killed, 0);
     ::kill(killed, SIGKILL);
-    const auto ended = first.wait();
+    const auto ended = _first.wait();
     EXPECT_EQ(ended.status, 125);
-    EXPECT_NE(ended.errors.find("was killed"), std::string::npos) << ended.errors;
-    EXPECT_FALSE(std::filesystem::exists(socket)) << "gone when the tool is, not later";
+    EXPECT_NE(_first.error_text().find("was killed"), std::string::npos) << _first.error_text();
+    EXPECT_FALSE(std::filesystem::exists(_socket)) << "gone when the tool is, not later";
     EXPECT_TRUE(is_gone());
 }
 
 TEST_F(Lifetime, NothingIsLeftWhenTheServerAndTheCommandAreKilled) {
     const pid_t killed = server();
     ASSERT_GT(killed, 0);
-    ::kill(first.pid(), SIGSTOP); // sees both at once
+    _first.kill(SIGSTOP); // sees both at once
     ::kill(killed, SIGKILL);
-    ::kill(command, SIGKILL);
-    ::kill(first.pid(), SIGCONT);
-    first.wait();
+    ::kill(_command, SIGKILL);
+    _first.kill(SIGCONT);
+    _first.wait();
     EXPECT_TRUE(is_gone());
 }
 
 TEST_F(Lifetime, NothingOfAJoinedCommandIsLeftWhenTheServerIsKilled) {
-    running_program second{join({"sh", "-c", "sleep 1000 & echo in; wait"})};
-    ASSERT_TRUE(eventually([&] { return second.output() == "in\n"; }));
+    process second{join({"sh", "-c", "sleep 1000 & echo in; wait"}), _folder.path() / "second"};
+    ASSERT_EQ(second.read_line(), "in");
     ::kill(server(), SIGKILL);
     EXPECT_EQ(second.wait().status, 125);
-    first.wait();
+    _first.wait();
     EXPECT_TRUE(is_gone());
 }
 
 TEST_F(Lifetime, SignalsToTheToolGoOnToTheCommand) {
-    ::kill(first.pid(), SIGTERM);
-    const auto ended = first.wait();
+    _first.kill(SIGTERM);
+    const auto ended = _first.wait();
     EXPECT_EQ(ended.status, 7);
     EXPECT_TRUE(is_gone());
 }
 
 TEST_F(Lifetime, JoinedCommandSeesTheSameSandbox) {
-    const auto joined = run(join({"sh", "-c",
-                                  "readlink /proc/self/ns/mnt; head -1 /proc/tarvo; "
-                                  "echo ${SIMULATION_VMID-unset}; pwd"}));
-    EXPECT_EQ(joined.output, mount_namespace + "\n80000000\t8fffffff\t0\ttarvo\nunset\n" +
+    const auto joined = run_to_end(join({"sh", "-c",
+                                         "readlink /proc/self/ns/mnt; head -1 /proc/tarvo; "
+                                         "echo ${SIMULATION_VMID-unset}; pwd"}));
+    EXPECT_EQ(joined.output, _mount_namespace + "\n80000000\t8fffffff\t0\ttarvo\nunset\n" +
                                  std::filesystem::current_path().string() + "\n");
     EXPECT_EQ(joined.errors, "");
 }
 
 TEST_F(Lifetime, JoinedCommandEndsTheToolAsItEnds) {
-    EXPECT_EQ(run(join({"sh", "-c", "exit 9"})).status, 9);
-    EXPECT_EQ(run(join({"sh", "-c", "kill -SEGV $$"})).signal, SIGSEGV);
-    EXPECT_EQ(run(join({"/nowhere/command"})).status, 127);
+    EXPECT_EQ(run_to_end(join({"sh", "-c", "exit 9"})).status, 9);
+    EXPECT_EQ(run_to_end(join({"sh", "-c", "kill -SEGV $$"})).signal, SIGSEGV);
+    EXPECT_EQ(run_to_end(join({"/nowhere/command"})).status, 127);
 }
 
 TEST_F(Lifetime, SandboxOutlivesItsFirstCommandWhileAnotherIsThere) {
-    running_program second{join({"sh", "-c", "echo in; while :; do sleep 0.01; done"})};
-    ASSERT_TRUE(eventually([&] { return second.output() == "in\n"; }));
-    ::kill(command, SIGKILL);
-    first.wait();
-    EXPECT_EQ(run(join({"cat", proc_file})).output, "80000000\t8fffffff\t0\ttarvo\n");
-    ::kill(second.pid(), SIGKILL);
+    process second{join({"sh", "-c", "echo in; while :; do sleep 0.01; done"}),
+                   _folder.path() / "second"};
+    ASSERT_EQ(second.read_line(), "in");
+    ::kill(_command, SIGKILL);
+    _first.wait();
+    EXPECT_EQ(run_to_end(join({"cat", proc_file})).output, "80000000\t8fffffff\t0\ttarvo\n");
+    second.kill(SIGKILL);
     EXPECT_TRUE(is_gone());
 }
 
 TEST_F(Lifetime, KillingAJoinedToolLeavesTheSandbox) {
-    running_program second{join({"sh", "-c", "echo $$; while :; do sleep 0.01; done"})};
-    ASSERT_TRUE(eventually([&] { return second.output().ends_with('\n'); }));
-    const pid_t joined = std::stoi(second.output());
-    ::kill(second.pid(), SIGKILL);
+    process second{join({"sh", "-c", "echo $$; while :; do sleep 0.01; done"}),
+                   _folder.path() / "second"};
+    const pid_t joined = std::stoi(second.read_line().value());
+    second.kill(SIGKILL);
     EXPECT_TRUE(eventually([&] { return ::kill(joined, 0) != 0; }));
-    EXPECT_EQ(run(join({"true"})).status, 0);
+    EXPECT_EQ(run_to_end(join({"true"})).status, 0);
 }
 
 TEST_F(Lifetime, RulesChangeWhileTheCommandRuns) {
     const auto rule = [&](const words& more) {
-        words arguments{"rule", "--control", socket};
-        arguments.insert(arguments.end(), more.begin(), more.end());
-        const auto ended = run(tool(arguments));
+        const auto ended = run_to_end(tool(words{"rule", "--control", _socket} + more));
         EXPECT_EQ(ended.status, 0) << ended.errors;
         return ended.output;
     };
-    const auto map = [&] { return run(join({SANDBOX_SPEAKER, "w", iommu_file, map_line})).output; };
+    const auto map = [&] {
+        return run_to_end(join({SANDBOX_SPEAKER, "w", iommu_file, map_line})).output;
+    };
 
     EXPECT_EQ(rule({"op=map,errno=EIO", "errno=EPERM"}), "");
     EXPECT_EQ(map(), "open ok\nwrite EIO\nclose ok\n");
@@ -194,10 +194,10 @@ TEST_F(Lifetime, RulesChangeWhileTheCommandRuns) {
 
 TEST_F(Lifetime, AWrongRuleChangesNothing) {
     const auto ended =
-        run(tool({"rule", "--control", socket, "--clear", "errno=EIO", "errno=EFOO"}));
+        run_to_end(tool({"rule", "--control", _socket, "--clear", "errno=EIO", "errno=EFOO"}));
     EXPECT_EQ(ended.status, 125);
     EXPECT_NE(ended.errors.find("EFOO"), std::string::npos) << ended.errors;
-    EXPECT_EQ(run(join({SANDBOX_SPEAKER, "w", iommu_file, map_line})).output,
+    EXPECT_EQ(run_to_end(join({SANDBOX_SPEAKER, "w", iommu_file, map_line})).output,
               "open ok\nwrite 44\nclose ok\n");
 }
 
@@ -211,38 +211,39 @@ TEST(Ending, IsThatOfTheCommand) {
 }
 
 TEST(Ending, ReportsCommandsThatCannotBeExecuted) {
-    EXPECT_EQ(run(tool({"--", "/nowhere/command"})).status, 127);
-    EXPECT_EQ(run(tool({"--", "/etc/passwd"})).status, 126);
+    EXPECT_EQ(run_to_end(tool({"--", "/nowhere/command"})).status, 127);
+    EXPECT_EQ(run_to_end(tool({"--", "/etc/passwd"})).status, 126);
 }
 
 TEST(Ending, DoesNotWaitForWhatTheCommandLeftRunning) {
     // The pipe would stay open as long as the child or the sandbox's process had it.
-    const auto ended = run({"sh", "-c",
-                            "x=$(" SANDBOX_TOOL " -- sh -c 'sleep 1000 & echo x')"
-                            "; echo $x"});
+    const auto ended = run_to_end({"sh", "-c",
+                                   "x=$(" SANDBOX_TOOL " -- sh -c 'sleep 1000 & echo x')"
+                                   "; echo $x"});
     EXPECT_EQ(ended.output, "x\n");
 }
 
 TEST(Control, ReplacesASocketThatNobodyAnswers) {
     const temporary_folder folder;
-    const auto socket = folder.path("control");
-    running_program first{
-        tool({"--control", socket, "--", "sh", "-c", "echo up; while :; do sleep 0.01; done"})};
-    ASSERT_TRUE(eventually([&] { return first.output() == "up\n"; }));
-    EXPECT_EQ(run(tool({"--control", socket, "--", "true"})).status, 125) << "it is in use";
-    std::filesystem::rename(socket, folder.path("old"));
-    ::kill(first.pid(), SIGKILL);
+    const std::string socket = folder.path() / "control";
+    process first{
+        tool({"--control", socket, "--", "sh", "-c", "echo up; while :; do sleep 0.01; done"}),
+        folder.path() / "errors"};
+    ASSERT_EQ(first.read_line(), "up");
+    EXPECT_EQ(run_to_end(tool({"--control", socket, "--", "true"})).status, 125) << "it is in use";
+    std::filesystem::rename(socket, folder.path() / "old");
+    first.kill(SIGKILL);
     first.wait();
-    // The listener goes with the sandbox; its file, under the other name, stays behind.
-    std::filesystem::rename(folder.path("old"), socket);
+    // The listener goes with the sandbox; its file, under the other name, stays.
+    std::filesystem::rename(folder.path() / "old", socket);
     EXPECT_TRUE(eventually([&] {
-        return run(tool({"--control", socket, "--", "true"})).status == 0;
+        return run_to_end(tool({"--control", socket, "--", "true"})).status == 0;
     }));
 }
 
 TEST(Control, MayHaveAPathLongerThanASocketAddress) {
     const temporary_folder folder;
-    const auto deep = folder.path(std::string(100, 'd'));
+    const std::string deep = folder.path() / std::string(100, 'd');
     std::filesystem::create_directory(deep);
     const auto socket = deep + "/control";
     const auto ended =

@@ -1,4 +1,4 @@
-#include "tool.hpp"
+#include "in_sandbox.hpp"
 
 #include <gtest/gtest.h>
 #include <string>

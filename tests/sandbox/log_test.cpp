@@ -1,6 +1,8 @@
-#include "tool.hpp"
+#include "in_sandbox.hpp"
 
 #include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+#include <sstream>
 
 namespace {
 
@@ -10,6 +12,15 @@ json entry(int seq, const char* file, const char* event, const char* flags, bool
            const std::string& bytes, const char* answer) {
     return {{"seq", seq},     {"file", file},   {"event", event},  {"flags", flags},
             {"trunc", trunc}, {"bytes", bytes}, {"answer", answer}};
+}
+
+std::vector<json> log_lines(const std::string& path) {
+    std::vector<json> lines;
+    std::istringstream text{file_text(path)};
+    for (std::string line; std::getline(text, line);) {
+        lines.push_back(json::parse(line));
+    }
+    return lines;
 }
 
 /// The log without the process numbers.
@@ -23,7 +34,7 @@ std::vector<json> events(const std::string& path) {
 
 TEST(Log, HoldsEachOpenWriteAndCloseWithItsAnswer) {
     const temporary_folder folder;
-    const auto log = folder.path("log");
+    const std::string log = folder.path() / "log";
     speak({"--world", "low", "--log", log, "--rule", "op=map,errno=EIO"},
           {"w", iommu_file, unmap_line, map_line, "nonsense"});
     const std::vector<json> expected{
@@ -38,7 +49,7 @@ TEST(Log, HoldsEachOpenWriteAndCloseWithItsAnswer) {
 
 TEST(Log, HoldsReadersToo) {
     const temporary_folder folder;
-    const auto log = folder.path("log");
+    const std::string log = folder.path() / "log";
     speak({"--world", "low", "--log", log}, {"r", proc_file});
     const std::vector<json> expected{entry(1, "proc", "open", "r", false, "", "ok"),
                                      entry(2, "proc", "close", "r", false, "", "ok")};
@@ -47,7 +58,7 @@ TEST(Log, HoldsReadersToo) {
 
 TEST(Log, ShowsReadingAndWritingTogether) {
     const temporary_folder folder;
-    const auto log = folder.path("log");
+    const std::string log = folder.path() / "log";
     speak({"--world", "low", "--log", log, "--rule", "at=close,errno=EIO"},
           {"r+", proc_file, "a x 1000\n"});
     const std::vector<json> expected{entry(1, "proc", "open", "rw", false, "", "ok"),
@@ -58,7 +69,7 @@ TEST(Log, ShowsReadingAndWritingTogether) {
 
 TEST(Log, KeepsEveryByte) {
     const temporary_folder folder;
-    const auto log = folder.path("log");
+    const std::string log = folder.path() / "log";
     run_script({"--log", log}, R"(printf '\000\001"\\\177\200\377\n' > )" + iommu_file);
     std::string bytes;
     for (const auto& line : log_lines(log)) {
@@ -69,7 +80,7 @@ TEST(Log, KeepsEveryByte) {
 
 TEST(Log, NamesTheCallingProcess) {
     const temporary_folder folder;
-    const auto log = folder.path("log");
+    const std::string log = folder.path() / "log";
     const auto ended =
         run_script({"--world", "low", "--log", log}, "echo $$; exec cat /proc/tarvo");
     ASSERT_EQ(log_lines(log).size(), 2U);
@@ -80,15 +91,15 @@ TEST(Log, NamesTheCallingProcess) {
 
 TEST(Log, IsWrittenBeforeTheCallReturns) {
     const temporary_folder folder;
-    const auto log = folder.path("log");
-    const auto ended = run({"env", "SPEAKER_LOG=" + log, SANDBOX_TOOL, "--log", log, "--",
-                            SANDBOX_SPEAKER, "w", iommu_file, map_line});
+    const std::string log = folder.path() / "log";
+    const auto ended = run_to_end({"env", "SPEAKER_LOG=" + log, SANDBOX_TOOL, "--log", log, "--",
+                                   SANDBOX_SPEAKER, "w", iommu_file, map_line});
     EXPECT_EQ(ended.output, "open ok\n1 logged\nwrite 44\n2 logged\nclose ok\n3 logged\n");
 }
 
 TEST(Log, IsAppended) {
     const temporary_folder folder;
-    const auto log = folder.path("log");
+    const std::string log = folder.path() / "log";
     speak({"--world", "low", "--log", log}, {"r", proc_file});
     speak({"--world", "low", "--log", log}, {"r", proc_file});
     const auto lines = log_lines(log);
@@ -98,7 +109,7 @@ TEST(Log, IsAppended) {
 
 TEST(Log, SaysHowMuchOfAWriteWasTaken) {
     const temporary_folder folder;
-    const auto log = folder.path("log");
+    const std::string log = folder.path() / "log";
     speak({"--log", log, "--rule", "short=5"}, {"w", iommu_file, map_line});
     const auto lines = log_lines(log);
     ASSERT_EQ(lines.size(), 3U);

@@ -1,4 +1,4 @@
-#include "tool.hpp"
+#include "in_sandbox.hpp"
 
 #include <fstream>
 #include <gtest/gtest.h>
@@ -16,7 +16,7 @@ struct wrong_case {
 class Wrong : public testing::TestWithParam<wrong_case> {};
 
 TEST_P(Wrong, IsReportedInOneLineThatNamesIt) {
-    const auto ended = run(tool(GetParam().arguments));
+    const auto ended = run_to_end(tool(GetParam().arguments));
     EXPECT_EQ(ended.status, 125);
     EXPECT_EQ(ended.output, "");
     EXPECT_TRUE(ended.errors.starts_with("tarvo-sandbox: ")) << ended.errors;
@@ -98,10 +98,10 @@ INSTANTIATE_TEST_SUITE_P(
 /// A file of another kind belongs to somebody: it is refused and stays as it is.
 TEST(Paths, OfTheWrongKindAreRefusedAndLeftAlone) {
     const temporary_folder folder;
-    const auto path = folder.path("precious");
+    const std::string path = folder.path() / "precious";
     std::ofstream{path} << "kept";
     for (const char* option : {"--control", "--state"}) {
-        const auto ended = run(tool({option, path, "--", "true"}));
+        const auto ended = run_to_end(tool({option, path, "--", "true"}));
         EXPECT_EQ(ended.status, 125);
         EXPECT_NE(ended.errors.find(option + std::string{" "} + path), std::string::npos)
             << ended.errors;
@@ -110,7 +110,7 @@ TEST(Paths, OfTheWrongKindAreRefusedAndLeftAlone) {
 }
 
 TEST(Help, NamesEveryOptionAndPrintsNothingElse) {
-    const auto ended = run(tool({"--help"}));
+    const auto ended = run_to_end(tool({"--help"}));
     EXPECT_EQ(ended.status, 0);
     EXPECT_EQ(ended.errors, "");
     for (const char* option :
@@ -121,12 +121,13 @@ TEST(Help, NamesEveryOptionAndPrintsNothingElse) {
 }
 
 TEST(Help, IsThereForEachSubcommand) {
-    EXPECT_NE(run(tool({"join", "--help"})).output.find("tarvo-sandbox join"), std::string::npos);
-    EXPECT_NE(run(tool({"rule", "--help"})).output.find("--clear"), std::string::npos);
+    EXPECT_NE(run_to_end(tool({"join", "--help"})).output.find("tarvo-sandbox join"),
+              std::string::npos);
+    EXPECT_NE(run_to_end(tool({"rule", "--help"})).output.find("--clear"), std::string::npos);
 }
 
 TEST(Version, IsOneLine) {
-    const auto ended = run(tool({"--version"}));
+    const auto ended = run_to_end(tool({"--version"}));
     EXPECT_EQ(ended.status, 0);
     EXPECT_TRUE(ended.output.starts_with("tarvo-sandbox ")) << ended.output;
 }

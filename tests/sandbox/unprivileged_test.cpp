@@ -1,4 +1,4 @@
-#include "tool.hpp"
+#include "in_sandbox.hpp"
 
 #include <filesystem>
 #include <gtest/gtest.h>
@@ -18,17 +18,17 @@ const std::string become_nobody = R"(
 /// Runs programs without privilege: root becomes nobody first.
 class Unprivileged : public testing::Test {
   protected:
-    outcome run_without_privilege(const words& command) const {
+    finished run_without_privilege(const words& command) const {
         if (::geteuid() != 0) {
-            return run(command);
+            return run_to_end(command);
         }
         words whole{"unshare",     "--mount", "sh",         "-c",
                     become_nobody, home(),    SANDBOX_TOOL, SANDBOX_SPEAKER};
         whole.insert(whole.end(), command.begin(), command.end());
-        return run(whole);
+        return run_to_end(whole);
     }
 
-    outcome run_tool(words arguments) const {
+    finished run_tool(words arguments) const {
         arguments.insert(arguments.begin(), tool_path());
         return run_without_privilege(arguments);
     }
@@ -41,11 +41,11 @@ class Unprivileged : public testing::Test {
         return ::geteuid() == 0 ? home() + "/sandbox_speaker" : SANDBOX_SPEAKER;
     }
 
-    std::string home() const { return folder.path("home"); }
+    std::string home() const { return _folder.path() / "home"; }
 
     void SetUp() override {
         std::filesystem::create_directory(home());
-        ASSERT_EQ(::chmod(folder.path("").c_str(), 0755), 0);
+        ASSERT_EQ(::chmod(_folder.path().c_str(), 0755), 0);
         const auto tried = run_tool({"--", "true"});
         if (tried.errors.find("refuses user namespaces") != std::string::npos) {
             GTEST_SKIP() << "NOT TESTED: " << tried.errors;
@@ -53,7 +53,7 @@ class Unprivileged : public testing::Test {
         ASSERT_EQ(tried.status, 0) << tried.errors;
     }
 
-    temporary_folder folder;
+    temporary_folder _folder;
 };
 
 TEST_F(Unprivileged, CommandSeesItselfAsRootInTheSameWorld) {
@@ -105,11 +105,11 @@ TEST_F(Unprivileged, ADeviceThatCannotBeOpenedIsNamed) {
     if (::geteuid() != 0) {
         GTEST_SKIP() << "NOT TESTED: only root can take /dev/fuse away from nobody";
     }
-    const auto ended = run({"unshare", "--mount", "sh", "-c",
-                            R"(mount -t tmpfs -o mode=0755 none "$0" && cp "$1" "$0/tool" &&
+    const auto ended = run_to_end({"unshare", "--mount", "sh", "-c",
+                                   R"(mount -t tmpfs -o mode=0755 none "$0" && cp "$1" "$0/tool" &&
             mknod -m 0600 "$0/fuse" c 10 229 && mount --bind "$0/fuse" /dev/fuse && cd / &&
             exec setpriv --reuid 65534 --regid 65534 --clear-groups "$0/tool" -- true)",
-                            home(), SANDBOX_TOOL});
+                                   home(), SANDBOX_TOOL});
     EXPECT_EQ(ended.status, 125);
     EXPECT_NE(ended.errors.find("/dev/fuse"), std::string::npos) << ended.errors;
 }

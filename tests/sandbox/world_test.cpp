@@ -1,4 +1,4 @@
-#include "tool.hpp"
+#include "in_sandbox.hpp"
 
 #include <gtest/gtest.h>
 #include <string>
@@ -94,7 +94,7 @@ TEST(Without, AnswersForMissingSysfsFilesAsTheKernelDoes) {
                               "for f in tarvo_missing tarvo_missing/file mm; do"
                               "  sh -c 'echo x > $0' $f; cat $f;"
                               "done 2>&1; true";
-    const auto kernel = run({"sh", "-c", asked});
+    const auto kernel = run_to_end({"sh", "-c", asked});
     ASSERT_NE(kernel.output.find("Permission denied"), std::string::npos) << kernel.output;
     const auto ended = run_script({"--world", "low", "--without", "sysfs"}, asked);
     EXPECT_EQ(ended.output, kernel.output);
@@ -135,7 +135,7 @@ TEST(Machine, ShowsTheRealSysfs) {
         "cd /sys/kernel; ls; ls mm; cat fscaps mm/transparent_hugepage/enabled; "
         "readlink iommu_groups/*/devices/* | head";
     const auto ended = run_script({"--world", "low", "--without", "sysfs"}, asked);
-    EXPECT_EQ(ended.output, run({"sh", "-c", asked}).output);
+    EXPECT_EQ(ended.output, run_to_end({"sh", "-c", asked}).output);
     const auto with_file = run_script({"--world", "low"}, "ls /sys/kernel | grep tarvo");
     EXPECT_EQ(with_file.output, "tarvo_iommu_map_region\n");
 }
@@ -151,41 +151,41 @@ TEST(Machine, IsNotTouchedOutside) {
 TEST(Machine, GivesTheCommandTheCallersFolderUmaskInputAndEnvironment) {
     const temporary_folder folder;
     const auto ended =
-        run({"sh", "-c",
-             "umask 0137; cd " + folder.path("") +
-                 " && echo typed | GREETING=hello " SANDBOX_TOOL
-                 " --world low --control s -- sh -c 'umask; pwd; cat; echo $GREETING'"});
-    const auto pwd = std::filesystem::path{folder.path("")}.parent_path().string();
-    EXPECT_EQ(ended.output, "0137\n" + pwd + "\ntyped\nhello\n");
+        run_to_end({"sh", "-c",
+                    "umask 0137; cd " + folder.path().string() +
+                        " && echo typed | GREETING=hello " SANDBOX_TOOL
+                        " --world low --control s -- sh -c 'umask; pwd; cat; echo $GREETING'"});
+    EXPECT_EQ(ended.output, "0137\n" + folder.path().string() + "\ntyped\nhello\n");
 }
 
 TEST(Machine, LeavesACommandInAFolderThatTheSandboxHides) {
-    const auto ended = run({"sh", "-c",
-                            "d=$(mktemp -d -p /var/tmp) && cd $d && echo here > f && " SANDBOX_TOOL
-                            " -- cat f; rm -r $d"});
+    const auto ended =
+        run_to_end({"sh", "-c",
+                    "d=$(mktemp -d -p /var/tmp) && cd $d && echo here > f && " SANDBOX_TOOL
+                    " -- cat f; rm -r $d"});
     EXPECT_EQ(ended.output, "here\n") << ended.errors;
 }
 
 TEST(State, StaysInTheFolderAndIsFoundAgain) {
     const temporary_folder folder;
-    const words options{"--world", "low", "--state", folder.path("state")};
+    const words options{"--world", "low", "--state", folder.path() / "state"};
     run_script(options, "echo a > /var/tmp/f; echo b > /var/shmem/f; echo c > /var/lock/subsys/f;"
                         "printf d | dd of=/dev/mem bs=1 seek=4096 conv=notrunc");
-    EXPECT_EQ(file_text(folder.path("state/tmp/f")), "a\n");
-    EXPECT_EQ(file_text(folder.path("state/shmem/f")), "b\n");
-    EXPECT_EQ(file_text(folder.path("state/subsys/f")), "c\n");
+    EXPECT_EQ(file_text(folder.path() / "state/tmp/f"), "a\n");
+    EXPECT_EQ(file_text(folder.path() / "state/shmem/f"), "b\n");
+    EXPECT_EQ(file_text(folder.path() / "state/subsys/f"), "c\n");
     const auto again = run_script(options, "cat /var/tmp/f; dd if=/dev/mem bs=1 skip=4096 count=1");
     EXPECT_EQ(again.output, "a\nd");
     struct stat mem {};
-    ASSERT_EQ(::stat(folder.path("state/mem").c_str(), &mem), 0);
+    ASSERT_EQ(::stat((folder.path() / "state/mem").c_str(), &mem), 0);
     EXPECT_EQ(mem.st_size, 0x90000000);
     EXPECT_LT(mem.st_blocks, 64) << "the file is to be sparse";
 }
 
 TEST(State, CanLieInAFolderThatTheSandboxHides) {
-    const auto ended = run({"sh", "-c",
-                            "d=$(mktemp -d -p /var/tmp) && " SANDBOX_TOOL
-                            " --state $d/s -- touch /var/tmp/f; ls $d/s/tmp; rm -r $d"});
+    const auto ended = run_to_end({"sh", "-c",
+                                   "d=$(mktemp -d -p /var/tmp) && " SANDBOX_TOOL
+                                   " --state $d/s -- touch /var/tmp/f; ls $d/s/tmp; rm -r $d"});
     EXPECT_EQ(ended.output, "f\n") << ended.errors;
 }
 

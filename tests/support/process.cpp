@@ -1,5 +1,7 @@
 #include "process.hpp"
 
+#include "temporary_folder.hpp"
+
 #include <algorithm>
 #include <array>
 #include <cerrno>
@@ -153,6 +155,21 @@ std::optional<std::string> process::read_line() {
     return line;
 }
 
+std::string process::read_rest() {
+    while (!_output_ended) {
+        if (!receive(patience)) {
+            complain("hangs");
+        }
+    }
+    return std::exchange(_received, {});
+}
+
+void process::kill(int signal) {
+    if (!_end) {
+        ::kill(_pid, signal);
+    }
+}
+
 void process::close_input() {
     close_if_open(_input);
 }
@@ -178,7 +195,7 @@ ending process::wait() {
 
 void process::give_up() {
     if (!reap()) {
-        kill(_pid, SIGKILL);
+        ::kill(_pid, SIGKILL);
         int status = 0;
         waitpid(_pid, &status, 0);
         _end = ended_by(SIGKILL);
@@ -192,6 +209,14 @@ void process::complain(const std::string& what) {
 
 std::string process::error_text() const {
     return file_text(_error_file);
+}
+
+finished run_to_end(const std::vector<std::string>& words) {
+    const temporary_folder folder;
+    process program(words, folder.path() / "errors");
+    program.close_input();
+    const std::string output = program.read_rest();
+    return {program.wait(), output, program.error_text()};
 }
 
 std::string file_text(const std::filesystem::path& path) {

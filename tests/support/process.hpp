@@ -39,9 +39,13 @@ class process {
     /// The next line of its output without its end; nothing when the output ends first. Throws,
     /// with what it said on standard error, when nothing comes.
     std::optional<std::string> read_line();
+    /// All the output that is still to come. Throws when it does not end.
+    std::string read_rest();
     /// Whether a whole line or the end of the output is there within `time`.
     bool has_line(std::chrono::milliseconds time);
 
+    /// Sends it a signal, unless it has been waited for.
+    void kill(int signal);
     void close_input();
     /// Waits for its end. Throws when it does not come.
     ending wait();
@@ -64,5 +68,14 @@ class process {
     bool _output_ended = false;
     std::optional<ending> _end;
 };
+
+/// How a program ended, and all it printed.
+struct finished : ending {
+    std::string output;
+    std::string errors;
+};
+
+/// Runs a program to its end.
+finished run_to_end(const std::vector<std::string>& words);
 
 std::string file_text(const std::filesystem::path& path);

@@ -26,19 +26,6 @@ int open_lock(const std::filesystem::path& path) {
 
 } // namespace
 
-temporary_folder::temporary_folder() {
-    std::string path = std::filesystem::temp_directory_path() / "tarvo-test-XXXXXX";
-    if (mkdtemp(path.data()) == nullptr) {
-        throw std::runtime_error("no temporary folder like " + path);
-    }
-    _path = path;
-}
-
-temporary_folder::~temporary_folder() {
-    std::error_code ignored;
-    std::filesystem::remove_all(_path, ignored);
-}
-
 sandbox::sandbox(const world& chosen, const std::vector<std::string>& options) : _world(chosen) {
     const std::filesystem::path& top = _folder.path();
     std::filesystem::create_directory(top / "state");

@@ -4,26 +4,13 @@
 #include "client.hpp"
 #include "driver_log.hpp"
 #include "process.hpp"
+#include "temporary_folder.hpp"
 #include "world.hpp"
 
 #include <filesystem>
 #include <optional>
 #include <string>
 #include <vector>
-
-/// A folder that is removed with all it holds.
-class temporary_folder {
-  public:
-    temporary_folder();
-    ~temporary_folder();
-    temporary_folder(const temporary_folder&) = delete;
-    temporary_folder& operator=(const temporary_folder&) = delete;
-
-    const std::filesystem::path& path() const { return _path; }
-
-  private:
-    std::filesystem::path _path;
-};
 
 /// A machine with the world of one's choice, for as long as the object lives: any number of
 /// clients run in it, one after the other or side by side, and share its files and its driver.
