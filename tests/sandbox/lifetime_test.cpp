@@ -5,6 +5,7 @@
 #include <filesystem>
 #include <functional>
 #include <gtest/gtest.h>
+#include <list>
 #include <signal.h>
 #include <string>
 #include <thread>
@@ -72,6 +73,16 @@ class Lifetime : public testing::Test {
         return -1;
     }
 
+    void first_stops_while_all_else_is_killed() {
+        const pid_t killed = server();
+        ASSERT_GT(killed, 0);
+        _first.kill(SIGSTOP);
+        for (const pid_t pid : {killed, _command, _helper}) {
+            ::kill(pid, SIGKILL);
+        }
+        ASSERT_TRUE(eventually([&] { return processes_in(_mount_namespace).empty(); }));
+    }
+
     words join(const words& joined) const {
         return tool(words{"join", "--control", _socket, "--"} + joined);
     }
@@ -120,6 +131,23 @@ TEST_F(Lifetime, NothingIsLeftWhenTheServerAndTheCommandAreKilled) {
     _first.kill(SIGCONT);
     _first.wait();
     EXPECT_TRUE(is_gone());
+}
+
+/// The kernel gives the lowest free number to a new namespace, often that of one which just ended.
+TEST_F(Lifetime, CleaningUpSparesASandboxThatCameLater) {
+    first_stops_while_all_else_is_killed();
+    std::list<process> later;
+    for (int i = 0; i < 10; ++i) {
+        later.emplace_back(tool({"--", "sh", "-c", "echo up; cat"}),
+                           _folder.path() / ("later-" + std::to_string(i)));
+        ASSERT_EQ(later.back().read_line(), "up");
+    }
+    _first.kill(SIGCONT);
+    _first.wait();
+    for (process& each : later) {
+        each.write_line("alive");
+        EXPECT_EQ(each.read_line(), "alive") << each.error_text();
+    }
 }
 
 TEST_F(Lifetime, NothingOfAJoinedCommandIsLeftWhenTheServerIsKilled) {

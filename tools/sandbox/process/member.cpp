@@ -68,9 +68,8 @@ message request_admission(int socket) {
 }
 
 void enter(const namespaces& sandbox, int entered) {
-    const std::string name = sandbox.mount_name();
     sandbox.enter();
-    if (::write(entered, name.data(), name.size()) < 0) {
+    if (!send_message(entered, nlohmann::json::object(), {sandbox.fds().front()})) {
         throw failed_call("cannot report that the command is in the sandbox");
     }
 }

@@ -12,7 +12,7 @@ namespace sandbox {
 struct member_origin {
     pid_t parent; // the member ends with it
     int socket;   // the connection to the sandbox
-    int entered;  // takes the name of the sandbox's mount namespace as soon as the member is in it
+    int entered;  // takes the sandbox's mount namespace as soon as the member is in it
 };
 
 /// In the process that becomes the command: asks for admission over the socket, enters the sandbox

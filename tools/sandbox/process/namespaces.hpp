@@ -24,7 +24,8 @@ class namespaces {
     /// The mount namespace as /proc/PID/ns/mnt names it.
     std::string mount_name() const;
 
-    /// Descriptors for send_message; the body's "user" says whether there are two.
+    /// Descriptors for send_message, the mount namespace first. The body's "user" says whether
+    /// there are two.
     std::vector<int> fds() const;
     bool has_user() const { return static_cast<bool>(_user); }
 

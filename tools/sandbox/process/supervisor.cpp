@@ -3,6 +3,7 @@
 #include "common/trouble.hpp"
 #include "machine/proc_view.hpp"
 #include "process/channel.hpp"
+#include "process/namespaces.hpp"
 #include "process/report.hpp"
 
 #include <array>
@@ -122,32 +123,32 @@ bool has_confirmed_end(int connection) {
     return done;
 }
 
-/// Where a command puts the name of the mount namespace that it has entered. It is kept until it is
-/// asked for: the kernel names none for a process that has ended.
+/// Where a command leaves the mount namespace that it has entered. As long as it is kept here, the
+/// kernel gives its number to no other, whose processes would be killed in place of ours.
 class entered_namespace {
   public:
     entered_namespace() {
         std::array<int, 2> ends{-1, -1};
-        if (::pipe2(ends.data(), O_CLOEXEC | O_NONBLOCK) != 0) {
-            throw failed_call("cannot make a pipe");
+        if (::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0, ends.data()) !=
+            0) {
+            throw failed_call("cannot make a Unix socket");
         }
-        _name.reset(ends[0]);
+        _reader.reset(ends[0]);
         _writer.reset(ends[1]);
     }
 
     int writer() const { return _writer.get(); }
 
     void kill_all() const {
-        std::array<char, 64> name{};
-        const ssize_t length = ::read(_name.get(), name.data(), name.size());
-        if (length > 0) {
-            _processes.kill_all_in({name.data(), static_cast<size_t>(length)});
+        if (auto received = receive_message(_reader.get())) {
+            const auto entered = namespaces::from_message(*received);
+            _processes.kill_all_in(entered.mount_name());
         }
     }
 
   private:
     proc_view _processes; // as it is before a sandbox covers it
-    unique_fd _name;
+    unique_fd _reader;
     unique_fd _writer;
 };
 
