@@ -1,7 +1,8 @@
 """Puts the results of bench.py into the pages.
 
-performance.md gets the small table between its two marks, performance.svg is drawn anew, and
-performance-results.md holds all that was measured, and the small table of 32-bit programs.
+performance.md gets the small table between its two marks, and performance.svg draws the same rows.
+performance-results.md gets the goals with what was reached, also of 32-bit programs, and everything
+that was measured.
 """
 
 import json
@@ -13,8 +14,7 @@ from typing import Any
 import goals
 from report import OWN, quantity
 
-BEGIN, END = "<!-- results -->\n", "<!-- end of results -->\n"
-BEGIN_I386, END_I386 = "<!-- i386 -->\n", "<!-- end of i386 -->\n"
+RESULTS, GOALS, I386 = "results", "goals", "i386"  # parts of the pages, between two marks each
 WORKS = (goals.GET, goals.CHURN, goals.FIRST_GET, goals.TOUCH, goals.LAST)
 HEADINGS = [
     "Work",
@@ -83,15 +83,45 @@ def rows_of(results: list[dict[str, Any]]) -> list[Row]:
     return [rows[key] for key in sorted(rows)]
 
 
-def small_table(document: dict[str, Any]) -> str:
-    lines = [HEADINGS, ["---"] * len(HEADINGS)]
-    lines += [table_row(row) for row in rows_of(document["results"])]
+def table_of(rows: list[Row], columns: int) -> str:
+    lines = [HEADINGS, ["---"] * len(HEADINGS)] + [table_row(row) for row in rows]
+    return "".join("| " + " | ".join(line[:columns]) + " |\n" for line in lines)
+
+
+def circumstances(document: dict[str, Any]) -> str:
     where = f"Commit {document['commit']}, {document['date']}, {document['machine']}, "
-    where += f"Linux {document['kernel']}, medians of {document['passes']} passes.\n\n"
-    return where + "".join("| " + " | ".join(line) + " |\n" for line in lines)
+    return where + f"Linux {document['kernel']}, medians of {document['passes']} passes.\n\n"
+
+
+def goals_table(document: dict[str, Any]) -> str:
+    return circumstances(document) + table_of(rows_of(document["results"]), len(HEADINGS))
+
+
+def shown(document: dict[str, Any]) -> list[Row]:
+    """The rows in order on the first kind of files, from 1000 names on."""
+    return [
+        row[:1]
+        for row in rows_of(document["results"])
+        if row[0]["names"] in (1000, 16000)
+        and row[0]["files"] == document["results"][0]["files"]
+        and {who for who, _ in BARS} <= row[0]["medians"].keys()
+    ]
+
+
+def small_table(document: dict[str, Any]) -> str:
+    return circumstances(document) + table_of(shown(document), len(HEADINGS) - 1)
 
 
 BARS = (("floor", "#999999"), ("tarvo", "#4477aa"), ("plain", "#ee8866"))
+STYLE = """<style>
+  .page { fill: #ffffff }
+  text { fill: #000000; font-family: sans-serif; font-size: 11px }
+  @media (prefers-color-scheme: dark) {
+    .page { fill: #14171c }
+    text { fill: #f2f2f2 }
+  }
+</style>
+"""
 LABELS = {"floor": "floor", "tarvo": "libtarvo", "plain": "plain walk"}
 
 
@@ -111,24 +141,18 @@ def group(y: int, one: dict[str, Any]) -> str:
 
 
 def picture(document: dict[str, Any]) -> str:
-    """The rows in order on the first kind of files, from 1000 names on."""
-    shown = [
-        row[0]
-        for row in rows_of(document["results"])
-        if row[0]["names"] in (1000, 16000)
-        and row[0]["files"] == document["results"][0]["files"]
-        and {who for who, _ in BARS} <= row[0]["medians"].keys()
-    ]
-    height = 54 * len(shown) + 10
+    rows = shown(document)
+    height = 54 * len(rows) + 10
     head = (
-        f'<svg xmlns="http://www.w3.org/2000/svg" width="720" height="{height}"'
-        ' font-family="sans-serif" font-size="11">\n'
-        '<rect width="100%" height="100%" fill="white"/>\n'
+        '<svg xmlns="http://www.w3.org/2000/svg"'
+        f' viewBox="0 0 720 {height}" width="720" height="{height}">\n'
+        f'{STYLE}<rect class="page" width="100%" height="100%"/>\n'
     )
-    return head + "".join(group(10 + 54 * i, one) for i, one in enumerate(shown)) + "</svg>\n"
+    return head + "".join(group(10 + 54 * i, row[0]) for i, row in enumerate(rows)) + "</svg>\n"
 
 
-def put_into(page: Path, text: str, begin: str = BEGIN, end: str = END) -> None:
+def put_into(page: Path, part: str, text: str) -> None:
+    begin, end = f"<!-- {part} -->\n", f"<!-- end of {part} -->\n"
     before, found_begin, rest = page.read_text(encoding="utf-8").partition(begin)
     _, found_end, after = rest.partition(end)
     if not found_begin or not found_end:
@@ -143,12 +167,13 @@ def document_of(results: Path) -> dict[str, Any]:
 
 
 def publish_i386(results: Path, docs: Path) -> None:
-    table = small_table(document_of(results))
-    put_into(docs / "performance-results.md", table, BEGIN_I386, END_I386)
+    put_into(docs / "performance-results.md", I386, goals_table(document_of(results)))
 
 
 def publish(results: Path, docs: Path) -> None:
     document = document_of(results)
-    put_into(docs / "performance.md", small_table(document))
+    put_into(docs / "performance.md", RESULTS, small_table(document))
     (docs / "performance.svg").write_text(picture(document), encoding="utf-8")
-    put_into(docs / "performance-results.md", (results / "table.md").read_text(encoding="utf-8"))
+    put_into(docs / "performance-results.md", GOALS, goals_table(document))
+    everything = (results / "table.md").read_text(encoding="utf-8")
+    put_into(docs / "performance-results.md", RESULTS, everything)

@@ -10,7 +10,7 @@ from typing import Any
 
 from bench import Result
 from goals import goals_of
-from publish import BEGIN, BEGIN_I386, END, END_I386, publish, publish_i386
+from publish import GOALS, I386, RESULTS, publish, publish_i386
 
 FIELDS = {
     "row", "work", "names", "order", "files", "unit", "passes", "medians", "ratios", "shares",
@@ -90,27 +90,35 @@ def check_rows(results: list[dict[str, Any]]) -> None:
     assert files["medians"]["posix shm"] == 4 * 1000  # a page for each name
 
 
+def page_with(path: Path, *parts: str) -> Path:
+    marked = "".join(f"<!-- {part} -->\nstale\n<!-- end of {part} -->\n" for part in parts)
+    path.write_text(f"before\n{marked}after\n", encoding="utf-8")
+    return path
+
+
 def check_pages(results: Path) -> None:
-    pages = [results / "performance.md", results / "performance-results.md"]
-    for page in pages:
-        page.write_text(f"before\n{BEGIN}old\n{END}after\n", encoding="utf-8")
+    pages = [
+        page_with(results / "performance.md", RESULTS),
+        page_with(results / "performance-results.md", GOALS, RESULTS),
+    ]
     publish(results, results)
     small, full = (page.read_text(encoding="utf-8") for page in pages)
-    assert small.startswith("before\n") and small.endswith("after\n") and "old" not in small
-    assert "| get a name | 16 | tmpfs | " in small and "attach" not in small
+    assert small.startswith("before\n") and small.endswith("after\n") and "stale" not in small
+    assert "| get a name | 1000 | tmpfs | " in small and "| 16 |" not in small
+    assert "| get a name | 16 | tmpfs | " in full and "stale" not in full
     assert "| a | get a name | 16 |" in full and "| c | attach | 1000 |" in full
-    assert (results / "performance.svg").read_text(encoding="utf-8").startswith("<svg")
+    drawn = (results / "performance.svg").read_text(encoding="utf-8")
+    assert drawn.startswith("<svg") and "get a name, 1000 names" in drawn
 
 
 def check_i386(results: Path) -> None:
     document = contest(results, "--i386", "--rows", "acd")
     for one in document["results"]:
         assert set(one["passes"]) == {"tarvo", "again", "plain", "floor"}
-    page = results / "performance-results.md"
-    page.write_text(f"before\n{BEGIN_I386}old\n{END_I386}after\n", encoding="utf-8")
+    page = page_with(results / "performance-results.md", I386)
     publish_i386(results, results)
     text = page.read_text(encoding="utf-8")
-    assert "| get a name | 16 | tmpfs | " in text and "old" not in text
+    assert "| get a name | 16 | tmpfs | " in text and "stale" not in text
 
 
 def main() -> None:
