@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
-"""The measurements behind docs/performance.md. scripts/bench builds it and runs this.
+"""The measurements of docs/performance.md. scripts/bench builds what they take and runs this.
 
-Contenders take turns in short passes, so that whatever else the machine does meets all of them; a
+The programs take turns in short passes, so that whatever else the machine does affects all of them; a
 result is the median of the passes. Only ratios mean anything, and "again", the library against
 itself, shows how far off they can be.
 """
@@ -35,7 +35,7 @@ DPDK_NAMES = 2500  # no more zones fit into its table
 
 
 class Worker:
-    """A process of a contender; see worker.cpp for what it can be asked."""
+    """A process of a backend; worker.cpp lists what it can be asked."""
 
     def __init__(self, command: list[str]) -> None:
         self.process = subprocess.Popen(
@@ -64,7 +64,7 @@ class Worker:
 class Place:
     """A sandbox whose files lie on a file system of that kind, and the workers in it."""
 
-    programs = Path("bench")  # the contenders' folder in the build
+    programs = Path("bench")  # the workers' folder in the build
 
     def __init__(self, build: Path, kind: str) -> None:
         self.build = build
@@ -74,7 +74,7 @@ class Place:
         if kind == "tmpfs":
             mounts += f" && mount -t tmpfs -o size=3g none '{self.folder}'"
         self.workers: list[Worker] = []
-        # What holds the sandbox open tells, by one line, that it is there.
+        # What holds the sandbox open prints one line when the sandbox is ready.
         self.holder = subprocess.Popen(
             ["unshare", "--mount", "sh", "-c", mounts + ' && exec "$@"', "sh"]
             + [str(build / "tarvo-sandbox"), "--state", str(self.folder / "state")]
@@ -85,7 +85,7 @@ class Place:
         )
         assert self.holder.stdout
         if self.holder.stdout.readline() != "ready\n":
-            sys.exit("bench: no sandbox; it takes root and FUSE")
+            sys.exit("bench: the sandbox did not start; run this as root, with /dev/fuse")
 
     def worker(self, program: str) -> Worker:
         """`program` can follow a folder and a colon: there is the library that it uses."""
@@ -113,7 +113,7 @@ class Place:
 class Result:
     """One line of the table. Values are nanoseconds, or what `unit` says.
 
-    `shares` are those of the slowest of several processes: its work beside the mean of all.
+    `shares` are those of the slowest of several processes: its work as a share of the mean of all.
     """
 
     row: str
@@ -136,7 +136,7 @@ def medians_of(passes: dict[str, list[float]]) -> dict[str, float]:
     return {who: statistics.median(values) for who, values in passes.items()}
 
 
-class Contest:
+class Benchmark:
     def __init__(self, build: Path, passes: int, quick: bool) -> None:
         self.build = build
         self.passes = passes
@@ -164,7 +164,7 @@ class Contest:
             one.ask("join")
         return workers
 
-    def everybody(self, place: Place, names: int, setup: str) -> dict[str, Worker]:
+    def all_workers(self, place: Place, names: int, setup: str) -> dict[str, Worker]:
         workers = self.libraries(place, setup)
         for who, program in PEERS.items():
             if who != "dpdk" or names <= DPDK_NAMES:
@@ -172,7 +172,7 @@ class Contest:
                 workers[who].ask(setup)
         return workers
 
-    def newcomers(self, place: Place, names: int) -> dict[str, Worker]:
+    def fresh_workers(self, place: Place, names: int) -> dict[str, Worker]:
         """One of each that has not joined yet, in a place that another has filled. With DPDK it is
         the other one itself, which is all that the processes forked from it can share with."""
         workers = {}
@@ -190,7 +190,7 @@ class Contest:
         for names in self.names():
             for order, setup in (("in order", "fill"), ("shuffled", "shuffle")):
                 with Place(self.build, kind) as place:
-                    workers = self.everybody(place, names, f"{setup} {names}")
+                    workers = self.all_workers(place, names, f"{setup} {names}")
                     times = max(20, min(2000, 1000000 // names))
                     if "a" in rows:
                         result = Result("a", goals.GET, names, order, kind)
@@ -218,7 +218,7 @@ class Contest:
     def touch(self, kind: str) -> None:
         for names in (16, 1000) if self.quick else (16, 1000, 16000):
             with Place(self.build, kind) as place:
-                workers = self.everybody(place, names, f"fill {names}")
+                workers = self.all_workers(place, names, f"fill {names}")
                 workers.pop("lmdb", None)
                 workers["tarvo"].ask("wide 65536")
                 for who in workers.keys() & PEERS.keys():
@@ -226,27 +226,27 @@ class Contest:
                 result = Result("d", goals.TOUCH, names, "in order", kind)
                 self.take_turns(result, workers, "touch 50")
 
-    def together(self, kind: str) -> None:
+    def parallel(self, kind: str) -> None:
         for names in (16, 1000):
             with Place(self.build, kind) as place:
-                leaders = self.newcomers(place, names)
+                parents = self.fresh_workers(place, names)
                 for count in (1, 2, 4):
                     for work, command in (
-                        ("allocate and free", "churn_together"),
-                        ("get", "find_together"),
+                        ("allocate and free", "churn_parallel"),
+                        ("get", "find_parallel"),
                     ):
                         work = f"{work}, {count} at once"
                         result = Result("e", work, names, "in order", kind)
-                        self.crowd(result, leaders, f"{command} {names}", count)
+                        self.measure_parallel(result, parents, f"{command} {names}", count)
 
-    def crowd(
-        self, result: Result, leaders: dict[str, Worker], command: str, count: int
+    def measure_parallel(
+        self, result: Result, parents: dict[str, Worker], command: str, count: int
     ) -> None:
         for _ in range(min(7, self.passes)):
-            for who, leader in leaders.items():
-                time, share = leader.ask_for_all(f"{command} {count}")
+            for who, parent in parents.items():
+                time, share = parent.ask_for_all(f"{command} {count}")
                 result.passes.setdefault(who, []).append(time)
-                if count > 1:  # one alone is no slower than itself
+                if count > 1:  # one alone is as fast as itself
                     result.shares.setdefault(who, []).append(share)
         self.add(result)
 
@@ -254,7 +254,7 @@ class Contest:
         names = self.names()[-1]
         with Place(self.build, kind) as place:
             # Those that filled the place have touched more: they are not compared.
-            workers = self.newcomers(place, names)
+            workers = self.fresh_workers(place, names)
             for one in workers.values():
                 one.ask(f"find {names} 50")
             for work, command in (
@@ -314,7 +314,7 @@ class Contest:
         for row, part in (
             ("c", self.attach),
             ("d", self.touch),
-            ("e", self.together),
+            ("e", self.parallel),
             ("f", self.memory),
             ("g", self.large),
             ("h", self.rest),
@@ -353,7 +353,7 @@ def main() -> None:
     parser.add_argument("--against", type=Path, help="folder with another libtarvo.so.0")
     parser.add_argument("--i386", action="store_true", help="32-bit programs; without peers")
     parser.add_argument("--publish", action="store_true", help="put the results into docs/")
-    parser.add_argument("--passes", type=int, help="how often everybody takes a turn")
+    parser.add_argument("--passes", type=int, help="how often all_workers takes a turn")
     given = parser.parse_args()
 
     build = given.build.resolve()
@@ -362,13 +362,13 @@ def main() -> None:
     if given.i386:
         Place.programs = Path("i386/bench")
         PEERS.clear()
-    contest = Contest(build, given.passes or (3 if given.quick else 11), given.quick)
+    benchmark = Benchmark(build, given.passes or (3 if given.quick else 11), given.quick)
     kinds = ["tmpfs"] if given.quick else [kind_of(build), "tmpfs"]
     for kind in kinds:
-        contest.run(kind, set(given.rows))
+        benchmark.run(kind, set(given.rows))
     output = (given.output or build / "results").resolve()
     output.mkdir(parents=True, exist_ok=True)
-    report.write(contest.results, circumstances(Path(__file__).parent, contest.passes), output)
+    report.write(benchmark.results, circumstances(Path(__file__).parent, benchmark.passes), output)
     if given.publish:
         docs = Path(__file__).parents[1] / "docs"
         (publish.publish_i386 if given.i386 else publish.publish)(output, docs)

@@ -1,4 +1,4 @@
-#include "contender.hpp"
+#include "backend.hpp"
 
 #include <boost/interprocess/indexes/iset_index.hpp>
 #include <boost/interprocess/managed_mapped_file.hpp>
@@ -22,7 +22,7 @@ constexpr const char* path = "/var/tmp/boost_tree";
 #endif
 
 /// One mapped file for all names, with an index and a mutex in it.
-class boost_contender : public contender {
+class boost_backend : public backend {
   public:
     void create(const std::string& name, size_t bytes) override {
         _segment.construct<char>(name.c_str())[bytes](0);
@@ -32,7 +32,7 @@ class boost_contender : public contender {
 
     void remove(const std::string& name) override {
         if (!_segment.destroy<char>(name.c_str())) {
-            give_up(name + " cannot be removed");
+            fail(name + " cannot be removed");
         }
     }
 
@@ -50,7 +50,7 @@ class boost_contender : public contender {
     char* memory_of(const std::string& name) {
         char* memory = _segment.find<char>(name.c_str()).first;
         if (memory == nullptr) {
-            give_up(name + " is not there");
+            fail(name + " is missing");
         }
         return memory;
     }
@@ -60,6 +60,6 @@ class boost_contender : public contender {
 
 } // namespace
 
-std::unique_ptr<contender> join_contest() {
-    return std::make_unique<boost_contender>();
+std::unique_ptr<backend> make_backend() {
+    return std::make_unique<boost_backend>();
 }

@@ -1,4 +1,4 @@
-#include "contender.hpp"
+#include "backend.hpp"
 
 #include <array>
 #include <cstdlib>
@@ -15,12 +15,12 @@ constexpr std::uintmax_t memory_mebibytes = 64;
 
 /// Named memory zones, without huge pages and devices. Up to some 2500 of them.
 ///
-/// Secondary processes attach through the files of the huge pages, which are not there. Processes
+/// Secondary processes attach through the files of huge pages, which are missing here. Processes
 /// that are forked from one that has joined share all the same: the zones, their locks and the
 /// memory are mapped shared, provided that the configuration is (no --no-shconf).
-class dpdk_contender : public contender {
+class dpdk_backend : public backend {
   public:
-    dpdk_contender() {
+    dpdk_backend() {
         setenv("RUNTIME_DIRECTORY", "/dev/shm", 1); // a file system in memory, as /run is
         cpu_set_t processors;
         sched_getaffinity(0, sizeof processors, &processors);
@@ -31,7 +31,7 @@ class dpdk_contender : public contender {
     void create(const std::string& name, size_t bytes) override {
         const rte_memzone* zone = rte_memzone_reserve(name.c_str(), bytes, SOCKET_ID_ANY, 0);
         if (zone == nullptr) {
-            give_up(name + ": " + rte_strerror(rte_errno));
+            fail(name + ": " + rte_strerror(rte_errno));
         }
         std::memset(zone->addr, 0, bytes);
     }
@@ -47,7 +47,7 @@ class dpdk_contender : public contender {
         }
     }
 
-    /// The memory has a file without a path; the others lie beside each other.
+    /// The memory has a file without a path; the others lie in one folder.
     std::uintmax_t file_bytes() override {
         std::uintmax_t sum = memory_mebibytes << 20U;
         for (const auto& file : std::filesystem::directory_iterator(rte_eal_get_runtime_dir())) {
@@ -68,14 +68,14 @@ class dpdk_contender : public contender {
             arguments[i] = words[i].data();
         }
         if (rte_eal_init(static_cast<int>(arguments.size()), arguments.data()) < 0) {
-            give_up(rte_strerror(rte_errno));
+            fail(rte_strerror(rte_errno));
         }
     }
 
     static const rte_memzone* zone_of(const std::string& name) {
         const rte_memzone* zone = rte_memzone_lookup(name.c_str());
         if (zone == nullptr) {
-            give_up(name + " is not there");
+            fail(name + " is missing");
         }
         return zone;
     }
@@ -83,6 +83,6 @@ class dpdk_contender : public contender {
 
 } // namespace
 
-std::unique_ptr<contender> join_contest() {
-    return std::make_unique<dpdk_contender>();
+std::unique_ptr<backend> make_backend() {
+    return std::make_unique<dpdk_backend>();
 }

@@ -1,4 +1,4 @@
-#include "contender.hpp"
+#include "backend.hpp"
 
 #include <cstring>
 #include <filesystem>
@@ -10,9 +10,9 @@ constexpr const char* path = "/var/tmp/lmdb_bench";
 
 /// A registry of names alone: each is given a page number, and the memory is somebody else's. Read
 /// without a lock, written in transactions that are not forced to disk.
-class lmdb_contender : public contender {
+class lmdb_backend : public backend {
   public:
-    lmdb_contender() {
+    lmdb_backend() {
         check(mdb_env_create(&_env));
         check(mdb_env_set_mapsize(_env, size_t{256} << 20U));
         check(mdb_env_open(_env, path, MDB_NOSUBDIR | MDB_NOSYNC, 0600));
@@ -50,7 +50,7 @@ class lmdb_contender : public contender {
     }
 
     void touch(const std::string& /*name*/, size_t /*bytes*/) override {
-        give_up("a registry of names has no memory");
+        fail("a registry of names has no memory");
     }
 
     std::uintmax_t file_bytes() override {
@@ -65,7 +65,7 @@ class lmdb_contender : public contender {
 
     static void check(int result) {
         if (result != 0) {
-            give_up(mdb_strerror(result));
+            fail(mdb_strerror(result));
         }
     }
 
@@ -84,6 +84,6 @@ class lmdb_contender : public contender {
 
 } // namespace
 
-std::unique_ptr<contender> join_contest() {
-    return std::make_unique<lmdb_contender>();
+std::unique_ptr<backend> make_backend() {
+    return std::make_unique<lmdb_backend>();
 }

@@ -1,4 +1,4 @@
-#include "contender.hpp"
+#include "backend.hpp"
 
 #include <fcntl.h>
 #include <filesystem>
@@ -11,12 +11,12 @@ constexpr size_t page = 4096; // bytes
 constexpr const char* prefix = "bench_";
 
 /// One object for each name. Looking it up is opening it.
-class posix_shm_contender : public contender {
+class posix_shm_backend : public backend {
   public:
     void create(const std::string& name, size_t bytes) override {
         const int file = open_object(name, O_RDWR | O_CREAT | O_EXCL);
         if (ftruncate(file, static_cast<off_t>(bytes)) != 0) {
-            give_up(name + " gets no memory");
+            fail(name + " gets no memory");
         }
         close(file);
     }
@@ -27,7 +27,7 @@ class posix_shm_contender : public contender {
 
     void remove(const std::string& name) override {
         if (shm_unlink(path_of(name).c_str()) != 0) {
-            give_up(name + " cannot be removed");
+            fail(name + " cannot be removed");
         }
     }
 
@@ -35,7 +35,7 @@ class posix_shm_contender : public contender {
         const int file = open_object(name, O_RDWR);
         void* memory = mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_SHARED, file, 0);
         if (memory == MAP_FAILED) {
-            give_up(name + " cannot be mapped");
+            fail(name + " cannot be mapped");
         }
         for (size_t i = 0; i < bytes; i += page) {
             static_cast<volatile char*>(memory)[i] = 1;
@@ -60,7 +60,7 @@ class posix_shm_contender : public contender {
     static int open_object(const std::string& name, int flags) {
         const int file = shm_open(path_of(name).c_str(), flags, 0600);
         if (file < 0) {
-            give_up(name + " cannot be opened");
+            fail(name + " cannot be opened");
         }
         return file;
     }
@@ -68,6 +68,6 @@ class posix_shm_contender : public contender {
 
 } // namespace
 
-std::unique_ptr<contender> join_contest() {
-    return std::make_unique<posix_shm_contender>();
+std::unique_ptr<backend> make_backend() {
+    return std::make_unique<posix_shm_backend>();
 }

@@ -1,6 +1,6 @@
 #include "tarvo.h"
 
-#include "contender.hpp"
+#include "backend.hpp"
 
 #include <cstdint>
 #include <filesystem>
@@ -10,19 +10,19 @@ namespace {
 
 constexpr uint32_t page = 4096; // bytes
 
-class tarvo_contender : public contender {
+class tarvo_backend : public backend {
   public:
-    tarvo_contender() {
+    tarvo_backend() {
         uint32_t start = 0;
         uint32_t end = 0;
         if (tarvo_get_limits(&start, &end) != 0) {
-            give_up("libtarvo does not start");
+            fail("libtarvo does not start");
         }
     }
 
     void create(const std::string& name, size_t bytes) override {
         if (tarvo_alloc_func(name.c_str(), bytes, "bench") == 0) {
-            give_up("no chunk for " + name);
+            fail("no chunk for " + name);
         }
     }
 
@@ -30,14 +30,14 @@ class tarvo_contender : public contender {
 
     void remove(const std::string& name) override {
         if (tarvo_free(name.c_str()) != 0) {
-            give_up(name + " cannot be freed");
+            fail(name + " cannot be freed");
         }
     }
 
     void touch(const std::string& name, size_t bytes) override {
         auto* memory = static_cast<volatile char*>(tarvo_map(name.c_str(), true, 0, 0));
         if (memory == nullptr) {
-            give_up(name + " cannot be mapped");
+            fail(name + " cannot be mapped");
         }
         for (size_t i = 0; i < bytes; i += page) {
             memory[i] = 1;
@@ -50,7 +50,7 @@ class tarvo_contender : public contender {
         return std::filesystem::file_size("/var/tmp/tarvo_lib");
     }
 
-    std::map<std::string, std::function<double(int)>> specialities() override {
+    std::map<std::string, std::function<double(int)>> extra_works() override {
         return {
             {"list", [](int) { return time_of(list_all); }},
             {"locate", locate},
@@ -80,14 +80,14 @@ class tarvo_contender : public contender {
                    uint32_t start = 0;
                    for (int i = 0; i < times; i++) {
                        if (tarvo_find(dma, &start) == nullptr) {
-                           give_up("a chunk is not found by its address");
+                           fail("a chunk is not found by its address");
                        }
                    }
                }) /
                times;
     }
 
-    /// Made, touched and freed; the memory behind it is that of the last time.
+    /// Made, touched and freed, in the same memory as the last time.
     double large(int mebibytes) {
         const size_t bytes = static_cast<size_t>(mebibytes) << 20U;
         const double time = time_of([&] {
@@ -100,7 +100,7 @@ class tarvo_contender : public contender {
 
     static void register_one() {
         if (tarvo_register_device(0, 200, 0) != 0 || tarvo_unregister_device(0, 200, 0) != 0) {
-            give_up("a device cannot be registered");
+            fail("a device cannot be registered");
         }
     }
 
@@ -114,6 +114,6 @@ class tarvo_contender : public contender {
 
 } // namespace
 
-std::unique_ptr<contender> join_contest() {
-    return std::make_unique<tarvo_contender>();
+std::unique_ptr<backend> make_backend() {
+    return std::make_unique<tarvo_backend>();
 }

@@ -1,4 +1,4 @@
-"""Runs the contest at its shortest and looks at what it leaves: test_bench.py BUILD."""
+"""Runs the benchmark at its shortest and looks at what it leaves: test_bench.py BUILD."""
 
 import json
 import statistics
@@ -16,7 +16,7 @@ FIELDS = {
     "row", "work", "names", "order", "files", "unit", "passes", "medians", "ratios", "shares",
     "slowest", "goals",
 }  # fmt: skip
-EVERYBODY = {
+ALL_WORKERS = {
     "tarvo", "again", "plain", "dpdk", "boost tree", "boost sequential", "posix shm", "lmdb",
 }  # fmt: skip
 AREA_KIBIBYTES = 68488
@@ -44,7 +44,7 @@ def check_goals() -> None:
     assert verdicts(result) == {}
 
 
-def contest(folder: Path, *options: str) -> dict[str, Any]:
+def benchmark(folder: Path, *options: str) -> dict[str, Any]:
     bench = Path(__file__).with_name("bench.py")
     subprocess.run(
         [sys.executable, "-B", bench, sys.argv[1], "--quick", "--passes", "2", *options]
@@ -68,7 +68,7 @@ def check_rows(results: list[dict[str, Any]]) -> None:
     gets = [one for one in results if one["row"] == "a"]
     assert len(gets) == 4, gets  # two lengths, two orders
     for one in gets:
-        assert set(one["passes"]) == EVERYBODY | {"floor"}
+        assert set(one["passes"]) == ALL_WORKERS | {"floor"}
         assert {"floor", "plain"} == {goal["of"] for goal in one["goals"]}
 
     starts = [one for one in results if one["row"] == "c"]
@@ -76,16 +76,16 @@ def check_rows(results: list[dict[str, Any]]) -> None:
     for one in starts:
         assert set(one["passes"]) == {"tarvo", "again", "plain", "floor", "boost tree"}
 
-    crowds = [one for one in results if one["row"] == "e"]
-    assert len(crowds) == 12, crowds  # two lengths, three crowds, two kinds of work
-    for one in crowds:
-        assert set(one["passes"]) == EVERYBODY
+    parallel = [one for one in results if one["row"] == "e"]
+    assert len(parallel) == 12, parallel  # two lengths, three counts, two kinds of work
+    for one in parallel:
+        assert set(one["passes"]) == ALL_WORKERS
         alone = one["work"].endswith(" 1 at once")
-        assert set(one["slowest"]) == (set() if alone else EVERYBODY)
+        assert set(one["slowest"]) == (set() if alone else ALL_WORKERS)
         assert all(0 <= share <= 1 for share in one["slowest"].values())
 
     memory, files = (one for one in results if one["row"] == "f")
-    assert set(memory["passes"]) == set(files["passes"]) == EVERYBODY
+    assert set(memory["passes"]) == set(files["passes"]) == ALL_WORKERS
     assert files["medians"]["tarvo"] == files["medians"]["plain"] == AREA_KIBIBYTES
     assert files["medians"]["posix shm"] == 4 * 1000  # a page for each name
 
@@ -112,7 +112,7 @@ def check_pages(results: Path) -> None:
 
 
 def check_i386(results: Path) -> None:
-    document = contest(results, "--i386", "--rows", "acd")
+    document = benchmark(results, "--i386", "--rows", "acd")
     for one in document["results"]:
         assert set(one["passes"]) == {"tarvo", "again", "plain", "floor"}
     page = page_with(results / "performance-results.md", I386)
@@ -124,7 +124,7 @@ def check_i386(results: Path) -> None:
 def main() -> None:
     check_goals()
     with tempfile.TemporaryDirectory() as name:
-        document = contest(Path(name), "--rows", "acef")
+        document = benchmark(Path(name), "--rows", "acef")
         check_pages(Path(name))
         check_i386(Path(name))
     assert document["schema"] == 3 and document["date"] and document["machine"]

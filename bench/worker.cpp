@@ -1,5 +1,5 @@
-// One process of the contest. It reads commands from its standard input and answers each with a
-// line of numbers: nanoseconds for each operation, unless it is said otherwise.
+// One process of the benchmark. It reads commands from its standard input and answers each with a
+// line of numbers: nanoseconds for each operation, unless stated otherwise.
 //
 //     fill N            makes N names of a page each; 0
 //     shuffle N         the same, made anew in random order after all were removed; 0
@@ -7,18 +7,18 @@
 //     join              starts without doing anything; 0
 //     find N K          K look-ups of random names of N
 //     churn N K         K times: a new name of a page, and its end
-//     find_together N P   P new processes look names up at the same time: nanoseconds for each
-//                         look-up of any of them, and the share of the slowest; see crowd.hpp
-//     churn_together N P  the same with new names, each process with one of its own
+//     find_parallel N P   P new processes look names up at the same time: nanoseconds for each
+//                         look-up of any of them, and the share of the slowest; see parallel.hpp
+//     churn_parallel N P  the same with new names, each process with one of its own
 //     touch K           K times: maps "wide", writes to each page, unmaps
 //     attach K          K new processes: from nothing to having found the place
 //     attach_find N K   the same, and a name of N found
 //     memory            resident kibibytes of this process
 //     files             kibibytes of the files that hold the names
-//     SPECIALITY NUMBER one of the contender's own
+//     EXTRA NUMBER      a further measurement that only this backend has
 
-#include "contender.hpp"
-#include "crowd.hpp"
+#include "backend.hpp"
+#include "parallel.hpp"
 
 #include <algorithm>
 #include <cstdio>
@@ -56,7 +56,7 @@ double resident_kibibytes() {
             return kibibytes;
         }
     }
-    give_up("no Rss in /proc/self/smaps_rollup");
+    fail("no Rss in /proc/self/smaps_rollup");
 }
 
 /// What a new process measures; it is given up with everything it did.
@@ -64,22 +64,22 @@ template <typename Work>
 double in_new_process(Work work) {
     int ends[2];
     if (pipe(ends) != 0) {
-        give_up("no pipe");
+        fail("no pipe");
     }
     const pid_t child = fork();
     if (child == 0) {
         const double time = time_of(work);
-        const bool told = write(ends[1], &time, sizeof time) == sizeof time;
-        _exit(told ? 0 : 1);
+        const bool sent = write(ends[1], &time, sizeof time) == sizeof time;
+        _exit(sent ? 0 : 1);
     }
     double time = 0;
-    const bool heard = read(ends[0], &time, sizeof time) == sizeof time;
+    const bool received = read(ends[0], &time, sizeof time) == sizeof time;
     close(ends[0]);
     close(ends[1]);
     int status = 0;
     waitpid(child, &status, 0);
-    if (!heard || status != 0) {
-        give_up("a new process failed");
+    if (!received || status != 0) {
+        fail("a new process failed");
     }
     return time;
 }
@@ -87,11 +87,12 @@ double in_new_process(Work work) {
 class worker {
   public:
     std::vector<double> carry_out(const std::string& command, int first, int second) {
-        if (command == "find_together") {
-            return together(second, [this, first](int number) { return finding(first, number); });
+        if (command == "find_parallel") {
+            return in_parallel(second,
+                               [this, first](int number) { return finding(first, number); });
         }
-        if (command == "churn_together") {
-            return together(second, [this](int number) { return churning(number); });
+        if (command == "churn_parallel") {
+            return in_parallel(second, [this](int number) { return churning(number); });
         }
         return {one_number(command, first, second)};
     }
@@ -99,10 +100,10 @@ class worker {
   private:
     double one_number(const std::string& command, int first, int second) {
         if (command == "attach") {
-            return attach(first, [](contender&) {});
+            return attach(first, [](backend&) {});
         }
         if (command == "attach_find") {
-            return attach(second, [first](contender& one) { one.find(name_of(first / 2), page); });
+            return attach(second, [first](backend& one) { one.find(name_of(first / 2), page); });
         }
         if (command == "memory") {
             return resident_kibibytes();
@@ -110,14 +111,14 @@ class worker {
         return among_names(joined(), command, first, second);
     }
 
-    contender& joined() {
-        if (!_contender) {
-            _contender = join_contest();
+    backend& joined() {
+        if (!_backend) {
+            _backend = make_backend();
         }
-        return *_contender;
+        return *_backend;
     }
 
-    double among_names(contender& one, const std::string& command, int first, int second) {
+    double among_names(backend& one, const std::string& command, int first, int second) {
         if (command == "fill") {
             fill(one, in_order(first));
         } else if (command == "shuffle") {
@@ -133,13 +134,14 @@ class worker {
         } else if (command == "touch") {
             return repeat(first, [&one] { one.touch("wide", wide); });
         } else if (command != "join") {
-            return speciality(one, command, first);
+            return extra_work(one, command, first);
         }
         return 0;
     }
 
-    static std::vector<double> together(int count, const std::function<operation(int)>& enrol) {
-        const crowd_result result = work_as_crowd(count, enrol);
+    static std::vector<double> in_parallel(int count,
+                                           const std::function<operation(int)>& prepare) {
+        const parallel_result result = run_in_parallel(count, prepare);
         return {result.time, result.slowest};
     }
 
@@ -151,35 +153,35 @@ class worker {
         };
     }
 
-    /// The same. A name is nobody's, and two processes that free and make the same one can end
-    /// each other: each has its own.
+    /// The same. Two processes that free and make the same name can end each other, so
+    /// each has a name of its own.
     operation churning(int number) {
         return [&one = joined(), name = "new_" + std::to_string(number)] {
             make_and_remove(one, name);
         };
     }
 
-    static void make_and_remove(contender& one, const std::string& name) {
+    static void make_and_remove(backend& one, const std::string& name) {
         one.create(name, page);
         one.remove(name);
     }
 
-    static double speciality(contender& one, const std::string& command, int number) {
-        const auto all = one.specialities();
+    static double extra_work(backend& one, const std::string& command, int number) {
+        const auto all = one.extra_works();
         const auto wanted = all.find(command);
         if (wanted == all.end()) {
-            give_up("unknown command: " + command);
+            fail("unknown command: " + command);
         }
         return wanted->second(number);
     }
 
-    static void fill(contender& one, const std::vector<int>& numbers) {
+    static void fill(backend& one, const std::vector<int>& numbers) {
         for (const int number : numbers) {
             one.create(name_of(number), page);
         }
     }
 
-    void shuffle(contender& one, int count) {
+    void shuffle(backend& one, int count) {
         std::vector<int> numbers = in_order(count);
         fill(one, numbers);
         std::ranges::shuffle(numbers, _random);
@@ -199,7 +201,7 @@ class worker {
         return chosen;
     }
 
-    double find(contender& one, int names, int times) {
+    double find(backend& one, int names, int times) {
         const std::vector<std::string> wanted = random_names(names, times);
         return time_of([&] {
                    for (const std::string& name : wanted) {
@@ -223,20 +225,20 @@ class worker {
     static double attach(int times, Work work) {
         double sum = 0;
         for (int i = 0; i < times; i++) {
-            sum += in_new_process([&work] { work(*join_contest()); });
+            sum += in_new_process([&work] { work(*make_backend()); });
         }
         return sum / times;
     }
 
-    std::unique_ptr<contender> _contender;
+    std::unique_ptr<backend> _backend;
     std::mt19937 _random{1};
 };
 
 } // namespace
 
-void give_up(const std::string& reason) {
+void fail(const std::string& reason) {
     std::cerr << "bench: " << reason << "\n";
-    _exit(1); // a contender's own clean-up has no place here
+    _exit(1); // skips the backend's own clean-up
 }
 
 int main() {

@@ -2,7 +2,7 @@
 // nothing traced, nothing started and nothing checked but what its result depends on. The layout
 // and the lock are the library's, as other processes rely on them.
 
-#include "contender.hpp"
+#include "backend.hpp"
 #include "shared/layout.hpp"
 
 #include <algorithm>
@@ -20,10 +20,10 @@ namespace {
 constexpr uint32_t page = 4096; // bytes
 constexpr size_t lead = 24;     // records that are fetched ahead
 
-int open_or_give_up(const char* path, int flags) {
+int open_or_fail(const char* path, int flags) {
     const int file = open(path, flags | O_CLOEXEC);
     if (file < 0) {
-        give_up(std::string("the floor finds no ") + path);
+        fail(std::string("the floor finds no ") + path);
     }
     return file;
 }
@@ -60,13 +60,13 @@ struct name_end {
     }
 };
 
-class floor_of_the_library : public contender {
+class floor_backend : public backend {
   public:
-    floor_of_the_library() {
+    floor_backend() {
         void* area =
             mmap(nullptr, sizeof(shared_area_t), PROT_READ | PROT_WRITE, MAP_SHARED, _area_file, 0);
         if (area == MAP_FAILED) {
-            give_up("the floor cannot map the area");
+            fail("the floor cannot map the area");
         }
         madvise(area, sizeof(shared_area_t), MADV_HUGEPAGE);
         _chunks = &static_cast<shared_area_t*>(area)->chunks;
@@ -111,7 +111,7 @@ class floor_of_the_library : public contender {
 
     std::uintmax_t file_bytes() override { return std::filesystem::file_size(area_path); }
 
-    std::map<std::string, std::function<double(int)>> specialities() override {
+    std::map<std::string, std::function<double(int)>> extra_works() override {
         return {{"locate", [this](int number) { return locate(number); }}};
     }
 
@@ -126,7 +126,7 @@ class floor_of_the_library : public contender {
         void* memory = mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_SHARED, _memory_file,
                             static_cast<off_t>(pa));
         if (memory == MAP_FAILED) {
-            give_up("the floor cannot map memory");
+            fail("the floor cannot map memory");
         }
         return memory;
     }
@@ -260,9 +260,9 @@ class floor_of_the_library : public contender {
                times;
     }
 
-    int _area_file = open_or_give_up(area_path, O_RDWR);
-    int _lock_file = open_or_give_up("/var/tmp/tarvo_lock", O_RDONLY);
-    int _memory_file = open_or_give_up("/var/tmp/tarvo", O_RDWR);
+    int _area_file = open_or_fail(area_path, O_RDWR);
+    int _lock_file = open_or_fail("/var/tmp/tarvo_lock", O_RDONLY);
+    int _memory_file = open_or_fail("/var/tmp/tarvo", O_RDWR);
     chunk_list* _chunks = nullptr;
     size_t _count = chunk_capacity - 2;
     size_t _met = 0; ///< number in the order of the chunk that was found last
@@ -274,6 +274,6 @@ class floor_of_the_library : public contender {
 
 } // namespace
 
-std::unique_ptr<contender> join_contest() {
-    return std::make_unique<floor_of_the_library>();
+std::unique_ptr<backend> make_backend() {
+    return std::make_unique<floor_backend>();
 }

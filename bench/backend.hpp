@@ -9,12 +9,12 @@
 #include <string>
 
 /// One way to share named memory between the processes of a machine, as the benchmark uses it.
-class contender {
+class backend {
   public:
-    contender() = default;
-    virtual ~contender() = default;
-    contender(const contender&) = delete;
-    contender& operator=(const contender&) = delete;
+    backend() = default;
+    virtual ~backend() = default;
+    backend(const backend&) = delete;
+    backend& operator=(const backend&) = delete;
 
     /// Makes named memory of that many bytes, all zero.
     virtual void create(const std::string& name, size_t bytes) = 0;
@@ -26,17 +26,16 @@ class contender {
     /// How large the files are in which it keeps what the processes share.
     virtual std::uintmax_t file_bytes() = 0;
 
-    /// What this one can do besides: the nanoseconds that it takes, by name; the number says how
+    /// Further measurements of this backend, by name: each returns nanoseconds; the number says how
     /// often, or how large.
-    virtual std::map<std::string, std::function<double(int)>> specialities() { return {}; }
+    virtual std::map<std::string, std::function<double(int)>> extra_works() { return {}; }
 };
 
-/// The contender that this program was built for. The first one sets the place up; the others
-/// find it so.
-std::unique_ptr<contender> join_contest();
+/// The backend that this program was built for. The first process sets up what all share.
+std::unique_ptr<backend> make_backend();
 
 /// Ends the program: a benchmark whose work fails has no result.
-[[noreturn]] void give_up(const std::string& reason);
+[[noreturn]] void fail(const std::string& reason);
 
 /// Nanoseconds that `work` takes.
 template <typename Work>

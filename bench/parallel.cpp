@@ -1,6 +1,6 @@
-#include "crowd.hpp"
+#include "parallel.hpp"
 
-#include "contender.hpp"
+#include "backend.hpp"
 
 #include <algorithm>
 #include <array>
@@ -15,7 +15,7 @@
 
 namespace {
 
-constexpr int members_at_most = 16;
+constexpr int max_workers = 16;
 constexpr int warm_up = 10; // operations; the first ones of a process find nothing mapped
 /// For each process, so that where the scheduler puts them at first does not decide.
 constexpr auto working_time = std::chrono::milliseconds{50};
@@ -24,14 +24,14 @@ constexpr auto working_time = std::chrono::milliseconds{50};
 /// of having the machine for themselves in the end.
 struct tally {
     std::atomic<bool> over;
-    std::array<double, members_at_most> done; // each writes its own; read when they have ended
+    std::array<double, max_workers> done; // each writes its own; read when they have ended
 };
 
 tally& shared_tally() {
     void* memory =
         mmap(nullptr, sizeof(tally), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
     if (memory == MAP_FAILED) {
-        give_up("no memory for a crowd's tally");
+        fail("no memory for what the workers count");
     }
     return *new (memory) tally{};
 }
@@ -41,7 +41,7 @@ class signal_pipe {
   public:
     signal_pipe() {
         if (pipe(_ends) != 0) {
-            give_up("no pipe");
+            fail("no pipe");
         }
     }
     ~signal_pipe() {
@@ -62,7 +62,7 @@ class signal_pipe {
         give();
         char nothing = 0;
         if (read(_ends[0], &nothing, 1) != 0) {
-            give_up("a crowd cannot agree");
+            fail("the workers cannot start together");
         }
     }
 
@@ -70,20 +70,20 @@ class signal_pipe {
     int _ends[2]{};
 };
 
-class crowd {
+class worker_group {
   public:
-    void start(int number, const std::function<operation(int)>& enrol) {
+    void start(int number, const std::function<operation(int)>& prepare) {
         const pid_t process = fork();
         if (process < 0) {
-            give_up("no process for a crowd");
+            fail("cannot fork a worker");
         }
         if (process == 0) {
-            be_member(number, enrol);
+            run_worker(number, prepare);
         }
         _count++;
     }
 
-    crowd_result work() {
+    parallel_result work() {
         _ready.wait();
         const double time = time_of([this] {
             _start.give();
@@ -96,14 +96,14 @@ class crowd {
         return {time / all, *std::ranges::min_element(done) * _count / all};
     }
 
-    ~crowd() { munmap(&_tally, sizeof(tally)); }
-    crowd() = default;
-    crowd(const crowd&) = delete;
-    crowd& operator=(const crowd&) = delete;
+    ~worker_group() { munmap(&_tally, sizeof(tally)); }
+    worker_group() = default;
+    worker_group(const worker_group&) = delete;
+    worker_group& operator=(const worker_group&) = delete;
 
   private:
-    [[noreturn]] void be_member(int number, const std::function<operation(int)>& enrol) {
-        const operation work = enrol(number);
+    [[noreturn]] void run_worker(int number, const std::function<operation(int)>& prepare) {
+        const operation work = prepare(number);
         for (int i = 0; i < warm_up; i++) {
             work();
         }
@@ -121,7 +121,7 @@ class crowd {
         for (int i = 0; i < _count; i++) {
             int status = 0;
             if (wait(&status) < 0 || status != 0) {
-                give_up("a process of a crowd failed");
+                fail("a worker failed");
             }
         }
     }
@@ -134,14 +134,14 @@ class crowd {
 
 } // namespace
 
-crowd_result work_as_crowd(int count, const std::function<operation(int)>& enrol) {
-    if (count < 1 || count > members_at_most) {
-        give_up("a crowd is of 1 to " + std::to_string(members_at_most) + " processes, not of " +
-                std::to_string(count));
+parallel_result run_in_parallel(int count, const std::function<operation(int)>& prepare) {
+    if (count < 1 || count > max_workers) {
+        fail("1 to " + std::to_string(max_workers) + " workers can run at once, not " +
+             std::to_string(count));
     }
-    crowd all;
+    worker_group all;
     for (int i = 0; i < count; i++) {
-        all.start(i, enrol);
+        all.start(i, prepare);
     }
     return all.work();
 }
