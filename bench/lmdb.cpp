@@ -8,7 +8,7 @@ namespace {
 
 constexpr const char* path = "/var/tmp/lmdb_bench";
 
-/// A registry of names alone: each is given a page number, and the memory is somebody else's. Read
+/// A registry of names alone: each is given a page number, and the memory is elsewhere. Read
 /// without a lock, written in transactions that are not forced to disk.
 class lmdb_backend : public backend {
   public:

@@ -33,7 +33,7 @@ tarvo::result<ring> make_ring(const char* name, tarvo::bytes size) {
     }
     auto memory = tarvo::map(*chunk);
     if (!memory) {
-        (void)tarvo::free_chunk(*chunk); // that it cannot be mapped is what there is to tell
+        (void)tarvo::free_chunk(*chunk); // the failed mapping is what counts
         return memory.error();
     }
     return ring{*chunk, *std::move(memory)};

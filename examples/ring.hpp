@@ -59,7 +59,7 @@ class shared_number {
 };
 
 /// Waits until `condition` holds; false when it does not come true in time. Asks again and again:
-/// memory that is a device's can wake nobody.
+/// a write to device memory does not wake a process.
 template <typename Condition>
 bool wait_until(Condition condition,
                 std::chrono::microseconds pause = std::chrono::microseconds(200)) {

@@ -74,7 +74,7 @@ class Ring:
 
 
 def wait_until(condition: Callable[[], bool], pause: float = 0.0002) -> None:
-    """Asks again and again: memory that is a device's can wake nobody."""
+    """Asks again and again: a write to device memory does not wake a process."""
     last_moment = time.monotonic() + 30
     while not condition():
         if time.monotonic() > last_moment:

@@ -20,7 +20,7 @@ function(arrange_documents share package)
     compress(${documents}/changelog.Debian ${documents}/changelog)
 endfunction()
 
-# Some pages are links to the one that tells of several calls.
+# Some pages are links to the one that describes several calls.
 function(compress_pages share)
     file(GLOB pages ${share}/man/man*/*)
     foreach(page IN LISTS pages)
