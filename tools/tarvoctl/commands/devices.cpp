@@ -1,4 +1,5 @@
 #include "commands/commands.hpp"
+#include "commands/named_chunks.hpp"
 #include "common/quantities.hpp"
 #include "output/json.hpp"
 #include "output/table.hpp"
@@ -62,24 +63,16 @@ void print_as_table(const picture& records, const references& all) {
     }
 }
 
-json names_of(const std::vector<const chunk_record*>& chunks) {
-    json names = json::array();
-    for (const auto* chunk : chunks) {
-        names.push_back(chunk->name);
-    }
-    return names;
-}
-
 void print_as_json(const picture& records, references all) {
     json devices = json::array();
     for (const auto& device : records.devices) {
         json made = json_device(device);
-        made["chunks"] = names_of(all[device.index]);
+        made["chunks"] = json_names(all[device.index]);
         devices.push_back(std::move(made));
     }
     json left_over = json::array();
     for (const auto& [index, chunks] : dangling(all, records)) {
-        left_over.push_back({{"index", index}, {"chunks", names_of(chunks)}});
+        left_over.push_back({{"index", index}, {"chunks", json_names(chunks)}});
     }
     json document = json_document("devices", records);
     document["devices"] = std::move(devices);

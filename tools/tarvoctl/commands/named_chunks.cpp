@@ -88,4 +88,12 @@ std::vector<const chunk_record*> chunks_called(const std::string& name, const pi
     return found;
 }
 
+json json_names(const std::vector<const chunk_record*>& chunks) {
+    json names = json::array();
+    for (const auto* chunk : chunks) {
+        names.push_back(chunk->name);
+    }
+    return names;
+}
+
 } // namespace tarvoctl

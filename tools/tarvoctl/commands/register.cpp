@@ -1,4 +1,5 @@
 #include "commands/commands.hpp"
+#include "commands/named_chunks.hpp"
 #include "common/failure.hpp"
 #include "common/quantities.hpp"
 #include "host/area_source.hpp"
@@ -38,14 +39,6 @@ std::vector<const chunk_record*> chunks_seen_by(const device_record& device,
         }
     }
     return seen;
-}
-
-json json_names(const std::vector<const chunk_record*>& chunks) {
-    json names = json::array();
-    for (const auto* chunk : chunks) {
-        names.push_back(chunk->name);
-    }
-    return names;
 }
 
 void check_room(const device_record& device, const picture& before) {
