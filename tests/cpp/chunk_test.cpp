@@ -3,10 +3,12 @@
 #include <cstring>
 #include <string>
 
+namespace chunk_test {
+
 using namespace tarvo::literals;
 using tarvo::error_code;
 
-class chunks : public region_test {};
+class chunks : public region_fixture {};
 
 TEST_F(chunks, are_allocated_from_the_regions_start_on) {
     const tarvo::chunk first = allocated("first", 1_B);
@@ -164,3 +166,5 @@ TEST_F(chunks, stay_when_a_device_refuses_to_let_them_go) {
         ASSERT_NE(get_cma_allocation("ring", 4096), ~uint64_t{0});
     }
 }
+
+} // namespace chunk_test

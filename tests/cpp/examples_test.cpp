@@ -8,6 +8,8 @@
 #include <thread>
 #include <unistd.h>
 
+namespace examples_test {
+
 using namespace tarvo::literals;
 
 namespace {
@@ -74,7 +76,7 @@ class running {
 
 } // namespace
 
-class examples : public region_test {};
+class examples : public region_fixture {};
 
 TEST_F(examples, leave_no_device_registered_that_refuses) {
     allocated("ring", 4_KiB);
@@ -98,3 +100,5 @@ TEST_F(examples, print_while_nobody_waits_for_them) {
     EXPECT_NE(consumer.finish(status).find("ring99 "), std::string::npos);
     EXPECT_EQ(status, 0);
 }
+
+} // namespace examples_test

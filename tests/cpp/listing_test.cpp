@@ -8,6 +8,8 @@
 #include <sys/file.h>
 #include <unistd.h>
 
+namespace listing_test {
+
 using namespace tarvo::literals;
 using tarvo::error_code;
 
@@ -53,7 +55,7 @@ bool others_wait() {
 
 } // namespace
 
-class listings : public region_test {};
+class listings : public region_fixture {};
 
 TEST_F(listings, show_chunks_in_ascending_address_and_devices_in_order) {
     allocated("first", 8_KiB);
@@ -170,3 +172,5 @@ TEST_F(listings, end_at_a_line_that_is_too_long_and_say_so) {
     const damage endless(record_offset("ring") + name_offset, std::string(600, 'n'));
     EXPECT_TRUE(fails_with(tarvo::find_chunk("ring"), error_code::damaged, "more than 511 bytes"));
 }
+
+} // namespace listing_test

@@ -6,6 +6,8 @@
 #include <utility>
 #include <vector>
 
+namespace mapping_test {
+
 using namespace tarvo::literals;
 using tarvo::error_code;
 
@@ -19,7 +21,7 @@ bool is_mapped(const void* address) {
 
 } // namespace
 
-class mappings : public region_test {};
+class mappings : public region_fixture {};
 
 TEST_F(mappings, show_one_memory) {
     const tarvo::chunk chunk = allocated("ring", 64_KiB);
@@ -159,3 +161,5 @@ TEST_F(mappings, give_typed_access_only_where_it_is_within_and_aligned) {
     EXPECT_TRUE(fails_with(memory->object<char>(tarvo::bytes(~uint64_t{0})), error_code::bad_window,
                            "4096"));
 }
+
+} // namespace mapping_test

@@ -43,7 +43,7 @@ inline std::vector<tarvo::listed_device> devices_now() {
 }
 
 /// All tests of a run share one region: each leaves it empty.
-class region_test : public testing::Test {
+class region_fixture : public testing::Test {
   protected:
     void TearDown() override {
         for (const tarvo::listed_chunk& chunk : chunks_now()) {

@@ -3,12 +3,14 @@
 #include <cstdint>
 #include <limits>
 
+namespace region_test {
+
 using namespace tarvo::literals;
 using tarvo::dma_address;
 using tarvo::error_code;
 using tarvo::physical_address;
 
-class whole : public region_test {};
+class whole : public region_fixture {};
 
 TEST_F(whole, region_lies_where_the_world_has_it) {
     const auto region = tarvo::get_limits();
@@ -104,3 +106,5 @@ TEST(a_region_of_3_gib, has_a_chunk_that_would_end_who_registers_a_device) {
     EXPECT_TRUE(tarvo::register_device({}));
     EXPECT_TRUE(tarvo::unregister_device({}));
 }
+
+} // namespace region_test

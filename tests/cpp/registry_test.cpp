@@ -2,10 +2,12 @@
 
 #include <string>
 
+namespace registry_test {
+
 using namespace tarvo::literals;
 using tarvo::error_code;
 
-class registry : public region_test {};
+class registry : public region_fixture {};
 
 TEST_F(registry, keeps_a_device_from_registering_to_unregistering) {
     const tarvo::device mine = device(3, 0, 0);
@@ -59,3 +61,5 @@ TEST_F(registry, maps_the_whole_region_for_a_device) {
     EXPECT_TRUE(
         fails_with(tarvo::iommu_unmap(device(0x0e, 0, 1)), error_code::refused, "0000:0e:00.1"));
 }
+
+} // namespace registry_test

@@ -11,6 +11,8 @@
 #include <string_view>
 #include <type_traits>
 
+namespace types_test {
+
 using namespace tarvo::literals;
 
 namespace {
@@ -214,3 +216,5 @@ TEST(a_listings_line, is_refused_wherever_it_is_cut_or_widened) {
     EXPECT_FALSE(fields.read(std::string(300, ' ')));
     EXPECT_FALSE(fields.read(std::string(300, 'x')));
 }
+
+} // namespace types_test

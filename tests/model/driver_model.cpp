@@ -62,8 +62,8 @@ driver_rule* driver::answer_to(const driver_call& call) {
 }
 
 void driver::note(const driver_call& call, const std::string& bytes, int error) {
-    _events.push_back(shown({0, 0, call.file, call.event, call.writing ? "w" : "r", bytes,
-                             error == 0 ? "ok" : strerrorname_np(error)}));
+    _events.push_back(::shown({0, 0, call.file, call.event, call.writing ? "w" : "r", bytes,
+                               error == 0 ? "ok" : strerrorname_np(error)}));
 }
 
 std::vector<std::string> driver::take_events() {

@@ -7,11 +7,6 @@ namespace model {
 namespace {
 
 constexpr uint64_t most_bytes_to_zero = 0x100000;
-constexpr uint64_t four_gib = 0x100000000;
-
-std::string text_of_number(uint64_t number) {
-    return text_of("0x%llx", static_cast<unsigned long long>(number));
-}
 
 /// Some regions have only 48 pages, so that they are full now and then; some are so large that
 /// differences and DMA addresses no longer fit.
@@ -147,10 +142,10 @@ step generator::propose_for(const prediction& now, int who) {
     } else if (verb == "write" || verb == "look") {
         made.words = as_words(touch(caller, verb == "write"));
     } else if (verb == "find" || verb == "to_pa") {
-        made.words = as_words({text_of_number(dma(now))});
+        made.words = as_words({hexadecimal(dma(now))});
     } else if (verb == "to_dma") {
         const world& where = now.machine().where;
-        made.words = as_words({text_of_number(where.start + dma(now) - where.start_dma)});
+        made.words = as_words({hexadecimal(where.start + dma(now) - where.start_dma)});
     } else if (verb == "register" || verb == "unregister" || verb == "iommu_unmap") {
         made.words = as_words(device_words());
     } else if (verb == "iommu_map") {
@@ -226,12 +221,12 @@ uint64_t generator::size(const prediction& now) {
 }
 
 std::vector<std::string> generator::alloc(const prediction& now) {
-    std::vector<std::string> words{name(now), text_of_number(size(now)), creator()};
+    std::vector<std::string> words{name(now), hexadecimal(size(now)), creator()};
     const std::vector<chunk>& chunks = now.machine().area.chunks;
     if (chunks.size() > 2 && _chance.one_in(3)) {
         const chunk& existing = chunks[1 + _chance.below(chunks.size() - 2)];
         words[0] = existing.name;
-        words[1] = text_of_number(existing.size);
+        words[1] = hexadecimal(existing.size);
     }
     return words;
 }
@@ -243,7 +238,7 @@ std::vector<std::string> generator::map(const prediction& now) {
     const uint64_t bytes = _chance.any_of(
         {uint64_t{0}, uint64_t{0}, pages(1), uint64_t{100}, pages(2), pages(9), four_gib});
     return {"m" + std::to_string(_labels++), _chance.one_in(8) ? name(now) : listed_name(now),
-            _chance.one_in(3) ? "0" : "1", text_of_number(offset), text_of_number(bytes)};
+            _chance.one_in(3) ? "0" : "1", hexadecimal(offset), hexadecimal(bytes)};
 }
 
 std::string generator::label(const process_state& caller) {
@@ -266,7 +261,7 @@ std::vector<std::string> generator::unmap(const prediction& now, const process_s
     if (mapped != caller.mappings.end() && !_chance.one_in(3)) {
         bytes = mapped->second.bytes;
     }
-    return {_chance.one_in(10) ? name(now) : listed_name(now), target, text_of_number(bytes)};
+    return {_chance.one_in(10) ? name(now) : listed_name(now), target, hexadecimal(bytes)};
 }
 
 std::vector<std::string> generator::touch(const process_state& caller, bool writes) {

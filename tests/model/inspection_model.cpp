@@ -10,8 +10,6 @@ namespace model {
 
 namespace {
 
-constexpr const char* in_next = "./ArrayBackedList.hpp:32";
-
 /// The element behind one that is on its list; nothing behind the last.
 template <typename List>
 std::optional<int> following(const List& list, int element) {
@@ -21,10 +19,6 @@ std::optional<int> following(const List& list, int element) {
         }
     }
     return std::nullopt;
-}
-
-unsigned long long wide(uint64_t number) {
-    return number;
 }
 
 } // namespace

@@ -13,7 +13,6 @@ namespace {
 
 constexpr uint32_t read_and_write = 3;
 /// Forgetting a reference first asks for the one behind it.
-constexpr const char* in_next = "./ArrayBackedList.hpp:32";
 constexpr const char* in_mapping_constructor =
     "tarvo:62: iommu_mapping_t::iommu_mapping_t(int64_t, int64_t, int32_t, int32_t)";
 constexpr const char* in_iommu_map = "tarvo:982: int tarvo_iommu_map(uint, uint, uint, uint)";
@@ -26,10 +25,6 @@ auto triple(const device& one) {
 std::string device_name(const device& one) {
     return text_of("%04x:%02x:%02x.%x", one.domain, one.bus, (one.devfn >> 3U) & 0x1fU,
                    one.devfn & 7U);
-}
-
-unsigned long long wide(uint64_t number) {
-    return number;
 }
 
 } // namespace

@@ -42,7 +42,7 @@ struct process_state {
     std::string error_text;                  ///< what it has said since the last step
 };
 
-/// Thrown where the text ends the process.
+/// Thrown where a call ends the process.
 struct process_end {
     int signal;
 };
@@ -50,8 +50,19 @@ struct process_end {
 /// Printf-style text.
 [[gnu::format(printf, 1, 2)]] std::string text_of(const char* format, ...);
 
-/// The whole library, as one process uses it: each operation step by step, with nothing shared
-/// between them that the text does not share.
+/// As %llx and %llu take it.
+constexpr unsigned long long wide(uint64_t number) {
+    return number;
+}
+
+/// Such as 0x1000.
+std::string hexadecimal(uint64_t number);
+
+/// The last words' place in the container when a walk comes to a cleared element.
+inline constexpr const char* in_next = "./ArrayBackedList.hpp:32";
+
+/// The whole library, as one process uses it: each operation step by step, written out anew where
+/// the library has one function for several.
 class library {
   public:
     library(machine_state& machine, process_state& process)

@@ -10,10 +10,6 @@ std::string device_name(const pci_triple& one) {
     return text_of("%04x:%02x:%02x.%x", one.domain, one.bus, one.devfn >> 3U, one.devfn & 7U);
 }
 
-std::string hexadecimal(uint64_t number) {
-    return text_of("0x%llx", static_cast<unsigned long long>(number));
-}
-
 /// At one call or two, not far ahead.
 std::string soon(chance& dice) {
     const uint64_t first = 1 + dice.below(6);

@@ -11,9 +11,6 @@ namespace model {
 
 namespace {
 
-constexpr uint64_t four_gib = 0x100000000;
-constexpr uint32_t high_start_dma = 0x20000000;
-
 std::string word_text(const std::optional<std::string>& word) {
     if (!word) {
         return "@null";

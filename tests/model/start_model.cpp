@@ -12,8 +12,6 @@ namespace model {
 
 namespace {
 
-constexpr uint64_t four_gib = 0x100000000;
-constexpr uint32_t high_start_dma = 0x20000000;
 constexpr const char* not_started = "tarvo: failed to initialize library\n";
 
 } // namespace
@@ -25,6 +23,10 @@ std::string text_of(const char* format, ...) {
     const int length = std::vsnprintf(text.data(), text.size(), format, values);
     va_end(values);
     return {text.data(), static_cast<size_t>(length)};
+}
+
+std::string hexadecimal(uint64_t number) {
+    return text_of("0x%llx", wide(number));
 }
 
 void library::perror(const char* words, int error) {

@@ -11,10 +11,6 @@ namespace {
 constexpr uint64_t most_bytes_by_number = 0x100000;
 constexpr unsigned not_written = 0xdeadbeef;
 
-std::string hexadecimal(uint64_t number) {
-    return text_of("0x%llx", static_cast<unsigned long long>(number));
-}
-
 std::string shown_mapping(const machine_state& machine, const mapping& one) {
     return (one.writable ? "rw-s " : "r--s ") + hexadecimal(one.pa) + " " +
            machine.where.memory_path();

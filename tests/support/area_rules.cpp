@@ -1,21 +1,14 @@
 #include "area.hpp"
+#include "joined.hpp"
 
 #include <algorithm>
 #include <cstring>
 #include <functional>
 #include <iterator>
-#include <sstream>
 #include <stdexcept>
 #include <utility>
 
 namespace {
-
-template <typename... Pieces>
-std::string said(const Pieces&... pieces) {
-    std::ostringstream stream;
-    (stream << ... << pieces);
-    return stream.str();
-}
 
 bool all_zero(std::span<const uint8_t> bytes) {
     return bytes.empty() ||
@@ -46,7 +39,7 @@ class inspection {
   private:
     template <typename... Pieces>
     void breach(const Pieces&... pieces) {
-        _breaches.push_back(said(pieces...));
+        _breaches.push_back(joined(pieces...));
     }
 
     /// What lies around the lists.
@@ -171,7 +164,7 @@ class inspection {
         const int owner = chunk.index;
         try {
             const std::vector<area_ref> refs = _area.refs(owner);
-            check_list({said("devs of chunk ", owner), 256, 16,
+            check_list({joined("devs of chunk ", owner), 256, 16,
                         [owner](int index) { return area_offset::ref(owner, index); },
                         indices_of(refs), _area.free_refs(owner)});
             for (const area_ref& ref : refs) {

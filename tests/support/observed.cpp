@@ -1,6 +1,7 @@
 #include "observed.hpp"
 
 #include <algorithm>
+#include <cstring>
 
 std::string outcome(client& user, std::string_view command) {
     user.new_text();
@@ -33,13 +34,13 @@ texts troubles(const sandbox& machine, area_allowance allowed) {
     return found;
 }
 
-std::string first_difference(const std::vector<uint8_t>& actual,
-                             const std::vector<uint8_t>& expected) {
-    const auto [difference, other] =
-        std::mismatch(actual.begin(), actual.end(), expected.begin(), expected.end());
-    if (difference == actual.end() && other == expected.end()) {
+std::string first_difference(std::span<const uint8_t> actual, std::span<const uint8_t> expected) {
+    if (actual.size() == expected.size() &&
+        std::memcmp(actual.data(), expected.data(), actual.size()) == 0) {
         return {};
     }
+    const auto difference =
+        std::mismatch(actual.begin(), actual.end(), expected.begin(), expected.end()).first;
     return "byte " + std::to_string(difference - actual.begin()) + " of " +
            std::to_string(actual.size()) + ", where " + std::to_string(expected.size()) +
            " are expected";

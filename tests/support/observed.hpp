@@ -4,6 +4,7 @@
 #include "texts.hpp"
 
 #include <cstdint>
+#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -27,8 +28,7 @@ std::string layout(const sandbox& machine);
 texts troubles(const sandbox& machine, area_allowance allowed = {});
 
 /// The place of the first byte that differs, in words; empty when the two are the same.
-std::string first_difference(const std::vector<uint8_t>& actual,
-                             const std::vector<uint8_t>& expected);
+std::string first_difference(std::span<const uint8_t> actual, std::span<const uint8_t> expected);
 
 /// The process's whole region, mapped into it, for writing to and looking at any page of it.
 class mapped_region {

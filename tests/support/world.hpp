@@ -5,6 +5,10 @@
 #include <string>
 #include <vector>
 
+inline constexpr uint64_t four_gib = 0x100000000;
+/// Where devices see the first byte of a region that does not end below 4 GiB.
+inline constexpr uint32_t high_start_dma = 0x20000000;
+
 /// A machine that the library can find itself on, as `tarvo-sandbox --world` builds it.
 struct world {
     const char* name;
@@ -30,9 +34,9 @@ struct world {
 
 inline constexpr world simulation{"simulation", 0x1000, 0x2a800000, 0x1000, true, false};
 inline constexpr world low{"low", 0x80000000, 0x10000000, 0x80000000, false, false};
-inline constexpr world high{"high", 0x200000000, 0x40000000, 0x20000000, false, false};
-inline constexpr world crossing{"crossing", 0xf0000000, 0x20000000, 0x20000000, false, false};
-inline constexpr world cma{"cma", 0x100000000, 0x40000000, 0x20000000, false, true};
+inline constexpr world high{"high", 0x200000000, 0x40000000, high_start_dma, false, false};
+inline constexpr world crossing{"crossing", 0xf0000000, 0x20000000, high_start_dma, false, false};
+inline constexpr world cma{"cma", four_gib, 0x40000000, high_start_dma, false, true};
 
 inline const std::vector<world>& all_worlds() {
     static const std::vector<world> all{simulation, low, high, crossing, cma};

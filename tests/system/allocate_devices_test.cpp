@@ -5,6 +5,8 @@
 
 #include <cerrno>
 
+namespace allocate_devices_test {
+
 namespace {
 
 constexpr pci_device first{0, 3, 0};
@@ -211,3 +213,5 @@ TEST_F(a_huge_chunk, OfMoreThan2GiBEndsTheProcessBeforeAnythingIsSent) {
 }
 
 } // namespace
+
+} // namespace allocate_devices_test

@@ -5,6 +5,8 @@
 
 #include <cerrno>
 
+namespace allocate_memory_test {
+
 namespace {
 
 constexpr uint8_t old_content = 0xa5;
@@ -64,7 +66,7 @@ TEST_P(new_memory, ThatCannotBeMappedEndsTheProcessInTheRollBackKeptOnPurpose) {
     EXPECT_EQ(refused_mapping(), aborted("tarvo_alloc: mmap failed!: Cannot allocate memory\n" +
                                          element_not_in_use()));
     // The record is gone again, its memory is not given back to the driver.
-    EXPECT_EQ(first_difference(machine.area().snapshot(), before), "");
+    EXPECT_EQ(first_difference(machine.area().view().bytes(), before), "");
     EXPECT_EQ(troubles(machine), texts{});
     EXPECT_EQ(machine.cma_commands(), region().cma ? texts{"a rx_ring 2000\n"} : texts{});
 }
@@ -145,3 +147,5 @@ TEST_P(mapped_new_memory, RollsBackIntoTheListWhileTheFirstDeviceIsOffline) {
 INSTANTIATE_TEST_SUITE_P(, mapped_new_memory, testing::ValuesIn(all_worlds()), world_name());
 
 } // namespace
+
+} // namespace allocate_memory_test

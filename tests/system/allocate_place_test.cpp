@@ -2,6 +2,8 @@
 
 #include "world_test.hpp"
 
+namespace allocate_place_test {
+
 namespace {
 
 namespace offset = area_offset;
@@ -70,7 +72,7 @@ TEST_P(placement, ThatFindsNoGapChangesNothingAndSaysNothing) {
     fill_all_but(3);
     const std::vector<uint8_t> before = machine.area().snapshot();
     EXPECT_EQ(outcome(user, "alloc more " + std::to_string(pages(3) + 1) + " me"), "0x0\n");
-    EXPECT_EQ(first_difference(machine.area().snapshot(), before), "");
+    EXPECT_EQ(first_difference(machine.area().view().bytes(), before), "");
     EXPECT_EQ(troubles(machine), texts{});
 }
 
@@ -128,7 +130,7 @@ TEST_P(damaged_tail, EndsTheSearchForAPlaceAllTheSame) {
     const std::vector<uint8_t> before = machine.area().snapshot();
     EXPECT_EQ(outcome(user, "alloc new " + std::to_string(region().bytes + 1) + " me"),
               "0x0\n" + traced(3, "tarvo_alloc_func", "tarvo_alloc_func: ran out of tarvo space"));
-    EXPECT_EQ(first_difference(machine.area().snapshot(), before), "");
+    EXPECT_EQ(first_difference(machine.area().view().bytes(), before), "");
 }
 
 INSTANTIATE_TEST_SUITE_P(, damaged_tail, testing::ValuesIn(all_worlds()), world_name());
@@ -164,3 +166,5 @@ TEST(free_size, NeedsNeitherStartNorLock) {
 }
 
 } // namespace
+
+} // namespace allocate_place_test

@@ -2,6 +2,8 @@
 
 #include "world_test.hpp"
 
+namespace allocate_record_test {
+
 namespace {
 
 namespace offset = area_offset;
@@ -35,7 +37,7 @@ TEST_P(record, IsWrittenWithItsLinksAndNoOtherByteOfTheArea) {
     area.i32(offset::chunk(1) + offset::prev, 2);
     area.i32(offset::chunks_free, 3);
     user.alloc("rx_ring", 5000, "the driver");
-    EXPECT_EQ(first_difference(machine.area().snapshot(), expected), "");
+    EXPECT_EQ(first_difference(machine.area().view().bytes(), expected), "");
 }
 
 TEST_P(record, HoldsANameOf49Bytes) {
@@ -206,3 +208,5 @@ TEST_F(a_full_list, HasRoomForNoMoreThan16382Chunks) {
 }
 
 } // namespace
+
+} // namespace allocate_record_test

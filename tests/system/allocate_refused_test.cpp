@@ -4,6 +4,8 @@
 
 #include <gtest/gtest.h>
 
+namespace allocate_refused_test {
+
 namespace {
 
 const std::string signature = "uint32_t tarvo_alloc_func(const char*, size_t, const char*)";
@@ -148,7 +150,7 @@ struct damage {
     std::string last_words;
 };
 
-TEST(a_damaged_list, EndsTheProcessThatAllocatesFromIt) {
+TEST(an_allocation_from_a_damaged_list, EndsTheProcess) {
     const size_t head = area_offset::chunk(0);
     const size_t rx_ring = area_offset::chunk(2);
     const std::vector<damage> cases{
@@ -170,3 +172,5 @@ TEST(a_damaged_list, EndsTheProcessThatAllocatesFromIt) {
 }
 
 } // namespace
+
+} // namespace allocate_refused_test

@@ -2,6 +2,8 @@
 
 #include "world_test.hpp"
 
+namespace allocate_share_test {
+
 namespace {
 
 class sharing : public world_test {
@@ -14,7 +16,7 @@ TEST_P(sharing, GivesTwoProcessesTheSameChunk) {
     EXPECT_EQ(first.alloc("rx_ring", 5000, "first"), region().start_dma);
     const std::vector<uint8_t> before = machine.area().snapshot();
     EXPECT_EQ(second.alloc("rx_ring", 5000, "second"), region().start_dma);
-    EXPECT_EQ(first_difference(machine.area().snapshot(), before), "");
+    EXPECT_EQ(first_difference(machine.area().view().bytes(), before), "");
     EXPECT_EQ(machine.area().view().chunk(2).creator, "first");
     EXPECT_EQ(second.error_text(), "");
     EXPECT_EQ(troubles(machine), texts{});
@@ -159,3 +161,5 @@ TEST_P(another_size, DoesNotMatterForTheSentinelsWhoseNamesAreFreeToUse) {
 INSTANTIATE_TEST_SUITE_P(, another_size, testing::ValuesIn(region_worlds()), world_name());
 
 } // namespace
+
+} // namespace allocate_share_test

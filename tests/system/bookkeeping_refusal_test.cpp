@@ -6,6 +6,8 @@
 #include <cerrno>
 #include <gtest/gtest.h>
 
+namespace bookkeeping_refusal_test {
+
 namespace {
 
 /// A rule that refuses requests for one device.
@@ -322,3 +324,5 @@ TEST(the_report_of_a_failed_request, IsNotTracedBelowLevel3) {
 }
 
 } // namespace
+
+} // namespace bookkeeping_refusal_test

@@ -2,6 +2,8 @@
 
 #include "world_test.hpp"
 
+namespace check_test {
+
 namespace {
 
 namespace offset = area_offset;
@@ -146,7 +148,7 @@ class check_of_a_new_chunk : public world_test {
 TEST_P(check_of_a_new_chunk, ThatFailsTakesItOffTheListAgain) {
     const std::vector<uint8_t> before = machine.area().snapshot();
     EXPECT_EQ(outcome(user, "alloc rx_ring 4096 me"), "0x0\n" + report(rx_ring, below) + "\n");
-    EXPECT_EQ(first_difference(machine.area().snapshot(), before), "");
+    EXPECT_EQ(first_difference(machine.area().view().bytes(), before), "");
     EXPECT_EQ(troubles(machine), texts{});
 }
 
@@ -179,3 +181,5 @@ TEST(check_of_a_new_chunk_of_the_drivers, ThatReachesOutOfTheRegionTakesItOffThe
 }
 
 } // namespace
+
+} // namespace check_test

@@ -4,6 +4,8 @@
 #include "texts.hpp"
 #include "world_test.hpp"
 
+namespace circle_test {
+
 namespace {
 
 namespace at = area_offset;
@@ -128,3 +130,5 @@ INSTANTIATE_TEST_SUITE_P(, a_circle_in_the_lists, testing::ValuesIn(circles()),
                          [](const auto& test) { return test.param.name; });
 
 } // namespace
+
+} // namespace circle_test

@@ -9,6 +9,8 @@
 #include <gtest/gtest.h>
 #include <iterator>
 
+namespace closed_streams_test {
+
 namespace {
 
 /// Which of the descriptors 0, 1 and 2 are closed.
@@ -152,3 +154,5 @@ TEST(a_request_file_that_cannot_be_moved, CountsAsOneThatCannotBeOpened) {
 }
 
 } // namespace
+
+} // namespace closed_streams_test

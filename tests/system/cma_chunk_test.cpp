@@ -6,6 +6,8 @@
 #include <cerrno>
 #include <gtest/gtest.h>
 
+namespace cma_chunk_test {
+
 namespace {
 
 constexpr pci_device device{0, 3, 0};
@@ -113,7 +115,7 @@ TEST_F(cma_chunk, ThatHasNoPlaceInTheListIsGivenBack) {
                   "0x0\n" +
                       traced(3, "tarvo_alloc_func", "tarvo_alloc_func: ran out of tarvo space"))
             << one.why;
-        EXPECT_EQ(first_difference(machine.area().snapshot(), before), "") << one.why;
+        EXPECT_EQ(first_difference(machine.area().view().bytes(), before), "") << one.why;
         EXPECT_EQ(troubles(machine), texts{}) << one.why;
     }
     texts commands{"a other 2000\n"};
@@ -129,7 +131,7 @@ TEST_F(cma_chunk, AtAddress0IsTracedAndGivenBackKeptOnPurpose) {
     const std::vector<uint8_t> before = machine.area().snapshot();
     EXPECT_EQ(outcome(user, "alloc rx_ring 5000 me"), "0x0\n");
     EXPECT_EQ(log(), allocation_log + release_log);
-    EXPECT_EQ(first_difference(machine.area().snapshot(), before), "");
+    EXPECT_EQ(first_difference(machine.area().view().bytes(), before), "");
     EXPECT_EQ(troubles(machine), texts{});
     client watched = machine.start({"setenv ZUL_TRACE tarvo=3"});
     EXPECT_EQ(outcome(watched, "alloc rx_ring 5000 me"),
@@ -188,7 +190,7 @@ TEST(a_cma_release, ThatCannotBeHandedOnKeepsTheChunkAndItsDevices) {
     const texts lines = machine.request_lines();
     const std::vector<uint8_t> before = machine.area().snapshot();
     EXPECT_EQ(outcome(user, "free rx_ring"), "-1\nError opening /proc/tarvo: Permission denied\n");
-    EXPECT_EQ(first_difference(machine.area().snapshot(), before), "");
+    EXPECT_EQ(first_difference(machine.area().view().bytes(), before), "");
     EXPECT_EQ(troubles(machine), texts{});
     EXPECT_EQ(machine.request_lines(), lines);
     EXPECT_EQ(outcome(user, "free rx_ring"), "0\n");
@@ -199,7 +201,7 @@ TEST(a_cma_release, ThatCannotBePrintedKeepsTheChunkAndSaysWhyByTheResultNotByEr
     client user = machine.start({"alloc rx_ring 4096 me", "fail fprintf ENOSPC"});
     const std::vector<uint8_t> before = machine.area().snapshot();
     EXPECT_EQ(outcome(user, "free rx_ring"), "-1\nError freeing CMA Unknown error -1\n");
-    EXPECT_EQ(first_difference(machine.area().snapshot(), before), "");
+    EXPECT_EQ(first_difference(machine.area().view().bytes(), before), "");
     EXPECT_EQ(troubles(machine), texts{});
     EXPECT_EQ(machine.cma_commands(), texts{"a rx_ring 1000\n"});
 }
@@ -250,3 +252,5 @@ TEST(a_failed_start_with_cma, IsRememberedByASimulatedRegionKeptOnPurpose) {
 }
 
 } // namespace
+
+} // namespace cma_chunk_test

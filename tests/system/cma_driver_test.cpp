@@ -4,6 +4,8 @@
 
 #include <gtest/gtest.h>
 
+namespace cma_driver_test {
+
 namespace {
 
 const std::string failure = "0xffffffffffffffff\n";
@@ -132,7 +134,7 @@ TEST(an_open_that_fails_for_both_commands, IsReportedForEach) {
               "-1\nError opening /proc/tarvo: Operation not permitted\n");
 }
 
-TEST(a_request, ForANameThatTheDriverHoldsGetsTheSameMemory) {
+TEST(a_cma_request, ForANameThatTheDriverHoldsGetsTheSameMemory) {
     sandbox machine(cma);
     client user = machine.start();
     EXPECT_EQ(outcome(user, request), "0x100000000\n");
@@ -144,13 +146,13 @@ TEST(a_request, ForANameThatTheDriverHoldsGetsTheSameMemory) {
     EXPECT_EQ(outcome(user, "get_cma_allocation rx_ring 8192"), failure);
 }
 
-TEST(a_request, IsGoodWhateverTheDriverSaysWhenTheFileIsClosed) {
+TEST(a_cma_request, IsGoodWhateverTheDriverSaysWhenTheFileIsClosed) {
     sandbox machine(cma, {"--rule", "op=allocate,at=close,errno=EIO"});
     client user = machine.start();
     EXPECT_EQ(outcome(user, request), "0x100000000\n");
 }
 
-TEST(a_request, FailsWhereNoFirstLineCanBeRead) {
+TEST(a_cma_request, FailsWhereNoFirstLineCanBeRead) {
     sandbox machine(cma);
     client user = machine.start({"fail fgets EIO"});
     EXPECT_EQ(outcome(user, request), failure + "Expected at least 1 line in /proc/tarvo\n");
@@ -160,7 +162,7 @@ TEST(a_request, FailsWhereNoFirstLineCanBeRead) {
     EXPECT_EQ(outcome(user, request), "0x100000000\n");
 }
 
-TEST(a_request, ForANameInTwoWordsIsNotUnderstoodByTheDriver) {
+TEST(a_cma_request, ForANameInTwoWordsIsNotUnderstoodByTheDriver) {
     sandbox machine(cma);
     client user = machine.start();
     EXPECT_EQ(outcome(user, R"(alloc "two words" 4096 me)"),
@@ -173,7 +175,7 @@ struct listing {
     std::string outcome;
 };
 
-TEST(a_listing, IsReadLineByLineUntilNameAndSizeAreRightOrALineIsWrong) {
+TEST(a_cma_listing, IsReadLineByLineUntilNameAndSizeAreRightOrALineIsWrong) {
     const std::string wrong = failure + "Error parsing /proc/tarvo\n";
     const std::vector<listing> cases{
         {R"(rx_ring\t100002000\t1000)", "0x100002000\n"},
@@ -207,14 +209,14 @@ TEST(a_listing, IsReadLineByLineUntilNameAndSizeAreRightOrALineIsWrong) {
     }
 }
 
-TEST(a_listing, DoesNotHaveToBeginWithARegion) {
+TEST(a_cma_listing, DoesNotHaveToBeginWithARegion) {
     sandbox machine(cma, {"--region-line", R"(any words\nrx_ring\t100002000\t1000)", "--rule",
                           "op=allocate,errno=EEXIST"});
     client user = machine.start();
     EXPECT_EQ(outcome(user, request), "0x100002000\n");
 }
 
-TEST(a_listing, IsReadIn2047BytesAtATimeSoThatALongerLineIsTwo) {
+TEST(a_cma_listing, IsReadIn2047BytesAtATimeSoThatALongerLineIsTwo) {
     for (const auto& [length, said] : {std::pair<size_t, std::string>{2046, "0x100002000\n"},
                                        {2047, failure + "Error parsing /proc/tarvo\n"}}) {
         sandbox machine(cma, {"--region-line",
@@ -225,7 +227,7 @@ TEST(a_listing, IsReadIn2047BytesAtATimeSoThatALongerLineIsTwo) {
     }
 }
 
-TEST(a_listing, IsSkippedOverWhereItHasOtherNamesAndSizes) {
+TEST(a_cma_listing, IsSkippedOverWhereItHasOtherNamesAndSizes) {
     for (const char* rule : {"listing=extra-name", "listing=extra-size"}) {
         sandbox machine(cma, {"--rule", rule});
         client user = machine.start();
@@ -234,7 +236,7 @@ TEST(a_listing, IsSkippedOverWhereItHasOtherNamesAndSizes) {
     }
 }
 
-TEST(a_listing, ThatGivesAddress0IsNoMemory) {
+TEST(a_cma_listing, ThatGivesAddress0IsNoMemory) {
     sandbox machine(cma, {"--rule", "listing=address-zero,name=rx_ring"});
     client user = machine.start();
     EXPECT_EQ(outcome(user, "alloc tx_ring 4096 me"), "0x20000000\n");
@@ -245,3 +247,5 @@ TEST(a_listing, ThatGivesAddress0IsNoMemory) {
 }
 
 } // namespace
+
+} // namespace cma_driver_test

@@ -5,6 +5,8 @@
 #include "texts.hpp"
 #include "world_test.hpp"
 
+namespace damaged_devices_test {
+
 namespace {
 
 namespace offset = area_offset;
@@ -46,3 +48,5 @@ TEST_F(damaged_devices, OfAFreeElementThatAreInUseAreLeftOutOfTheNewChunksFreeCh
 }
 
 } // namespace
+
+} // namespace damaged_devices_test

@@ -4,6 +4,8 @@
 
 #include <csignal>
 
+namespace dump_line_test {
+
 namespace {
 
 /// A client in the middle of a listing, whose next chunk has record 2.
@@ -266,3 +268,5 @@ TEST_F(a_damaged_listing, EndsTheProcessAtAChunkItHasFreedItselfKeptOnPurpose) {
 }
 
 } // namespace
+
+} // namespace dump_line_test

@@ -4,6 +4,8 @@
 
 #include <csignal>
 
+namespace dump_test {
+
 namespace {
 
 class a_listing : public world_test {
@@ -90,7 +92,7 @@ TEST_P(a_listing, MakesEveryOtherProcessWaitWithItsChanges) {
     EXPECT_EQ(user.call("dump_next 256"), reply_of(line(2, "rx_ring", 0, 1)));
     EXPECT_EQ(user.call("dump_next 256"), "end");
     EXPECT_EQ(user.call("dump_next_device 256"), reply_of("0000:03:00.0: online"));
-    EXPECT_EQ(first_difference(machine.area().snapshot(), before), "");
+    EXPECT_EQ(first_difference(machine.area().view().bytes(), before), "");
     EXPECT_EQ(user.call("dump_end"), "0");
     EXPECT_NE(others[0].reply(), "0x0");
     for (size_t i = 1; i < std::size(others); i++) {
@@ -245,3 +247,5 @@ TEST(a_listing_in_progress, IsNotTraced) {
 }
 
 } // namespace
+
+} // namespace dump_test

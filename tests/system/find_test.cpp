@@ -4,6 +4,8 @@
 
 #include <csignal>
 
+namespace find_test {
+
 namespace {
 
 const std::string not_in_region = assertion(
@@ -165,3 +167,5 @@ TEST(tracing_of_a_find, IsNoneAtLevel5) {
 }
 
 } // namespace
+
+} // namespace find_test

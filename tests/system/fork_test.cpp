@@ -8,6 +8,8 @@
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 
+namespace fork_test {
+
 namespace {
 
 /// A program of a sandbox and the children that it forks, which stay until this object goes.
@@ -266,3 +268,5 @@ TEST_F(childs_lock, NeverComesFromAFileThatTheProgramOpenedInItsPlace) {
 }
 
 } // namespace
+
+} // namespace fork_test

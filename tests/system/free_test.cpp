@@ -5,6 +5,8 @@
 
 #include <cerrno>
 
+namespace free_test {
+
 namespace {
 
 namespace offset = area_offset;
@@ -31,7 +33,7 @@ TEST_P(freeing, AnUnknownNameFailsAndChangesNothing) {
         EXPECT_EQ(outcome(user, std::string("free ") + name), "-1\n") << name;
     }
     EXPECT_EQ(outcome(user, "free " + std::string(3000, 'n')), "-1\n");
-    EXPECT_EQ(first_difference(machine.area().snapshot(), before), "");
+    EXPECT_EQ(first_difference(machine.area().view().bytes(), before), "");
     EXPECT_EQ(machine.driver_log(), log);
     EXPECT_EQ(troubles(machine), texts{});
 }
@@ -41,7 +43,7 @@ TEST_P(freeing, TheOnlyChunkLeavesNoByteOfItInTheArea) {
     const std::vector<uint8_t> before = machine.area().snapshot();
     alloc({"rx_ring"});
     EXPECT_EQ(outcome(user, "free rx_ring"), "0\n");
-    EXPECT_EQ(first_difference(machine.area().snapshot(), before), "");
+    EXPECT_EQ(first_difference(machine.area().view().bytes(), before), "");
     EXPECT_EQ(user.alloc("tx_ring", 4096), region().start_dma);
 }
 
@@ -57,7 +59,7 @@ TEST_P(freeing, PutsTheRecordInFrontOfTheFreeOnesAndLinksItsNeighbours) {
     area.i32(offset::chunk(4) + offset::prev, 2);
     area.i32(offset::chunks_free, 3);
     EXPECT_EQ(user.free("b"), 0);
-    EXPECT_EQ(first_difference(machine.area().snapshot(), expected), "");
+    EXPECT_EQ(first_difference(machine.area().view().bytes(), expected), "");
 }
 
 TEST_P(freeing, TwiceSucceedsOnce) {
@@ -176,7 +178,7 @@ class freeing_the_tail : public world_test {
     void expect_death(const std::string& last_words) {
         const std::vector<uint8_t> before = machine.area().snapshot();
         EXPECT_EQ(fatal_outcome(user, "free __TAIL"), aborted(last_words));
-        EXPECT_EQ(first_difference(machine.area().snapshot(), before), "");
+        EXPECT_EQ(first_difference(machine.area().view().bytes(), before), "");
         EXPECT_EQ(troubles(machine), texts{});
         // A CMA driver is asked first, and has no such memory.
         EXPECT_EQ(machine.cma_commands(), region().cma ? texts{"r __TAIL 0\n"} : texts{});
@@ -298,3 +300,5 @@ TEST(freeing_without_the_lock, SaysNothingOfItsOwn) {
 }
 
 } // namespace
+
+} // namespace free_test

@@ -6,6 +6,8 @@
 #include <filesystem>
 #include <gtest/gtest.h>
 
+namespace full_file_system_test {
+
 namespace {
 
 /// A program in a simulation whose files lie on a file system of that size. All programs of the
@@ -68,3 +70,5 @@ TEST(a_chunk_of_a_shortened_memory, IsNotListedAndEndsTheProcessTheSameWay) {
 }
 
 } // namespace
+
+} // namespace full_file_system_test

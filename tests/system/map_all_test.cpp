@@ -4,6 +4,8 @@
 
 #include <csignal>
 
+namespace map_all_test {
+
 namespace {
 
 const std::string failed_before = assertion("void* tarvo_map_all()", "tarvo_mapall_refcount == 0");
@@ -123,20 +125,20 @@ TEST(mapping_the_whole_region, CanFailForWantOfAddressSpace) {
     EXPECT_EQ(outcome(user, "map_all"), "null\ntarvo: failed to mmap size 713031680\n");
 }
 
-TEST(the_whole_region, IsAsLargeAsItsSizeInThe32BitsItIsKeptIn) {
+TEST(a_mapping_of_the_whole_region, IsAsLargeAsItsSizeInThe32BitsItIsKeptIn) {
     sandbox machine(high, {"--region", "200000000-40000ffff"});
     client user = machine.start();
     EXPECT_EQ(user.call("mapping " + std::to_string(map_all(user))),
               "rw-s 0x200000000 65536 /dev/mem");
 }
 
-TEST(the_whole_region, OfExactly4GiBHasNoBytesAndIsRefused) {
+TEST(a_mapping_of_the_whole_region, OfExactly4GiBHasNoBytesAndIsRefused) {
     sandbox machine(high, {"--region", "200000000-2ffffffff"});
     client user = machine.start();
     EXPECT_EQ(outcome(user, "map_all"), "null\ntarvo: failed to mmap size 0\n");
 }
 
-TEST(the_whole_region, Of2GiBAndMoreIsPrintedUnsigned) {
+TEST(a_mapping_of_the_whole_region, Of2GiBAndMoreIsPrintedUnsigned) {
     sandbox machine(high, {"--region", "200000000-2efffffff"});
     client user = machine.start();
     const uint64_t va = map_all(user);
@@ -233,3 +235,5 @@ TEST(tracing_of_the_whole_region_that_is_not_mapped, NeedsLevel5) {
 }
 
 } // namespace
+
+} // namespace map_all_test

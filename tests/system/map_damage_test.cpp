@@ -4,6 +4,8 @@
 
 #include <csignal>
 
+namespace map_damage_test {
+
 namespace {
 
 const std::string damaged = assertion("void* tarvo_map(const char*, bool, size_t, size_t)", "0");
@@ -166,3 +168,5 @@ TEST_F(a_damaged_list, ThatGoesOnBehindItsEndIsWalkedToTheSentinelAlone) {
 }
 
 } // namespace
+
+} // namespace map_damage_test

@@ -5,6 +5,8 @@
 
 #include <gtest/gtest.h>
 
+namespace missing_link_test {
+
 namespace {
 
 namespace offset = area_offset;
@@ -52,3 +54,5 @@ TEST(foreign_bytes, EndTheProcessThatStarts) {
 }
 
 } // namespace
+
+} // namespace missing_link_test

@@ -7,6 +7,8 @@
 #include <gtest/gtest.h>
 #include <tuple>
 
+namespace refusal_grid_test {
+
 namespace {
 
 constexpr pci_device fourth{0, 6, 0};
@@ -152,3 +154,5 @@ INSTANTIATE_TEST_SUITE_P(
     });
 
 } // namespace
+
+} // namespace refusal_grid_test

@@ -7,6 +7,8 @@
 #include <csignal>
 #include <gtest/gtest.h>
 
+namespace request_test {
+
 namespace {
 
 using texts = std::vector<std::string>;
@@ -275,3 +277,5 @@ TEST(a_range_whose_dma_addresses_pass_4_gib, EndsTheProcessInTheTranslationOfIts
 }
 
 } // namespace
+
+} // namespace request_test

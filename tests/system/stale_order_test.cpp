@@ -7,6 +7,8 @@
 #include <numeric>
 #include <random>
 
+namespace stale_order_test {
+
 namespace {
 
 constexpr int chunk_count = 40;
@@ -188,3 +190,5 @@ INSTANTIATE_TEST_SUITE_P(, a_remembered_order_of_a_damaged_list, testing::Values
                          [](const auto& test) { return test.param.name; });
 
 } // namespace
+
+} // namespace stale_order_test

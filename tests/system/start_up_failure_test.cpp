@@ -8,6 +8,8 @@
 #include <fstream>
 #include <gtest/gtest.h>
 
+namespace start_up_failure_test {
+
 namespace {
 
 const std::string no_region =
@@ -382,3 +384,5 @@ TEST(an_operation_that_cannot_start_the_library, StartsItOnTheNextCall) {
 }
 
 } // namespace
+
+} // namespace start_up_failure_test

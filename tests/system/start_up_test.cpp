@@ -7,6 +7,8 @@
 #include <fstream>
 #include <gtest/gtest.h>
 
+namespace start_up_test {
+
 namespace {
 
 namespace offset = area_offset;
@@ -79,7 +81,7 @@ TEST_P(start_up, BuildsAnewAnAreaThatIsNotMarkedInitialised) {
         .write(leftover.data(), static_cast<std::streamsize>(leftover.size()));
     client user = machine.start();
     EXPECT_EQ(user.limits(), whole_region(GetParam()));
-    EXPECT_EQ(first_difference(machine.area().snapshot(), new_area(GetParam())), "");
+    EXPECT_EQ(first_difference(machine.area().view().bytes(), new_area(GetParam())), "");
 }
 
 TEST_P(start_up, LeavesAnInitialisedAreaAsItIs) {
@@ -89,7 +91,7 @@ TEST_P(start_up, LeavesAnInitialisedAreaAsItIs) {
     const std::vector<uint8_t> before = machine.area().snapshot();
     client second = machine.start();
     EXPECT_EQ(second.limits(), whole_region(GetParam()));
-    EXPECT_EQ(first_difference(machine.area().snapshot(), before), "");
+    EXPECT_EQ(first_difference(machine.area().view().bytes(), before), "");
     EXPECT_EQ(second.error_text(), "");
 }
 
@@ -186,7 +188,7 @@ TEST_P(start_up, RacedByManyProcessesBuildsTheAreaOnce) {
         builders += user.error_text().find("Initialized chunk list") != std::string::npos ? 1 : 0;
     }
     EXPECT_EQ(builders, 1);
-    EXPECT_EQ(first_difference(machine.area().snapshot(), new_area(GetParam())), "");
+    EXPECT_EQ(first_difference(machine.area().view().bytes(), new_area(GetParam())), "");
 }
 
 TEST_P(start_up, MakesTheAreaAsLongAsWholePagesNeed) {
@@ -335,3 +337,5 @@ TEST(start_up_on_hardware, ReadsEveryFormOfRegionLine) {
 }
 
 } // namespace
+
+} // namespace start_up_test

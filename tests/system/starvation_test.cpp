@@ -8,6 +8,8 @@
 #include <set>
 #include <sstream>
 
+namespace starvation_test {
+
 namespace {
 
 const texts device_refused{"--rule", "op=map,device=0000:04:00.0,errno=EIO"};
@@ -82,3 +84,5 @@ TEST(a_trace_record_without_memory, IsLeftOutWholeAndChangesNothingElse) {
 }
 
 } // namespace
+
+} // namespace starvation_test

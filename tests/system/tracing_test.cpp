@@ -4,6 +4,8 @@
 #include <regex>
 #include <set>
 
+namespace tracing_test {
+
 namespace {
 
 const std::string simulation_start =
@@ -185,3 +187,5 @@ TEST(tracing, SharesTheTextForWhatCannotBeFormatted) {
 }
 
 } // namespace
+
+} // namespace tracing_test

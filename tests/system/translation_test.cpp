@@ -3,6 +3,8 @@
 #include <csignal>
 #include <gtest/gtest.h>
 
+namespace translation_test {
+
 namespace {
 
 const std::string bad_dma =
@@ -130,3 +132,5 @@ TEST(the_overhead, IsTheAreasSizeAndNeedsNoStart) {
 }
 
 } // namespace
+
+} // namespace translation_test

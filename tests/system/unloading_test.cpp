@@ -4,6 +4,8 @@
 
 #include <gtest/gtest.h>
 
+namespace unloading_test {
+
 namespace {
 
 TEST(a_library_that_is_unloaded, StaysAsItIsAlsoInAListing) {
@@ -25,3 +27,5 @@ TEST(a_library_that_is_unloaded, StaysAsItIsAlsoInAListing) {
 }
 
 } // namespace
+
+} // namespace unloading_test

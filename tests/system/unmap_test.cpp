@@ -4,6 +4,8 @@
 
 #include <csignal>
 
+namespace unmap_test {
+
 namespace {
 
 const char* const signature = "int tarvo_unmap(const char*, void*, size_t)";
@@ -199,3 +201,5 @@ TEST(tracing_of_an_unmapping, ComesBeforeTheArgumentsAreLookedAt) {
 }
 
 } // namespace
+
+} // namespace unmap_test

@@ -7,6 +7,8 @@
 #include <csignal>
 #include <gtest/gtest.h>
 
+namespace whole_region_test {
+
 namespace {
 
 constexpr const char* mapping_first = "iommu_map 0 3 0 3";
@@ -43,7 +45,7 @@ TEST_P(the_whole_region, IsMappedWithTheProtectionGivenAndNoRecord) {
     }
     EXPECT_EQ(machine.new_lines(), expected);
     EXPECT_EQ(machine.user.error_text(), "");
-    EXPECT_TRUE(machine.box.area().snapshot() == before);
+    EXPECT_EQ(first_difference(machine.box.area().view().bytes(), before), "");
 }
 
 TEST_P(the_whole_region, IsUnmappedWithProtection0ForADeviceThatIsNotRegistered) {
@@ -52,7 +54,7 @@ TEST_P(the_whole_region, IsUnmappedWithProtection0ForADeviceThatIsNotRegistered)
     EXPECT_EQ(machine.call(unmapping_first), "0");
     EXPECT_EQ(machine.user.new_text(), unknown);
     EXPECT_EQ(machine.new_lines(), (texts{request("unmap", 0).line()}));
-    EXPECT_TRUE(machine.box.area().snapshot() == before);
+    EXPECT_EQ(first_difference(machine.box.area().view().bytes(), before), "");
 }
 
 TEST_P(the_whole_region, IsMappedForARegisteredDeviceWithoutATrace) {
@@ -60,7 +62,7 @@ TEST_P(the_whole_region, IsMappedForARegisteredDeviceWithoutATrace) {
     const std::vector<uint8_t> before = machine.box.area().snapshot();
     EXPECT_EQ(machine.call(mapping_first), "0");
     EXPECT_EQ(machine.new_lines(), (texts{request("map", 3).line()}));
-    EXPECT_TRUE(machine.box.area().snapshot() == before);
+    EXPECT_EQ(first_difference(machine.box.area().view().bytes(), before), "");
 }
 
 TEST_P(the_whole_region, IsMappedForAnOfflineDeviceWhichStaysOffline) {
@@ -108,7 +110,7 @@ TEST_P(the_whole_region, RefusedToADeviceDoesNotTakeItOffline) {
     const std::vector<uint8_t> before = machine.box.area().snapshot();
     EXPECT_EQ(machine.call(mapping_first), "-1");
     EXPECT_EQ(machine.user.new_text(), request("map", 3).refusal(ENODEV));
-    EXPECT_TRUE(machine.box.area().snapshot() == before);
+    EXPECT_EQ(first_difference(machine.box.area().view().bytes(), before), "");
 }
 
 TEST_P(the_whole_region, WhoseUnmappingIsRefusedFailsAfterBothMessages) {
@@ -228,3 +230,5 @@ TEST(a_region_of_2_gib, EndsAProcessThatUnmapsEvenARegisteredDevice) {
 }
 
 } // namespace
+
+} // namespace whole_region_test

@@ -1,5 +1,7 @@
 #include "area_fixture.hpp"
 
+namespace area_check_list_test {
+
 // Each rule of the lists, broken by itself: the rules that are named are all that are found.
 
 namespace {
@@ -188,3 +190,5 @@ TEST(area_check_full, AFullTableIsSound) {
 }
 
 } // namespace
+
+} // namespace area_check_list_test

@@ -1,5 +1,7 @@
 #include "area_fixture.hpp"
 
+namespace area_check_record_test {
+
 // Each rule of the records, broken by itself: the rules that are named are all that are found.
 
 namespace {
@@ -240,3 +242,5 @@ TEST_F(area_check_record, NotesChunksThatAnOnlineDeviceDoesNotSee) {
 }
 
 } // namespace
+
+} // namespace area_check_record_test

@@ -5,6 +5,8 @@
 #include <map>
 #include <random>
 
+namespace area_death_test {
+
 // A process can die between any two stores of a change. Each change is cut here into the
 // container's operations, as the library makes them, and each operation into the words it alters.
 // An operation is then left off with every set of its words written (with many, for one that clears
@@ -328,3 +330,5 @@ TEST_F(area_death, WhileTheOnlyDeviceIsForgottenAndAgainRegistered) {
 }
 
 } // namespace
+
+} // namespace area_death_test

@@ -3,6 +3,8 @@
 #include <ctime>
 #include <random>
 
+namespace area_random_test {
+
 // Any bytes at all: checked and planned for without a fault, in bounded time. Each case prints its
 // seed when it fails.
 
@@ -218,3 +220,5 @@ TEST_F(area_mutation, IsJudgedAndMended) {
 }
 
 } // namespace
+
+} // namespace area_random_test

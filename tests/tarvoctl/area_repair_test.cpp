@@ -1,5 +1,7 @@
 #include "area_fixture.hpp"
 
+namespace area_repair_test {
+
 // What the repair makes of damage, seen through the decoder that knows offsets only.
 
 namespace {
@@ -324,3 +326,5 @@ TEST_F(area_repair, CanItselfBeInterruptedAtEveryEdit) {
 }
 
 } // namespace
+
+} // namespace area_repair_test

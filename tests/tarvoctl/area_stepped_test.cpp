@@ -9,6 +9,8 @@
 #include <optional>
 #include <set>
 
+namespace area_stepped_test {
+
 // The library as it was built here, stepped through one instruction at a time inside its lock, in a
 // sandbox. What the area file holds between two instructions is what a process that dies there
 // leaves, whatever kills it: the file is mapped shared, and nothing of it is kept elsewhere. So
@@ -405,3 +407,5 @@ TEST_F(area_survived, DeathsWhileTheOnlyDeviceIsForgotten) {
 }
 
 } // namespace
+
+} // namespace area_stepped_test

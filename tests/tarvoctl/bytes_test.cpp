@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+namespace bytes_test {
+
 namespace {
 
 class Bytes : public ::testing::Test {
@@ -233,3 +235,5 @@ TEST(Read, TellsAtATerminalHowFarItIsWhenThatTakesLong) {
 }
 
 } // namespace
+
+} // namespace bytes_test

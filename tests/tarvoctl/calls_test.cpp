@@ -10,6 +10,8 @@
 #include <thread>
 #include <unistd.h>
 
+namespace calls_test {
+
 namespace {
 
 std::string first_column(const tool_outcome& outcome) {
@@ -501,3 +503,5 @@ TEST_P(Dump, IsTheLibrarysOwnByteForByte) {
 INSTANTIATE_TEST_SUITE_P(Worlds, Dump, ::testing::ValuesIn(all_worlds()), world_name());
 
 } // namespace
+
+} // namespace calls_test

@@ -4,6 +4,8 @@
 #include <functional>
 #include <gtest/gtest.h>
 
+namespace changes_test {
+
 // What diff and watch call a change, as diff prints it: it has a before and an after that stand
 // still.
 
@@ -255,3 +257,5 @@ TEST_F(Changes, MillionsOfMappingsAreCountedInBoundedMemory) {
 #endif
 
 } // namespace
+
+} // namespace changes_test

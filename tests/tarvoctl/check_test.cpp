@@ -6,6 +6,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+namespace check_test {
+
 namespace {
 
 /// Three chunks, elements 2 to 4.
@@ -443,3 +445,5 @@ TEST(Diff, ComplainsFirstOfTheFileThatWasNamed) {
 }
 
 } // namespace
+
+} // namespace check_test

@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+namespace damage_test {
+
 // What commands do with an area that breaks its own rules, besides those that check or repair it.
 
 namespace {
@@ -330,3 +332,5 @@ TEST(Unbuilt, AnAreaWithoutChunksIsBuiltByTheFirstCall) {
 }
 
 } // namespace
+
+} // namespace damage_test

@@ -8,6 +8,8 @@
 #include <utility>
 #include <vector>
 
+namespace doctor_test {
+
 namespace {
 
 namespace fs = std::filesystem;
@@ -682,3 +684,5 @@ TEST(Doctor, ChecksTheRecordsWithoutTheLock) {
 }
 
 } // namespace
+
+} // namespace doctor_test

@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 #include <regex>
 
+namespace forms_test {
+
 namespace {
 
 /// What of a text is no address, size or count in the one form that all commands share.
@@ -89,3 +91,5 @@ TEST_F(Forms, OfTimesHaveTheirZone) {
 }
 
 } // namespace
+
+} // namespace forms_test

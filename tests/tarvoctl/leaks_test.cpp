@@ -4,6 +4,8 @@
 #include <csignal>
 #include <gtest/gtest.h>
 
+namespace leaks_test {
+
 namespace {
 
 bool contains(const std::string& text, const std::string& part) {
@@ -151,3 +153,5 @@ TEST(Leaks, SuspectsWhatAProcessThatDiedHadMapped) {
 }
 
 } // namespace
+
+} // namespace leaks_test

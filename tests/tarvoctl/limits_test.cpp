@@ -4,6 +4,8 @@
 
 #include <gtest/gtest.h>
 
+namespace limits_test {
+
 // What C++, tarvoctl and Python take for a device, a name and a size is the same.
 
 namespace {
@@ -96,3 +98,5 @@ TEST(Limits, SizesAreTakenAlikeInAllLanguages) {
 }
 
 } // namespace
+
+} // namespace limits_test

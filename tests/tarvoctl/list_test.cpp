@@ -4,6 +4,8 @@
 #include <fstream>
 #include <gtest/gtest.h>
 
+namespace list_test {
+
 namespace {
 
 TEST(List, ShowsEachChunkWithWhereItLiesAndWhoSeesIt) {
@@ -370,3 +372,5 @@ TEST_F(NoSimulation, WithTheVariableTheHardwareIsLookedAt) {
 }
 
 } // namespace
+
+} // namespace list_test

@@ -3,6 +3,8 @@
 #include <csignal>
 #include <gtest/gtest.h>
 
+namespace lock_test {
+
 namespace {
 
 /// "holds 4711", "waits 4712", ... in the order given, of the lock at that position.
@@ -165,3 +167,5 @@ TEST(Lock, FileThatWasRemovedUnderAProcessIsATrouble) {
 }
 
 } // namespace
+
+} // namespace lock_test

@@ -4,6 +4,8 @@
 #include <fstream>
 #include <gtest/gtest.h>
 
+namespace map_test {
+
 namespace {
 
 /// 64K at the region's start, a gap of 64K, 128M, and the rest of the 256M is free.
@@ -191,3 +193,5 @@ TEST(Map, AnEmptyRegionIsOneGap) {
 }
 
 } // namespace
+
+} // namespace map_test

@@ -6,6 +6,8 @@
 #include <gtest/gtest.h>
 #include <thread>
 
+namespace no_lock_test {
+
 namespace {
 
 using words = std::vector<std::string>;
@@ -165,3 +167,5 @@ TEST_F(NoLock, TopShowsThePageWhileSomebodySitsOnTheLock) {
 }
 
 } // namespace
+
+} // namespace no_lock_test

@@ -4,6 +4,8 @@
 #include <gtest/gtest.h>
 #include <string_view>
 
+namespace picture_test {
+
 namespace {
 
 /// A row of the picture without its address and its frame.
@@ -220,3 +222,5 @@ TEST_F(Svg, HoldsNamesThatXmlCannot) {
 }
 
 } // namespace
+
+} // namespace picture_test

@@ -4,6 +4,8 @@
 #include <ctime>
 #include <gtest/gtest.h>
 
+namespace quantities_test {
+
 namespace {
 
 TEST(Quantities, PhysicalAddressesHaveTenDigitsAndDmaAddressesEight) {
@@ -56,3 +58,5 @@ TEST(Quantities, TimesSayHowFarTheyAreFromUtc) {
 }
 
 } // namespace
+
+} // namespace quantities_test

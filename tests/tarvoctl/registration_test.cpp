@@ -5,6 +5,8 @@
 #include <gtest/gtest.h>
 #include <thread>
 
+namespace registration_test {
+
 namespace {
 
 TEST(Register, LetsADeviceSeeEveryChunk) {
@@ -230,3 +232,5 @@ TEST(Register, ASignalEndsWorkThatChangesNothingAtOnce) {
 }
 
 } // namespace
+
+} // namespace registration_test

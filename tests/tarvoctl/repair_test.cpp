@@ -4,6 +4,8 @@
 #include <gtest/gtest.h>
 #include <thread>
 
+namespace repair_test {
+
 namespace {
 
 /// Three chunks, elements 2 to 4, made by a process that has ended. The second one's back link
@@ -398,3 +400,5 @@ TEST_F(RepairAtATerminal, LeavesAnAreaAloneThatHasChangedSinceThePlan) {
 }
 
 } // namespace
+
+} // namespace repair_test

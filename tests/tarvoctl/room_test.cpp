@@ -3,6 +3,8 @@
 #include <filesystem>
 #include <gtest/gtest.h>
 
+namespace room_test {
+
 // Files that are too short, and file systems that are too full, for what the library maps of them.
 
 namespace {
@@ -313,3 +315,5 @@ TEST(Room, ACallThatEndsBySigbusSaysWhy) {
 }
 
 } // namespace
+
+} // namespace room_test

@@ -7,6 +7,8 @@
 #include <gtest/gtest.h>
 #include <set>
 
+namespace schema_test {
+
 namespace {
 
 /// Each command that knows --json, at least once; with what makes its output long.
@@ -259,3 +261,5 @@ TEST(Schema, ADocumentThatBreaksItIsNoticed) {
 }
 
 } // namespace
+
+} // namespace schema_test

@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+namespace show_test {
+
 namespace {
 
 TEST(Show, TellsAllOfAChunkItsNeighboursAndItsUsers) {
@@ -72,3 +74,5 @@ TEST(Show, ANameThatIsNotThereIsAUsageError) {
 }
 
 } // namespace
+
+} // namespace show_test

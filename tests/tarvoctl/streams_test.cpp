@@ -3,6 +3,8 @@
 #include <fstream>
 #include <gtest/gtest.h>
 
+namespace streams_test {
+
 // Standard input, output and error that cannot be used.
 
 namespace {
@@ -96,3 +98,5 @@ TEST(Streams, AWrongWordIsNamed) {
 }
 
 } // namespace
+
+} // namespace streams_test

@@ -6,6 +6,8 @@
 #include <regex>
 #include <termios.h>
 
+namespace top_test {
+
 namespace {
 
 /// What a page shows, without the escapes.
@@ -225,3 +227,5 @@ TEST(TopWithoutAnArea, WaitsForIt) {
 }
 
 } // namespace
+
+} // namespace top_test

@@ -5,6 +5,8 @@
 #include <regex>
 #include <unistd.h>
 
+namespace watch_test {
+
 namespace {
 
 running_tool start_watch(sandbox& machine, const std::vector<std::string>& more = {}) {
@@ -161,3 +163,5 @@ TEST(Watch, WrongIntervalsAreUsageErrors) {
 }
 
 } // namespace
+
+} // namespace watch_test

@@ -4,6 +4,8 @@
 #include <gtest/gtest.h>
 #include <sstream>
 
+namespace who_test {
+
 namespace {
 
 std::vector<std::string> words_of(const std::string& line) {
@@ -236,3 +238,5 @@ TEST(Who, MakesNoFileWhereThereIsNoArea) {
 }
 
 } // namespace
+
+} // namespace who_test

@@ -12,6 +12,8 @@
 #include <unistd.h>
 #include <vector>
 
+namespace area_test {
+
 // The decoder that the tests judge with is judged here: it walks a sound area, and it says of a
 // damaged one which rule is broken.
 
@@ -317,3 +319,5 @@ TEST(area_decoder, RefusesAFileThatIsShortOrMissing) {
 }
 
 } // namespace
+
+} // namespace area_test

@@ -11,6 +11,8 @@
 #include <gtest/gtest.h>
 #include <string>
 
+namespace assertion_test {
+
 namespace {
 
 int evaluations = 0;
@@ -55,3 +57,5 @@ TEST(assertion, ShowsASourceLineAndSignatureThatAreGiven) {
 }
 
 } // namespace
+
+} // namespace assertion_test

@@ -8,6 +8,8 @@
 #include <ostream>
 #include <vector>
 
+namespace layout_test {
+
 // The shared area is a contract between processes of every build. It is written down a second time
 // here and in area.cpp, as numbers, and each member is set through one of the two views and looked
 // for through the other.
@@ -354,3 +356,5 @@ TEST(layout, AnAllocatedChunksDeviceListIsBuiltAndTheSentinelsIsNot) {
 }
 
 } // namespace
+
+} // namespace layout_test

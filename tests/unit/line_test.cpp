@@ -9,6 +9,8 @@
 #include <string>
 #include <vector>
 
+namespace line_test {
+
 namespace {
 
 struct values {
@@ -92,3 +94,5 @@ TEST(a_line, TouchesNoBufferThatHasNoBytes) {
 }
 
 } // namespace
+
+} // namespace line_test

@@ -13,6 +13,8 @@
 #include <gtest/gtest.h>
 #include <string>
 
+namespace list_breach_test {
+
 namespace {
 
 using testing::IsEmpty;
@@ -265,3 +267,5 @@ TEST(list_walk_ends_the_process, WhereItNeverMeetsTheTail) {
 }
 
 } // namespace
+
+} // namespace list_breach_test

@@ -10,6 +10,8 @@
 #include <string>
 #include <utility>
 
+namespace list_model_test {
+
 // Random operations on the container, beside a plain model of it that is compared after each one.
 // A failure names its seed; TARVO_TEST_SEED=<seed> replays that one and shows every step.
 
@@ -154,3 +156,5 @@ TEST(list_random_operations, LeaveTheListLikeItsModel) {
 }
 
 } // namespace
+
+} // namespace list_model_test

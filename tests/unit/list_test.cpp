@@ -7,6 +7,8 @@
 #include <gtest/gtest.h>
 #include <type_traits>
 
+namespace list_test {
+
 // What each operation of the container does when it is used as it should be.
 
 namespace {
@@ -370,3 +372,5 @@ TEST(list_free, ZeroesAnEmbeddedListToo) {
 }
 
 } // namespace
+
+} // namespace list_test

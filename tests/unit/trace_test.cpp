@@ -8,6 +8,8 @@
 #include <string>
 #include <unistd.h>
 
+namespace trace_test {
+
 // The library's own trace macros. The handle is made once in a process, so each case is a process.
 
 namespace {
@@ -106,3 +108,5 @@ TEST(trace, ReadsTheEnvironmentOnceOnFirstUse) {
 }
 
 } // namespace
+
+} // namespace trace_test

@@ -11,6 +11,8 @@
 #include <sstream>
 #include <string>
 
+namespace zul_test {
+
 // The stand-in for the support library: which records the environment enables, and what they are.
 
 namespace {
@@ -175,3 +177,5 @@ TEST(zul_format, HasNoLimitOfItsOwn) {
 }
 
 } // namespace
+
+} // namespace zul_test
