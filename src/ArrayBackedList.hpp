@@ -107,7 +107,7 @@ struct ArrayBackedList {
     /// otherwise keep it for ever, and the lock with it.
     static void check_visited(int visited) { LIST_ASSERT(visited <= MAX, "visited <= MAX", 166); }
 
-    /// Links `new_elem` directly behind `cur`. The head never changes.
+    /// Links `new_elem` directly after `cur`. The head never changes.
     void insert_after(T* cur, T* new_elem) {
         LIST_ASSERT(cur->allocated && new_elem->allocated, "cur->allocated && new_elem->allocated",
                     49);
@@ -151,10 +151,10 @@ struct ArrayBackedList {
         }
         before_what_follows();
         T* before = at(cur->prev);
-        T* behind = at(cur->next);
-        set_prev(behind, before);
+        T* after = at(cur->next);
+        set_prev(after, before);
         before_what_follows();
-        set_next(before, behind);
+        set_next(before, after);
     }
 
     /// Takes the first element off the free chain and marks it; the caller links it. The caller

@@ -24,7 +24,7 @@ class short_text {
     }
 
     std::string_view view() const noexcept { return {_bytes.data(), _length}; }
-    /// With a zero byte behind it.
+    /// With a zero byte after it.
     const char* c_str() const noexcept { return _bytes.data(); }
 
     friend bool operator==(const short_text&, const short_text&) noexcept = default;
@@ -43,7 +43,7 @@ class chunk {
         : _name(name), _dma(dma), _size(size) {}
 
     std::string_view name() const noexcept { return _name.view(); }
-    /// The name with a zero byte behind it, for the C calls.
+    /// The name with a zero byte after it, for the C calls.
     const char* c_name() const noexcept { return _name.c_str(); }
     /// Where devices see its first byte.
     dma_address dma() const noexcept { return _dma; }

@@ -22,7 +22,7 @@ struct limits {
     physical_address physical_start;
     bytes size;
 
-    /// Differences wrap, so that an address below the start is far behind the end.
+    /// Differences wrap, so that an address below the start is far beyond the end.
     constexpr bool holds(dma_address dma) const noexcept {
         return dma >= start && dma - start <= size;
     }
@@ -45,7 +45,7 @@ inline result<limits> get_limits() noexcept {
                      "the library cannot start; the lines above on standard error say what it "
                      "looked for. Set SIMULATION_VMID to try without a device's memory");
     }
-    // The end wraps with the addresses; the size does not, for it is below 4 GiB.
+    // The end wraps with the addresses; the size does not, because it is below 4 GiB.
     return limits{dma_address(start), physical_address(tarvo_dma_to_pa(start)),
                   dma_address(end) - dma_address(start)};
 }

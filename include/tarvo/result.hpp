@@ -19,7 +19,7 @@ namespace tarvo {
 /// Kinds of failure, for programs to tell apart. What to tell people is in error::message(). None
 /// is 0, and the numbers stay; new kinds get the next ones.
 enum class error_code {
-    bad_name = 1,     ///< the name is empty, too long, reserved, or cannot be told from another
+    bad_name = 1,     ///< the name is empty, too long, reserved, or reads like another
     bad_creator,      ///< the creator is empty or holds a zero byte
     bad_size,         ///< no chunk, or no request, can have that size
     bad_window,       ///< the window does not lie in the chunk, or does not start on a page

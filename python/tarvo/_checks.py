@@ -26,7 +26,7 @@ def decoded(text: bytes) -> str:
 def c_text(what: str, text: str) -> bytes:
     """A text that can be given to a C call."""
     if not isinstance(text, str):
-        raise BadArgument(f"{what} {text!r} is no str")
+        raise BadArgument(f"{what} {text!r} is not a str")
     try:
         code = encoded(text)
     except UnicodeEncodeError:
@@ -63,7 +63,7 @@ def number(what: str, value: int, bits: int) -> int:
     try:
         exact = operator.index(value)
     except TypeError:
-        raise BadArgument(f"{what} {value!r} is no whole number") from None
+        raise BadArgument(f"{what} {value!r} is not a whole number") from None
     if not 0 <= exact < 1 << bits:
         raise BadArgument(f"{what} {exact:#x} is not within 0 to {(1 << bits) - 1:#x}")
     return exact

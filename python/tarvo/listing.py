@@ -181,7 +181,7 @@ def _lock_held() -> Generator[Limits, None, None]:
     """Takes the lock of all processes, and gives it back when it is closed or forgotten.
 
     A signal's handler can raise behind every call. A generator ends by its own `finally` whatever
-    happens to those who use it; an object that keeps the lock would have to be told.
+    happens to those who use it; an object that keeps the lock would need a notice.
     """
     global _listing_is_open
     with calls:

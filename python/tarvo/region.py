@@ -59,7 +59,7 @@ def get_limits() -> Limits:
                 "Set SIMULATION_VMID to try without a device's memory"
             )
         physical_start = library().tarvo_dma_to_pa(start.value)
-    # The end wraps with the addresses; the size does not, for it is below 4 GiB.
+    # The end wraps with the addresses; the size does not, because it is below 4 GiB.
     size = (end.value - start.value) % (1 << 32)
     return Limits(DmaAddress(start.value), PhysicalAddress(physical_start), size)
 

@@ -60,7 +60,7 @@ def register_device(device: Device) -> None:
 
 def _check_device(device: Device) -> None:
     if not isinstance(device, Device):
-        raise BadArgument(f"{device!r} is no tarvo.Device; Device.parse() makes one of a text")
+        raise BadArgument(f"{device!r} is not a tarvo.Device; Device.parse() makes one of a text")
 
 
 def _check_registrable(now: Listing, device: Device) -> None:

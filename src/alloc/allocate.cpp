@@ -34,7 +34,7 @@ dma_chunk_t* find_chunk_desc(dma_chunk_t* named, uint32_t size) {
     return nullptr;
 }
 
-/// Free elements are zero, so the size tells them from chunks that were found.
+/// Free elements are zero, so the size distinguishes them from chunks that were found.
 bool is_free_element(const dma_chunk_t& chunk) {
     return chunk.size == 0;
 }
@@ -107,7 +107,7 @@ bool enter_chunk(dma_chunk_t* chunk, const char* name, uint32_t size, const char
     memcpy(chunk->name, name, strlen(name) + 1);
     const place found = find_place(name, size, known_room);
     if (found.predecessor == nullptr) {
-        // The driver is told to release the memory even when it gave none.
+        // The driver is asked to release the memory even when it gave none.
         dma_chunks->free(chunk);
         release_cma(name, size);
         return false;
@@ -198,7 +198,7 @@ uint32_t tarvo_alloc_func(const char* name, size_t size, const char* creator) {
         return 0;
     }
     const uint32_t rounded = round_to_pages(static_cast<uint32_t>(size));
-    const survey found = survey_for(name, rounded);
+    const lookup found = look_up(name, rounded);
     dma_chunk_t* chunk = find_or_take(found.named, rounded);
     if (chunk == nullptr) {
         return 0;

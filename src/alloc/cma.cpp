@@ -43,7 +43,7 @@ bool request_allocation(const char* name, uint32_t size) {
     return !refused;
 }
 
-/// Looks for the allocation of that name and size among the lines behind the region's own. The
+/// Looks for the allocation of that name and size among the lines after the region's own. The
 /// first line that cannot be read as an allocation ends the search.
 uint64_t find_allocation(FILE* driver, const char* name, uint32_t size) {
     char line[driver_line_bytes];

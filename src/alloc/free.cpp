@@ -21,7 +21,7 @@ int tarvo_free(const char* name) {
         return -1;
     }
     // Unlike every other lookup this one compares __TAIL, too.
-    dma_chunk_t* chunk = first_named(name, chunks_behind_head());
+    dma_chunk_t* chunk = first_named(name, chunks_after_head());
     if (chunk == nullptr) {
         return -1;
     }

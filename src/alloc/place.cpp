@@ -11,11 +11,11 @@ uint64_t end_of(const dma_chunk_t& chunk) {
 }
 
 /// The first chunk between which and its successor `fits` (predecessor, successor) holds. __HEAD
-/// can be the one, __TAIL the other; what a damaged list has behind __TAIL is not looked at.
+/// can be the one, __TAIL the other; what a damaged list has after __TAIL is not looked at.
 template <typename Predicate>
 dma_chunk_t* first_predecessor(Predicate fits) {
     dma_chunk_t* prev = dma_chunk_head;
-    for (dma_chunk_t& cur : chunks_behind_head()) {
+    for (dma_chunk_t& cur : chunks_after_head()) {
         if (fits(*prev, cur)) {
             return prev;
         }
@@ -27,8 +27,8 @@ dma_chunk_t* first_predecessor(Predicate fits) {
     return nullptr;
 }
 
-/// The place directly behind that chunk.
-place behind(dma_chunk_t& predecessor) {
+/// The place directly after that chunk.
+place place_after(dma_chunk_t& predecessor) {
     return {&predecessor, end_of(predecessor)};
 }
 
@@ -43,19 +43,19 @@ bool names_are_there = false;
 
 /// A function of its own, so that a search for a name alone does not save and restore what this one
 /// keeps in registers.
-[[gnu::noinline]] survey survey_with_gaps(const char* name, uint32_t size) {
+[[gnu::noinline]] lookup look_up_with_gaps(const char* name, uint32_t size) {
     const wanted_name wanted(name);
-    place gap = behind(*dma_chunk_head);
+    place gap = place_after(*dma_chunk_head);
     chunk_walk::iterator at = chunks_between_sentinels().begin();
     for (; !at.at_end(); ++at) {
         dma_chunk_t& chunk = *at;
         if (has_room(gap, chunk, size)) {
             return {first_named(name, {&chunk, dma_chunk_tail}), gap};
         }
-        if (wanted.is_name_of(chunk)) {
+        if (wanted.matches(chunk)) {
             return {&chunk, {}};
         }
-        gap = behind(chunk);
+        gap = place_after(chunk);
     }
     const dma_chunk_t* tail = at.stopped_before();
     return {nullptr, tail != nullptr && has_room(gap, *tail, size) ? gap : place{}};
@@ -70,12 +70,12 @@ uint64_t free_size(dma_chunk_t* a, dma_chunk_t* b) {
 place first_fit(uint32_t size) {
     dma_chunk_t* predecessor = first_predecessor(
         [size](dma_chunk_t& prev, dma_chunk_t& cur) { return free_size(&prev, &cur) >= size; });
-    return predecessor != nullptr ? behind(*predecessor) : place{};
+    return predecessor != nullptr ? place_after(*predecessor) : place{};
 }
 
-survey survey_for(const char* name, uint32_t size) {
-    const survey found = names_are_there ? survey{first_named(name, chunks_between_sentinels()), {}}
-                                         : survey_with_gaps(name, size);
+lookup look_up(const char* name, uint32_t size) {
+    const lookup found = names_are_there ? lookup{first_named(name, chunks_between_sentinels()), {}}
+                                         : look_up_with_gaps(name, size);
     names_are_there = found.named != nullptr;
     return found;
 }

@@ -4,7 +4,8 @@
 
 #include <cstdint>
 
-/// Where a new chunk goes: directly behind `predecessor` in the list; null when there is no room.
+/// Where a new chunk goes: directly after `predecessor` in the list; null when no gap is large
+/// enough.
 struct place {
     dma_chunk_t* predecessor;
     uint64_t pa;
@@ -14,7 +15,7 @@ struct place {
 place first_fit(uint32_t size);
 
 /// What the search for a name has found on its way.
-struct survey {
+struct lookup {
     dma_chunk_t* named; ///< the lowest chunk of that name; null when there is none
     /// The first gap of that many bytes below it, or below __TAIL; null also where gaps were not
     /// looked at.
@@ -24,7 +25,7 @@ struct survey {
 /// Most names that are not there are about to be placed, so the gaps are looked at on the way,
 /// unless the last name that was asked for was there: then this one may be, too, and a search for a
 /// name alone is shorter. A wrong guess takes first_fit() as well.
-survey survey_for(const char* name, uint32_t size);
+lookup look_up(const char* name, uint32_t size);
 
 /// The place in the list of a chunk whose address the kernel driver chose. Its end is not looked
 /// at: the driver answers for that.

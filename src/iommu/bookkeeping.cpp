@@ -61,8 +61,8 @@ void report_failed_request(const char* op, const iommu_dev_t& dev, int result,
     fprintf(stderr, format, function, op, device->c_str(), result, where->c_str());
 }
 
-/// Sends one request for one chunk and judges the answer by errno as it stands then. Writing a
-/// report can have changed it: nothing restores it, and the messages show what is judged by.
+/// Sends one request for one chunk and reads the answer from errno as it stands then. Writing a
+/// report can have changed it: nothing restores it, and the messages show the value that decides.
 outcome send_for_chunk(const char* op, dma_chunk_t* chunk, iommu_dev_t* dev) {
     if (map_unmap_chunk(op, chunk, dev) == 0) {
         return outcome::accepted;

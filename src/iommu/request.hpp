@@ -16,7 +16,7 @@ struct iommu_mapping_t {
 
 /// Asks the kernel driver to "map" or "unmap" (`op`) a range for one PCI device, with `prot` as
 /// its protection mask. Returns 0 when the driver accepted, or has no IOMMU at all; a negative
-/// value otherwise, and standard error is told. errno is then what the last of these steps left, in
-/// most cases the driver's answer. Takes no lock.
+/// value otherwise, and standard error has a report. errno is then what the last of these steps
+/// left, in most cases the driver's answer. Takes no lock.
 int tarvo_iommu_act(const char* op, unsigned domain, unsigned bus, unsigned devfn, unsigned prot,
                     iommu_mapping_t* mapping);

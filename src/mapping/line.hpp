@@ -9,7 +9,7 @@
 
 /// Writes a line into a buffer as snprintf does, whatever the buffer's size: what does not fit is
 /// cut off but counted, and a zero byte ends it. A listing is nothing but lines, and snprintf takes
-/// several times as long for one as the list takes to tell its contents.
+/// several times as long for one as the list takes to yield its contents.
 class line {
   public:
     /// `bytes` is all of the buffer; with 0 nothing is written.

@@ -24,7 +24,7 @@ struct window {
 
     uint32_t end() const { return static_cast<uint32_t>(offset + size); }
 
-    /// Size 0 stands for the rest of the chunk. An offset behind the chunk's end wraps here and is
+    /// Size 0 stands for the rest of the chunk. An offset beyond the chunk's end wraps here and is
     /// caught by fits().
     void complete(const dma_chunk_t& chunk) {
         if (size == 0) {
@@ -37,7 +37,7 @@ struct window {
     }
 };
 
-/// Traces tarvo_map's arguments and, behind them, what became of the call; `error` is an errno. The
+/// Traces tarvo_map's arguments and, after them, what became of the call; `error` is an errno. The
 /// record carries the line of whoever calls this.
 void trace_map(const char* name, const window& part, const char* outcome, int error = 0,
                int line = __builtin_LINE()) {

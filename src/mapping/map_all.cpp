@@ -17,7 +17,7 @@ namespace {
 /// Null when the region is not mapped. A character pointer: the trace shows what it points at.
 char* tarvo_mapall_va = nullptr;
 
-/// Calls of tarvo_map_all not yet balanced. A mapping that failed is counted, too, and thereby
+/// Calls of tarvo_map_all not yet balanced. A mapping that failed is counted, too, and so
 /// never tried again in this process.
 int tarvo_mapall_refcount = 0;
 

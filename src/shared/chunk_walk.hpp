@@ -32,7 +32,7 @@ class chunk_walk {
         /// The quick step, which is nearly always taken, needs registers only. The slow one is
         /// given a copy: an object whose address is known elsewhere is kept in memory.
         [[gnu::always_inline]] iterator& operator++() {
-            const size_t guess = incognito(chunk_order.after(_element));
+            const size_t guess = opaque(chunk_order.after(_element));
             --_quick_steps;
             if (_quick_steps != 0 && _list->leads_to(*_chunk, _element, guess)) [[likely]] {
                 _chunk = &_list->_arr[guess];
@@ -61,7 +61,7 @@ class chunk_walk {
 
         /// The same number, but the compiler does not know: it could otherwise go on with the link
         /// that was compared and found equal, and wait for it after all.
-        static size_t incognito(size_t element) {
+        static size_t opaque(size_t element) {
             asm("" : "+r"(element));
             return element;
         }
@@ -126,7 +126,7 @@ inline chunk_walk chunks_between_sentinels() {
     return {dma_chunks->next(dma_chunk_head), dma_chunk_tail};
 }
 
-/// Everything behind __HEAD, __TAIL included.
-inline chunk_walk chunks_behind_head() {
+/// Everything after __HEAD, __TAIL included.
+inline chunk_walk chunks_after_head() {
     return {dma_chunks->next(dma_chunk_head), nullptr};
 }

@@ -11,7 +11,7 @@ struct dma_window {
 
     static constexpr uint32_t high_region_dma = 0x20000000;
 
-    /// Whether the region, or the first byte behind it, is out of reach of a 32-bit address.
+    /// Whether the region, or the first byte after it, is out of reach of a 32-bit address.
     constexpr bool is_high() const { return (first_pa >> 32) != 0 || (end_pa >> 32) != 0; }
 
     constexpr uint64_t pa_of(uint32_t dma) const {

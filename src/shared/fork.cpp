@@ -47,7 +47,7 @@ int opened_again() {
     return fd != -1 ? fd : opened_again(lock_path);
 }
 
-/// Where no descriptor is to spare the parent's goes first. If the file is no longer at its path
+/// Where no descriptor is free the parent's is closed first. If the file is no longer at its path
 /// either, the child has no lock and its calls fail: with its parent's they would damage the lists.
 int opened_in_place_of_the_parents() {
     close(lock_fd);

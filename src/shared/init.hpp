@@ -19,8 +19,8 @@ inline bool is_started() {
 /// The first start of this process, for library_is_ready.
 [[gnu::cold]] bool start_or_complain();
 
-/// tarvo_init for the top of an exported call: true when ready; otherwise standard error has
-/// also been told that the library is not.
+/// tarvo_init for the top of an exported call: true when ready; otherwise standard error
+/// says, after the reason, that the library is not.
 inline bool library_is_ready() {
     return shm_base != nullptr || start_or_complain();
 }

@@ -5,7 +5,7 @@
 #include <array>
 #include <cstdint>
 
-/// The list order of the chunks as this process last saw it: for each element the one behind it.
+/// The list order of the chunks as this process last saw it: for each element its successor.
 ///
 /// A walk that reads a link to learn where the next record is waits for memory at every step. With
 /// this table it knows beforehand, so that many records are on their way at once, and only compares
@@ -13,7 +13,7 @@
 /// change the list at will, and a wrong entry costs time, never a wrong step.
 class remembered_order {
   public:
-    /// Elements that were never looked at are taken to lie one behind the other, as in a list that
+    /// Elements that were never looked at are taken to follow each other, as in a list that
     /// was only filled.
     constexpr remembered_order() {
         for (size_t element = 0; element < chunk_capacity; ++element) {

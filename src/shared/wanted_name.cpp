@@ -3,7 +3,7 @@
 dma_chunk_t* first_named(const char* name, chunk_walk chunks) {
     const wanted_name wanted(name);
     for (dma_chunk_t& chunk : chunks) {
-        if (wanted.is_name_of(chunk)) {
+        if (wanted.matches(chunk)) {
             return &chunk;
         }
     }

@@ -22,7 +22,7 @@ class wanted_name {
         }
     }
 
-    bool is_name_of(const dma_chunk_t& chunk) const {
+    bool matches(const dma_chunk_t& chunk) const {
         uint64_t end;
         memcpy(&end, chunk.name + _end_at, sizeof end);
         return (end & _counts) == _end && strcmp(chunk.name, _name) == 0;

@@ -48,7 +48,7 @@ std::string unmap(const arguments& a) {
     return status(tarvo_unmap(a.text(0), a.address(1), a.size(2)));
 }
 
-/// The second result is shown as it was left, to tell "not written" from "written as 0".
+/// The second result is shown as it was left, to distinguish "not written" from "written as 0".
 std::string find(const arguments& a) {
     uint32_t chunk_dma = 0xdeadbeef;
     const char* name = tarvo_find(a.number_32(0), &chunk_dma);
@@ -87,7 +87,7 @@ std::string dump_begin(const arguments& /*none*/) {
     return yes_or_no(tarvo_dump_begin());
 }
 
-/// The line, or "end"; "overrun" when a byte behind the buffer was written.
+/// The line, or "end"; "overrun" when a byte after the buffer was written.
 std::string listed(const arguments& a, bool (*next)(char*, size_t)) {
     constexpr size_t fence_bytes = 1024; // longer than any line
     constexpr char untouched = '\x5a';

@@ -1,4 +1,4 @@
-// tarvo-client: an ordinary user of the library that does what it is told, one command a line on
+// tarvo-client: an ordinary user of the library that does what it is ordered, one command a line on
 // standard input, one reply a line on standard output. "help" lists the commands.
 
 #include "channel.hpp"

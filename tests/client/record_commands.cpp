@@ -78,7 +78,7 @@ std::string add_dev(const arguments& a) {
     return "done";
 }
 
-/// The element number of the reference behind the removed one.
+/// The element number of the reference after the removed one.
 std::string remove_dev(const arguments& a) {
     dma_chunk_t* const holder = chunk(a, 0);
     unsigned char* const first = references(holder);

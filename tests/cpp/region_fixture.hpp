@@ -68,12 +68,12 @@ class region_fixture : public testing::Test {
 /// That a result is an error of that kind, and what its message has to name.
 template <typename T>
 testing::AssertionResult fails_with(const tarvo::result<T>& result, tarvo::error_code code,
-                                    std::string_view told) {
+                                    std::string_view reported) {
     if (result) {
         return testing::AssertionFailure() << "it succeeded";
     }
     const std::string message = result.error().message();
-    if (result.error().code() != code || message.find(told) == std::string::npos) {
+    if (result.error().code() != code || message.find(reported) == std::string::npos) {
         return testing::AssertionFailure()
                << "code " << static_cast<int>(result.error().code()) << ": " << message;
     }

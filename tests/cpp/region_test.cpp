@@ -64,23 +64,23 @@ TEST_F(whole, region_is_mapped_once_and_counted) {
 /// Run in a world that has no region.
 TEST(without_a_region, every_call_says_so) {
     constexpr auto code = error_code::not_started;
-    constexpr const char* told = "cannot start";
-    EXPECT_TRUE(fails_with(tarvo::get_limits(), code, told));
-    EXPECT_TRUE(fails_with(tarvo::dma_to_pa(dma_address(1)), code, told));
-    EXPECT_TRUE(fails_with(tarvo::pa_to_dma(physical_address(1)), code, told));
-    EXPECT_TRUE(fails_with(tarvo::whole_region::map(), code, told));
-    EXPECT_TRUE(fails_with(tarvo::listing::open(), code, told));
-    EXPECT_TRUE(fails_with(tarvo::allocate("ring", 4_KiB, "test"), code, told));
-    EXPECT_TRUE(fails_with(tarvo::find_chunk("ring"), code, told));
-    EXPECT_TRUE(fails_with(tarvo::find_chunk(dma_address(1)), code, told));
-    EXPECT_TRUE(fails_with(tarvo::free_chunk("ring"), code, told));
+    constexpr const char* reported = "cannot start";
+    EXPECT_TRUE(fails_with(tarvo::get_limits(), code, reported));
+    EXPECT_TRUE(fails_with(tarvo::dma_to_pa(dma_address(1)), code, reported));
+    EXPECT_TRUE(fails_with(tarvo::pa_to_dma(physical_address(1)), code, reported));
+    EXPECT_TRUE(fails_with(tarvo::whole_region::map(), code, reported));
+    EXPECT_TRUE(fails_with(tarvo::listing::open(), code, reported));
+    EXPECT_TRUE(fails_with(tarvo::allocate("ring", 4_KiB, "test"), code, reported));
+    EXPECT_TRUE(fails_with(tarvo::find_chunk("ring"), code, reported));
+    EXPECT_TRUE(fails_with(tarvo::find_chunk(dma_address(1)), code, reported));
+    EXPECT_TRUE(fails_with(tarvo::free_chunk("ring"), code, reported));
     const tarvo::chunk chunk("ring", dma_address(1), 4_KiB);
-    EXPECT_TRUE(fails_with(tarvo::free_chunk(chunk), code, told));
-    EXPECT_TRUE(fails_with(tarvo::map(chunk), code, told));
-    EXPECT_TRUE(fails_with(tarvo::register_device({}), code, told));
-    EXPECT_TRUE(fails_with(tarvo::unregister_device({}), code, told));
-    EXPECT_TRUE(fails_with(tarvo::iommu_map({}, tarvo::access::read), code, told));
-    EXPECT_TRUE(fails_with(tarvo::iommu_unmap({}), code, told));
+    EXPECT_TRUE(fails_with(tarvo::free_chunk(chunk), code, reported));
+    EXPECT_TRUE(fails_with(tarvo::map(chunk), code, reported));
+    EXPECT_TRUE(fails_with(tarvo::register_device({}), code, reported));
+    EXPECT_TRUE(fails_with(tarvo::unregister_device({}), code, reported));
+    EXPECT_TRUE(fails_with(tarvo::iommu_map({}, tarvo::access::read), code, reported));
+    EXPECT_TRUE(fails_with(tarvo::iommu_unmap({}), code, reported));
 }
 
 /// Run in a world whose region no single request can describe.

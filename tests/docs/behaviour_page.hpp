@@ -5,7 +5,7 @@
 #include <string_view>
 #include <vector>
 
-// docs/behaviour.md as data. What cannot be read is kept and told, never passed over.
+// docs/behaviour.md as data. What cannot be read is kept and reported, never passed over.
 
 /// A code span, a name in italics, or the words between them.
 enum class part_kind { code, name, words };

@@ -41,7 +41,7 @@ std::string joined(const std::vector<std::string>& words) {
 // ---- What a row expects --------------------------------------------------------------------
 
 /// `text`, *name of a shared text*, assertion `expression` in `signature`, container assertion
-/// `expression`, line `number`; each as often as needed, one behind the other.
+/// `expression`, line `number`; each as often as needed, one after the other.
 class error_text_reader {
   public:
     explicit error_text_reader(const std::string& cell) : _parts(parts_of(cell)) {}

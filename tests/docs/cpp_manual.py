@@ -149,7 +149,7 @@ def types_in(source: str) -> Dict[str, Set[str]]:
     return found
 
 
-#: What a listing returns is told in words.
+#: What a listing returns is said in words.
 RANGES = ("chunk_range", "device_range")
 
 
@@ -188,8 +188,8 @@ def set_aside(names: List[str], others: List[str]) -> List[str]:
 class Errors(unittest.TestCase):
     def test_are_all_told_in_their_order(self) -> None:
         (codes,) = (n for n in namespace(HEADER) if n.get("name") == "error_code")
-        told = re.findall(r"^\.It Dv (\w+)$", section("ERRORS"), re.MULTILINE)
-        self.assertEqual(enumerators(codes), told)
+        reported = re.findall(r"^\.It Dv (\w+)$", section("ERRORS"), re.MULTILINE)
+        self.assertEqual(enumerators(codes), reported)
 
 
 if __name__ == "__main__":

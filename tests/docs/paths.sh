@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Every file of the project that a document names is there, and every file of the library is in
-# the page that tells where things are decided.
+# the page that says where things are decided.
 set -euo pipefail
 
 rooms='src|include|tools|tests|examples|scripts|docs|man|cmake|packaging|python|completions|\.ci'

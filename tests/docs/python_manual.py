@@ -132,12 +132,12 @@ class Description(unittest.TestCase):
 
     def test_has_every_exception_with_what_it_also_is(self) -> None:
         items = re.split(r"^\.It Sy ", section("ERRORS"), flags=re.MULTILINE)[1:]
-        told = {item.split()[0]: set(re.findall(r"Also a\n\.Sy (\w+)", item)) for item in items}
+        reported = {item.split()[0]: set(re.findall(r"Also a\n\.Sy (\w+)", item)) for item in items}
         real = {
             kind.__name__: {base.__name__ for base in kind.__bases__} - {"TarvoError"}
             for kind in exceptions() - {tarvo.TarvoError}
         }
-        self.assertEqual(real, told)
+        self.assertEqual(real, reported)
 
 
 class Examples(unittest.TestCase):

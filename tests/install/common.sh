@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Read by the scripts beside it. They are told of the build by variables that begin with TARVO_.
+# Read by the scripts beside it. They learn of the build from variables that begin with TARVO_.
 set -euo pipefail
 umask 022
 export LC_ALL=C.UTF-8

@@ -9,7 +9,7 @@ source "$(dirname "$0")/common.sh"
 packages=$1
 if ((EUID != 0)); then
     fail "This test needs root: installing a package writes where root alone may. A user namespace" \
-        "is no way out, for in it the files of this machine's root belong to nobody." \
+        "does not help, because in it the files of this machine's root belong to nobody." \
         "Run the tests as root, or leave it out: ctest --exclude-regex fresh_root"
 fi
 

@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# lintian.sh FOLDER: Debian's judge of packages. Its warnings are shown by ctest --verbose.
+# lintian.sh FOLDER: Debian's checker of packages. Its warnings are shown by ctest --verbose.
 # shellcheck source=tests/install/common.sh
 source "$(dirname "$0")/common.sh"
 

@@ -160,7 +160,7 @@ bool driver::is_room(uint64_t pa, uint64_t bytes) const {
            });
 }
 
-/// The lowest place starts where the region starts or behind an allocation.
+/// The lowest place starts where the region starts or after an allocation.
 std::optional<uint64_t> driver::first_room(uint32_t size) const {
     std::vector<uint64_t> places{_start};
     for (const allocation& held : _allocations) {

@@ -10,7 +10,7 @@
 
 namespace model {
 
-/// A line of /proc/tarvo behind the first one; what is missing is not in the line.
+/// A line of /proc/tarvo after the first one; what is missing is not in the line.
 struct listing_line {
     std::string name;
     std::optional<uint64_t> pa;

@@ -24,7 +24,7 @@ struct driver_call {
     std::string file;               ///< "proc" or "sysfs"
     std::string event;              ///< "open", "write" or "close"
     bool writing;                   ///< or reading: no call does both
-    const request* asked = nullptr; ///< at a write, and at the close behind it
+    const request* asked = nullptr; ///< at a write, and at the close after it
 };
 
 /// A scripted answer, as tarvo-sandbox(1) explains its rules.

@@ -101,14 +101,14 @@ std::vector<std::string> all_names(const world& where) {
 step generator::next(const prediction& now) {
     for (;;) {
         step proposed = propose(now);
-        if (now.is_applicable(proposed) && is_welcome(now, proposed)) {
+        if (now.is_applicable(proposed) && is_worthwhile(now, proposed)) {
             return proposed;
         }
     }
 }
 
-/// Clients that die are told little, and large chunks take long to zero.
-bool generator::is_welcome(const prediction& now, const step& one) {
+/// Clients that die are asked little, and large chunks take long to zero.
+bool generator::is_worthwhile(const prediction& now, const step& one) {
     prediction trial = now;
     const outcome result = trial.carry_out(one);
     if (result.signal != 0 && one.verb != "kill") {

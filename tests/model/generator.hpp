@@ -47,7 +47,7 @@ class generator {
   private:
     step propose(const prediction& now);
     step propose_for(const prediction& now, int who);
-    bool is_welcome(const prediction& now, const step& one);
+    bool is_worthwhile(const prediction& now, const step& one);
 
     std::vector<std::string> alloc(const prediction& now);
     std::vector<std::string> map(const prediction& now);

@@ -34,7 +34,7 @@ int before(const List& list, size_t i) {
     return list[(i + list.size() - 1) % list.size()].element;
 }
 
-/// Head, tail and first free element lie one behind the other in every container.
+/// Head, tail and first free element lie one after the other in every container.
 template <typename List>
 void show_ends(const area_writer& writer, size_t offset, const List& list,
                const std::deque<int>& free) {
@@ -49,7 +49,7 @@ void show_links(const area_writer& writer, size_t element, int next, int prev) {
     writer.u8(element + at::allocated, 1);
 }
 
-/// Links the free elements up to the first that `seen` does not accept: those behind it never
+/// Links the free elements up to the first that `seen` does not accept: those after it never
 /// changed.
 template <typename Offset, typename Accept>
 void show_free_chain(const area_writer& writer, const std::deque<int>& free, Offset offset,
@@ -128,7 +128,7 @@ std::string field_at(size_t offset) {
                                                {at::devices_head, "devices._head"},
                                                {at::devices_tail, "devices._tail"},
                                                {at::devices_free, "devices._free"},
-                                               {at::content_end, "behind the content"}}};
+                                               {at::content_end, "after the content"}}};
     const size_t first_chunk = at::chunk(0);
     if (offset < first_chunk) {
         return offset == at::initialized ? "initialized" : "padding";

@@ -10,7 +10,7 @@ namespace model {
 
 namespace {
 
-/// The element behind one that is on its list; nothing behind the last.
+/// The element after one that is on its list; nothing after the last.
 template <typename List>
 std::optional<int> following(const List& list, int element) {
     for (size_t i = 0; i + 1 < list.size(); i++) {

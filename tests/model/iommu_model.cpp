@@ -12,7 +12,7 @@ namespace model {
 namespace {
 
 constexpr uint32_t read_and_write = 3;
-/// Forgetting a reference first asks for the one behind it.
+/// Forgetting a reference first asks for the one after it.
 constexpr const char* in_mapping_constructor =
     "tarvo:62: iommu_mapping_t::iommu_mapping_t(int64_t, int64_t, int32_t, int32_t)";
 constexpr const char* in_iommu_map = "tarvo:982: int tarvo_iommu_map(uint, uint, uint, uint)";

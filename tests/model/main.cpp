@@ -3,7 +3,7 @@
 // predicts, after every step. A sequence that fails is shortened and printed so that --replay plays
 // it again.
 
-#include "contest.hpp"
+#include "comparison.hpp"
 #include "generator.hpp"
 #include "shrink.hpp"
 

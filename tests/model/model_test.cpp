@@ -1,7 +1,7 @@
 // That the model test can fail: planted differences are found, shortened and printed so that they
 // can be played again.
 
-#include "contest.hpp"
+#include "comparison.hpp"
 #include "generator.hpp"
 #include "image.hpp"
 #include "real_machine.hpp"
@@ -85,7 +85,7 @@ TEST(model_comparison, SeesOneOtherByteAndNamesItsField) {
     EXPECT_NE(report(70123532).find("(chunks._free)"), std::string::npos);
     EXPECT_NE(report(70123536 + 24).find("(devices[0].online)"), std::string::npos);
     EXPECT_NE(report(70130712).find("(devices._free)"), std::string::npos);
-    EXPECT_NE(report(70131711).find("(behind the content)"), std::string::npos);
+    EXPECT_NE(report(70131711).find("(after the content)"), std::string::npos);
 }
 
 TEST(model_comparison, SeesBytesThatNothingTouchesOnlyWhenItLooksAtAll) {

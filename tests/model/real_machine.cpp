@@ -129,11 +129,11 @@ outcome real_machine::let_end(const step& one, user& ending_one, int expected_si
         end = ending_one.program.finish();
         result.reply = end == normal_end ? "ended" : shown(end);
     } else {
-        step told = one;
+        step order = one;
         if (one.verb == "unmap" && ending_one.mappings.contains(one.words[1].value_or(""))) {
-            told.words[1] = ending_one.mappings.at(one.word(1));
+            order.words[1] = ending_one.mappings.at(one.word(1));
         }
-        end = ending_one.program.dies(command(told, one.verb == "map" ? 1 : 0));
+        end = ending_one.program.dies(command(order, one.verb == "map" ? 1 : 0));
     }
     result.signal = end.signal;
     result.error_text = new_errors(ending_one);
@@ -187,9 +187,9 @@ std::string real_machine::unmap(user& caller, const step& one) {
     if (mapped == caller.mappings.end()) {
         return caller.program.call(command(one));
     }
-    step told = one;
-    told.words[1] = mapped->second;
-    const std::string reply = caller.program.call(command(told));
+    step order = one;
+    order.words[1] = mapped->second;
+    const std::string reply = caller.program.call(command(order));
     return reply + (is_mapped(caller.program, mapped->second) ? " kept" : " gone");
 }
 

@@ -13,7 +13,7 @@
 
 namespace model {
 
-/// A sandbox with clients that use the library, told what the model is told.
+/// A sandbox with clients that use the library, ordered what the model is ordered.
 class real_machine {
   public:
     explicit real_machine(const playground& where);

@@ -20,7 +20,7 @@ std::string word_text(const std::optional<std::string>& word) {
     return is_plain ? *word : ::quoted(*word);
 }
 
-/// Reads what quoted() wrote, from behind the first quotation mark.
+/// Reads what quoted() wrote, from after the first quotation mark.
 std::string read_quotation(std::istream& line) {
     std::string text;
     for (char c = 0; line.get(c) && c != '"';) {

@@ -13,7 +13,7 @@ namespace model {
 /// Who does a step that no client does: the machine itself.
 inline constexpr int the_machine = -1;
 
-/// One thing that a client, or the machine, is told to do.
+/// One thing that a client, or the machine, is ordered to do.
 struct step {
     int who = the_machine; ///< number of the client, from 0
     std::string verb;
@@ -35,7 +35,7 @@ struct playground {
 
     /// Throws std::runtime_error for a world that does not exist.
     world place() const;
-    /// What tarvo-sandbox is to be told beyond the world's name.
+    /// What tarvo-sandbox is given beyond the world's name.
     std::vector<std::string> options() const;
 };
 

@@ -163,7 +163,7 @@ const chunk* first_of_name(const machine_state& machine, const library::text& na
     return found == machine.area.chunks.end() ? nullptr : &*found;
 }
 
-/// A found chunk of no bytes is taken for a fresh one and linked behind itself.
+/// A found chunk of no bytes is taken for a fresh one and linked after itself.
 bool ends_in_a_circle(const machine_state& machine, const step& alloc) {
     const auto size = static_cast<uint32_t>(alloc.number(1));
     const chunk* const existing = first_of_name(machine, alloc.words[0]);

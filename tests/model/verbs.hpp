@@ -20,8 +20,8 @@ struct verb_context {
     const step& what;
 };
 
-/// What a client can be told, and what it replies. Replies are those of tarvo-client, but where
-/// those show addresses of the process: a mapping is told by what is mapped there.
+/// What a client can be ordered, and what it replies. Replies are those of tarvo-client, but where
+/// those show addresses of the process: a mapping is shown by what is mapped there.
 struct verb {
     const char* name;
     size_t words;

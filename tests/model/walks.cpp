@@ -38,13 +38,13 @@ class player {
   private:
     std::string new_errors() {
         const std::string all = without_signatures(without_lines(_process.error_text()));
-        const std::string added = all.substr(std::min(_told, all.size()));
-        _told = all.size();
+        const std::string added = all.substr(std::min(_reported, all.size()));
+        _reported = all.size();
         return added.empty() ? "" : "\n" + added;
     }
 
     process _process;
-    size_t _told = 0;
+    size_t _reported = 0;
     bool _has_ended = false;
 };
 

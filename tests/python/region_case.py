@@ -32,6 +32,6 @@ class RegionCase(unittest.TestCase):
         for device in tarvo.devices():
             tarvo.unregister_device(device)
 
-    def refused(self, kind: type, told: str) -> Any:
+    def refused(self, kind: type, reported: str) -> Any:
         """That a call raises this very exception, and what its message has to name."""
-        return self.assertRaisesRegex(kind, re.escape(told))
+        return self.assertRaisesRegex(kind, re.escape(reported))

@@ -54,7 +54,7 @@ class Chunks(RegionCase):
             with self.refused(tarvo.BadArgument, "name"):
                 tarvo.find_chunk(name)
         for name in (None, 7, b"bytes"):
-            with self.refused(tarvo.BadArgument, "is no str"):
+            with self.refused(tarvo.BadArgument, "is not a str"):
                 tarvo.allocate(name, 4096, "test")  # type: ignore[arg-type]
 
     def test_with_texts_that_cannot_be_encoded_are_refused(self) -> None:
@@ -74,7 +74,7 @@ class Chunks(RegionCase):
             with self.refused(tarvo.BadArgument, "size"):
                 tarvo.allocate("large", size, "test")
         for size in (1.5, "4096", None):
-            with self.refused(tarvo.BadArgument, "is no whole number"):
+            with self.refused(tarvo.BadArgument, "is not a whole number"):
                 tarvo.allocate("large", size, "test")  # type: ignore[arg-type]
 
     def test_that_do_not_fit_are_refused(self) -> None:
@@ -142,10 +142,10 @@ class Chunks(RegionCase):
                 "    sys.stdout.write(bytes(memory.view[:5]).decode())\n"
                 "    memory.view[:5] = b'world'\n"
             )
-            told = subprocess.run(
+            reported = subprocess.run(
                 [sys.executable, "-c", script], capture_output=True, text=True, check=True
             )
-            self.assertEqual(told.stdout, "hello")
+            self.assertEqual(reported.stdout, "hello")
             self.assertEqual(bytes(memory.view[:5]), b"world")
 
     def test_can_be_used_by_threads_at_once(self) -> None:
@@ -387,7 +387,7 @@ class Listings(RegionCase):
         element = tarvo.chunks()[0].element
         assert element is not None
         record = 4 + element * 4280
-        for offset, damage, told in (
+        for offset, damage, reported in (
             (60, b"\x7f" * 8, "outside the region"),
             (9, b"n" * 61, "no chunk's line"),
             (9, b"n" * 600, "a line of more than 511 bytes"),
@@ -398,7 +398,7 @@ class Listings(RegionCase):
                 area.seek(record + offset)
                 area.write(damage)
                 try:
-                    with self.refused(tarvo.Damaged, told):
+                    with self.refused(tarvo.Damaged, reported):
                         tarvo.chunks()
                     self.assertFalse(others_wait())
                 finally:

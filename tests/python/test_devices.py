@@ -66,7 +66,7 @@ class Devices(RegionCase):
                 lambda device: tarvo.iommu_map(device, tarvo.Access.READ),
                 tarvo.iommu_unmap,
             ):
-                with self.refused(tarvo.BadArgument, f"{nothing!r} is no tarvo.Device"):
+                with self.refused(tarvo.BadArgument, f"{nothing!r} is not a tarvo.Device"):
                     call(nothing)  # type: ignore[arg-type]
         for nothing in (None, 3, b"0000:03:00.0"):
             with self.refused(tarvo.BadArgument, "is not a PCI address"):

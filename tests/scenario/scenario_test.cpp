@@ -100,7 +100,7 @@ class scenario : public testing::TestWithParam<setting> {
     }
     void expect(const iommu_request& request) { requests.push_back(request.line()); }
 
-    /// Nobody said a word since this was last asked.
+    /// No process said a word since this was last asked.
     void expect_silence() {
         EXPECT_EQ(one.new_text(), "");
         EXPECT_EQ(other.new_text(), "");

@@ -1,4 +1,4 @@
-# The decoder of the shared area that the tests judge with. Included by whoever needs it.
+# The decoder of the shared area that the tests check with. Included by whoever needs it.
 if(NOT TARGET tarvo_test_area)
     add_library(tarvo_test_area STATIC
         ${CMAKE_CURRENT_LIST_DIR}/area.cpp

@@ -87,11 +87,11 @@ walk follow(const area_view& area, const list_place& list, int start, int last) 
         }
         if (!list.has(at)) {
             way.breach =
-                joined(list.name, ": link ", at, " behind element ", previous, " is out of range");
+                joined(list.name, ": link ", at, " after element ", previous, " is out of range");
             return way;
         }
         if (seen[static_cast<size_t>(at)]) {
-            way.breach = joined(list.name, ": element ", at, " behind element ", previous,
+            way.breach = joined(list.name, ": element ", at, " after element ", previous,
                                 " was already visited");
             return way;
         }

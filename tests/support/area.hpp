@@ -132,7 +132,7 @@ class area_view {
     std::span<const uint8_t> _bytes;
 };
 
-/// Writes single fields, for tests that damage an area. std::out_of_range behind its end.
+/// Writes single fields, for tests that damage an area. std::out_of_range after its end.
 class area_writer {
   public:
     explicit area_writer(std::span<uint8_t> bytes) : _bytes(bytes) {}
@@ -141,7 +141,7 @@ class area_writer {
     void u32(size_t offset, uint32_t value) const;
     void i32(size_t offset, int32_t value) const;
     void u64(size_t offset, uint64_t value) const;
-    /// The text and its terminator; what lies behind stays.
+    /// The text and its terminator; what lies after stays.
     void text(size_t offset, std::string_view value) const;
 
   private:
@@ -170,7 +170,7 @@ class area_file {
     std::span<uint8_t> _bytes;
 };
 
-/// What a test expects to be wrong, and is therefore not told.
+/// What a test expects to be wrong, and is therefore not reported.
 struct area_allowance {
     bool overlap = false;    ///< chunks that overlap: the driver chose their addresses
     bool stale_refs = false; ///< references to a device that was forgotten while it was offline

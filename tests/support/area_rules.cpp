@@ -48,11 +48,11 @@ class inspection {
             breach("initialized is ", +_area.initialized());
         }
         if (!all_zero(_area.raw(1, 3))) {
-            breach("padding behind initialized is not zero");
+            breach("padding after initialized is not zero");
         }
         const size_t end = area_offset::content_end;
         if (!all_zero(_area.raw(end, _area.bytes().size() - end))) {
-            breach("bytes behind the content are not zero");
+            breach("bytes after the content are not zero");
         }
     }
 
@@ -153,10 +153,10 @@ class inspection {
             breach("chunk ", chunk.index, ": creator of ", chunk.creator.size(), " bytes");
         }
         if (!all_zero(bytes.subspan(9 + chunk.name.size(), 51 - chunk.name.size()))) {
-            breach("chunk ", chunk.index, ": bytes behind the name are not zero");
+            breach("chunk ", chunk.index, ": bytes after the name are not zero");
         }
         if (!all_zero(bytes.subspan(72 + chunk.creator.size(), 100 - chunk.creator.size()))) {
-            breach("chunk ", chunk.index, ": bytes behind the creator are not zero");
+            breach("chunk ", chunk.index, ": bytes after the creator are not zero");
         }
     }
 
@@ -206,7 +206,7 @@ class inspection {
         check_free_elements(list);
     }
 
-    /// Each element is linked to the one before it and the one behind it, round the circle.
+    /// Each element is linked to the one before it and the one after it, round the circle.
     void check_circle(const list_facts& list) {
         for (size_t i = 0; i < list.live.size(); ++i) {
             const int lower = list.live[i];

@@ -208,7 +208,7 @@ pid_t client::pid() {
 
 std::string client::new_text() {
     const std::string all = error_text();
-    return without_signatures(without_lines(all.substr(std::exchange(_told, all.size()))));
+    return without_signatures(without_lines(all.substr(std::exchange(_reported, all.size()))));
 }
 
 std::vector<std::string> added(const std::vector<std::string>& before,

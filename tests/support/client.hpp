@@ -78,7 +78,7 @@ class client {
 
     process _process;
     pid_t _pid = 0;
-    size_t _told = 0; ///< bytes of standard error that new_text() gave out
+    size_t _reported = 0; ///< bytes of standard error that new_text() gave out
 };
 
 /// What is in `now` and was not in `before`, in the order of `now`.

@@ -6,9 +6,9 @@
 
 namespace {
 
-/// What came behind the first `told`, which is then all of them.
-std::vector<std::string> fresh(std::vector<std::string> all, size_t& told) {
-    const size_t known = std::exchange(told, all.size());
+/// What came after the first `reported`, which is then all of them.
+std::vector<std::string> fresh(std::vector<std::string> all, size_t& reported) {
+    const size_t known = std::exchange(reported, all.size());
     all.erase(all.begin(), all.begin() + static_cast<std::ptrdiff_t>(known));
     return all;
 }
@@ -29,7 +29,7 @@ void iommu_machine::set_online(int device, bool online) const {
 }
 
 std::vector<std::string> iommu_machine::new_lines() {
-    return fresh(box.request_lines(), _lines_told);
+    return fresh(box.request_lines(), _lines_reported);
 }
 
 std::vector<std::string> iommu_machine::new_events() {
@@ -37,7 +37,7 @@ std::vector<std::string> iommu_machine::new_events() {
     std::vector<std::string> mine;
     std::copy_if(all.begin(), all.end(), std::back_inserter(mine),
                  [](const std::string& event) { return event.starts_with("sysfs "); });
-    return fresh(std::move(mine), _events_told);
+    return fresh(std::move(mine), _events_reported);
 }
 
 std::vector<int> iommu_machine::devices_of(int chunk) const {

@@ -34,6 +34,6 @@ class iommu_machine {
     std::vector<int> online() const;
 
   private:
-    size_t _lines_told = 0;
-    size_t _events_told = 0;
+    size_t _lines_reported = 0;
+    size_t _events_reported = 0;
 };

@@ -13,7 +13,7 @@
 
 using texts = std::vector<std::string>;
 
-/// The reply to a command and, behind a newline, what it added to standard error, with lines and
+/// The reply to a command and, after a newline, what it added to standard error, with lines and
 /// signatures as without_lines() and without_signatures() leave them.
 std::string outcome(client& user, std::string_view command);
 

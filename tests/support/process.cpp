@@ -113,7 +113,7 @@ void process::write_line(std::string_view line) {
     // A program that has ended shows in its missing reply; its broken pipe must not end the test.
     std::signal(SIGPIPE, SIG_IGN);
     if (write(_input, text.data(), text.size()) < 0 && errno != EPIPE) {
-        complain("cannot be told \"" + std::string(line) + "\"");
+        complain("cannot be sent \"" + std::string(line) + "\"");
     }
 }
 

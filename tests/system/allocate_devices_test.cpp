@@ -162,8 +162,8 @@ TEST_P(a_new_chunk, RefusedLeavesOtherChunksAndOtherProcessesAlone) {
     machine.add_rules({"op=map,errno=EIO,nth=1"});
     EXPECT_EQ(user.dies(allocation), ended_by(SIGABRT));
     EXPECT_EQ(layout(machine), "before:0+1");
-    const uint32_t behind = region().start_dma + 4096;
-    EXPECT_EQ(other.alloc("tx_ring", 4096), region().cma ? behind + 12288 : behind);
+    const uint32_t after = region().start_dma + 4096;
+    EXPECT_EQ(other.alloc("tx_ring", 4096), region().cma ? after + 12288 : after);
     EXPECT_EQ(other.error_text(), "");
     EXPECT_EQ(troubles(machine), texts{});
 }

@@ -109,7 +109,7 @@ class mapped_new_memory : public new_memory {
     const pci_device second{0, 4, 8};
     const chunk_place place{region().start, 8192};
 
-    static std::string told(const std::string& last_words) {
+    static std::string reported(const std::string& last_words) {
         return aborted("tarvo_alloc: mmap failed!: Cannot allocate memory\n" + last_words);
     }
 };
@@ -117,7 +117,7 @@ class mapped_new_memory : public new_memory {
 TEST_P(mapped_new_memory, RollsBackIntoTheTranslationWhileTheFirstDeviceIsOnlineKeptOnPurpose) {
     user.register_device(first.domain, first.bus, first.devfn);
     user.register_device(second.domain, second.bus, second.devfn);
-    EXPECT_EQ(refused_mapping(), told(not_in_the_region()));
+    EXPECT_EQ(refused_mapping(), reported(not_in_the_region()));
     // What the devices see stays: no request undoes it.
     EXPECT_EQ(machine.request_lines(), chunk_lines("map", {first, second}, region(), {place}));
     EXPECT_EQ(layout(machine), "");
@@ -128,7 +128,7 @@ TEST_P(mapped_new_memory, RollsBackIntoTheListWhileOnlyAnotherDeviceIsRegistered
     user.register_device(first.domain, first.bus, first.devfn);
     user.register_device(second.domain, second.bus, second.devfn);
     user.unregister_device(first.domain, first.bus, first.devfn);
-    EXPECT_EQ(refused_mapping(), told(element_not_in_use()));
+    EXPECT_EQ(refused_mapping(), reported(element_not_in_use()));
     EXPECT_EQ(machine.request_lines(), chunk_lines("map", {second}, region(), {place}));
     EXPECT_EQ(layout(machine), "");
     EXPECT_EQ(troubles(machine), texts{});

@@ -18,7 +18,7 @@ class placement : public world_test {
         return region().dma(region().start + pages(page));
     }
 
-    /// One chunk at the region's start that leaves so many pages free behind it.
+    /// One chunk at the region's start that leaves so many pages free after it.
     void fill_all_but(uint64_t page_count) {
         alloc("ballast", 1);
         const area_file area = machine.writable_area();
@@ -27,7 +27,7 @@ class placement : public world_test {
     }
 };
 
-TEST_P(placement, OfTheFirstChunkIsTheRegionsStartAndOfTheNextDirectlyBehind) {
+TEST_P(placement, OfTheFirstChunkIsTheRegionsStartAndOfTheNextDirectlyAfter) {
     EXPECT_EQ(alloc("a", 1), dma_of_page(0));
     EXPECT_EQ(alloc("b", 2), dma_of_page(1));
     EXPECT_EQ(alloc("c", 1), dma_of_page(3));
@@ -99,7 +99,7 @@ TEST_P(placement, HandsOutTheRecordFreedLast) {
     EXPECT_EQ(elements, (std::vector<int>{0, 4, 3, 2, 1}));
 }
 
-TEST_P(placement, LeavesGapsThatFreeSizeTells) {
+TEST_P(placement, LeavesGapsThatFreeSizeReports) {
     for (const char* name : {"a", "b", "c"}) {
         alloc(name, 2);
     }
@@ -111,7 +111,7 @@ TEST_P(placement, LeavesGapsThatFreeSizeTells) {
 
 INSTANTIATE_TEST_SUITE_P(, placement, testing::ValuesIn(region_worlds()), world_name());
 
-/// A list that goes on behind __TAIL, with much room there, for a process that has started before.
+/// A list that goes on after __TAIL, with much room there, for a process that has started before.
 class damaged_tail : public world_test {
   protected:
     damaged_tail() {

@@ -194,7 +194,7 @@ TEST_F(a_full_list, HasRoomForNoMoreThan16382Chunks) {
                                "tarvo: tarvo_alloc_func() no free tarvo chunks left"));
     EXPECT_EQ(troubles(machine), texts{});
 
-    // As many records as there can be are no circle.
+    // As many records as there can be do not make a circle.
     EXPECT_EQ(user.free("__tail"), -1);
     EXPECT_EQ(watched.find(0x3ffe000).name, "chunk_16381");
 

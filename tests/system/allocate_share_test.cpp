@@ -106,15 +106,15 @@ class another_size : public world_test {};
 
 TEST_P(another_size, MakesASecondChunkOfTheNameAndSaysSoKeptOnPurpose) {
     user.alloc("rx_ring", 4096);
-    const uint32_t behind = region().start_dma + 4096;
-    EXPECT_EQ(user.alloc("rx_ring", 8192, "other"), behind);
+    const uint32_t after = region().start_dma + 4096;
+    EXPECT_EQ(user.alloc("rx_ring", 8192, "other"), after);
     EXPECT_EQ(user.error_text(), size_mismatch);
     EXPECT_EQ(layout(machine), "rx_ring:0+1 rx_ring:1+2");
     EXPECT_EQ(machine.area().view().chunk(3).creator, "other");
     EXPECT_EQ(troubles(machine), texts{});
 }
 
-TEST_P(another_size, IsJudgedByTheLowestChunkOfTheNameAloneKeptOnPurpose) {
+TEST_P(another_size, IsDecidedByTheLowestChunkOfTheNameAloneKeptOnPurpose) {
     user.alloc("rx_ring", 4096);
     user.alloc("rx_ring", 8192);
     user.alloc("rx_ring", 8192);
@@ -123,7 +123,7 @@ TEST_P(another_size, IsJudgedByTheLowestChunkOfTheNameAloneKeptOnPurpose) {
     EXPECT_EQ(user.error_text(), std::string(size_mismatch) + size_mismatch);
 }
 
-TEST_P(another_size, IsJudgedByAddressAndNotByAge) {
+TEST_P(another_size, IsDecidedByAddressAndNotByAge) {
     user.alloc("below", 8192);
     user.alloc("rx_ring", 4096);
     user.free("below");

@@ -212,7 +212,7 @@ TEST_P(bookkeeping_refused, ARecordIsStruckOffWithoutAnIommuInTheKernelToo) {
 
 INSTANTIATE_TEST_SUITE_P(, bookkeeping_refused, testing::ValuesIn(all_worlds()), world_name());
 
-// ---- The error that is judged is the one that stands at the end ----
+// ---- The error that decides is the one that stands at the end ----
 
 class a_refusal_whose_error_changes : public testing::Test {
   protected:
@@ -224,7 +224,7 @@ class a_refusal_whose_error_changes : public testing::Test {
     iommu_scene scene{low};
 };
 
-TEST_F(a_refusal_whose_error_changes, InAFailingCloseIsJudgedByThat) {
+TEST_F(a_refusal_whose_error_changes, InAFailingCloseIsDecidedByThat) {
     scene.box.add_rules({"op=map,nth=1,errno=EIO", "op=map,at=close,nth=1,errno=ENODEV"});
     EXPECT_EQ(scene.call("map_chunks_to_dev 0"), "0");
     EXPECT_EQ(scene.user.new_text(),
@@ -241,7 +241,7 @@ TEST_F(a_refusal_whose_error_changes, FromALostDeviceToAnotherErrorIsAnError) {
     EXPECT_EQ(scene.online(), (numbers{1, 1, 1}));
 }
 
-TEST_F(a_refusal_whose_error_changes, WhileItsReportIsFormattedIsJudgedByThat) {
+TEST_F(a_refusal_whose_error_changes, WhileItsReportIsFormattedIsDecidedByThat) {
     scene.box.add_rules({"op=map,errno=ENODEV"});
     scene.call("fail asprintf ENOMEM 2");
     EXPECT_EQ(scene.call("map_chunks_to_dev 0"), "-1");

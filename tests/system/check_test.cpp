@@ -101,7 +101,7 @@ TEST_P(check, OfASharedChunkTakesItOffTheListAndLeavesDevicesAloneKeptOnPurpose)
     EXPECT_EQ(user.free("rx_ring"), -1);
 }
 
-TEST_P(check, OfASharedChunkTellsACmaDriverToReleaseIt) {
+TEST_P(check, OfASharedChunkAsksACmaDriverToReleaseIt) {
     asked_again(start - 1);
     EXPECT_EQ(machine.cma_commands(),
               region().cma ? (texts{"a rx_ring 1000\n", "r rx_ring 1000\n"}) : texts{});
@@ -160,7 +160,7 @@ TEST_P(check_of_a_new_chunk, ComesBeforeAnyRequestAndBeforeTheMemoryIsTouched) {
     EXPECT_EQ(machine.request_lines(), texts{});
 }
 
-TEST_P(check_of_a_new_chunk, TellsTheNumberOfItsElement) {
+TEST_P(check_of_a_new_chunk, ReportsTheNumberOfItsElement) {
     const area_file area = machine.writable_area();
     area.writer().i32(offset::chunks_free, 16383);
     EXPECT_EQ(outcome(user, "alloc rx_ring 4096 me"), "0x0\n" + report(16383, below) + "\n");

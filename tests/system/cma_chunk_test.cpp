@@ -73,7 +73,7 @@ TEST_F(cma_chunk, LiesWhereTheDriverSays) {
     EXPECT_EQ(troubles(machine), texts{});
 }
 
-TEST_F(cma_chunk, MayOverlapTheOneBehindItKeptOnPurpose) {
+TEST_F(cma_chunk, MayOverlapTheOneAfterItKeptOnPurpose) {
     machine.add_rules({"op=allocate,name=behind,address=0x100004000",
                        "op=allocate,name=over,address=0x100003000"});
     user.alloc("behind", 4096);

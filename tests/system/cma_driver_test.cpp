@@ -171,7 +171,7 @@ TEST(a_cma_request, ForANameInTwoWordsIsNotUnderstoodByTheDriver) {
 }
 
 struct listing {
-    const char* lines; ///< behind the region's own, in the notation of --region-line
+    const char* lines; ///< after the region's own, in the notation of --region-line
     std::string outcome;
 };
 

@@ -21,7 +21,7 @@ class damaged_devices : public testing::Test {
 
 TEST_F(damaged_devices, WithATailAndNoHeadEndTheProcessThatRegisters) {
     const area_file file = machine.writable_area();
-    file.writer().i32(offset::devices_head + 4, 3); // the tail lies behind the head
+    file.writer().i32(offset::devices_head + 4, 3); // the tail lies after the head
     EXPECT_EQ(fatal_outcome(user, "register 0 3 0"), aborted(no_end));
     EXPECT_EQ(machine.request_lines(), texts{});
 }

@@ -238,13 +238,13 @@ TEST_F(a_damaged_listing, EndsTheProcessOnceALineOfADeviceThatIsNotInUseFits) {
     expect_death("dump_next_device 21", not_in_use);
 }
 
-TEST_F(a_damaged_listing, EndsTheProcessBehindAChunkThatLeadsNowhere) {
+TEST_F(a_damaged_listing, EndsTheProcessAfterAChunkThatLeadsNowhere) {
     user.call("dump_begin");
     area().writer().i32(area_offset::chunk(2) + area_offset::next, -2);
     expect_death("dump_next 256", no_element);
 }
 
-TEST_F(a_damaged_listing, EndsTheProcessBehindADeviceThatLeadsNowhere) {
+TEST_F(a_damaged_listing, EndsTheProcessAfterADeviceThatLeadsNowhere) {
     user.call("dump_begin");
     area().writer().i32(area_offset::device(0) + area_offset::next, 256);
     expect_death("dump_next_device 256", no_element);

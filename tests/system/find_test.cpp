@@ -30,7 +30,7 @@ TEST_P(finding, AnyByteOfAChunkGivesItsNameAndItsFirstByte) {
     EXPECT_EQ(user.error_text(), "");
 }
 
-TEST_P(finding, OneByteBehindAChunkGivesItsNeighbourOrNothing) {
+TEST_P(finding, OneByteAfterAChunkGivesItsNeighbourOrNothing) {
     user.alloc("first", pages(2));
     user.alloc("middle", pages(1));
     user.alloc("last", pages(1));

@@ -25,7 +25,7 @@ class a_record_out_of_the_region : public world_test {
     }
 };
 
-TEST_P(a_record_out_of_the_region, BehindItEndsTheProcessThatMapsIt) {
+TEST_P(a_record_out_of_the_region, AfterItEndsTheProcessThatMapsIt) {
     const uint64_t pa = region().end() - pages(1);
     move_to(pa);
     EXPECT_EQ(fatal_outcome(user, "map rx_ring 1 0 0"), aborted(corruption(2, pa, 8192) + damaged));
@@ -122,7 +122,7 @@ TEST_F(a_damaged_list, WhoseHeadIsNotInUseEndsTheProcess) {
     expect_deaths("middle", 0x2000, container_assertion(32, "cur->allocated"));
 }
 
-TEST_F(a_damaged_list, WithAnElementNotInUseEndsTheProcessThatGoesOnBehindIt) {
+TEST_F(a_damaged_list, WithAnElementNotInUseEndsTheProcessThatGoesOnAfterIt) {
     area().writer().u8(area_offset::chunk(2) + area_offset::allocated, 0);
     expect_deaths("middle", 0x2000, container_assertion(32, "cur->allocated"));
 }
@@ -142,7 +142,7 @@ TEST_F(a_damaged_list, WithALinkToNoElementEndsTheProcess) {
     }
 }
 
-TEST_F(a_damaged_list, ThatEndsEarlyHidesWhatLiesBehind) {
+TEST_F(a_damaged_list, ThatEndsEarlyHidesWhatFollows) {
     area().writer().i32(area_offset::chunks_tail, 2);
     EXPECT_NE(user.map("first"), 0U);
     EXPECT_EQ(user.map("middle"), 0U);
@@ -159,7 +159,7 @@ TEST_F(a_damaged_list, ThatEndsWithItsHeadHidesEverything) {
               aborted(assertion("int tarvo_unmap(const char*, void*, size_t)", "found")));
 }
 
-TEST_F(a_damaged_list, ThatGoesOnBehindItsEndIsWalkedToTheSentinelAlone) {
+TEST_F(a_damaged_list, ThatGoesOnAfterItsEndIsWalkedToTheSentinelAlone) {
     area().writer().i32(area_offset::chunks_tail, 16383);
     EXPECT_EQ(user.map("nothing"), 0U);
     EXPECT_EQ(user.find(0x5000), (found_chunk{std::nullopt, 0}));

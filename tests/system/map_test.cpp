@@ -179,8 +179,8 @@ TEST_P(a_window_outside_the_chunk, IsRefusedWithAMessageThatBreaksOffKeptOnPurpo
 
 INSTANTIATE_TEST_SUITE_P(
     , a_window_outside_the_chunk,
-    testing::Values(outside("offset_a_page_behind_the_end", 0x3000, 0, two_pages),
-                    outside("offset_a_byte_behind_the_end", 0x2001, 0, two_pages),
+    testing::Values(outside("offset_a_page_after_the_end", 0x3000, 0, two_pages),
+                    outside("offset_a_byte_after_the_end", 0x2001, 0, two_pages),
                     outside("size_a_byte_too_large", 0, 0x2001, 0x2001),
                     outside("size_a_byte_too_large_for_the_offset", 0x1000, 0x1001, 0x2001),
                     outside("size_at_the_end", 0x2000, 1, 0x2001),
@@ -313,7 +313,7 @@ TEST(tracing_of_a_mapping, ShowsTheArgumentsInFullWidthAndNothingMoreOnSuccess) 
                   bounds_message(four_gib, two_pages, 0));
 }
 
-TEST(tracing_of_a_mapping, TellsThatTheLockFailed) {
+TEST(tracing_of_a_mapping, ReportsThatTheLockFailed) {
     sandbox machine(simulation);
     client user = machine.start({"setenv ZUL_TRACE tarvo=5", "limits", "fail flock EINTR"});
     const std::string called = "tarvo_map: name rx_ring off 1000 size 1";
@@ -323,7 +323,7 @@ TEST(tracing_of_a_mapping, TellsThatTheLockFailed) {
                   traced(5, "tarvo_map", called + " - lock failed"));
 }
 
-TEST(tracing_of_a_mapping, TellsThatTheNameIsUnknownAfterTheLockIsReleased) {
+TEST(tracing_of_a_mapping, ReportsThatTheNameIsUnknownAfterTheLockIsReleased) {
     sandbox machine(simulation);
     client user = machine.start({"setenv ZUL_TRACE tarvo=5", "limits"});
     const std::string called = "tarvo_map: name rx_ring off 0 size 0";

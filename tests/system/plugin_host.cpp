@@ -1,6 +1,6 @@
 // plugin_host LIBRARY: loads the library, uses it and unloads it, again and again, as a program
-// does whose plug-ins need it. Tells after each time what it got, and what the process has open by
-// then.
+// does whose plug-ins need it. Reports after each time what it got, and what the process has open
+// by then.
 
 #include <array>
 #include <cstddef>
@@ -62,7 +62,7 @@ int mapped_areas() {
     return count;
 }
 
-void tell(const std::string& what) {
+void report(const std::string& what) {
     static const long at_first = open_descriptors();
     std::cout << what << ": " << open_descriptors() - at_first << " descriptors, " << mapped_areas()
               << " areas" << std::endl;
@@ -76,13 +76,13 @@ std::string allocated(const plugin& library) {
 
 int main(int /*count*/, char** arguments) {
     const char* library = arguments[1];
-    tell("started");
+    report("started");
     for (int time = 0; time < 3; ++time) {
-        tell(allocated(plugin(library)));
+        report(allocated(plugin(library)));
     }
-    tell(plugin(library).dump_begin() ? "listing" : "no listing");
-    tell(plugin(library).dump_next() ? "a chunk" : "no chunk");
-    tell(plugin(library).dump_begin() ? "listing again" : "no listing");
-    tell(plugin(library).dump_end() == 0 ? "ended" : "not ended");
-    tell(allocated(plugin(library)));
+    report(plugin(library).dump_begin() ? "listing" : "no listing");
+    report(plugin(library).dump_next() ? "a chunk" : "no chunk");
+    report(plugin(library).dump_begin() ? "listing again" : "no listing");
+    report(plugin(library).dump_end() == 0 ? "ended" : "not ended");
+    report(allocated(plugin(library)));
 }

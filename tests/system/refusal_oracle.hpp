@@ -57,7 +57,7 @@ struct step {
 };
 
 /// Says what each call must answer, print, send and leave behind while at most one request is
-/// answered out of the ordinary. Knows only what the tests do: chunks are placed one behind the
+/// answered out of the ordinary. Knows only what the tests do: chunks are placed one after the
 /// other, names differ, and the device with record 0 stays where it is.
 class refusal_oracle {
   public:
@@ -223,7 +223,7 @@ class refusal_oracle {
             return "0x" + hex(_world.dma(_chunks.back().place.pa));
         }
         // The record is cleared before it is unmapped: its end lies before address 0. The driver of
-        // a "CMA" region is not told.
+        // a "CMA" region is not asked.
         _chunks.pop_back();
         _end += _world.cma ? bytes : 0;
         _said += assertion("uint32_t tarvo_pa_to_dma(uint64_t)",

@@ -203,7 +203,8 @@ TEST(a_stream_that_stays_buffered, SendsNothingAndFails) {
     EXPECT_EQ(machine.new_events(), (texts{"sysfs open w", "sysfs close"}));
 }
 
-TEST(a_stream_that_stays_buffered, CountsAsSuccessWhenToldByAPositiveValueWhichIsKeptOnPurpose) {
+TEST(a_stream_that_stays_buffered,
+     CountsAsSuccessWhenReportedByAPositiveValueWhichIsKeptOnPurpose) {
     iommu_machine machine(low);
     make_chunk(machine);
     machine.call("fail positive_setvbuf EINVAL");

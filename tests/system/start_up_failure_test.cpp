@@ -168,7 +168,7 @@ INSTANTIATE_TEST_SUITE_P(
         driver_fault{"NoName", {"--region-line", R"(80000000\t8fffffff\t0)"}, cannot_parse},
         driver_fault{
             "NoThirdNumber", {"--region-line", R"(80000000\t8fffffff\ttarvo)"}, cannot_parse},
-        driver_fault{"NameBehind2048Bytes",
+        driver_fault{"NameAfter2048Bytes",
                      {"--region-line", "80000000 8fffffff 0 " + std::string(2100, ' ') + "tarvo"},
                      cannot_parse},
         driver_fault{"NoMemoryDevice",

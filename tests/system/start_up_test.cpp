@@ -319,7 +319,7 @@ TEST(start_up_on_hardware, ReadsEveryFormOfRegionLine) {
     const std::vector<region_line> lines{
         {R"(80000000\t8fffffff\t0\ttarvo)", {0, 0x80000000, 0x90000000}},
         {R"(80000000\t8fffffff\tdeadbeef\ttarvo)", {0, 0x80000000, 0x90000000}},
-        {R"(0x80000000 0x8FFFFFFF 0 any words behind)", {0, 0x80000000, 0x90000000}},
+        {R"(0x80000000 0x8FFFFFFF 0 any words after)", {0, 0x80000000, 0x90000000}},
         {R"(80000000\t80000001\t0\ttarvo)", {0, 0x80000000, 0x80000002}},
         // The size is kept in 32 bits.
         {R"(100000000\t2ffffffff\t0\ttarvo)", {0, 0x20000000, 0x20000000}},

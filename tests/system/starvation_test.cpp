@@ -14,7 +14,7 @@ namespace {
 
 const texts device_refused{"--rule", "op=map,device=0000:04:00.0,errno=EIO"};
 
-struct told {
+struct report {
     texts results;
     std::set<std::string> records;
 };
@@ -32,10 +32,10 @@ std::set<std::string> records_in(const std::string& error_text) {
     return records;
 }
 
-told run(const texts& words) {
+report run(const texts& words) {
     sandbox machine(simulation, device_refused);
     process user = machine.start_process(words);
-    told all;
+    report all;
     while (const auto line = user.read_line()) {
         all.results.push_back(*line);
     }
@@ -46,7 +46,7 @@ told run(const texts& words) {
 }
 
 TEST(a_trace_record_without_memory, IsLeftOutWholeAndChangesNothingElse) {
-    const told starved = run({TARVO_STARVED_USER});
+    const report starved = run({TARVO_STARVED_USER});
     EXPECT_EQ(starved.results, (texts{
                                    "start: starved, all the same",
                                    "alloc, new: starved, all the same",

@@ -1,6 +1,6 @@
 // starved_user: makes every call of the library in simulation with trace records on, again and
-// again, and lets one allocation after the other fail, then that one and all later ones. Tells for
-// each call whether it needed any, and what came out differently from when none fails. With an
+// again, and lets one allocation after the other fail, then that one and all later ones. Reports
+// for each call whether it needed any, and what came out differently from when none fails. With an
 // argument, none does fail.
 
 #include <algorithm>

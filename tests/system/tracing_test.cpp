@@ -60,7 +60,7 @@ TEST(tracing, IsEnabledForOneFacilityForAllOrInAList) {
     }
 }
 
-TEST(tracing, OfAStartInSimulationTellsWhatWasFoundAndBuilt) {
+TEST(tracing, OfAStartInSimulationReportsWhatWasFoundAndBuilt) {
     sandbox machine(simulation);
     client first = machine.start({"setenv ZUL_TRACE 5"});
     first.limits();
@@ -99,7 +99,7 @@ TEST(tracing, ShowsTheRegionsSizeInThe32BitsItIsKeptIn) {
     EXPECT_NE(user.error_text().find("HEAD: 0x200000000, TAIL: 0x200010000\n"), std::string::npos);
 }
 
-TEST(tracing, AtLevel3TellsOfFailuresOnly) {
+TEST(tracing, AtLevel3ReportsFailuresOnly) {
     sandbox machine(simulation);
     client user = machine.start({"setenv ZUL_TRACE tarvo=3"});
     use_the_library(user);

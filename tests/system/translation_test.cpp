@@ -36,7 +36,7 @@ TEST_P(translation, AcceptsTheWholeRegionItsEndIncluded) {
     EXPECT_EQ(user.error_text(), "");
 }
 
-TEST_P(translation, OfOneByteBehindTheEndEndsTheProcess) {
+TEST_P(translation, OfOneByteAfterTheEndEndsTheProcess) {
     const world& region = GetParam();
     sandbox machine(region);
     expect_death(machine, "to_dma " + std::to_string(region.end() + 1), bad_pa);
@@ -82,7 +82,7 @@ TEST(a_region, IsSeenFrom512MiBOnWhenItOrItsEndIsOutOf32Bits) {
         {"200000000-23fffffff", 0x200000000, 0x20000000, {0, 0x20000000, 0x60000000}},
         // Across 4 GiB.
         {"f0000000-10fffffff", 0xf0000000, 0x20000000, {0, 0x20000000, 0x40000000}},
-        // The first byte behind it is at 4 GiB.
+        // The first byte after it is at 4 GiB.
         {"c0000000-ffffffff", 0xc0000000, 0x20000000, {0, 0x20000000, 0x60000000}},
         {"c0000000-ffffefff", 0xc0000000, 0xc0000000, {0, 0xc0000000, 0xfffff000}},
         {"1000-1fff", 0x1000, 0x1000, {0, 0x1000, 0x2000}},

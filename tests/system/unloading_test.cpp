@@ -17,11 +17,11 @@ TEST(a_library_that_is_unloaded, StaysAsItIsAlsoInAListing) {
         "listing: 3 descriptors, 1 areas",        "a chunk: 3 descriptors, 1 areas",
         "listing again: 3 descriptors, 1 areas",  "ended: 3 descriptors, 1 areas",
         "allocated 4096: 3 descriptors, 1 areas"};
-    std::vector<std::string> told;
+    std::vector<std::string> reported;
     while (const auto line = host.read_line()) {
-        told.push_back(*line);
+        reported.push_back(*line);
     }
-    EXPECT_EQ(told, expected);
+    EXPECT_EQ(reported, expected);
     EXPECT_EQ(host.wait(), normal_end);
     EXPECT_TRUE(lock_is_free(machine.simulated_lock()));
 }

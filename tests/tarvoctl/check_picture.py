@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Judges a picture of `tarvoctl map --svg`, and prints its texts, a line each.
+"""Checks a picture of `tarvoctl map --svg`, and prints its texts, a line each.
 
 It must be XML; no text may leave the page, or cover another one or a line that leads to one; boxes
 of a row must not cover each other.

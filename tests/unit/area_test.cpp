@@ -14,7 +14,7 @@
 
 namespace area_test {
 
-// The decoder that the tests judge with is judged here: it walks a sound area, and it says of a
+// The decoder that the tests check with is checked here: it walks a sound area, and it says of a
 // damaged one which rule is broken.
 
 namespace {
@@ -94,7 +94,7 @@ const damage frame_damages[] = {
     {"NotInitialized", [](const area_writer& write) { write.u8(0, 0); }, {"initialized is 0"}},
     {"FramePadding",
      [](const area_writer& write) { write.u8(3, 9); },
-     {"padding behind initialized is not zero"}},
+     {"padding after initialized is not zero"}},
     {"HeadAlone",
      [](const area_writer& write) { write.i32(area_offset::chunks_tail, -1); },
      {"chunks: head 0, tail -1", "chunks: 0 elements, not even two sentinels"}},
@@ -107,11 +107,11 @@ const damage frame_damages[] = {
 const damage link_damages[] = {
     {"NextOutOfRange",
      [](const area_writer& write) { write.i32(in_chunk(3, area_offset::next), 16384); },
-     {"chunks: link 16384 behind element 3 is out of range",
+     {"chunks: link 16384 after element 3 is out of range",
       "chunks: 0 elements, not even two sentinels"}},
     {"NextInACircle",
      [](const area_writer& write) { write.i32(in_chunk(3, area_offset::next), 2); },
-     {"chunks: element 2 behind element 3 was already visited",
+     {"chunks: element 2 after element 3 was already visited",
       "chunks: 0 elements, not even two sentinels"}},
     {"PrevWrong",
      [](const area_writer& write) { write.i32(in_chunk(3, area_offset::prev), 4); },
@@ -124,7 +124,7 @@ const damage link_damages[] = {
      {"devices: element 1 has next 0, element 0 has prev 0"}},
     {"RefNextOutOfRange",
      [](const area_writer& write) { write.i32(in_ref(3, 0, area_offset::next), -1); },
-     {"devs of chunk 3: link -1 behind element 0 is out of range"}},
+     {"devs of chunk 3: link -1 after element 0 is out of range"}},
 };
 
 const damage membership_damages[] = {
@@ -145,10 +145,10 @@ const damage membership_damages[] = {
      {"devices: element 6 is on neither the list nor the free chain, allocated 0"}},
     {"FreeChainHoldsALiveElement",
      [](const area_writer& write) { write.i32(in_device(255, area_offset::next), 0); },
-     {"devices: element 0 behind element 1 was already visited"}},
+     {"devices: element 0 after element 1 was already visited"}},
     {"FreeChainOutOfRange",
      [](const area_writer& write) { write.i32(in_ref(2, 255, area_offset::next), 256); },
-     {"devs of chunk 2: link 256 behind element 255 is out of range"}},
+     {"devs of chunk 2: link 256 after element 255 is out of range"}},
     {"FreeChainEndsInALiveElement",
      [](const area_writer& write) {
          write.i32(in_device(255, area_offset::next), 1);
@@ -166,7 +166,7 @@ const damage chunk_damages[] = {
     {"Overlap",
      [](const area_writer& write) { write.u32(in_chunk(3, area_offset::size), 0x3000); },
      {"chunk 3: end 28672 is above the start 24576 of chunk 4"}},
-    {"BehindTheRegion",
+    {"AfterTheRegion",
      [](const area_writer& write) { write.u32(in_chunk(4, area_offset::size), 0x100000); },
      {"chunk 4: end 1073152 is above the start 1052672 of chunk 1",
       "chunk 4: pa 24576, size 1048576 is not within 4096 to 1052672"}},
@@ -181,7 +181,7 @@ const damage chunk_damages[] = {
      {"__HEAD: devs is not zero"}},
     {"NoName",
      [](const area_writer& write) { write.text(in_chunk(2, area_offset::name), ""); },
-     {"chunk 2: name of 0 bytes", "chunk 2: bytes behind the name are not zero"}},
+     {"chunk 2: name of 0 bytes", "chunk 2: bytes after the name are not zero"}},
     {"NameWithoutEnd",
      [](const area_writer& write) {
          write.text(in_chunk(2, area_offset::name), std::string(50, 'n'));
@@ -195,10 +195,10 @@ const damage chunk_damages[] = {
      {"chunk 2: creator of 100 bytes"}},
     {"RestOfAnotherCreator",
      [](const area_writer& write) { write.text(in_chunk(2, area_offset::creator), "un"); },
-     {"chunk 2: bytes behind the creator are not zero"}},
+     {"chunk 2: bytes after the creator are not zero"}},
     {"ChunkPadding",
      [](const area_writer& write) { write.u8(in_chunk(2, 59), 1); },
-     {"chunk 2: bytes behind the name are not zero"}},
+     {"chunk 2: bytes after the name are not zero"}},
 };
 
 const damage device_damages[] = {
@@ -260,7 +260,7 @@ TEST_F(area_rules, WantTheRestOfTheLastPageToBeZero) {
     EXPECT_THAT(area_breaches(area_view(file)), IsEmpty());
     file.back() = 1;
     EXPECT_THAT(area_breaches(area_view(file)),
-                ElementsAre("bytes behind the content are not zero"));
+                ElementsAre("bytes after the content are not zero"));
 }
 
 TEST_F(area_rules, MakeAWalkOverADamagedListThrow) {

@@ -11,8 +11,6 @@
 #include <gtest/gtest.h>
 #include <string>
 
-namespace assertion_test {
-
 namespace {
 
 int evaluations = 0;
@@ -57,5 +55,3 @@ TEST(assertion, ShowsASourceLineAndSignatureThatAreGiven) {
 }
 
 } // namespace
-
-} // namespace assertion_test

@@ -28,7 +28,7 @@ class fresh_area {
         record().initialized = 1;
     }
 
-    /// Adds a chunk behind the element `left`; returns its element number.
+    /// Adds a chunk after the element `left`; returns its element number.
     int add_chunk(int left, const char* name, uint64_t pa, uint32_t size) {
         chunk_list& chunks = record().chunks;
         dma_chunk_t* chunk = chunks.alloc();

@@ -8,8 +8,6 @@
 #include <ostream>
 #include <vector>
 
-namespace layout_test {
-
 // The shared area is a contract between processes of every build. It is written down a second time
 // here and in area.cpp, as numbers, and each member is set through one of the two views and looked
 // for through the other.
@@ -19,7 +17,7 @@ namespace {
 using testing::Each;
 using testing::IsEmpty;
 
-/// Where bytes other than zero lie: from the first to behind the last, and how many there are.
+/// Where bytes other than zero lie: from the first to after the last, and how many there are.
 struct trace_of_bytes {
     size_t begin = 0;
     size_t end = 0;
@@ -356,5 +354,3 @@ TEST(layout, AnAllocatedChunksDeviceListIsBuiltAndTheSentinelsIsNot) {
 }
 
 } // namespace
-
-} // namespace layout_test

@@ -21,7 +21,7 @@ struct values {
     int size;
 };
 
-/// The buffer afterwards, with what lies before and behind it, and whether the line is whole.
+/// The buffer afterwards, with what lies before and after it, and whether the line is whole.
 struct written {
     std::string bytes;
     bool whole;

@@ -1,5 +1,5 @@
-// What ends the process, judged by signal and by all that it wrote to standard error. This file is
-// compiled with NDEBUG: the checks are there in every kind of build.
+// What ends the process, checked by its signal and by all that it wrote to standard error. This
+// file is compiled with NDEBUG: the checks are there in every kind of build.
 #ifndef NDEBUG
 #error "list_breach_test.cpp shall be compiled with NDEBUG"
 #endif
@@ -12,8 +12,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <string>
-
-namespace list_breach_test {
 
 namespace {
 
@@ -80,7 +78,7 @@ const std::string stray_pointer_message = message(154, index_signature, "idx >= 
 #define EXPECT_ABORT(statement, text)                                                              \
     EXPECT_EXIT(statement, KilledBySignal(SIGABRT), testing::Eq(text))
 
-TEST(list_arr_elem_ends_the_process, ForTheIndexBehindTheLast) {
+TEST(list_arr_elem_ends_the_process, ForTheIndexAfterTheLast) {
     small_list list = fresh_list();
     EXPECT_ABORT(list.arr_elem(5), bad_index_message);
 }
@@ -267,5 +265,3 @@ TEST(list_walk_ends_the_process, WhereItNeverMeetsTheTail) {
 }
 
 } // namespace
-
-} // namespace list_breach_test

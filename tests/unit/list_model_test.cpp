@@ -10,8 +10,6 @@
 #include <string>
 #include <utility>
 
-namespace list_model_test {
-
 // Random operations on the container, beside a plain model of it that is compared after each one.
 // A failure names its seed; TARVO_TEST_SEED=<seed> replays that one and shows every step.
 
@@ -59,12 +57,12 @@ class twin {
             _filling = !_filling;
         }
         const bool wants_more = below(4) != 0 ? _filling : !_filling;
-        std::string told =
+        std::string reported =
             (wants_more && !_model.chain.empty()) || _model.live.empty() ? add_one() : remove_one();
         if (seed_to_replay() != nullptr) {
-            std::printf("%s\n", told.c_str());
+            std::printf("%s\n", reported.c_str());
         }
-        return told;
+        return reported;
     }
 
     std::string add_one() {
@@ -156,5 +154,3 @@ TEST(list_random_operations, LeaveTheListLikeItsModel) {
 }
 
 } // namespace
-
-} // namespace list_model_test

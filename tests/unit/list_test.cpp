@@ -149,7 +149,7 @@ TEST(list_append, ToAnEmptyListMakesACircleOfOne) {
     EXPECT_EQ(list.next(element), nullptr);
 }
 
-TEST(list_append, LinksBehindTheTailAndClosesTheCircle) {
+TEST(list_append, LinksAfterTheTailAndClosesTheCircle) {
     small_list list = list_with(2);
     list.append(list.alloc());
     EXPECT_EQ(list._head, 0);
@@ -312,7 +312,7 @@ TEST(list_erase, UnlinksTheElementAndFreesIt) {
     EXPECT_TRUE(is_zero(&list._arr[1].prev, sizeof(small_element) - sizeof(int32_t)));
 }
 
-TEST(list_next, StepsAlongTheListAndIsNullBehindTheTail) {
+TEST(list_next, StepsAlongTheListAndIsNullAfterTheTail) {
     small_list list = list_with(3);
     EXPECT_EQ(list.next(&list._arr[0]), &list._arr[1]);
     EXPECT_EQ(list.next(&list._arr[1]), &list._arr[2]);

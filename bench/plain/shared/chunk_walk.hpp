@@ -54,6 +54,6 @@ inline chunk_walk chunks_between_sentinels() {
     return {dma_chunks->next(dma_chunk_head), dma_chunk_tail};
 }
 
-inline chunk_walk chunks_behind_head() {
+inline chunk_walk chunks_after_head() {
     return {dma_chunks->next(dma_chunk_head), nullptr};
 }

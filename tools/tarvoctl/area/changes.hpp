@@ -43,7 +43,7 @@ struct change {
 inline constexpr size_t most_mappings_listed = 65536;
 
 /// What happened between two moments: chunks that went in ascending address, then devices, then
-/// chunks that came or changed in ascending address. Chunks are told apart by name, those of one
+/// chunks that came or changed in ascending address. Chunks are distinguished by name, those of one
 /// name by address; devices by domain, bus and devfn. A chunk keeps its address, size, creator and
 /// element number as long as it lives: where one of them differs, the name was freed and allocated
 /// again. What happened and was undone in between is not seen, nor a chunk that was allocated again

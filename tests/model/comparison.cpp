@@ -1,4 +1,4 @@
-#include "contest.hpp"
+#include "comparison.hpp"
 
 #include "client.hpp"
 #include "real_machine.hpp"
@@ -33,9 +33,9 @@ std::string apart(const std::string& what, const std::string& expected, const st
 }
 
 /// One machine, its model, and how far they came.
-class contest {
+class comparison {
   public:
-    explicit contest(const playground& where) : _model(where), _machine(where) {}
+    explicit comparison(const playground& where) : _model(where), _machine(where) {}
 
     const prediction& now() const { return _model; }
     std::optional<std::string> play(const step& one);
@@ -46,7 +46,7 @@ class contest {
     real_machine _machine;
 };
 
-std::optional<std::string> contest::play(const step& one) {
+std::optional<std::string> comparison::play(const step& one) {
     const outcome expected = _model.carry_out(one);
     try {
         const outcome seen = _machine.carry_out(one, expected.signal);
@@ -59,8 +59,8 @@ std::optional<std::string> contest::play(const step& one) {
     }
 }
 
-std::optional<std::string> contest::compare_area(area_part part) {
-    // Kept from contest to contest: it takes long to make.
+std::optional<std::string> comparison::compare_area(area_part part) {
+    // Kept from comparison to comparison: it takes long to make.
     static image bytes;
     return difference_of(_model.machine().area, bytes, _machine.area(), part);
 }
@@ -101,7 +101,7 @@ std::optional<std::string> difference_of(const shared_area& expected, image& byt
 
 verdict play(const playground& where, const step_source& source) {
     verdict result{{where, {}}, {}};
-    contest both(where);
+    comparison both(where);
     std::vector<step>& played = result.played.steps;
     std::optional<std::string> apart;
     while (!apart) {

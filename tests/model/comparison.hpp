@@ -31,7 +31,7 @@ std::optional<std::string> difference_of(const shared_area& expected, image& byt
 /// Gives the next step, or none at the end.
 using step_source = std::function<std::optional<step>(const prediction& now)>;
 
-/// What a contest came to.
+/// What a comparison came to.
 struct verdict {
     script played; ///< what was carried out: steps that meant nothing are left out
     std::optional<difference> found;
