@@ -109,7 +109,7 @@ class area_stepped : public testing::Test {
     void leave(const std::vector<uint8_t>& state) {
         auto* live = const_cast<uint8_t*>(file->view().bytes().data());
         auto bytes = state.begin();
-        for (const window& part : windows_) {
+        for (const window& part : _windows) {
             std::copy_n(bytes, part.bytes, live + part.offset);
             bytes += static_cast<std::ptrdiff_t>(part.bytes);
         }
@@ -153,7 +153,7 @@ class area_stepped : public testing::Test {
     std::vector<size_t> take_over_changes() {
         std::vector<size_t> changes;
         const uint8_t* live = file->view().bytes().data();
-        for (const window& part : windows_) {
+        for (const window& part : _windows) {
             if (std::memcmp(live + part.offset, copy.bytes().data() + part.offset, part.bytes) ==
                 0) {
                 continue;
@@ -171,7 +171,7 @@ class area_stepped : public testing::Test {
 
     std::vector<uint8_t> bytes_in_windows() const {
         std::vector<uint8_t> bytes;
-        for (const window& part : windows_) {
+        for (const window& part : _windows) {
             const uint8_t* live = file->view().bytes().data() + part.offset;
             bytes.insert(bytes.end(), live, live + part.bytes);
         }
@@ -238,7 +238,7 @@ class area_stepped : public testing::Test {
         }
     }
 
-    std::vector<window> windows_ = windows();
+    std::vector<window> _windows = windows();
 };
 
 TEST_F(area_stepped, AllocatingIsRepairedBehindEveryStore) {
