@@ -232,7 +232,7 @@ bool makes_sense(const machine_state& machine, const process_state& caller, cons
     if (one.verb == "write" || one.verb == "look") {
         return touches_mapped_page(caller, one);
     }
-    // What a process that never started does here the text leaves open.
+    // Nothing is promised to a process that never started.
     return one.verb != "dump_end" || caller.started;
 }
 
