@@ -8,10 +8,12 @@
 #include "shrink.hpp"
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
 #include <iostream>
+#include <iterator>
 
 namespace {
 
@@ -102,12 +104,18 @@ bool play_seeds(const options& wanted) {
     return good;
 }
 
+std::vector<std::string> names_of_worlds() {
+    std::vector<std::string> names;
+    std::ranges::transform(all_worlds(), std::back_inserter(names), &world::name);
+    return names;
+}
+
 void describe(CLI::App& app, options& wanted) {
     app.add_option("--seed", wanted.first_seed, "first seed")->capture_default_str();
     app.add_option("--seeds", wanted.seeds, "how many seeds")->capture_default_str();
     app.add_option("--steps", wanted.steps, "steps of each seed")->capture_default_str();
     app.add_option("--world", wanted.world_name, "only this world; all of them where left out")
-        ->check(CLI::IsMember({"simulation", "low", "high", "crossing", "cma"}));
+        ->check(CLI::IsMember(names_of_worlds()));
     app.add_option("--processes", wanted.processes,
                    "clients side by side; 1 to 4, as the seed says, where left out")
         ->check(CLI::Range(1, 64));

@@ -3,16 +3,18 @@
 import os
 import re
 import unittest
+from pathlib import Path
 from typing import Any
 
 import tarvo
 
+TABLE = Path(__file__).parents[1] / "support" / "world.hpp"
 #: Where the region lies in each world: physical start, bytes, DMA start.
 WORLDS = {
-    "simulation": (0x1000, 0x2A800000, 0x1000),
-    "low": (0x80000000, 0x10000000, 0x80000000),
-    "high": (0x200000000, 0x40000000, 0x20000000),
-    "cma": (0x100000000, 0x40000000, 0x20000000),
+    name: tuple(int(number, 16) for number in numbers)
+    for name, *numbers in re.findall(
+        r'^inline constexpr world \w+{"(\w+)", (\w+), (\w+), (\w+),', TABLE.read_text(), re.M
+    )
 }
 WORLD = os.environ.get("TARVO_TEST_WORLD", "simulation")
 
