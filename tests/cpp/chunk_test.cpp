@@ -10,7 +10,7 @@ using tarvo::error_code;
 
 class chunks : public region_fixture {};
 
-TEST_F(chunks, are_allocated_from_the_regions_start_on) {
+TEST_F(chunks, AreAllocatedFromTheRegionsStartOn) {
     const tarvo::chunk first = allocated("first", 1_B);
     const tarvo::chunk second = allocated("second", 64_KiB);
     const tarvo::dma_address start(world_here().start_dma);
@@ -18,20 +18,20 @@ TEST_F(chunks, are_allocated_from_the_regions_start_on) {
     EXPECT_EQ(second, tarvo::chunk("second", start + tarvo::page_size(), 64_KiB));
 }
 
-TEST_F(chunks, are_shared_by_name_and_size) {
+TEST_F(chunks, AreSharedByNameAndSize) {
     const tarvo::chunk mine = allocated("shared", 64_KiB - 1_B);
     EXPECT_EQ(allocated("shared", 64_KiB), mine);
     EXPECT_EQ(chunks_now().size(), 1U);
 }
 
-TEST_F(chunks, of_one_name_and_another_size_are_refused) {
+TEST_F(chunks, OfOneNameAndAnotherSizeAreRefused) {
     allocated("shared", 64_KiB);
     EXPECT_TRUE(fails_with(tarvo::allocate("shared", 128_KiB, "test"), error_code::size_mismatch,
                            "'shared' exists with 65536 bytes, not 131072"));
     EXPECT_EQ(chunks_now().size(), 1U);
 }
 
-TEST_F(chunks, are_new_and_zero_after_a_free) {
+TEST_F(chunks, AreNewAndZeroAfterAFree) {
     const tarvo::chunk before = allocated("ring", 64_KiB);
     {
         const auto memory = tarvo::map(before);
@@ -44,7 +44,7 @@ TEST_F(chunks, are_new_and_zero_after_a_free) {
     EXPECT_TRUE(std::ranges::all_of(memory->span(), [](std::byte b) { return b == std::byte{}; }));
 }
 
-TEST_F(chunks, with_names_that_end_the_process_are_refused) {
+TEST_F(chunks, WithNamesThatEndTheProcessAreRefused) {
     const std::string long_name(50, 'n');
     for (const std::string& name :
          {std::string(), long_name, long_name + long_name, std::string("__HEAD"),
@@ -56,7 +56,7 @@ TEST_F(chunks, with_names_that_end_the_process_are_refused) {
     EXPECT_EQ(chunks_now().size(), 0U);
 }
 
-TEST_F(chunks, can_have_the_longest_name_and_any_bytes_in_it) {
+TEST_F(chunks, CanHaveTheLongestNameAndAnyBytesInIt) {
     // In a command to the driver of a CMA region a name is a word.
     const std::string name =
         world_here().cma ? std::string(49, 'n') : " \t\x01\xff 0x1" + std::string(40, 'n') + "\n";
@@ -68,7 +68,7 @@ TEST_F(chunks, can_have_the_longest_name_and_any_bytes_in_it) {
     EXPECT_EQ(*found, mine);
 }
 
-TEST_F(chunks, with_sizes_that_end_the_process_are_refused) {
+TEST_F(chunks, WithSizesThatEndTheProcessAreRefused) {
     for (const tarvo::bytes size : {0_B, 4_GiB, 4_GiB - 1_B, 4_GiB - 4_KiB + 1_B, 16_GiB,
                                     2_GiB + 1_B, tarvo::bytes(~uint64_t{0})}) {
         EXPECT_TRUE(fails_with(tarvo::allocate("large", size, "test"), error_code::bad_size,
@@ -76,18 +76,18 @@ TEST_F(chunks, with_sizes_that_end_the_process_are_refused) {
     }
 }
 
-TEST_F(chunks, that_do_not_fit_are_refused) {
+TEST_F(chunks, ThatDoNotFitAreRefused) {
     EXPECT_TRUE(
         fails_with(tarvo::allocate("large", 2_GiB, "test"), error_code::no_room, "'large'"));
 }
 
-TEST_F(chunks, need_a_creator) {
+TEST_F(chunks, NeedACreator) {
     EXPECT_TRUE(fails_with(tarvo::allocate("ring", 4_KiB, ""), error_code::bad_creator, "empty"));
     EXPECT_TRUE(fails_with(tarvo::allocate("ring", 4_KiB, std::string_view("a\0b", 3)),
                            error_code::bad_creator, "zero byte"));
 }
 
-TEST_F(chunks, record_of_a_long_creator_what_the_c_call_records) {
+TEST_F(chunks, RecordOfALongCreatorWhatTheCCallRecords) {
     for (const size_t length : {99U, 100U, 200U, 201U, 5000U}) {
         std::string creator;
         for (size_t i = 0; i < length; ++i) {
@@ -103,7 +103,7 @@ TEST_F(chunks, record_of_a_long_creator_what_the_c_call_records) {
     }
 }
 
-TEST_F(chunks, are_found_by_name_with_all_that_is_known) {
+TEST_F(chunks, AreFoundByNameWithAllThatIsKnown) {
     const tarvo::chunk mine = allocated("rx_ring", 64_KiB);
     const auto found = tarvo::find_chunk("rx_ring");
     ASSERT_TRUE(found);
@@ -114,7 +114,7 @@ TEST_F(chunks, are_found_by_name_with_all_that_is_known) {
                            "no chunk is called 'tx_ring'"));
 }
 
-TEST_F(chunks, are_found_by_any_address_in_them) {
+TEST_F(chunks, AreFoundByAnyAddressInThem) {
     const tarvo::chunk mine = allocated("rx_ring", 64_KiB);
     EXPECT_EQ(*tarvo::find_chunk(mine.dma()), mine);
     EXPECT_EQ(*tarvo::find_chunk(mine.dma() + 64_KiB + tarvo::bytes(~uint64_t{0})), mine);
@@ -123,14 +123,14 @@ TEST_F(chunks, are_found_by_any_address_in_them) {
                            error_code::bad_address, "0xfffffff0"));
 }
 
-TEST_F(chunks, are_freed_once) {
+TEST_F(chunks, AreFreedOnce) {
     const tarvo::chunk mine = allocated("ring", 4_KiB);
     EXPECT_TRUE(tarvo::free_chunk(mine));
     EXPECT_TRUE(fails_with(tarvo::free_chunk(mine), error_code::not_found, "'ring'"));
     EXPECT_TRUE(fails_with(tarvo::free_chunk("ring"), error_code::not_found, "'ring'"));
 }
 
-TEST_F(chunks, are_not_freed_when_the_name_is_another_chunks_by_now) {
+TEST_F(chunks, AreNotFreedWhenTheNameIsAnotherChunksByNow) {
     const tarvo::chunk before = allocated("ring", 4_KiB);
     ASSERT_TRUE(tarvo::free_chunk("ring"));
     const tarvo::chunk now = allocated("ring", 8_KiB);
@@ -138,7 +138,7 @@ TEST_F(chunks, are_not_freed_when_the_name_is_another_chunks_by_now) {
     EXPECT_TRUE(tarvo::free_chunk(now));
 }
 
-TEST_F(chunks, of_one_name_made_by_c_calls_are_freed_lowest_first) {
+TEST_F(chunks, OfOneNameMadeByCCallsAreFreedLowestFirst) {
     ASSERT_NE(tarvo_alloc_func("twice", 4096, "test"), 0U);
     if (world_here().cma) {
         // The driver of a CMA region has no second memory of one name.
@@ -151,7 +151,7 @@ TEST_F(chunks, of_one_name_made_by_c_calls_are_freed_lowest_first) {
     EXPECT_EQ(tarvo::find_chunk("twice")->size(), 8_KiB);
 }
 
-TEST_F(chunks, stay_when_a_device_refuses_to_let_them_go) {
+TEST_F(chunks, StayWhenADeviceRefusesToLetThemGo) {
     // The run's rules: this device accepts every mapping and no unmapping.
     const tarvo::device stubborn = device(0x0e, 0, 1);
     const tarvo::chunk mine = allocated("ring", 4_KiB);

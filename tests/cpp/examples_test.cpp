@@ -78,7 +78,7 @@ class running {
 
 class examples : public region_fixture {};
 
-TEST_F(examples, leave_no_device_registered_that_refuses) {
+TEST_F(examples, LeaveNoDeviceRegisteredThatRefuses) {
     allocated("ring", 4_KiB);
     // By the run's rules.
     running driver(TARVO_DRIVER, "0000:0e:00.0");
@@ -89,7 +89,7 @@ TEST_F(examples, leave_no_device_registered_that_refuses) {
     EXPECT_EQ(devices_now().size(), 0U);
 }
 
-TEST_F(examples, print_while_nobody_waits_for_them) {
+TEST_F(examples, PrintWhileNobodyWaitsForThem) {
     for (int number = 0; number < 100; ++number) {
         allocated("ring" + std::to_string(number), 4_KiB);
     }

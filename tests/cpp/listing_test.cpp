@@ -57,7 +57,7 @@ bool others_wait() {
 
 class listings : public region_fixture {};
 
-TEST_F(listings, show_chunks_in_ascending_address_and_devices_in_order) {
+TEST_F(listings, ShowChunksInAscendingAddressAndDevicesInOrder) {
     allocated("first", 8_KiB);
     allocated("second", 4_KiB);
     ASSERT_TRUE(tarvo::register_device(device(9, 0, 0)));
@@ -76,14 +76,14 @@ TEST_F(listings, show_chunks_in_ascending_address_and_devices_in_order) {
     EXPECT_FALSE(now->damage());
 }
 
-TEST_F(listings, of_an_empty_region_are_empty) {
+TEST_F(listings, OfAnEmptyRegionAreEmpty) {
     const auto now = tarvo::listing::open();
     ASSERT_TRUE(now);
     EXPECT_EQ(now->chunks().begin(), now->chunks().end());
     EXPECT_EQ(now->devices().begin(), now->devices().end());
 }
 
-TEST_F(listings, go_on_where_an_earlier_range_stopped) {
+TEST_F(listings, GoOnWhereAnEarlierRangeStopped) {
     for (const char* name : {"a", "b", "c"}) {
         allocated(name, 4_KiB);
     }
@@ -94,7 +94,7 @@ TEST_F(listings, go_on_where_an_earlier_range_stopped) {
     EXPECT_EQ(now->chunks().begin(), now->chunks().end());
 }
 
-TEST_F(listings, hold_the_lock_until_they_end) {
+TEST_F(listings, HoldTheLockUntilTheyEnd) {
     allocated("ring", 4_KiB);
     EXPECT_FALSE(others_wait());
     {
@@ -110,7 +110,7 @@ TEST_F(listings, hold_the_lock_until_they_end) {
     EXPECT_FALSE(others_wait());
 }
 
-TEST_F(listings, refuse_every_other_call_meanwhile) {
+TEST_F(listings, RefuseEveryOtherCallMeanwhile) {
     const tarvo::chunk chunk = allocated("ring", 4_KiB);
     const auto now = tarvo::listing::open();
     ASSERT_TRUE(now);
@@ -130,7 +130,7 @@ TEST_F(listings, refuse_every_other_call_meanwhile) {
     EXPECT_EQ(now->chunks().begin()->name(), "ring");
 }
 
-TEST_F(listings, leave_the_lock_free_after_each_call) {
+TEST_F(listings, LeaveTheLockFreeAfterEachCall) {
     const tarvo::chunk chunk = allocated("ring", 4_KiB);
     EXPECT_FALSE(others_wait());
     EXPECT_TRUE(tarvo::map(chunk));
@@ -143,7 +143,7 @@ TEST_F(listings, leave_the_lock_free_after_each_call) {
     EXPECT_FALSE(others_wait());
 }
 
-TEST_F(listings, end_at_a_chunk_outside_the_region_and_say_so) {
+TEST_F(listings, EndAtAChunkOutsideTheRegionAndSaySo) {
     const tarvo::chunk chunk = allocated("ring", 4_KiB);
     const damage far_away(record_offset("ring") + pa_offset, std::string(8, '\x7f'));
     {
@@ -159,14 +159,14 @@ TEST_F(listings, end_at_a_chunk_outside_the_region_and_say_so) {
     EXPECT_TRUE(fails_with(tarvo::find_chunk("none"), error_code::damaged, "outside the region"));
 }
 
-TEST_F(listings, end_at_a_name_that_breaks_its_column_and_say_so) {
+TEST_F(listings, EndAtANameThatBreaksItsColumnAndSaySo) {
     allocated("ring", 4_KiB);
     // Name, address and half of the size without a zero byte.
     const damage endless(record_offset("ring") + name_offset, std::string(61, 'n'));
     EXPECT_TRUE(fails_with(tarvo::find_chunk("ring"), error_code::damaged, "no chunk's line"));
 }
 
-TEST_F(listings, end_at_a_line_that_is_too_long_and_say_so) {
+TEST_F(listings, EndAtALineThatIsTooLongAndSaySo) {
     allocated("ring", 4_KiB);
     // Name, address, size and creator without a zero byte, and on into the devices.
     const damage endless(record_offset("ring") + name_offset, std::string(600, 'n'));

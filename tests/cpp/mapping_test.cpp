@@ -23,7 +23,7 @@ bool is_mapped(const void* address) {
 
 class mappings : public region_fixture {};
 
-TEST_F(mappings, show_one_memory) {
+TEST_F(mappings, ShowOneMemory) {
     const tarvo::chunk chunk = allocated("ring", 64_KiB);
     const auto writer = tarvo::map(chunk);
     const auto reader = tarvo::map_read_only(chunk);
@@ -35,7 +35,7 @@ TEST_F(mappings, show_one_memory) {
     EXPECT_NE(writer->span().data(), reader->span().data());
 }
 
-TEST_F(mappings, show_the_memory_that_the_c_call_shows) {
+TEST_F(mappings, ShowTheMemoryThatTheCCallShows) {
     const tarvo::chunk chunk = allocated("ring", 64_KiB);
     const auto mine = tarvo::map(chunk);
     ASSERT_TRUE(mine);
@@ -45,7 +45,7 @@ TEST_F(mappings, show_the_memory_that_the_c_call_shows) {
     EXPECT_EQ(tarvo_unmap("ring", by_c, 0), 0);
 }
 
-TEST_F(mappings, of_windows_know_their_own_dma_address) {
+TEST_F(mappings, OfWindowsKnowTheirOwnDmaAddress) {
     const tarvo::chunk chunk = allocated("ring", 64_KiB);
     const tarvo::bytes page = tarvo::page_size();
     const auto all = tarvo::map(chunk);
@@ -60,7 +60,7 @@ TEST_F(mappings, of_windows_know_their_own_dma_address) {
     EXPECT_EQ(rest->span()[page.count() + 9], std::byte{9});
 }
 
-TEST_F(mappings, outside_the_chunk_or_within_a_page_are_refused) {
+TEST_F(mappings, OutsideTheChunkOrWithinAPageAreRefused) {
     const tarvo::chunk chunk = allocated("ring", 64_KiB);
     const tarvo::bytes far(~uint64_t{0} - 4095);
     const std::pair<tarvo::bytes, tarvo::bytes> windows[] = {
@@ -72,7 +72,7 @@ TEST_F(mappings, outside_the_chunk_or_within_a_page_are_refused) {
     }
 }
 
-TEST_F(mappings, end_with_their_object) {
+TEST_F(mappings, EndWithTheirObject) {
     const tarvo::chunk chunk = allocated("ring", 64_KiB);
     const std::byte* address = nullptr;
     {
@@ -86,7 +86,7 @@ TEST_F(mappings, end_with_their_object) {
     EXPECT_FALSE(is_mapped(address + 65536 - tarvo::page_size().count()));
 }
 
-TEST_F(mappings, are_moved_and_not_shared) {
+TEST_F(mappings, AreMovedAndNotShared) {
     const tarvo::chunk chunk = allocated("ring", 64_KiB);
     tarvo::mapping first = *tarvo::map(chunk);
     const std::byte* first_address = first.span().data();
@@ -101,7 +101,7 @@ TEST_F(mappings, are_moved_and_not_shared) {
     EXPECT_TRUE(third.span().empty());
 }
 
-TEST_F(mappings, end_without_harm_when_the_chunk_is_gone) {
+TEST_F(mappings, EndWithoutHarmWhenTheChunkIsGone) {
     const tarvo::chunk chunk = allocated("ring", 64_KiB);
     const std::byte* address = nullptr;
     {
@@ -114,7 +114,7 @@ TEST_F(mappings, end_without_harm_when_the_chunk_is_gone) {
     EXPECT_FALSE(is_mapped(address));
 }
 
-TEST_F(mappings, are_never_of_another_chunk_that_has_taken_the_name) {
+TEST_F(mappings, AreNeverOfAnotherChunkThatHasTakenTheName) {
     const tarvo::chunk before = allocated("ring", 64_KiB);
     ASSERT_TRUE(tarvo::free_chunk(before));
     EXPECT_TRUE(fails_with(tarvo::map(before), error_code::not_found, "'ring'"));
@@ -124,14 +124,14 @@ TEST_F(mappings, are_never_of_another_chunk_that_has_taken_the_name) {
     EXPECT_TRUE(tarvo::map(now));
 }
 
-TEST_F(mappings, for_reading_only_fault_on_writing) {
+TEST_F(mappings, ForReadingOnlyFaultOnWriting) {
     const auto memory = tarvo::map_read_only(allocated("ring", 4_KiB));
     ASSERT_TRUE(memory);
     auto* byte = reinterpret_cast<volatile char*>(const_cast<std::byte*>(memory->span().data()));
     EXPECT_EXIT(*byte = 1, testing::KilledBySignal(SIGSEGV), "");
 }
 
-TEST_F(mappings, give_no_object_that_is_aligned_to_more_than_its_page) {
+TEST_F(mappings, GiveNoObjectThatIsAlignedToMoreThanItsPage) {
     struct alignas(8192) large {
         std::byte first;
     };
@@ -148,7 +148,7 @@ TEST_F(mappings, give_no_object_that_is_aligned_to_more_than_its_page) {
     }
 }
 
-TEST_F(mappings, give_typed_access_only_where_it_is_within_and_aligned) {
+TEST_F(mappings, GiveTypedAccessOnlyWhereItIsWithinAndAligned) {
     const auto memory = tarvo::map(allocated("ring", 4_KiB));
     ASSERT_TRUE(memory);
     const auto last = memory->object<uint64_t>(4088_B);

@@ -12,7 +12,7 @@ using tarvo::physical_address;
 
 class whole : public region_fixture {};
 
-TEST_F(whole, region_lies_where_the_world_has_it) {
+TEST_F(whole, RegionLiesWhereTheWorldHasIt) {
     const auto region = tarvo::get_limits();
     ASSERT_TRUE(region);
     EXPECT_EQ(region->start.value(), world_here().start_dma);
@@ -21,7 +21,7 @@ TEST_F(whole, region_lies_where_the_world_has_it) {
     EXPECT_EQ(tarvo::get_overhead().count(), tarvo_get_overhead());
 }
 
-TEST_F(whole, region_is_translated_both_ways_and_nothing_else) {
+TEST_F(whole, RegionIsTranslatedBothWaysAndNothingElse) {
     const world& here = world_here();
     for (const uint64_t pa : {here.start, here.start + 1, here.end() - 1, here.end()}) {
         const auto dma = tarvo::pa_to_dma(physical_address(pa));
@@ -40,7 +40,7 @@ TEST_F(whole, region_is_translated_both_ways_and_nothing_else) {
     }
 }
 
-TEST_F(whole, region_is_mapped_once_and_counted) {
+TEST_F(whole, RegionIsMappedOnceAndCounted) {
     const tarvo::chunk chunk = allocated("ring", 4_KiB);
     auto first = tarvo::whole_region::map();
     ASSERT_TRUE(first);
@@ -62,7 +62,7 @@ TEST_F(whole, region_is_mapped_once_and_counted) {
 }
 
 /// Run in a world that has no region.
-TEST(without_a_region, every_call_says_so) {
+TEST(without_a_region, EveryCallSaysSo) {
     constexpr auto code = error_code::not_started;
     constexpr const char* reported = "cannot start";
     EXPECT_TRUE(fails_with(tarvo::get_limits(), code, reported));
@@ -84,13 +84,13 @@ TEST(without_a_region, every_call_says_so) {
 }
 
 /// Run in a world whose region no single request can describe.
-TEST(a_region_of_2_gib, is_not_mapped_for_a_device_at_once) {
+TEST(a_region_of_2_gib, IsNotMappedForADeviceAtOnce) {
     EXPECT_TRUE(
         fails_with(tarvo::iommu_map({}, tarvo::access::read), error_code::bad_size, "0x80000000"));
     EXPECT_TRUE(fails_with(tarvo::iommu_unmap({}), error_code::bad_size, "0x80000000"));
 }
 
-TEST(a_region_of_2_gib, is_one_chunk_at_most_that_a_device_can_have) {
+TEST(a_region_of_2_gib, IsOneChunkAtMostThatADeviceCanHave) {
     const auto largest = tarvo::allocate("largest", tarvo::largest_chunk, "test");
     ASSERT_TRUE(largest) << largest.error().message();
     EXPECT_TRUE(tarvo::register_device({}));
@@ -99,7 +99,7 @@ TEST(a_region_of_2_gib, is_one_chunk_at_most_that_a_device_can_have) {
 }
 
 /// Run in a world with a larger one.
-TEST(a_region_of_3_gib, has_a_chunk_that_would_end_who_registers_a_device) {
+TEST(a_region_of_3_gib, HasAChunkThatWouldEndWhoRegistersADevice) {
     ASSERT_NE(tarvo_alloc_func("too_large", size_t{0x80001000}, "test"), 0U);
     EXPECT_TRUE(fails_with(tarvo::register_device({}), error_code::bad_size, "'too_large'"));
     EXPECT_TRUE(tarvo::free_chunk("too_large"));

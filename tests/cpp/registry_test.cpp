@@ -9,7 +9,7 @@ using tarvo::error_code;
 
 class registry : public region_fixture {};
 
-TEST_F(registry, keeps_a_device_from_registering_to_unregistering) {
+TEST_F(registry, KeepsADeviceFromRegisteringToUnregistering) {
     const tarvo::device mine = device(3, 0, 0);
     EXPECT_TRUE(fails_with(tarvo::unregister_device(mine), error_code::not_registered,
                            "0000:03:00.0 is not registered"));
@@ -23,7 +23,7 @@ TEST_F(registry, keeps_a_device_from_registering_to_unregistering) {
     EXPECT_EQ(devices_now().size(), 0U);
 }
 
-TEST_F(registry, refuses_the_device_that_would_end_the_process) {
+TEST_F(registry, RefusesTheDeviceThatWouldEndTheProcess) {
     for (uint32_t number = 0; number < 256; ++number) {
         ASSERT_TRUE(tarvo::register_device(device(1, number / 8, number % 8)));
     }
@@ -33,7 +33,7 @@ TEST_F(registry, refuses_the_device_that_would_end_the_process) {
     EXPECT_TRUE(tarvo::register_device(device(1, 0, 0)));
 }
 
-TEST_F(registry, says_when_a_driver_refuses) {
+TEST_F(registry, SaysWhenADriverRefuses) {
     allocated("ring", 4_KiB);
     // By the run's rules.
     const tarvo::device refused = device(0x0e, 0, 0);
@@ -52,7 +52,7 @@ TEST_F(registry, says_when_a_driver_refuses) {
     }
 }
 
-TEST_F(registry, maps_the_whole_region_for_a_device) {
+TEST_F(registry, MapsTheWholeRegionForADevice) {
     const tarvo::device mine = device(3, 0, 0);
     EXPECT_TRUE(tarvo::iommu_map(mine, tarvo::access::read_write));
     EXPECT_TRUE(tarvo::iommu_unmap(mine));

@@ -96,7 +96,7 @@ tarvo::error some_error() {
 
 } // namespace
 
-TEST(a_result, holds_its_value) {
+TEST(a_result, HoldsItsValue) {
     tarvo::result<std::string> held(std::string("value"));
     EXPECT_TRUE(held);
     EXPECT_EQ(*held, "value");
@@ -104,7 +104,7 @@ TEST(a_result, holds_its_value) {
     EXPECT_EQ(std::move(held).value_or("other"), "value");
 }
 
-TEST(a_result, holds_its_error) {
+TEST(a_result, HoldsItsError) {
     const tarvo::result<std::string> held(some_error());
     EXPECT_FALSE(held);
     EXPECT_EQ(held.error().code(), tarvo::error_code::not_found);
@@ -112,13 +112,13 @@ TEST(a_result, holds_its_error) {
     EXPECT_EQ(tarvo::result<std::string>(some_error()).value_or("other"), "other");
 }
 
-TEST(a_result, gives_a_move_only_value_away) {
+TEST(a_result, GivesAMoveOnlyValueAway) {
     tarvo::result<std::unique_ptr<int>> owner(std::make_unique<int>(7));
     const std::unique_ptr<int> taken = *std::move(owner);
     EXPECT_EQ(*taken, 7);
 }
 
-TEST(a_result, goes_on_only_with_a_value) {
+TEST(a_result, GoesOnOnlyWithAValue) {
     const auto half = [](int number) -> tarvo::result<int> {
         if (number % 2 != 0) {
             return some_error();
@@ -130,12 +130,12 @@ TEST(a_result, goes_on_only_with_a_value) {
     EXPECT_FALSE(tarvo::result<int>(some_error()).and_then(half));
 }
 
-TEST(a_result, of_nothing_is_success_or_an_error) {
+TEST(a_result, OfNothingIsSuccessOrAnError) {
     EXPECT_TRUE(tarvo::result<void>());
     EXPECT_STREQ(tarvo::result<void>(some_error()).error().message(), "no such thing");
 }
 
-TEST(a_result_DeathTest, ends_the_process_with_the_error_when_the_missing_value_is_used) {
+TEST(a_result_DeathTest, EndsTheProcessWithTheErrorWhenTheMissingValueIsUsed) {
     const tarvo::result<int> none(some_error());
     EXPECT_EXIT((void)*none, testing::KilledBySignal(SIGABRT),
                 "tarvo: the value of a failed result was used: no such thing");
@@ -145,20 +145,20 @@ TEST(a_result_DeathTest, ends_the_process_with_the_error_when_the_missing_value_
                 "tarvo: the error of a good result was used");
 }
 
-TEST(an_error, cuts_a_text_that_is_too_long) {
+TEST(an_error, CutsATextThatIsTooLong) {
     const std::string text(1000, 'x');
     const tarvo::error cut(tarvo::error_code::refused, "%s", text.c_str());
     EXPECT_EQ(cut.message(), text.substr(0, 255));
 }
 
-TEST(sizes, are_rounded_up_to_pages) {
+TEST(sizes, AreRoundedUpToPages) {
     const tarvo::bytes page = tarvo::page_size();
     EXPECT_EQ(tarvo::rounded_to_pages(1_B), page);
     EXPECT_EQ(tarvo::rounded_to_pages(page), page);
     EXPECT_EQ(tarvo::rounded_to_pages(page + 1_B), page * 2);
 }
 
-TEST(a_device, is_read_from_its_address_and_written_as_it) {
+TEST(a_device, IsReadFromItsAddressAndWrittenAsIt) {
     const auto device = tarvo::device::parse("0001:3a:1f.7");
     ASSERT_TRUE(device);
     EXPECT_EQ(device->domain(), 1U);
@@ -173,7 +173,7 @@ TEST(a_device, is_read_from_its_address_and_written_as_it) {
     EXPECT_EQ(*tarvo::device::parse("03:00.1"), *tarvo::device::at(0, 3, 0, 1));
 }
 
-TEST(a_device, is_refused_where_no_pci_device_has_the_address) {
+TEST(a_device, IsRefusedWhereNoPciDeviceHasTheAddress) {
     for (const char* text : {"", "3", ":03:00.0", "0000:03:00", "0000:03:00.", "0000:03:00.0 ",
                              " 0000:03:00.0", "0000:03:00.8", "0000:03:20.0", "0000:-3:00.0",
                              "100000000:03:00.0", "0000:03.00.0", "0000:0g:00.0", "0x0:03:00.0"}) {
@@ -185,7 +185,7 @@ TEST(a_device, is_refused_where_no_pci_device_has_the_address) {
     EXPECT_FALSE(tarvo::device::at(0, 3, 0, 8));
 }
 
-TEST(a_listings_line, is_taken_apart_by_its_columns) {
+TEST(a_listings_line, IsTakenApartByItsColumns) {
     char line[256];
     (void)std::snprintf(line, sizeof line, "%3d %-60s %-110s 0x%012llx %9d", 12345, " a b  0x1 ",
                         "who  was 7", 0x123456789abULL, -4096);
@@ -198,7 +198,7 @@ TEST(a_listings_line, is_taken_apart_by_its_columns) {
     EXPECT_EQ(fields.size, -4096);
 }
 
-TEST(a_listings_line, is_refused_wherever_it_is_cut_or_widened) {
+TEST(a_listings_line, IsRefusedWhereverItIsCutOrWidened) {
     char line[256];
     (void)std::snprintf(line, sizeof line, "%3d %-60s %-110s 0x%012llx %9d", 2, "rx_ring", "me",
                         0x1000ULL, 4096);

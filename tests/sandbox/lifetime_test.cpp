@@ -44,7 +44,7 @@ bool eventually(const std::function<bool()>& wanted) {
 }
 
 /// A sandbox with a control socket whose first command waits to be killed.
-class Lifetime : public testing::Test {
+class lifetime : public testing::Test {
   protected:
     void SetUp() override {
         _mount_namespace = _first.read_line().value();
@@ -99,19 +99,19 @@ class Lifetime : public testing::Test {
     pid_t _helper = -1;
 };
 
-TEST_F(Lifetime, NothingIsLeftWhenTheToolIsKilled) {
+TEST_F(lifetime, NothingIsLeftWhenTheToolIsKilled) {
     _first.kill(SIGKILL);
     EXPECT_TRUE(is_gone());
 }
 
-TEST_F(Lifetime, NothingIsLeftWhenTheCommandIsKilled) {
+TEST_F(lifetime, NothingIsLeftWhenTheCommandIsKilled) {
     ::kill(_command, SIGKILL);
     EXPECT_EQ(_first.wait().signal, SIGKILL);
     EXPECT_FALSE(std::filesystem::exists(_socket)) << "gone when the tool is, not later";
     EXPECT_TRUE(is_gone());
 }
 
-TEST_F(Lifetime, NothingIsLeftWhenTheServerIsKilled) {
+TEST_F(lifetime, NothingIsLeftWhenTheServerIsKilled) {
     const pid_t killed = server();
     ASSERT_GT(killed, 0);
     ::kill(killed, SIGKILL);
@@ -122,7 +122,7 @@ TEST_F(Lifetime, NothingIsLeftWhenTheServerIsKilled) {
     EXPECT_TRUE(is_gone());
 }
 
-TEST_F(Lifetime, NothingIsLeftWhenTheServerAndTheCommandAreKilled) {
+TEST_F(lifetime, NothingIsLeftWhenTheServerAndTheCommandAreKilled) {
     const pid_t killed = server();
     ASSERT_GT(killed, 0);
     _first.kill(SIGSTOP); // sees both at once
@@ -134,7 +134,7 @@ TEST_F(Lifetime, NothingIsLeftWhenTheServerAndTheCommandAreKilled) {
 }
 
 /// The kernel gives the lowest free number to a new namespace, often that of one which just ended.
-TEST_F(Lifetime, CleaningUpSparesASandboxThatCameLater) {
+TEST_F(lifetime, CleaningUpSparesASandboxThatCameLater) {
     first_stops_while_all_else_is_killed();
     std::list<process> later;
     for (int i = 0; i < 10; ++i) {
@@ -150,7 +150,7 @@ TEST_F(Lifetime, CleaningUpSparesASandboxThatCameLater) {
     }
 }
 
-TEST_F(Lifetime, NothingOfAJoinedCommandIsLeftWhenTheServerIsKilled) {
+TEST_F(lifetime, NothingOfAJoinedCommandIsLeftWhenTheServerIsKilled) {
     process second{join({"sh", "-c", "sleep 1000 & echo in; wait"}), _folder.path() / "second"};
     ASSERT_EQ(second.read_line(), "in");
     ::kill(server(), SIGKILL);
@@ -159,14 +159,14 @@ TEST_F(Lifetime, NothingOfAJoinedCommandIsLeftWhenTheServerIsKilled) {
     EXPECT_TRUE(is_gone());
 }
 
-TEST_F(Lifetime, SignalsToTheToolGoOnToTheCommand) {
+TEST_F(lifetime, SignalsToTheToolGoOnToTheCommand) {
     _first.kill(SIGTERM);
     const auto ended = _first.wait();
     EXPECT_EQ(ended.status, 7);
     EXPECT_TRUE(is_gone());
 }
 
-TEST_F(Lifetime, JoinedCommandSeesTheSameSandbox) {
+TEST_F(lifetime, JoinedCommandSeesTheSameSandbox) {
     const auto joined = run_to_end(join({"sh", "-c",
                                          "readlink /proc/self/ns/mnt; head -1 /proc/tarvo; "
                                          "echo ${SIMULATION_VMID-unset}; pwd"}));
@@ -175,13 +175,13 @@ TEST_F(Lifetime, JoinedCommandSeesTheSameSandbox) {
     EXPECT_EQ(joined.errors, "");
 }
 
-TEST_F(Lifetime, JoinedCommandEndsTheToolAsItEnds) {
+TEST_F(lifetime, JoinedCommandEndsTheToolAsItEnds) {
     EXPECT_EQ(run_to_end(join({"sh", "-c", "exit 9"})).status, 9);
     EXPECT_EQ(run_to_end(join({"sh", "-c", "kill -SEGV $$"})).signal, SIGSEGV);
     EXPECT_EQ(run_to_end(join({"/nowhere/command"})).status, 127);
 }
 
-TEST_F(Lifetime, SandboxOutlivesItsFirstCommandWhileAnotherIsThere) {
+TEST_F(lifetime, SandboxOutlivesItsFirstCommandWhileAnotherIsThere) {
     process second{join({"sh", "-c", "echo in; while :; do sleep 0.01; done"}),
                    _folder.path() / "second"};
     ASSERT_EQ(second.read_line(), "in");
@@ -192,7 +192,7 @@ TEST_F(Lifetime, SandboxOutlivesItsFirstCommandWhileAnotherIsThere) {
     EXPECT_TRUE(is_gone());
 }
 
-TEST_F(Lifetime, KillingAJoinedToolLeavesTheSandbox) {
+TEST_F(lifetime, KillingAJoinedToolLeavesTheSandbox) {
     process second{join({"sh", "-c", "echo $$; while :; do sleep 0.01; done"}),
                    _folder.path() / "second"};
     const pid_t joined = std::stoi(second.read_line().value());
@@ -201,7 +201,7 @@ TEST_F(Lifetime, KillingAJoinedToolLeavesTheSandbox) {
     EXPECT_EQ(run_to_end(join({"true"})).status, 0);
 }
 
-TEST_F(Lifetime, RulesChangeWhileTheCommandRuns) {
+TEST_F(lifetime, RulesChangeWhileTheCommandRuns) {
     const auto rule = [&](const words& more) {
         const auto ended = run_to_end(tool(words{"rule", "--control", _socket} + more));
         EXPECT_EQ(ended.status, 0) << ended.errors;
@@ -220,7 +220,7 @@ TEST_F(Lifetime, RulesChangeWhileTheCommandRuns) {
     EXPECT_EQ(map(), "open ok\nwrite 44\nclose ok\n");
 }
 
-TEST_F(Lifetime, AWrongRuleChangesNothing) {
+TEST_F(lifetime, AWrongRuleChangesNothing) {
     const auto ended =
         run_to_end(tool({"rule", "--control", _socket, "--clear", "errno=EIO", "errno=EFOO"}));
     EXPECT_EQ(ended.status, 125);
@@ -229,7 +229,7 @@ TEST_F(Lifetime, AWrongRuleChangesNothing) {
               "open ok\nwrite 44\nclose ok\n");
 }
 
-TEST(Ending, IsThatOfTheCommand) {
+TEST(ending, IsThatOfTheCommand) {
     EXPECT_EQ(run_script({}, "exit 42").status, 42);
     for (const int number : {SIGABRT, SIGSEGV, SIGKILL, SIGTERM, SIGINT}) {
         const auto ended = run_script({}, "kill -" + std::to_string(number) + " $$");
@@ -238,12 +238,12 @@ TEST(Ending, IsThatOfTheCommand) {
     }
 }
 
-TEST(Ending, ReportsCommandsThatCannotBeExecuted) {
+TEST(ending, ReportsCommandsThatCannotBeExecuted) {
     EXPECT_EQ(run_to_end(tool({"--", "/nowhere/command"})).status, 127);
     EXPECT_EQ(run_to_end(tool({"--", "/etc/passwd"})).status, 126);
 }
 
-TEST(Ending, DoesNotWaitForWhatTheCommandLeftRunning) {
+TEST(ending, DoesNotWaitForWhatTheCommandLeftRunning) {
     // The pipe would stay open as long as the child or the sandbox's process had it.
     const auto ended = run_to_end({"sh", "-c",
                                    "x=$(" SANDBOX_TOOL " -- sh -c 'sleep 1000 & echo x')"
@@ -251,7 +251,7 @@ TEST(Ending, DoesNotWaitForWhatTheCommandLeftRunning) {
     EXPECT_EQ(ended.output, "x\n");
 }
 
-TEST(Control, ReplacesASocketThatNobodyAnswers) {
+TEST(control, ReplacesASocketThatNobodyAnswers) {
     const temporary_folder folder;
     const std::string socket = folder.path() / "control";
     process first{
@@ -269,7 +269,7 @@ TEST(Control, ReplacesASocketThatNobodyAnswers) {
     }));
 }
 
-TEST(Control, MayHaveAPathLongerThanASocketAddress) {
+TEST(control, MayHaveAPathLongerThanASocketAddress) {
     const temporary_folder folder;
     const std::string deep = folder.path() / std::string(100, 'd');
     std::filesystem::create_directory(deep);

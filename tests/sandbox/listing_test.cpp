@@ -22,27 +22,27 @@ std::string listing(const words& rules, const words& commands) {
 
 const words two_chunks{"a x 1000", "a y 2001"};
 
-TEST(Listing, ShowsAllocationsInTheirOrder) {
+TEST(listing, ShowsAllocationsInTheirOrder) {
     EXPECT_EQ(listing({}, two_chunks), region_line + "x\t100000000\t1000\ny\t100001000\t2001\n");
 }
 
-TEST(Listing, GivesTheFirstRoomThatFits) {
+TEST(listing, GivesTheFirstRoomThatFits) {
     EXPECT_EQ(listing({}, {"a x 1000", "a y 2001", "a z 1", "r y 0001", "a b 4000", "a c 3000"}),
               region_line + "x\t100000000\t1000\nz\t100004000\t1\nb\t100005000\t4000\n"
                             "c\t100001000\t3000\n");
 }
 
-TEST(Listing, FillsTheRegionToTheLastByte) {
+TEST(listing, FillsTheRegionToTheLastByte) {
     EXPECT_EQ(listing({}, {"a x 40000000"}), region_line + "x\t100000000\t40000000\n");
 }
 
-TEST(Listing, IsThatOfTheMomentOfTheOpen) {
+TEST(listing, IsThatOfTheMomentOfTheOpen) {
     const auto ended = run_script({"--world", "cma"}, R"(
         exec 3< /proc/tarvo; echo 'a x 1000' > /proc/tarvo; cat <&3)");
     EXPECT_EQ(ended.output, region_line);
 }
 
-TEST(Listing, ShowsTheAddressThatARuleHandsOut) {
+TEST(listing, ShowsTheAddressThatARuleHandsOut) {
     EXPECT_EQ(listing({"op=allocate,name=x,address=0x0", "address=0x123456000"}, two_chunks),
               region_line + "x\t0\t1000\ny\t123456000\t2001\n");
 }
@@ -53,9 +53,9 @@ struct fault_case {
     std::string shown;
 };
 
-class ListingFault : public testing::TestWithParam<fault_case> {};
+class listing_fault : public testing::TestWithParam<fault_case> {};
 
-TEST_P(ListingFault, AltersTheListing) {
+TEST_P(listing_fault, AltersTheListing) {
     EXPECT_EQ(listing({GetParam().rule}, two_chunks), GetParam().shown);
 }
 
@@ -63,7 +63,7 @@ const std::string line_x = "x\t100000000\t1000\n";
 const std::string line_y = "y\t100001000\t2001\n";
 
 INSTANTIATE_TEST_SUITE_P(
-    Rules, ListingFault,
+    Rules, listing_fault,
     testing::Values(
         fault_case{"missing_field", "listing=missing-field,name=x",
                    region_line + "x\t100000000\n" + line_y},

@@ -32,7 +32,7 @@ std::vector<json> events(const std::string& path) {
     return lines;
 }
 
-TEST(Log, HoldsEachOpenWriteAndCloseWithItsAnswer) {
+TEST(log, HoldsEachOpenWriteAndCloseWithItsAnswer) {
     const temporary_folder folder;
     const std::string log = folder.path() / "log";
     speak({"--world", "low", "--log", log, "--rule", "op=map,errno=EIO"},
@@ -47,7 +47,7 @@ TEST(Log, HoldsEachOpenWriteAndCloseWithItsAnswer) {
     EXPECT_EQ(events(log), expected);
 }
 
-TEST(Log, HoldsReadersToo) {
+TEST(log, HoldsReadersToo) {
     const temporary_folder folder;
     const std::string log = folder.path() / "log";
     speak({"--world", "low", "--log", log}, {"r", proc_file});
@@ -56,7 +56,7 @@ TEST(Log, HoldsReadersToo) {
     EXPECT_EQ(events(log), expected);
 }
 
-TEST(Log, ShowsReadingAndWritingTogether) {
+TEST(log, ShowsReadingAndWritingTogether) {
     const temporary_folder folder;
     const std::string log = folder.path() / "log";
     speak({"--world", "low", "--log", log, "--rule", "at=close,errno=EIO"},
@@ -67,7 +67,7 @@ TEST(Log, ShowsReadingAndWritingTogether) {
     EXPECT_EQ(events(log), expected);
 }
 
-TEST(Log, KeepsEveryByte) {
+TEST(log, KeepsEveryByte) {
     const temporary_folder folder;
     const std::string log = folder.path() / "log";
     run_script({"--log", log}, R"(printf '\000\001"\\\177\200\377\n' > )" + iommu_file);
@@ -78,7 +78,7 @@ TEST(Log, KeepsEveryByte) {
     EXPECT_EQ(bytes, std::string("\0\1\"\\\177\u0080\u00ff\n", 10));
 }
 
-TEST(Log, NamesTheCallingProcess) {
+TEST(log, NamesTheCallingProcess) {
     const temporary_folder folder;
     const std::string log = folder.path() / "log";
     const auto ended =
@@ -89,7 +89,7 @@ TEST(Log, NamesTheCallingProcess) {
     }
 }
 
-TEST(Log, IsWrittenBeforeTheCallReturns) {
+TEST(log, IsWrittenBeforeTheCallReturns) {
     const temporary_folder folder;
     const std::string log = folder.path() / "log";
     const auto ended = run_to_end({"env", "SPEAKER_LOG=" + log, SANDBOX_TOOL, "--log", log, "--",
@@ -97,7 +97,7 @@ TEST(Log, IsWrittenBeforeTheCallReturns) {
     EXPECT_EQ(ended.output, "open ok\n1 logged\nwrite 44\n2 logged\nclose ok\n3 logged\n");
 }
 
-TEST(Log, IsAppended) {
+TEST(log, IsAppended) {
     const temporary_folder folder;
     const std::string log = folder.path() / "log";
     speak({"--world", "low", "--log", log}, {"r", proc_file});
@@ -107,7 +107,7 @@ TEST(Log, IsAppended) {
     EXPECT_EQ(lines[2].at("seq"), 1);
 }
 
-TEST(Log, SaysHowMuchOfAWriteWasTaken) {
+TEST(log, SaysHowMuchOfAWriteWasTaken) {
     const temporary_folder folder;
     const std::string log = folder.path() / "log";
     speak({"--log", log, "--rule", "short=5"}, {"w", iommu_file, map_line});

@@ -13,9 +13,9 @@ struct wrong_case {
     const char* named;
 };
 
-class Wrong : public testing::TestWithParam<wrong_case> {};
+class wrong : public testing::TestWithParam<wrong_case> {};
 
-TEST_P(Wrong, IsReportedInOneLineThatNamesIt) {
+TEST_P(wrong, IsReportedInOneLineThatNamesIt) {
     const auto ended = run_to_end(tool(GetParam().arguments));
     EXPECT_EQ(ended.status, 125);
     EXPECT_EQ(ended.output, "");
@@ -29,7 +29,7 @@ wrong_case wrong_rule(const char* name, const char* rule, const char* named) {
 }
 
 INSTANTIATE_TEST_SUITE_P(
-    Options, Wrong,
+    Options, wrong,
     testing::Values(
         wrong_case{"no_command", {}, "--"}, wrong_case{"empty_command", {"--"}, "--"},
         wrong_case{"command_without_dashes", {"true"}, "true"},
@@ -60,7 +60,7 @@ INSTANTIATE_TEST_SUITE_P(
     [](const auto& tested) { return std::string{tested.param.name}; });
 
 INSTANTIATE_TEST_SUITE_P(
-    Rules, Wrong,
+    Rules, wrong,
     testing::Values(
         wrong_rule("no_key", "map", "'map'"), wrong_rule("unknown_key", "colour=red", "'colour'"),
         wrong_rule("twice", "errno=EIO,errno=EIO", "'errno'"),
@@ -96,7 +96,7 @@ INSTANTIATE_TEST_SUITE_P(
     [](const auto& tested) { return "rule_" + std::string{tested.param.name}; });
 
 /// A file of another kind belongs to somebody: it is refused and stays as it is.
-TEST(Paths, OfTheWrongKindAreRefusedAndLeftAlone) {
+TEST(paths, OfTheWrongKindAreRefusedAndLeftAlone) {
     const temporary_folder folder;
     const std::string path = folder.path() / "precious";
     std::ofstream{path} << "kept";
@@ -109,7 +109,7 @@ TEST(Paths, OfTheWrongKindAreRefusedAndLeftAlone) {
     }
 }
 
-TEST(Help, NamesEveryOptionAndPrintsNothingElse) {
+TEST(help, NamesEveryOptionAndPrintsNothingElse) {
     const auto ended = run_to_end(tool({"--help"}));
     EXPECT_EQ(ended.status, 0);
     EXPECT_EQ(ended.errors, "");
@@ -120,13 +120,13 @@ TEST(Help, NamesEveryOptionAndPrintsNothingElse) {
     }
 }
 
-TEST(Help, IsThereForEachSubcommand) {
+TEST(help, IsThereForEachSubcommand) {
     EXPECT_NE(run_to_end(tool({"join", "--help"})).output.find("tarvo-sandbox join"),
               std::string::npos);
     EXPECT_NE(run_to_end(tool({"rule", "--help"})).output.find("--clear"), std::string::npos);
 }
 
-TEST(Version, IsOneLine) {
+TEST(version, IsOneLine) {
     const auto ended = run_to_end(tool({"--version"}));
     EXPECT_EQ(ended.status, 0);
     EXPECT_TRUE(ended.output.starts_with("tarvo-sandbox ")) << ended.output;

@@ -31,14 +31,14 @@ struct malformed_case {
     const char* line;
 };
 
-class Malformed : public testing::TestWithParam<malformed_case> {};
+class malformed : public testing::TestWithParam<malformed_case> {};
 
-TEST_P(Malformed, RequestIsInvalid) {
+TEST_P(malformed, RequestIsInvalid) {
     EXPECT_EQ(iommu_answers({}, {GetParam().line}), "open ok\nwrite EINVAL\nclose ok\n");
 }
 
 INSTANTIATE_TEST_SUITE_P(
-    Lines, Malformed,
+    Lines, malformed,
     testing::Values(malformed_case{"operation", "remap 0 3 0 1 2 3 3\n"},
                     malformed_case{"no_newline", "map 0 3 0 1 2 3 3"},
                     malformed_case{"too_few", "map 0 3 0 1 2 3\n"},
@@ -50,28 +50,28 @@ INSTANTIATE_TEST_SUITE_P(
                     malformed_case{"two_lines", "map 0 3 0 1 2 3 3\nmap 0 3 0 1 2 3 3\n"}),
     [](const auto& tested) { return std::string{tested.param.name}; });
 
-TEST(Driver, TakesSignedNumbersWhereTheyAreSigned) {
+TEST(driver, TakesSignedNumbersWhereTheyAreSigned) {
     EXPECT_EQ(iommu_answers({}, {"map -1 3 0 18446744073709551615 2 4294967295 -2\n"}),
               "open ok\nwrite 48\nclose ok\n");
 }
 
-TEST(Driver, RefusesCommandsWhereTheRegionIsNotCma) {
+TEST(driver, RefusesCommandsWhereTheRegionIsNotCma) {
     EXPECT_EQ(answers({}, proc_file, {"a x 1000\n"}), "open ok\nwrite EINVAL\nclose ok\n");
 }
 
-TEST(Driver, RefusesInvalidCmaCommands) {
+TEST(driver, RefusesInvalidCmaCommands) {
     EXPECT_EQ(
         cma_answers({}, {"b x 1000\n", "a x\n", "a x 1000", "a x g\n", "a  1000\n", "a x 0\n"}),
         "open ok\nwrite EINVAL\nwrite EINVAL\nwrite EINVAL\nwrite EINVAL\nwrite EINVAL\n"
         "write EINVAL\nclose ok\n");
 }
 
-TEST(Driver, AnswersExistingUnknownAndTooLarge) {
+TEST(driver, AnswersExistingUnknownAndTooLarge) {
     EXPECT_EQ(cma_answers({}, {"a x 1000\n", "a x 2000\n", "r y 1000\n", "a z 40000000\n"}),
               "open ok\nwrite 9\nwrite EEXIST\nwrite ENOENT\nwrite ENOMEM\nclose ok\n");
 }
 
-TEST(Rule, OpPicksTheOperation) {
+TEST(rule, OpPicksTheOperation) {
     EXPECT_EQ(iommu_answers({"op=map,errno=EIO"}, {map_line, unmap_line}),
               "open ok\nwrite EIO\nwrite 46\nclose ok\n");
     EXPECT_EQ(iommu_answers({"op=unmap,errno=EIO"}, {map_line, unmap_line}),
@@ -82,13 +82,13 @@ TEST(Rule, OpPicksTheOperation) {
               "open ok\nwrite 9\nwrite EBUSY\nclose ok\n");
 }
 
-TEST(Rule, OpAnyIsTheDefaultAndTakesMalformedLinesToo) {
+TEST(rule, OpAnyIsTheDefaultAndTakesMalformedLinesToo) {
     EXPECT_EQ(iommu_answers({"errno=EIO"}, {map_line, "nonsense"}),
               "open ok\nwrite EIO\nwrite EIO\nclose ok\n");
     EXPECT_EQ(iommu_answers({"op=any,errno=EIO"}, {map_line}), "open ok\nwrite EIO\nclose ok\n");
 }
 
-TEST(Rule, OpenReadAndOpenWriteRefuseOpens) {
+TEST(rule, OpenReadAndOpenWriteRefuseOpens) {
     EXPECT_EQ(speak({"--world", "cma", "--rule", "op=open-read,errno=EACCES"}, {"r", proc_file}),
               "open EACCES\n");
     EXPECT_EQ(cma_answers({"op=open-read,errno=EACCES"}, {"a x 1\n"}),
@@ -98,13 +98,13 @@ TEST(Rule, OpenReadAndOpenWriteRefuseOpens) {
               "open EPERM\n");
 }
 
-TEST(Rule, FilePicksTheFile) {
+TEST(rule, FilePicksTheFile) {
     EXPECT_EQ(cma_answers({"file=sysfs,errno=EIO"}, {"a x 1\n"}), "open ok\nwrite 6\nclose ok\n");
     EXPECT_EQ(iommu_answers({"file=sysfs,errno=EIO"}, {map_line}),
               "open ok\nwrite EIO\nclose ok\n");
 }
 
-TEST(Rule, AtPicksTheSystemCall) {
+TEST(rule, AtPicksTheSystemCall) {
     EXPECT_EQ(iommu_answers({"at=open,errno=EBUSY"}, {map_line}), "open EBUSY\n");
     EXPECT_EQ(iommu_answers({"at=write,errno=EBUSY"}, {map_line}),
               "open ok\nwrite EBUSY\nclose ok\n");
@@ -112,14 +112,14 @@ TEST(Rule, AtPicksTheSystemCall) {
               "open ok\nwrite 44\nclose EBUSY\n");
 }
 
-TEST(Rule, AtCloseLooksAtTheLineWrittenLast) {
+TEST(rule, AtCloseLooksAtTheLineWrittenLast) {
     EXPECT_EQ(iommu_answers({"op=map,at=close,errno=EIO"}, {unmap_line}),
               "open ok\nwrite 46\nclose ok\n");
     EXPECT_EQ(iommu_answers({"op=map,at=close,errno=EIO"}, {unmap_line, map_line}),
               "open ok\nwrite 46\nwrite 44\nclose EIO\n");
 }
 
-TEST(Rule, DevicePicksThePciDevice) {
+TEST(rule, DevicePicksThePciDevice) {
     const words lines{"map 0 3 0 1 2 3 3\n", "map 0 3 1 1 2 3 3\n", "map 1 26 255 1 2 3 3\n"};
     EXPECT_EQ(iommu_answers({"device=0000:03:00.1,errno=ENODEV"}, lines),
               "open ok\nwrite 18\nwrite ENODEV\nwrite 21\nclose ok\n");
@@ -127,19 +127,19 @@ TEST(Rule, DevicePicksThePciDevice) {
               "open ok\nwrite 18\nwrite 18\nwrite ENODEV\nclose ok\n");
 }
 
-TEST(Rule, RangePicksByTheFirstAddressEndsIncluded) {
+TEST(rule, RangePicksByTheFirstAddressEndsIncluded) {
     EXPECT_EQ(iommu_answers({"range=0x10-0x20,errno=EIO"},
                             {"map 0 3 0 15 99 0 3\n", "map 0 3 0 16 99 0 3\n",
                              "map 0 3 0 32 99 0 3\n", "map 0 3 0 33 99 0 3\n"}),
               "open ok\nwrite 20\nwrite EIO\nwrite EIO\nwrite 20\nclose ok\n");
 }
 
-TEST(Rule, NamePicksTheCmaChunk) {
+TEST(rule, NamePicksTheCmaChunk) {
     EXPECT_EQ(cma_answers({"name=y,errno=EIO"}, {"a x 1000\n", "a y 1000\n"}),
               "open ok\nwrite 9\nwrite EIO\nclose ok\n");
 }
 
-TEST(Rule, NthPicksByCount) {
+TEST(rule, NthPicksByCount) {
     const words four{map_line, map_line, map_line, map_line};
     EXPECT_EQ(iommu_answers({"nth=2,errno=EIO"}, four),
               "open ok\nwrite 44\nwrite EIO\nwrite 44\nwrite 44\nclose ok\n");
@@ -149,18 +149,18 @@ TEST(Rule, NthPicksByCount) {
               "open ok\nwrite 44\nwrite EIO\nwrite EIO\nwrite 44\nclose ok\n");
 }
 
-TEST(Rule, CountsOnlyWhatItMatches) {
+TEST(rule, CountsOnlyWhatItMatches) {
     EXPECT_EQ(iommu_answers({"op=map,nth=2,errno=EIO"}, {map_line, unmap_line, map_line}),
               "open ok\nwrite 44\nwrite 46\nwrite EIO\nclose ok\n");
 }
 
-TEST(Rule, FirstThatIsDueAnswersAndTheOthersCount) {
+TEST(rule, FirstThatIsDueAnswersAndTheOthersCount) {
     EXPECT_EQ(iommu_answers({"nth=1,errno=EIO", "nth=2,errno=ENODEV", "errno=EPERM"},
                             {map_line, map_line, map_line}),
               "open ok\nwrite EIO\nwrite ENODEV\nwrite EPERM\nclose ok\n");
 }
 
-TEST(Rule, ErrnoIsANameOrANumber) {
+TEST(rule, ErrnoIsANameOrANumber) {
     for (const char* name : {"ENODEV", "EUNATCH", "ENOSYS", "EIO", "EINVAL", "EEXIST", "ENOMEM",
                              "ENOENT", "EACCES", "EPERM", "EBUSY", "ENOSPC", "EAGAIN", "EINTR"}) {
         EXPECT_EQ(iommu_answers({"errno=" + std::string{name}}, {map_line}),
@@ -171,17 +171,17 @@ TEST(Rule, ErrnoIsANameOrANumber) {
               "open ok\nwrite EAGAIN\nclose ok\n");
 }
 
-TEST(Rule, ENosysDoesNotHideLaterRequests) {
+TEST(rule, ENosysDoesNotHideLaterRequests) {
     EXPECT_EQ(iommu_answers({"nth=1,errno=ENOSYS", "nth=2,errno=EIO"}, {map_line, map_line}),
               "open ok\nwrite ENOSYS\nwrite EIO\nclose ok\n");
 }
 
-TEST(Rule, ShortTakesSoManyBytes) {
+TEST(rule, ShortTakesSoManyBytes) {
     EXPECT_EQ(iommu_answers({"short=7"}, {map_line}), "open ok\nwrite 7\nclose ok\n");
     EXPECT_EQ(iommu_answers({"short=700"}, {map_line}), "open ok\nwrite 44\nclose ok\n");
 }
 
-TEST(Rule, ShortCommandIsNotCarriedOut) {
+TEST(rule, ShortCommandIsNotCarriedOut) {
     EXPECT_EQ(cma_answers({"nth=1,short=8"}, {"a x 1000\n", "r x 1000\n"}),
               "open ok\nwrite 8\nwrite ENOENT\nclose ok\n");
 }

@@ -16,7 +16,7 @@ const std::string become_nobody = R"(
     shift 2 && exec setpriv --reuid 65534 --regid 65534 --clear-groups --inh-caps=-all "$@")";
 
 /// Runs programs without privilege: root becomes nobody first.
-class Unprivileged : public testing::Test {
+class unprivileged : public testing::Test {
   protected:
     finished run_without_privilege(const words& command) const {
         if (::geteuid() != 0) {
@@ -56,7 +56,7 @@ class Unprivileged : public testing::Test {
     temporary_folder _folder;
 };
 
-TEST_F(Unprivileged, CommandSeesItselfAsRootInTheSameWorld) {
+TEST_F(unprivileged, CommandSeesItselfAsRootInTheSameWorld) {
     const auto ended = run_tool({"--world", "high", "--", "sh", "-c", R"(
         id -u; cat /proc/tarvo; stat -c '%a %u %g' /proc/tarvo; ls -A /var/tmp
         : > /var/shmem/x && : > /var/lock/subsys/x && : > /dev/null && echo written
@@ -66,7 +66,7 @@ TEST_F(Unprivileged, CommandSeesItselfAsRootInTheSameWorld) {
     EXPECT_EQ(ended.errors, "");
 }
 
-TEST_F(Unprivileged, DriverAnswersAndRefuses) {
+TEST_F(unprivileged, DriverAnswersAndRefuses) {
     const auto ended =
         run_tool({"--world", "cma", "--rule", "op=map,errno=ENODEV", "--", "sh", "-c",
                   "$0 w " + iommu_file +
@@ -78,7 +78,7 @@ TEST_F(Unprivileged, DriverAnswersAndRefuses) {
         << ended.errors;
 }
 
-TEST_F(Unprivileged, StateLogAndJoiningWorkFromInsideAndOutside) {
+TEST_F(unprivileged, StateLogAndJoiningWorkFromInsideAndOutside) {
     const auto ended = run_without_privilege({"sh", "-c", R"sh(
         cd "$(mktemp -d)"
         join="$0 join --control control -- sh -c 'cat /var/shmem/f; head -1 /proc/tarvo'"
@@ -96,12 +96,12 @@ TEST_F(Unprivileged, StateLogAndJoiningWorkFromInsideAndOutside) {
         << ended.errors;
 }
 
-TEST_F(Unprivileged, EndsAsTheCommandEnds) {
+TEST_F(unprivileged, EndsAsTheCommandEnds) {
     EXPECT_EQ(run_tool({"--", "sh", "-c", "exit 5"}).status, 5);
     EXPECT_EQ(run_tool({"--", "sh", "-c", "kill -ABRT $$"}).signal, SIGABRT);
 }
 
-TEST_F(Unprivileged, ADeviceThatCannotBeOpenedIsNamed) {
+TEST_F(unprivileged, ADeviceThatCannotBeOpenedIsNamed) {
     if (::geteuid() != 0) {
         GTEST_SKIP() << "NOT TESTED: only root can take /dev/fuse away from nobody";
     }

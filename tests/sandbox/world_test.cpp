@@ -15,9 +15,9 @@ struct region_case {
     const char* mem_bytes;
 };
 
-class Region : public testing::TestWithParam<region_case> {};
+class region : public testing::TestWithParam<region_case> {};
 
-TEST_P(Region, IsDescribedByTheFirstLineAndReachedByTheSparseFile) {
+TEST_P(region, IsDescribedByTheFirstLineAndReachedByTheSparseFile) {
     const auto ended = run_script(GetParam().options,
                                   "cat /proc/tarvo; stat -c %s /dev/mem; echo $SIMULATION_VMID");
     EXPECT_EQ(ended.output, GetParam().line + std::string{GetParam().mem_bytes} + "\n\n");
@@ -25,7 +25,7 @@ TEST_P(Region, IsDescribedByTheFirstLineAndReachedByTheSparseFile) {
 }
 
 INSTANTIATE_TEST_SUITE_P(
-    Worlds, Region,
+    Worlds, region,
     testing::Values(
         region_case{"low", {"--world", "low"}, "80000000\t8fffffff\t0\ttarvo\n", "2415919104"},
         region_case{"high", {"--world", "high"}, "200000000\t23fffffff\t0\ttarvo\n", "9663676416"},
@@ -50,31 +50,31 @@ INSTANTIATE_TEST_SUITE_P(
                     "2415919104"}),
     [](const auto& tested) { return std::string{tested.param.name}; });
 
-TEST(Simulation, HasTheVariableAndNeitherRegionNorMemory) {
+TEST(simulation, HasTheVariableAndNeitherRegionNorMemory) {
     const auto ended = run_script({}, "echo $SIMULATION_VMID; ls -A /proc/tarvo /dev/mem /var/tmp");
     EXPECT_EQ(ended.output, "1\n/var/tmp:\n");
 }
 
-TEST(Simulation, TakesRequestsAllTheSame) {
+TEST(simulation, TakesRequestsAllTheSame) {
     EXPECT_EQ(speak({}, {"w", iommu_file, map_line}), "open ok\nwrite 44\nclose ok\n");
 }
 
-TEST(Files, BelongToRootWithTheDriversModes) {
+TEST(files, BelongToRootWithTheDriversModes) {
     const auto ended = run_script({"--world", "low"},
                                   "stat -c '%a %u %g' /proc/tarvo " + iommu_file + " /dev/mem");
     EXPECT_EQ(ended.output, "644 0 0\n600 0 0\n600 0 0\n");
 }
 
-class Without : public testing::TestWithParam<std::pair<const char*, const char*>> {};
+class without : public testing::TestWithParam<std::pair<const char*, const char*>> {};
 
-TEST_P(Without, LeavesOutThatOneAndNothingElse) {
+TEST_P(without, LeavesOutThatOneAndNothingElse) {
     const std::string all = "/proc/tarvo " + iommu_file + " /dev/mem /var/shmem /var/lock/subsys";
     const auto ended = run_script({"--world", "low", "--without", GetParam().first},
                                   "for f in " + all + "; do test -e $f || echo $f; done");
     EXPECT_EQ(ended.output, GetParam().second + std::string{"\n"});
 }
 
-INSTANTIATE_TEST_SUITE_P(Items, Without,
+INSTANTIATE_TEST_SUITE_P(Items, without,
                          testing::Values(std::pair{"proc", "/proc/tarvo"},
                                          std::pair{"sysfs", "/sys/kernel/tarvo_iommu_map_region"},
                                          std::pair{"mem", "/dev/mem"},
@@ -82,14 +82,14 @@ INSTANTIATE_TEST_SUITE_P(Items, Without,
                                          std::pair{"lockdir", "/var/lock/subsys"}),
                          [](const auto& tested) { return std::string{tested.param.first}; });
 
-TEST(Without, LeavesNoRoomForARequestFileOfTheProgramsOwn) {
+TEST(without, LeavesNoRoomForARequestFileOfTheProgramsOwn) {
     const auto ended = run_script({"--world", "low", "--without", "sysfs"},
                                   "(echo x > " + iommu_file + ") 2>&- || echo refused");
     EXPECT_EQ(ended.output, "refused\n");
 }
 
 /// With the real one's own answers, so that the kernel itself is asked.
-TEST(Without, AnswersForMissingSysfsFilesAsTheKernelDoes) {
+TEST(without, AnswersForMissingSysfsFilesAsTheKernelDoes) {
     const std::string asked = "cd /sys/kernel; LC_ALL=C; export LC_ALL;"
                               "for f in tarvo_missing tarvo_missing/file mm; do"
                               "  sh -c 'echo x > $0' $f; cat $f;"
@@ -103,19 +103,19 @@ TEST(Without, AnswersForMissingSysfsFilesAsTheKernelDoes) {
     EXPECT_NE(request.output.find("Permission denied"), std::string::npos) << request.output;
 }
 
-TEST(Without, AnswersWhoWritesTheRegionsFileAsTheKernelDoes) {
+TEST(without, AnswersWhoWritesTheRegionsFileAsTheKernelDoes) {
     const auto ended =
         run_script({"--world", "low", "--without", "proc"}, "LC_ALL=C touch /proc/tarvo 2>&1");
     EXPECT_EQ(ended.output, "touch: cannot touch '/proc/tarvo': No such file or directory\n");
 }
 
-TEST(Without, CanBeRepeated) {
+TEST(without, CanBeRepeated) {
     const auto ended = run_script({"--world", "low", "--without", "mem", "--without", "proc"},
                                   "test -e /dev/mem || test -e /proc/tarvo || echo neither");
     EXPECT_EQ(ended.output, "neither\n");
 }
 
-TEST(Machine, KeepsWorkingForOrdinaryPrograms) {
+TEST(machine, KeepsWorkingForOrdinaryPrograms) {
     const auto ended = run_script({"--world", "low"}, R"sh(
         grep -q libc /proc/self/maps && echo maps
         sleep 60 & test -e /proc/$!/status && echo new process; kill $!
@@ -130,7 +130,7 @@ TEST(Machine, KeepsWorkingForOrdinaryPrograms) {
     EXPECT_EQ(ended.output, "maps\nnew process\nfd\nlisted\nnull\n1\nshm\npty\nfolders\n");
 }
 
-TEST(Machine, ShowsTheRealSysfs) {
+TEST(machine, ShowsTheRealSysfs) {
     const std::string asked =
         "cd /sys/kernel; ls; ls mm; cat fscaps mm/transparent_hugepage/enabled; "
         "readlink iommu_groups/*/devices/* | head";
@@ -140,7 +140,7 @@ TEST(Machine, ShowsTheRealSysfs) {
     EXPECT_EQ(with_file.output, "tarvo_iommu_map_region\n");
 }
 
-TEST(Machine, IsNotTouchedOutside) {
+TEST(machine, IsNotTouchedOutside) {
     const auto ended =
         run_script({"--world", "low"}, "touch /var/tmp/tarvo-sandbox-test /var/shmem/x /dev/x");
     EXPECT_EQ(ended.status, 0) << ended.errors;
@@ -148,7 +148,7 @@ TEST(Machine, IsNotTouchedOutside) {
     EXPECT_FALSE(std::filesystem::exists("/dev/x"));
 }
 
-TEST(Machine, GivesTheCommandTheCallersFolderUmaskInputAndEnvironment) {
+TEST(machine, GivesTheCommandTheCallersFolderUmaskInputAndEnvironment) {
     const temporary_folder folder;
     const auto ended =
         run_to_end({"sh", "-c",
@@ -158,7 +158,7 @@ TEST(Machine, GivesTheCommandTheCallersFolderUmaskInputAndEnvironment) {
     EXPECT_EQ(ended.output, "0137\n" + folder.path().string() + "\ntyped\nhello\n");
 }
 
-TEST(Machine, LeavesACommandInAFolderThatTheSandboxHides) {
+TEST(machine, LeavesACommandInAFolderThatTheSandboxHides) {
     const auto ended =
         run_to_end({"sh", "-c",
                     "d=$(mktemp -d -p /var/tmp) && cd $d && echo here > f && " SANDBOX_TOOL
@@ -166,7 +166,7 @@ TEST(Machine, LeavesACommandInAFolderThatTheSandboxHides) {
     EXPECT_EQ(ended.output, "here\n") << ended.errors;
 }
 
-TEST(State, StaysInTheFolderAndIsFoundAgain) {
+TEST(state, StaysInTheFolderAndIsFoundAgain) {
     const temporary_folder folder;
     const words options{"--world", "low", "--state", folder.path() / "state"};
     run_script(options, "echo a > /var/tmp/f; echo b > /var/shmem/f; echo c > /var/lock/subsys/f;"
@@ -182,14 +182,14 @@ TEST(State, StaysInTheFolderAndIsFoundAgain) {
     EXPECT_LT(mem.st_blocks, 64) << "the file is to be sparse";
 }
 
-TEST(State, CanLieInAFolderThatTheSandboxHides) {
+TEST(state, CanLieInAFolderThatTheSandboxHides) {
     const auto ended = run_to_end({"sh", "-c",
                                    "d=$(mktemp -d -p /var/tmp) && " SANDBOX_TOOL
                                    " --state $d/s -- touch /var/tmp/f; ls $d/s/tmp; rm -r $d"});
     EXPECT_EQ(ended.output, "f\n") << ended.errors;
 }
 
-TEST(Start, TakesLittleTime) {
+TEST(start, TakesLittleTime) {
     // Two hundred times what is aimed at would be a fault and not a busy machine.
     constexpr std::chrono::seconds limit{10};
     const auto start = std::chrono::steady_clock::now();

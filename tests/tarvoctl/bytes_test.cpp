@@ -6,15 +6,15 @@ namespace bytes_test {
 
 namespace {
 
-class Bytes : public ::testing::Test {
+class bytes : public ::testing::Test {
   protected:
-    Bytes() { driver.alloc("rx_ring", 0x2000, "driver"); }
+    bytes() { driver.alloc("rx_ring", 0x2000, "driver"); }
 
     sandbox machine{high};
     client driver = machine.start();
 };
 
-TEST_F(Bytes, AreShownWithTheirOffsetsLikeHexdumpDoes) {
+TEST_F(bytes, AreShownWithTheirOffsetsLikeHexdumpDoes) {
     EXPECT_EQ(
         tarvoctl(machine, {"write", "rx_ring", "--offset", "0x1014"}, "hello\n\x7f\xff").output,
         "rx_ring: wrote 8 bytes at offset 0x1014\n");
@@ -32,14 +32,14 @@ TEST_F(Bytes, AreShownWithTheirOffsetsLikeHexdumpDoes) {
               "00001048\n");
 }
 
-TEST_F(Bytes, AreGivenRaw) {
+TEST_F(bytes, AreGivenRaw) {
     tarvoctl(machine, {"write", "rx_ring"}, std::string("a\0b\n", 4));
     EXPECT_EQ(tarvoctl(machine, {"read", "rx_ring", "--raw", "--size", "4"}).output,
               std::string("a\0b\n", 4));
     EXPECT_EQ(tarvoctl(machine, {"read", "rx_ring", "--raw"}).output.size(), 0x2000);
 }
 
-TEST_F(Bytes, AreSeenByOtherProcesses) {
+TEST_F(bytes, AreSeenByOtherProcesses) {
     const auto address = driver.map("rx_ring", false);
     tarvoctl(machine, {"fill", "rx_ring", "0xab", "--offset", "0x1001", "--size", "2"});
     const auto outcome =
@@ -48,14 +48,14 @@ TEST_F(Bytes, AreSeenByOtherProcesses) {
     EXPECT_EQ(driver.call("peek " + std::to_string(address) + " 4096 4"), "00abab00");
 }
 
-TEST_F(Bytes, FillTakesTheWholeChunkWhereNothingElseIsSaid) {
+TEST_F(bytes, FillTakesTheWholeChunkWhereNothingElseIsSaid) {
     const auto outcome = tarvoctl(machine, {"fill", "rx_ring", "65"});
     EXPECT_EQ(outcome.status, 0);
     EXPECT_EQ(outcome.output, "rx_ring: wrote 8 KiB at offset 0x0\n");
     EXPECT_EQ(tarvoctl(machine, {"read", "rx_ring", "--raw"}).output, std::string(0x2000, 'A'));
 }
 
-TEST_F(Bytes, AnInputThatIsTooLongIsRefusedBeforeAnythingIsWritten) {
+TEST_F(bytes, AnInputThatIsTooLongIsRefusedBeforeAnythingIsWritten) {
     const auto outcome =
         tarvoctl(machine, {"write", "rx_ring", "--offset", "0x1fff"}, "no room for it");
     EXPECT_EQ(outcome.status, 2);
@@ -64,7 +64,7 @@ TEST_F(Bytes, AnInputThatIsTooLongIsRefusedBeforeAnythingIsWritten) {
     EXPECT_EQ(tarvoctl(machine, {"read", "rx_ring", "--raw"}).output, std::string(0x2000, '\0'));
 }
 
-TEST_F(Bytes, APipeThatIsTooLongIsWrittenUpToTheChunksEnd) {
+TEST_F(bytes, APipeThatIsTooLongIsWrittenUpToTheChunksEnd) {
     driver.alloc("behind", 0x1000);
     running_tool tool = start_tarvoctl(machine, {"write", "rx_ring", "--offset", "8190"});
     tool.program.write_line("abcd");
@@ -77,7 +77,7 @@ TEST_F(Bytes, APipeThatIsTooLongIsWrittenUpToTheChunksEnd) {
               std::string(2, '\0'));
 }
 
-TEST_F(Bytes, WindowsOutsideTheChunkAreUsageErrors) {
+TEST_F(bytes, WindowsOutsideTheChunkAreUsageErrors) {
     const auto message = [&](const std::vector<std::string>& words) {
         const auto outcome = tarvoctl(machine, words);
         EXPECT_EQ(outcome.status, 2);
@@ -99,15 +99,15 @@ TEST_F(Bytes, WindowsOutsideTheChunkAreUsageErrors) {
               "tarvoctl: no chunk is called 'rx'; similar ones: rx_ring\n");
 }
 
-class Addresses : public ::testing::Test {
+class addresses : public ::testing::Test {
   protected:
-    Addresses() { driver.alloc("rx_ring", 0x2000, "driver"); }
+    addresses() { driver.alloc("rx_ring", 0x2000, "driver"); }
 
     sandbox machine{high};
     client driver = machine.start();
 };
 
-TEST_F(Addresses, FindTellsTheChunkAndTheOffset) {
+TEST_F(addresses, FindTellsTheChunkAndTheOffset) {
     const auto found = tarvoctl(machine, {"find", "0x20001004"});
     EXPECT_EQ(found.status, 0);
     EXPECT_EQ(found.output, "DMA 0x20001004 is in 'rx_ring', offset 0x1004 of 8 KiB\n");
@@ -117,14 +117,14 @@ TEST_F(Addresses, FindTellsTheChunkAndTheOffset) {
     EXPECT_EQ(document.at("pa").at("hex"), "0x200001004");
 }
 
-TEST_F(Addresses, FreeBytesAreAFinding) {
+TEST_F(addresses, FreeBytesAreAFinding) {
     const auto outcome = tarvoctl(machine, {"find", "0x20002000"});
     EXPECT_EQ(outcome.status, 1);
     EXPECT_EQ(outcome.output, "DMA 0x20002000 is in no chunk\n");
     EXPECT_EQ(json_of(tarvoctl(machine, {"find", "0x20002000", "--json"})).at("chunk"), nullptr);
 }
 
-TEST_F(Addresses, FindAgreesWithTheLibrary) {
+TEST_F(addresses, FindAgreesWithTheLibrary) {
     driver.alloc("other", 0x1000);
     for (const uint32_t dma :
          {0x20000000U, 0x20001fffU, 0x20002000U, 0x20002fffU, 0x20003000U, 0x5fffffffU}) {
@@ -139,7 +139,7 @@ TEST_F(Addresses, FindAgreesWithTheLibrary) {
     }
 }
 
-TEST_F(Addresses, TranslateTakesBothKinds) {
+TEST_F(addresses, TranslateTakesBothKinds) {
     const std::string expected =
         "DMA 0x20001004, physical 0x0200001004, in 'rx_ring', offset 0x1004 of 8 KiB\n";
     EXPECT_EQ(tarvoctl(machine, {"translate", "0x20001004"}).output, expected);
@@ -150,13 +150,13 @@ TEST_F(Addresses, TranslateTakesBothKinds) {
               "DMA 0x5fffffff, physical 0x023fffffff, in no chunk\n");
 }
 
-TEST_F(Addresses, TranslateAgreesWithTheLibrary) {
+TEST_F(addresses, TranslateAgreesWithTheLibrary) {
     const auto document = json_of(tarvoctl(machine, {"translate", "0x20001004", "--json"}));
     EXPECT_EQ(document.at("pa").at("number"), driver.to_pa(0x20001004));
     EXPECT_EQ(document.at("dma").at("number"), driver.to_dma(0x200001004));
 }
 
-TEST_F(Addresses, OutsideTheRegionIsAUsageErrorThatTellsTheRegion) {
+TEST_F(addresses, OutsideTheRegionIsAUsageErrorThatTellsTheRegion) {
     const std::string region = " is not in the region; the region is DMA 0x20000000-0x5fffffff, "
                                "physical 0x0200000000-0x023fffffff\n";
     const auto message = [&](const std::vector<std::string>& words) {
@@ -174,7 +174,7 @@ TEST_F(Addresses, OutsideTheRegionIsAUsageErrorThatTellsTheRegion) {
     EXPECT_EQ(message({"find", "20z"}), "tarvoctl: invalid DMA '20z'; write it as 128 or 0x80\n");
 }
 
-TEST(AmbiguousAddress, IsAskedAbout) {
+TEST(ambiguous_address, IsAskedAbout) {
     // Seen from 0x20000000 on, because it ends above 4 GiB: the two ranges overlap.
     sandbox machine(high, {"--region", "30000000-10fffffff"});
     machine.start().alloc("a", 0x1000);
@@ -188,9 +188,9 @@ TEST(AmbiguousAddress, IsAskedAbout) {
               "DMA 0x30000000, physical 0x0040000000, in no chunk\n");
 }
 
-class Limits : public ::testing::TestWithParam<world> {};
+class limits : public ::testing::TestWithParam<world> {};
 
-TEST_P(Limits, AreTheLibrarys) {
+TEST_P(limits, AreTheLibrarys) {
     sandbox machine(GetParam());
     client driver = machine.start();
     const dma_limits expected = driver.limits();
@@ -203,9 +203,9 @@ TEST_P(Limits, AreTheLibrarys) {
     EXPECT_EQ(document.at("bookkeeping_bytes"), rounded_to_pages(area_offset::content_end));
 }
 
-INSTANTIATE_TEST_SUITE_P(Worlds, Limits, ::testing::ValuesIn(all_worlds()), world_name());
+INSTANTIATE_TEST_SUITE_P(Worlds, limits, ::testing::ValuesIn(all_worlds()), world_name());
 
-TEST(LimitsText, TellsBothRangesAndTheSize) {
+TEST(limits_text, TellsBothRangesAndTheSize) {
     sandbox machine(crossing);
     machine.start().limits();
     EXPECT_EQ(tarvoctl(machine, {"limits"}).output, "DMA          0x20000000-0x3fffffff\n"
@@ -214,7 +214,7 @@ TEST(LimitsText, TellsBothRangesAndTheSize) {
                                                     "bookkeeping  68488 KiB (70131712 bytes)\n");
 }
 
-TEST(Read, TellsAtATerminalHowFarItIsWhenThatTakesLong) {
+TEST(read, TellsAtATerminalHowFarItIsWhenThatTakesLong) {
     sandbox machine(low);
     constexpr size_t bytes = 0x400000;
     machine.start().alloc("long", bytes);

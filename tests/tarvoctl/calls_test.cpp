@@ -18,7 +18,7 @@ std::string first_column(const tool_outcome& outcome) {
     return outcome.output.substr(0, outcome.output.find(','));
 }
 
-TEST(Alloc, MakesAChunkOnceAndSharesItThen) {
+TEST(alloc, MakesAChunkOnceAndSharesItThen) {
     sandbox machine(high);
     const auto made = tarvoctl(machine, {"alloc", "rx_ring", "64K", "--creator", "shell"});
     EXPECT_EQ(made.status, 0);
@@ -33,7 +33,7 @@ TEST(Alloc, MakesAChunkOnceAndSharesItThen) {
     EXPECT_EQ(chunks[1].creator, "shell");
 }
 
-TEST(Alloc, IsItsOwnCreatorAndTellsThePlaceAsJson) {
+TEST(alloc, IsItsOwnCreatorAndTellsThePlaceAsJson) {
     sandbox machine(low);
     const auto document = json_of(tarvoctl(machine, {"alloc", "a", "1", "--json"}));
     EXPECT_EQ(document.at("shared"), false);
@@ -43,7 +43,7 @@ TEST(Alloc, IsItsOwnCreatorAndTellsThePlaceAsJson) {
     EXPECT_EQ(json_of(tarvoctl(machine, {"alloc", "a", "1", "--json"})).at("shared"), true);
 }
 
-TEST(Alloc, AnotherSizeOfANameNeedsToBeAskedFor) {
+TEST(alloc, AnotherSizeOfANameNeedsToBeAskedFor) {
     sandbox machine(low);
     client driver = machine.start();
     driver.alloc("stats", 0x1000);
@@ -59,7 +59,7 @@ TEST(Alloc, AnotherSizeOfANameNeedsToBeAskedFor) {
     EXPECT_EQ(made.errors, "tarvo: find_chunk_desc() size mismatch, see tarvo\n\n");
 }
 
-TEST(Alloc, WhatWouldEndTheLibrarysProcessIsRefusedBeforeTheCall) {
+TEST(alloc, WhatWouldEndTheLibrarysProcessIsRefusedBeforeTheCall) {
     sandbox machine(low);
     const auto message = [&](const std::vector<std::string>& words) {
         const auto outcome = tarvoctl(machine, words);
@@ -93,7 +93,7 @@ TEST(Alloc, WhatWouldEndTheLibrarysProcessIsRefusedBeforeTheCall) {
     EXPECT_FALSE(exists(machine.shared_area())) << "nothing of this starts the region";
 }
 
-TEST(Alloc, TellsHowMuchRoomThereIsWhenThereIsTooLittle) {
+TEST(alloc, TellsHowMuchRoomThereIsWhenThereIsTooLittle) {
     sandbox machine(low);
     client driver = machine.start();
     driver.alloc("a", 0x1000);
@@ -104,7 +104,7 @@ TEST(Alloc, TellsHowMuchRoomThereIsWhenThereIsTooLittle) {
               "all gaps together 262140 KiB; see 'tarvoctl map'\n");
 }
 
-TEST(Alloc, TellsThatTheKernelGaveNothing) {
+TEST(alloc, TellsThatTheKernelGaveNothing) {
     sandbox machine(cma, {"--rule", "op=allocate,errno=ENOMEM"});
     machine.start().limits();
     const auto outcome = tarvoctl(machine, {"alloc", "a", "4K"});
@@ -114,7 +114,7 @@ TEST(Alloc, TellsThatTheKernelGaveNothing) {
         << outcome.errors;
 }
 
-TEST(Alloc, TheLibrarysLastWordIsAFailureAndNotTheEndOfTheTool) {
+TEST(alloc, TheLibrarysLastWordIsAFailureAndNotTheEndOfTheTool) {
     sandbox machine(low);
     client driver = machine.start();
     driver.register_device(0, 3, 0);
@@ -130,7 +130,7 @@ TEST(Alloc, TheLibrarysLastWordIsAFailureAndNotTheEndOfTheTool) {
         << outcome.errors;
 }
 
-TEST(Alloc, ADamagedAreaIsLeftAlone) {
+TEST(alloc, ADamagedAreaIsLeftAlone) {
     sandbox machine(low);
     client driver = machine.start();
     driver.alloc("first", 0x1000);
@@ -146,7 +146,7 @@ TEST(Alloc, ADamagedAreaIsLeftAlone) {
         "make it worse; 'tarvoctl check' shows what helps\n");
 }
 
-TEST(Alloc, AChunkOutsideTheRegionIsNotHandedToTheLibrary) {
+TEST(alloc, AChunkOutsideTheRegionIsNotHandedToTheLibrary) {
     sandbox machine(low);
     client driver = machine.start();
     driver.alloc("first", 0x1000);
@@ -159,7 +159,7 @@ TEST(Alloc, AChunkOutsideTheRegionIsNotHandedToTheLibrary) {
         << outcome.errors;
 }
 
-TEST(Alloc, WithoutARegionItSaysWhatIsMissing) {
+TEST(alloc, WithoutARegionItSaysWhatIsMissing) {
     sandbox machine(low, {"--without", "proc"});
     const auto outcome = tarvoctl(machine, {"alloc", "a", "4K"});
     EXPECT_EQ(outcome.status, 3);
@@ -170,7 +170,7 @@ TEST(Alloc, WithoutARegionItSaysWhatIsMissing) {
     EXPECT_FALSE(exists(machine.shared_area()));
 }
 
-TEST(Free, NamesWhoHasTheChunkAndRefusesWithoutATerminal) {
+TEST(free, NamesWhoHasTheChunkAndRefusesWithoutATerminal) {
     sandbox machine(low);
     client driver = machine.start();
     driver.alloc("rx_ring", 0x1000);
@@ -195,7 +195,7 @@ TEST(Free, NamesWhoHasTheChunkAndRefusesWithoutATerminal) {
     EXPECT_EQ(machine.area().view().chunks().size(), 2);
 }
 
-TEST(Free, TellsWhoHadItAsJson) {
+TEST(free, TellsWhoHadItAsJson) {
     sandbox machine(simulation);
     client driver = machine.start();
     client other = machine.start();
@@ -215,7 +215,7 @@ TEST(Free, TellsWhoHadItAsJson) {
               true);
 }
 
-TEST(Free, AChunkThatNobodyHasIsFreedWithoutATerminal) {
+TEST(free, AChunkThatNobodyHasIsFreedWithoutATerminal) {
     sandbox machine(low);
     client driver = machine.start();
     driver.alloc("a", 0x1000);
@@ -228,7 +228,7 @@ TEST(Free, AChunkThatNobodyHasIsFreedWithoutATerminal) {
     EXPECT_EQ(machine.area().view().chunks().at(1).size, 0x2000);
 }
 
-TEST(Alloc, InARegionThatCannotBeIsRefusedBeforeTheCall) {
+TEST(alloc, InARegionThatCannotBeIsRefusedBeforeTheCall) {
     for (const auto& [line, why] : std::vector<std::pair<std::string, std::string>>{
              {R"(80000001\t8fffffff\t0\ttarvo)",
               "describes a region that does not begin on a page"},
@@ -243,7 +243,7 @@ TEST(Alloc, InARegionThatCannotBeIsRefusedBeforeTheCall) {
     }
 }
 
-TEST(Free, AsksWhereItCouldNotSeeWhoHasTheChunk) {
+TEST(free, AsksWhereItCouldNotSeeWhoHasTheChunk) {
     sandbox machine(simulation);
     client driver = machine.start();
     driver.alloc("a", 0x1000);
@@ -262,7 +262,7 @@ TEST(Free, AsksWhereItCouldNotSeeWhoHasTheChunk) {
     EXPECT_EQ(machine.area().view().chunks().size(), 2);
 }
 
-TEST(Free, AsksAtATerminalAndTakesOnlyYesForAYes) {
+TEST(free, AsksAtATerminalAndTakesOnlyYesForAYes) {
     sandbox machine(low);
     client driver = machine.start();
     driver.alloc("a", 0x1000);
@@ -285,7 +285,7 @@ TEST(Free, AsksAtATerminalAndTakesOnlyYesForAYes) {
     EXPECT_EQ(machine.area().view().chunks().size(), 2);
 }
 
-TEST(Free, AnUnknownNameIsAUsageErrorThatNamesSimilarOnes) {
+TEST(free, AnUnknownNameIsAUsageErrorThatNamesSimilarOnes) {
     sandbox machine(low);
     client driver = machine.start();
     driver.alloc("rx_ring", 0x1000);
@@ -294,7 +294,7 @@ TEST(Free, AnUnknownNameIsAUsageErrorThatNamesSimilarOnes) {
     EXPECT_EQ(outcome.errors, "tarvoctl: no chunk is called 'rx_rnig'; similar ones: rx_ring\n");
 }
 
-TEST(Free, ARefusalOfTheDriverIsAFinding) {
+TEST(free, ARefusalOfTheDriverIsAFinding) {
     sandbox machine(low);
     client driver = machine.start();
     driver.register_device(0, 3, 0);
@@ -307,7 +307,7 @@ TEST(Free, ARefusalOfTheDriverIsAFinding) {
         << outcome.errors;
 }
 
-TEST(Calls, WaitForTheLockNoLongerThanTheyMay) {
+TEST(calls, WaitForTheLockNoLongerThanTheyMay) {
     sandbox machine(simulation);
     machine.start().alloc("a", 0x1000);
     const held_lock held(machine.lock_file());
@@ -324,7 +324,7 @@ TEST(Calls, WaitForTheLockNoLongerThanTheyMay) {
     }
 }
 
-TEST(Calls, NameAHolderOfTheLockThatIsStopped) {
+TEST(calls, NameAHolderOfTheLockThatIsStopped) {
     sandbox machine(simulation);
     client holder = machine.start({"dump_begin"});
     ASSERT_EQ(::kill(holder.pid(), SIGSTOP), 0);
@@ -411,7 +411,7 @@ running_tool made_to_wait_in_the_library(sandbox& machine, client& first, client
     }
 }
 
-TEST(Calls, AWaitInsideTheLibraryIsInterrupted) {
+TEST(calls, AWaitInsideTheLibraryIsInterrupted) {
     sandbox machine(simulation);
     client first = machine.start();
     client second = machine.start();
@@ -439,7 +439,7 @@ bool ends_soon(pid_t pid) {
     return false;
 }
 
-TEST(Calls, AKilledToolMakesNoChangeOnceItCouldHaveTheLock) {
+TEST(calls, AKilledToolMakesNoChangeOnceItCouldHaveTheLock) {
     sandbox machine(simulation);
     client first = machine.start();
     client second = machine.start();
@@ -456,7 +456,7 @@ TEST(Calls, AKilledToolMakesNoChangeOnceItCouldHaveTheLock) {
     EXPECT_EQ(machine.area().view().chunks().size(), 3U);
 }
 
-TEST(Calls, LookingMakesNoFiles) {
+TEST(calls, LookingMakesNoFiles) {
     sandbox machine(simulation);
     for (const std::vector<std::string>& words : std::vector<std::vector<std::string>>{
              {"read", "a"}, {"find", "0x1000"}, {"translate", "0x1000"}, {"limits"}, {"dump"}}) {
@@ -469,7 +469,7 @@ TEST(Calls, LookingMakesNoFiles) {
     EXPECT_FALSE(exists(machine.lock_file()));
 }
 
-TEST(Calls, LookingMakesNoSecondLockOfASimulatedRegion) {
+TEST(calls, LookingMakesNoSecondLockOfASimulatedRegion) {
     sandbox machine(simulation);
     machine.start().alloc("a", 0x1000);
     std::filesystem::remove(machine.simulated_lock());
@@ -480,9 +480,9 @@ TEST(Calls, LookingMakesNoSecondLockOfASimulatedRegion) {
     EXPECT_FALSE(exists(machine.simulated_lock()));
 }
 
-class Dump : public ::testing::TestWithParam<world> {};
+class dump : public ::testing::TestWithParam<world> {};
 
-TEST_P(Dump, IsTheLibrarysOwnByteForByte) {
+TEST_P(dump, IsTheLibrarysOwnByteForByte) {
     sandbox machine(GetParam());
     client driver = machine.start();
     driver.alloc("rx_ring", 0x10000, "driver");
@@ -500,7 +500,7 @@ TEST_P(Dump, IsTheLibrarysOwnByteForByte) {
     EXPECT_TRUE(lock_is_free(machine.lock_file()));
 }
 
-INSTANTIATE_TEST_SUITE_P(Worlds, Dump, ::testing::ValuesIn(all_worlds()), world_name());
+INSTANTIATE_TEST_SUITE_P(Worlds, dump, ::testing::ValuesIn(all_worlds()), world_name());
 
 } // namespace
 

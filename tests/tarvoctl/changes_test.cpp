@@ -11,7 +11,7 @@ namespace changes_test {
 
 namespace {
 
-class Changes : public ::testing::Test {
+class changes : public ::testing::Test {
   protected:
     /// What diff says of a change that is made now.
     std::string reported(const std::function<void()>& change) {
@@ -26,13 +26,13 @@ class Changes : public ::testing::Test {
     client driver = machine.start();
 };
 
-TEST_F(Changes, NothingIsNoChange) {
+TEST_F(changes, NothingIsNoChange) {
     driver.alloc("a", 0x1000);
     driver.register_device(0, 3, 0);
     EXPECT_EQ(reported([] {}), "");
 }
 
-TEST_F(Changes, ChunksThatGoAreToldBeforeThoseThatCome) {
+TEST_F(changes, ChunksThatGoAreToldBeforeThoseThatCome) {
     driver.alloc("a", 0x1000, "me");
     driver.alloc("b", 0x1000, "me");
     EXPECT_EQ(reported([this] {
@@ -43,7 +43,7 @@ TEST_F(Changes, ChunksThatGoAreToldBeforeThoseThatCome) {
               "allocated     c: 8 KiB at physical 0x0080001000, creator you\n");
 }
 
-TEST_F(Changes, ANameAtAnotherPlaceOrOfAnotherSizeIsAnotherChunk) {
+TEST_F(changes, ANameAtAnotherPlaceOrOfAnotherSizeIsAnotherChunk) {
     driver.alloc("a", 0x1000);
     driver.alloc("b", 0x1000);
     driver.alloc("c", 0x1000);
@@ -63,7 +63,7 @@ TEST_F(Changes, ANameAtAnotherPlaceOrOfAnotherSizeIsAnotherChunk) {
               "physical 0x0080004000, creator test\n");
 }
 
-TEST_F(Changes, OfChunksOfOneNameTheOneAtItsPlaceStaysItself) {
+TEST_F(changes, OfChunksOfOneNameTheOneAtItsPlaceStaysItself) {
     driver.alloc("a", 0x1000);
     driver.alloc("a", 0x2000);
     EXPECT_EQ(reported([this] { driver.free("a"); }),
@@ -72,7 +72,7 @@ TEST_F(Changes, OfChunksOfOneNameTheOneAtItsPlaceStaysItself) {
               "allocated     a: 4 KiB at physical 0x0080000000, creator test\n");
 }
 
-TEST_F(Changes, AChunkOfAnotherCreatorIsAnotherChunk) {
+TEST_F(changes, AChunkOfAnotherCreatorIsAnotherChunk) {
     driver.alloc("a", 0x1000, "me");
     EXPECT_EQ(reported([this] {
                   driver.free("a");
@@ -82,7 +82,7 @@ TEST_F(Changes, AChunkOfAnotherCreatorIsAnotherChunk) {
               "0x0080000000, creator you\n");
 }
 
-TEST_F(Changes, AChunkInAnotherElementIsAnotherChunk) {
+TEST_F(changes, AChunkInAnotherElementIsAnotherChunk) {
     driver.alloc("b", 0x1000);
     driver.alloc("a", 0x1000);
     EXPECT_EQ(reported([this] {
@@ -103,7 +103,7 @@ TEST_F(Changes, AChunkInAnotherElementIsAnotherChunk) {
         "replaced      a: 4 KiB at physical 0x0080001000, creator test; allocated anew alike\n");
 }
 
-TEST_F(Changes, TheMappingsOfAChunkThatWasReplacedAreNotToldOfTheirOwn) {
+TEST_F(changes, TheMappingsOfAChunkThatWasReplacedAreNotToldOfTheirOwn) {
     driver.alloc("a", 0x1000, "me");
     EXPECT_EQ(reported([this] {
                   driver.register_device(0, 3, 0);
@@ -115,7 +115,7 @@ TEST_F(Changes, TheMappingsOfAChunkThatWasReplacedAreNotToldOfTheirOwn) {
               "0x0080000000, creator you\n");
 }
 
-TEST_F(Changes, DevicesAreToldWithWhatTheySeeOfChunksThatStay) {
+TEST_F(changes, DevicesAreToldWithWhatTheySeeOfChunksThatStay) {
     driver.alloc("a", 0x1000);
     EXPECT_EQ(reported([this] {
                   driver.register_device(0, 3, 0);
@@ -130,7 +130,7 @@ TEST_F(Changes, DevicesAreToldWithWhatTheySeeOfChunksThatStay) {
               "unmapped      b: for 0000:03:00.0\n");
 }
 
-TEST_F(Changes, ADeviceThatIsGoneGoesOfflineAndComesBack) {
+TEST_F(changes, ADeviceThatIsGoneGoesOfflineAndComesBack) {
     driver.register_device(0, 3, 0);
     machine.add_rules({"op=map,nth=1,errno=ENODEV"});
     EXPECT_EQ(reported([this] { driver.alloc("a", 0x1000); }),
@@ -141,7 +141,7 @@ TEST_F(Changes, ADeviceThatIsGoneGoesOfflineAndComesBack) {
               "mapped        a: for 0000:03:00.0\n");
 }
 
-TEST_F(Changes, AForgottenDevicesMappingsAreInheritedAndNotUndone) {
+TEST_F(changes, AForgottenDevicesMappingsAreInheritedAndNotUndone) {
     driver.register_device(0, 3, 0);
     driver.alloc("a", 0x1000);
     machine.add_rules({"op=map,nth=1,errno=ENODEV"});
@@ -171,7 +171,7 @@ void refer_to_all_devices(const area_writer& write, int chunk) {
     write.i32(area_offset::chunk(chunk) + area_offset::devs_free, -1);
 }
 
-TEST_F(Changes, DevicesUnderOtherNumbersAreTheSame) {
+TEST_F(changes, DevicesUnderOtherNumbersAreTheSame) {
     constexpr int chunks = 4000;
     for (int made = 0; made < chunks; ++made) {
         driver.alloc("c" + std::to_string(made), 0x1000);
@@ -231,7 +231,7 @@ TEST_F(Changes, DevicesUnderOtherNumbersAreTheSame) {
 }
 
 #ifndef TARVO_SANITIZED // which take terabytes of addresses, and this limits them
-TEST_F(Changes, MillionsOfMappingsAreCountedInBoundedMemory) {
+TEST_F(changes, MillionsOfMappingsAreCountedInBoundedMemory) {
     constexpr int chunks = 16382;
     for (int made = 0; made < chunks; ++made) {
         driver.alloc("c" + std::to_string(made), 0x1000);

@@ -18,7 +18,7 @@ void fill(sandbox& machine) {
     driver.alloc("third", 0x1000);
 }
 
-TEST(Check, ASoundAreaIsSound) {
+TEST(check, ASoundAreaIsSound) {
     for (const world& each : all_worlds()) {
         sandbox machine(each);
         fill(machine);
@@ -29,7 +29,7 @@ TEST(Check, ASoundAreaIsSound) {
     }
 }
 
-TEST(Check, ALostElementIsAFinding) {
+TEST(check, ALostElementIsAFinding) {
     sandbox machine(low);
     fill(machine);
     // Off the free chain: it stays unused for ever.
@@ -45,7 +45,7 @@ TEST(Check, ALostElementIsAFinding) {
     EXPECT_EQ(document.at("findings").at(0).at("element"), 5);
 }
 
-TEST(Check, ABrokenLinkIsDamage) {
+TEST(check, ABrokenLinkIsDamage) {
     sandbox machine(low);
     fill(machine);
     machine.writable_area().writer().i32(area_offset::chunk(3) + area_offset::prev, 4);
@@ -56,7 +56,7 @@ TEST(Check, ABrokenLinkIsDamage) {
     EXPECT_EQ(json_of(tarvoctl(machine, {"check", "--json"})).at("verdict"), "broken");
 }
 
-TEST(Check, SendsToTheRepairOfTheCopyThatItChecked) {
+TEST(check, SendsToTheRepairOfTheCopyThatItChecked) {
     sandbox machine(low);
     fill(machine);
     machine.writable_area().writer().i32(area_offset::chunk(3) + area_offset::prev, 4);
@@ -69,7 +69,7 @@ TEST(Check, SendsToTheRepairOfTheCopyThatItChecked) {
               "the area is broken: 'tarvoctl repair --cma " + copy + "' shows what can be done");
 }
 
-TEST(Check, ComparesTheAreaWithTheRegionTheDriverDescribes) {
+TEST(check, ComparesTheAreaWithTheRegionTheDriverDescribes) {
     sandbox machine(low);
     fill(machine);
     auto area = machine.writable_area();
@@ -84,7 +84,7 @@ TEST(Check, ComparesTheAreaWithTheRegionTheDriverDescribes) {
     EXPECT_EQ(tarvoctl(machine, {"check", copy}).status, 0);
 }
 
-TEST(Check, SaysWhatIsNoArea) {
+TEST(check, SaysWhatIsNoArea) {
     sandbox machine(low);
     const temporary_folder folder;
     const std::string file = folder.path() / "short";
@@ -99,7 +99,7 @@ TEST(Check, SaysWhatIsNoArea) {
     EXPECT_EQ(missing.errors, "tarvoctl: /nowhere is not there\n");
 }
 
-TEST(Check, WaitsForNobodyBehindAFifo) {
+TEST(check, WaitsForNobodyBehindAFifo) {
     sandbox machine(low);
     fill(machine);
     const temporary_folder folder;
@@ -128,7 +128,7 @@ TEST(Check, WaitsForNobodyBehindAFifo) {
     }
 }
 
-TEST(Check, TakesNoMemoryForTheHolesOfACopy) {
+TEST(check, TakesNoMemoryForTheHolesOfACopy) {
     sandbox machine(low);
     const std::string copy = "/dev/shm/tarvoctl-check-" + std::to_string(getpid());
     std::ofstream{copy};
@@ -141,7 +141,7 @@ TEST(Check, TakesNoMemoryForTheHolesOfACopy) {
     std::filesystem::remove(copy);
 }
 
-TEST(Check, AnEmptyFileIsTheLiveAreaAtItsVeryBeginning) {
+TEST(check, AnEmptyFileIsTheLiveAreaAtItsVeryBeginning) {
     sandbox machine(low);
     fill(machine);
     std::filesystem::resize_file(machine.shared_area(), 0);
@@ -155,7 +155,7 @@ TEST(Check, AnEmptyFileIsTheLiveAreaAtItsVeryBeginning) {
     EXPECT_EQ(tarvoctl(machine, {"list"}).status, 4);
 }
 
-TEST(Check, TellsWhoMayNotLookThatRootMay) {
+TEST(check, TellsWhoMayNotLookThatRootMay) {
     sandbox machine(low);
     fill(machine);
     std::filesystem::permissions(machine.shared_area(), std::filesystem::perms::none);
@@ -165,7 +165,7 @@ TEST(Check, TellsWhoMayNotLookThatRootMay) {
               "tarvoctl: cannot open /var/shmem/tarvo_lib: Permission denied; run it as root\n");
 }
 
-TEST(Check, SaysWhyThereCanBeNoArea) {
+TEST(check, SaysWhyThereCanBeNoArea) {
     sandbox machine(low, {"--without", "proc"});
     const auto outcome = tarvoctl(machine, {"list"});
     EXPECT_EQ(outcome.status, 3);
@@ -175,7 +175,7 @@ TEST(Check, SaysWhyThereCanBeNoArea) {
               "or run with SIMULATION_VMID set\n");
 }
 
-TEST(Snapshot, IsAConsistentCopyThatAllCommandsRead) {
+TEST(snapshot, IsAConsistentCopyThatAllCommandsRead) {
     sandbox machine(high);
     fill(machine);
     const temporary_folder folder;
@@ -191,7 +191,7 @@ TEST(Snapshot, IsAConsistentCopyThatAllCommandsRead) {
               "first\nsecond\nthird\n");
 }
 
-TEST(Snapshot, IsCompactAndReadCompressedOrNot) {
+TEST(snapshot, IsCompactAndReadCompressedOrNot) {
     sandbox machine(low);
     fill(machine);
     const temporary_folder folder;
@@ -212,7 +212,7 @@ TEST(Snapshot, IsCompactAndReadCompressedOrNot) {
     }
 }
 
-TEST(Snapshot, GoesThroughPipes) {
+TEST(snapshot, GoesThroughPipes) {
     sandbox machine(low);
     fill(machine);
     const auto piped = [&machine](const char* script) {
@@ -233,7 +233,7 @@ TEST(Snapshot, GoesThroughPipes) {
         << empty.errors;
 }
 
-TEST(Snapshot, ThatIsDamagedOrNoneIsNotTakenForAnArea) {
+TEST(snapshot, ThatIsDamagedOrNoneIsNotTakenForAnArea) {
     sandbox machine(low);
     fill(machine);
     const temporary_folder folder;
@@ -257,7 +257,7 @@ TEST(Snapshot, ThatIsDamagedOrNoneIsNotTakenForAnArea) {
     EXPECT_EQ(tarvoctl(machine, {"list", "--area", copy}).status, 4);
 }
 
-TEST(Snapshot, MoreThanAnAreaIsNotInflated) {
+TEST(snapshot, MoreThanAnAreaIsNotInflated) {
     sandbox machine(low);
     fill(machine);
     // Zeros without end: a tool that took them all would never answer.
@@ -267,7 +267,7 @@ TEST(Snapshot, MoreThanAnAreaIsNotInflated) {
     EXPECT_TRUE(outcome.errors.find("is not built yet") != std::string::npos) << outcome.errors;
 }
 
-TEST(Snapshot, IsReadThroughAPipeWithAName) {
+TEST(snapshot, IsReadThroughAPipeWithAName) {
     sandbox machine(low);
     fill(machine);
     const temporary_folder folder;
@@ -282,7 +282,7 @@ TEST(Snapshot, IsReadThroughAPipeWithAName) {
     }
 }
 
-TEST(Snapshot, OfStandardInputIsNotReadTwice) {
+TEST(snapshot, OfStandardInputIsNotReadTwice) {
     sandbox machine(low);
     fill(machine);
     const auto outcome = tarvoctl(machine, {"diff", "-", "-"});
@@ -291,7 +291,7 @@ TEST(Snapshot, OfStandardInputIsNotReadTwice) {
                               "the two\n");
 }
 
-TEST(Snapshot, CannotBeRepairedWhileItIsCompressed) {
+TEST(snapshot, CannotBeRepairedWhileItIsCompressed) {
     sandbox machine(low);
     fill(machine);
     const temporary_folder folder;
@@ -314,7 +314,7 @@ TEST(Snapshot, CannotBeRepairedWhileItIsCompressed) {
     EXPECT_EQ(file_text(copy), bytes);
 }
 
-TEST(Snapshot, NeverReplacesAFileUnasked) {
+TEST(snapshot, NeverReplacesAFileUnasked) {
     sandbox machine(low);
     fill(machine);
     const temporary_folder folder;
@@ -330,9 +330,9 @@ TEST(Snapshot, NeverReplacesAFileUnasked) {
 }
 
 /// A snapshot that is in the way, and the only file in its folder.
-class SnapshotOnto : public testing::Test {
+class snapshot_onto : public testing::Test {
   protected:
-    SnapshotOnto() {
+    snapshot_onto() {
         fill(machine);
         EXPECT_EQ(tarvoctl(machine, {"snapshot", copy}).status, 0);
         bytes = unpacked(copy);
@@ -350,7 +350,7 @@ class SnapshotOnto : public testing::Test {
     std::vector<uint8_t> bytes;
 };
 
-TEST_F(SnapshotOnto, AFullDiskKeepsTheEarlierOne) {
+TEST_F(snapshot_onto, AFullDiskKeepsTheEarlierOne) {
     // As much of a file as a full disk would take.
     process tool = machine.start_process(
         {"sh", "-c", "trap '' XFSZ; ulimit -f 100; exec \"$0\" snapshot --force \"$1\"", TARVOCTL,
@@ -361,7 +361,7 @@ TEST_F(SnapshotOnto, AFullDiskKeepsTheEarlierOne) {
     EXPECT_EQ(files(), 1);
 }
 
-TEST_F(SnapshotOnto, AToolThatIsKilledWhileItWritesLeavesNothing) {
+TEST_F(snapshot_onto, AToolThatIsKilledWhileItWritesLeavesNothing) {
     // By the signal that a file of that length brings.
     process tool = machine.start_process(
         {"sh", "-c", "ulimit -c 0; ulimit -f 100; exec \"$0\" snapshot --force \"$1\"", TARVOCTL,
@@ -372,13 +372,13 @@ TEST_F(SnapshotOnto, AToolThatIsKilledWhileItWritesLeavesNothing) {
     EXPECT_EQ(files(), 1);
 }
 
-TEST_F(SnapshotOnto, ANewOneLeavesNothingElse) {
+TEST_F(snapshot_onto, ANewOneLeavesNothingElse) {
     EXPECT_EQ(tarvoctl(machine, {"snapshot", "--force", copy}).status, 0);
     EXPECT_EQ(unpacked(copy), machine.area().snapshot());
     EXPECT_EQ(files(), 1);
 }
 
-TEST_F(SnapshotOnto, WhatHasTheAreaMappedKeepsItsFile) {
+TEST_F(snapshot_onto, WhatHasTheAreaMappedKeepsItsFile) {
     const std::string link = folder.path() / "link";
     std::filesystem::create_symlink("/var/shmem/tarvo_lib", link);
     const auto before = machine.area().snapshot();
@@ -394,7 +394,7 @@ TEST_F(SnapshotOnto, WhatHasTheAreaMappedKeepsItsFile) {
     EXPECT_EQ(tarvoctl(machine, {"list"}).status, 0);
 }
 
-TEST_F(SnapshotOnto, WhatIsNoPlainFileStays) {
+TEST_F(snapshot_onto, WhatIsNoPlainFileStays) {
     for (const std::string& file : {std::string("/dev/full"), folder.path().string()}) {
         for (const std::vector<std::string>& words : std::vector<std::vector<std::string>>{
                  {"snapshot", file}, {"snapshot", "--force", file}}) {
@@ -406,7 +406,7 @@ TEST_F(SnapshotOnto, WhatIsNoPlainFileStays) {
     }
 }
 
-TEST(Diff, TellsWhatChangedSinceASnapshot) {
+TEST(diff, TellsWhatChangedSinceASnapshot) {
     sandbox machine(low);
     fill(machine);
     const temporary_folder folder;
@@ -437,7 +437,7 @@ TEST(Diff, TellsWhatChangedSinceASnapshot) {
     EXPECT_EQ(tarvoctl(machine, {"diff", after, after}).status, 0);
 }
 
-TEST(Diff, ComplainsFirstOfTheFileThatWasNamed) {
+TEST(diff, ComplainsFirstOfTheFileThatWasNamed) {
     sandbox machine(simulation);
     const auto outcome = tarvoctl(machine, {"diff", "/nowhere"});
     EXPECT_EQ(outcome.status, 3);

@@ -12,7 +12,7 @@ constexpr int first = 2;
 constexpr int second = 3;
 constexpr int third = 4;
 
-class Damage : public ::testing::Test {
+class damage : public ::testing::Test {
   protected:
     sandbox machine{low};
     client driver = machine.start({"alloc first 1 me", "alloc second 1 me", "alloc third 1 me"});
@@ -44,7 +44,7 @@ class Damage : public ::testing::Test {
     }
 };
 
-TEST_F(Damage, AWrongBackLinkKeepsTheLibraryAway) {
+TEST_F(damage, AWrongBackLinkKeepsTheLibraryAway) {
     write.i32(area_offset::chunk(second) + area_offset::prev, 77);
     expect_all_calls_refused(
         "tarvoctl: the area is broken: chunk 3 'second' (creator me): prev is "
@@ -52,19 +52,19 @@ TEST_F(Damage, AWrongBackLinkKeepsTheLibraryAway) {
         "worse; 'tarvoctl check' shows what helps\n");
 }
 
-TEST_F(Damage, AFreeChainThatLeadsToAUsedChunkKeepsTheLibraryAway) {
+TEST_F(damage, AFreeChainThatLeadsToAUsedChunkKeepsTheLibraryAway) {
     write.i32(area_offset::chunks_free, first);
     expect_all_calls_refused("tarvoctl: the area is broken: chunk 2 'first' (creator me): on the "
                              "list and on the free chain");
 }
 
-TEST_F(Damage, AFreeChainOfDeviceReferencesThatLeadsNowhereKeepsTheLibraryAway) {
+TEST_F(damage, AFreeChainOfDeviceReferencesThatLeadsNowhereKeepsTheLibraryAway) {
     write.i32(area_offset::chunk(first) + area_offset::devs_free, 777);
     expect_all_calls_refused("tarvoctl: the area is broken: chunk 2 'first' (creator me), its "
                              "device list: the free chain goes on at 777, which is not an element");
 }
 
-TEST_F(Damage, AnotherRegionsAreaIsNotWorkedOn) {
+TEST_F(damage, AnotherRegionsAreaIsNotWorkedOn) {
     const auto tail = area.view().chunk_ends().tail;
     write.u64(area_offset::chunk(tail) + area_offset::pa, low.end() - 0x1000);
     expect_all_calls_refused("tarvoctl: /var/shmem/tarvo_lib is left over from another region; end "
@@ -76,7 +76,7 @@ TEST_F(Damage, AnotherRegionsAreaIsNotWorkedOn) {
               "the area is broken: end all programs that use it, then remove its file");
 }
 
-TEST_F(Damage, AWrongHeadOfTheListIsNotTakenForAnotherRegion) {
+TEST_F(damage, AWrongHeadOfTheListIsNotTakenForAnotherRegion) {
     write.i32(area_offset::chunks_head, third);
     expect_all_calls_refused("'tarvoctl check' shows what helps\n");
     EXPECT_EQ(lines_of(tarvoctl(machine, {"check"}).output).back(),
@@ -89,7 +89,7 @@ TEST_F(Damage, AWrongHeadOfTheListIsNotTakenForAnotherRegion) {
 }
 
 /// A list that does not lead from one bound to the other says nothing of the region.
-TEST_F(Damage, ABrokenListIsRepairedBeforeItsRegionIsCompared) {
+TEST_F(damage, ABrokenListIsRepairedBeforeItsRegionIsCompared) {
     const auto tail = area.view().chunk_ends().tail;
     write.u64(area_offset::chunk(tail) + area_offset::pa, low.end() - 0x1000);
     write.i32(area_offset::chunk(second) + area_offset::next, 99999);
@@ -99,7 +99,7 @@ TEST_F(Damage, ABrokenListIsRepairedBeforeItsRegionIsCompared) {
     expect_all_calls_refused("is left over from another region");
 }
 
-TEST_F(Damage, AnAreaThatLostItsFlagIsNotBuiltAnew) {
+TEST_F(damage, AnAreaThatLostItsFlagIsNotBuiltAnew) {
     write.u8(area_offset::initialized, 0);
     const std::string why =
         "tarvoctl: /var/shmem/tarvo_lib holds chunks or devices, yet says that it was not built: "
@@ -147,7 +147,7 @@ void expect_unknown_region(sandbox& machine) {
     }
 }
 
-TEST_F(Damage, AListWithoutEndsIsNoEmptyRegion) {
+TEST_F(damage, AListWithoutEndsIsNoEmptyRegion) {
     write.i32(area_offset::chunks_head, -1);
     write.i32(area_offset::chunks_tail, -1);
     expect_unknown_region(machine);
@@ -158,7 +158,7 @@ TEST_F(Damage, AListWithoutEndsIsNoEmptyRegion) {
                                 std::string(lost_region) + "; see 'tarvoctl check'\n");
 }
 
-TEST_F(Damage, ARegionThatEndsBelowItsStartIsNoRegion) {
+TEST_F(damage, ARegionThatEndsBelowItsStartIsNoRegion) {
     const auto tail = area.view().chunk_ends().tail;
     write.u64(area_offset::chunk(tail) + area_offset::pa, 0);
     expect_unknown_region(machine);
@@ -167,14 +167,14 @@ TEST_F(Damage, ARegionThatEndsBelowItsStartIsNoRegion) {
     EXPECT_EQ(chunk.at("pa").at("number"), 0x80000000);
 }
 
-TEST_F(Damage, AnAddressOutsideTheRegionOfADamagedAreaIsNotTheCallersFault) {
+TEST_F(damage, AnAddressOutsideTheRegionOfADamagedAreaIsNotTheCallersFault) {
     EXPECT_EQ(tarvoctl(machine, {"find", "0x1000"}).status, 2);
     write.i32(area_offset::chunk(second) + area_offset::next, second);
     EXPECT_EQ(tarvoctl(machine, {"find", "0x1000"}).status, 4);
     EXPECT_EQ(tarvoctl(machine, {"translate", "0x1000"}).status, 4);
 }
 
-TEST_F(Damage, WhatCannotBeReadIsNotToldAsFreed) {
+TEST_F(damage, WhatCannotBeReadIsNotToldAsFreed) {
     const temporary_folder folder;
     const std::string before = folder.path() / "before";
     EXPECT_EQ(tarvoctl(machine, {"snapshot", before}).status, 0);
@@ -193,7 +193,7 @@ TEST_F(Damage, WhatCannotBeReadIsNotToldAsFreed) {
 
 /// Places that the records no longer show. In the region are "first", "second" and "third", a page
 /// each.
-class UnknownPlaces : public Damage {
+class unknown_places : public damage {
   protected:
     /// The list breaks off after "first"; "second" and "third" are still in use.
     void cut_after_first() const { write.i32(area_offset::chunk(first) + area_offset::next, 77); }
@@ -203,7 +203,7 @@ class UnknownPlaces : public Damage {
     tool_outcome run(const std::vector<std::string>& words) { return tarvoctl(machine, words); }
 };
 
-TEST_F(UnknownPlaces, NoPlaceIsPromisedWhereNotAllChunksCouldBeRead) {
+TEST_F(unknown_places, NoPlaceIsPromisedWhereNotAllChunksCouldBeRead) {
     // It breaks off after "first"; it leads past "second", to which "third" still links back.
     for (const int next : {77, third}) {
         write.i32(area_offset::chunk(first) + area_offset::next, next);
@@ -220,7 +220,7 @@ TEST_F(UnknownPlaces, NoPlaceIsPromisedWhereNotAllChunksCouldBeRead) {
     }
 }
 
-TEST_F(UnknownPlaces, NoPlaceIsPromisedWhereAChunkDoesNotFillItsPages) {
+TEST_F(unknown_places, NoPlaceIsPromisedWhereAChunkDoesNotFillItsPages) {
     for (const uint32_t bytes : {0U, 1000U, 0x2fffU}) {
         write.u32(area_offset::chunk(second) + area_offset::size, bytes);
         const std::string why = "chunk " + std::to_string(second) +
@@ -239,7 +239,7 @@ TEST_F(UnknownPlaces, NoPlaceIsPromisedWhereAChunkDoesNotFillItsPages) {
     }
 }
 
-TEST_F(UnknownPlaces, UsedMemoryIsNotDrawnAsFree) {
+TEST_F(unknown_places, UsedMemoryIsNotDrawnAsFree) {
     cut_after_first();
     const auto map = run({"map"});
     EXPECT_EQ(map.status, 4);
@@ -254,7 +254,7 @@ TEST_F(UnknownPlaces, UsedMemoryIsNotDrawnAsFree) {
     EXPECT_NE(run({"top"}).output.find("\nfree    unknown\n"), std::string::npos);
 }
 
-TEST_F(UnknownPlaces, AnAddressIsInNoChunkThatCouldBeRead) {
+TEST_F(unknown_places, AnAddressIsInNoChunkThatCouldBeRead) {
     cut_after_first();
     const auto found = run({"find", "0x80001000"});
     EXPECT_EQ(found.status, 4);
@@ -265,7 +265,7 @@ TEST_F(UnknownPlaces, AnAddressIsInNoChunkThatCouldBeRead) {
     EXPECT_EQ(chunk.at("above").at("gap_bytes"), nullptr);
 }
 
-TEST_F(UnknownPlaces, OverlapsAreMarked) {
+TEST_F(unknown_places, OverlapsAreMarked) {
     overlap();
     const auto map = run({"map"});
     EXPECT_EQ(map.status, 4);
@@ -283,7 +283,7 @@ TEST_F(UnknownPlaces, OverlapsAreMarked) {
     EXPECT_EQ(run({"map", "--fit", "4K"}).status, 4);
 }
 
-TEST_F(UnknownPlaces, AllOwnersOfAnAddressAreNamed) {
+TEST_F(unknown_places, AllOwnersOfAnAddressAreNamed) {
     overlap();
     const auto found = run({"find", "0x80001010"});
     EXPECT_EQ(found.output, "DMA 0x80001010 is in 'first', offset 0x1010 of 8 KiB, and in "
@@ -294,7 +294,7 @@ TEST_F(UnknownPlaces, AllOwnersOfAnAddressAreNamed) {
     EXPECT_EQ(document.at("also_in").at(0).at("offset"), 0x10);
 }
 
-TEST_F(UnknownPlaces, ChunksInTheWrongOrderOrOutsideTheRegionPromiseNothing) {
+TEST_F(unknown_places, ChunksInTheWrongOrderOrOutsideTheRegionPromiseNothing) {
     write.u64(area_offset::chunk(first) + area_offset::pa, low.start + 0x10000);
     const auto disorder = run({"map", "--fit", "4K"});
     EXPECT_EQ(disorder.status, 4);
@@ -308,7 +308,7 @@ TEST_F(UnknownPlaces, ChunksInTheWrongOrderOrOutsideTheRegionPromiseNothing) {
                               "not lie in the region\n");
 }
 
-TEST(OverlapUnderCma, IsMarkedAndNoDamage) {
+TEST(overlap_under_cma, IsMarkedAndNoDamage) {
     sandbox machine(cma);
     machine.start({"alloc first 1 me", "alloc second 1 me"});
     const auto area = machine.writable_area();
@@ -320,7 +320,7 @@ TEST(OverlapUnderCma, IsMarkedAndNoDamage) {
     EXPECT_NE(map.output.find("OVERLAP of first and second"), std::string::npos) << map.output;
 }
 
-TEST(Unbuilt, AnAreaWithoutChunksIsBuiltByTheFirstCall) {
+TEST(unbuilt, AnAreaWithoutChunksIsBuiltByTheFirstCall) {
     sandbox machine(low);
     machine.start().limits();
     machine.writable_area().writer().u8(area_offset::initialized, 0);

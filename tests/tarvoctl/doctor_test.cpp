@@ -99,7 +99,7 @@ void expect_fixed_without_programs(sandbox& machine, const std::string& subject,
     EXPECT_EQ(after.status(), 0) << fix << '\n' << after.shown();
 }
 
-TEST(Doctor, FindsNothingWrongWhereAllIsWell) {
+TEST(doctor, FindsNothingWrongWhereAllIsWell) {
     for (const world& each : all_worlds()) {
         sandbox machine(each);
         client user = machine.start({"alloc rx_ring 1 me"});
@@ -113,7 +113,7 @@ TEST(Doctor, FindsNothingWrongWhereAllIsWell) {
     }
 }
 
-TEST(Doctor, SpeaksToPeopleLineByLineAndWithoutColourIntoAFile) {
+TEST(doctor, SpeaksToPeopleLineByLineAndWithoutColourIntoAFile) {
     sandbox machine(simulation);
     const client user = machine.start({"alloc rx_ring 1 me"});
     const auto outcome = tarvoctl(machine, {"doctor"});
@@ -124,7 +124,7 @@ TEST(Doctor, SpeaksToPeopleLineByLineAndWithoutColourIntoAFile) {
     EXPECT_FALSE(contains(outcome.output, "\033"));
 }
 
-TEST(Doctor, MakesNoFileWhereThereIsNone) {
+TEST(doctor, MakesNoFileWhereThereIsNone) {
     sandbox machine(simulation);
     const examination found(machine);
     EXPECT_EQ(found.status(), 0) << found.shown();
@@ -134,7 +134,7 @@ TEST(Doctor, MakesNoFileWhereThereIsNone) {
     EXPECT_FALSE(exists(machine.lock_file()));
 }
 
-TEST(Doctor, TellsOfModesWithTheCommandThatMendsThem) {
+TEST(doctor, TellsOfModesWithTheCommandThatMendsThem) {
     sandbox machine(simulation);
     const client user = machine.start({"alloc rx_ring 1 me"});
     fs::permissions(machine.shared_area(), fs::perms(0644));
@@ -147,7 +147,7 @@ TEST(Doctor, TellsOfModesWithTheCommandThatMendsThem) {
     EXPECT_TRUE(found.says("warning", "/var/tmp/tarvo_lock", "has mode 0600, not 0666"));
 }
 
-TEST(Doctor, WarnsOfHardwareFilesThatStrangersCanOpen) {
+TEST(doctor, WarnsOfHardwareFilesThatStrangersCanOpen) {
     sandbox machine(low);
     const client user = machine.start({"alloc rx_ring 1 me"});
     fs::permissions(machine.shared_area(), fs::perms(0666));
@@ -156,7 +156,7 @@ TEST(Doctor, WarnsOfHardwareFilesThatStrangersCanOpen) {
                                           "chmod 0600 /var/shmem/tarvo_lib"));
 }
 
-TEST(Doctor, JudgesTheHardwaresLockInSimulationByTheHardwaresMode) {
+TEST(doctor, JudgesTheHardwaresLockInSimulationByTheHardwaresMode) {
     sandbox machine(simulation);
     const client user = machine.start({"alloc rx_ring 1 me"});
     const std::string lock = "/var/lock/subsys/tarvo_lock";
@@ -172,7 +172,7 @@ TEST(Doctor, JudgesTheHardwaresLockInSimulationByTheHardwaresMode) {
     verdict_of(0640, "warning", "more users than it is meant for", "chmod 0600 " + lock);
 }
 
-TEST(Doctor, TellsWhoMayNotOpenHisLock) {
+TEST(doctor, TellsWhoMayNotOpenHisLock) {
     sandbox machine(simulation);
     const client with = machine.start({"limits"});
     const client without = machine.start({"unsetenv SIMULATION_VMID", "limits"});
@@ -184,7 +184,7 @@ TEST(Doctor, TellsWhoMayNotOpenHisLock) {
         << outcome.output;
 }
 
-TEST(Doctor, WarnsOfLinks) {
+TEST(doctor, WarnsOfLinks) {
     sandbox machine(simulation);
     const client user = machine.start({"alloc rx_ring 1 me"});
     fs::rename(machine.lock_file(), machine.lock_file().string() + "_real");
@@ -197,7 +197,7 @@ TEST(Doctor, WarnsOfLinks) {
                                           "rm /var/tmp/tarvo_lock"));
 }
 
-TEST(Doctor, SeesThatALeftOverFileSelectsSimulation) {
+TEST(doctor, SeesThatALeftOverFileSelectsSimulation) {
     sandbox machine(low);
     std::ofstream(machine.simulated_memory()) << "";
     const examination found(machine);
@@ -209,7 +209,7 @@ TEST(Doctor, SeesThatALeftOverFileSelectsSimulation) {
         << found.shown();
 }
 
-TEST(Doctor, SeesProcessesThatShareTheAreaButNotTheLock) {
+TEST(doctor, SeesProcessesThatShareTheAreaButNotTheLock) {
     sandbox machine(simulation);
     client with = machine.start({"limits"});
     client without = machine.start({"unsetenv SIMULATION_VMID", "limits"});
@@ -222,7 +222,7 @@ TEST(Doctor, SeesProcessesThatShareTheAreaButNotTheLock) {
         << found.shown();
 }
 
-TEST(Doctor, CallsAnAreaOfAnotherRegionDamaged) {
+TEST(doctor, CallsAnAreaOfAnotherRegionDamaged) {
     sandbox machine(low);
     const client user = machine.start({"limits"});
     machine.writable_area().writer().u64(area_offset::chunk(0) + area_offset::pa, 0x70000000);
@@ -234,7 +234,7 @@ TEST(Doctor, CallsAnAreaOfAnotherRegionDamaged) {
         << found.shown();
 }
 
-TEST(Doctor, CallsAnAreaWithoutItsBoundsDamaged) {
+TEST(doctor, CallsAnAreaWithoutItsBoundsDamaged) {
     sandbox machine(low);
     const client user = machine.start({"limits"});
     machine.writable_area().writer().i32(area_offset::chunks_tail, 123456);
@@ -246,7 +246,7 @@ TEST(Doctor, CallsAnAreaWithoutItsBoundsDamaged) {
 }
 
 /// Both leave no region to compare with the machine's.
-TEST(Doctor, ListsWhatIsWrongWithTheBoundsOfTheRegion) {
+TEST(doctor, ListsWhatIsWrongWithTheBoundsOfTheRegion) {
     const size_t end_of_region = area_offset::chunk(1) + area_offset::pa;
     const std::vector<std::pair<size_t, std::string>> pokes{
         {area_offset::chunks_head, "chunk-head-sentinel"}, {end_of_region, "chunk-region-empty"}};
@@ -264,7 +264,7 @@ TEST(Doctor, ListsWhatIsWrongWithTheBoundsOfTheRegion) {
     }
 }
 
-TEST(Doctor, CallsAnAreaThatIsCutShortDamaged) {
+TEST(doctor, CallsAnAreaThatIsCutShortDamaged) {
     sandbox machine(simulation);
     machine.start({"limits"}).finish();
     fs::resize_file(machine.shared_area(), 4096);
@@ -274,7 +274,7 @@ TEST(Doctor, CallsAnAreaThatIsCutShortDamaged) {
                            "is cut short: 4096 bytes, an area takes 70130716"));
 }
 
-TEST(Doctor, SeesUsersOfAnAreaThatWasRemoved) {
+TEST(doctor, SeesUsersOfAnAreaThatWasRemoved) {
     sandbox machine(simulation);
     client user = machine.start({"limits"});
     fs::remove(machine.shared_area());
@@ -283,7 +283,7 @@ TEST(Doctor, SeesUsersOfAnAreaThatWasRemoved) {
         "share nothing with those that start now: " + std::to_string(user.pid()), "restart them"));
 }
 
-TEST(Doctor, SeesUsersOfAMemoryThatWasRemoved) {
+TEST(doctor, SeesUsersOfAMemoryThatWasRemoved) {
     sandbox machine(simulation);
     client mapping = machine.start({"alloc rx_ring 1 me"});
     mapping.map("rx_ring");
@@ -301,7 +301,7 @@ TEST(Doctor, SeesUsersOfAMemoryThatWasRemoved) {
         << found.shown();
 }
 
-TEST(Doctor, CannotReadAnythingWithoutRegionDriver) {
+TEST(doctor, CannotReadAnythingWithoutRegionDriver) {
     sandbox machine(low, {"--without", "proc"});
     const examination found(machine);
     EXPECT_EQ(found.status(), 3);
@@ -310,7 +310,7 @@ TEST(Doctor, CannotReadAnythingWithoutRegionDriver) {
         << found.shown();
 }
 
-TEST(Doctor, QuotesARegionLineThatIsNotWellFormed) {
+TEST(doctor, QuotesARegionLineThatIsNotWellFormed) {
     sandbox machine(low, {"--region-line", "80000000 to 8fffffff\\n"});
     EXPECT_TRUE(examination(machine).says("error", "/proc/tarvo",
                                           "the first line is \"80000000 to 8fffffff\""));
@@ -322,7 +322,7 @@ TEST(Doctor, QuotesARegionLineThatIsNotWellFormed) {
     EXPECT_TRUE(examination(odd_end).says("warning", "/proc/tarvo", "does not end on a page"));
 }
 
-TEST(Doctor, NamesFoldersAndFilesThatAreMissing) {
+TEST(doctor, NamesFoldersAndFilesThatAreMissing) {
     sandbox machine(low, {"--without", "shmem", "--without", "mem", "--without", "sysfs"});
     const examination found(machine);
     EXPECT_EQ(found.status(), 1);
@@ -333,7 +333,7 @@ TEST(Doctor, NamesFoldersAndFilesThatAreMissing) {
         found.says("warning", "/sys/kernel/tarvo_iommu_map_region", "no device can be registered"));
 }
 
-TEST(Doctor, WarnsOfAStoppedProcessThatHoldsTheLock) {
+TEST(doctor, WarnsOfAStoppedProcessThatHoldsTheLock) {
     sandbox machine(simulation);
     client holder = machine.start({"dump_begin"});
     EXPECT_TRUE(examination(machine).says("note", "/var/tmp/tarvo_lock",
@@ -349,7 +349,7 @@ TEST(Doctor, WarnsOfAStoppedProcessThatHoldsTheLock) {
 
 // What each fix says, done, and the doctor asked again.
 
-TEST(DoctorFix, OfAModeIsAChmod) {
+TEST(doctor_fix, OfAModeIsAChmod) {
     sandbox machine(simulation);
     const client user = machine.start({"alloc rx_ring 1 me"});
     for (const auto& [file, path] : std::vector<std::pair<fs::path, std::string>>{
@@ -362,7 +362,7 @@ TEST(DoctorFix, OfAModeIsAChmod) {
     EXPECT_EQ(examination(machine).status(), 0);
 }
 
-TEST(DoctorFix, OfALinkPutsTheFileInItsPlace) {
+TEST(doctor_fix, OfALinkPutsTheFileInItsPlace) {
     sandbox machine(simulation);
     machine.start({"alloc rx_ring 1 me"}).finish();
     fs::rename(machine.lock_file(), machine.lock_file().string() + "_real");
@@ -371,7 +371,7 @@ TEST(DoctorFix, OfALinkPutsTheFileInItsPlace) {
     EXPECT_TRUE(fs::is_regular_file(fs::symlink_status(machine.lock_file())));
 }
 
-TEST(DoctorFix, OfALinkThatLeadsNowhereOrToADeviceRemovesTheLinkAlone) {
+TEST(doctor_fix, OfALinkThatLeadsNowhereOrToADeviceRemovesTheLinkAlone) {
     sandbox machine(simulation);
     machine.start({"alloc rx_ring 1 me"}).finish();
     for (const auto& [target, words] : std::vector<std::pair<std::string, std::string>>{
@@ -383,7 +383,7 @@ TEST(DoctorFix, OfALinkThatLeadsNowhereOrToADeviceRemovesTheLinkAlone) {
     EXPECT_EQ(run_program(machine, {"test", "-c", "/dev/null"}).status, 0);
 }
 
-TEST(DoctorFix, OfAFolderInPlaceOfAFileMovesItAway) {
+TEST(doctor_fix, OfAFolderInPlaceOfAFileMovesItAway) {
     sandbox machine(simulation);
     fs::create_directory(machine.lock_file());
     expect_fixed_by_its_command(machine, "/var/tmp/tarvo_lock", "is not a regular file");
@@ -391,7 +391,7 @@ TEST(DoctorFix, OfAFolderInPlaceOfAFileMovesItAway) {
     expect_fixed_by_its_command(machine, "/var/tmp/tarvo_lib", "is not a regular file");
 }
 
-TEST(DoctorFix, OfAMissingFolderMakesIt) {
+TEST(doctor_fix, OfAMissingFolderMakesIt) {
     sandbox machine(low, {"--without", "shmem", "--without", "lockdir"});
     for (const char* folder : {"/var/shmem", "/var/lock/subsys"}) {
         expect_fixed_by_its_command(machine, folder, "cannot be used");
@@ -399,19 +399,19 @@ TEST(DoctorFix, OfAMissingFolderMakesIt) {
     EXPECT_EQ(examination(machine).status(), 0);
 }
 
-TEST(DoctorFix, OfTheMissingFolderOfTheBookkeepingMountsRoomForItAndItsCopy) {
+TEST(doctor_fix, OfTheMissingFolderOfTheBookkeepingMountsRoomForItAndItsCopy) {
     sandbox machine(low, {"--without", "shmem"});
     EXPECT_EQ(examination(machine).fix("/var/shmem", "cannot be used"),
               "mkdir -p /var/shmem && mount -t tmpfs -o size=136m,mode=0755 tmpfs /var/shmem");
 }
 
-TEST(DoctorFix, OfAFileInPlaceOfAFolderMovesItAwayAndMakesTheFolder) {
+TEST(doctor_fix, OfAFileInPlaceOfAFolderMovesItAwayAndMakesTheFolder) {
     sandbox machine(low, {"--without", "shmem"});
     carry_out(machine, "touch /var/shmem");
     expect_fixed_by_its_command(machine, "/var/shmem", "is not a directory");
 }
 
-TEST(DoctorFix, OfALeftOverMemoryLeadsToEitherRegion) {
+TEST(doctor_fix, OfALeftOverMemoryLeadsToEitherRegion) {
     sandbox machine(low);
     std::ofstream(machine.simulated_memory()) << "";
     fs::permissions(machine.simulated_memory(), fs::perms(0666));
@@ -425,14 +425,14 @@ TEST(DoctorFix, OfALeftOverMemoryLeadsToEitherRegion) {
     EXPECT_EQ(examination(machine).status(), 0);
 }
 
-TEST(DoctorFix, OfALeftOverMemoryOffersNoHardwareWithoutADriver) {
+TEST(doctor_fix, OfALeftOverMemoryOffersNoHardwareWithoutADriver) {
     sandbox machine(low, {"--without", "proc"});
     std::ofstream(machine.simulated_memory()) << "";
     EXPECT_EQ(examination(machine).fix("selection", "SIMULATION_VMID is not set"),
               "for simulation, set SIMULATION_VMID for all programs");
 }
 
-TEST(DoctorFix, OfAMemoryThatCannotBeUsedMovesItAway) {
+TEST(doctor_fix, OfAMemoryThatCannotBeUsedMovesItAway) {
     sandbox machine(simulation);
     fs::create_directory(machine.simulated_memory());
     const std::string fix =
@@ -443,7 +443,7 @@ TEST(DoctorFix, OfAMemoryThatCannotBeUsedMovesItAway) {
     EXPECT_EQ(examination(machine).status(), 0);
 }
 
-TEST(DoctorFix, OfARegionLineIsALineThatCanBeRead) {
+TEST(doctor_fix, OfARegionLineIsALineThatCanBeRead) {
     for (const char* line : {"80000000 to 8fffffff\\n", ""}) {
         sandbox machine(low, {"--region-line", line});
         const std::string fix = examination(machine).fix("/proc/tarvo", "the first line is");
@@ -458,7 +458,7 @@ TEST(DoctorFix, OfARegionLineIsALineThatCanBeRead) {
     }
 }
 
-TEST(DoctorFix, OfAMissingRegionDriverIsSimulation) {
+TEST(doctor_fix, OfAMissingRegionDriverIsSimulation) {
     sandbox machine(low, {"--without", "proc"});
     EXPECT_EQ(examination(machine).fix("/proc/tarvo", "cannot be opened"),
               "load the region driver; on a machine without one, set SIMULATION_VMID for all "
@@ -467,7 +467,7 @@ TEST(DoctorFix, OfAMissingRegionDriverIsSimulation) {
     EXPECT_EQ(simulated.status, 0) << simulated.output;
 }
 
-TEST(DoctorFix, OfAMissingMemoryMakesItsFile) {
+TEST(doctor_fix, OfAMissingMemoryMakesItsFile) {
     sandbox machine(low, {"--without", "mem"});
     const std::string fix = examination(machine).fix("/dev/mem", "No such file or directory");
     EXPECT_EQ(fix, "mknod -m 0600 /dev/mem c 1 1");
@@ -476,7 +476,7 @@ TEST(DoctorFix, OfAMissingMemoryMakesItsFile) {
     EXPECT_EQ(examination(machine).status(), 0);
 }
 
-TEST(DoctorFix, OfNoIommuIsNoneInASimulation) {
+TEST(doctor_fix, OfNoIommuIsNoneInASimulation) {
     sandbox machine(simulation, {"--without", "sysfs"});
     const examination found(machine);
     EXPECT_EQ(found.status(), 0) << found.shown();
@@ -488,7 +488,7 @@ TEST(DoctorFix, OfNoIommuIsNoneInASimulation) {
     EXPECT_TRUE(examination(hardware).status() == 1);
 }
 
-TEST(DoctorFix, OfASysfsThatIsNotMountedMountsIt) {
+TEST(doctor_fix, OfASysfsThatIsNotMountedMountsIt) {
     sandbox machine(low);
     carry_out(machine, "mount -t tmpfs none /sys");
     EXPECT_EQ(examination(machine).fix("/sys/kernel/tarvo_iommu_map_region", "cannot be written"),
@@ -498,7 +498,7 @@ TEST(DoctorFix, OfASysfsThatIsNotMountedMountsIt) {
     EXPECT_EQ(examination(simulated).status(), 0);
 }
 
-TEST(DoctorFix, OfAnAreaOfAnotherRegionOrCutShortRemovesItWhenNobodyUsesIt) {
+TEST(doctor_fix, OfAnAreaOfAnotherRegionOrCutShortRemovesItWhenNobodyUsesIt) {
     sandbox machine(low);
     machine.start({"limits"}).finish();
     machine.writable_area().writer().u64(area_offset::chunk(0) + area_offset::pa, 0x70000000);
@@ -508,7 +508,7 @@ TEST(DoctorFix, OfAnAreaOfAnotherRegionOrCutShortRemovesItWhenNobodyUsesIt) {
     expect_fixed_without_programs(machine, "/var/shmem/tarvo_lib", "is cut short: 4096 bytes");
 }
 
-TEST(DoctorFix, OfAnAreaThatIsGivenUpBeginsWithTheDevicesThatSeeChunks) {
+TEST(doctor_fix, OfAnAreaThatIsGivenUpBeginsWithTheDevicesThatSeeChunks) {
     const std::string devices_first =
         "stop or reset the devices first (or restart the machine), because they may still see the "
         "memory; then ";
@@ -533,7 +533,7 @@ TEST(DoctorFix, OfAnAreaThatIsGivenUpBeginsWithTheDevicesThatSeeChunks) {
     EXPECT_TRUE(tarvoctl(machine, {"list"}).errors.ends_with(devices_first + remove + "\n"));
 }
 
-TEST(DoctorFix, OfAnOfflineDeviceThatStillSeesChunksBeginsWithTheDevice) {
+TEST(doctor_fix, OfAnOfflineDeviceThatStillSeesChunksBeginsWithTheDevice) {
     sandbox machine(low);
     client driver = machine.start();
     driver.register_device(0, 3, 0);
@@ -547,7 +547,7 @@ TEST(DoctorFix, OfAnOfflineDeviceThatStillSeesChunksBeginsWithTheDevice) {
         "unregister 0000:03:00.0");
 }
 
-TEST(DoctorFix, OfAMemoryThatIsCutShortLengthensItUnderItsPrograms) {
+TEST(doctor_fix, OfAMemoryThatIsCutShortLengthensItUnderItsPrograms) {
     sandbox machine(simulation);
     client user = machine.start({"alloc rx_ring 4096 me", "map rx_ring 1 0 0"});
     fs::resize_file(machine.memory_file(), 0);
@@ -557,7 +557,7 @@ TEST(DoctorFix, OfAMemoryThatIsCutShortLengthensItUnderItsPrograms) {
     EXPECT_EQ(fs::file_size(machine.memory_file()), 713035776U);
 }
 
-TEST(DoctorFix, OfAMemoryThatIsGoneFromUnderItsChunksGivesTheAreaUp) {
+TEST(doctor_fix, OfAMemoryThatIsGoneFromUnderItsChunksGivesTheAreaUp) {
     sandbox machine(simulation);
     machine.start({"alloc rx_ring 4096 me"}).finish();
     fs::remove(machine.memory_file());
@@ -573,7 +573,7 @@ TEST(DoctorFix, OfAMemoryThatIsGoneFromUnderItsChunksGivesTheAreaUp) {
     EXPECT_EQ(examination(machine).status(), 0);
 }
 
-TEST(DoctorFix, OfTwoLocksStartsTheOthersAgain) {
+TEST(doctor_fix, OfTwoLocksStartsTheOthersAgain) {
     sandbox machine(simulation);
     client with = machine.start({"limits"});
     client without = machine.start({"unsetenv SIMULATION_VMID", "limits"});
@@ -583,7 +583,7 @@ TEST(DoctorFix, OfTwoLocksStartsTheOthersAgain) {
     EXPECT_EQ(examination(machine).status(), 0);
 }
 
-TEST(DoctorFix, OfARemovedFileIsARestart) {
+TEST(doctor_fix, OfARemovedFileIsARestart) {
     sandbox machine(simulation);
     client user = machine.start({"limits"});
     fs::remove(machine.shared_area());
@@ -593,7 +593,7 @@ TEST(DoctorFix, OfARemovedFileIsARestart) {
     EXPECT_EQ(examination(machine).status(), 0);
 }
 
-TEST(DoctorFix, OfAStoppedHolderLetsItGoOn) {
+TEST(doctor_fix, OfAStoppedHolderLetsItGoOn) {
     sandbox machine(simulation);
     client holder = machine.start({"dump_begin"});
     ASSERT_EQ(::kill(holder.pid(), SIGSTOP), 0);
@@ -606,7 +606,7 @@ TEST(DoctorFix, OfAStoppedHolderLetsItGoOn) {
     EXPECT_EQ(examination(machine).status(), 0);
 }
 
-TEST(DoctorFix, OfABrokenListRepairsIt) {
+TEST(doctor_fix, OfABrokenListRepairsIt) {
     sandbox machine(low);
     machine.start({"alloc first 1 me", "alloc second 1 me"}).finish();
     machine.writable_area().writer().i32(area_offset::chunk(3) + area_offset::prev, 77);
@@ -620,7 +620,7 @@ TEST(DoctorFix, OfABrokenListRepairsIt) {
     EXPECT_EQ(examination(machine).status(), 0);
 }
 
-TEST(DoctorFix, OfDamageThatNoRepairHelpsRemovesTheArea) {
+TEST(doctor_fix, OfDamageThatNoRepairHelpsRemovesTheArea) {
     sandbox machine(low);
     machine.start({"alloc first 1 me"}).finish();
     machine.writable_area().writer().u8(area_offset::chunk(2) + area_offset::name, 0);
@@ -630,7 +630,7 @@ TEST(DoctorFix, OfDamageThatNoRepairHelpsRemovesTheArea) {
     EXPECT_EQ(examination(machine).status(), 0);
 }
 
-TEST(DoctorFix, OfADamagedChunkFreesIt) {
+TEST(doctor_fix, OfADamagedChunkFreesIt) {
     sandbox machine(low);
     machine.start({"alloc first 1 me"}).finish();
     machine.writable_area().writer().u32(area_offset::chunk(2) + area_offset::size, 100);
@@ -640,7 +640,7 @@ TEST(DoctorFix, OfADamagedChunkFreesIt) {
     EXPECT_EQ(examination(machine).status(), 0);
 }
 
-TEST(DoctorFix, OfTheOnlyDeviceThatIsOfflineRegistersItAgain) {
+TEST(doctor_fix, OfTheOnlyDeviceThatIsOfflineRegistersItAgain) {
     sandbox machine(low);
     client driver = machine.start();
     driver.register_device(0, 3, 0);
@@ -662,7 +662,7 @@ TEST(DoctorFix, OfTheOnlyDeviceThatIsOfflineRegistersItAgain) {
     EXPECT_EQ(examination(machine).status(), 0);
 }
 
-TEST(DoctorFix, OfADeviceThatIsGoneForgetsIt) {
+TEST(doctor_fix, OfADeviceThatIsGoneForgetsIt) {
     sandbox machine(low);
     client driver = machine.start();
     driver.register_device(0, 3, 0);
@@ -675,7 +675,7 @@ TEST(DoctorFix, OfADeviceThatIsGoneForgetsIt) {
     EXPECT_EQ(examination(machine).status(), 0);
 }
 
-TEST(Doctor, ChecksTheRecordsWithoutTheLock) {
+TEST(doctor, ChecksTheRecordsWithoutTheLock) {
     sandbox machine(simulation);
     client user = machine.start({"alloc rx_ring 1 me"});
     machine.writable_area().writer().u8(area_offset::chunk(2) + area_offset::name, 0);

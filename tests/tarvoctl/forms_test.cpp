@@ -29,9 +29,9 @@ std::vector<std::string> strange_forms(const std::string& text) {
 
 /// A chunk that this test's program has mapped, a gap, and a second chunk of the name, with one
 /// device.
-class Forms : public testing::Test {
+class forms : public testing::Test {
   public:
-    Forms() {
+    forms() {
         driver.alloc("ring", 0x1800, "driver");
         driver.alloc("hole", 0x1000);
         driver.alloc("ring", 0x10000, "gone_agent");
@@ -44,7 +44,7 @@ class Forms : public testing::Test {
     client driver{machine.start()};
 };
 
-TEST_F(Forms, AreTheSameInAllCommands) {
+TEST_F(forms, AreTheSameInAllCommands) {
     const temporary_folder folder;
     const std::string copy = folder.path() / "copy";
     tarvoctl(machine, {"snapshot", copy});
@@ -79,7 +79,7 @@ TEST_F(Forms, AreTheSameInAllCommands) {
     }
 }
 
-TEST_F(Forms, OfTimesHaveTheirZone) {
+TEST_F(forms, OfTimesHaveTheirZone) {
     const std::regex time("\\d{4}-\\d\\d-\\d\\dT\\d\\d:\\d\\d:\\d\\d[+-]\\d\\d:\\d\\d");
     const held_lock held(machine.lock_file());
     const auto lock = tarvoctl(machine, {"lock"});

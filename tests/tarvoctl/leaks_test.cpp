@@ -23,7 +23,7 @@ std::vector<std::string> suspects_of(sandbox& machine) {
 
 using names = std::vector<std::string>;
 
-TEST(Leaks, SuspectsChunksWithNeitherMappingNorCreator) {
+TEST(leaks, SuspectsChunksWithNeitherMappingNorCreator) {
     sandbox machine(high);
     client driver = machine.start();
     driver.alloc("kept", pages(1), "gone_agent");
@@ -43,7 +43,7 @@ TEST(Leaks, SuspectsChunksWithNeitherMappingNorCreator) {
     EXPECT_EQ(driver.dump().size(), 3U);
 }
 
-TEST(Leaks, ListsTheLargestAndCountsAll) {
+TEST(leaks, ListsTheLargestAndCountsAll) {
     sandbox machine(low);
     client driver = machine.start();
     for (int i = 0; i < 100; ++i) {
@@ -65,7 +65,7 @@ TEST(Leaks, ListsTheLargestAndCountsAll) {
     EXPECT_EQ(suspects_of(machine).size(), 100U);
 }
 
-TEST(Leaks, KnowsTheCreatorByItsPathAndItsFirstWord) {
+TEST(leaks, KnowsTheCreatorByItsPathAndItsFirstWord) {
     sandbox machine(low);
     client driver = machine.start();
     driver.alloc("by_path", pages(1), "/usr/bin/tarvo-client");
@@ -74,7 +74,7 @@ TEST(Leaks, KnowsTheCreatorByItsPathAndItsFirstWord) {
     EXPECT_EQ(suspects_of(machine), names{"other"});
 }
 
-TEST(Leaks, SpeaksAgainstItWhereADeviceMayUseTheChunk) {
+TEST(leaks, SpeaksAgainstItWhereADeviceMayUseTheChunk) {
     sandbox machine(low);
     client driver = machine.start();
     driver.alloc("rx_ring", pages(1), "gone_agent");
@@ -87,7 +87,7 @@ TEST(Leaks, SpeaksAgainstItWhereADeviceMayUseTheChunk) {
     EXPECT_FALSE(contains(outcome.output, "mapped for no device"));
 }
 
-TEST(Leaks, SpeaksAgainstItWhereTheCreatorIsNoProgramsName) {
+TEST(leaks, SpeaksAgainstItWhereTheCreatorIsNoProgramsName) {
     sandbox machine(low);
     client driver = machine.start();
     driver.alloc("rx_ring", pages(1), "DMA test, John");
@@ -95,7 +95,7 @@ TEST(Leaks, SpeaksAgainstItWhereTheCreatorIsNoProgramsName) {
                          "  against  its creator 'DMA test, John' is not the name of a program"));
 }
 
-TEST(Leaks, SpeaksAgainstItWhereSomebodyMapsTheWholeRegion) {
+TEST(leaks, SpeaksAgainstItWhereSomebodyMapsTheWholeRegion) {
     sandbox machine(high);
     client driver = machine.start();
     driver.alloc("rx_ring", pages(1), "gone_agent");
@@ -105,7 +105,7 @@ TEST(Leaks, SpeaksAgainstItWhereSomebodyMapsTheWholeRegion) {
                              std::to_string(driver.pid()) + " (tarvo-client)\n"));
 }
 
-TEST(Leaks, EndsWellWhenThereIsNoSuspect) {
+TEST(leaks, EndsWellWhenThereIsNoSuspect) {
     sandbox machine(simulation);
     client driver = machine.start();
     driver.alloc("rx_ring", pages(1), "gone_agent");
@@ -118,7 +118,7 @@ TEST(Leaks, EndsWellWhenThereIsNoSuspect) {
               nlohmann::json::array());
 }
 
-TEST(Leaks, SaysThatItsReasonsAreOnlyWhatCanBeSeen) {
+TEST(leaks, SaysThatItsReasonsAreOnlyWhatCanBeSeen) {
     sandbox machine(simulation);
     client driver = machine.start();
     driver.alloc("rx_ring", pages(1), "gone_agent");
@@ -130,7 +130,7 @@ TEST(Leaks, SaysThatItsReasonsAreOnlyWhatCanBeSeen) {
         << outcome.output;
 }
 
-TEST(Leaks, SuspectsNothingOfARemovedMemoryThatIsMapped) {
+TEST(leaks, SuspectsNothingOfARemovedMemoryThatIsMapped) {
     sandbox machine(simulation);
     client driver = machine.start();
     driver.alloc("rx_ring", pages(1), "gone_agent");
@@ -139,7 +139,7 @@ TEST(Leaks, SuspectsNothingOfARemovedMemoryThatIsMapped) {
     EXPECT_EQ(suspects_of(machine), names{});
 }
 
-TEST(Leaks, SuspectsWhatAProcessThatDiedHadMapped) {
+TEST(leaks, SuspectsWhatAProcessThatDiedHadMapped) {
     sandbox machine(low);
     client driver = machine.start();
     {

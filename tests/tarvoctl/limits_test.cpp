@@ -36,7 +36,7 @@ answers python_of(sandbox& machine, const std::string& reading, const answers& t
     return lines_of(outcome.output);
 }
 
-TEST(Limits, DevicesAreReadAndWrittenAlikeInAllLanguages) {
+TEST(limits, DevicesAreReadAndWrittenAlikeInAllLanguages) {
     sandbox machine(low);
     machine.start().alloc("any", 0x1000);
     const answers texts{"0000:03:00.0", "03:00.1",      "1:3A:1f.7",    "ffffffff:fffffff0:0.0",
@@ -60,7 +60,7 @@ TEST(Limits, DevicesAreReadAndWrittenAlikeInAllLanguages) {
     EXPECT_EQ(python_of(machine, "Device.parse(text)", texts), cpp);
 }
 
-TEST(Limits, NamesAreTakenAlikeInAllLanguages) {
+TEST(limits, NamesAreTakenAlikeInAllLanguages) {
     sandbox machine(low);
     const answers names{
         "",   "a",   std::string(49, 'n'), std::string(50, 'n'), "__HEAD", "__TAIL", "__head", "a ",
@@ -79,7 +79,7 @@ TEST(Limits, NamesAreTakenAlikeInAllLanguages) {
     EXPECT_EQ(python_of(machine, "_checks.c_name(text) and 'accepted'", names), cpp);
 }
 
-TEST(Limits, SizesAreTakenAlikeInAllLanguages) {
+TEST(limits, SizesAreTakenAlikeInAllLanguages) {
     sandbox machine(low);
     machine.start().alloc("any", 0x1000);
     const answers sizes{"0", "1", "4097", "2147483648", "2147483649", "4294963200", "4294967296"};

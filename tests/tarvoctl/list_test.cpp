@@ -8,7 +8,7 @@ namespace list_test {
 
 namespace {
 
-TEST(List, ShowsEachChunkWithWhereItLiesAndWhoSeesIt) {
+TEST(list, ShowsEachChunkWithWhereItLiesAndWhoSeesIt) {
     sandbox machine(high);
     client driver = machine.start();
     driver.alloc("rx_ring", 0x10000, "driver_a");
@@ -26,7 +26,7 @@ TEST(List, ShowsEachChunkWithWhereItLiesAndWhoSeesIt) {
     EXPECT_EQ(outcome.errors, "");
 }
 
-TEST(List, SortsAndChoosesColumns) {
+TEST(list, SortsAndChoosesColumns) {
     sandbox machine(low);
     client driver = machine.start();
     driver.alloc("b", 0x1000, "x");
@@ -41,7 +41,7 @@ TEST(List, SortsAndChoosesColumns) {
         "c\na\nb\n");
 }
 
-TEST(List, PrintsNamesWithoutMarksAndTellsOfThoseThatAreShared) {
+TEST(list, PrintsNamesWithoutMarksAndTellsOfThoseThatAreShared) {
     sandbox machine(low);
     client driver = machine.start();
     driver.alloc("stats", 0x1000);
@@ -53,7 +53,7 @@ TEST(List, PrintsNamesWithoutMarksAndTellsOfThoseThatAreShared) {
               "tarvoctl: 2 chunks are called 'stats'; calls by name find the lowest\n");
 }
 
-TEST(List, TellsOfAFewSharedNamesAndCountsTheOthers) {
+TEST(list, TellsOfAFewSharedNamesAndCountsTheOthers) {
     sandbox machine(low);
     client driver = machine.start();
     for (const std::string name : {"a", "b", "c", "d", "e", "f", "g"}) {
@@ -66,7 +66,7 @@ TEST(List, TellsOfAFewSharedNamesAndCountsTheOthers) {
     EXPECT_EQ(errors[5], "tarvoctl: and 2 more names like these");
 }
 
-TEST(List, GivesNumbersAndHexadecimalTextAsJson) {
+TEST(list, GivesNumbersAndHexadecimalTextAsJson) {
     sandbox machine(high);
     machine.start().alloc("rx_ring", 0x1000, "driver");
     const auto document = json_of(tarvoctl(machine, {"list", "--json"}));
@@ -80,7 +80,7 @@ TEST(List, GivesNumbersAndHexadecimalTextAsJson) {
     EXPECT_EQ(chunk.at("devices"), nlohmann::json::array());
 }
 
-TEST(List, MakesNoFileWhereThereIsNoArea) {
+TEST(list, MakesNoFileWhereThereIsNoArea) {
     sandbox machine(simulation);
     const auto outcome = tarvoctl(machine, {"list"});
     EXPECT_EQ(outcome.status, 3);
@@ -94,7 +94,7 @@ TEST(List, MakesNoFileWhereThereIsNoArea) {
     EXPECT_FALSE(exists(machine.memory_file()));
 }
 
-TEST(List, GivesUpAfterTheTimeoutWhileSomebodyHoldsTheLock) {
+TEST(list, GivesUpAfterTheTimeoutWhileSomebodyHoldsTheLock) {
     sandbox machine(simulation);
     machine.start().alloc("rx_ring", 0x1000);
     const held_lock held(machine.lock_file());
@@ -107,7 +107,7 @@ TEST(List, GivesUpAfterTheTimeoutWhileSomebodyHoldsTheLock) {
             "without it\n");
 }
 
-TEST(List, ShowsWhatCanBeReadOfADamagedListAndSaysSo) {
+TEST(list, ShowsWhatCanBeReadOfADamagedListAndSaysSo) {
     sandbox machine(low);
     client driver = machine.start();
     driver.alloc("first", 0x1000);
@@ -121,7 +121,7 @@ TEST(List, ShowsWhatCanBeReadOfADamagedListAndSaysSo) {
               "tarvoctl: the area is damaged; see 'tarvoctl check'\n");
 }
 
-TEST(List, AndTheOtherLookersSayThatAnAreaIsLeftOverFromAnotherRegion) {
+TEST(list, AndTheOtherLookersSayThatAnAreaIsLeftOverFromAnotherRegion) {
     sandbox machine(low);
     machine.start({"alloc a 4096 me"}).finish();
     machine.writable_area().writer().u64(area_offset::chunk(0) + area_offset::pa, 0x70000000);
@@ -141,7 +141,7 @@ TEST(List, AndTheOtherLookersSayThatAnAreaIsLeftOverFromAnotherRegion) {
     EXPECT_EQ(tarvoctl(machine, {"list", "--area", copy}).errors, "");
 }
 
-TEST(List, OfADamagedCopySendsToTheCheckOfThatCopy) {
+TEST(list, OfADamagedCopySendsToTheCheckOfThatCopy) {
     sandbox machine(low);
     machine.start({"alloc a 4096 me", "alloc b 4096 me"}).finish();
     const temporary_folder folder;
@@ -166,7 +166,7 @@ TEST(List, OfADamagedCopySendsToTheCheckOfThatCopy) {
               why + "tarvoctl: " + plain + " is damaged; see 'tarvoctl check " + plain + "'\n");
 }
 
-TEST(List, NamesFourDevicesOfAChunkAndCountsTheOthers) {
+TEST(list, NamesFourDevicesOfAChunkAndCountsTheOthers) {
     sandbox machine(low);
     client driver = machine.start();
     for (uint32_t bus = 1; bus <= 7; ++bus) {
@@ -188,7 +188,7 @@ TEST(List, NamesFourDevicesOfAChunkAndCountsTheOthers) {
     EXPECT_EQ(list(), four + "\n");
 }
 
-TEST(List, WrongWordsAreUsageErrorsThatNameThem) {
+TEST(list, WrongWordsAreUsageErrorsThatNameThem) {
     sandbox machine(low);
     machine.start().alloc("first", 0x1000);
     const auto column = tarvoctl(machine, {"list", "-o", "nmae"});
@@ -200,7 +200,7 @@ TEST(List, WrongWordsAreUsageErrorsThatNameThem) {
     EXPECT_EQ(tarvoctl(machine, {"lst"}).status, 2);
 }
 
-TEST(Devices, TellsWhoIsOnlineAndWhatEachSees) {
+TEST(devices, TellsWhoIsOnlineAndWhatEachSees) {
     sandbox machine(low, {"--rule", "op=map,device=0000:04:01.1,errno=ENODEV"});
     client driver = machine.start();
     driver.alloc("a", 0x1000);
@@ -216,7 +216,7 @@ TEST(Devices, TellsWhoIsOnlineAndWhatEachSees) {
     EXPECT_EQ(document.at("left_over_references"), nlohmann::json::array());
 }
 
-TEST(Devices, TellsOfReferencesToADeviceThatIsGone) {
+TEST(devices, TellsOfReferencesToADeviceThatIsGone) {
     sandbox machine(low);
     client driver = machine.start();
     driver.register_device(0, 3, 0);
@@ -231,7 +231,7 @@ TEST(Devices, TellsOfReferencesToADeviceThatIsGone) {
     EXPECT_EQ(tarvoctl(machine, {"list", "-o", "devices", "--no-header"}).output, "?0\n-\n");
 }
 
-TEST(EmptyWords, DoNotPassForTheLiveArea) {
+TEST(empty_words, DoNotPassForTheLiveArea) {
     sandbox machine(low);
     machine.start().alloc("precious", 0x1000);
     const auto before = machine.area().snapshot();
@@ -257,7 +257,7 @@ TEST(EmptyWords, DoNotPassForTheLiveArea) {
               "tarvoctl: --area is empty; give a value, or leave it out\n");
 }
 
-TEST(List, ShowsNoByteThatATerminalObeys) {
+TEST(list, ShowsNoByteThatATerminalObeys) {
     sandbox machine(simulation);
     const auto shown_as = [&](const std::string& name) {
         EXPECT_EQ(tarvoctl(machine, {"alloc", name, "4K"}).status, 0);
@@ -280,7 +280,7 @@ TEST(List, ShowsNoByteThatATerminalObeys) {
     EXPECT_EQ(shown_as("e\xcc\x81 \xe4\xb8\xad"), "e\xcc\x81 \xe4\xb8\xad") << "letters stay";
 }
 
-TEST(List, LinesUpNamesOfEveryWidth) {
+TEST(list, LinesUpNamesOfEveryWidth) {
     sandbox machine(simulation);
     client driver = machine.start();
     driver.alloc("nameless", 0x1000);
@@ -307,7 +307,7 @@ TEST(List, LinesUpNamesOfEveryWidth) {
     EXPECT_NE(map.find("4 KiB  \"\"\n"), std::string::npos) << map;
 }
 
-TEST(List, KeepsNamesApartThatAreNoUtf8) {
+TEST(list, KeepsNamesApartThatAreNoUtf8) {
     sandbox machine(simulation);
     ASSERT_EQ(tarvoctl(machine, {"alloc", "a\xfe", "4K"}).status, 0);
     ASSERT_EQ(tarvoctl(machine, {"alloc", "a\xff", "4K", "--creator", "\x80"}).status, 0);
@@ -321,7 +321,7 @@ TEST(List, KeepsNamesApartThatAreNoUtf8) {
     EXPECT_FALSE(chunks.at(0).contains("creator_bytes"));
 }
 
-TEST(List, WorksForAUserWhoMayNotOpenTheLockThatIsNotHis) {
+TEST(list, WorksForAUserWhoMayNotOpenTheLockThatIsNotHis) {
     sandbox machine(simulation);
     machine.start().alloc("rx_ring", pages(1));
     std::ofstream(machine.hardware_lock()) << "";
@@ -335,9 +335,9 @@ TEST(List, WorksForAUserWhoMayNotOpenTheLockThatIsNotHis) {
 
 /// The world `low` with something in place of a simulated memory that the library cannot open as
 /// one, and with a chunk of the hardware's region.
-class NoSimulation : public testing::Test {
+class no_simulation : public testing::Test {
   public:
-    NoSimulation() {
+    no_simulation() {
         std::filesystem::create_directory(machine.simulated_memory());
         driver.alloc("rx_ring", pages(1));
     }
@@ -353,14 +353,14 @@ class NoSimulation : public testing::Test {
     client driver{machine.start()};
 };
 
-TEST_F(NoSimulation, WithoutTheVariableTheHardwareIsLookedAt) {
+TEST_F(no_simulation, WithoutTheVariableTheHardwareIsLookedAt) {
     ASSERT_TRUE(exists(machine.hardware_area()));
     EXPECT_EQ(tarvoctl(machine, {"list", "-o", "name", "--no-header"}).output, "rx_ring\n");
     EXPECT_EQ(area_of({}), "hardware, because SIMULATION_VMID is not set and /var/tmp/tarvo cannot "
                            "be used; users who can get a simulation");
 }
 
-TEST_F(NoSimulation, WithTheVariableTheHardwareIsLookedAt) {
+TEST_F(no_simulation, WithTheVariableTheHardwareIsLookedAt) {
     client asking = machine.start({"setenv SIMULATION_VMID 1", "alloc tx_ring 4096 me"});
     ASSERT_EQ(driver.dump().size(), 2U);
     const auto listed =

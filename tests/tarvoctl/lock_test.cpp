@@ -25,7 +25,7 @@ bool contains(const std::string& text, const std::string& part) {
     return text.find(part) != std::string::npos;
 }
 
-TEST(Lock, OfNobodyIsFree) {
+TEST(lock, OfNobodyIsFree) {
     sandbox machine(simulation);
     machine.start().alloc("rx_ring", pages(1));
     const auto outcome = tarvoctl(machine, {"lock"});
@@ -34,7 +34,7 @@ TEST(Lock, OfNobodyIsFree) {
                               "/var/lock/subsys/tarvo_lock: free, because the file is missing\n");
 }
 
-TEST(Lock, FilesAreNotMadeByLooking) {
+TEST(lock, FilesAreNotMadeByLooking) {
     sandbox machine(low);
     const auto outcome = tarvoctl(machine, {"lock"});
     EXPECT_EQ(outcome.status, 0);
@@ -42,9 +42,9 @@ TEST(Lock, FilesAreNotMadeByLooking) {
     EXPECT_FALSE(exists(machine.lock_file()));
 }
 
-class LockInWorld : public testing::TestWithParam<world> {};
+class lock_in_world : public testing::TestWithParam<world> {};
 
-TEST_P(LockInWorld, ShowsTheHolderAndThoseWhoWaitInTheirOrder) {
+TEST_P(lock_in_world, ShowsTheHolderAndThoseWhoWaitInTheirOrder) {
     sandbox machine(GetParam());
     client holder = machine.start();
     client first = machine.start();
@@ -74,10 +74,10 @@ TEST_P(LockInWorld, ShowsTheHolderAndThoseWhoWaitInTheirOrder) {
     EXPECT_NE(second.reply(), "0x0");
 }
 
-INSTANTIATE_TEST_SUITE_P(SomeWorlds, LockInWorld, testing::Values(simulation, low, cma),
+INSTANTIATE_TEST_SUITE_P(SomeWorlds, lock_in_world, testing::Values(simulation, low, cma),
                          world_name());
 
-TEST(Lock, OfAStoppedProcessIsATroubleWithItsFix) {
+TEST(lock, OfAStoppedProcessIsATroubleWithItsFix) {
     sandbox machine(simulation);
     client holder = machine.start({"dump_begin"});
     ASSERT_EQ(::kill(holder.pid(), SIGSTOP), 0);
@@ -95,7 +95,7 @@ TEST(Lock, OfAStoppedProcessIsATroubleWithItsFix) {
     ::kill(holder.pid(), SIGCONT);
 }
 
-TEST(Lock, IsNotTakenByLooking) {
+TEST(lock, IsNotTakenByLooking) {
     sandbox machine(simulation);
     client user = machine.start({"alloc a 1 me"});
     const held_lock held(machine.lock_file());
@@ -119,7 +119,7 @@ class to_be_killed {
     pid_t _pid;
 };
 
-TEST(Lock, OfAnOwnerThatEndedNamesTheChildThatKeepsIt) {
+TEST(lock, OfAnOwnerThatEndedNamesTheChildThatKeepsIt) {
     sandbox machine(simulation);
     machine.start().alloc("rx_ring", pages(1));
     process owner = machine.start_process(
@@ -144,7 +144,7 @@ TEST(Lock, OfAnOwnerThatEndedNamesTheChildThatKeepsIt) {
               (std::vector<std::string>{party("keeps", child)}));
 }
 
-TEST(Lock, FilesOfSimulationAreBothLookedAt) {
+TEST(lock, FilesOfSimulationAreBothLookedAt) {
     sandbox machine(simulation);
     client with = machine.start({"alloc a 1 me"});
     client without = machine.start({"unsetenv SIMULATION_VMID", "dump_begin"});
@@ -155,7 +155,7 @@ TEST(Lock, FilesOfSimulationAreBothLookedAt) {
     EXPECT_EQ(parties_of(document, 1), (std::vector<std::string>{party("holds", without.pid())}));
 }
 
-TEST(Lock, FileThatWasRemovedUnderAProcessIsATrouble) {
+TEST(lock, FileThatWasRemovedUnderAProcessIsATrouble) {
     sandbox machine(simulation);
     client user = machine.start({"alloc a 1 me"});
     std::filesystem::remove(machine.lock_file());

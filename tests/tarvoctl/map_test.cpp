@@ -17,7 +17,7 @@ void fill(sandbox& machine) {
     driver.free("hole");
 }
 
-TEST(Map, DrawsChunksAndGapsToScaleAndSumsThemUp) {
+TEST(map, DrawsChunksAndGapsToScaleAndSumsThemUp) {
     sandbox machine(low);
     fill(machine);
     const auto lines = lines_of(tarvoctl(machine, {"map"}).output);
@@ -40,7 +40,7 @@ TEST(Map, DrawsChunksAndGapsToScaleAndSumsThemUp) {
     EXPECT_EQ(lines[18], "     0x0088020000  130944 KiB  (free)");
 }
 
-TEST(Map, FitIsWhereTheLibraryPutsTheNextChunk) {
+TEST(map, FitIsWhereTheLibraryPutsTheNextChunk) {
     for (const world& each : region_worlds()) {
         sandbox machine(each);
         fill(machine);
@@ -55,7 +55,7 @@ TEST(Map, FitIsWhereTheLibraryPutsTheNextChunk) {
     }
 }
 
-TEST(Map, FitTellsHowMuchIsMissing) {
+TEST(map, FitTellsHowMuchIsMissing) {
     sandbox machine(low);
     fill(machine);
     const auto outcome = tarvoctl(machine, {"map", "--fit", "200M"});
@@ -67,7 +67,7 @@ TEST(Map, FitTellsHowMuchIsMissing) {
     EXPECT_EQ(machine.start().alloc("probe", 209715200), 0U);
 }
 
-TEST(Map, FitKnowsWhatElseAllocRefuses) {
+TEST(map, FitKnowsWhatElseAllocRefuses) {
     sandbox machine(low);
     client driver = machine.start();
     for (int made = 0; made < 16382; ++made) {
@@ -85,7 +85,7 @@ TEST(Map, FitKnowsWhatElseAllocRefuses) {
                                       "; see 'tarvoctl map'\n"));
 }
 
-TEST(Map, FitRefusesASizeThatNoDeviceCanSee) {
+TEST(map, FitRefusesASizeThatNoDeviceCanSee) {
     sandbox machine(low);
     machine.start().alloc("any", 0x1000);
     const auto fit = tarvoctl(machine, {"map", "--fit", "0x80000001"});
@@ -94,7 +94,7 @@ TEST(Map, FitRefusesASizeThatNoDeviceCanSee) {
                           "2147483648 bytes\n");
 }
 
-TEST(Map, OfACopyItHasToBeSaidThatTheDriverChooses) {
+TEST(map, OfACopyItHasToBeSaidThatTheDriverChooses) {
     sandbox machine(cma);
     machine.start().alloc("first", 0x1000);
     const temporary_folder folder;
@@ -104,7 +104,7 @@ TEST(Map, OfACopyItHasToBeSaidThatTheDriverChooses) {
     EXPECT_EQ(tarvoctl(machine, {"map", "--fit", "4K", "--area", copy, "--cma"}).status, 1);
 }
 
-TEST(Map, FitSaysThatTheDriverChoosesInACmaRegion) {
+TEST(map, FitSaysThatTheDriverChoosesInACmaRegion) {
     sandbox machine(cma);
     machine.start().alloc("first", 0x1000);
     const auto outcome = tarvoctl(machine, {"map", "--fit", "4096"});
@@ -113,7 +113,7 @@ TEST(Map, FitSaysThatTheDriverChoosesInACmaRegion) {
                               "only it knows whether there is one\n");
 }
 
-TEST(Map, RefusesSizesThatNoChunkHas) {
+TEST(map, RefusesSizesThatNoChunkHas) {
     sandbox machine(low);
     fill(machine);
     for (const char* size : {"0", "5G", "much", "12X", "-1", "0x", ""}) {
@@ -123,7 +123,7 @@ TEST(Map, RefusesSizesThatNoChunkHas) {
     }
 }
 
-TEST(Map, WritesThePictureToStandardOutputForAPipe) {
+TEST(map, WritesThePictureToStandardOutputForAPipe) {
     sandbox machine(low);
     machine.start().alloc("rx_ring", 0x1000);
     const auto outcome = tarvoctl(machine, {"map", "--svg", "-"});
@@ -143,7 +143,7 @@ TEST(Map, WritesThePictureToStandardOutputForAPipe) {
     }
 }
 
-TEST(Map, WritesThePictureAsSvg) {
+TEST(map, WritesThePictureAsSvg) {
     sandbox machine(low);
     fill(machine);
     const temporary_folder folder;
@@ -161,7 +161,7 @@ TEST(Map, WritesThePictureAsSvg) {
               "tarvoctl: cannot write /nowhere/map.svg: No such file or directory\n");
 }
 
-TEST(Map, ReplacesNoFileUnaskedAndNeverOneOfTheLibrary) {
+TEST(map, ReplacesNoFileUnaskedAndNeverOneOfTheLibrary) {
     sandbox machine(low);
     fill(machine);
     const temporary_folder folder;
@@ -181,7 +181,7 @@ TEST(Map, ReplacesNoFileUnaskedAndNeverOneOfTheLibrary) {
     EXPECT_EQ(machine.area().snapshot(), area);
 }
 
-TEST(Map, AnEmptyRegionIsOneGap) {
+TEST(map, AnEmptyRegionIsOneGap) {
     sandbox machine(high);
     machine.start().limits();
     const auto document = json_of(tarvoctl(machine, {"map", "--json"}));

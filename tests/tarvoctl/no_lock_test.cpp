@@ -31,9 +31,9 @@ constexpr const char* half_changed =
     "tarvoctl: the area changed during every reading without its lock: what is printed may be half "
     "changed\n";
 
-class NoLock : public ::testing::Test {
+class no_lock : public ::testing::Test {
   protected:
-    NoLock() {
+    no_lock() {
         driver.alloc("rx_ring", 0x10000, "driver");
         driver.register_device(0, 3, 0);
         EXPECT_EQ(tarvoctl(machine, {"snapshot", before}).status, 0);
@@ -54,7 +54,7 @@ class NoLock : public ::testing::Test {
     std::string unused = folder.path() / "new";
 };
 
-TEST_F(NoLock, CommandsThatLookNameTheHolderAndTheWayOut) {
+TEST_F(no_lock, CommandsThatLookNameTheHolderAndTheWayOut) {
     const held_lock held(machine.lock_file());
     for (const words& command : looking_commands) {
         words hurried = filled_in(command);
@@ -70,7 +70,7 @@ TEST_F(NoLock, CommandsThatLookNameTheHolderAndTheWayOut) {
     }
 }
 
-TEST_F(NoLock, CommandsThatLookSayTheSameWhileSomebodySitsOnTheLock) {
+TEST_F(no_lock, CommandsThatLookSayTheSameWhileSomebodySitsOnTheLock) {
     for (const words& command : looking_commands) {
         const words plain = filled_in(command);
         words without = plain;
@@ -88,7 +88,7 @@ TEST_F(NoLock, CommandsThatLookSayTheSameWhileSomebodySitsOnTheLock) {
     }
 }
 
-TEST_F(NoLock, ReadsNoFileOfALockThatItDoesNotTake) {
+TEST_F(no_lock, ReadsNoFileOfALockThatItDoesNotTake) {
     std::filesystem::remove(machine.lock_file());
     EXPECT_EQ(tarvoctl(machine, {"list", "--no-lock"}).status, 0);
     EXPECT_FALSE(exists(machine.lock_file()));
@@ -128,7 +128,7 @@ tool_outcome disturbed(sandbox& machine, const words& command) {
     return outcome;
 }
 
-TEST_F(NoLock, WhatChangesAllTheTimeIsToldWithARemark) {
+TEST_F(no_lock, WhatChangesAllTheTimeIsToldWithARemark) {
     const restless_writer writer(machine);
     const auto text = disturbed(machine, {"list", "--no-lock", "-o", "name", "--no-header"});
     EXPECT_EQ(text.status, 0);
@@ -141,14 +141,14 @@ TEST_F(NoLock, WhatChangesAllTheTimeIsToldWithARemark) {
     }
 }
 
-TEST_F(NoLock, WhatIsReadUnderTheLockIsConsistent) {
+TEST_F(no_lock, WhatIsReadUnderTheLockIsConsistent) {
     const restless_writer writer(machine);
     const auto outcome = tarvoctl(machine, {"list", "--json"});
     EXPECT_EQ(json_of(outcome).at("consistent"), true);
     EXPECT_EQ(outcome.errors, "");
 }
 
-TEST_F(NoLock, WatchTellsChangesWhileSomebodySitsOnTheLock) {
+TEST_F(no_lock, WatchTellsChangesWhileSomebodySitsOnTheLock) {
     running_tool watch = start_tarvoctl(machine, {"watch", "--no-lock", "--interval", "0.02"});
     EXPECT_TRUE(watch.program.read_line().value().find("area found") != std::string::npos);
     driver.alloc("fresh", 0x1000, "driver");
@@ -157,7 +157,7 @@ TEST_F(NoLock, WatchTellsChangesWhileSomebodySitsOnTheLock) {
     EXPECT_TRUE(watch.end_by(SIGTERM) == normal_end);
 }
 
-TEST_F(NoLock, TopShowsThePageWhileSomebodySitsOnTheLock) {
+TEST_F(no_lock, TopShowsThePageWhileSomebodySitsOnTheLock) {
     driver.call("dump_begin"); // holds the lock
     terminal screen(24, 100);
     running_tool top = screen.start(machine, {"top", "--no-lock", "--interval", "0.05"});

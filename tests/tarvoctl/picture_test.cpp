@@ -33,7 +33,7 @@ void make_many(client& driver, int count) {
     }
 }
 
-TEST(Picture, NeighboursDifferAndCarryTheirNames) {
+TEST(picture, NeighboursDifferAndCarryTheirNames) {
     sandbox machine(low);
     client driver = machine.start();
     make_five(driver);
@@ -47,7 +47,7 @@ TEST(Picture, NeighboursDifferAndCarryTheirNames) {
     EXPECT_EQ(lines[7], "One sign is 4 KiB: # and = chunks in turn, + - partly free, . free");
 }
 
-TEST(Picture, IsAsTheManualShowsIt) {
+TEST(picture, IsAsTheManualShowsIt) {
     sandbox machine(low);
     client driver = machine.start();
     const std::vector<std::pair<const char*, uint64_t>> chunks{
@@ -67,7 +67,7 @@ TEST(Picture, IsAsTheManualShowsIt) {
     EXPECT_EQ(tarvoctl(machine, {"map"}).output.substr(0, shown.size()), shown);
 }
 
-TEST(Picture, ALetterStandsForANameAndIsRepeatedBelow) {
+TEST(picture, ALetterStandsForANameAndIsRepeatedBelow) {
     sandbox machine(low);
     client driver = machine.start();
     make_five(driver);
@@ -80,7 +80,7 @@ TEST(Picture, ALetterStandsForANameAndIsRepeatedBelow) {
     EXPECT_EQ(lines[17], "B    0x0080130000      12 KiB  <log & \"x\">");
 }
 
-TEST(Picture, RowsThatAreWhollyFreeAreFoldedSoThatFewChunksAreNoSpeck) {
+TEST(picture, RowsThatAreWhollyFreeAreFoldedSoThatFewChunksAreNoSpeck) {
     sandbox machine(low);
     client driver = machine.start();
     make_five(driver);
@@ -90,7 +90,7 @@ TEST(Picture, RowsThatAreWhollyFreeAreFoldedSoThatFewChunksAreNoSpeck) {
                         "....................|");
 }
 
-TEST(Picture, OnAWideTerminalItIsWiderAndHasColours) {
+TEST(picture, OnAWideTerminalItIsWiderAndHasColours) {
     sandbox machine(low);
     client driver = machine.start();
     make_five(driver);
@@ -105,7 +105,7 @@ TEST(Picture, OnAWideTerminalItIsWiderAndHasColours) {
     EXPECT_EQ(output.find("0x0080040000 |"), std::string::npos) << output;
 }
 
-TEST(Picture, OfFiftyChunksEachIsListedWithItsLetter) {
+TEST(picture, OfFiftyChunksEachIsListedWithItsLetter) {
     sandbox machine(low);
     client driver = machine.start();
     for (int i = 0; i < 50; ++i) {
@@ -121,7 +121,7 @@ TEST(Picture, OfFiftyChunksEachIsListedWithItsLetter) {
     }
 }
 
-TEST(Picture, OfAllChunksTheLargestAreListedAndTheOthersCounted) {
+TEST(picture, OfAllChunksTheLargestAreListedAndTheOthersCounted) {
     sandbox machine(low);
     client driver = machine.start();
     make_many(driver, 16382);
@@ -135,7 +135,7 @@ TEST(Picture, OfAllChunksTheLargestAreListedAndTheOthersCounted) {
 
 /// The texts of a picture that was written to a file, once it was checked: labels neither leave the
 /// page nor cover one another.
-class Svg : public testing::Test {
+class svg : public testing::Test {
   public:
     std::vector<std::string> texts() {
         EXPECT_EQ(tarvoctl(machine, {"map", "--force", "--svg", file}).status, 0);
@@ -154,7 +154,7 @@ class Svg : public testing::Test {
     std::string file = folder.path() / "map.svg";
 };
 
-TEST_F(Svg, TellsNameSizeAndAddressOfFivePiecesAndTheirGaps) {
+TEST_F(svg, TellsNameSizeAndAddressOfFivePiecesAndTheirGaps) {
     make_five(driver);
     const auto all = texts();
     for (const char* text :
@@ -166,7 +166,7 @@ TEST_F(Svg, TellsNameSizeAndAddressOfFivePiecesAndTheirGaps) {
     EXPECT_EQ(count(all, "folded"), 1);
 }
 
-TEST_F(Svg, MarksDevicesAndHoldersAndExplainsTheMarks) {
+TEST_F(svg, MarksDevicesAndHoldersAndExplainsTheMarks) {
     driver.register_device(0, 3, 0);
     make_five(driver);
     driver.map("rx_ring");
@@ -178,7 +178,7 @@ TEST_F(Svg, MarksDevicesAndHoldersAndExplainsTheMarks) {
     EXPECT_NE(text.find("prefers-color-scheme: dark"), std::string::npos);
 }
 
-TEST_F(Svg, NamesTheNarrowRestOfAChunkOnTheNextRow) {
+TEST_F(svg, NamesTheNarrowRestOfAChunkOnTheNextRow) {
     driver.alloc("first", 0x2d000);
     driver.alloc("wrapped", 0x14000); // a page of it is on the second row of 256 KiB
     const auto all = texts();
@@ -186,7 +186,7 @@ TEST_F(Svg, NamesTheNarrowRestOfAChunkOnTheNextRow) {
     EXPECT_EQ(count(all, "0x008002d000"), 1);
 }
 
-TEST_F(Svg, NamesAllOfFiftyChunks) {
+TEST_F(svg, NamesAllOfFiftyChunks) {
     make_many(driver, 50);
     const auto all = texts();
     for (int i = 0; i < 50; ++i) {
@@ -198,7 +198,7 @@ TEST_F(Svg, NamesAllOfFiftyChunks) {
     }
 }
 
-TEST_F(Svg, OfAllChunksNamesTheLargestAndCountsTheOthers) {
+TEST_F(svg, OfAllChunksNamesTheLargestAndCountsTheOthers) {
     make_many(driver, 16382);
     const auto all = texts();
     const auto named = std::count_if(all.begin(), all.end(),
@@ -210,7 +210,7 @@ TEST_F(Svg, OfAllChunksNamesTheLargestAndCountsTheOthers) {
     EXPECT_LT(file_text(file).size(), 300000U);
 }
 
-TEST_F(Svg, HoldsNamesThatXmlCannot) {
+TEST_F(svg, HoldsNamesThatXmlCannot) {
     for (const char* name : {"\xef\xbf\xbf", "a\x1b[31m", "&amp;", "]]>", "\xfe", "\xe6\xbc\xa2"}) {
         driver.alloc(name, 0x10000);
     }

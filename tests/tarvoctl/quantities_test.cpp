@@ -8,7 +8,7 @@ namespace quantities_test {
 
 namespace {
 
-TEST(Quantities, PhysicalAddressesHaveTenDigitsAndDmaAddressesEight) {
+TEST(quantities, PhysicalAddressesHaveTenDigitsAndDmaAddressesEight) {
     EXPECT_EQ(pa_text(0), "0x0000000000");
     EXPECT_EQ(pa_text(0x80000000), "0x0080000000");
     EXPECT_EQ(pa_text(0x12345678901), "0x12345678901");
@@ -17,7 +17,7 @@ TEST(Quantities, PhysicalAddressesHaveTenDigitsAndDmaAddressesEight) {
     EXPECT_EQ(pa_range(0x200000000, 0x200001000), "0x0200000000-0x0200000fff");
 }
 
-TEST(Quantities, SizesAreExact) {
+TEST(quantities, SizesAreExact) {
     EXPECT_EQ(size_text(0), "0 bytes");
     EXPECT_EQ(size_text(1), "1 byte");
     EXPECT_EQ(size_text(1023), "1023 bytes");
@@ -36,14 +36,14 @@ TEST(Quantities, SizesAreExact) {
     EXPECT_EQ(size_with_bytes(100), "100 bytes");
 }
 
-TEST(Quantities, CountsHaveTheirPlural) {
+TEST(quantities, CountsHaveTheirPlural) {
     EXPECT_EQ(counted(0, "chunk"), "0 chunks");
     EXPECT_EQ(counted(1, "chunk"), "1 chunk");
     EXPECT_EQ(counted(2, "process"), "2 processes");
     EXPECT_EQ(counted(1, "process"), "1 process");
 }
 
-TEST(Quantities, TimesSayHowFarTheyAreFromUtc) {
+TEST(quantities, TimesSayHowFarTheyAreFromUtc) {
     ASSERT_EQ(setenv("TZ", "IST-5:30", 1), 0);
     tzset();
     const std::chrono::system_clock::time_point when{std::chrono::milliseconds{1717107187125}};

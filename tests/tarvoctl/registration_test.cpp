@@ -9,7 +9,7 @@ namespace registration_test {
 
 namespace {
 
-TEST(Register, LetsADeviceSeeEveryChunk) {
+TEST(registering, LetsADeviceSeeEveryChunk) {
     sandbox machine(low);
     client driver = machine.start();
     driver.alloc("a", 0x1000);
@@ -23,7 +23,7 @@ TEST(Register, LetsADeviceSeeEveryChunk) {
               "0000:03:00.1: was registered already, online, 2 of 2 chunks mapped for it\n");
 }
 
-TEST(Register, TakesDomainBusSlotAndFunctionInHexadecimal) {
+TEST(registering, TakesDomainBusSlotAndFunctionInHexadecimal) {
     sandbox machine(low);
     const auto document = json_of(tarvoctl(machine, {"register", "0001a:fe:1f.7", "--json"}));
     EXPECT_EQ(document.at("device").at("domain"), 0x1a);
@@ -33,7 +33,7 @@ TEST(Register, TakesDomainBusSlotAndFunctionInHexadecimal) {
     EXPECT_EQ(document.at("chunks"), nlohmann::json::array());
 }
 
-TEST(Register, WhatIsNoDeviceIsAUsageError) {
+TEST(registering, WhatIsNoDeviceIsAUsageError) {
     sandbox machine(low);
     for (const char* wrong :
          {"3", "03:00", "03:20.0", "03:00.8", "0:0:03:00.0", "x3:00.0", ":03:00.0", "03:00.0 "}) {
@@ -46,7 +46,7 @@ TEST(Register, WhatIsNoDeviceIsAUsageError) {
     EXPECT_FALSE(exists(machine.shared_area()));
 }
 
-TEST(Register, ADeviceThatTheDriverDoesNotKnowIsAFinding) {
+TEST(registering, ADeviceThatTheDriverDoesNotKnowIsAFinding) {
     sandbox machine(low, {"--rule", "op=map,errno=ENODEV"});
     client driver = machine.start();
     driver.alloc("a", 0x1000);
@@ -59,7 +59,7 @@ TEST(Register, ADeviceThatTheDriverDoesNotKnowIsAFinding) {
         << outcome.errors;
 }
 
-TEST(Register, ARefusedChunkIsAFinding) {
+TEST(registering, ARefusedChunkIsAFinding) {
     sandbox machine(low, {"--rule", "op=map,nth=2,errno=EIO"});
     client driver = machine.start();
     driver.alloc("a", 0x1000);
@@ -73,7 +73,7 @@ TEST(Register, ARefusedChunkIsAFinding) {
         << outcome.errors;
 }
 
-TEST(Register, The257thDeviceIsRefusedBeforeTheLibraryFaults) {
+TEST(registering, The257thDeviceIsRefusedBeforeTheLibraryFaults) {
     sandbox machine(low);
     client driver = machine.start();
     for (uint32_t devfn = 0; devfn < 256; ++devfn) {
@@ -86,7 +86,7 @@ TEST(Register, The257thDeviceIsRefusedBeforeTheLibraryFaults) {
     EXPECT_EQ(tarvoctl(machine, {"register", "01:00.0"}).status, 0) << "that one is registered";
 }
 
-TEST(Unregister, NamesWhatTheDeviceSeesAndRefusesWithoutATerminal) {
+TEST(unregistering, NamesWhatTheDeviceSeesAndRefusesWithoutATerminal) {
     sandbox machine(low);
     client driver = machine.start();
     driver.alloc("a", 0x1000);
@@ -104,7 +104,7 @@ TEST(Unregister, NamesWhatTheDeviceSeesAndRefusesWithoutATerminal) {
     EXPECT_EQ(machine.area().view().devices().size(), 0);
 }
 
-TEST(Unregister, WarnsOfWhatAnOfflineDeviceLeavesBehind) {
+TEST(unregistering, WarnsOfWhatAnOfflineDeviceLeavesBehind) {
     sandbox machine(low);
     client driver = machine.start();
     driver.register_device(0, 3, 0);
@@ -119,7 +119,7 @@ TEST(Unregister, WarnsOfWhatAnOfflineDeviceLeavesBehind) {
               "in its record would inherit 1 chunk: a\n");
 }
 
-TEST(Unregister, ADeviceThatSeesNothingNeedsNoForce) {
+TEST(unregistering, ADeviceThatSeesNothingNeedsNoForce) {
     sandbox machine(low);
     client driver = machine.start();
     driver.register_device(0, 3, 0);
@@ -130,7 +130,7 @@ TEST(Unregister, ADeviceThatSeesNothingNeedsNoForce) {
                             "those that are\n");
 }
 
-TEST(Unregister, ARefusalOfTheDriverIsAFinding) {
+TEST(unregistering, ARefusalOfTheDriverIsAFinding) {
     sandbox machine(low);
     client driver = machine.start();
     driver.alloc("a", 0x1000);
@@ -143,7 +143,7 @@ TEST(Unregister, ARefusalOfTheDriverIsAFinding) {
         << outcome.errors;
 }
 
-TEST(IommuMap, SendsOneRequestForTheWholeRegion) {
+TEST(iommu_map, SendsOneRequestForTheWholeRegion) {
     sandbox machine(low);
     const auto outcome = tarvoctl(machine, {"iommu-map", "03:00.0", "--prot", "r"});
     EXPECT_EQ(outcome.status, 0);
@@ -160,7 +160,7 @@ TEST(IommuMap, SendsOneRequestForTheWholeRegion) {
                                         "unmap 0 3 0 2147483648 2415919103 2147483648 0\n"}));
 }
 
-TEST(IommuMap, ARefusalOfTheDriverIsAFinding) {
+TEST(iommu_map, ARefusalOfTheDriverIsAFinding) {
     sandbox machine(low, {"--rule", "op=map,errno=ENODEV"});
     const auto outcome = tarvoctl(machine, {"iommu-map", "03:00.0"});
     EXPECT_EQ(outcome.status, 1);
@@ -169,7 +169,7 @@ TEST(IommuMap, ARefusalOfTheDriverIsAFinding) {
         << outcome.errors;
 }
 
-TEST(IommuMap, ARegionThatCannotBeMappedWholeIsNotTried) {
+TEST(iommu_map, ARegionThatCannotBeMappedWholeIsNotTried) {
     sandbox machine(high, {"--region", "200000000-27fffffff"});
     const auto outcome = tarvoctl(machine, {"iommu-map", "03:00.0"});
     EXPECT_EQ(outcome.status, 1);
@@ -178,7 +178,7 @@ TEST(IommuMap, ARegionThatCannotBeMappedWholeIsNotTried) {
     EXPECT_EQ(machine.request_lines(), std::vector<std::string>{});
 }
 
-TEST(IommuUnmap, DoesNotUnregisterADeviceByTheWay) {
+TEST(iommu_unmap, DoesNotUnregisterADeviceByTheWay) {
     sandbox machine(low);
     client driver = machine.start();
     driver.register_device(0, 3, 0);
@@ -201,7 +201,7 @@ ending end_while_registering(sandbox& machine, int signal) {
     return tool.end_by(signal);
 }
 
-TEST(Register, IsCompleteBeforeASignalEndsIt) {
+TEST(registering, IsCompleteBeforeASignalEndsIt) {
     constexpr size_t chunks = 6000;
     for (const int signal : {SIGTERM, SIGINT, SIGHUP}) {
         sandbox machine(low);
@@ -223,7 +223,7 @@ TEST(Register, IsCompleteBeforeASignalEndsIt) {
     }
 }
 
-TEST(Register, ASignalEndsWorkThatChangesNothingAtOnce) {
+TEST(registering, ASignalEndsWorkThatChangesNothingAtOnce) {
     sandbox machine(low);
     client driver = machine.start({"alloc a 1 me"});
     running_tool tool = start_tarvoctl(machine, {"write", "a"}); // waits for its input

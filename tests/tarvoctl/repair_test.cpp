@@ -10,9 +10,9 @@ namespace {
 
 /// Three chunks, elements 2 to 4, made by a process that has ended. The second one's back link
 /// points where it should not.
-class Repair : public testing::Test {
+class repair : public testing::Test {
   protected:
-    Repair() {
+    repair() {
         {
             client driver = machine.start();
             driver.alloc("first", 0x1000);
@@ -34,7 +34,7 @@ class Repair : public testing::Test {
     std::vector<uint8_t> broken;
 };
 
-TEST_F(Repair, ShowsItsPlanKeepsACopyAndMendsTheArea) {
+TEST_F(repair, ShowsItsPlanKeepsACopyAndMendsTheArea) {
     const auto outcome = tarvoctl(machine, {"repair", "--yes", "--backup", backup});
     EXPECT_EQ(outcome.status, 0) << outcome.errors;
     const auto lines = lines_of(outcome.output);
@@ -48,7 +48,7 @@ TEST_F(Repair, ShowsItsPlanKeepsACopyAndMendsTheArea) {
     EXPECT_EQ(tarvoctl(machine, {"check"}).status, 0);
 }
 
-TEST_F(Repair, SaysInJsonWhatItChangedAndWhereTheCopyIs) {
+TEST_F(repair, SaysInJsonWhatItChangedAndWhereTheCopyIs) {
     const auto plan = json_of(tarvoctl(machine, {"repair", "--dry-run", "--json"}));
     EXPECT_EQ(plan.at("repaired"), false);
     EXPECT_EQ(plan.at("backup"), nullptr);
@@ -66,21 +66,21 @@ TEST_F(Repair, SaysInJsonWhatItChangedAndWhereTheCopyIs) {
     EXPECT_TRUE(is_sound());
 }
 
-TEST_F(Repair, OnlyShowsThePlanOfADryRun) {
+TEST_F(repair, OnlyShowsThePlanOfADryRun) {
     const auto outcome = tarvoctl(machine, {"repair", "--dry-run"});
     EXPECT_EQ(outcome.status, 1);
     EXPECT_EQ(lines_of(outcome.output).size(), 1U);
     EXPECT_TRUE(is_untouched());
 }
 
-TEST_F(Repair, ChangesNothingUnlessSomebodySaysYes) {
+TEST_F(repair, ChangesNothingUnlessSomebodySaysYes) {
     const auto outcome = tarvoctl(machine, {"repair"}, "y\n"); // a pipe is nobody
     EXPECT_EQ(outcome.status, 1);
     EXPECT_EQ(own_errors(outcome), "tarvoctl: not repaired: nobody said yes; --yes does\n");
     EXPECT_TRUE(is_untouched());
 }
 
-TEST_F(Repair, RefusesWhileTheLibraryIsStartedSomewhere) {
+TEST_F(repair, RefusesWhileTheLibraryIsStartedSomewhere) {
     client user = machine.start();
     user.limits();
     const auto outcome = tarvoctl(machine, {"repair", "--yes", "--backup", backup});
@@ -93,7 +93,7 @@ TEST_F(Repair, RefusesWhileTheLibraryIsStartedSomewhere) {
     EXPECT_TRUE(is_sound());
 }
 
-TEST_F(Repair, RefusesWhileSomethingIsLeftToAPerson) {
+TEST_F(repair, RefusesWhileSomethingIsLeftToAPerson) {
     // Nothing shows any more where the region ends.
     machine.writable_area().writer().text(area_offset::chunk(1) + area_offset::name, "tail");
     const auto before = machine.area().snapshot();
@@ -103,7 +103,7 @@ TEST_F(Repair, RefusesWhileSomethingIsLeftToAPerson) {
     EXPECT_FALSE(std::filesystem::exists(backup));
 }
 
-TEST_F(Repair, IsPartlyDoneWhenAskedForAlone) {
+TEST_F(repair, IsPartlyDoneWhenAskedForAlone) {
     machine.start().register_device(0, 3, 0);
     const auto area = machine.writable_area();
     area.writer().text(area_offset::chunk(1) + area_offset::name, "tail"); // for a person
@@ -125,14 +125,14 @@ TEST_F(Repair, IsPartlyDoneWhenAskedForAlone) {
     EXPECT_NE(machine.area().snapshot(), before);
 }
 
-TEST_F(Repair, NeedsNothingOfASoundArea) {
+TEST_F(repair, NeedsNothingOfASoundArea) {
     machine.writable_area().writer().i32(area_offset::chunk(3) + area_offset::prev, 2);
     const auto outcome = tarvoctl(machine, {"repair"});
     EXPECT_EQ(outcome.status, 0);
     EXPECT_EQ(outcome.output, "nothing to repair\n");
 }
 
-TEST_F(Repair, MendsACopyWhateverIsRunning) {
+TEST_F(repair, MendsACopyWhateverIsRunning) {
     const std::string copy = folder.path() / "copy";
     std::filesystem::copy_file(machine.shared_area(), copy);
     client user = machine.start();
@@ -142,7 +142,7 @@ TEST_F(Repair, MendsACopyWhateverIsRunning) {
     EXPECT_TRUE(is_untouched());
 }
 
-TEST_F(Repair, GivesUpWhereTheBackupCannotBeWritten) {
+TEST_F(repair, GivesUpWhereTheBackupCannotBeWritten) {
     const auto outcome = tarvoctl(machine, {"repair", "--yes", "--backup", "/nowhere/backup"});
     EXPECT_EQ(outcome.status, 3);
     EXPECT_EQ(own_errors(outcome),
@@ -150,7 +150,7 @@ TEST_F(Repair, GivesUpWhereTheBackupCannotBeWritten) {
     EXPECT_TRUE(is_untouched());
 }
 
-TEST_F(Repair, KeepsACopyOfEachOfSeveralRepairsWithinASecond) {
+TEST_F(repair, KeepsACopyOfEachOfSeveralRepairsWithinASecond) {
     const std::string copy = folder.path() / "copy";
     std::filesystem::copy_file(machine.shared_area(), copy);
     constexpr int repairs = 5;
@@ -165,7 +165,7 @@ TEST_F(Repair, KeepsACopyOfEachOfSeveralRepairsWithinASecond) {
     EXPECT_EQ(std::distance(begin(all), end(all)), repairs + 1);
 }
 
-TEST_F(Repair, NamesTheWayOutOfABackupThatIsThere) {
+TEST_F(repair, NamesTheWayOutOfABackupThatIsThere) {
     ASSERT_EQ(tarvoctl(machine, {"snapshot", backup}).status, 0);
     const auto outcome = tarvoctl(machine, {"repair", "--yes", "--backup", backup});
     EXPECT_EQ(outcome.status, 2);
@@ -183,7 +183,7 @@ constexpr const char* remove_it =
     "memory; then end all programs that use it, then remove its file";
 
 /// A record that says what it cannot: no link is wrong.
-class RecordOf : public testing::Test {
+class record_of : public testing::Test {
   protected:
     static size_t at(int chunk, size_t field) { return area_offset::chunk(chunk) + field; }
 
@@ -219,7 +219,7 @@ class RecordOf : public testing::Test {
     area_writer write = area.writer();
 };
 
-TEST_F(RecordOf, AChunkOfPartOfAPageIsFreed) {
+TEST_F(record_of, AChunkOfPartOfAPageIsFreed) {
     write.u32(at(4, area_offset::size), 0x800);
     expect_broken("chunk 4 'third' (creator test): size 2 KiB is not whole pages of 4 KiB "
                   "[chunk-size-not-pages]",
@@ -227,7 +227,7 @@ TEST_F(RecordOf, AChunkOfPartOfAPageIsFreed) {
     expect_free_to_help("third");
 }
 
-TEST_F(RecordOf, OneOfTwoChunksThatOverlapIsFreed) {
+TEST_F(record_of, OneOfTwoChunksThatOverlapIsFreed) {
     write.u32(at(2, area_offset::size), 0x2000);
     expect_broken("chunk 3 'second' (creator test): begins at 0x0080001000, but chunk 2 'first' "
                   "reaches to 0x0080002000 [chunk-overlap]",
@@ -235,7 +235,7 @@ TEST_F(RecordOf, OneOfTwoChunksThatOverlapIsFreed) {
     expect_free_to_help("first");
 }
 
-TEST_F(RecordOf, AChunkWithoutANameCostsTheArea) {
+TEST_F(record_of, AChunkWithoutANameCostsTheArea) {
     write.u8(at(3, area_offset::name), 0);
     expect_broken("chunk 3 (creator test): no name: it can be neither found nor freed "
                   "[chunk-name-empty]",
@@ -247,7 +247,7 @@ TEST_F(RecordOf, AChunkWithoutANameCostsTheArea) {
 }
 
 /// Freeing it would end the library's process where a device sees it.
-TEST_F(RecordOf, AChunkOutsideTheRegionCostsTheArea) {
+TEST_F(record_of, AChunkOutsideTheRegionCostsTheArea) {
     write.u64(at(4, area_offset::pa), low.end() + 0x1000);
     const auto repair = tarvoctl(machine, {"repair"});
     EXPECT_EQ(repair.status, 4);
@@ -263,7 +263,7 @@ TEST_F(RecordOf, AChunkOutsideTheRegionCostsTheArea) {
     EXPECT_EQ(tarvoctl(machine, {"free", "third", "--force"}).status, 4);
 }
 
-TEST_F(RecordOf, ADeviceThatIsThereTwiceIsUnregistered) {
+TEST_F(record_of, ADeviceThatIsThereTwiceIsUnregistered) {
     machine.start().register_device(0, 4, 0);
     write.i32(area_offset::device(1) + area_offset::bus, 3);
     expect_broken("device 1 (0000:03:00.0): the same domain, bus and devfn as device 0 "
@@ -277,7 +277,7 @@ TEST_F(RecordOf, ADeviceThatIsThereTwiceIsUnregistered) {
     EXPECT_EQ(tarvoctl(machine, {"check"}).status, 0);
 }
 
-TEST_F(RecordOf, AChunkThatDevicesSeeIsNotGivenBackForItsSize) {
+TEST_F(record_of, AChunkThatDevicesSeeIsNotGivenBackForItsSize) {
     write.u32(at(3, area_offset::size), 0);
     const auto before = machine.area().snapshot();
     const auto repair = tarvoctl(machine, {"repair", "--yes", "--force"});
@@ -289,7 +289,7 @@ TEST_F(RecordOf, AChunkThatDevicesSeeIsNotGivenBackForItsSize) {
     expect_free_to_help("second");
 }
 
-TEST_F(RecordOf, WhatStaysBrokenIsToldBesidesWhatIsRepaired) {
+TEST_F(record_of, WhatStaysBrokenIsToldBesidesWhatIsRepaired) {
     write.u32(at(4, area_offset::size), 0x800);
     write.i32(at(3, area_offset::prev), 4);
     EXPECT_EQ(lines_of(tarvoctl(machine, {"check"}).output).back(),
@@ -305,7 +305,7 @@ TEST_F(RecordOf, WhatStaysBrokenIsToldBesidesWhatIsRepaired) {
     expect_free_to_help("third");
 }
 
-TEST_F(RecordOf, AChunkThatNoDeviceSeesIsFreedAtOnce) {
+TEST_F(record_of, AChunkThatNoDeviceSeesIsFreedAtOnce) {
     driver.unregister_device(0, 3, 0);
     write.u32(at(4, area_offset::size), 0x800);
     EXPECT_EQ(lines_of(tarvoctl(machine, {"check"}).output).back(),
@@ -313,7 +313,7 @@ TEST_F(RecordOf, AChunkThatNoDeviceSeesIsFreedAtOnce) {
     expect_free_to_help("third");
 }
 
-TEST_F(RecordOf, AChunkMovedOutOfTheRegionStaysBrokenWhenTheListIsRepaired) {
+TEST_F(record_of, AChunkMovedOutOfTheRegionStaysBrokenWhenTheListIsRepaired) {
     write.u64(at(4, area_offset::pa), 0x10000);
     const auto repair = tarvoctl(machine, {"repair", "-y", "--force"});
     EXPECT_EQ(repair.status, 4);
@@ -324,7 +324,7 @@ TEST_F(RecordOf, AChunkMovedOutOfTheRegionStaysBrokenWhenTheListIsRepaired) {
               std::string("to get rid of what stays broken, ") + remove_it);
 }
 
-TEST_F(RecordOf, OfACopyOverlapsAreInOrderUnderCma) {
+TEST_F(record_of, OfACopyOverlapsAreInOrderUnderCma) {
     write.u32(at(2, area_offset::size), 0x2000);
     const temporary_folder folder;
     const std::string copy = folder.path() / "copy";
@@ -333,7 +333,7 @@ TEST_F(RecordOf, OfACopyOverlapsAreInOrderUnderCma) {
     EXPECT_EQ(tarvoctl(machine, {"repair", "--cma", copy}).output, "nothing to repair\n");
 }
 
-TEST_F(RecordOf, ThereIsNoRoomForTheCopyBesideTheArea) {
+TEST_F(record_of, ThereIsNoRoomForTheCopyBesideTheArea) {
     write.i32(at(3, area_offset::prev), 4);
     const auto before = machine.area().snapshot();
     // The mount has room for the area alone.
@@ -357,9 +357,9 @@ TEST_F(RecordOf, ThereIsNoRoomForTheCopyBesideTheArea) {
 }
 
 /// A person at a terminal who is asked before the area is repaired.
-class RepairAtATerminal : public Repair {
+class repair_at_a_terminal : public repair {
   protected:
-    RepairAtATerminal() { screen.output_with("the element before"); }
+    repair_at_a_terminal() { screen.output_with("the element before"); }
 
     template <typename Condition>
     static bool comes_true(Condition condition) {
@@ -377,7 +377,7 @@ class RepairAtATerminal : public Repair {
     running_tool tool = screen.start(machine, {"repair", "--force", "--backup", backup});
 };
 
-TEST_F(RepairAtATerminal, HoldsNobodyUpThatIsSlowToReadOfIt) {
+TEST_F(repair_at_a_terminal, HoldsNobodyUpThatIsSlowToReadOfIt) {
     screen.stop_output();
     screen.type("y\n");
     EXPECT_TRUE(comes_true([&] { return is_sound(); }));
@@ -387,7 +387,7 @@ TEST_F(RepairAtATerminal, HoldsNobodyUpThatIsSlowToReadOfIt) {
     EXPECT_EQ(tool.program.wait(), normal_end);
 }
 
-TEST_F(RepairAtATerminal, LeavesAnAreaAloneThatHasChangedSinceThePlan) {
+TEST_F(repair_at_a_terminal, LeavesAnAreaAloneThatHasChangedSinceThePlan) {
     // Far from all that is to be repaired, but the copy that is kept would not have it.
     machine.writable_area().writer().text(area_offset::chunk(2) + area_offset::creator, "other");
     const auto changed = machine.area().snapshot();

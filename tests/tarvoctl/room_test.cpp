@@ -42,7 +42,7 @@ void expect_a_sentence(const tool_outcome& outcome, const std::string& command) 
         << command << " ended with " << outcome.status << " and said nothing";
 }
 
-TEST(Room, ReadersSurviveAnAreaWhoseFileSystemIsFull) {
+TEST(room, ReadersSurviveAnAreaWhoseFileSystemIsFull) {
     room_of small("8m");
     run(small.machine, {"truncate", "-s", "70131712", area});
     run(small.machine,
@@ -58,7 +58,7 @@ TEST(Room, ReadersSurviveAnAreaWhoseFileSystemIsFull) {
                              "started the library on it\n");
 }
 
-TEST(Room, ReadersSayThatAnAreaIsCutShortAndWhatHelps) {
+TEST(room, ReadersSayThatAnAreaIsCutShortAndWhatHelps) {
     sandbox machine(simulation);
     machine.start({"alloc a 4096 me"}).finish();
     std::filesystem::resize_file(machine.shared_area(), 4096);
@@ -104,7 +104,7 @@ const std::vector<std::vector<std::string>> calls{{"alloc", "b", "4K"},
                                                   {"read", "a"},
                                                   {"dump"}};
 
-TEST(Refused, OnAnAreaThatIsCutShortChangesNoByte) {
+TEST(refused, OnAnAreaThatIsCutShortChangesNoByte) {
     sandbox machine(simulation);
     machine.start({"alloc a 4096 me"}).finish();
     std::filesystem::resize_file(machine.shared_area(), 4096);
@@ -114,7 +114,7 @@ TEST(Refused, OnAnAreaThatIsCutShortChangesNoByte) {
     }
 }
 
-TEST(Refused, OnASimulatedMemoryThatIsCutShortChangesNoByte) {
+TEST(refused, OnASimulatedMemoryThatIsCutShortChangesNoByte) {
     sandbox machine(simulation);
     machine.start({"alloc a 4096 me"}).finish();
     run(machine, {"truncate", "-s", "4096", "/var/tmp/tarvo"});
@@ -125,7 +125,7 @@ TEST(Refused, OnASimulatedMemoryThatIsCutShortChangesNoByte) {
     }
 }
 
-TEST(Refused, ForLackOfRoomInTheRegionChangesNoByteAndMakesNoFile) {
+TEST(refused, ForLackOfRoomInTheRegionChangesNoByteAndMakesNoFile) {
     sandbox machine(simulation);
     const auto before = tarvoctl(machine, {"alloc", "big", "1G"});
     EXPECT_EQ(before.status, 1);
@@ -138,7 +138,7 @@ TEST(Refused, ForLackOfRoomInTheRegionChangesNoByteAndMakesNoFile) {
     expect_refused_without_a_trace(machine, {"alloc", "a", "8K"}, 2, "there is a chunk 'a' of ");
 }
 
-TEST(Refused, OnAMemoryThatIsGoneFromUnderItsChunksMakesNoOther) {
+TEST(refused, OnAMemoryThatIsGoneFromUnderItsChunksMakesNoOther) {
     sandbox machine(simulation);
     machine.start({"alloc a 4096 me"}).finish();
     std::filesystem::remove(machine.memory_file());
@@ -147,7 +147,7 @@ TEST(Refused, OnAMemoryThatIsGoneFromUnderItsChunksMakesNoOther) {
                                    "chunk: what was in the chunks is lost");
 }
 
-TEST(Refused, WhereTheFolderOfALockOrAnAreaIsMissingOrReadOnlyMakesNothing) {
+TEST(refused, WhereTheFolderOfALockOrAnAreaIsMissingOrReadOnlyMakesNothing) {
     const std::vector<std::vector<std::string>> makers{
         {"alloc", "a", "4K"}, {"register", "03:00.0"}, {"iommu-map", "03:00.0"}};
     for (const auto& words : makers) {
@@ -189,7 +189,7 @@ std::string fix_for(sandbox& machine, const std::string& path, const std::string
     return "";
 }
 
-TEST(Room, DoctorSeesAFolderThatTakesNoNewFile) {
+TEST(room, DoctorSeesAFolderThatTakesNoNewFile) {
     sandbox machine(low);
     run(machine, {"mount", "-t", "tmpfs", "-o", "ro", "none", "/var/shmem"});
     const std::string fix = fix_for(machine, "/var/shmem", "takes no new file");
@@ -198,7 +198,7 @@ TEST(Room, DoctorSeesAFolderThatTakesNoNewFile) {
     EXPECT_EQ(tarvoctl(machine, {"doctor"}).status, 0);
 }
 
-TEST(Room, DoctorAsksForWhatTheAreaAndTheMemoryNeedBeforeAProgramEnds) {
+TEST(room, DoctorAsksForWhatTheAreaAndTheMemoryNeedBeforeAProgramEnds) {
     room_of small("8m");
     sandbox& machine = small.machine;
     const auto doctor = tarvoctl(machine, {"doctor"});
@@ -225,7 +225,7 @@ TEST(Room, DoctorAsksForWhatTheAreaAndTheMemoryNeedBeforeAProgramEnds) {
     EXPECT_EQ(whole.status, 0) << whole.errors;
 }
 
-TEST(Room, DoctorSaysOfABuiltAreaWithHolesThatItEndsPrograms) {
+TEST(room, DoctorSaysOfABuiltAreaWithHolesThatItEndsPrograms) {
     room_of small("140m");
     small.machine.start({"alloc a 4096 me"}).finish();
     run(small.machine, {"sh", "-c",
@@ -239,7 +239,7 @@ TEST(Room, DoctorSaysOfABuiltAreaWithHolesThatItEndsPrograms) {
         << doctor.output;
 }
 
-TEST(Room, AnAreaThatHasItsBlocksNeedsNoMore) {
+TEST(room, AnAreaThatHasItsBlocksNeedsNoMore) {
     room_of small("80m");
     small.machine.start({"alloc a 4096 me"}).finish();
     run(small.machine, {"sh", "-c", "head -c 20M /dev/zero >/var/tmp/filler; true"});
@@ -247,7 +247,7 @@ TEST(Room, AnAreaThatHasItsBlocksNeedsNoMore) {
     EXPECT_EQ(tarvoctl(small.machine, {"free", "a", "--force"}).status, 0);
 }
 
-TEST(Room, ACallWithoutRoomForTheAreaIsRefusedWithTheFix) {
+TEST(room, ACallWithoutRoomForTheAreaIsRefusedWithTheFix) {
     room_of small("8m");
     const auto outcome = tarvoctl(small.machine, {"alloc", "a", "4K"});
     EXPECT_EQ(outcome.status, 3);
@@ -260,7 +260,7 @@ TEST(Room, ACallWithoutRoomForTheAreaIsRefusedWithTheFix) {
     EXPECT_FALSE(run_program(small.machine, {"test", "-e", area}).status == 0);
 }
 
-TEST(Room, AnAreaThatIsCutShortIsNotGivenRoom) {
+TEST(room, AnAreaThatIsCutShortIsNotGivenRoom) {
     room_of small("140m");
     small.machine.start({"alloc a 4096 me"}).finish();
     run(small.machine, {"sh", "-c",
@@ -272,7 +272,7 @@ TEST(Room, AnAreaThatIsCutShortIsNotGivenRoom) {
     EXPECT_EQ(outcome.errors.find("remount"), std::string::npos) << outcome.errors;
 }
 
-TEST(Room, ARepairWithoutRoomForTheHolesSaysWhatHelps) {
+TEST(room, ARepairWithoutRoomForTheHolesSaysWhatHelps) {
     room_of small("140m");
     small.machine.start({"alloc a 4096 me"}).finish();
     const auto flag = std::to_string(area_offset::chunk(2) + area_offset::allocated);
@@ -288,7 +288,7 @@ TEST(Room, ARepairWithoutRoomForTheHolesSaysWhatHelps) {
     EXPECT_NE(outcome.errors.find("; mount -o remount,size="), std::string::npos) << outcome.errors;
 }
 
-TEST(Room, AChunkWithoutRoomIsRefusedBeforeItIsOnTheList) {
+TEST(room, AChunkWithoutRoomIsRefusedBeforeItIsOnTheList) {
     room_of small("80m");
     small.machine.start({"alloc a 4096 me"}).finish();
     const auto outcome = tarvoctl(small.machine, {"alloc", "b", "64M"});
@@ -298,7 +298,7 @@ TEST(Room, AChunkWithoutRoomIsRefusedBeforeItIsOnTheList) {
     EXPECT_EQ(json_of(tarvoctl(small.machine, {"list", "--json"})).at("chunks").size(), 1U);
 }
 
-TEST(Room, ACallThatEndsBySigbusSaysWhy) {
+TEST(room, ACallThatEndsBySigbusSaysWhy) {
     room_of small("96m");
     small.machine.start({"alloc a 16777216 me"}).finish();
     // Its pages go, and their room with them.

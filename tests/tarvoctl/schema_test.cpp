@@ -121,7 +121,7 @@ std::vector<nlohmann::json> watched(sandbox& machine, client& driver) {
     return printed;
 }
 
-TEST(Schema, EveryCommandKeepsToIt) {
+TEST(schema, EveryCommandKeepsToIt) {
     sandbox machine(high);
     const temporary_folder folder;
     const std::string before = folder.path() / "before";
@@ -185,7 +185,7 @@ const std::vector<std::vector<std::string>> failing{
     {"dump", "surplus"},
 };
 
-TEST(Schema, EveryFailureIsADocument) {
+TEST(schema, EveryFailureIsADocument) {
     sandbox machine(low, {"--rule", "op=map,errno=EIO"});
     machine.start().alloc("rx_ring", 0x1000);
     validator documents;
@@ -204,7 +204,7 @@ TEST(Schema, EveryFailureIsADocument) {
     EXPECT_EQ(documents.complaint(), "");
 }
 
-TEST(Schema, AFailureAfterADocumentThatCannotBeWrittenIsNoSecondOne) {
+TEST(schema, AFailureAfterADocumentThatCannotBeWrittenIsNoSecondOne) {
     sandbox machine(low);
     machine.start().alloc("rx_ring", 0x1000);
     const auto outcome =
@@ -214,7 +214,7 @@ TEST(Schema, AFailureAfterADocumentThatCannotBeWrittenIsNoSecondOne) {
               "tarvoctl: cannot write to standard output: No space left on device\n");
 }
 
-TEST(Schema, CompactIsADocumentALine) {
+TEST(schema, CompactIsADocumentALine) {
     sandbox machine(low);
     client driver = machine.start();
     driver.alloc("first", 0x1000);
@@ -228,7 +228,7 @@ TEST(Schema, CompactIsADocumentALine) {
     EXPECT_EQ(json_of(failed).at("error").at("kind"), "usage");
 }
 
-TEST(Schema, AnElementOfAListIsALine) {
+TEST(schema, AnElementOfAListIsALine) {
     sandbox machine(low);
     client driver = machine.start();
     for (int i = 0; i < 100; ++i) {
@@ -242,7 +242,7 @@ TEST(Schema, AnElementOfAListIsALine) {
         100);
 }
 
-TEST(Schema, AnUnknownLayoutIsAUsageError) {
+TEST(schema, AnUnknownLayoutIsAUsageError) {
     sandbox machine(low);
     const auto outcome = tarvoctl(machine, {"list", "--json=pretty"});
     EXPECT_EQ(outcome.status, 2);
@@ -250,7 +250,7 @@ TEST(Schema, AnUnknownLayoutIsAUsageError) {
               "tarvoctl: --json=pretty: unknown layout; there are --json and --json=compact\n");
 }
 
-TEST(Schema, ADocumentThatBreaksItIsNoticed) {
+TEST(schema, ADocumentThatBreaksItIsNoticed) {
     validator documents;
     documents.add({{"schema", 1},
                    {"command", "diff"},

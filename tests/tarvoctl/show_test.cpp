@@ -6,7 +6,7 @@ namespace show_test {
 
 namespace {
 
-TEST(Show, TellsAllOfAChunkItsNeighboursAndItsUsers) {
+TEST(show, TellsAllOfAChunkItsNeighboursAndItsUsers) {
     sandbox machine(high);
     client driver = machine.start();
     driver.alloc("below", 0x10000, "driver_a");
@@ -38,7 +38,7 @@ TEST(Show, TellsAllOfAChunkItsNeighboursAndItsUsers) {
     EXPECT_EQ(chunk.at("mappings").at(0).at("writable"), false);
 }
 
-TEST(Show, ShowsAllChunksOfThatName) {
+TEST(show, ShowsAllChunksOfThatName) {
     sandbox machine(low);
     client driver = machine.start();
     driver.alloc("twin", 0x1000);
@@ -52,7 +52,7 @@ TEST(Show, ShowsAllChunksOfThatName) {
     EXPECT_EQ(lines[5], "record     2");
 }
 
-TEST(Show, ReadsACopyWhoseChunksNobodyMaps) {
+TEST(show, ReadsACopyWhoseChunksNobodyMaps) {
     sandbox machine(low);
     client driver = machine.start();
     driver.alloc("chunk", 0x1000);
@@ -65,7 +65,7 @@ TEST(Show, ReadsACopyWhoseChunksNobodyMaps) {
     EXPECT_EQ(outcome.output.find("mapped by"), std::string::npos);
 }
 
-TEST(Show, ANameThatIsNotThereIsAUsageError) {
+TEST(show, ANameThatIsNotThereIsAUsageError) {
     sandbox machine(low);
     machine.start().alloc("chunk", 0x1000);
     const auto outcome = tarvoctl(machine, {"show", "chink"});

@@ -17,7 +17,7 @@ ending run(sandbox& machine, const std::string& words, std::string& errors) {
     return end;
 }
 
-TEST(Streams, WhatCannotBeWrittenIsTold) {
+TEST(streams, WhatCannotBeWrittenIsTold) {
     sandbox machine(low);
     const client driver = machine.start({"alloc a 1 me"});
     const temporary_folder folder;
@@ -34,7 +34,7 @@ TEST(Streams, WhatCannotBeWrittenIsTold) {
     }
 }
 
-TEST(Streams, AClosedInputIsNotWaitedFor) {
+TEST(streams, AClosedInputIsNotWaitedFor) {
     sandbox machine(low);
     const client driver = machine.start({"alloc a 1 me"});
     std::string errors;
@@ -42,7 +42,7 @@ TEST(Streams, AClosedInputIsNotWaitedFor) {
     EXPECT_EQ(errors, "tarvoctl: cannot read standard input: Bad file descriptor\n");
 }
 
-TEST(Streams, AClosedOutputIsOneThatCannotBeWritten) {
+TEST(streams, AClosedOutputIsOneThatCannotBeWritten) {
     sandbox machine(low);
     const client driver = machine.start({"alloc a 1 me"});
     std::string errors;
@@ -50,7 +50,7 @@ TEST(Streams, AClosedOutputIsOneThatCannotBeWritten) {
     EXPECT_EQ(errors, "tarvoctl: cannot write to standard output: Bad file descriptor\n");
 }
 
-TEST(Streams, MessagesNeverGoIntoTheMemory) {
+TEST(streams, MessagesNeverGoIntoTheMemory) {
     sandbox machine(simulation);
     machine.start().alloc("a", 0x1000);
     std::string errors;
@@ -63,14 +63,14 @@ TEST(Streams, MessagesNeverGoIntoTheMemory) {
     EXPECT_EQ(start.find("tarvo"), std::string::npos);
 }
 
-TEST(Streams, WithoutRoomForMessagesTheStatusTells) {
+TEST(streams, WithoutRoomForMessagesTheStatusTells) {
     sandbox machine(simulation);
     std::string errors;
     EXPECT_EQ(run(machine, "list 2>/dev/full", errors).status, 3);
     EXPECT_EQ(run(machine, "list --sort nothing 2>&-", errors).status, 2);
 }
 
-TEST(Streams, AWrongWordIsNamed) {
+TEST(streams, AWrongWordIsNamed) {
     sandbox machine(simulation);
     const std::vector<std::pair<std::vector<std::string>, std::string>> refused{
         {{"bogus"}, "unknown command 'bogus'; 'tarvoctl --help' lists the commands"},

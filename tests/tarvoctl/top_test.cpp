@@ -20,9 +20,9 @@ std::string plain(const std::string& output) {
 
 constexpr const char* on_the_way_out = "\x1b[?7h\x1b[?25h\x1b[?1049l";
 
-class Top : public ::testing::Test {
+class top_screen : public ::testing::Test {
   protected:
-    Top() {
+    top_screen() {
         driver.alloc("rx_ring", 0x10000, "driver");
         driver.alloc("big", 0x100000, "agent");
         driver.register_device(0, 3, 0);
@@ -33,7 +33,7 @@ class Top : public ::testing::Test {
     client driver = machine.start();
 };
 
-TEST_F(Top, PrintsOnePageWhereThereIsNoTerminal) {
+TEST_F(top_screen, PrintsOnePageWhereThereIsNoTerminal) {
     const auto outcome = tarvoctl(machine, {"top"});
     EXPECT_EQ(outcome.status, 0);
     const auto lines = lines_of(outcome.output);
@@ -55,13 +55,13 @@ TEST_F(Top, PrintsOnePageWhereThereIsNoTerminal) {
     EXPECT_EQ(lines[12], "0000:03:00.0  online       2");
 }
 
-TEST_F(Top, WithoutAnAreaAndATerminalItSaysSo) {
+TEST_F(top_screen, WithoutAnAreaAndATerminalItSaysSo) {
     sandbox empty(simulation);
     EXPECT_EQ(tarvoctl(empty, {"top"}).status, 3);
     EXPECT_FALSE(exists(empty.shared_area()));
 }
 
-TEST_F(Top, FillsTheScreenFollowsChangesAndEndsWithQ) {
+TEST_F(top_screen, FillsTheScreenFollowsChangesAndEndsWithQ) {
     terminal screen(24, 80);
     const termios before = screen.mode();
     running_tool top = screen.start(machine, {"top", "--interval", "0.05"});
@@ -77,7 +77,7 @@ TEST_F(Top, FillsTheScreenFollowsChangesAndEndsWithQ) {
     EXPECT_EQ(screen.mode().c_cc[VSUSP], before.c_cc[VSUSP]);
 }
 
-TEST_F(Top, GivesTheTerminalBackWhenASignalEndsIt) {
+TEST_F(top_screen, GivesTheTerminalBackWhenASignalEndsIt) {
     for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
         terminal screen(24, 80);
         const termios before = screen.mode();
@@ -90,7 +90,7 @@ TEST_F(Top, GivesTheTerminalBackWhenASignalEndsIt) {
     }
 }
 
-TEST_F(Top, FitsEveryPageIntoTheScreenAsItIsNow) {
+TEST_F(top_screen, FitsEveryPageIntoTheScreenAsItIsNow) {
     for (int i = 0; i < 40; ++i) {
         driver.alloc("chunk_" + std::to_string(i), 0x1000);
     }
@@ -118,7 +118,7 @@ std::string last_page(const std::string& output) {
     return plain(output.substr(output.rfind("\x1b[H")));
 }
 
-TEST_F(Top, ShowsChunksOnASmallScreenScrollsAndSorts) {
+TEST_F(top_screen, ShowsChunksOnASmallScreenScrollsAndSorts) {
     driver.free("big");
     driver.free("rx_ring");
     for (int i = 10; i < 40; ++i) {
@@ -153,7 +153,7 @@ TEST_F(Top, ShowsChunksOnASmallScreenScrollsAndSorts) {
     EXPECT_EQ(top.program.wait(), normal_end);
 }
 
-TEST_F(Top, ShowsEveryColumnOnANarrowScreen) {
+TEST_F(top_screen, ShowsEveryColumnOnANarrowScreen) {
     driver.alloc(std::string(49, 'n'), 0x200000, "somebody");
     terminal screen(10, 40);
     running_tool top = screen.start(machine, {"top", "--interval", "30"});
@@ -180,7 +180,7 @@ TEST_F(Top, ShowsEveryColumnOnANarrowScreen) {
     EXPECT_EQ(top.program.wait(), normal_end);
 }
 
-TEST_F(Top, TheFooterEndsWithTheWayOutAtEveryWidth) {
+TEST_F(top_screen, TheFooterEndsWithTheWayOutAtEveryWidth) {
     for (const auto& [width, footer] : std::vector<std::pair<unsigned short, std::string>>{
              {20, "q quit"},
              {30, "1-2 of 2 by size  q quit"},
@@ -194,7 +194,7 @@ TEST_F(Top, TheFooterEndsWithTheWayOutAtEveryWidth) {
     }
 }
 
-TEST_F(Top, ShowsTheLastPictureWhileTheLockIsTaken) {
+TEST_F(top_screen, ShowsTheLastPictureWhileTheLockIsTaken) {
     terminal screen(24, 100);
     running_tool top = screen.start(machine, {"top", "--interval", "0.05", "--timeout", "0.05"});
     screen.output_with("0000:03:00.0  online");
@@ -206,7 +206,7 @@ TEST_F(Top, ShowsTheLastPictureWhileTheLockIsTaken) {
     EXPECT_EQ(top.program.wait(), normal_end);
 }
 
-TEST_F(Top, NamesTheHolderOfALockThatItNeverGot) {
+TEST_F(top_screen, NamesTheHolderOfALockThatItNeverGot) {
     const held_lock held(machine.lock_file());
     terminal screen(24, 100);
     running_tool top = screen.start(machine, {"top", "--interval", "0.05", "--timeout", "0.05"});
@@ -215,7 +215,7 @@ TEST_F(Top, NamesTheHolderOfALockThatItNeverGot) {
     EXPECT_EQ(top.program.wait(), normal_end);
 }
 
-TEST(TopWithoutAnArea, WaitsForIt) {
+TEST(top_without_an_area, WaitsForIt) {
     sandbox machine(simulation);
     terminal screen(24, 80);
     running_tool top = screen.start(machine, {"top", "--interval", "0.05"});

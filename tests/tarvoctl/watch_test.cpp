@@ -24,7 +24,7 @@ std::string next_line(running_tool& watch) {
     return std::regex_replace(line, time, "");
 }
 
-TEST(Watch, TellsWhatSeveralProcessesDoUntilInterrupted) {
+TEST(watch, TellsWhatSeveralProcessesDoUntilInterrupted) {
     sandbox machine(low);
     client one = machine.start();
     client other = machine.start();
@@ -43,7 +43,7 @@ TEST(Watch, TellsWhatSeveralProcessesDoUntilInterrupted) {
     EXPECT_EQ(watch.program.error_text(), "");
 }
 
-TEST(Watch, WaitsForAnAreaAndNoticesThatItIsMadeAnew) {
+TEST(watch, WaitsForAnAreaAndNoticesThatItIsMadeAnew) {
     sandbox machine(simulation);
     running_tool watch = start_watch(machine);
     while (watch.program.error_text() != "tarvoctl: waiting for /var/tmp/tarvo_lib\n") {
@@ -61,7 +61,7 @@ TEST(Watch, WaitsForAnAreaAndNoticesThatItIsMadeAnew) {
     EXPECT_EQ(watch.end_by(SIGTERM), normal_end);
 }
 
-TEST(Watch, AnAreaThatWasReplacedIsAnotherOne) {
+TEST(watch, AnAreaThatWasReplacedIsAnotherOne) {
     sandbox machine(low);
     client driver = machine.start();
     driver.alloc("a", 0x1000, "one");
@@ -76,7 +76,7 @@ TEST(Watch, AnAreaThatWasReplacedIsAnotherOne) {
     EXPECT_EQ(watch.end_by(SIGTERM), normal_end);
 }
 
-TEST(Watch, GivesALineOfJsonForEachChange) {
+TEST(watch, GivesALineOfJsonForEachChange) {
     sandbox machine(high);
     client driver = machine.start();
     driver.limits();
@@ -100,7 +100,7 @@ TEST(Watch, GivesALineOfJsonForEachChange) {
     watch.end_by(SIGINT);
 }
 
-TEST(Watch, ListsThatCannotBeReadAreNotTakenForFreedChunks) {
+TEST(watch, ListsThatCannotBeReadAreNotTakenForFreedChunks) {
     sandbox machine(low);
     client driver = machine.start();
     driver.alloc("a", 0x1000);
@@ -117,7 +117,7 @@ TEST(Watch, ListsThatCannotBeReadAreNotTakenForFreedChunks) {
     watch.end_by(SIGINT);
 }
 
-TEST(Watch, ALockThatStaysTakenIsToldOnceAndWaitedFor) {
+TEST(watch, ALockThatStaysTakenIsToldOnceAndWaitedFor) {
     sandbox machine(simulation);
     client driver = machine.start();
     driver.alloc("a", 0x1000);
@@ -140,7 +140,7 @@ TEST(Watch, ALockThatStaysTakenIsToldOnceAndWaitedFor) {
     watch.end_by(SIGINT);
 }
 
-TEST(Watch, HoldsNobodyUpWhileItsReaderIsSlow) {
+TEST(watch, HoldsNobodyUpWhileItsReaderIsSlow) {
     sandbox machine(simulation);
     client driver = machine.start();
     driver.limits();
@@ -155,7 +155,7 @@ TEST(Watch, HoldsNobodyUpWhileItsReaderIsSlow) {
     EXPECT_EQ(watch.end_by(SIGKILL), ended_by(SIGKILL));
 }
 
-TEST(Watch, WrongIntervalsAreUsageErrors) {
+TEST(watch, WrongIntervalsAreUsageErrors) {
     sandbox machine(low);
     for (const char* wrong : {"0", "-1", "x", "1e9"}) {
         EXPECT_EQ(tarvoctl(machine, {"watch", "--interval", wrong}).status, 2) << wrong;

@@ -32,9 +32,9 @@ std::vector<std::string> row_of(const tool_outcome& outcome, pid_t pid, const st
 
 using words = std::vector<std::string>;
 
-class WhoInWorld : public testing::TestWithParam<world> {};
+class who_in_world : public testing::TestWithParam<world> {};
 
-TEST_P(WhoInWorld, ShowsTheWindowAndAccessOfEachProcess) {
+TEST_P(who_in_world, ShowsTheWindowAndAccessOfEachProcess) {
     sandbox machine(GetParam());
     client driver = machine.start();
     client agent = machine.start();
@@ -66,7 +66,7 @@ std::string errors_beside(sandbox& machine, const std::string& others) {
         .errors;
 }
 
-TEST(Who, CountsOneProcessThatIsKeptFromRootInTheSingular) {
+TEST(who, CountsOneProcessThatIsKeptFromRootInTheSingular) {
     sandbox machine(simulation);
     machine.start({"alloc a 4096 me"}).finish();
     EXPECT_EQ(errors_beside(machine, ""), "tarvoctl: could not look into 1 process: 1 (sh); it is "
@@ -76,9 +76,9 @@ TEST(Who, CountsOneProcessThatIsKeptFromRootInTheSingular) {
               "from root on this machine\n");
 }
 
-INSTANTIATE_TEST_SUITE_P(EveryWorld, WhoInWorld, testing::ValuesIn(all_worlds()), world_name());
+INSTANTIATE_TEST_SUITE_P(EveryWorld, who_in_world, testing::ValuesIn(all_worlds()), world_name());
 
-TEST(Who, ShowsAMappingOfNeighboursForEachOfThem) {
+TEST(who, ShowsAMappingOfNeighboursForEachOfThem) {
     sandbox machine(low);
     client driver = machine.start();
     driver.alloc("left", pages(1));
@@ -93,7 +93,7 @@ TEST(Who, ShowsAMappingOfNeighboursForEachOfThem) {
               (words{"right", "all", own, "tarvo-client", "read,", "write"}));
 }
 
-TEST(Who, ShowsAMappingOfTheWholeRegionAsSuch) {
+TEST(who, ShowsAMappingOfTheWholeRegionAsSuch) {
     sandbox machine(high);
     client driver = machine.start();
     driver.alloc("rx_ring", pages(1));
@@ -111,7 +111,7 @@ TEST(Who, ShowsAMappingOfTheWholeRegionAsSuch) {
     EXPECT_EQ(document.at("stale").size(), 0U);
 }
 
-TEST(Who, ShowsMappingsThatOutliveTheirChunk) {
+TEST(who, ShowsMappingsThatOutliveTheirChunk) {
     sandbox machine(high);
     client driver = machine.start();
     client agent = machine.start();
@@ -131,7 +131,7 @@ TEST(Who, ShowsMappingsThatOutliveTheirChunk) {
     EXPECT_EQ(stale.at(0).at("size"), pages(4));
 }
 
-TEST(Who, OfOneChunkEndsWithAFindingWhenNobodyMapsIt) {
+TEST(who, OfOneChunkEndsWithAFindingWhenNobodyMapsIt) {
     sandbox machine(low);
     client driver = machine.start();
     driver.alloc("rx_ring", pages(1));
@@ -143,7 +143,7 @@ TEST(Who, OfOneChunkEndsWithAFindingWhenNobodyMapsIt) {
     EXPECT_EQ(with_all_seen(unmapped.output), "Mapped by nobody: stats\n");
 }
 
-TEST(Who, OfANameThatIsNotThereNamesSimilarOnes) {
+TEST(who, OfANameThatIsNotThereNamesSimilarOnes) {
     sandbox machine(low);
     client driver = machine.start();
     driver.alloc("rx_ring", pages(1));
@@ -158,7 +158,7 @@ TEST(Who, OfANameThatIsNotThereNamesSimilarOnes) {
               "tarvoctl: no chunk is called 'zzz'; 'tarvoctl list' shows those that exist\n");
 }
 
-TEST(Who, GivesEachMappingAsJson) {
+TEST(who, GivesEachMappingAsJson) {
     sandbox machine(high);
     client driver = machine.start();
     driver.alloc("rx_ring", pages(8));
@@ -176,7 +176,7 @@ TEST(Who, GivesEachMappingAsJson) {
     EXPECT_EQ(mapping.at("shared"), true);
 }
 
-TEST(Who, SaysWhichProcessesItCouldNotSee) {
+TEST(who, SaysWhichProcessesItCouldNotSee) {
     sandbox machine(low);
     client driver = machine.start();
     driver.alloc("rx_ring", pages(1));
@@ -194,7 +194,7 @@ TEST(Who, SaysWhichProcessesItCouldNotSee) {
     EXPECT_NE(std::find(unseen.begin(), unseen.end(), driver.pid()), unseen.end()) << text;
 }
 
-TEST(Who, DoesNotPassOffWhatItCouldNotSeeAsNobody) {
+TEST(who, DoesNotPassOffWhatItCouldNotSeeAsNobody) {
     sandbox machine(simulation);
     client driver = machine.start();
     driver.alloc("rx_ring", pages(1));
@@ -203,7 +203,7 @@ TEST(Who, DoesNotPassOffWhatItCouldNotSeeAsNobody) {
     EXPECT_EQ(outcome.output, "Mapped by nobody that can be seen: rx_ring\n");
 }
 
-TEST(Who, ShowsThoseWhoMapAMemoryThatWasRemoved) {
+TEST(who, ShowsThoseWhoMapAMemoryThatWasRemoved) {
     sandbox machine(simulation);
     client driver = machine.start();
     driver.alloc("rx_ring", pages(1));
@@ -229,7 +229,7 @@ TEST(Who, ShowsThoseWhoMapAMemoryThatWasRemoved) {
         << refused.errors;
 }
 
-TEST(Who, MakesNoFileWhereThereIsNoArea) {
+TEST(who, MakesNoFileWhereThereIsNoArea) {
     sandbox machine(simulation);
     EXPECT_EQ(tarvoctl(machine, {"who"}).status, 3);
     EXPECT_FALSE(exists(machine.shared_area()));
