@@ -3,7 +3,7 @@
 # the page that says where things are decided.
 set -euo pipefail
 
-rooms='src|include|tools|tests|examples|scripts|docs|man|cmake|packaging|python|completions|\.ci'
+rooms='src|include|kernel|tools|tests|examples|scripts|docs|man|cmake|packaging|python|completions|\.ci'
 missing=0
 
 complain() {

@@ -10,7 +10,7 @@ if ((${#patterns[@]} < 8)); then
     exit 1
 fi
 
-rooms=(src include tools tests examples bench python scripts cmake packaging man completions docs
+rooms=(src include kernel tools tests examples bench python scripts cmake packaging man completions docs
     README.md CONTRIBUTING.md CMakeLists.txt .ci)
 found=0
 for pattern in "${patterns[@]}"; do
