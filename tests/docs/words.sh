@@ -20,7 +20,7 @@ for pattern in "${patterns[@]}"; do
         echo "$page: the expression $pattern finds none of the words that the page names" >&2
         found=1
     fi
-    if grep -rnIiP --exclude="${page##*/}" --exclude="${0##*/}" -- "$pattern" "${rooms[@]}"; then
+    if grep -rnIiP --exclude={LICENSE,"${page##*/}","${0##*/}"} -- "$pattern" "${rooms[@]}"; then
         echo "^ see $page: $pattern" >&2
         found=1
     fi
