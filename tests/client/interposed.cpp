@@ -87,6 +87,15 @@ bool refuses_to_format(const char* name) {
     return watch::on() && watch::refuses(name);
 }
 
+int print(FILE* stream, const char* format, std::va_list arguments) {
+    return stream != stderr && refuses_to_format("fprintf") ? -1
+                                                            : vfprintf(stream, format, arguments);
+}
+
+int print_anew(char** text, const char* format, std::va_list arguments) {
+    return refuses_to_format("asprintf") ? -1 : vasprintf(text, format, arguments);
+}
+
 } // namespace
 
 extern "C" {
@@ -207,23 +216,37 @@ int fclose(FILE* stream) {
 }
 
 int fprintf(FILE* stream, const char* format, ...) {
-    if (stream != stderr && refuses_to_format("fprintf")) {
-        return -1;
-    }
     std::va_list arguments;
     va_start(arguments, format);
-    const int count = vfprintf(stream, format, arguments);
+    const int count = print(stream, format, arguments);
     va_end(arguments);
     return count;
 }
 
 int asprintf(char** ptr, const char* fmt, ...) noexcept {
-    if (refuses_to_format("asprintf")) {
-        return -1;
-    }
     std::va_list arguments;
     va_start(arguments, fmt);
-    const int count = vasprintf(ptr, fmt, arguments);
+    const int count = print_anew(ptr, fmt, arguments);
+    va_end(arguments);
+    return count;
+}
+
+// What the C library's headers make of the two where lengths are checked.
+
+int checked_fprintf(FILE* stream, int flag, const char* format, ...) __asm__("__fprintf_chk");
+int checked_fprintf(FILE* stream, int /*flag*/, const char* format, ...) {
+    std::va_list arguments;
+    va_start(arguments, format);
+    const int count = print(stream, format, arguments);
+    va_end(arguments);
+    return count;
+}
+
+int checked_asprintf(char** ptr, int flag, const char* fmt, ...) noexcept __asm__("__asprintf_chk");
+int checked_asprintf(char** ptr, int /*flag*/, const char* fmt, ...) noexcept {
+    std::va_list arguments;
+    va_start(arguments, fmt);
+    const int count = print_anew(ptr, fmt, arguments);
     va_end(arguments);
     return count;
 }

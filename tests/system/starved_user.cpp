@@ -300,7 +300,9 @@ void operator delete(void* memory, size_t /*bytes*/) noexcept {
     std::free(memory);
 }
 
-extern "C" int vasprintf(char** ptr, const char* f, std::va_list arg) noexcept {
+extern "C" {
+
+int vasprintf(char** ptr, const char* f, std::va_list arg) noexcept {
     if (memory_is_short()) {
         return -1;
     }
@@ -312,6 +314,15 @@ extern "C" int vasprintf(char** ptr, const char* f, std::va_list arg) noexcept {
     *ptr = static_cast<char*>(std::malloc(room));
     return std::vsnprintf(*ptr, room, f, arg);
 }
+
+// What the C library's headers make of it where lengths are checked.
+int checked_vasprintf(char** ptr, int flag, const char* f, std::va_list arg) noexcept
+    __asm__("__vasprintf_chk");
+int checked_vasprintf(char** ptr, int /*flag*/, const char* f, std::va_list arg) noexcept {
+    return vasprintf(ptr, f, arg);
+}
+
+} // extern "C"
 
 int main(int count, char** /*arguments*/) {
     const bool fed = count > 1;
