@@ -11,7 +11,7 @@ if ((${#patterns[@]} < 8)); then
 fi
 
 rooms=(src include kernel tools tests examples bench python scripts cmake packaging man completions docs
-    README.md CONTRIBUTING.md CMakeLists.txt .ci)
+    README.md CONTRIBUTING.md SECURITY.md CMakeLists.txt .ci)
 found=0
 for pattern in "${patterns[@]}"; do
     # Each finds what it is for: a row of the page has the words it warns of.

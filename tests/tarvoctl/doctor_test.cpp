@@ -5,6 +5,7 @@
 #include <filesystem>
 #include <fstream>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <utility>
 #include <vector>
 
@@ -195,6 +196,54 @@ TEST(doctor, WarnsOfLinks) {
     fs::create_symlink("nowhere", machine.lock_file());
     EXPECT_TRUE(examination(machine).says("error", "/var/tmp/tarvo_lock", "it is a link to nowhere",
                                           "rm /var/tmp/tarvo_lock"));
+}
+
+/// Gives the sandbox kernel settings of its own, by which it is protected from other users or not.
+void set_protection(sandbox& machine, const std::string& name, int level) {
+    const std::string script = "echo \"$2\" >\"/var/tmp/$1\" && "
+                               "mount --bind \"/var/tmp/$1\" \"/proc/sys/fs/$1\"";
+    const auto outcome =
+        run_program(machine, {"sh", "-c", script, "sh", name, std::to_string(level)});
+    ASSERT_EQ(outcome.status, 0) << outcome.errors;
+}
+
+constexpr const char* kernel_protections[]{"protected_symlinks", "protected_hardlinks",
+                                           "protected_fifos", "protected_regular"};
+
+TEST(doctor, NamesEachProtectionFromOtherUsersThatIsOff) {
+    sandbox machine(low);
+    for (const char* each : kernel_protections) {
+        set_protection(machine, each, 1);
+    }
+    EXPECT_TRUE(examination(machine).says("ok", "fs.protected_*", "of other users"));
+    for (const char* each : kernel_protections) {
+        set_protection(machine, each, 0);
+        const examination found(machine);
+        const std::string name = std::string("fs.") + each;
+        EXPECT_TRUE(
+            found.says("note", name, "is 0: where users are not trusted", "sysctl " + name + "=1"))
+            << found.shown();
+        EXPECT_FALSE(found.says("ok", "fs.protected_*", ""));
+        EXPECT_EQ(found.status(), 0) << found.shown();
+        set_protection(machine, each, 2);
+    }
+    EXPECT_TRUE(examination(machine).says("ok", "fs.protected_*", "of other users"));
+}
+
+/// Links that root would follow, and a FIFO that would keep it waiting, in the machine's own files.
+TEST(doctor, NamesWhatOtherUsersLeftInThePlaceOfAFile) {
+    sandbox machine(simulation);
+    const client user = machine.start({"alloc rx_ring 1 me"});
+    for (const fs::path& file : {machine.memory_file(), machine.shared_area()}) {
+        fs::rename(file, file.string() + "_real");
+        fs::create_symlink(file.filename().string() + "_real", file);
+        EXPECT_TRUE(examination(machine).says("warning", "/var/tmp/" + file.filename().string(),
+                                              "is a link, to", "end all programs that use it"));
+    }
+    fs::remove(machine.lock_file());
+    ASSERT_EQ(mkfifo(machine.lock_file().c_str(), 0666), 0);
+    EXPECT_TRUE(examination(machine).says("error", "/var/tmp/tarvo_lock", "is not a regular file",
+                                          "mv /var/tmp/tarvo_lock /var/tmp/tarvo_lock.old"));
 }
 
 TEST(doctor, SeesThatALeftOverFileSelectsSimulation) {

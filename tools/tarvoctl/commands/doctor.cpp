@@ -35,6 +35,7 @@ health_report examine() {
     diagnose_selection(here, report);
     diagnose_drivers(here, report);
     diagnose_files(here, report);
+    diagnose_protection(report);
     diagnose_area(here, report);
     diagnose_users(here, report);
     return report;

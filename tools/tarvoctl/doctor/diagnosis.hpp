@@ -48,6 +48,8 @@ class health_report {
 void diagnose_selection(const site& here, health_report& report);
 /// Presence, kind, owner, mode and size of every file and folder.
 void diagnose_files(const site& here, health_report& report);
+/// What the kernel lets other users do with files in /var/tmp.
+void diagnose_protection(health_report& report);
 /// The region driver, the IOMMU driver, and access to physical memory. Writes nothing.
 void diagnose_drivers(const site& here, health_report& report);
 /// The area: the rules of check, whether it is of this region, and whether its devices are online.
