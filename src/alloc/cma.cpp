@@ -1,3 +1,4 @@
+#include "shared/driver_lines.hpp"
 #include "shared/open.hpp"
 #include "shared/paths.hpp"
 #include "tarvo.h"
@@ -32,7 +33,7 @@ bool request_allocation(const char* name, uint32_t size) {
         return false;
     }
     char command[driver_line_bytes];
-    const int length = snprintf(command, sizeof command, "a %s %zx\n", name, size_t{size});
+    const int length = snprintf(command, sizeof command, allocate_format, name, size_t{size});
     const size_t bytes = std::min(static_cast<size_t>(length), sizeof command - 1);
     const ssize_t written = write(fileno(driver), command, bytes);
     const bool refused = written == -1 && errno != EEXIST;
@@ -52,15 +53,13 @@ uint64_t find_allocation(FILE* driver, const char* name, uint32_t size) {
         return cma_failure;
     }
     while (fgets(line, sizeof line, driver) != nullptr) {
-        char listed_name[driver_line_bytes];
-        unsigned long long listed_pa = 0;
-        unsigned long long listed_size = 0;
-        if (sscanf(line, "%s\t%llx\t%llx", listed_name, &listed_pa, &listed_size) != 3) {
+        allocation_line listed;
+        if (!parse(listed, line)) {
             fprintf(stderr, "Error parsing %s\n", paths::region_driver);
             return cma_failure;
         }
-        if (strcmp(listed_name, name) == 0 && listed_size == size) {
-            return listed_pa;
+        if (strcmp(listed.name, name) == 0 && listed.bytes == size) {
+            return listed.pa;
         }
     }
     return cma_failure;
@@ -86,7 +85,7 @@ int64_t free_cma_allocation(const char* name, uint32_t size) {
     if (driver == nullptr) {
         return -1;
     }
-    const int printed = fprintf(driver, "r %s %zx\n", name, size_t{size});
+    const int printed = fprintf(driver, release_format, name, size_t{size});
     if (printed < 0) {
         // The text of the negative result itself, not of errno.
         fprintf(stderr, "Error freeing CMA %s\n", strerror(printed));

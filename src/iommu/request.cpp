@@ -1,6 +1,7 @@
 #include "iommu/request.hpp"
 
 #include "assertion.hpp"
+#include "shared/driver_lines.hpp"
 #include "shared/open.hpp"
 #include "shared/paths.hpp"
 
@@ -34,9 +35,8 @@ struct request_line {
 /// Writes the line and returns 0, or the negative result of the write. An errno left by a failed
 /// write stays for the caller.
 int write_line(FILE* driver, const request_line& line) {
-    const int written =
-        fprintf(driver, "%s %d %d %d %llu %llu %lu %d\n", line.op, line.domain, line.bus,
-                line.devfn, line.start_pa, line.last_pa, line.start_dma, line.prot);
+    const int written = fprintf(driver, request_format, line.op, line.domain, line.bus, line.devfn,
+                                line.start_pa, line.last_pa, line.start_dma, line.prot);
     // A kernel without an IOMMU answers ENOSYS to everything: every request is then a success.
     if (written >= 0 || errno == ENOSYS) {
         return 0;
