@@ -51,8 +51,18 @@ INSTANTIATE_TEST_SUITE_P(
     [](const auto& tested) { return std::string{tested.param.name}; });
 
 TEST(driver, TakesSignedNumbersWhereTheyAreSigned) {
-    EXPECT_EQ(iommu_answers({}, {"map -1 3 0 18446744073709551615 2 4294967295 -2\n"}),
-              "open ok\nwrite 48\nclose ok\n");
+    EXPECT_EQ(iommu_answers({}, {"map -1 3 0 2147483648 2147487743 268435456 -2\n"}),
+              "open ok\nwrite 46\nclose ok\n");
+}
+
+TEST(driver, RefusesRangesThatNoDeviceCanHave) {
+    const std::string last_below_first = "map 0 3 0 2147487744 2147483648 2147487744 3\n";
+    const std::string before_the_region = "map 0 3 0 2147479552 2147487743 2147479552 3\n";
+    const std::string past_its_end = "unmap 0 3 0 2415915008 2415923199 2415915008 3\n";
+    const std::string dma_end_beyond_32_bits = "map 0 3 0 2147483648 2147491839 4294963200 3\n";
+    EXPECT_EQ(iommu_answers(
+                  {}, {last_below_first, before_the_region, past_its_end, dma_end_beyond_32_bits}),
+              "open ok\nwrite EINVAL\nwrite EINVAL\nwrite EINVAL\nwrite EINVAL\nclose ok\n");
 }
 
 TEST(driver, RefusesCommandsWhereTheRegionIsNotCma) {
@@ -64,6 +74,12 @@ TEST(driver, RefusesInvalidCmaCommands) {
         cma_answers({}, {"b x 1000\n", "a x\n", "a x 1000", "a x g\n", "a  1000\n", "a x 0\n"}),
         "open ok\nwrite EINVAL\nwrite EINVAL\nwrite EINVAL\nwrite EINVAL\nwrite EINVAL\n"
         "write EINVAL\nclose ok\n");
+}
+
+TEST(driver, RefusesACmaNameThatALineCannotList) {
+    const auto end =
+        run_script({"--world", "cma"}, "printf 'a x\\0y 1000\\n' >/proc/tarvo; cat /proc/tarvo");
+    EXPECT_EQ(end.output, "100000000\t13fffffff\t0\tCMA\n");
 }
 
 TEST(driver, AnswersExistingUnknownAndTooLarge) {
@@ -120,18 +136,22 @@ TEST(rule, AtCloseLooksAtTheLineWrittenLast) {
 }
 
 TEST(rule, DevicePicksThePciDevice) {
-    const words lines{"map 0 3 0 1 2 3 3\n", "map 0 3 1 1 2 3 3\n", "map 1 26 255 1 2 3 3\n"};
+    const std::string range = " 2147483648 2147487743 0 3\n";
+    const words lines{"map 0 3 0" + range, "map 0 3 1" + range, "map 1 26 255" + range};
     EXPECT_EQ(iommu_answers({"device=0000:03:00.1,errno=ENODEV"}, lines),
-              "open ok\nwrite 18\nwrite ENODEV\nwrite 21\nclose ok\n");
+              "open ok\nwrite 36\nwrite ENODEV\nwrite 39\nclose ok\n");
     EXPECT_EQ(iommu_answers({"device=0001:1a:1f.7,errno=ENODEV"}, lines),
-              "open ok\nwrite 18\nwrite 18\nwrite ENODEV\nclose ok\n");
+              "open ok\nwrite 36\nwrite 36\nwrite ENODEV\nclose ok\n");
 }
 
 TEST(rule, RangePicksByTheFirstAddressEndsIncluded) {
-    EXPECT_EQ(iommu_answers({"range=0x10-0x20,errno=EIO"},
-                            {"map 0 3 0 15 99 0 3\n", "map 0 3 0 16 99 0 3\n",
-                             "map 0 3 0 32 99 0 3\n", "map 0 3 0 33 99 0 3\n"}),
-              "open ok\nwrite 20\nwrite EIO\nwrite EIO\nwrite 20\nclose ok\n");
+    const auto from = [](const std::string& first) {
+        return "map 0 3 0 " + first + " 2147491839 0 3\n";
+    };
+    EXPECT_EQ(iommu_answers(
+                  {"range=0x80000010-0x80000020,errno=EIO"},
+                  {from("2147483663"), from("2147483664"), from("2147483680"), from("2147483681")}),
+              "open ok\nwrite 36\nwrite EIO\nwrite EIO\nwrite 36\nclose ok\n");
 }
 
 TEST(rule, NamePicksTheCmaChunk) {

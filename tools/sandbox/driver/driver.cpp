@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <limits>
 
 namespace sandbox {
 
@@ -27,10 +28,20 @@ int error_of(const rule* answering) {
     return refused == nullptr ? 0 : refused->error;
 }
 
+bool lies_in(const request& asked, const region& served) {
+    return served.first_pa <= asked.start_pa && asked.start_pa <= asked.end_pa &&
+           asked.end_pa <= served.last_pa;
+}
+
+/// Whether the whole range can be seen by 32-bit addresses.
+bool has_dma_addresses(const request& asked) {
+    return asked.end_pa - asked.start_pa <= std::numeric_limits<uint32_t>::max() - asked.start_dma;
+}
+
 } // namespace
 
 driver::driver(const std::optional<region>& served, std::string region_line, event_log log)
-    : _region_line{std::move(region_line)}, _log{std::move(log)} {
+    : _region{served}, _region_line{std::move(region_line)}, _log{std::move(log)} {
     if (served && served->is_cma()) {
         _cma.emplace(served->first_pa, served->last_pa);
     }
@@ -57,13 +68,17 @@ int driver::carry_out_cma(const request& asked, const rule* answering) {
                           handed_out == nullptr ? std::nullopt : std::optional{handed_out->pa});
 }
 
+/// Whether a range is mapped already is for the IOMMU to check, not for its driver.
+int driver::carry_out_iommu(const request& asked) const {
+    return (!_region || lies_in(asked, *_region)) && has_dma_addresses(asked) ? 0 : EINVAL;
+}
+
 int driver::carry_out(driver_file file, const request* asked, const rule* answering) {
     if (asked == nullptr) {
         return EINVAL;
     }
-    // Whether a range is mapped already is for the IOMMU to check, not for its driver.
     if (file == driver_file::sysfs) {
-        return 0;
+        return carry_out_iommu(*asked);
     }
     return _cma ? carry_out_cma(*asked, answering) : EINVAL;
 }

@@ -46,8 +46,10 @@ class driver {
 
   private:
     int carry_out(driver_file file, const request* asked, const rule* answering);
+    int carry_out_iommu(const request& asked) const;
     int carry_out_cma(const request& asked, const rule* answering);
 
+    std::optional<region> _region;
     std::string _region_line;
     std::optional<cma_table> _cma;
     rule_book _rules;

@@ -52,7 +52,7 @@ std::optional<request> parse_iommu_request(std::string_view line) {
     if (!op || !domain || !bus || !devfn || !start_pa || !end_pa || !start_dma || !prot) {
         return std::nullopt;
     }
-    return request{*op, {*domain, *bus, *devfn}, *start_pa, {}, 0};
+    return request{*op, {*domain, *bus, *devfn}, *start_pa, *end_pa, *start_dma, {}, 0};
 }
 
 std::optional<operation> cma_operation(std::string_view word) {
@@ -66,7 +66,8 @@ std::optional<operation> cma_operation(std::string_view word) {
 }
 
 bool is_cma_name(std::string_view word) {
-    return !word.empty() && word.find_first_of("\t\n\v\f\r") == std::string_view::npos;
+    constexpr std::string_view ends_a_field{"\0\t\n\v\f\r", 6};
+    return !word.empty() && word.find_first_of(ends_a_field) == std::string_view::npos;
 }
 
 /// OP NAME SIZE, the size in hexadecimal without prefix
@@ -80,7 +81,7 @@ std::optional<request> parse_cma_command(std::string_view line) {
     if (!op || !is_cma_name(fields[1]) || !size_bytes || *size_bytes == 0) {
         return std::nullopt;
     }
-    return request{*op, {}, 0, std::string{fields[1]}, *size_bytes};
+    return request{*op, {}, 0, 0, 0, std::string{fields[1]}, *size_bytes};
 }
 
 } // namespace

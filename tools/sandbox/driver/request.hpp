@@ -22,11 +22,14 @@ struct pci_device {
     bool operator==(const pci_device&) const = default;
 };
 
-/// One well-formed line. device and start_pa belong to map and unmap, the rest to the CMA commands.
+/// One well-formed line. The device and its range belong to map and unmap, the rest to the CMA
+/// commands.
 struct request {
     operation op = operation::map;
     pci_device device;
     uint64_t start_pa = 0;
+    uint64_t end_pa = 0; ///< as the line gives it
+    uint32_t start_dma = 0;
     std::string name;
     uint64_t size_bytes = 0;
 };
