@@ -42,7 +42,7 @@ install(FILES
 # Tools. They find the library beside them; below /usr the system does that, and is not to be
 # overruled.
 file(RELATIVE_PATH libraries_from_tools /${CMAKE_INSTALL_BINDIR} /${CMAKE_INSTALL_LIBDIR})
-foreach(tool tarvo-sandbox tarvoctl)
+foreach(tool tarvo-driver-check tarvo-sandbox tarvoctl)
     if(TARGET ${tool})
         install(TARGETS ${tool} COMPONENT tools)
         if(NOT CMAKE_INSTALL_PREFIX STREQUAL "/usr")
@@ -70,7 +70,7 @@ install_matching(${CMAKE_INSTALL_DATADIR}/zsh/site-functions tools completions/z
 install_matching(${CMAKE_INSTALL_DATADIR}/fish/vendor_completions.d tools completions/fish/*)
 install_matching(${CMAKE_INSTALL_DATADIR}/tarvo tools tools/tarvoctl/*.schema.json)
 install_matching(${CMAKE_INSTALL_DOCDIR}/examples tools packaging/*.rules)
-install_matching(${CMAKE_INSTALL_DOCDIR} tools docs/hardware.md)
+install_matching(${CMAKE_INSTALL_DOCDIR} tools docs/driver.md docs/hardware.md)
 install(DIRECTORY examples DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT development
     FILES_MATCHING PATTERN "*.[ch]" PATTERN "*.[ch]pp" PATTERN "*.py" PATTERN "__pycache__" EXCLUDE)
 install(FILES LICENSE DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT runtime)

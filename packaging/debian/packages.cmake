@@ -72,9 +72,9 @@ libtarvo hands out named chunks of one reserved, physically contiguous
 memory region to all processes of a machine.
 
 This package contains tarvoctl, which shows, checks, repairs and changes
-what is in the region, and tarvo-sandbox, which runs a command on a machine
+what is in the region, tarvo-sandbox, which runs a command on a machine
 that seems to have the kernel driver, so that programs can be tried and
-tested without it.]])
+tested without it, and tarvo-driver-check, which checks such a driver.]])
 
 if(TARVO_PYTHON_DIR)
     list(APPEND CPACK_COMPONENTS_ALL python)

@@ -40,9 +40,9 @@ make_packages() {
     local tree=$scratch/tree
     quietly cmake -S "$source_dir" -B "$tree" -G Ninja -DCMAKE_INSTALL_PREFIX=/usr \
         -DCMAKE_BUILD_TYPE="$TARVO_BUILD_TYPE" -DTARVO_COMPLETE=ON -DBUILD_TESTING=OFF
-    cp -a "$TARVO_BUILD"/{libtarvo.so*,tarvo-sandbox,tarvoctl} "$tree"
+    cp -a "$TARVO_BUILD"/{libtarvo.so*,tarvo-driver-check,tarvo-sandbox,tarvoctl} "$tree"
     # Where the tools find the library in the build they come from, which that one does not know.
-    printf 'file(RPATH_REMOVE FILE "%s")\n' "$tree"/{tarvo-sandbox,tarvoctl} >"$tree/remove.cmake"
+    printf 'file(RPATH_REMOVE FILE "%s")\n' "$tree"/{tarvo-driver-check,tarvo-sandbox,tarvoctl} >"$tree/remove.cmake"
     quietly cmake -P "$tree/remove.cmake"
     rm -rf "$1"
     quietly cpack --config "$tree/CPackConfig.cmake" -G DEB -B "$1"
