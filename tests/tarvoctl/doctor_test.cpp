@@ -525,6 +525,39 @@ TEST(doctor_fix, OfAMissingMemoryMakesItsFile) {
     EXPECT_EQ(examination(machine).status(), 0);
 }
 
+/// A memory device that refuses root, on a kernel that is locked down.
+void lock_down(sandbox& machine) {
+    machine.add_rules({"file=proc,op=open-write,errno=EPERM"});
+    carry_out(machine, "mount -t tmpfs security /sys/kernel/security && "
+                       "echo 'none [integrity] confidentiality' >/sys/kernel/security/lockdown && "
+                       "mount --bind /proc/tarvo /dev/mem");
+}
+
+TEST(doctor_fix, UnderLockdownIsADeviceOfTheDrivers) {
+    sandbox machine(low);
+    lock_down(machine);
+    const examination found(machine);
+    const std::string bound = "mount --bind /dev/tarvo_mem /dev/mem";
+    EXPECT_TRUE(found.says("error", "/dev/mem",
+                           "opening refused: Operation not permitted: the kernel is locked down "
+                           "(integrity), and refuses it to root as well",
+                           bound))
+        << found.shown();
+    const auto refused = tarvoctl(machine, {"alloc", "rx_ring", "4096"});
+    EXPECT_TRUE(contains(refused.errors, "the kernel is locked down (integrity)"))
+        << refused.errors;
+    EXPECT_TRUE(contains(refused.errors, bound)) << refused.errors;
+    EXPECT_FALSE(contains(refused.errors, "run it as root")) << refused.errors;
+}
+
+TEST(doctor_fix, OfAMemoryThatRefusesRootWithoutLockdownIsACapability) {
+    sandbox machine(low);
+    lock_down(machine);
+    carry_out(machine, "umount /sys/kernel/security");
+    EXPECT_EQ(examination(machine).fix("/dev/mem", "opening refused: Operation not permitted"),
+              "run with CAP_SYS_RAWIO");
+}
+
 TEST(doctor_fix, OfNoIommuIsNoneInASimulation) {
     sandbox machine(simulation, {"--without", "sysfs"});
     const examination found(machine);

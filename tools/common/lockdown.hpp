@@ -1,11 +1,20 @@
 #pragma once
 
 #include <fstream>
+#include <optional>
 #include <string>
 
-/// Whether the kernel is locked down, as with Secure Boot: it then refuses /dev/mem to everybody.
-inline bool is_locked_down() {
+/// How far the kernel is locked down, as it is with Secure Boot: "integrity" or "confidentiality",
+/// nothing where it is not. It then refuses /dev/mem to everybody, root included.
+inline std::optional<std::string> lockdown_level() {
     std::ifstream file{"/sys/kernel/security/lockdown"};
     std::string levels; // the one in force between brackets: "none [integrity] confidentiality"
-    return std::getline(file, levels) && levels.find("[none]") == std::string::npos;
+    std::getline(file, levels);
+    const auto first = levels.find('[');
+    const auto last = levels.find(']');
+    if (first == std::string::npos || last == std::string::npos || last < first) {
+        return std::nullopt;
+    }
+    const std::string level = levels.substr(first + 1, last - first - 1);
+    return level == "none" ? std::nullopt : std::optional{level};
 }

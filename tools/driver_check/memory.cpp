@@ -23,7 +23,10 @@ unique_fd open_memory() {
         const int error = errno;
         throw breach{fmt::format("{} cannot be opened for reading and writing: {}{}",
                                  paths::physical_memory, error_text(error),
-                                 error == EPERM && is_locked_down() ? ", by kernel lockdown" : "")};
+                                 error == EPERM && lockdown_level()
+                                     ? "; the kernel is locked down, so bind a memory device of "
+                                       "the driver's over it"
+                                     : "")};
     }
     return memory;
 }

@@ -2,6 +2,7 @@
 #include "common/quantities.hpp"
 #include "common/unique_fd.hpp"
 #include "doctor/diagnosis.hpp"
+#include "host/memory_refusal.hpp"
 #include "output/text.hpp"
 #include "shared/paths.hpp"
 #include "shared/region_line.hpp"
@@ -86,25 +87,8 @@ void diagnose_region_line(health_report& report) {
 constexpr const char* reserve_region =
     "reserve the region so that it is not system memory (memmap= or the device tree) and is "
     "claimed "
-    "by no driver, or boot with iomem=relaxed; switch lockdown off";
-constexpr const char* is_policy =
-    ", which is the kernel's policy (CONFIG_STRICT_DEVMEM, or lockdown)";
-
-std::string fix_for_opening(int error) {
-    switch (error) {
-    case ENOENT:
-        return fmt::format("mknod -m 0600 {} c 1 1", paths::physical_memory);
-    case ENXIO:
-    case ENODEV:
-        return "boot a kernel with CONFIG_DEVMEM=y";
-    case EPERM:
-        return "run with CAP_SYS_RAWIO, and switch lockdown off";
-    case EACCES:
-        return "run as root";
-    default:
-        return fmt::format("mv {0} {0}.old && mknod -m 0600 {0} c 1 1", paths::physical_memory);
-    }
-}
+    "by no driver, or boot with iomem=relaxed";
+constexpr const char* is_policy = ", which is the kernel's policy (CONFIG_STRICT_DEVMEM)";
 
 std::string fix_for_mapping(int error) {
     return error == EPERM ? reserve_region
@@ -116,9 +100,9 @@ std::string fix_for_mapping(int error) {
 void diagnose_memory_access(const site& here, health_report& report) {
     const unique_fd memory{::open(paths::physical_memory, O_RDWR | O_CLOEXEC)};
     if (!memory) {
-        const int error = errno;
-        report.add(verdict::error, paths::physical_memory,
-                   fmt::format("opening refused: {}", error_text(error)), fix_for_opening(error));
+        const memory_refusal refusal = refusal_of_memory(errno);
+        report.add(verdict::error, paths::physical_memory, "opening refused: " + refusal.text,
+                   refusal.fix);
         return;
     }
     if (!here.driver) {

@@ -6,6 +6,7 @@
 #include "host/area_source.hpp"
 #include "host/file_shortage.hpp"
 #include "host/folder_fault.hpp"
+#include "host/memory_refusal.hpp"
 #include "library/library_call.hpp"
 #include "output/place_text.hpp"
 #include "output/text.hpp"
@@ -45,11 +46,14 @@ void check_file(const std::string& path, int access, missing_file when_missing) 
     }
     const int number = errno;
     const bool forbidden = number == EACCES || number == EPERM;
+    const memory_refusal refusal =
+        path == paths::physical_memory && forbidden
+            ? refusal_of_memory(number)
+            : memory_refusal{error_text(number), forbidden ? run_as_root : "see 'tarvoctl doctor'"};
     throw failure{exit_status::unreadable,
                   fmt::format("cannot open {} for {}: {}; {}", path,
-                              access == O_RDWR ? "reading and writing" : "reading",
-                              error_text(number),
-                              forbidden ? run_as_root : "see 'tarvoctl doctor'")};
+                              access == O_RDWR ? "reading and writing" : "reading", refusal.text,
+                              refusal.fix)};
 }
 
 void require_possible_region(const site& here) {
