@@ -53,9 +53,10 @@ endforeach()
 
 # What there is of text, by its kind. A folder is asked again whenever something is built.
 set(python_manual ${PROJECT_SOURCE_DIR}/man/tarvo_py.3) # comes with the Python package
+set(driver_manual ${PROJECT_SOURCE_DIR}/man/tarvo-dkms.8) # comes with the driver
 function(install_matching destination component)
     file(GLOB_RECURSE files CONFIGURE_DEPENDS ${ARGN})
-    list(REMOVE_ITEM files ${python_manual})
+    list(REMOVE_ITEM files ${python_manual} ${driver_manual})
     install(FILES ${files} DESTINATION ${destination} COMPONENT ${component})
 endfunction()
 
@@ -69,7 +70,7 @@ install_matching(${CMAKE_INSTALL_DATADIR}/bash-completion/completions tools comp
 install_matching(${CMAKE_INSTALL_DATADIR}/zsh/site-functions tools completions/zsh/*)
 install_matching(${CMAKE_INSTALL_DATADIR}/fish/vendor_completions.d tools completions/fish/*)
 install_matching(${CMAKE_INSTALL_DATADIR}/tarvo tools tools/tarvoctl/*.schema.json)
-install_matching(${CMAKE_INSTALL_DOCDIR}/examples tools packaging/*.rules)
+install_matching(${CMAKE_INSTALL_DOCDIR}/examples tools packaging/60-tarvo-mem.rules)
 install_matching(${CMAKE_INSTALL_DOCDIR} tools docs/driver.md docs/hardware.md)
 install(DIRECTORY examples DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT development
     FILES_MATCHING PATTERN "*.[ch]" PATTERN "*.[ch]pp" PATTERN "*.py" PATTERN "__pycache__" EXCLUDE)
@@ -104,3 +105,5 @@ if(TARVO_PYTHON_DIR)
 else()
     tarvo_left_out("installing the Python package" python3)
 endif()
+
+include(cmake/dkms.cmake)

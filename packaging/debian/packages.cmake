@@ -28,7 +28,7 @@ set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
 # Where the tools' library is found while packages are made; none of them has it yet.
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${PROJECT_BINARY_DIR})
 
-set(CPACK_COMPONENTS_ALL runtime development tools)
+set(CPACK_COMPONENTS_ALL runtime development tools dkms)
 
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME libtarvo0)
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION libs)
@@ -75,6 +75,31 @@ This package contains tarvoctl, which shows, checks, repairs and changes
 what is in the region, tarvo-sandbox, which runs a command on a machine
 that seems to have the kernel driver, so that programs can be tried and
 tested without it, and tarvo-driver-check, which checks such a driver.]])
+
+set(CPACK_DEBIAN_DKMS_PACKAGE_NAME tarvo-dkms)
+set(CPACK_DEBIAN_DKMS_PACKAGE_SECTION kernel)
+set(CPACK_DEBIAN_DKMS_PACKAGE_ARCHITECTURE all)
+set(CPACK_DEBIAN_DKMS_PACKAGE_DEPENDS "dkms (>= 3.0), kmod")
+set(CPACK_DEBIAN_DKMS_PACKAGE_RECOMMENDS "libtarvo0, linux-headers-amd64 | linux-headers-generic")
+set(CPACK_DEBIAN_DKMS_PACKAGE_SUGGESTS "mokutil, tarvo-tools")
+foreach(script postinst prerm)
+    configure_file(${here}/tarvo-dkms/${script}.in dkms/${script} @ONLY
+        FILE_PERMISSIONS OWNER_READ OWNER_WRITE OWNER_EXECUTE
+            GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
+endforeach()
+set(CPACK_DEBIAN_DKMS_PACKAGE_CONTROL_EXTRA
+    ${here}/tarvo-dkms/conffiles
+    ${PROJECT_BINARY_DIR}/dkms/postinst ${PROJECT_BINARY_DIR}/dkms/prerm)
+set(CPACK_DEBIAN_DKMS_DESCRIPTION [[
+named chunks of one DMA region, shared by processes (kernel driver)
+libtarvo hands out named chunks of one reserved, physically contiguous
+memory region to all processes of a machine, with the DMA addresses that
+devices are given.
+
+This package contains the sources of the kernel driver that it speaks to on
+hardware. DKMS builds the module for each kernel whose headers are
+installed; once a region is named in /etc/modprobe.d/tarvo.conf it is loaded
+before the services of the machine start.]])
 
 if(TARVO_PYTHON_DIR)
     list(APPEND CPACK_COMPONENTS_ALL python)

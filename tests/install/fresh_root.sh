@@ -1,12 +1,13 @@
 #!/usr/bin/env bash
-# fresh_root.sh FOLDER: installs the packages there into a machine that has never had any of this,
-# and uses them in it. That machine is this one's root with a layer of memory above it, which takes
+# fresh_root.sh FOLDER SCRIPT: runs the script beside this one in a machine that has never had any of
+# this, with the packages of the folder in /tmp/packages. That machine is this one's root with a layer of memory above it, which takes
 # every change and is gone at the end: Debian's tools and what they know of dependencies are real,
 # and nothing here is touched. The sources and the build cannot be seen from there.
 # shellcheck source=tests/install/common.sh
 source "$(dirname "$0")/common.sh"
 
 packages=$1
+script=$2
 if ((EUID != 0)); then
     fail "This test needs root: installing a package writes where root alone may. A user namespace" \
         "does not help, because in it the files of this machine's root belong to nobody." \
@@ -28,7 +29,7 @@ set_up_root() {
         [[ ! -d $1$hidden ]] || mount -t tmpfs hidden "$1$hidden"
     done
     cp -r "$packages" "$1/tmp/packages"
-    cp -r "$here/user" "$here/in_fresh_root.sh" "$1/tmp"
+    cp -r "$here/user" "$here"/*fresh_root*.sh "$1/tmp"
 }
 
 run_in_root() {
@@ -38,9 +39,9 @@ run_in_root() {
     umount --lazy mnt
     exec chroot . /usr/bin/env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin HOME=/root \
         LC_ALL=C.UTF-8 DEBIAN_FRONTEND=noninteractive \
-        bash /tmp/in_fresh_root.sh "$TARVO_VERSION"
+        bash "/tmp/$script" "$TARVO_VERSION"
 }
 export -f set_up_root run_in_root fail
-export scratch source_dir here packages
+export scratch source_dir here packages script
 
 unshare --mount --propagation private --pid --fork --kill-child bash -euo pipefail -c run_in_root

@@ -1,9 +1,9 @@
 #!/usr/bin/env bash
 # in_fresh_root.sh VERSION: run by fresh_root.sh, inside, with the packages in
 # /tmp/packages.
-set -euo pipefail
+# shellcheck source=tests/install/fresh_root_common.sh
+source "$(dirname "$0")/fresh_root_common.sh"
 version=$1
-cd /tmp
 
 names=(libtarvo0 libtarvo-dev tarvo-tools python3-tarvo)
 files=()
@@ -11,35 +11,11 @@ for name in "${names[@]}"; do
     files+=("$(echo "packages/$name"_*.deb)")
 done
 
-fail() {
-    echo "$*" >&2
-    exit 1
-}
-
-quietly() {
-    "$@" >said 2>&1 || {
-        cat said >&2
-        fail "failed: $*"
-    }
-}
-
-expect() { # WHAT WANTED COMMAND...
-    local what=$1 wanted=$2 printed
-    shift 2
-    printed=$("$@") || fail "$what: failed: $*"
-    [[ $printed == "$wanted" ]] || fail "$what: '$printed' instead of '$wanted'"
-}
-
-files_of_ours() {
-    find /etc /usr /var -xdev -name '*tarvo*' ! -path '/var/lib/dpkg/*' ! -path '/var/tmp/*'
-}
-
-# As if none of it had ever been here, and no documents were left out to save room.
+# As if none of it had ever been here.
 forget_earlier_installations() {
     dpkg --purge --force-depends "${names[@]}" >/dev/null 2>&1
     rm -rf /var/shmem /run/lock/subsys
-    rm -f /var/lib/man-db/auto-update # an index of all manuals takes long and helps nobody here
-    find /etc/dpkg/dpkg.cfg.d -type f -exec sed -i '/^path-exclude/d' {} +
+    keep_documents
     expect "files that are there before" "" files_of_ours
 }
 

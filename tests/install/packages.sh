@@ -4,6 +4,6 @@
 source "$(dirname "$0")/common.sh"
 
 make_packages "$1"
-for package in libtarvo0 libtarvo-dev tarvo-tools python3-tarvo; do
+for package in libtarvo0 libtarvo-dev tarvo-tools tarvo-dkms python3-tarvo; do
     compgen -G "$1/${package}_${TARVO_VERSION}-*.deb" >/dev/null || fail "$package was not made"
 done
