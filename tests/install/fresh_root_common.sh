@@ -1,4 +1,4 @@
-# shellcheck shell=bash
+#!/usr/bin/env bash
 # Read by the scripts that fresh_root.sh runs inside, where common.sh cannot be seen.
 set -euo pipefail
 cd /tmp
