@@ -34,7 +34,7 @@ diff <(clauses_of_the_page) <(checked_clauses) ||
     complain "$page (<) and tarvo-driver-check (>) differ"
 
 for manual in man/proc_tarvo.5 man/tarvo_iommu_map_region.5; do
-    grep -q '^\.Pa docs/driver\.md' "$manual" || complain "$manual does not name $page"
+    grep -q '^\.Pa driver\.md' "$manual" || complain "$manual does not name $page"
     grep -q '^\.Xr tarvo-driver-check 8' "$manual" || complain "$manual does not name the checker"
 done
 exit $((faults > 0))

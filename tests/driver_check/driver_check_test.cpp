@@ -73,6 +73,16 @@ TEST_P(every_world, ChangesNothingWithoutADevice) {
 
 INSTANTIATE_TEST_SUITE_P(, every_world, testing::ValuesIn(hardware_worlds()), world_name());
 
+TEST(whole_region, CanBeRefusedWhereTheKernelLendsTheMemory) {
+    // The first page is a chunk's, so that of the requests only those for the region begin there.
+    const finished end = check_after(
+        "echo a rx_ring 1000 >/proc/tarvo",
+        {"--world", "cma", "--rule", "op=map,range=0x100000000-0x100000000,errno=EINVAL"},
+        {"--json", "--device", device});
+    EXPECT_EQ(clauses_with(end, "failed"), words{}) << end.output;
+    EXPECT_EQ(clauses_with(end, "skipped"), (words{"3.5", "5.6", "6.1", "6.2"})) << end.output;
+}
+
 struct broken_driver {
     const char* name;
     words options; ///< of the sandbox, after the world
@@ -174,6 +184,16 @@ TEST(output, SaysThatThereIsNoDriver) {
     EXPECT_EQ(end.output, "");
     EXPECT_EQ(end.errors, "tarvo-driver-check: no driver here: neither /proc/tarvo nor "
                           "/sys/kernel/tarvo_iommu_map_region is there; load the driver\n");
+    EXPECT_EQ(end.status, 3);
+}
+
+TEST(output, SaysThatTheDeviceIsInUse) {
+    const finished end =
+        check({"--world", "low", "--rule", "op=map,errno=EBUSY"}, {"--device", device});
+    EXPECT_EQ(end.output, "");
+    EXPECT_EQ(end.errors,
+              "tarvo-driver-check: --device 0000:03:00.0: EBUSY: another driver has it; unbind "
+              "that, by echo 0000:03:00.0 >/sys/bus/pci/devices/0000:03:00.0/driver/unbind\n");
     EXPECT_EQ(end.status, 3);
 }
 

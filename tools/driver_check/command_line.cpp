@@ -13,7 +13,7 @@ namespace {
 
 constexpr const char* purpose =
     "Checks the kernel driver of this machine against what libtarvo expects of one, clause by\n"
-    "clause as docs/driver.md numbers them. Nothing is mapped, allocated or written unless a\n"
+    "clause as driver.md numbers them. Nothing is mapped, allocated or written unless a\n"
     "device is named that may be used.";
 
 constexpr const char* footer =

@@ -61,6 +61,15 @@ void check_page_rounding(const subject& all) {
     const device_mapping again{*all.device, memory.exact(0, own_memory::page_count)};
 }
 
+/// A driver that borrows the memory of chunks from the kernel has none of the rest to map.
+void skip_where_chunks_alone_are_mapped(const tarvo::device& device, const requested_range& whole) {
+    try {
+        device_mapping{device, whole}.undo(0);
+    } catch (const breach&) {
+        throw not_applicable{"the driver maps chunks alone in this CMA region"};
+    }
+}
+
 void check_whole_region(const subject& all) {
     const region_line& region = *all.region;
     const uint64_t bytes = region.last_pa + 1 - region.first_pa;
@@ -68,6 +77,9 @@ void check_whole_region(const subject& all) {
         throw not_applicable{"the library sends no request for 2 GiB and more"};
     }
     const requested_range whole = range_to_the_end(region, region.first_pa, bytes);
+    if (all.is_cma()) {
+        skip_where_chunks_alone_are_mapped(*all.device, whole);
+    }
     for (const unsigned prot : {1U, 2U, 3U}) {
         device_mapping made{*all.device, whole, prot};
         made.undo(0);

@@ -1,5 +1,6 @@
 #include "own_memory.hpp"
 
+#include "common/failure.hpp"
 #include "common/quantities.hpp"
 #include "driver_files.hpp"
 #include "region.hpp"
@@ -85,6 +86,14 @@ device_mapping::device_mapping(const tarvo::device& device, const requested_rang
     const answer given = send(paths::iommu_driver, line);
     if (given.error == ENOSYS) {
         throw not_applicable{"the machine has no IOMMU for the device"};
+    }
+    if (given.error == EBUSY) {
+        // Nothing is wrong with the driver, and nothing can be found out with this device.
+        throw failure{
+            exit_status::unreadable,
+            fmt::format("--device {0}: EBUSY: another driver has it; unbind that, by echo "
+                        "{0} >/sys/bus/pci/devices/{0}/driver/unbind",
+                        device.text().c_str())};
     }
     if (!is_accepted(given, line)) {
         send_unasked(paths::iommu_driver, request_line_of("unmap", device, range));

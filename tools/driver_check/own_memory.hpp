@@ -37,7 +37,8 @@ class own_memory {
 /// A mapping that is undone when the object goes.
 class device_mapping {
   public:
-    /// Throws a breach where the driver refuses it, and not_applicable where there is no IOMMU.
+    /// Throws a breach where the driver refuses it, not_applicable where there is no IOMMU, and
+    /// failure where another driver has the device.
     device_mapping(const tarvo::device& device, const requested_range& range,
                    unsigned prot = read_and_write);
     ~device_mapping();
