@@ -1,0 +1,203 @@
+# shellcheck shell=bash
+# What scripts/e2e and scripts/vm share: kernels, the driver built for them, and the machine.
+# Sourced at the top of the project. Everything is made in build-e2e/, which can be removed.
+
+work=$PWD/build-e2e
+mkdir -p "$work"
+
+# The packages that follow a kernel's versions.
+declare -A image_of=(
+    [6.1]=linux-image-cloud-amd64 [6.12]=linux-image-6.12-cloud-amd64)
+declare -A headers_of=(
+    [6.1]=linux-headers-cloud-amd64 [6.12]=linux-headers-6.12-cloud-amd64)
+
+complain() {
+    printf 'e2e: %s\n' "$@" >&2
+}
+
+# depends_of PACKAGE PATTERN: the packages of such names that it depends on.
+depends_of() {
+    apt-cache depends --no-recommends --no-suggests "$1" |
+        sed -nE "s/^ [ |]Depends: ($2)$/\1/p" | grep -v -e '-unsigned$' | sort -u
+}
+
+# packages_of KERNEL: its image, its headers, and what these need to build a module.
+packages_of() {
+    local image headers
+    image=$(depends_of "${image_of[$1]}" 'linux-image-.*')
+    headers=$(depends_of "${headers_of[$1]}" 'linux-headers-.*')
+    echo "$image"
+    echo "$headers"
+    depends_of "$headers" 'linux-(headers-.*-common|kbuild-.*)'
+}
+
+# fetch KERNEL: its packages, unpacked in build-e2e/KERNEL and installed nowhere. What is there is
+# kept: remove the folder for newer ones.
+fetch() {
+    local place=$work/$1 packages
+    if [[ -e $place/complete ]]; then
+        return
+    fi
+    rm -rf "$place"
+    mkdir -p "$place/packages"
+    mapfile -t packages < <(packages_of "$1")
+    echo "e2e: fetching ${packages[*]}"
+    if ! (cd "$place/packages" && apt-get -q download "${packages[@]}" 2>&1) >"$place/log"; then
+        cat "$place/log" >&2
+        complain "the packages of kernel $1 cannot be had, see above: nothing is proved" \
+            "check the network and that /etc/apt names Debian 12 with its security archive," \
+            "run 'apt-get update' as root, then this again"
+        return 3
+    fi
+    unpack "$place"
+    touch "$place/complete"
+}
+
+# The headers name their own place, which is not where they are unpacked.
+unpack() {
+    local package
+    for package in "$1"/packages/*.deb; do
+        dpkg -x "$package" "$1"
+    done
+    rm -r "$1/packages"
+    sed -i "s|/usr/src|$1&|" "$1"/usr/src/linux-headers-*-cloud-amd64/Makefile
+}
+
+# module KERNEL [SOURCES]: tarvo.ko in build-e2e/KERNEL/module, built anew when a source differs.
+module() {
+    local place=$work/$1 sources=${2:-kernel} headers
+    headers=$(echo "$place"/usr/src/linux-headers-*-cloud-amd64)
+    mkdir -p "$place/module"
+    cp -u -- "$sources"/{Kbuild,Makefile,*.[ch]} "$place/module"
+    if ! nice make -C "$place/module" KDIR="$headers" W=1 >"$place/module.log" 2>&1 ||
+        grep -q 'warning:' "$place/module.log"; then
+        cat "$place/module.log" >&2
+        complain "the driver does not build without warnings for kernel $1"
+        return 1
+    fi
+}
+
+# prepare KERNEL...: Debian's packages, the library as everybody builds it, what drives it, and the
+# driver. 3 if something cannot be had.
+prepare() {
+    local kernel
+    ./scripts/setup e2e || return 3
+    if [[ ! -e build/CMakeCache.txt ]]; then
+        cmake -S . -B build -G Ninja >/dev/null || return 3
+    fi
+    cmake --build build --target tarvo tarvoctl tarvo-client edu physical tarvo_i386 \
+        >"$work/build.log" || { cat "$work/build.log" >&2; return 3; }
+    for kernel; do
+        fetch "$kernel" && module "$kernel" || return 3
+    done
+    initramfs
+}
+
+# --- the machine's files ---
+
+# with_libraries FOLDER PROGRAM...: copies of both, where the programs look for the latter.
+with_libraries() {
+    local folder=$1 library program
+    shift
+    for program; do
+        install -D "$program" "$folder/bin/$(basename "$program")"
+        while read -r library; do
+            install -D "$library" "$folder/lib/$(basename "$library")"
+        done < <(ldd "$program" | sed -nE 's/.*=> (\/[^ ]*) .*/\1/p')
+    done
+    install -D /lib64/ld-linux-x86-64.so.2 "$folder/lib64/ld-linux-x86-64.so.2"
+}
+
+# The 32-bit client with its libraries, which have the names of the others.
+with_client_32() {
+    local folder=$1 library
+    while read -r library; do
+        install -D "$library" "$folder/lib32/$(basename "$library")"
+    done < <(ldd build/i386/tests/client/tarvo-client | sed -nE 's/.*=> (\/[^ ]*) .*/\1/p')
+    install -D build/i386/tests/client/tarvo-client "$folder/lib32/tarvo-client"
+    install -D /lib32/ld-linux.so.2 "$folder/lib/ld-linux.so.2"
+    cat >"$folder/bin/tarvo-client32" <<'END'
+#!/bin/sh
+LD_LIBRARY_PATH=/lib32 exec /lib32/tarvo-client
+END
+    chmod +x "$folder/bin/tarvo-client32"
+}
+
+# initramfs: everything but the module, in build-e2e/files.cpio.gz.
+initramfs() {
+    local files=$work/files applet
+    rm -rf "$files"
+    mkdir -p "$files"/{bin,dev,proc,sys,root,tmp,e2e,var}
+    cp /bin/busybox "$files/bin"
+    for applet in $(/bin/busybox --list); do
+        [[ $applet == busybox ]] || ln -s busybox "$files/bin/$applet"
+    done
+    with_libraries "$files" build/tarvoctl build/tests/client/tarvo-client build/tests/e2e/{edu,physical}
+    with_client_32 "$files"
+    strip "$files"/bin/tarvo{ctl,-client} "$files/lib"/lib*
+    cp tests/e2e/guest/* "$files/e2e"
+    mv "$files/e2e/init" "$files/init"
+    chmod +x "$files/init"
+    archive "$files" | whole_file "$work/files.cpio.gz"
+}
+
+archive() {
+    (cd "$1" && find . | cpio --quiet -o -H newc -R 0:0) | gzip -1
+}
+
+# whole_file PATH: standard input, at once: another machine may be about to read the file.
+whole_file() {
+    local new
+    new=$(mktemp "$1.XXXXXX")
+    cat >"$new"
+    mv "$new" "$1"
+}
+
+# --- the machine ---
+
+# Two devices with DMA engines that an IOMMU holds back, one on the root bus and one below a root
+# port, and one that none does; a serial adapter has a driver. The DMA engines have 32 bits.
+devices=(
+    -device intel-iommu
+    -device "edu,addr=4,dma_mask=0xffffffff"
+    -device "pcie-root-port,id=root_port,addr=5,chassis=1"
+    -device "edu,bus=root_port,dma_mask=0xffffffff"
+    -device "pci-serial,addr=6"
+    -device "pxb-pcie,id=free_bus,bus_nr=0x40,bypass_iommu=on"
+    -device "i82801b11-bridge,id=free_bridge,bus=free_bus"
+    -device "edu,bus=free_bridge,addr=1,dma_mask=0xffffffff"
+)
+
+# memory_of STORY: how much the machine has. Up to 2.75 GiB all of it is below 4 GiB.
+memory_of() {
+    if [[ $1 == high ]]; then
+        echo 4096
+    else
+        echo 2700
+    fi
+}
+
+# reserved_of STORY: for the kernel's command line.
+# shellcheck disable=SC2016 # $ is a character of memmap=
+reserved_of() {
+    if [[ $1 == high ]]; then
+        echo 'memmap=64M$0x140000000 memmap=64M$0x20000000'
+    else
+        echo 'memmap=64M$0xa0000000'
+    fi
+}
+
+# machine KERNEL STORY WORDS...: QEMU's command line but for what its serial lines are connected to,
+# into the array "qemu". WORDS go to the kernel.
+# shellcheck disable=SC2034,SC2054 # who sources this file uses it; the commas are QEMU's
+machine() {
+    local place=$work/$1 story=$2
+    shift 2
+    mkdir -p "$place/initrd/lib"
+    cp "$place/module/tarvo.ko" "$place/initrd/lib"
+    (cat "$work/files.cpio.gz" && archive "$place/initrd") | whole_file "$place/initrd.gz"
+    qemu=(qemu-system-x86_64 -M q35,kernel-irqchip=split -accel tcg -m "$(memory_of "$story")"
+        "${devices[@]}" -display none -nodefaults -no-reboot -kernel "$place"/boot/vmlinuz-*
+        -initrd "$place/initrd.gz"
+        -append "console=ttyS0 intel_iommu=on panic=-1 $(reserved_of "$story") $*")
+}
