@@ -3,6 +3,8 @@
 # Sourced at the top of the project. Everything is made in build-e2e/, which can be removed.
 
 work=$PWD/build-e2e
+# Where the library and the driver come from.
+sources=.
 mkdir -p "$work"
 
 # The packages that follow a kernel's versions.
@@ -63,12 +65,14 @@ unpack() {
     sed -i "s|/usr/src|$1&|" "$1"/usr/src/linux-headers-*-cloud-amd64/Makefile
 }
 
-# module KERNEL [SOURCES]: tarvo.ko in build-e2e/KERNEL/module, built anew when a source differs.
+# module KERNEL: tarvo.ko in build-e2e/KERNEL/module, built anew when a source differs.
 module() {
-    local place=$work/$1 sources=${2:-kernel} headers
+    local place=$work/$1 headers file
     headers=$(echo "$place"/usr/src/linux-headers-*-cloud-amd64)
     mkdir -p "$place/module"
-    cp -u -- "$sources"/{Kbuild,Makefile,*.[ch]} "$place/module"
+    for file in "$sources"/kernel/{Kbuild,Makefile,*.[ch]}; do
+        cmp -s "$file" "$place/module/$(basename "$file")" || cp "$file" "$place/module"
+    done
     if ! nice make -C "$place/module" KDIR="$headers" W=1 >"$place/module.log" 2>&1 ||
         grep -q 'warning:' "$place/module.log"; then
         cat "$place/module.log" >&2
@@ -87,6 +91,10 @@ prepare() {
     fi
     cmake --build build --target tarvo tarvoctl tarvo-client edu physical tarvo_i386 \
         >"$work/build.log" || { cat "$work/build.log" >&2; return 3; }
+    if [[ $sources != . ]]; then
+        cmake -S "$sources" -B "$sources/build" -G Ninja -DBUILD_TESTING=OFF >/dev/null &&
+            cmake --build "$sources/build" --target tarvo >"$work/build.log" || return 3
+    fi
     for kernel; do
         fetch "$kernel" && module "$kernel" || return 3
     done
@@ -132,8 +140,12 @@ initramfs() {
     for applet in $(/bin/busybox --list); do
         [[ $applet == busybox ]] || ln -s busybox "$files/bin/$applet"
     done
-    with_libraries "$files" build/tarvoctl build/tests/client/tarvo-client build/tests/e2e/{edu,physical}
+    with_libraries "$files" build/tarvoctl build/tests/client/tarvo-client \
+        build/tests/e2e/{edu,physical}
     with_client_32 "$files"
+    if [[ $sources != . ]]; then
+        cp "$sources/build/libtarvo.so.0" "$files/lib/libtarvo.so.0"
+    fi
     strip "$files"/bin/tarvo{ctl,-client} "$files/lib"/lib*
     cp tests/e2e/guest/* "$files/e2e"
     mv "$files/e2e/init" "$files/init"
@@ -187,9 +199,9 @@ reserved_of() {
     fi
 }
 
-# machine KERNEL STORY WORDS...: QEMU's command line but for what its serial lines are connected to,
-# into the array "qemu". WORDS go to the kernel.
-# shellcheck disable=SC2034,SC2054 # who sources this file uses it; the commas are QEMU's
+# machine KERNEL STORY WORDS...: QEMU's command line, its serial lines left out, into the array
+# "qemu". WORDS go to the kernel.
+# shellcheck disable=SC2034,SC2054 # it is for the caller; the commas are QEMU's
 machine() {
     local place=$work/$1 story=$2
     shift 2

@@ -1,0 +1,116 @@
+#!/usr/bin/env python3
+"""Whether scripts/e2e would notice: puts faults, one at a time, into a copy of the library and the
+driver, and has one machine look for it.
+
+usage: tests/e2e/faults.py [NAME...], at the top of the project; all of them take some minutes.
+Ends with 0 if every fault was noticed.
+"""
+
+import os
+import shutil
+import subprocess
+import sys
+
+COPY = "build-e2e/faulty"
+COPIED = ("CMakeLists.txt", "cmake", "examples", "include", "kernel", "man", "packaging", "python",
+          "completions", "src", "tools", "bench", "LICENSE", "README.md", "CHANGELOG.md")
+
+LOW = "6.12/low/plain"
+HIGH = "6.12/high/plain"
+DEBUG = "6.12/low/debug"
+
+# Name, machine, file, what stands there once, what stands there instead.
+FAULTS = (
+    ("driver: the end a page short", LOW, "kernel/requests.c",
+     "PAGE_ALIGN(last + 1) - first", "((last + 1) & PAGE_MASK) - first"),
+    ("driver: the end a page long", LOW, "kernel/requests.c",
+     "PAGE_ALIGN(last + 1) - first", "PAGE_ALIGN(last + 1) - first + PAGE_SIZE"),
+    ("driver: the DMA address shifted", LOW, "kernel/requests.c",
+     "range->dma = dma;", "range->dma = (u64)dma + PAGE_SIZE;"),
+    ("driver: the DMA address sign-extended", LOW, "kernel/requests.c",
+     "range->dma = dma;", "range->dma = (s32)dma;"),
+    ("driver: other memory mapped", HIGH, "kernel/requests.c",
+     "range->start = first;", "range->start = first + PAGE_SIZE;"),
+    ("driver: unmapping forgotten", LOW, "kernel/domains.c",
+     "WARN_ON(iommu_unmap(domain->iommu, range.dma, range.size) != range.size);", ";"),
+    ("driver: a repetition mapped again", LOW, "kernel/domains.c",
+     "if (find(domain, pdev, range))", "if (0)"),
+    ("driver: the protection ignored", LOW, "kernel/domains.c",
+     "prot |= IOMMU_CACHE;", "prot = IOMMU_READ | IOMMU_WRITE;"),
+    ("driver: departures unnoticed", LOW, "kernel/domains.c",
+     "action != BUS_NOTIFY_DEL_DEVICE", "action != BUS_NOTIFY_ADD_DEVICE"),
+    ("driver: a mapping leaked", DEBUG, "kernel/domains.c",
+     "tarvo_chunk_put(mapping->chunk);\n\tkfree(mapping);", "tarvo_chunk_put(mapping->chunk);"),
+    ("driver: a chunk freed under a device", DEBUG, "kernel/chunks.c",
+     "if (chunk->held || chunk->mappings)", "if (chunk->held)"),
+    ("driver: a chunk released by its name alone", LOW, "kernel/chunks.c",
+     "!chunk || chunk->size != size", "!chunk"),
+    ("driver: the memory device a page off", LOW, "kernel/memory.c",
+     "vma->vm_start, vma->vm_pgoff,", "vma->vm_start, vma->vm_pgoff + 1,"),
+    ("driver: a number with a sign accepted", LOW, "kernel/text.c",
+     "!only_digits(field + (*field == '-'), 10) || ", ""),
+    ("driver: System RAM accepted", LOW, "kernel/region.c", "if (!cma)", "if (0)"),
+    ("library: the end a page short", LOW, "src/iommu/bookkeeping.cpp",
+     "end_pa(chunk.pa + chunk.size - 1)", "end_pa(chunk.pa + chunk.size - 4097)"),
+    ("library: the DMA window shifted", HIGH, "src/shared/dma_window.hpp",
+     "high_region_dma = 0x20000000", "high_region_dma = 0x20001000"),
+    ("library: the DMA address sign-extended", LOW, "src/iommu/request.cpp",
+     "static_cast<uint32_t>(mapping->start_dma)",
+     "static_cast<unsigned long>(mapping->start_dma)"),
+    ("library: a new chunk not mapped", LOW, "src/alloc/allocate.cpp",
+     "if (map_chunk_all_devs(chunk) == 0)", "if (chunk != nullptr)"),
+    ("library: a freed chunk not unmapped", LOW, "src/alloc/free.cpp",
+     "if (unmap_chunk_all_devs(chunk) != 0)", "if (chunk == nullptr)"),
+    ("library: a request in pieces", LOW, "src/iommu/request.cpp",
+     "fprintf(driver, \"%s %d %d %d %llu %llu %lu %d\\n\", line.op, line.domain, line.bus,",
+     "fprintf(driver, \"%s \", line.op) + "
+     "fprintf(driver, \"%d %d %d %llu %llu %lu %d\\n\", line.domain, line.bus,"),
+    ("library: a device that is gone stays online", LOW, "src/iommu/bookkeeping.cpp",
+     "dev->online = 0;\n        return outcome::device_gone;", "return outcome::device_gone;"),
+)
+
+
+def fresh_copy():
+    """The sources as they are; what was built of them stays, so that little is built anew."""
+    for name in COPIED:
+        target = os.path.join(COPY, name)
+        if os.path.isdir(name):
+            shutil.copytree(name, target, dirs_exist_ok=True)
+        else:
+            os.makedirs(COPY, exist_ok=True)
+            shutil.copy2(name, target)
+
+
+def put(path, old, new):
+    with open(path, encoding="utf-8") as source:
+        text = source.read()
+    if text.count(old) != 1:
+        sys.exit(f"faults: {path} has {text.count(old)} times: {old}")
+    with open(path, "w", encoding="utf-8") as source:
+        source.write(text.replace(old, new))
+
+
+def is_noticed(name, machine, path, old, new):
+    """A machine that was never started has noticed nothing."""
+    fresh_copy()
+    put(os.path.join(COPY, path), old, new)
+    run = subprocess.run(["scripts/e2e", "--sources", COPY, machine], text=True, check=False,
+                         stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
+    words = [line for line in run.stdout.splitlines() if "FAILED" in line or "DID NOT" in line]
+    noticed = run.returncode in (1, 2)
+    print(f"{'noticed' if noticed else 'MISSED '}  {name}: {words[0] if words else run.stdout}",
+          flush=True)
+    return noticed
+
+
+def main():
+    wanted = [fault for fault in FAULTS if not sys.argv[1:] or fault[0] in sys.argv[1:]]
+    if not wanted:
+        sys.exit("faults: none has such a name")
+    missed = [fault[0] for fault in wanted if not is_noticed(*fault)]
+    print(f"faults: {len(wanted) - len(missed)} of {len(wanted)} noticed")
+    sys.exit(1 if missed else 0)
+
+
+if __name__ == "__main__":
+    main()
