@@ -39,11 +39,18 @@ check_module() { # KERNEL
     [[ -e /var/lib/dkms/mok.pub ]] || fail "there is no key to enroll"
 }
 
+# Whether the unit would load the module.
+condition_holds() {
+    sed -n 's/^ExecCondition=//p' /usr/lib/systemd/system/tarvo.service | sh
+}
+
 check_configuration() {
+    ! condition_holds || fail "the module would be loaded without a region"
     expect "options before anything is configured" "" sh -c "modprobe -c | grep '^options tarvo'; :"
     sed -i 's/^#options/options/' /etc/modprobe.d/tarvo.conf
     expect "options that are configured" "options tarvo region=256M@0x80000000" \
         sh -c "modprobe -c | grep '^options tarvo'"
+    condition_holds || fail "the module would not be loaded with a region"
     expect "what starts before all services" "../tarvo.service" \
         readlink /usr/lib/systemd/system/sysinit.target.wants/tarvo.service
     expect "what systemd finds wrong" "" systemd-analyze --man=no verify tarvo.service
