@@ -175,7 +175,7 @@ std::string real_machine::map(user& caller, const step& one) {
 
 std::string real_machine::map_all(user& caller) {
     const std::string address = caller.program.call("map_all");
-    if (address == caller.whole_region) {
+    if (address != "null" && address == caller.whole_region) {
         return "same";
     }
     caller.whole_region = address;
