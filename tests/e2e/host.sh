@@ -89,8 +89,8 @@ prepare() {
     if [[ ! -e build/CMakeCache.txt ]]; then
         cmake -S . -B build -G Ninja >/dev/null || return 3
     fi
-    cmake --build build --target tarvo tarvoctl tarvo-client edu physical tarvo_i386 \
-        >"$work/build.log" || { cat "$work/build.log" >&2; return 3; }
+    cmake --build build --target tarvo tarvoctl tarvo-driver-check tarvo-client edu physical \
+        tarvo_i386 >"$work/build.log" || { cat "$work/build.log" >&2; return 3; }
     if [[ $sources != . ]]; then
         cmake -S "$sources" -B "$sources/build" -G Ninja -DBUILD_TESTING=OFF >/dev/null &&
             cmake --build "$sources/build" --target tarvo >"$work/build.log" || return 3
@@ -140,13 +140,13 @@ initramfs() {
     for applet in $(/bin/busybox --list); do
         [[ $applet == busybox ]] || ln -s busybox "$files/bin/$applet"
     done
-    with_libraries "$files" build/tarvoctl build/tests/client/tarvo-client \
+    with_libraries "$files" build/tarvo{ctl,-driver-check} build/tests/client/tarvo-client \
         build/tests/e2e/{edu,physical}
     with_client_32 "$files"
     if [[ $sources != . ]]; then
         cp "$sources/build/libtarvo.so.0" "$files/lib/libtarvo.so.0"
     fi
-    strip "$files"/bin/tarvo{ctl,-client} "$files/lib"/lib*
+    strip "$files"/bin/tarvo{ctl,-client,-driver-check} "$files/lib"/lib*
     cp tests/e2e/guest/* "$files/e2e"
     mv "$files/e2e/init" "$files/init"
     chmod +x "$files/init"
