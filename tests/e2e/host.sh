@@ -1,4 +1,4 @@
-# shellcheck shell=bash
+#!/usr/bin/env bash
 # What scripts/e2e and scripts/vm share: kernels, the driver built for them, and the machine.
 # Sourced at the top of the project. Everything is made in build-e2e/, which can be removed.
 
