@@ -1,19 +1,21 @@
-// bit_flips [--every N]: in a sandbox, makes a few chunks and devices, and then flips each single
-// bit (or each N-th) of each link, index, flag, address and size that belongs to them, in a copy of
-// the area that only one process sees, and makes each call there. A call must come back, or end its
-// process by an assertion. Prints the figures; ends with 1 where one did neither.
+// damaged_bytes flips|values|pairs [EVERY]: in a sandbox, makes a few chunks and devices, damages
+// the links, indices, flags, addresses and sizes that belong to them, in a copy of the area that
+// only one process sees, and makes each call there. flips: each single bit; values: some telling
+// values in each field; pairs: two of those at once. EVERY: only each such one of them. A call must
+// come back, or end its process by an assertion, or by the memory fault that is promised where
+// devices have no free element. Prints the figures; ends with 1 where one did neither.
 
 #include "area.hpp"
 
+#include <algorithm>
 #include <array>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <fcntl.h>
 #include <fstream>
-#include <functional>
 #include <iostream>
-#include <map>
 #include <sstream>
 #include <string>
 #include <string_view>
@@ -76,6 +78,38 @@ std::vector<field> fields() {
         const std::string name = "device " + std::to_string(index);
         add_link_fields(all, name, device);
         all.push_back({name + ".online", device + area_offset::online, 1});
+    }
+    return all;
+}
+
+/// What a field is to hold.
+struct damage {
+    field where;
+    uint64_t value;
+};
+
+std::vector<damage> flips_of(const char* area) {
+    std::vector<damage> all;
+    for (const field& where : fields()) {
+        uint64_t value = 0;
+        std::memcpy(&value, area + where.offset, where.bytes);
+        for (size_t bit = 0; bit < 8 * where.bytes; ++bit) {
+            all.push_back({where, value ^ (uint64_t{1} << bit)});
+        }
+    }
+    return all;
+}
+
+constexpr uint64_t none = ~uint64_t{0};
+
+/// None, an element itself and its neighbours, capacities and what lies beyond.
+std::vector<damage> telling_values() {
+    std::vector<damage> all;
+    for (const field& where : fields()) {
+        for (const uint64_t value : std::initializer_list<uint64_t>{
+                 none, 0, 1, 2, 3, 4, 5, 6, 255, 256, 16383, 16384, 0x80000000}) {
+            all.push_back({where, value});
+        }
     }
     return all;
 }
@@ -144,14 +178,15 @@ bool detach_area(char* area) {
 constexpr int status_of_trouble = 99;
 constexpr unsigned seconds_for_a_call = 10;
 
-int end_of_call(const call& one, char* area, const field& where, size_t bit) {
+int end_of_call(const call& one, char* area, const std::vector<damage>& damages) {
     const pid_t child = fork();
     if (child == 0) {
         if (!detach_area(area)) {
             std::_Exit(status_of_trouble);
         }
-        char& flipped = area[where.offset + bit / 8];
-        flipped = static_cast<char>(flipped ^ (1 << bit % 8));
+        for (const damage& each : damages) {
+            std::memcpy(area + each.where.offset, &each.value, each.where.bytes);
+        }
         alarm(seconds_for_a_call);
         one.make();
         std::_Exit(0);
@@ -163,36 +198,52 @@ int end_of_call(const call& one, char* area, const field& where, size_t bit) {
 
 // ---- What came of it -------------------------------------------------------------------------
 
+bool is_exhausted_chain(const damage& one) {
+    return one.where.name.ends_with("_free") && one.value == none;
+}
+
 class figures {
   public:
-    void add(int status, const call& one, const field& where, size_t bit) {
-        ++_calls;
-        const int signal = WIFSIGNALED(status) ? WTERMSIG(status) : 0;
-        if (signal == SIGABRT) {
-            ++_assertions;
-        } else if (status != 0) {
-            _wrong.push_back(where.name + ", bit " + std::to_string(bit) + ", " +
-                             std::string(one.name) + ": " +
-                             (signal == SIGALRM ? "hangs"
-                              : signal != 0     ? "signal " + std::to_string(signal)
-                                                : "status " + std::to_string(status)));
+    void make_each_call(char* area, const std::vector<damage>& damages) {
+        ++_cases;
+        for (const call& one : calls) {
+            add(end_of_call(one, area, damages), one, damages);
         }
     }
 
-    bool report(size_t flips) const {
+    bool report(std::string_view kind) const {
         for (const std::string& each : _wrong) {
             std::cout << each << '\n';
         }
-        std::cout << flips << " flips of one bit, " << _calls
-                  << " calls: " << _calls - _assertions - _wrong.size() << " came back, "
-                  << _assertions << " ended by an assertion, " << _wrong.size()
-                  << " by anything else\n";
+        std::cout << _cases << ' ' << kind << ", " << _calls
+                  << " calls: " << _calls - _assertions - _promised - _wrong.size()
+                  << " came back, " << _assertions << " ended by an assertion, " << _promised
+                  << " by a promised fault, " << _wrong.size() << " by anything else\n";
         return _wrong.empty();
     }
 
   private:
+    void add(int status, const call& one, const std::vector<damage>& damages) {
+        ++_calls;
+        const int signal = WIFSIGNALED(status) ? WTERMSIG(status) : 0;
+        if (signal == SIGABRT) {
+            ++_assertions;
+        } else if (signal == SIGSEGV && std::ranges::any_of(damages, is_exhausted_chain)) {
+            ++_promised;
+        } else if (status != 0) {
+            std::string text;
+            for (const damage& each : damages) {
+                text += each.where.name + " = " + std::to_string(each.value) + ", ";
+            }
+            _wrong.push_back(text + std::string(one.name) + ": " +
+                             (signal == SIGALRM ? "hangs" : "status " + std::to_string(status)));
+        }
+    }
+
+    size_t _cases = 0;
     size_t _calls = 0;
     size_t _assertions = 0;
+    size_t _promised = 0;
     std::vector<std::string> _wrong;
 };
 
@@ -207,11 +258,11 @@ bool fill_region() {
 } // namespace
 
 int main(int count, char** words) {
-    const size_t every = count == 3 && std::string_view(words[1]) == "--every"
-                             ? std::strtoul(words[2], nullptr, 10)
-                             : 1;
+    const std::string_view kind = count > 1 ? words[1] : "";
+    const size_t every = count > 2 ? std::strtoul(words[2], nullptr, 10) : 1;
+    const bool is_known = kind == "flips" || kind == "values" || kind == "pairs";
     // The library reports most of these there.
-    if (std::freopen("/dev/null", "w", stderr) == nullptr || every == 0) {
+    if (!is_known || std::freopen("/dev/null", "w", stderr) == nullptr || every == 0) {
         return 2;
     }
     char* const area = fill_region() ? mapped_area() : nullptr;
@@ -219,19 +270,17 @@ int main(int count, char** words) {
         std::cout << "the region could not be filled\n";
         return 2;
     }
+    const std::vector<damage> singles = kind == "flips" ? flips_of(area) : telling_values();
+    const size_t cases = kind == "pairs" ? singles.size() * singles.size() : singles.size();
     figures all;
-    size_t flips = 0;
-    size_t passed = 0;
-    for (const field& where : fields()) {
-        for (size_t bit = 0; bit < 8 * where.bytes; ++bit) {
-            if (passed++ % every != 0) {
-                continue;
-            }
-            ++flips;
-            for (const call& one : calls) {
-                all.add(end_of_call(one, area, where, bit), one, where, bit);
-            }
+    for (size_t i = 0; i < cases; i += every) {
+        const damage& first = singles[i % singles.size()];
+        const damage& second = singles[kind == "pairs" ? i / singles.size() : i];
+        if (kind != "pairs") {
+            all.make_each_call(area, {first});
+        } else if (first.where.offset < second.where.offset) {
+            all.make_each_call(area, {first, second});
         }
     }
-    return all.report(flips) ? 0 : 1;
+    return all.report(kind) ? 0 : 1;
 }
