@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <limits>
 #include <utility>
 
 namespace model {
@@ -127,10 +128,22 @@ int driver::write(const std::string& file, const request& asked, const std::stri
     return error;
 }
 
+/// In a simulation the driver has no region to compare with.
+bool driver::is_possible(const request& asked) const {
+    const bool in_region =
+        _is_simulated ||
+        (_start <= asked.start_pa && asked.start_pa <= asked.last_pa && asked.last_pa < _end);
+    constexpr uint32_t last_dma = std::numeric_limits<uint32_t>::max();
+    return in_region && asked.last_pa - asked.start_pa <= last_dma - asked.start_dma;
+}
+
 int driver::answer_write(const request& asked, size_t length, const driver_rule* answer) {
     const bool is_cut = answer != nullptr && answer->accepted_bytes.value_or(length) < length;
-    if (is_cut || asked.op == "map" || asked.op == "unmap") {
+    if (is_cut) {
         return 0;
+    }
+    if (asked.op == "map" || asked.op == "unmap") {
+        return is_possible(asked) ? 0 : EINVAL;
     }
     return asked.op == "allocate" ? allocate(asked, answer) : release(asked);
 }

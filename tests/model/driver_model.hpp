@@ -28,7 +28,8 @@ struct listing {
 /// The kernel driver, as tarvo-sandbox(1) describes its double.
 class driver {
   public:
-    explicit driver(const world& where) : _start(where.start), _end(where.end()) {}
+    explicit driver(const world& where)
+        : _is_simulated(where.simulated), _start(where.start), _end(where.end()) {}
 
     void replace_rules(const std::vector<std::string>& rules);
 
@@ -49,6 +50,7 @@ class driver {
     };
 
     driver_rule* answer_to(const driver_call& call);
+    bool is_possible(const request& asked) const;
     int answer_write(const request& asked, size_t length, const driver_rule* answer);
     int allocate(const request& asked, const driver_rule* answer);
     int release(const request& asked);
@@ -57,6 +59,7 @@ class driver {
     listing listing_now(const driver_rule* bending) const;
     void note(const driver_call& call, const std::string& bytes, int error);
 
+    bool _is_simulated;
     uint64_t _start;
     uint64_t _end;
     std::vector<allocation> _allocations;

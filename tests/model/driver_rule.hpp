@@ -17,6 +17,8 @@ struct request {
     uint64_t start_pa = 0;
     std::string name;
     uint32_t size = 0;
+    uint64_t last_pa = 0; ///< as the line has it
+    uint32_t start_dma = 0;
 };
 
 /// One system call on a file of the driver's.

@@ -29,6 +29,10 @@ std::string device_name(const device& one) {
 
 } // namespace
 
+request library::request_for(const char* op, const device& to, const iommu_mapping& range) {
+    return {op, triple(to), range.start_pa, "", 0, range.end_pa - 1, range.start_dma};
+}
+
 /// The range of a request; both lengths must agree, as the constructor computes them.
 library::iommu_mapping library::checked_mapping(uint64_t start_pa, uint64_t end_pa,
                                                 uint32_t start_dma, uint32_t end_dma) {
@@ -48,7 +52,7 @@ int library::iommu_act(const char* op, const device& to, uint32_t prot,
         return -1;
     }
     const int result = write_request(op, to, prot, range);
-    const request asked{op, triple(to), range.start_pa, "", 0};
+    const request asked = request_for(op, to, range);
     if (const int error = kernel.close("sysfs", &asked); error != 0) {
         _errno = error;
         perror("tarvo: fclose failed", error);
@@ -62,7 +66,7 @@ int library::write_request(const char* op, const device& to, uint32_t prot,
     const auto bus = static_cast<int>(to.bus);
     const auto devfn = static_cast<int>(to.devfn);
     const auto signed_prot = static_cast<int>(prot);
-    const request asked{op, triple(to), range.start_pa, "", 0};
+    const request asked = request_for(op, to, range);
     const int error = _machine.kernel.write(
         "sysfs", asked,
         text_of("%s %d %d %d %llu %llu %u %d\n", op, domain, bus, devfn, wide(range.start_pa),

@@ -157,6 +157,7 @@ class library {
         uint64_t end_pa;
         uint32_t start_dma;
     };
+    static request request_for(const char* op, const device& to, const iommu_mapping& range);
     iommu_mapping checked_mapping(uint64_t start_pa, uint64_t end_pa, uint32_t start_dma,
                                   uint32_t end_dma);
     iommu_mapping whole_region_range(const char* place);
