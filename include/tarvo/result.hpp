@@ -62,7 +62,7 @@ class error {
 
 namespace detail {
 
-/// The end of a program that uses a value that is not there.
+/// The end of a program that uses a value that does not exist.
 [[noreturn]] inline void no_value(const error& why) noexcept {
     std::fprintf(stderr, "tarvo: the value of a failed result was used: %s\n", why.message());
     std::abort();
@@ -76,7 +76,7 @@ namespace detail {
 } // namespace detail
 
 /// A T, or the error that there is instead. It converts to true when the T is there. Using the one
-/// that is not there ends the process, after a message; nothing is undefined and nothing is thrown.
+/// that does not exist ends the process, after a message; nothing is undefined, nothing is thrown.
 template <typename T>
 class [[nodiscard]] result {
   public:

@@ -22,7 +22,7 @@ struct lookup {
     place room;
 };
 
-/// Most names that are not there are about to be placed, so the gaps are looked at on the way,
+/// Most names that do not exist are about to be placed, so the gaps are looked at on the way,
 /// unless the last name that was asked for was there: then this one may be, too, and a search for a
 /// name alone is shorter. A wrong guess takes first_fit() as well.
 lookup look_up(const char* name, uint32_t size);

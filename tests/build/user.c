@@ -53,7 +53,7 @@ int main(void) {
     const size_t expected = (70130716 + page_bytes - 1) / page_bytes * page_bytes;
     for (size_t i = 0; i < sizeof functions / sizeof functions[0]; ++i) {
         if (functions[i] == NULL) {
-            printf("function %zu is not there\n", i);
+            printf("function %zu does not exist\n", i);
             return 1;
         }
     }

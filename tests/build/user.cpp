@@ -35,7 +35,7 @@ bool expect(bool holds, const char* what) {
 int main() {
     bool good = true;
     for (const any_function function : functions) {
-        good &= expect(function != nullptr, "a function is not there");
+        good &= expect(function != nullptr, "a function does not exist");
     }
     const auto page_bytes = static_cast<size_t>(sysconf(_SC_PAGESIZE));
     good &= expect(tarvo_get_overhead() == (70130716 + page_bytes - 1) / page_bytes * page_bytes,

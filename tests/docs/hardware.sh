@@ -11,7 +11,7 @@ manual=$PWD/man/tarvo.7
 
 for tool in dtc systemd-analyze; do
     if ! command -v "$tool" >/dev/null; then
-        echo "SKIPPED: $tool is not there"
+        echo "SKIPPED: $tool is not installed"
         exit 77
     fi
 done

@@ -11,7 +11,7 @@ read -ra cc <<<"$2"
 read -ra cxx <<<"$3"
 
 if ! command -v mandoc >/dev/null; then
-    echo "SKIPPED: mandoc is not there"
+    echo "SKIPPED: mandoc is not installed"
     exit 77
 fi
 sandbox_status=0

@@ -7,7 +7,7 @@ rooms='src|include|kernel|tools|tests|examples|scripts|docs|man|cmake|packaging|
 missing=0
 
 complain() {
-    echo "$1 names $2, which is not there"
+    echo "$1 names $2, which does not exist"
     missing=1
 }
 

@@ -16,7 +16,7 @@ found=0
 for pattern in "${patterns[@]}"; do
     # Each finds what it is for: a row of the page has the words it warns of.
     if ! grep -qP "$pattern" <<<"mend judge is told behind it no plain file is no number process(es)
-, for it is thereof incognito"; then
+, for it is thereof incognito is not there"; then
         echo "$page: the expression $pattern finds none of the words that the page names" >&2
         found=1
     fi

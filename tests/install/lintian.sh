@@ -3,5 +3,5 @@
 # shellcheck source=tests/install/common.sh
 source "$(dirname "$0")/common.sh"
 
-command -v lintian >/dev/null || fail "lintian is not there; run ./scripts/setup"
+command -v lintian >/dev/null || fail "lintian is not installed; run ./scripts/setup"
 lintian --allow-root --fail-on error "$1"/*.deb

@@ -87,8 +87,8 @@ std::optional<std::string> difference_of(const shared_area& expected, image& byt
                                          std::optional<std::span<const uint8_t>> seen,
                                          area_part part) {
     if (expected.built != seen.has_value()) {
-        return apart("shared area", expected.built ? "is there" : "is not there",
-                     seen.has_value() ? "is there" : "is not there");
+        return apart("shared area", expected.built ? "exists" : "does not exist",
+                     seen.has_value() ? "exists" : "does not exist");
     }
     if (!seen) {
         return std::nullopt;

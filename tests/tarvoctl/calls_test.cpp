@@ -165,7 +165,7 @@ TEST(alloc, WithoutARegionItSaysWhatIsMissing) {
     EXPECT_EQ(outcome.status, 3);
     EXPECT_EQ(outcome.errors,
               "tarvoctl: there is no region: /proc/tarvo is missing or does not describe one, and "
-              "SIMULATION_VMID is not set and /var/tmp/tarvo is not there. Load the kernel "
+              "SIMULATION_VMID is not set and /var/tmp/tarvo does not exist. Load the kernel "
               "driver, or run with SIMULATION_VMID set\n");
     EXPECT_FALSE(exists(machine.shared_area()));
 }

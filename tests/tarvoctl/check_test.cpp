@@ -96,7 +96,7 @@ TEST(check, SaysWhatIsNoArea) {
                                   "an area, or an incomplete one; 'tarvoctl snapshot' makes one\n");
     const auto missing = tarvoctl(machine, {"check", "/nowhere"});
     EXPECT_EQ(missing.status, 3);
-    EXPECT_EQ(missing.errors, "tarvoctl: /nowhere is not there\n");
+    EXPECT_EQ(missing.errors, "tarvoctl: /nowhere does not exist\n");
 }
 
 TEST(check, WaitsForNobodyBehindAFifo) {
@@ -169,10 +169,11 @@ TEST(check, SaysWhyThereCanBeNoArea) {
     sandbox machine(low, {"--without", "proc"});
     const auto outcome = tarvoctl(machine, {"list"});
     EXPECT_EQ(outcome.status, 3);
-    EXPECT_EQ(outcome.errors,
-              "tarvoctl: there is no region: /proc/tarvo is missing or does not describe one, and "
-              "SIMULATION_VMID is not set and /var/tmp/tarvo is not there. Load the kernel driver, "
-              "or run with SIMULATION_VMID set\n");
+    EXPECT_EQ(
+        outcome.errors,
+        "tarvoctl: there is no region: /proc/tarvo is missing or does not describe one, and "
+        "SIMULATION_VMID is not set and /var/tmp/tarvo does not exist. Load the kernel driver, "
+        "or run with SIMULATION_VMID set\n");
 }
 
 TEST(snapshot, IsAConsistentCopyThatAllCommandsRead) {
@@ -389,7 +390,7 @@ TEST_F(snapshot_onto, WhatHasTheAreaMappedKeepsItsFile) {
                                       ": that is a file of the library; name another\n");
     }
     EXPECT_EQ(machine.area().snapshot(), before);
-    // One that is not there would select simulation.
+    // One that does not exist would select simulation.
     EXPECT_EQ(tarvoctl(machine, {"snapshot", "/var/tmp/../tmp/tarvo"}).status, 2);
     EXPECT_EQ(tarvoctl(machine, {"list"}).status, 0);
 }
@@ -441,7 +442,7 @@ TEST(diff, ComplainsFirstOfTheFileThatWasNamed) {
     sandbox machine(simulation);
     const auto outcome = tarvoctl(machine, {"diff", "/nowhere"});
     EXPECT_EQ(outcome.status, 3);
-    EXPECT_EQ(outcome.errors, "tarvoctl: /nowhere is not there\n");
+    EXPECT_EQ(outcome.errors, "tarvoctl: /nowhere does not exist\n");
 }
 
 } // namespace

@@ -129,7 +129,7 @@ TEST(doctor, MakesNoFileWhereThereIsNone) {
     sandbox machine(simulation);
     const examination found(machine);
     EXPECT_EQ(found.status(), 0) << found.shown();
-    EXPECT_TRUE(found.says("note", "/var/tmp/tarvo_lib", "is not there yet"));
+    EXPECT_TRUE(found.says("note", "/var/tmp/tarvo_lib", "does not exist yet"));
     EXPECT_FALSE(exists(machine.shared_area()));
     EXPECT_FALSE(exists(machine.memory_file()));
     EXPECT_FALSE(exists(machine.lock_file()));
@@ -252,7 +252,7 @@ TEST(doctor, SeesThatALeftOverFileSelectsSimulation) {
     const examination found(machine);
     EXPECT_EQ(found.status(), 1) << found.shown();
     EXPECT_TRUE(found.says("warning", "selection",
-                           "simulation, because /var/tmp/tarvo is there; SIMULATION_VMID is not "
+                           "simulation, because /var/tmp/tarvo exists; SIMULATION_VMID is not "
                            "set, and this machine has a region driver",
                            "rm /var/tmp/tarvo"))
         << found.shown();

@@ -12,7 +12,7 @@ namespace {
 
 using words = std::vector<std::string>;
 
-/// Each command that looks; @before is a snapshot, @new a file that is not there yet.
+/// Each command that looks; @before is a snapshot, @new a file that does not exist yet.
 const std::vector<words> looking_commands{{"list"},
                                           {"show", "rx_ring"},
                                           {"devices"},

@@ -50,7 +50,7 @@ bool diagnose_kind(const expected_file& expected, health_report& report) {
     if (::lstat(path.c_str(), &entry) != 0) {
         if (errno == ENOENT) {
             report.add(verdict::note, path,
-                       expected.role + " is not there yet: the first program that needs it makes "
+                       expected.role + " does not exist yet: the first program that needs it makes "
                                        "it");
         } else if (errno != ENOTDIR) { // which was reported of the folder
             report.add(verdict::warning, path,
@@ -175,7 +175,7 @@ void diagnose_folder_of(const std::string& file, verdict if_unusable, health_rep
     if (const auto fault = fault_of_folder(folder, for_new_file)) {
         report.add(if_unusable, folder, fault->text, fault->fix);
     } else {
-        report.add(verdict::ok, folder, "the folder is there");
+        report.add(verdict::ok, folder, "the folder exists");
     }
 }
 

@@ -29,7 +29,7 @@ namespace {
 [[noreturn]] void fail_missing(const std::string& path) {
     const site here = find_site();
     if (path != here.area) {
-        throw failure{exit_status::unreadable, fmt::format("{} is not there", path)};
+        throw failure{exit_status::unreadable, fmt::format("{} does not exist", path)};
     }
     require_region(here);
     throw failure{exit_status::unreadable,

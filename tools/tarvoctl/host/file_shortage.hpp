@@ -32,11 +32,11 @@ std::optional<file_shortage> cut_short_area(const site& here);
 /// In simulation, where the memory is a file; also one that is empty, once there is an area.
 std::optional<file_shortage> cut_short_memory(const site& here);
 
-/// In simulation: a memory that is not there any more, while chunks are listed in it.
+/// In simulation: a memory that no longer exists, while chunks are listed in it.
 std::optional<file_shortage> lost_memory(const site& here);
 
 /// A file system that lacks room for what the file does not have of its blocks yet, also where the
-/// file itself is not there.
+/// file itself does not exist.
 std::optional<file_shortage> area_without_room(const site& here);
 /// In simulation. All of the region has room where there is no shortage.
 std::optional<file_shortage> memory_without_room(const site& here);

@@ -9,7 +9,7 @@ struct mount {
     std::string type;
 };
 
-/// Where the file system of a path is mounted, also of a path that is not there.
+/// Where the file system of a path is mounted, also of a path that does not exist.
 mount mount_of(const std::string& path);
 
 } // namespace tarvoctl

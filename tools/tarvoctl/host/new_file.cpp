@@ -34,7 +34,7 @@ bool is_same(const std::string& path, const std::string& other) {
            (folder && folder == identity_of(folder_of(two)) && one.filename() == two.filename());
 }
 
-/// Processes may be using them now; one that is not there yet would change what the next one does.
+/// Processes may be using them now; one that is yet to be made would change what the next one does.
 bool is_of_library(const std::string& path) {
     constexpr const char* files[] = {paths::simulated_memory, paths::simulated_area,
                                      paths::simulated_lock, paths::hardware_area,

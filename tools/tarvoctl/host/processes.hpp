@@ -24,7 +24,7 @@ struct process_info {
 /// All that are there now, in ascending order.
 std::vector<pid_t> all_processes();
 
-/// Nothing when it is not there (any more).
+/// Nothing when it does not exist (any more).
 std::optional<process_info> process_of(pid_t pid);
 
 /// A file of a process's folder in /proc, or why it cannot be read.

@@ -50,13 +50,13 @@ std::string reason_for(bool simulation) {
     const std::string variable{simulation_variable};
     const std::string memory{paths::simulated_memory};
     if (simulation) {
-        return asked_for ? variable + " is set" : memory + " is there";
+        return asked_for ? variable + " is set" : memory + " exists";
     }
     if (asked_for) {
         return variable + " is set, but " + memory + " cannot be used";
     }
     const bool there = ::access(paths::simulated_memory, F_OK) == 0;
-    return variable + " is not set and " + memory + (there ? " cannot be used" : " is not there");
+    return variable + " is not set and " + memory + (there ? " cannot be used" : " does not exist");
 }
 
 std::optional<driver_region> driver_region_here() {
