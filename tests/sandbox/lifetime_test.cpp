@@ -91,8 +91,9 @@ class lifetime : public testing::Test {
     std::string _socket = _folder.path() / "control";
     /// The helper is a child of the command, which nobody but the sandbox cleans up.
     process _first{tool({"--world", "low", "--control", _socket, "--", "sh", "-c",
-                         R"(readlink /proc/self/ns/mnt; echo $$; sleep 1000 & echo $!
-                        trap 'exit 7' TERM; while :; do sleep 0.01; done)"}),
+                         R"(trap 'exit 7' TERM
+                        readlink /proc/self/ns/mnt; echo $$; sleep 1000 & echo $!
+                        while :; do sleep 0.01; done)"}),
                    _folder.path() / "errors"};
     std::string _mount_namespace;
     pid_t _command = -1;
