@@ -157,24 +157,25 @@ void check_long_name(const subject& /*all*/) {
     own_allocation{name, page_size()}.listed();
 }
 
-constexpr clause clauses[] = {
-    {"3.1", "A listing line has three fields", need::cma_region, check_listing_lines},
-    {"3.2", "Listed memory is in the region and does not overlap", need::cma_region,
-     check_listed_memory},
-    {"3.3", "A malformed command is refused", need::cma_region, check_malformed_commands},
-    {"3.4", "Releasing an unknown name changes nothing", need::cma_region, check_unknown_release},
-    {"3.5", "A plain region refuses commands", need::plain_region, check_plain_region},
-    {"3.6", "An allocation is listed with its name and size", need::cma_device, check_allocation},
-    {"3.7", "A name that is held keeps its memory", need::cma_device, check_repetition},
-    {"3.8", "Two names have different memory", need::cma_device, check_two_names},
-    {"3.9", "More than there is is refused", need::cma_device, check_too_much},
-    {"3.10", "Released memory is listed no more", need::cma_device, check_release},
-    {"3.11", "A name of 49 bytes is kept whole", need::cma_device, check_long_name},
-};
-
 } // namespace
 
 std::span<const clause> allocator_clauses() {
+    static constexpr clause clauses[] = {
+        {"3.1", "A listing line has three fields", need::cma_region, check_listing_lines},
+        {"3.2", "Listed memory is in the region and does not overlap", need::cma_region,
+         check_listed_memory},
+        {"3.3", "A malformed command is refused", need::cma_region, check_malformed_commands},
+        {"3.4", "Releasing an unknown name changes nothing", need::cma_region,
+         check_unknown_release},
+        {"3.5", "A plain region refuses commands", need::plain_region, check_plain_region},
+        {"3.6", "An allocation is listed with its name and size", need::cma_device,
+         check_allocation},
+        {"3.7", "A name that is held keeps its memory", need::cma_device, check_repetition},
+        {"3.8", "Two names have different memory", need::cma_device, check_two_names},
+        {"3.9", "More than there is is refused", need::cma_device, check_too_much},
+        {"3.10", "Released memory is listed no more", need::cma_device, check_release},
+        {"3.11", "A name of 49 bytes is kept whole", need::cma_device, check_long_name},
+    };
     return clauses;
 }
 

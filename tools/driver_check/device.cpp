@@ -187,22 +187,23 @@ void check_mapping_outlives_its_process(const subject& all) {
     require_accepted(request_line_of("unmap", *all.device, memory.chunk(0, 1)));
 }
 
-constexpr clause clauses[] = {
-    {"5.1", "A chunk is mapped", need::device, check_map},
-    {"5.2", "A repeated map is accepted", need::device, check_repeated_map},
-    {"5.3", "What is mapped can be unmapped", need::device, check_unmap},
-    {"5.4", "Unmapping what is not mapped does no harm", need::device, check_unmap_of_nothing},
-    {"5.5", "Both kinds of end name the same pages", need::device, check_page_rounding},
-    {"5.6", "The whole region is mapped with each protection", need::device, check_whole_region},
-    {"5.7", "One write is one whole line", need::device, check_whole_lines},
-    {"5.8", "Requests of several processes stay apart", need::device, check_processes_side_by_side},
-    {"5.9", "A mapping outlives the process that made it", need::device,
-     check_mapping_outlives_its_process},
-};
-
 } // namespace
 
 std::span<const clause> device_clauses() {
+    static constexpr clause clauses[] = {
+        {"5.1", "A chunk is mapped", need::device, check_map},
+        {"5.2", "A repeated map is accepted", need::device, check_repeated_map},
+        {"5.3", "What is mapped can be unmapped", need::device, check_unmap},
+        {"5.4", "Unmapping what is not mapped does no harm", need::device, check_unmap_of_nothing},
+        {"5.5", "Both kinds of end name the same pages", need::device, check_page_rounding},
+        {"5.6", "The whole region is mapped with each protection", need::device,
+         check_whole_region},
+        {"5.7", "One write is one whole line", need::device, check_whole_lines},
+        {"5.8", "Requests of several processes stay apart", need::device,
+         check_processes_side_by_side},
+        {"5.9", "A mapping outlives the process that made it", need::device,
+         check_mapping_outlives_its_process},
+    };
     return clauses;
 }
 

@@ -85,15 +85,6 @@ void check_steadiness(const subject& /*all*/) {
                                          shown(before), shown(after)));
 }
 
-constexpr clause clauses[] = {
-    {"1.1", "The region file has a first line", need::nothing, check_first_line},
-    {"1.2", "The line has four fields", need::nothing, check_fields},
-    {"1.3", "The region has a start and an end above it", need::nothing, check_bounds},
-    {"1.4", "The region is whole pages", need::nothing, check_pages},
-    {"1.5", "Every byte has a DMA address of 32 bits", need::region, check_dma_addresses},
-    {"1.6", "The line stays the same", need::nothing, check_steadiness},
-};
-
 } // namespace
 
 uint64_t page_size() {
@@ -114,6 +105,14 @@ std::optional<region_line> find_region() {
 }
 
 std::span<const clause> region_clauses() {
+    static constexpr clause clauses[] = {
+        {"1.1", "The region file has a first line", need::nothing, check_first_line},
+        {"1.2", "The line has four fields", need::nothing, check_fields},
+        {"1.3", "The region has a start and an end above it", need::nothing, check_bounds},
+        {"1.4", "The region is whole pages", need::nothing, check_pages},
+        {"1.5", "Every byte has a DMA address of 32 bits", need::region, check_dma_addresses},
+        {"1.6", "The line stays the same", need::nothing, check_steadiness},
+    };
     return clauses;
 }
 

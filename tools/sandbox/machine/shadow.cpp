@@ -16,7 +16,7 @@ namespace {
 
 constexpr const char* hidden_name = ".host";
 
-void bind(const std::string& source, const std::string& target, unsigned long flags) {
+void bind_mount(const std::string& source, const std::string& target, unsigned long flags) {
     if (::mount(source.c_str(), target.c_str(), nullptr, MS_BIND | flags, nullptr) != 0) {
         throw failed_call("cannot bind " + source + " to " + target);
     }
@@ -92,7 +92,7 @@ void make_folder(const std::string& path, unsigned mode) {
 void bind_folder(const std::string& source, const std::string& target) {
     make_folder(target, 0755);
     // Recursively, because a user namespace may not look below what is mounted there.
-    bind(source, target, MS_REC);
+    bind_mount(source, target, MS_REC);
 }
 
 void bind_file(const std::string& source, const std::string& target) {
@@ -100,7 +100,7 @@ void bind_file(const std::string& source, const std::string& target) {
     if (!placed) {
         throw failed_call("cannot make " + target);
     }
-    bind(source, target, 0);
+    bind_mount(source, target, 0);
 }
 
 void shadow_folder(const std::string& path, const std::set<std::string>& left_out) {
@@ -115,12 +115,12 @@ void shadow_folder(const std::string& path, const std::set<std::string>& left_ou
 
 void substitute_folder(const std::string& path, const std::string& substitute) {
     const unique_fd original = clone_folder(path);
-    bind(substitute, path, 0);
+    bind_mount(substitute, path, 0);
     move_into_hidden_folder(original, path);
     for (const auto& shown : std::filesystem::directory_iterator(path)) {
         const std::string name = shown.path().filename();
         if (shown.symlink_status().type() == std::filesystem::file_type::directory) {
-            bind(path + "/" + hidden_name + "/" + name, shown.path(), MS_REC);
+            bind_mount(path + "/" + hidden_name + "/" + name, shown.path(), MS_REC);
         }
     }
 }

@@ -16,13 +16,14 @@ namespace tarvoctl {
 
 namespace {
 
-constexpr size_t page_bytes = 4096;
+constexpr size_t copied_bytes = 4096;
 constexpr mode_t owner_only = 0600;
 /// As long as a live one.
-constexpr size_t whole_pages = (sizeof(shared_area_t) + page_bytes - 1) / page_bytes * page_bytes;
+constexpr size_t whole_blocks =
+    (sizeof(shared_area_t) + copied_bytes - 1) / copied_bytes * copied_bytes;
 
 bool is_zero(const char* first, size_t bytes) {
-    static constexpr std::array<char, page_bytes> zeros{};
+    static constexpr std::array<char, copied_bytes> zeros{};
     return std::memcmp(first, zeros.data(), bytes) == 0;
 }
 
@@ -31,20 +32,20 @@ const char* bytes_of(const shared_area_t& area) {
 }
 
 /// Those that are not all zeros.
-std::vector<std::span<const char>> filled_pages_of(const shared_area_t& area) {
-    std::vector<std::span<const char>> pages;
-    for (size_t offset = 0; offset < sizeof area; offset += page_bytes) {
-        const size_t count = std::min(page_bytes, sizeof area - offset);
+std::vector<std::span<const char>> filled_blocks_of(const shared_area_t& area) {
+    std::vector<std::span<const char>> blocks;
+    for (size_t offset = 0; offset < sizeof area; offset += copied_bytes) {
+        const size_t count = std::min(copied_bytes, sizeof area - offset);
         if (!is_zero(bytes_of(area) + offset, count)) {
-            pages.emplace_back(bytes_of(area) + offset, count);
+            blocks.emplace_back(bytes_of(area) + offset, count);
         }
     }
-    return pages;
+    return blocks;
 }
 
 /// Compressed: nearly all of an area is zeros, and holes in a file would be lost in the next copy.
 std::string packed(const shared_area_t& area) {
-    std::vector<char> bytes(whole_pages);
+    std::vector<char> bytes(whole_blocks);
     std::memcpy(bytes.data(), bytes_of(area), sizeof area);
     return gzipped(bytes);
 }
@@ -67,11 +68,12 @@ void print_snapshot(const shared_area_t& area) {
 
 void write_area(const new_file::target& wanted, const shared_area_t& area) {
     new_file file{wanted, owner_only};
-    const auto filled = filled_pages_of(area);
-    file.require_room(filled.size() * page_bytes);
-    file.resize(whole_pages);
-    for (const std::span<const char> page : filled) {
-        file.write_at(page.data(), page.size(), static_cast<size_t>(page.data() - bytes_of(area)));
+    const auto filled = filled_blocks_of(area);
+    file.require_room(filled.size() * copied_bytes);
+    file.resize(whole_blocks);
+    for (const std::span<const char> block : filled) {
+        file.write_at(block.data(), block.size(),
+                      static_cast<size_t>(block.data() - bytes_of(area)));
     }
     file.finish();
 }

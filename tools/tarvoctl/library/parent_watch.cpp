@@ -26,14 +26,14 @@ bool is_cut(int line, int milliseconds) {
     return ::poll(&look, 1, milliseconds) > 0;
 }
 
-void watch_parent(pthread_t worker, int interrupting_signal) {
+void watch_parent(pthread_t worker, int interruption) {
     while (!is_cut(line_to_parent, -1)) {
     }
     ::kill(::getpid(), SIGTERM);
     // Between two looks the wait may begin, or an interruption may come just before it.
     for (;;) {
         if (waits_for_lock(::getpid())) {
-            ::pthread_kill(worker, interrupting_signal);
+            ::pthread_kill(worker, interruption);
         }
         constexpr std::chrono::milliseconds between_looks{20};
         std::this_thread::sleep_for(between_looks);
@@ -51,7 +51,7 @@ parent_watch::parent_watch() {
     _parent_end.reset(ends[1]);
 }
 
-void parent_watch::follow_parent(int interrupting_signal) {
+void parent_watch::follow_parent(int interruption) {
     _parent_end.reset();
     line_to_parent = _child_end.release(); // for the rest of the process's life
     // Signals are the worker's.
@@ -59,7 +59,7 @@ void parent_watch::follow_parent(int interrupting_signal) {
     sigset_t earlier{};
     ::sigfillset(&all);
     ::pthread_sigmask(SIG_SETMASK, &all, &earlier);
-    std::thread{watch_parent, ::pthread_self(), interrupting_signal}.detach();
+    std::thread{watch_parent, ::pthread_self(), interruption}.detach();
     ::pthread_sigmask(SIG_SETMASK, &earlier, nullptr);
 }
 

@@ -11,9 +11,9 @@ class parent_watch {
     parent_watch();
 
     /// In the child, once. From now on the parent's end is a SIGTERM to the child; and while that
-    /// is held back, a wait for a file lock is interrupted again and again by
-    /// `interrupting_signal`, which has a handler.
-    void follow_parent(int interrupting_signal);
+    /// is held back, a wait for a file lock is interrupted again and again by the signal
+    /// `interruption`, which has a handler.
+    void follow_parent(int interruption);
 
   private:
     unique_fd _child_end;
