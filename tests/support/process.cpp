@@ -6,7 +6,6 @@
 #include <array>
 #include <cerrno>
 #include <csignal>
-#include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
 #include <fstream>
@@ -42,25 +41,30 @@ void close_if_open(int& fd) {
     }
 }
 
+/// For exec, which leaves the words as they are.
+std::vector<char*> pointers_to(const std::vector<std::string>& words) {
+    std::vector<char*> pointers;
+    pointers.reserve(words.size() + 1);
+    for (const std::string& word : words) {
+        pointers.push_back(const_cast<char*>(word.c_str()));
+    }
+    pointers.push_back(nullptr);
+    return pointers;
+}
+
 /// Becomes the program. It ends with the test, so that a test that is killed leaves nothing behind.
-[[noreturn]] void execute(const std::vector<std::string>& words, int input, int output,
-                          const std::filesystem::path& error_file) {
+/// Until then it runs in the test's own memory.
+[[noreturn]] void execute(char* const* words, int input, int output, const char* error_file) {
     prctl(PR_SET_PDEATHSIG, SIGKILL);
-    const int error = open(error_file.c_str(), O_RDWR | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
+    const int error = open(error_file, O_RDWR | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
     dup2(input, STDIN_FILENO);
     dup2(output, STDOUT_FILENO);
     dup2(error, STDERR_FILENO);
     // Not those of whoever runs the tests: clients see the same numbers everywhere.
     close_range(STDERR_FILENO + 1, ~0U, CLOSE_RANGE_CLOEXEC);
-    std::vector<char*> arguments;
-    arguments.reserve(words.size() + 1);
-    for (const std::string& word : words) {
-        arguments.push_back(const_cast<char*>(word.c_str()));
-    }
-    arguments.push_back(nullptr);
-    execvp(arguments.front(), arguments.data());
-    dprintf(STDERR_FILENO, "cannot execute %s: %s\n", arguments.front(), std::strerror(errno));
-    std::_Exit(127);
+    execvp(words[0], words);
+    dprintf(STDERR_FILENO, "cannot execute %s: %s\n", words[0], std::strerror(errno));
+    _exit(127);
 }
 
 } // namespace
@@ -78,9 +82,11 @@ process::process(const std::vector<std::string>& words, const std::filesystem::p
     : _error_file(error_file) {
     pipe_ends input = make_pipe();
     pipe_ends output = make_pipe();
-    _pid = fork();
+    const std::vector<char*> arguments = pointers_to(words);
+    // A fork would copy the tables of the pages of every area that the test has mapped.
+    _pid = vfork();
     if (_pid == 0) {
-        execute(words, input.reading, output.writing, error_file);
+        execute(arguments.data(), input.reading, output.writing, error_file.c_str());
     }
     close(input.reading);
     close(output.writing);
