@@ -226,10 +226,19 @@ void remark_on(bool consistent) {
 
 } // namespace
 
-area_copy::area_copy() : _area{static_cast<shared_area_t*>(std::calloc(1, sizeof(shared_area_t)))} {
-    if (!_area) {
+area_copy::area_copy() {
+    void* const start = ::mmap(nullptr, sizeof(shared_area_t), PROT_READ | PROT_WRITE,
+                               MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    if (start == MAP_FAILED) {
         throw std::bad_alloc{};
     }
+    _area.reset(static_cast<shared_area_t*>(start));
+    // To be given 17,000 small pages, one by one, takes longer than to copy the area into them.
+    ::madvise(start, sizeof(shared_area_t), MADV_HUGEPAGE);
+}
+
+void area_copy::release::operator()(shared_area_t* area) const {
+    ::munmap(area, sizeof(shared_area_t));
 }
 
 bool area_copy::has_bytes_of(const area_copy& other) const {

@@ -7,7 +7,6 @@
 #include "shared/layout.hpp"
 
 #include <chrono>
-#include <cstdlib>
 #include <memory>
 #include <string>
 
@@ -54,7 +53,7 @@ class area_copy {
 
   private:
     struct release {
-        void operator()(void* memory) const { std::free(memory); }
+        void operator()(shared_area_t* area) const;
     };
     std::unique_ptr<shared_area_t, release> _area;
 };
