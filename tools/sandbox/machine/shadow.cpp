@@ -117,10 +117,10 @@ void substitute_folder(const std::string& path, const std::string& substitute) {
     const unique_fd original = clone_folder(path);
     bind_mount(substitute, path, 0);
     move_into_hidden_folder(original, path);
+    const auto hidden = std::filesystem::path(path) / hidden_name;
     for (const auto& shown : std::filesystem::directory_iterator(path)) {
-        const std::string name = shown.path().filename();
         if (shown.symlink_status().type() == std::filesystem::file_type::directory) {
-            bind_mount(path + "/" + hidden_name + "/" + name, shown.path(), MS_REC);
+            bind_mount(hidden / shown.path().filename(), shown.path(), MS_REC);
         }
     }
 }

@@ -92,6 +92,7 @@ void end_with(pid_t parent) {
 
 [[noreturn]] void execute(const std::vector<std::string>& command) {
     std::vector<char*> words;
+    words.reserve(command.size() + 1);
     for (const auto& word : command) {
         words.push_back(const_cast<char*>(word.c_str()));
     }

@@ -124,6 +124,12 @@ std::span<const uint8_t> raw(const Record& record) {
     return {reinterpret_cast<const uint8_t*>(&record), sizeof record};
 }
 
+/// Padding included.
+template <typename Record>
+bool same_bytes(const Record& one, const Record& other) {
+    return std::memcmp(raw(one).data(), raw(other).data(), sizeof one) == 0;
+}
+
 /// A text field up to its terminator; nothing when it has none.
 template <size_t Bytes>
 std::optional<std::string_view> text_in(const char (&field)[Bytes]) {

@@ -121,6 +121,7 @@ std::vector<const list_column*> columns_of(const list_options& options) {
 void print_as_table(const picture& records, const list_options& options) {
     const auto chosen = columns_of(options);
     std::vector<column> heads;
+    heads.reserve(chosen.size());
     for (const auto* each : chosen) {
         heads.push_back(each->head);
     }

@@ -99,7 +99,7 @@ std::string text_of(const piece& each) {
 
 /// What is listed below the picture: all pieces, or the largest chunks where those are too many.
 std::vector<piece> listed_of(std::vector<piece> pieces) {
-    constexpr size_t most_pieces = 2 * 52; // a chunk for each letter, and the gaps between
+    constexpr size_t most_pieces = 104; // a chunk for each letter, and the gaps between
     constexpr size_t most_chunks = 20;
     if (pieces.size() <= most_pieces) {
         return pieces;

@@ -1,5 +1,6 @@
 #include "area/repair.hpp"
 
+#include "area/raw_records.hpp"
 #include "commands/commands.hpp"
 #include "common/failure.hpp"
 #include "common/quantities.hpp"
@@ -13,7 +14,6 @@
 #include "output/text.hpp"
 
 #include <chrono>
-#include <cstring>
 #include <fmt/format.h>
 #include <memory>
 #include <unistd.h>
@@ -176,7 +176,7 @@ void apply_under_lock(const repair_options& options, const repair_plan& plan,
     const cross_process_lock lock{options.source.is_live() ? find_site().locks
                                                            : std::vector<std::string>{},
                                   options.source.timeout};
-    if (std::memcmp(&mapped.area(), &planned_for, sizeof planned_for) != 0) {
+    if (!same_bytes(mapped.area(), planned_for)) {
         throw failure{exit_status::finding, "not repaired: the area has changed since the plan was "
                                             "made; run it again"};
     }
@@ -188,7 +188,7 @@ std::string carry_out(const repair_options& options, const repair_plan& plan,
                       const shared_area_t& planned_for) {
     const mapped_area mapped{path_of(options)};
     mapped.touch();
-    const std::string backup = backup_path(options);
+    std::string backup = backup_path(options);
     write_area({backup, existing_file::refused, "--backup names another",
                 "--backup FILE puts it where there is room"},
                planned_for);

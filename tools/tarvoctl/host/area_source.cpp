@@ -11,7 +11,6 @@
 
 #include <array>
 #include <cerrno>
-#include <cstring>
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <new>
@@ -113,7 +112,7 @@ class area_reader {
             std::this_thread::sleep_for(between_readings);
             const area_copy before = std::exchange(_copy, area_copy{});
             (this->*look)();
-            if (_copy.has_bytes_of(before)) {
+            if (same_bytes(*_copy, *before)) {
                 return;
             }
         }
@@ -239,12 +238,6 @@ area_copy::area_copy() {
 
 void area_copy::release::operator()(shared_area_t* area) const {
     ::munmap(area, sizeof(shared_area_t));
-}
-
-bool area_copy::has_bytes_of(const area_copy& other) const {
-    const void* const bytes = _area.get();
-    const void* const others = other._area.get();
-    return std::memcmp(bytes, others, sizeof(shared_area_t)) == 0;
 }
 
 void require_region(const site& here) {

@@ -46,7 +46,6 @@ class area_copy {
 
     shared_area_t& operator*() const { return *_area; }
     shared_area_t* operator->() const { return _area.get(); }
-    bool has_bytes_of(const area_copy& other) const;
 
     /// As picture has it.
     bool consistent = true;

@@ -91,11 +91,10 @@ std::string svg_of(const map_mark& mark) {
     constexpr double half = map_mark_size / 2;
     const std::string shape =
         mark.is_device
-            ? fmt::format("<rect class=\"mark\" x=\"{:.2f}\" y=\"{:.2f}\" width=\"{}\" "
-                          "height=\"{}\"/>",
+            ? fmt::format(R"(<rect class="mark" x="{:.2f}" y="{:.2f}" width="{}" height="{}"/>)",
                           mark.x, mark.y, map_mark_size, map_mark_size)
-            : fmt::format("<circle class=\"mark\" cx=\"{:.2f}\" cy=\"{:.2f}\" r=\"{}\"/>",
-                          mark.x + half, mark.y + half, half);
+            : fmt::format(R"(<circle class="mark" cx="{:.2f}" cy="{:.2f}" r="{}"/>)", mark.x + half,
+                          mark.y + half, half);
     constexpr double base_line = 10;
     return shape + fmt::format("<text class=\"number\" x=\"{:.2f}\" y=\"{:.2f}\">{}</text>\n",
                                mark.x + half, mark.y + base_line, escaped(mark.number));

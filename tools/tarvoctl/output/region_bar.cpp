@@ -173,7 +173,7 @@ class drawing {
             return "!";
         }
         if (one.label != '\0') {
-            return std::string(1, one.label);
+            return {one.label};
         }
         if (one.owner == nullptr) {
             return one.has_unknown ? "?" : _signs.free;
