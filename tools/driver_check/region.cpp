@@ -81,7 +81,7 @@ void check_dma_addresses(const subject& all) {
 void check_steadiness(const subject& /*all*/) {
     const std::string before = first_line_of(read_listing());
     const std::string after = first_line_of(read_listing());
-    require(before == after, fmt::format("the first line was \"{}\", and \"{}\" at the next open",
+    require(before == after, fmt::format(R"(the first line was "{}", and "{}" at the next open)",
                                          shown(before), shown(after)));
 }
 
