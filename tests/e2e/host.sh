@@ -1,12 +1,18 @@
 #!/usr/bin/env bash
 # What scripts/e2e and scripts/vm share: kernels, the driver built for them, and the machine.
-# Sourced at the top of the project. Everything is made in build-e2e/, which can be removed.
+# Sourced at the top of the project. Everything is made in build-e2e/, which can be removed. Call
+# prepare plainly, never as a condition: it relies on set -e, which bash ignores there.
 
 work=$PWD/build-e2e
 # Where the library and the driver come from.
 sources=.
 mkdir -p "$work"
+# $(...) would go on after a failure.
+shopt -s inherit_errexit
 
+# Where none is named.
+# shellcheck disable=SC2034 # it is for the scripts
+usual_kernel=6.12
 # The packages that follow a kernel's versions.
 declare -A image_of=(
     [6.1]=linux-image-cloud-amd64 [6.12]=linux-image-6.12-cloud-amd64)
@@ -17,6 +23,16 @@ complain() {
     printf 'e2e: %s\n' "$@" >&2
 }
 
+# logged LOG COMMAND...: its output goes into LOG, and is shown when it fails.
+logged() {
+    local log=$1
+    shift
+    if ! "$@" >"$log" 2>&1; then
+        cat "$log" >&2
+        return 1
+    fi
+}
+
 # depends_of PACKAGE PATTERN: the packages of such names that it depends on.
 depends_of() {
     apt-cache depends --no-recommends --no-suggests "$1" |
@@ -25,31 +41,36 @@ depends_of() {
 
 # packages_of KERNEL: its image, its headers, and what these need to build a module.
 packages_of() {
-    local image headers
-    image=$(depends_of "${image_of[$1]}" 'linux-image-.*')
-    headers=$(depends_of "${headers_of[$1]}" 'linux-headers-.*')
-    echo "$image"
-    echo "$headers"
-    depends_of "$headers" 'linux-(headers-.*-common|kbuild-.*)'
+    local image headers rest
+    image=$(depends_of "${image_of[$1]}" 'linux-image-.*') &&
+        headers=$(depends_of "${headers_of[$1]}" 'linux-headers-.*') &&
+        rest=$(depends_of "$headers" 'linux-(headers-.*-common|kbuild-.*)') &&
+        printf '%s\n' "$image" "$headers" "$rest"
+}
+
+# download KERNEL FOLDER
+download() {
+    local names packages
+    names=$(packages_of "$1") || return
+    mapfile -t packages <<<"$names"
+    echo "e2e: fetching ${packages[*]}"
+    (cd "$2" && logged ../log apt-get -q download "${packages[@]}")
 }
 
 # fetch KERNEL: its packages, unpacked in build-e2e/KERNEL and installed nowhere. What is there is
 # kept: remove the folder for newer ones.
 fetch() {
-    local place=$work/$1 packages
+    local place=$work/$1
     if [[ -e $place/complete ]]; then
         return
     fi
     rm -rf "$place"
     mkdir -p "$place/packages"
-    mapfile -t packages < <(packages_of "$1")
-    echo "e2e: fetching ${packages[*]}"
-    if ! (cd "$place/packages" && apt-get -q download "${packages[@]}" 2>&1) >"$place/log"; then
-        cat "$place/log" >&2
+    if ! download "$1" "$place/packages"; then
         complain "the packages of kernel $1 cannot be had, see above: nothing is proved" \
             "check the network and that /etc/apt names Debian 12 with its security archive," \
             "run 'apt-get update' as root, then this again"
-        return 3
+        return 1
     fi
     unpack "$place"
     touch "$place/complete"
@@ -65,7 +86,8 @@ unpack() {
     sed -i "s|/usr/src|$1&|" "$1"/usr/src/linux-headers-*-cloud-amd64/Makefile
 }
 
-# module KERNEL: tarvo.ko in build-e2e/KERNEL/module, built anew when a source differs.
+# module KERNEL: tarvo.ko in build-e2e/KERNEL/module, built anew when a source differs. After a
+# failure nothing of it stays: a second build would have nothing to compile and nothing to warn of.
 module() {
     local place=$work/$1 headers file
     headers=$(echo "$place"/usr/src/linux-headers-*-cloud-amd64)
@@ -74,55 +96,69 @@ module() {
         cmp -s "$file" "$place/module/$(basename "$file")" || cp "$file" "$place/module"
     done
     if ! nice make -C "$place/module" KDIR="$headers" W=1 >"$place/module.log" 2>&1 ||
-        grep -q 'warning:' "$place/module.log"; then
+        grep -qi 'warning:' "$place/module.log"; then
         cat "$place/module.log" >&2
+        rm -r "$place/module"
         complain "the driver does not build without warnings for kernel $1"
         return 1
     fi
 }
 
-# prepare KERNEL...: Debian's packages, the library as everybody builds it, what drives it, and the
-# driver. 3 if something cannot be had.
+# library: as everybody builds it, and what drives it. build/ is configured each time: packages that
+# this needs may have come since.
+library() {
+    logged "$work/build.log" cmake -S . -B build -G Ninja
+    logged "$work/build.log" cmake --build build --target \
+        tarvo tarvoctl tarvo-driver-check tarvo-client edu physical tarvo_i386
+    if [[ $sources != . ]]; then
+        logged "$work/build.log" cmake -S "$sources" -B "$sources/build" -G Ninja \
+            -DBUILD_TESTING=OFF
+        logged "$work/build.log" cmake --build "$sources/build" --target tarvo
+    fi
+}
+
+# prepare KERNEL...: Debian's packages, the library, the driver and the machines' files.
 prepare() {
     local kernel
-    ./scripts/setup e2e || return 3
-    if [[ ! -e build/CMakeCache.txt ]]; then
-        cmake -S . -B build -G Ninja >/dev/null || return 3
-    fi
-    cmake --build build --target tarvo tarvoctl tarvo-driver-check tarvo-client edu physical \
-        tarvo_i386 >"$work/build.log" || { cat "$work/build.log" >&2; return 3; }
-    if [[ $sources != . ]]; then
-        cmake -S "$sources" -B "$sources/build" -G Ninja -DBUILD_TESTING=OFF >/dev/null &&
-            cmake --build "$sources/build" --target tarvo >"$work/build.log" || return 3
-    fi
+    ./scripts/setup e2e
     for kernel; do
-        fetch "$kernel" && module "$kernel" || return 3
+        fetch "$kernel"
     done
+    library
     initramfs
+    for kernel; do
+        module "$kernel"
+        initrd "$kernel"
+    done
 }
 
 # --- the machine's files ---
 
+# copy_libraries PROGRAM FOLDER: the libraries that the program needs.
+copy_libraries() {
+    local needed library
+    needed=$(ldd "$1")
+    while read -r library; do
+        install -D "$library" "$2/$(basename "$library")"
+    done < <(sed -nE 's/.*=> (\/[^ ]*) .*/\1/p' <<<"$needed")
+}
+
 # with_libraries FOLDER PROGRAM...: copies of both, where the programs look for the latter.
 with_libraries() {
-    local folder=$1 library program
+    local folder=$1 program
     shift
     for program; do
         install -D "$program" "$folder/bin/$(basename "$program")"
-        while read -r library; do
-            install -D "$library" "$folder/lib/$(basename "$library")"
-        done < <(ldd "$program" | sed -nE 's/.*=> (\/[^ ]*) .*/\1/p')
+        copy_libraries "$program" "$folder/lib"
     done
     install -D /lib64/ld-linux-x86-64.so.2 "$folder/lib64/ld-linux-x86-64.so.2"
 }
 
 # The 32-bit client with its libraries, which have the names of the others.
 with_client_32() {
-    local folder=$1 library
-    while read -r library; do
-        install -D "$library" "$folder/lib32/$(basename "$library")"
-    done < <(ldd build/i386/tests/client/tarvo-client | sed -nE 's/.*=> (\/[^ ]*) .*/\1/p')
-    install -D build/i386/tests/client/tarvo-client "$folder/lib32/tarvo-client"
+    local folder=$1 client=build/i386/tests/client/tarvo-client
+    copy_libraries "$client" "$folder/lib32"
+    install -D "$client" "$folder/lib32/tarvo-client"
     install -D /lib32/ld-linux.so.2 "$folder/lib/ld-linux.so.2"
     cat >"$folder/bin/tarvo-client32" <<'END'
 #!/bin/sh
@@ -151,6 +187,14 @@ initramfs() {
     mv "$files/e2e/init" "$files/init"
     chmod +x "$files/init"
     archive "$files" | whole_file "$work/files.cpio.gz"
+}
+
+# initrd KERNEL: what its machines boot from, with the module, in build-e2e/KERNEL/initrd.gz.
+initrd() {
+    local place=$work/$1
+    mkdir -p "$place/initrd/lib"
+    cp "$place/module/tarvo.ko" "$place/initrd/lib"
+    (cat "$work/files.cpio.gz" && archive "$place/initrd") | whole_file "$place/initrd.gz"
 }
 
 archive() {
@@ -205,9 +249,6 @@ reserved_of() {
 machine() {
     local place=$work/$1 story=$2
     shift 2
-    mkdir -p "$place/initrd/lib"
-    cp "$place/module/tarvo.ko" "$place/initrd/lib"
-    (cat "$work/files.cpio.gz" && archive "$place/initrd") | whole_file "$place/initrd.gz"
     qemu=(qemu-system-x86_64 -M q35,kernel-irqchip=split -accel tcg -m "$(memory_of "$story")"
         "${devices[@]}" -display none -nodefaults -no-reboot -kernel "$place"/boot/vmlinuz-*
         -initrd "$place/initrd.gz"
