@@ -1,8 +1,9 @@
 #!/usr/bin/env python3
 """Plays the session of README's machine on a terminal: what is printed is what comes out.
 
-usage: tests/e2e/transcript.py, at the top of the project; the console goes to standard error when
-something differs.
+scripts/e2e transcript starts it, at the top of the project, after preparing what the machine needs:
+the time that it has is for the session alone. Ends with 0 if all was printed, 1 if something
+differs, 2 if the session did not finish; the console then goes to standard error.
 """
 
 import os
@@ -10,6 +11,7 @@ import pty
 import re
 import select
 import shlex
+import signal
 import subprocess
 import sys
 import time
@@ -36,6 +38,10 @@ def text_of(output):
     return re.sub(r"\x1b\[[0-9;?]*[a-zA-Z]|\r", "", output)
 
 
+class Unfinished(Exception):
+    """The session did not come to its end."""
+
+
 class Terminal:
     """A program on a terminal of its own."""
 
@@ -55,19 +61,18 @@ class Terminal:
         """What came since the last prompt, as lines; the line that was typed is echoed first."""
         while not text_of(self._fresh).endswith("\n" + PROMPT):
             if not self._more():
-                raise EOFError("no prompt")
+                raise Unfinished(f"ends with status {self._ended()} before a prompt")
         lines, self._fresh = text_of(self._fresh).splitlines(), ""
         return lines[1:-1]
 
     def status(self):
         while self._more():
             pass
-        return self._program.wait()
+        return self._ended()
 
     def _more(self):
-        if not select.select([self._master], [], [], self._end - time.monotonic())[0]:
-            self._program.terminate()
-            raise TimeoutError(f"not finished after {SECONDS} seconds")
+        if not select.select([self._master], [], [], self._rest())[0]:
+            self._give_up()
         try:
             data = os.read(self._master, 65536)
         except OSError:  # the other end was closed
@@ -77,29 +82,50 @@ class Terminal:
         self.all += text
         return bool(data)
 
+    def _ended(self):
+        try:
+            return self._program.wait(self._rest())
+        except subprocess.TimeoutExpired:
+            return self._give_up()
+
+    def _rest(self):
+        rest = self._end - time.monotonic()
+        return rest if rest > 0 else self._give_up()
+
+    def _give_up(self):
+        os.killpg(self._program.pid, signal.SIGTERM)
+        raise Unfinished(f"no end after {SECONDS} seconds")
+
+
+def differences(terminal, pairs):
+    """What a command prints instead of what README says, and how the machine ends."""
+    found = []
+    terminal.until_prompt()
+    for command, wanted in pairs[:-1]:
+        terminal.type(command)
+        printed = terminal.until_prompt()
+        if printed != wanted:
+            found.append(f"{command}\nprints {printed}\ninstead of {wanted}")
+    terminal.type(pairs[-1][0])
+    status = terminal.status()
+    if status != 0:
+        found.append(f"the machine ends with status {status}")
+    return found
+
 
 def main():
     start, pairs = session()
     if len(pairs) < 5:
         sys.exit("transcript: README has no session of the machine")
     terminal = Terminal(start)
-    faults = []
+    status, faults = 1, []
     try:
-        terminal.until_prompt()
-        for command, wanted in pairs[:-1]:
-            terminal.type(command)
-            printed = terminal.until_prompt()
-            if printed != wanted:
-                faults.append(f"{command}\nprints {printed}\ninstead of {wanted}")
-        terminal.type(pairs[-1][0])
-        status = terminal.status()
-        if status != 0:
-            faults.append(f"the machine ends with status {status}")
-    except (EOFError, TimeoutError) as fault:
-        faults.append(str(fault))
+        faults = differences(terminal, pairs)
+    except Unfinished as fault:
+        status, faults = 2, [f"DID NOT FINISH: {fault}"]
     if faults:
         print(text_of(terminal.all), *faults, sep="\n", file=sys.stderr)
-        sys.exit(1)
+        sys.exit(status)
     print(f"transcript: {len(pairs)} commands print what README says")
 
 
