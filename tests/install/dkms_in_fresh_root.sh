@@ -69,9 +69,12 @@ check_bookkeeping() {
 
 # Installing headers must not fail because of a kernel that the driver is not for.
 check_other_kernels() {
-    local status=0
-    dkms build -m tarvo -v "$version" -k 5.10.0-1-amd64 >said 2>&1 || status=$?
-    ((status == 77)) || fail "a kernel before 6.1 is not passed over: $status: $(cat said)"
+    local status kernel
+    for kernel in 5.10.0-1-amd64 6.0.0-1-amd64 6.17.0-1-amd64 7.0.0-1-amd64; do
+        status=0
+        dkms build -m tarvo -v "$version" -k "$kernel" >said 2>&1 || status=$?
+        ((status == 77)) || fail "kernel $kernel is not passed over: $status: $(cat said)"
+    done
 }
 
 forget_the_running_kernel
