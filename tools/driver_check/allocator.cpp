@@ -172,9 +172,10 @@ std::span<const clause> allocator_clauses() {
          check_allocation},
         {"3.7", "A name that is held keeps its memory", need::cma_device, check_repetition},
         {"3.8", "Two names have different memory", need::cma_device, check_two_names},
-        {"3.9", "More than there is is refused", need::cma_device, check_too_much},
-        {"3.10", "Released memory is listed no more", need::cma_device, check_release},
+        {"3.9", "A request larger than the free memory fails", need::cma_device, check_too_much},
+        {"3.10", "Released memory is no longer listed", need::cma_device, check_release},
         {"3.11", "A name of 49 bytes is kept whole", need::cma_device, check_long_name},
+        {"3.12", "Released memory is not reused while a device reaches it", need::insight},
     };
     return clauses;
 }

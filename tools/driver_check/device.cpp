@@ -92,11 +92,7 @@ void check_whole_lines(const subject& all) {
     const device_mapping made{*all.device, memory.chunk(1, 1)}; // or there is no IOMMU to ask
     for (const std::string& part :
          {line + line, line.substr(0, line.size() - 1), line.substr(0, line.size() / 2)}) {
-        const answer given = send(paths::iommu_driver, part);
-        if (given.error == 0) {
-            send_unasked(paths::iommu_driver,
-                         request_line_of("unmap", *all.device, memory.chunk(0, 1)));
-        }
+        const answer given = send_unacceptable(part);
         require(given.error != 0,
                 answer_text(part, given) + "; a write must be one line with its newline");
     }

@@ -75,6 +75,14 @@ void send_unasked(const char* path, std::string_view bytes) noexcept {
     }
 }
 
+answer send_unacceptable(const std::string& line) {
+    const answer given = send(paths::iommu_driver, line);
+    if (given.error == 0 && line.starts_with("map")) {
+        send_unasked(paths::iommu_driver, "un" + line);
+    }
+    return given;
+}
+
 std::string read_listing() {
     const unique_fd driver{::open(paths::region_driver, O_RDONLY | O_CLOEXEC)};
     if (!driver) {

@@ -30,6 +30,9 @@ unique_fd open_for_requests(const char* path);
 /// One open, one write of all the bytes, one close; throws a breach where the open fails.
 answer send(const char* path, std::string_view bytes);
 
+/// The same with a request that must be refused; where it is accepted, it is undone.
+answer send_unacceptable(const std::string& line);
+
 /// The same where nobody waits for the answer.
 void send_unasked(const char* path, std::string_view bytes) noexcept;
 

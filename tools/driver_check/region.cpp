@@ -71,9 +71,9 @@ void check_dma_addresses(const subject& all) {
     const uint64_t first_dma = window.is_high() ? dma_window::high_region_dma : window.first_pa;
     constexpr uint64_t end_of_dma = uint64_t{std::numeric_limits<uint32_t>::max()} + 1;
     const uint64_t bytes = window.end_pa - window.first_pa;
-    require(bytes <= end_of_dma - first_dma,
-            fmt::format("the region has {}; devices see it from DMA address {} on, so that only {} "
-                        "have an address",
+    require(bytes < end_of_dma - first_dma,
+            fmt::format("the region has {}; devices see it from DMA address {} on, so that it must "
+                        "be smaller than {}",
                         size_text(bytes), dma_text(static_cast<uint32_t>(first_dma)),
                         size_text(end_of_dma - first_dma)));
 }
