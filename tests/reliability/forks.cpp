@@ -4,6 +4,8 @@
 // asks for, and none the lock while another has it. Prints the figures; ends with 1 where something
 // went wrong, and by a signal where something waited for ever.
 
+#include "lock_table.hpp"
+
 #include <array>
 #include <atomic>
 #include <csignal>
@@ -20,6 +22,7 @@ namespace {
 
 constexpr uint32_t page_bytes = 4096;
 constexpr unsigned seconds_for_a_round = 60;
+constexpr useconds_t moment = 50; ///< between two looks
 
 size_t forks_made = 0;
 size_t failures = 0;
@@ -37,9 +40,23 @@ pid_t forked(Work work) {
     ++forks_made;
     const pid_t child = fork();
     if (child == 0) {
+        alarm(seconds_for_a_round);
         std::_Exit(work() ? 0 : 1);
     }
     return child;
+}
+
+/// False where the child ends instead.
+bool comes_to_wait(pid_t child) {
+    while (!waits_for_a_lock(child)) {
+        siginfo_t end{};
+        if (waitid(P_PID, static_cast<id_t>(child), &end, WEXITED | WNOHANG | WNOWAIT) != 0 ||
+            end.si_pid == child) {
+            return false;
+        }
+        usleep(moment);
+    }
+    return true;
 }
 
 void wait_for(pid_t child, int expected = 0) {
@@ -71,7 +88,7 @@ class signal_line {
 
 /// What processes see of each other.
 struct board {
-    std::atomic<bool> holder_is_done;
+    std::atomic<bool> parent_is_done;
 };
 board* shared = nullptr;
 
@@ -84,15 +101,11 @@ void beside_each_other() {
 }
 
 void while_a_listing_is_held() {
-    shared->holder_is_done = false;
+    shared->parent_is_done = false;
     note(tarvo_dump_begin());
-    const signal_line begun;
-    const pid_t child = forked([&] {
-        begun.send();
-        return allocate_and_free("child") && shared->holder_is_done;
-    });
-    note(begun.wait());
-    shared->holder_is_done = true;
+    const pid_t child = forked([] { return allocate_and_free("child") && shared->parent_is_done; });
+    note(comes_to_wait(child));
+    shared->parent_is_done = true;
     tarvo_dump_end();
     wait_for(child);
 }
@@ -123,16 +136,28 @@ void from_a_holder_that_is_killed() {
     note(is_done.wait());
 }
 
-/// The lock does not go on into another program.
+/// The lock does not go on into another program: the parent, who waits for it, gets it then.
 void for_another_program() {
+    const signal_line holds;
     const signal_line input;
+    const pid_t parent = getpid();
+    shared->parent_is_done = false;
     const pid_t child = forked([&] {
         tarvo_dump_begin();
+        holds.send();
+        while (!waits_for_a_lock(parent) && !shared->parent_is_done) {
+            usleep(moment);
+        }
+        if (shared->parent_is_done) { // it got the lock that this process has
+            return false;
+        }
         dup2(input.reading_end(), STDIN_FILENO);
         execlp("dd", "dd", "of=/dev/null", "count=1", "status=none", nullptr);
         return false;
     });
+    note(holds.wait());
     note(allocate_and_free("parent"));
+    shared->parent_is_done = true;
     input.send();
     wait_for(child);
 }

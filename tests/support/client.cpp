@@ -1,8 +1,9 @@
 #include "client.hpp"
 
+#include "lock_table.hpp"
+
 #include <algorithm>
 #include <csignal>
-#include <fstream>
 #include <iterator>
 #include <regex>
 #include <sstream>
@@ -11,26 +12,6 @@
 #include <utility>
 
 namespace {
-
-/// Whether the kernel lists the process as waiting for a file lock:
-/// "NUMBER: -> FLOCK ADVISORY WRITE PID ...".
-bool waits_for_a_lock(pid_t pid) {
-    std::ifstream locks("/proc/locks");
-    for (std::string line; std::getline(locks, line);) {
-        std::istringstream fields(line);
-        std::string number;
-        std::string arrow;
-        std::string kind;
-        std::string manner;
-        std::string access;
-        pid_t owner = 0;
-        fields >> number >> arrow >> kind >> manner >> access >> owner;
-        if (arrow == "->" && owner == pid) {
-            return true;
-        }
-    }
-    return false;
-}
 
 std::string joined(std::initializer_list<std::string> words) {
     std::string line;

@@ -1,3 +1,4 @@
+#include "lock_table.hpp"
 #include "terminal.hpp"
 
 #include <algorithm>
@@ -5,7 +6,6 @@
 #include <gtest/gtest.h>
 #include <memory>
 #include <optional>
-#include <regex>
 #include <sstream>
 #include <thread>
 #include <unistd.h>
@@ -341,11 +341,6 @@ TEST(calls, NameAHolderOfTheLockThatIsStopped) {
                   " (tarvo-client) holds it and is stopped, kill -CONT " + pid +
                   " lets it go on; 'tarvoctl lock' shows more, --timeout waits "
                   "longer\n");
-}
-
-bool waits_for_a_lock(pid_t pid) {
-    const std::regex line("-> FLOCK +ADVISORY +WRITE " + std::to_string(pid) + " ");
-    return std::regex_search(file_text("/proc/locks"), line);
 }
 
 /// 0 where it has none.
