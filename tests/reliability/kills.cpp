@@ -3,12 +3,14 @@
 // none may be given a page that another one has. Prints the figures; ends with 1 where something
 // went wrong, and by a signal where something waited for ever.
 
+#include "lock_table.hpp"
+
+#include <algorithm>
 #include <array>
 #include <atomic>
-#include <cerrno>
 #include <csignal>
 #include <cstdlib>
-#include <fcntl.h>
+#include <functional>
 #include <iostream>
 #include <new>
 #include <random>
@@ -28,42 +30,61 @@ constexpr int workers = 7;
 constexpr size_t region_pages = 0x10000;
 constexpr unsigned most_instructions = 4000; ///< hardly more are in the lock of one call
 constexpr unsigned seconds_for_a_kill = 60;
-constexpr useconds_t moment = 300; ///< longer than others hold the lock
+constexpr useconds_t shortest = 300; ///< longer than a call takes that need not wait
+constexpr int nobody = 0;
+constexpr int mark_of_victims = workers + 1; ///< of the one that lives
 
-/// Who has which page, as far as its owners know: 0 is nobody.
+/// Who has which page, as far as its owners know.
 struct board {
+    uint32_t first_dma;
     std::atomic<bool> is_over;
     std::atomic<size_t> allocations;
+    std::atomic<size_t> failed_calls;
+    std::atomic<size_t> doubly_owned;
     std::array<std::atomic<int>, region_pages> owners;
 };
 board* shared = nullptr;
 
-// ---- Those who survive -----------------------------------------------------------------------
-
-bool own_and_give_back(const std::string& name, int number, uint32_t first) {
-    const uint32_t dma = tarvo_alloc_func(name.c_str(), page_bytes, "worker");
+/// The page is marked for as long as it is owned. Within the library nothing is marked, so one who
+/// dies inside the lock leaves no mark.
+void own_for_a_while(const std::string& name, int mark, useconds_t time) {
+    const uint32_t dma = tarvo_alloc_func(name.c_str(), page_bytes, "test");
     if (dma == 0) {
-        return false;
+        ++shared->failed_calls;
+        return;
     }
-    std::atomic<int>& owner = shared->owners[(dma - first) / page_bytes % region_pages];
-    const bool was_free = owner.exchange(number) == 0;
-    const bool is_still_ours = owner.exchange(0) == number;
-    ++shared->allocations;
-    return tarvo_free(name.c_str()) == 0 && was_free && is_still_ours;
+    std::atomic<int>& owner = shared->owners.at((dma - shared->first_dma) / page_bytes);
+    const bool was_free = owner.exchange(mark) == nobody;
+    usleep(time);
+    const bool is_still_ours = owner.exchange(nobody) == mark;
+    shared->doubly_owned += was_free && is_still_ours ? 0U : 1U;
+    shared->failed_calls += tarvo_free(name.c_str()) == 0 ? 0U : 1U;
 }
 
-pid_t started_worker(int number, uint32_t first) {
+bool all_is_well() {
+    return shared->failed_calls == 0 && shared->doubly_owned == 0;
+}
+
+// ---- Those who survive -----------------------------------------------------------------------
+
+/// Each has its pages twice as long as the one before: while a victim is stepped through the lock,
+/// the first ones come to wait for it, and the last ones own what must not be given away.
+pid_t started_worker(int mark) {
     const pid_t child = fork();
     if (child == 0) {
-        const std::string name = "worker_" + std::to_string(number);
-        bool good = true;
-        while (good && !shared->is_over) {
-            good = own_and_give_back(name, number, first);
-            usleep(moment);
+        const std::string name = "worker_" + std::to_string(mark);
+        while (!shared->is_over) {
+            own_for_a_while(name, mark, shortest << mark);
+            ++shared->allocations;
         }
-        std::_Exit(good ? 0 : 1);
+        std::_Exit(0);
     }
     return child;
+}
+
+bool ends_well(pid_t worker) {
+    int status = 0;
+    return worker > 0 && waitpid(worker, &status, 0) == worker && status == 0;
 }
 
 // ---- Those who are killed --------------------------------------------------------------------
@@ -71,8 +92,7 @@ pid_t started_worker(int number, uint32_t first) {
 [[noreturn]] void allocate_and_free_for_ever(const std::string& name) {
     raise(SIGSTOP);
     for (;;) {
-        tarvo_alloc_func(name.c_str(), page_bytes, "victim");
-        tarvo_free(name.c_str());
+        own_for_a_while(name, mark_of_victims, shortest);
     }
 }
 
@@ -108,6 +128,8 @@ class victim {
         }
     }
 
+    bool has_the_lock() const { return holds_a_lock(_pid); }
+
     void end() const {
         kill(_pid, SIGKILL);
         int status = 0;
@@ -130,27 +152,23 @@ class victim {
     pid_t _pid;
 };
 
-/// Whether one who stands still has the lock: others hold it for moments only.
-bool is_kept(int lock) {
-    constexpr int tries = 10;
-    for (int i = 0; i < tries; ++i) {
-        if (flock(lock, LOCK_EX | LOCK_NB) == 0) {
-            flock(lock, LOCK_UN);
-            return false;
-        }
-        usleep(moment);
+/// One who died outside of the lock may have had a page.
+void remove_mark_of_victim() {
+    for (std::atomic<int>& owner : shared->owners) {
+        int mark = mark_of_victims;
+        owner.compare_exchange_strong(mark, nobody);
     }
-    return true;
 }
 
 /// Whether it died with the lock held.
-bool kill_one(const std::string& name, int lock, std::mt19937& random) {
+bool kill_one(const std::string& name, std::mt19937& random) {
     alarm(seconds_for_a_kill);
     const victim one(name);
     one.run_until_it_has_the_lock(1 + random() % 2); // it allocates, or frees
     one.step(static_cast<unsigned>(random() % most_instructions));
-    const bool inside = is_kept(lock);
+    const bool inside = one.has_the_lock();
     one.end();
+    remove_mark_of_victim();
     tarvo_free(name.c_str());
     return inside;
 }
@@ -168,26 +186,22 @@ int main(int count, char** words) {
         return 2;
     }
     shared = new (memory) board;
+    shared->first_dma = first;
     std::array<pid_t, workers> others{};
     for (int i = 0; i < workers; ++i) {
-        others[static_cast<size_t>(i)] = started_worker(i + 1, first);
+        others[static_cast<size_t>(i)] = started_worker(i + 1);
     }
-    const int lock = open("/var/tmp/tarvo_lock", O_RDONLY | O_CLOEXEC);
     const unsigned seed = std::random_device()();
     std::mt19937 random(seed);
     size_t inside = 0;
-    for (size_t kills = 0; inside < wanted; ++kills) {
-        inside += kill_one("victim_" + std::to_string(kills), lock, random) ? 1U : 0U;
+    for (size_t kills = 0; inside < wanted && all_is_well(); ++kills) {
+        inside += kill_one("victim_" + std::to_string(kills), random) ? 1U : 0U;
     }
     shared->is_over = true;
-    int failures = 0;
-    for (const pid_t each : others) {
-        int status = 0;
-        waitpid(each, &status, 0);
-        failures += status == 0 ? 0 : 1;
-    }
+    const auto badly_ended = std::ranges::count_if(others, std::not_fn(ends_well));
     std::cout << inside << " kills inside the lock, " << shared->allocations
-              << " allocations by others, " << failures << " of them failed (seed " << seed
-              << ")\n";
-    return failures == 0 ? 0 : 1;
+              << " allocations by others: " << shared->failed_calls << " calls failed, "
+              << shared->doubly_owned << " times a page had two owners, " << badly_ended
+              << " of the others ended badly (seed " << seed << ")\n";
+    return all_is_well() && badly_ended == 0 ? 0 : 1;
 }
