@@ -2,13 +2,15 @@
 // the links, indices, flags, addresses and sizes that belong to them, in a copy of the area that
 // only one process sees, and makes each call there. flips: each single bit; values: some telling
 // values in each field; pairs: two of those at once. EVERY: only each such one of them. A call must
-// come back, or end its process by an assertion, or by the memory fault that is promised where
-// devices have no free element. Prints the figures; ends with 1 where one did neither.
+// come back with the lock free, or end its process by an assertion, or by the memory fault that is
+// promised where devices have no free element. Prints the figures; ends with 1 where one did
+// neither, and with 2 where they could not be made.
 
 #include "area.hpp"
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -16,9 +18,11 @@
 #include <fcntl.h>
 #include <fstream>
 #include <iostream>
+#include <numeric>
 #include <sstream>
 #include <string>
 #include <string_view>
+#include <sys/file.h>
 #include <sys/mman.h>
 #include <sys/wait.h>
 #include <tarvo.h>
@@ -28,6 +32,7 @@
 namespace {
 
 constexpr const char* area_path = "/var/shmem/tarvo_lib";
+constexpr const char* lock_path = "/var/lock/subsys/tarvo_lock";
 constexpr uint32_t page_bytes = 4096;
 
 // ---- The fields ------------------------------------------------------------------------------
@@ -176,23 +181,39 @@ bool detach_area(char* area) {
 }
 
 constexpr int status_of_trouble = 99;
+constexpr int status_of_kept_lock = 98;
 constexpr unsigned seconds_for_a_call = 10;
+
+/// Whether anybody who opens its file can have the lock.
+bool lock_is_free() {
+    const int file = open(lock_path, O_RDONLY | O_CLOEXEC);
+    const bool is_free = flock(file, LOCK_EX | LOCK_NB) == 0;
+    close(file);
+    return is_free;
+}
+
+[[noreturn]] void make_in_copy(const call& one, char* area, const std::vector<damage>& damages) {
+    if (!lock_is_free() || !detach_area(area)) {
+        std::_Exit(status_of_trouble);
+    }
+    for (const damage& each : damages) {
+        std::memcpy(area + each.where.offset, &each.value, each.where.bytes);
+    }
+    alarm(seconds_for_a_call);
+    one.make();
+    std::_Exit(lock_is_free() ? 0 : status_of_kept_lock);
+}
 
 int end_of_call(const call& one, char* area, const std::vector<damage>& damages) {
     const pid_t child = fork();
     if (child == 0) {
-        if (!detach_area(area)) {
-            std::_Exit(status_of_trouble);
-        }
-        for (const damage& each : damages) {
-            std::memcpy(area + each.where.offset, &each.value, each.where.bytes);
-        }
-        alarm(seconds_for_a_call);
-        one.make();
-        std::_Exit(0);
+        make_in_copy(one, area, damages);
     }
     int status = 0;
-    waitpid(child, &status, 0);
+    if (child == -1 || waitpid(child, &status, 0) != child) {
+        std::cout << "no process for a call: " << std::strerror(errno) << '\n';
+        std::exit(2);
+    }
     return status;
 }
 
@@ -200,6 +221,15 @@ int end_of_call(const call& one, char* area, const std::vector<damage>& damages)
 
 bool is_exhausted_chain(const damage& one) {
     return one.where.name.ends_with("_free") && one.value == none;
+}
+
+std::string shown(int status) {
+    if (WIFSIGNALED(status)) {
+        return WTERMSIG(status) == SIGALRM ? "hangs" : strsignal(WTERMSIG(status));
+    }
+    return WEXITSTATUS(status) == status_of_kept_lock
+               ? "keeps the lock"
+               : "status " + std::to_string(WEXITSTATUS(status));
 }
 
 class figures {
@@ -235,8 +265,7 @@ class figures {
             for (const damage& each : damages) {
                 text += each.where.name + " = " + std::to_string(each.value) + ", ";
             }
-            _wrong.push_back(text + std::string(one.name) + ": " +
-                             (signal == SIGALRM ? "hangs" : "status " + std::to_string(status)));
+            _wrong.push_back(text + std::string(one.name) + ": " + shown(status));
         }
     }
 
@@ -272,6 +301,12 @@ int main(int count, char** words) {
     }
     const std::vector<damage> singles = kind == "flips" ? flips_of(area) : telling_values();
     const size_t cases = kind == "pairs" ? singles.size() * singles.size() : singles.size();
+    // With a common divisor some damages would never come first in a pair.
+    if (std::gcd(every, singles.size()) != 1) {
+        std::cout << "EVERY, " << every << ", must have no divisor in common with the number of "
+                  << "damages, " << singles.size() << '\n';
+        return 2;
+    }
     figures all;
     for (size_t i = 0; i < cases; i += every) {
         const damage& first = singles[i % singles.size()];
