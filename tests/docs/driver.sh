@@ -18,17 +18,19 @@ complain() {
     faults=$((faults + 1))
 }
 
+# Clauses that no program can check say so; all of the last section are such.
 clauses_of_the_page() {
-    sed -nE 's/^\*\*([1-7]\.[0-9]+ [^*]*)\.\*\*.*/\1/p' "$page"
+    awk -v RS= '/^\*\*[1-6]\.[0-9]+ / && !/\*Not checked/' "$page" |
+        sed -nE 's/^\*\*([1-6]\.[0-9]+ [^*]*)\.\*\*.*/\1/p'
 }
 
-printed_clauses() {
+checked_clauses() {
     "$build_dir/tarvo-sandbox" --world cma -- "$build_dir/tarvo-driver-check" |
         sed -nE 's/^(not )?ok [0-9]+ - //; s/ # SKIP .*//; /^[1-9]\.[0-9]+ /p'
 }
 
-(($(printed_clauses | wc -l) > 30)) || complain "tarvo-driver-check prints less than 30 clauses"
-diff <(clauses_of_the_page) <(printed_clauses) ||
+(($(checked_clauses | wc -l) > 30)) || complain "tarvo-driver-check prints less than 30 clauses"
+diff <(clauses_of_the_page) <(checked_clauses) ||
     complain "$page (<) and tarvo-driver-check (>) differ"
 
 for manual in man/proc_tarvo.5 man/tarvo_iommu_map_region.5; do

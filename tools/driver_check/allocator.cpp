@@ -175,7 +175,6 @@ std::span<const clause> allocator_clauses() {
         {"3.9", "A request larger than the free memory fails", need::cma_device, check_too_much},
         {"3.10", "Released memory is no longer listed", need::cma_device, check_release},
         {"3.11", "A name of 49 bytes is kept whole", need::cma_device, check_long_name},
-        {"3.12", "Released memory is not reused while a device reaches it", need::insight},
     };
     return clauses;
 }

@@ -18,17 +18,8 @@ struct subject {
     bool is_cma() const { return region && region->is_cma(); }
 };
 
-/// What a check needs; without it the check is skipped. Insight into the driver no program has.
-enum class need {
-    nothing,
-    region,
-    plain_region,
-    cma_region,
-    device,
-    cma_device,
-    absent_device,
-    insight
-};
+/// What a check needs; without it the check is skipped.
+enum class need { nothing, region, plain_region, cma_region, device, cma_device, absent_device };
 
 /// Thrown by a check whose clause does not hold; the text says what the driver did and what is
 /// wanted instead.
@@ -53,16 +44,15 @@ struct clause {
     const char* number;
     const char* title;
     need needs;
-    void (*check)(const subject&) = nullptr; ///< none where it takes insight
+    void (*check)(const subject&);
 };
 
-/// All clauses in the order of the page, a group for each of its sections.
+/// All clauses that can be checked, in the order of the page, a group for each of its sections.
 std::span<const clause> region_clauses();
 std::span<const clause> memory_clauses();
 std::span<const clause> allocator_clauses();
 std::span<const clause> request_clauses();
 std::span<const clause> device_clauses();
 std::span<const clause> answer_clauses();
-std::span<const clause> conduct_clauses();
 
 } // namespace driver_check

@@ -18,9 +18,6 @@ std::string missing(need needed, const subject& all) {
     if (needed == need::nothing) {
         return {};
     }
-    if (needed == need::insight) {
-        return "not checked: requests do not show it; see driver.md";
-    }
     if (!all.region) {
         return "there is no region to use; see 1.1 to 1.4";
     }
@@ -78,9 +75,8 @@ void require_driver() {
 std::vector<result> run_checks(const subject& all) {
     require_driver();
     std::vector<result> results;
-    for (const auto group :
-         {region_clauses(), memory_clauses(), allocator_clauses(), request_clauses(),
-          device_clauses(), answer_clauses(), conduct_clauses()}) {
+    for (const auto group : {region_clauses(), memory_clauses(), allocator_clauses(),
+                             request_clauses(), device_clauses(), answer_clauses()}) {
         for (const clause& each : group) {
             results.push_back(run(each, all));
         }
