@@ -25,7 +25,7 @@ static unsigned int chunk_count;
 
 static phys_addr_t end_of(const struct tarvo_chunk *chunk)
 {
-	return chunk->start + PAGE_ALIGN(chunk->size);
+	return chunk->start + chunk->size;
 }
 
 static struct tarvo_chunk *held_by_name(const char *name)
@@ -79,15 +79,14 @@ static void give_pages_back(const struct tarvo_chunk *chunk)
 /* -ENOMEM: not in this gap. */
 static int take_from_gap(struct tarvo_chunk *chunk, phys_addr_t gap, phys_addr_t gap_end)
 {
-	const u64 bytes = PAGE_ALIGN(chunk->size);
 	int err;
 
-	while (gap <= gap_end && gap_end - gap >= bytes) {
+	while (gap <= gap_end && gap_end - gap >= chunk->size) {
 		chunk->start = gap;
 		if (tarvo_region.backing == TARVO_CMA_RESERVED)
 			return 0;
 		/* Pages that cannot be moved away: try further up. A killed process stops. */
-		err = borrow_pages(gap, bytes);
+		err = borrow_pages(gap, chunk->size);
 		if (err != -EBUSY && err != -ENOMEM)
 			return err;
 		gap = PFN_PHYS(ALIGN(PHYS_PFN(gap) + 1, pageblock_nr_pages));

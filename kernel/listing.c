@@ -4,8 +4,8 @@
  * that the driver has handed out. Written, in a region called CMA: "a NAME SIZE" and
  * "r NAME SIZE", the size in hexadecimal.
  */
-#include <linux/ctype.h>
 #include <linux/fs.h>
+#include <linux/mm.h>
 #include <linux/module.h>
 #include <linux/proc_fs.h>
 #include <linux/seq_file.h>
@@ -57,27 +57,15 @@ static int listing_open(struct inode *inode, struct file *file)
 	return seq_open(file, &listing_lines);
 }
 
-/* White space in a name would divide its line of the listing in the wrong place. */
-static bool is_name(const char *name)
-{
-	if (strlen(name) >= TARVO_NAME_BYTES)
-		return false;
-	for (; *name; name++) {
-		if (isspace(*name))
-			return false;
-	}
-	return true;
-}
-
 static int carry_out(char *line)
 {
 	char *fields[3];
 	u64 size;
 	int err = -EINVAL;
 
-	if (tarvo_fields(line, fields, ARRAY_SIZE(fields)) || !is_name(fields[1]))
+	if (tarvo_fields(line, fields, ARRAY_SIZE(fields)) || !tarvo_is_name(fields[1]))
 		return -EINVAL;
-	if (tarvo_u64(fields[2], 16, &size) || size == 0)
+	if (tarvo_u64(fields[2], 16, &size) || size == 0 || !PAGE_ALIGNED(size))
 		return -EINVAL;
 	mutex_lock(&tarvo_lock);
 	if (!strcmp(fields[0], "a"))

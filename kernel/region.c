@@ -80,9 +80,7 @@ static int read_region(void)
 
 static int check_name(void)
 {
-	const size_t length = strlen(name);
-
-	if (length == 0 || length >= TARVO_NAME_BYTES || strpbrk(name, " \t\n\v\f\r"))
+	if (!tarvo_is_name(name))
 		return refuse("its name must be one word of at most 49 characters");
 	tarvo_region.name = name;
 	return 0;

@@ -62,7 +62,7 @@ struct tarvo_chunk {
 	struct list_head at;	/* in tarvo_chunks */
 	char name[TARVO_NAME_BYTES];
 	phys_addr_t start;
-	u64 size;		/* as asked for */
+	u64 size;		/* whole pages */
 	bool held;		/* listed; false once it is released */
 	unsigned int mappings;	/* for devices; while there are any, the memory is not free */
 };
@@ -119,5 +119,7 @@ int tarvo_u64(const char *field, unsigned int base, u64 *value);
 int tarvo_u32(const char *field, u32 *value);
 /* A number of 32 bits that is written as a signed one. */
 int tarvo_s32(const char *field, u32 *value);
+/* Whether a text can stand in a line of the listing as the name of a chunk or of the region. */
+bool tarvo_is_name(const char *text);
 
 #endif

@@ -61,3 +61,11 @@ int tarvo_s32(const char *field, u32 *value)
 	*value = number;
 	return 0;
 }
+
+/* The library divides lines at the blanks of ASCII; isspace() knows one more. */
+bool tarvo_is_name(const char *text)
+{
+	const size_t length = strlen(text);
+
+	return length > 0 && length < TARVO_NAME_BYTES && !strpbrk(text, " \t\n\v\f\r");
+}
