@@ -50,8 +50,11 @@ static int memory_mmap(struct file *file, struct vm_area_struct *vma)
 	if (vma->vm_pgoff < PHYS_PFN(tarvo_region.start) || vma->vm_pgoff > last_page ||
 	    pages - 1 > last_page - vma->vm_pgoff)
 		return -EINVAL;
-	/* A private copy of memory that a device writes shows nothing of what it writes. */
-	if (!(vma->vm_flags & VM_SHARED))
+	/*
+	 * A private copy of memory that a device writes shows nothing of what it writes. VM_SHARED is
+	 * missing from shared mappings, too, where the device was opened for reading alone.
+	 */
+	if (!(vma->vm_flags & VM_MAYSHARE))
 		return -EINVAL;
 	if (tarvo_region.backing == TARVO_CMA_RAM) {
 		vm_flags_set(vma, VM_DONTEXPAND | VM_DONTDUMP);
