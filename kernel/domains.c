@@ -5,7 +5,8 @@
  * mapping to the last one. No device of the group may have a driver of its own, and none gets one
  * meanwhile, because the tables of two masters would contradict each other.
  *
- * Before the first mapping and after the last one, a device without a driver reaches nothing.
+ * Before the first mapping and after the last one, a device without a driver reaches what the kernel
+ * has chosen for it: nothing, or, where it was booted with iommu=pt, all memory.
  */
 #define pr_fmt(fmt) KBUILD_MODNAME ": " fmt
 
@@ -41,7 +42,7 @@ static LIST_HEAD(domains);
 #if LINUX_VERSION_CODE < KERNEL_VERSION(6, 11, 0)
 static struct iommu_domain *iommu_paging_domain_alloc(struct device *dev)
 {
-	return iommu_domain_alloc(dev->bus) ?: ERR_PTR(-ENODEV);
+	return iommu_domain_alloc(dev->bus) ?: ERR_PTR(-ENOMEM);
 }
 #endif
 
@@ -312,6 +313,12 @@ static int map_in(struct tarvo_domain *domain, struct pci_dev *pdev,
 	return err;
 }
 
+/* To the library these say that the device is gone, or that no IOMMU holds it back. */
+static int refusal(int err)
+{
+	return err == -ENODEV || err == -EUNATCH || err == -ENOSYS ? -EIO : err;
+}
+
 int tarvo_map(struct pci_dev *pdev, const struct tarvo_range *range, int prot)
 {
 	struct iommu_group *group = iommu_group_get(&pdev->dev);
@@ -327,12 +334,12 @@ int tarvo_map(struct pci_dev *pdev, const struct tarvo_range *range, int prot)
 		domain = new_domain(group, pdev);
 		if (IS_ERR(domain)) {
 			iommu_group_put(group);
-			return PTR_ERR(domain);
+			return refusal(PTR_ERR(domain));
 		}
 	}
 	err = map_in(domain, pdev, range, prot);
 	drop_unless_used(domain);
-	return err;
+	return refusal(err);
 }
 
 int tarvo_unmap(struct pci_dev *pdev, const struct tarvo_range *range)
@@ -372,6 +379,14 @@ static unsigned int remove_mappings(struct tarvo_domain *domain, const struct pc
 	return removed;
 }
 
+void tarvo_unmap_device(const struct pci_dev *pdev)
+{
+	struct tarvo_domain *domain, *next;
+
+	list_for_each_entry_safe(domain, next, &domains, at)
+		remove_mappings(domain, pdev);
+}
+
 static unsigned int remove_all(void)
 {
 	struct tarvo_domain *domain, *next;
@@ -387,13 +402,10 @@ static unsigned int remove_all(void)
 /* Before the IOMMU forgets the device: its group has to be free of owners by then. */
 static int device_leaves(struct notifier_block *block, unsigned long action, void *data)
 {
-	struct tarvo_domain *domain, *next;
-
 	if (action != BUS_NOTIFY_DEL_DEVICE)
 		return NOTIFY_DONE;
 	mutex_lock(&tarvo_lock);
-	list_for_each_entry_safe(domain, next, &domains, at)
-		remove_mappings(domain, to_pci_dev(data));
+	tarvo_unmap_device(to_pci_dev(data));
 	mutex_unlock(&tarvo_lock);
 	return NOTIFY_OK;
 }
@@ -407,16 +419,16 @@ int tarvo_domains_init(void)
 	return bus_register_notifier(&pci_bus_type, &departures);
 }
 
-/* No file takes requests any more. */
+/* No file takes requests any more. A device that leaves is noticed until nothing is mapped. */
 void tarvo_domains_exit(void)
 {
 	unsigned int mappings, chunks;
 
-	bus_unregister_notifier(&pci_bus_type, &departures);
 	mutex_lock(&tarvo_lock);
 	mappings = remove_all();
 	chunks = tarvo_chunks_drop();
 	mutex_unlock(&tarvo_lock);
+	bus_unregister_notifier(&pci_bus_type, &departures);
 	if (mappings || chunks)
 		pr_warn("unloaded by force: %u mappings and %u chunks removed\n", mappings, chunks);
 }

@@ -20,7 +20,7 @@ static bool force;
 int tarvo_pin(void)
 {
 	if (standing == 0 && !force && !try_module_get(THIS_MODULE))
-		return -ENODEV;
+		return -EBUSY;
 	standing++;
 	return 0;
 }

@@ -9,7 +9,7 @@
  *	EINVAL	 not such a line, or no range of this region
  *	ENODEV	 no such device
  *	ENOSYS	 no IOMMU holds this device back
- *	EUNATCH	 the device is listed, but does not answer
+ *	EUNATCH	 the device is listed, but does not answer; nothing is mapped for it any more
  *	EBUSY	 the device, or another of its IOMMU group, has a driver
  *	EEXIST	 something else is mapped at these DMA addresses
  *	ENOENT	 to unmap: not mapped
@@ -18,6 +18,7 @@
 #include <linux/kobject.h>
 #include <linux/mm.h>
 #include <linux/pci.h>
+#include <linux/pm_runtime.h>
 #include <linux/string.h>
 #include <linux/sysfs.h>
 
@@ -82,18 +83,37 @@ static struct pci_dev *find_device(const struct request *request)
 	return pci_get_domain_bus_and_slot(request->domain, request->bus, request->devfn);
 }
 
-static int map_or_unmap(struct pci_dev *pdev, const struct request *request)
+/* One that sleeps is woken to be asked. */
+static bool answers(struct pci_dev *pdev)
 {
+	bool present;
+
+	pm_runtime_get_sync(&pdev->dev);
+	present = pci_device_is_present(pdev);
+	pm_runtime_put(&pdev->dev);
+	return present;
+}
+
+/* Called with tarvo_lock held. */
+static int map_or_unmap(struct pci_dev *pdev, const struct request *request, bool gone)
+{
+	if (!request->map)
+		return tarvo_unmap(pdev, &request->range);
+	if (!gone)
+		return tarvo_map(pdev, &request->range, request->prot);
+	/* From this answer on the library asks for nothing, and would never have them unmapped. */
+	tarvo_unmap_device(pdev);
+	return -EUNATCH;
+}
+
+static int ask_for(struct pci_dev *pdev, const struct request *request)
+{
+	/* What cannot be reached can still lose its mappings, and has to. */
+	const bool gone = request->map && device_iommu_mapped(&pdev->dev) && !answers(pdev);
 	int err;
 
-	/* What cannot be reached can still lose its mappings, and has to. */
-	if (request->map && device_iommu_mapped(&pdev->dev) && !pci_device_is_present(pdev))
-		return -EUNATCH;
 	mutex_lock(&tarvo_lock);
-	if (request->map)
-		err = tarvo_map(pdev, &request->range, request->prot);
-	else
-		err = tarvo_unmap(pdev, &request->range);
+	err = map_or_unmap(pdev, request, gone);
 	mutex_unlock(&tarvo_lock);
 	return err;
 }
@@ -107,7 +127,7 @@ static int carry_out(const struct request *request)
 	pci_lock_rescan_remove();
 	pdev = find_device(request);
 	if (pdev) {
-		err = map_or_unmap(pdev, request);
+		err = ask_for(pdev, request);
 		pci_dev_put(pdev);
 	}
 	pci_unlock_rescan_remove();

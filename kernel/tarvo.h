@@ -30,7 +30,7 @@ extern struct mutex tarvo_lock;
 
 /*
  * What stands (a chunk, a mapping) keeps the module loaded, unless its parameter "force" is set.
- * Called with tarvo_lock held. tarvo_pin() is -ENODEV when the module is being unloaded.
+ * Called with tarvo_lock held. tarvo_pin() is -EBUSY when the module is being unloaded.
  */
 int tarvo_pin(void);
 void tarvo_unpin(void);
@@ -103,6 +103,8 @@ void tarvo_domains_exit(void);
 /* Both are called with tarvo_lock held, and with the PCI buses locked against removals. */
 int tarvo_map(struct pci_dev *pdev, const struct tarvo_range *range, int prot);
 int tarvo_unmap(struct pci_dev *pdev, const struct tarvo_range *range);
+/* All that is mapped for a device. Called with tarvo_lock held. */
+void tarvo_unmap_device(const struct pci_dev *pdev);
 
 /* --- requests.c: /sys/kernel/tarvo_iommu_map_region --- */
 
