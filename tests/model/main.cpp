@@ -96,10 +96,12 @@ bool play_seeds(const options& wanted) {
         if (!wanted.world_name.empty() && wanted.world_name != known.name) {
             continue;
         }
-        for (uint64_t i = 0; good && i < wanted.seeds; i++) {
-            good = play_seed(wanted, known.name, wanted.first_seed + i);
+        bool alike = true;
+        for (uint64_t i = 0; alike && i < wanted.seeds; i++) {
+            alike = play_seed(wanted, known.name, wanted.first_seed + i);
         }
-        std::cout << known.name << ": " << (good ? "no difference" : "a difference") << std::endl;
+        std::cout << known.name << ": " << (alike ? "no difference" : "a difference") << std::endl;
+        good = good && alike;
     }
     return good;
 }
