@@ -50,7 +50,7 @@ std::optional<options> parse_command_line(int argc, const char* const* argv) {
         ->type_name("ADDRESS");
     parser
         .add_option("--absent-device", absent_device,
-                    "an address at which there is no device, to see what that is answered")
+                    "the address of a missing device, to check how the driver refuses it")
         ->type_name("ADDRESS");
     parser.add_flag("--json", chosen.json, "print a JSON object instead");
     try {
