@@ -7,7 +7,8 @@
  * - Devices reach it at DMA addresses of 32 bits: at its physical addresses where it lies below
  *   4 GiB, from 0x20000000 on where it reaches above.
  * - Its memory is nobody else's. System RAM is the kernel's, and is lent to single chunks only:
- *   that takes a region called CMA.
+ *   that takes a region called CMA. What is reserved has been RAM until the administrator reserved
+ *   it, and is neither the firmware's nor a device's.
  */
 #define pr_fmt(fmt) KBUILD_MODNAME ": " fmt
 
@@ -20,6 +21,10 @@
 #include <linux/pageblock-flags.h>
 #include <linux/sizes.h>
 #include <linux/string.h>
+
+#ifdef CONFIG_X86
+#include <asm/e820/api.h>
+#endif
 
 #include "tarvo.h"
 
@@ -112,13 +117,55 @@ static bool in_one_zone(void)
 	return true;
 }
 
-/* Nothing marks a range of the firmware's map as memory on other machines. */
-static bool is_set_aside(u64 size)
+#ifdef CONFIG_X86
+static int add_size(struct resource *part, void *sum)
 {
-	return !IS_ENABLED(CONFIG_X86) ||
-	       region_intersects(tarvo_region.start, size, IORESOURCE_MEM,
-				 IORES_DESC_RESERVED) == REGION_INTERSECTS;
+	*(u64 *)sum += resource_size(part);
+	return 0;
 }
+
+/* All of it: region_intersects() would be content with a part, and nothing beside it. */
+static bool is_reserved(u64 size)
+{
+	u64 reserved = 0;
+
+	walk_iomem_res_desc(IORES_DESC_RESERVED, IORESOURCE_MEM, tarvo_region.start,
+			    tarvo_region.last, &reserved, add_size);
+	return reserved == size;
+}
+
+static bool was_ram_at(u64 address)
+{
+	return e820__mapped_raw_any(address, address + 1, E820_TYPE_RAM);
+}
+
+/* memmap= leaves the firmware's own map alone: what is reserved by it is still RAM there. */
+static bool was_ram(void)
+{
+	u64 page;
+
+	for (page = tarvo_region.start; page < tarvo_region.last; page += PAGE_SIZE) {
+		if (!was_ram_at(page) || !was_ram_at(page + PAGE_SIZE - 1))
+			return false;
+	}
+	return true;
+}
+
+static int check_reservation(u64 size)
+{
+	if (!is_reserved(size))
+		return refuse("not all of it is reserved; boot with memmap=SIZE$START");
+	if (!was_ram())
+		return refuse("the firmware keeps part of it; choose RAM of /sys/firmware/memmap");
+	return 0;
+}
+#else
+/* Elsewhere there is no such map, and nothing says who reserved a range. */
+static int check_reservation(u64 size)
+{
+	return 0;
+}
+#endif
 
 static int check_backing(void)
 {
@@ -128,13 +175,11 @@ static int check_backing(void)
 	switch (region_intersects(tarvo_region.start, size, IORESOURCE_SYSTEM_RAM,
 				  IORES_DESC_NONE)) {
 	case REGION_DISJOINT:
-		if (!is_set_aside(size))
-			return refuse("it is not reserved; boot with memmap=SIZE$START");
 		tarvo_region.backing = cma ? TARVO_CMA_RESERVED : TARVO_PLAIN;
-		return 0;
+		return check_reservation(size);
 	case REGION_INTERSECTS:
 		if (!cma)
-			return refuse("it is System RAM; boot with memmap=SIZE$START or name it CMA");
+			return refuse("it is System RAM; use memmap=SIZE$START or name it CMA");
 		if (!in_one_zone())
 			return refuse("it is System RAM of several zones; choose one");
 		tarvo_region.backing = TARVO_CMA_RAM;
