@@ -118,6 +118,24 @@ static int ask_for(struct pci_dev *pdev, const struct request *request)
 	return err;
 }
 
+/*
+ * Virtual functions come and go under the lock of their physical one, not under that of the buses.
+ * One that has gone before it was taken is no longer registered.
+ */
+static int ask_for_function(struct pci_dev *pdev, const struct request *request)
+{
+	struct device *physical = &pci_physfn(pdev)->dev;
+	int err = -ENODEV;
+
+	if (!pdev->is_virtfn)
+		return ask_for(pdev, request);
+	device_lock(physical);
+	if (device_is_registered(&pdev->dev))
+		err = ask_for(pdev, request);
+	device_unlock(physical);
+	return err;
+}
+
 static int carry_out(const struct request *request)
 {
 	struct pci_dev *pdev;
@@ -127,7 +145,7 @@ static int carry_out(const struct request *request)
 	pci_lock_rescan_remove();
 	pdev = find_device(request);
 	if (pdev) {
-		err = ask_for(pdev, request);
+		err = ask_for_function(pdev, request);
 		pci_dev_put(pdev);
 	}
 	pci_unlock_rescan_remove();
