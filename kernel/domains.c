@@ -5,8 +5,8 @@
  * mapping to the last one. No device of the group may have a driver of its own, and none gets one
  * meanwhile, because the tables of two masters would contradict each other.
  *
- * Before the first mapping and after the last one, a device without a driver reaches what the kernel
- * has chosen for it: nothing, or, where it was booted with iommu=pt, all memory.
+ * Before the first mapping and after the last one, a device without a driver reaches what the
+ * kernel has chosen for it: nothing, or, where it was booted with iommu=pt, all memory.
  */
 #define pr_fmt(fmt) KBUILD_MODNAME ": " fmt
 

@@ -8,8 +8,14 @@
 #include <linux/kernel.h>
 #include <linux/module.h>
 #include <linux/moduleparam.h>
+#include <linux/version.h>
 
 #include "tarvo.h"
+
+/* Some functions take other values elsewhere, and no compiler notices. */
+#if LINUX_VERSION_CODE < KERNEL_VERSION(6, 1, 0) || LINUX_VERSION_CODE >= KERNEL_VERSION(6, 17, 0)
+#error "the driver is for kernels 6.1 to 6.16"
+#endif
 
 DEFINE_MUTEX(tarvo_lock); /* see tarvo.h */
 

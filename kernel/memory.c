@@ -51,8 +51,8 @@ static int memory_mmap(struct file *file, struct vm_area_struct *vma)
 	    pages - 1 > last_page - vma->vm_pgoff)
 		return -EINVAL;
 	/*
-	 * A private copy of memory that a device writes shows nothing of what it writes. VM_SHARED is
-	 * missing from shared mappings, too, where the device was opened for reading alone.
+	 * A private copy of memory that a device writes shows nothing of what it writes. VM_SHARED
+	 * is missing from shared mappings, too, where the device was opened for reading alone.
 	 */
 	if (!(vma->vm_flags & VM_MAYSHARE))
 		return -EINVAL;
