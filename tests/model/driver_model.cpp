@@ -161,10 +161,10 @@ int driver::allocate(const request& asked, const driver_rule* answer) {
 }
 
 int driver::release(const request& asked) {
-    return std::erase_if(_allocations,
-                         [&](const allocation& held) { return held.name == asked.name; }) == 0
-               ? ENOENT
-               : 0;
+    const auto is_meant = [&](const allocation& held) {
+        return held.name == asked.name && held.size == asked.size;
+    };
+    return std::erase_if(_allocations, is_meant) == 0 ? ENOENT : 0;
 }
 
 bool driver::is_room(uint64_t pa, uint64_t bytes) const {

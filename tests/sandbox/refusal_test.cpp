@@ -83,8 +83,9 @@ TEST(driver, RefusesACmaNameThatALineCannotList) {
 }
 
 TEST(driver, AnswersExistingUnknownAndTooLarge) {
-    EXPECT_EQ(cma_answers({}, {"a x 1000\n", "a x 2000\n", "r y 1000\n", "a z 40000000\n"}),
-              "open ok\nwrite 9\nwrite EEXIST\nwrite ENOENT\nwrite ENOMEM\nclose ok\n");
+    EXPECT_EQ(
+        cma_answers({}, {"a x 1000\n", "a x 2000\n", "r y 1000\n", "r x 2000\n", "a z 40000000\n"}),
+        "open ok\nwrite 9\nwrite EEXIST\nwrite ENOENT\nwrite ENOENT\nwrite ENOMEM\nclose ok\n");
 }
 
 TEST(rule, OpPicksTheOperation) {

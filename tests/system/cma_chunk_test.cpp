@@ -147,7 +147,7 @@ TEST_F(cma_chunk, ThatIsSharedIsNotAskedForAgain) {
     EXPECT_EQ(log(), before + other_start);
 }
 
-TEST_F(cma_chunk, OfAnotherSizeCostsTheFirstOneItsMemoryWhereTheDriverGoesByNameKeptOnPurpose) {
+TEST_F(cma_chunk, OfAnotherSizeIsReleasedWithThatSizeWhichIsNotTheFirstOnes) {
     user.alloc("rx_ring", 4096);
     EXPECT_EQ(outcome(user, "alloc rx_ring 8192 me"), std::string("0x0\n") + size_mismatch);
     EXPECT_EQ(machine.cma_commands(),

@@ -54,8 +54,10 @@ int cma_table::allocate(const std::string& name, uint64_t size_bytes,
     return 0;
 }
 
-int cma_table::release(const std::string& name) {
-    const auto held = [&](const cma_allocation& other) { return other.name == name; };
+int cma_table::release(const std::string& name, uint64_t size_bytes) {
+    const auto held = [&](const cma_allocation& other) {
+        return other.name == name && other.size_bytes == size_bytes;
+    };
     return std::erase_if(_allocations, held) == 0 ? ENOENT : 0;
 }
 

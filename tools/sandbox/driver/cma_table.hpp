@@ -23,8 +23,8 @@ class cma_table {
     /// that a rule gives is used as it is, also outside the region or over another allocation.
     int allocate(const std::string& name, uint64_t size_bytes, std::optional<uint64_t> address);
 
-    /// 0 or ENOENT. The name alone decides; the size is not compared.
-    int release(const std::string& name);
+    /// 0, or ENOENT where the name is not held with this size.
+    int release(const std::string& name, uint64_t size_bytes);
 
     const std::vector<cma_allocation>& allocations() const { return _allocations; }
 

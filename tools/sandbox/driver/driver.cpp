@@ -61,7 +61,7 @@ int driver::open(driver_handle& handle, pid_t pid) {
 
 int driver::carry_out_cma(const request& asked, const rule* answering) {
     if (asked.op == operation::release) {
-        return _cma->release(asked.name);
+        return _cma->release(asked.name, asked.size_bytes);
     }
     const auto* const handed_out = answer_of<handed_out_address>(answering);
     return _cma->allocate(asked.name, asked.size_bytes,
