@@ -50,8 +50,8 @@ TEST_P(every_world, KeepsTheContract) {
                                {"--json", "--device", device, "--absent-device", absent});
     EXPECT_EQ(clauses_with(end, "failed"), words{}) << end.output << end.errors;
     // What cannot be found out in such a world, and nothing else.
-    const words of_the_allocator{"3.1", "3.2", "3.3", "3.4",  "3.6",
-                                 "3.7", "3.8", "3.9", "3.10", "3.11"};
+    const words of_the_allocator{"3.1", "3.2", "3.3",  "3.4",  "3.6", "3.7",
+                                 "3.8", "3.9", "3.10", "3.11", "3.13"};
     EXPECT_EQ(clauses_with(end, "skipped"),
               (GetParam().cma ? words{"3.5"} : of_the_allocator) + words{"6.2"});
     EXPECT_EQ(end.status, 0);
@@ -147,7 +147,7 @@ INSTANTIATE_TEST_SUITE_P(
     testing::Values(
         broken_driver{"listing_field_missing",
                       rule("listing=missing-field"),
-                      {"3.1", "3.2", "3.6", "3.7", "3.8", "3.10", "3.11"},
+                      {"3.1", "3.2", "3.6", "3.7", "3.8", "3.10", "3.11", "3.13"},
                       "cma",
                       "echo a rx_ring 1000 >/proc/tarvo"},
         broken_driver{"memory_given_twice",
@@ -157,13 +157,15 @@ INSTANTIATE_TEST_SUITE_P(
                       "echo a rx_ring 1000 >/proc/tarvo; echo a rx_stats 1000 >/proc/tarvo"},
         broken_driver{"listed_with_another_size",
                       rule("listing=wrong-size"),
-                      {"3.6", "3.7", "3.8", "3.10", "3.11"},
+                      {"3.6", "3.7", "3.8", "3.10", "3.11", "3.13"},
                       "cma"},
         broken_driver{"held_name_refused", rule("op=allocate,nth=4,errno=ENOSPC"), {"3.7"}, "cma"},
         broken_driver{
             "two_names_share", rule("op=allocate,nth=6,address=0x100000000"), {"3.8"}, "cma"},
         broken_driver{
-            "more_than_there_is", rule("op=allocate,nth=7,address=0x100000000"), {"3.9"}, "cma"}),
+            "more_than_there_is", rule("op=allocate,nth=7,address=0x100000000"), {"3.9"}, "cma"},
+        broken_driver{
+            "released_by_name", rule("op=open-read,nth=37,listing=empty"), {"3.13"}, "cma"}),
     [](const auto& tested) { return std::string{tested.param.name}; });
 
 TEST(bad_line, IsUndoneWhereTheDriverAcceptsIt) {
@@ -178,13 +180,13 @@ TEST(bad_line, IsUndoneWhereTheDriverAcceptsIt) {
 TEST(output, IsTapWithTheBrokenClauseExplained) {
     const finished end = check({"--world", "low", "--rule", "file=sysfs,nth=1,errno=ENODEV"}, {});
     EXPECT_EQ(end.output.substr(0, end.output.find("ok 2")),
-              "TAP version 13\n1..37\nok 1 - 1.1 The region file has a first line\n");
-    EXPECT_NE(end.output.find("\nnot ok 23 - 4.3 A malformed line is refused\n"
+              "TAP version 13\n1..38\nok 1 - 1.1 The region file has a first line\n");
+    EXPECT_NE(end.output.find("\nnot ok 24 - 4.3 A malformed line is refused\n"
                               "# \"\" was answered by ENODEV; it must be refused, and not by "
                               "ENOSYS, ENODEV or EUNATCH\n"),
               std::string::npos)
         << end.output;
-    EXPECT_NE(end.output.find("\nok 27 - 5.1 A chunk is mapped # SKIP name a device that may be "
+    EXPECT_NE(end.output.find("\nok 28 - 5.1 A chunk is mapped # SKIP name a device that may be "
                               "used with --device\n"),
               std::string::npos);
     EXPECT_EQ(end.status, 1);
@@ -205,6 +207,14 @@ TEST(output, SaysThatTheDeviceIsInUse) {
     EXPECT_EQ(end.errors,
               "tarvo-driver-check: --device 0000:03:00.0: EBUSY: another driver has it; unbind "
               "that, by echo 0000:03:00.0 >/sys/bus/pci/devices/0000:03:00.0/driver/unbind\n");
+    EXPECT_EQ(end.status, 3);
+}
+
+TEST(output, SaysThatTheMachineHasNoSuchDevice) {
+    const finished end = check({"--world", "low", "--rule", absent_rule}, {"--device", absent});
+    EXPECT_EQ(end.output, "");
+    EXPECT_EQ(end.errors, "tarvo-driver-check: --device 0000:ff:1f.6: ENODEV: the machine has no "
+                          "such device; see 'ls /sys/bus/pci/devices'\n");
     EXPECT_EQ(end.status, 3);
 }
 

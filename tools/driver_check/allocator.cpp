@@ -151,6 +151,20 @@ void check_release(const subject& /*all*/) {
             range_text(held) + ", is still listed after it was released");
 }
 
+/// As the library does where a name is held with another size: it asks, and releases after a
+/// refusal.
+void check_other_size(const subject& /*all*/) {
+    const own_allocation made{own_name("sized"), page_size()};
+    const allocation first = made.listed();
+    send_unasked(paths::region_driver, allocate_line(first.name, 2 * page_size()));
+    const std::string line = release_line(first.name, 2 * page_size());
+    const answer given = send(paths::region_driver, line);
+    const auto second = find_allocation(allocations_in(read_listing()), first.name, first.bytes);
+    require(second && second->pa == first.pa,
+            fmt::format("{}, and {} is no longer listed there", answer_text(line, given),
+                        range_text(first)));
+}
+
 void check_long_name(const subject& /*all*/) {
     std::string name = own_name("");
     name.resize(tarvo::longest_name, 'n');
@@ -175,6 +189,8 @@ std::span<const clause> allocator_clauses() {
         {"3.9", "A request larger than the free memory fails", need::cma_device, check_too_much},
         {"3.10", "Released memory is no longer listed", need::cma_device, check_release},
         {"3.11", "A name of 49 bytes is kept whole", need::cma_device, check_long_name},
+        {"3.13", "A held name of another size keeps its memory", need::cma_device,
+         check_other_size},
     };
     return clauses;
 }

@@ -74,6 +74,21 @@ requested_range own_memory::exact(uint64_t first_page, uint64_t pages) const {
     return range_to_the_end(_region, page_pa(first_page), pages * page_size());
 }
 
+namespace {
+
+/// A driver that does not find a device which the kernel has not either is right.
+void require_existence(const tarvo::device& device, const answer& given) {
+    const std::string place = std::string{"/sys/bus/pci/devices/"} + device.text().c_str();
+    if ((given.error == ENODEV || given.error == EUNATCH) && ::access(place.c_str(), F_OK) != 0) {
+        throw failure{exit_status::unreadable,
+                      fmt::format("--device {}: {}: the machine has no such device; see 'ls "
+                                  "/sys/bus/pci/devices'",
+                                  device.text().c_str(), error_name(given.error))};
+    }
+}
+
+} // namespace
+
 void require_accepted(const std::string& line) {
     const answer given = send(paths::iommu_driver, line);
     require(is_accepted(given, line), answer_text(line, given) + "; it must be accepted");
@@ -87,6 +102,7 @@ device_mapping::device_mapping(const tarvo::device& device, const requested_rang
     if (given.error == ENOSYS) {
         throw not_applicable{"the machine has no IOMMU for the device"};
     }
+    require_existence(device, given);
     if (given.error == EBUSY) {
         // Nothing is wrong with the driver, and nothing can be found out with this device.
         throw failure{
