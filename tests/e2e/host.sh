@@ -167,7 +167,7 @@ END
     chmod +x "$folder/bin/tarvo-client32"
 }
 
-# initramfs: everything but the module, in build-e2e/files.cpio.gz.
+# initramfs: everything but the module, in build-e2e/files.cpio.
 initramfs() {
     local files=$work/files applet
     rm -rf "$files"
@@ -186,19 +186,19 @@ initramfs() {
     cp tests/e2e/guest/* "$files/e2e"
     mv "$files/e2e/init" "$files/init"
     chmod +x "$files/init"
-    archive "$files" | whole_file "$work/files.cpio.gz"
+    archive "$files" | whole_file "$work/files.cpio"
 }
 
-# initrd KERNEL: what its machines boot from, with the module, in build-e2e/KERNEL/initrd.gz.
+# initrd KERNEL: what its machines boot from, with the module, in build-e2e/KERNEL/initrd.cpio.
 initrd() {
     local place=$work/$1
     mkdir -p "$place/initrd/lib"
     cp "$place/module/tarvo.ko" "$place/initrd/lib"
-    (cat "$work/files.cpio.gz" && archive "$place/initrd") | whole_file "$place/initrd.gz"
+    (cat "$work/files.cpio" && archive "$place/initrd") | whole_file "$place/initrd.cpio"
 }
 
 archive() {
-    (cd "$1" && find . | cpio --quiet -o -H newc -R 0:0) | gzip -1
+    (cd "$1" && find . | cpio --quiet -o -H newc -R 0:0)
 }
 
 # whole_file PATH: standard input, at once: another machine may be about to read the file.
@@ -244,13 +244,14 @@ reserved_of() {
 }
 
 # machine KERNEL STORY WORDS...: QEMU's command line, its serial lines left out, into the array
-# "qemu". WORDS go to the kernel.
+# "qemu". WORDS go to the kernel. Programs lie at the same addresses each time (norandmaps), so that
+# QEMU translates them once.
 # shellcheck disable=SC2034,SC2054 # it is for the caller; the commas are QEMU's
 machine() {
     local place=$work/$1 story=$2
     shift 2
     qemu=(qemu-system-x86_64 -M q35,kernel-irqchip=split -accel tcg -m "$(memory_of "$story")"
         "${devices[@]}" -display none -nodefaults -no-reboot -kernel "$place"/boot/vmlinuz-*
-        -initrd "$place/initrd.gz"
-        -append "console=ttyS0 intel_iommu=on panic=-1 $(reserved_of "$story") $*")
+        -initrd "$place/initrd.cpio"
+        -append "console=ttyS0 intel_iommu=on panic=-1 norandmaps $(reserved_of "$story") $*")
 }
