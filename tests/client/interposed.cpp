@@ -169,6 +169,12 @@ int munmap(void* addr, size_t len) noexcept {
         "munmap", -1, [=] { return real(addr, len); }, shown(addr), shown(len));
 }
 
+/// Advice changes nothing that shows, and is not noted; the answer of the system can.
+int madvise(void* addr, size_t len, int advice) noexcept {
+    static const auto real = real_one<int(void*, size_t, int)>("madvise");
+    return watch::on() && watch::refuses("madvise") ? -1 : real(addr, len, advice);
+}
+
 /// Noted where it makes a second descriptor of an open file.
 int fcntl(int fd, int cmd, ...) {
     static const auto real = real_one<int(int, int, ...)>("fcntl");

@@ -36,6 +36,15 @@ std::optional<own_mapping> mapping_at(uintptr_t address) {
         [=](const own_mapping& m) { return m.start <= address && address < m.end; });
 }
 
+uint64_t bytes_mapped_of(const std::string& path) {
+    uint64_t bytes = 0;
+    first_mapping([&](const own_mapping& m) {
+        bytes += m.path == path ? m.end - m.start : 0;
+        return false;
+    });
+    return bytes;
+}
+
 std::optional<own_mapping> mapping_of(const std::string& end_of_path) {
     return first_mapping([&](const own_mapping& m) { return m.path.ends_with(end_of_path); });
 }

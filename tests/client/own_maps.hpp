@@ -15,5 +15,8 @@ struct own_mapping {
 
 std::optional<own_mapping> mapping_at(uintptr_t address);
 
+/// All mappings of that file together.
+uint64_t bytes_mapped_of(const std::string& path);
+
 /// The lowest mapping of a file whose path ends so.
 std::optional<own_mapping> mapping_of(const std::string& end_of_path);

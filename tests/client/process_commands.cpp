@@ -1,6 +1,7 @@
 #include "channel.hpp"
 #include "commands.hpp"
 #include "no_system_calls.hpp"
+#include "own_maps.hpp"
 #include "watch.hpp"
 
 #include <algorithm>
@@ -11,6 +12,7 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <fstream>
+#include <set>
 #include <sstream>
 #include <string>
 #include <sys/resource.h>
@@ -77,23 +79,25 @@ std::string limit_memory(const arguments& a) {
     return done_or_error(setrlimit(RLIMIT_AS, &limit) == 0);
 }
 
-std::string describe_descriptor(int fd) {
+/// Its path; empty where it is not open.
+std::string target_of(int fd) {
     std::array<char, 4096> target{};
     const std::string link = "/proc/self/fd/" + std::to_string(fd);
-    if (readlink(link.c_str(), target.data(), target.size() - 1) < 0) {
-        return {};
-    }
+    return readlink(link.c_str(), target.data(), target.size() - 1) < 0 ? "" : target.data();
+}
+
+std::string describe_descriptor(int fd) {
     const int access = fcntl(fd, F_GETFL) & O_ACCMODE;
     const bool closed_on_exec = (fcntl(fd, F_GETFD) & FD_CLOEXEC) != 0;
-    return std::to_string(fd) + ":" + target.data() + ":" +
+    return std::to_string(fd) + ":" + target_of(fd) + ":" +
            (access == O_RDWR     ? "rw"
             : access == O_WRONLY ? "w"
                                  : "r") +
            (closed_on_exec ? ":cloexec" : ":kept");
 }
 
-/// NUMBER:PATH:ACCESS:FATE for every descriptor but the client's own, in ascending order.
-std::string descriptors(const arguments& /*none*/) {
+/// Every one but the client's own, in ascending order.
+std::vector<int> open_descriptors() {
     std::vector<int> open;
     DIR* const folder = opendir("/proc/self/fd");
     while (const dirent* const entry = readdir(folder)) {
@@ -105,11 +109,41 @@ std::string descriptors(const arguments& /*none*/) {
     }
     closedir(folder);
     std::sort(open.begin(), open.end());
+    return open;
+}
+
+/// NUMBER:PATH:ACCESS:FATE for each, in ascending order.
+std::string descriptors(const arguments& /*none*/) {
     std::string list;
-    for (const int fd : open) {
+    for (const int fd : open_descriptors()) {
         list += (list.empty() ? "" : " ") + describe_descriptor(fd);
     }
     return list;
+}
+
+/// Whether standard input is open, then the paths of the machine's files that are open, and
+/// PATH*BYTES for those that are mapped.
+std::string holdings(const arguments& /*none*/) {
+    const auto is_of_machine = [](const std::string& path) {
+        return path.starts_with("/var/") || path == "/dev/mem";
+    };
+    std::multiset<std::string> open;
+    for (const int fd : open_descriptors()) {
+        if (fd > STDERR_FILENO && is_of_machine(target_of(fd))) {
+            open.insert(target_of(fd));
+        }
+    }
+    std::string text = fcntl(STDIN_FILENO, F_GETFD) == -1 ? "no input" : "input";
+    for (const std::string& path : open) {
+        text += " " + path;
+    }
+    for (const char* path :
+         {"/var/tmp/tarvo_lib", "/var/shmem/tarvo_lib", "/var/tmp/tarvo", "/dev/mem"}) {
+        if (const uint64_t bytes = bytes_mapped_of(path); bytes != 0) {
+            text += std::string(" ") + path + "*" + std::to_string(bytes);
+        }
+    }
+    return text;
 }
 
 int error_number(const std::string& name) {
@@ -160,6 +194,7 @@ commands process_commands() {
         {"write FD TEXT", write_text},
         {"rlimit_as BYTES", limit_memory},
         {"fds", descriptors},
+        {"holdings", holdings},
         {"fail CALL ERRNO [NTH]", fail},
         {"fail_nothing", fail_nothing},
         {"calls", calls},

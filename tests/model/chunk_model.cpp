@@ -56,7 +56,9 @@ uint32_t library::alloc(const text& name, uint64_t size, const text& creator) {
             "len_name > 0 && (len_name < 50)");
     require(!read(creator).empty(), "tarvo", "len_agent_name > 0");
     require(size != 0, "tarvo", "size");
-    lock();
+    if (!lock()) {
+        return 0;
+    }
     const auto page = static_cast<uint32_t>(page_bytes());
     const uint32_t rounded = page * ((static_cast<uint32_t>(size) + page - 1) / page);
     chunk* const existing = find_by_name(read(name));
@@ -161,9 +163,22 @@ uint32_t library::finish(const chunk& fresh) {
     return pa_to_dma(fresh.pa);
 }
 
-void library::zero_memory(const chunk& fresh) {
+int library::zero_or_fail(const chunk& fresh) {
+    if (const int error = refused("mmap64"); error != 0) {
+        return error;
+    }
     if (fresh.size == 0 || fresh.pa % page_bytes() != 0) {
-        perror("tarvo_alloc: mmap failed!", EINVAL);
+        return EINVAL;
+    }
+    map_memory(fresh.size);
+    const bool is_zeroed = has_room();
+    const int error = unmap_memory(fresh.size);
+    return is_zeroed ? 0 : error != 0 ? error : EFAULT;
+}
+
+void library::zero_memory(const chunk& fresh) {
+    if (const int error = zero_or_fail(fresh); error != 0) {
+        perror("tarvo_alloc: mmap failed!", error);
         lock();
         roll_back(fresh.element);
     }
@@ -184,7 +199,9 @@ int library::free(const text& name) {
     if (!init_or_say()) {
         return -1;
     }
-    lock();
+    if (!lock()) {
+        return -1;
+    }
     chunk* doomed = find_by_name(*name);
     // The last element is compared here, too.
     if (doomed == nullptr && _area.tail().name == *name) {
@@ -207,38 +224,43 @@ uint64_t library::get_cma_allocation(const std::string& name, uint32_t size) {
         return no_cma;
     }
     listing seen;
-    if (const int error = _machine.kernel.open_for_reading(seen); error != 0) {
+    if (const int error = open_driver_to_read(seen); error != 0) {
         say(text_of("Error opening /proc/tarvo: %s\n", std::strerror(error)));
         return no_cma;
     }
     const uint64_t pa = look_up_cma(name, size, seen);
-    _machine.kernel.close("proc");
+    close_driver();
     return pa;
 }
 
 bool library::ask_for_cma(const std::string& name, uint32_t size) {
-    driver& kernel = _machine.kernel;
-    if (const int error = kernel.open_for_writing("proc"); error != 0) {
+    if (const int error = open_driver_to_write("proc"); error != 0) {
         say(text_of("Error opening /proc/tarvo: %s\n", std::strerror(error)));
         return false;
     }
     const request asked{"allocate", {}, 0, name, size};
-    const int error = kernel.write("proc", asked, cma_command('a', name, size));
+    int error = refused("write");
+    if (error == 0) {
+        error = _machine.kernel.write("proc", asked, cma_command('a', name, size));
+    }
     const bool accepted = error == 0 || error == EEXIST;
     if (!accepted) {
         say(text_of("Error allocating CMA: %s\n", std::strerror(error)));
     }
-    kernel.close("proc", &asked);
+    close_driver(&asked);
     return accepted;
 }
 
 uint64_t library::look_up_cma(const std::string& name, uint32_t size, const listing& shown) {
-    if (shown.is_empty()) {
+    if (refused("fgets") != 0 || shown.is_empty()) {
         say("Expected at least 1 line in /proc/tarvo\n");
         return no_cma;
     }
     // The first line is skipped unread, whatever it is.
     for (size_t i = shown.has_region_line ? 0 : 1; i < shown.lines.size(); i++) {
+        if (refused("fgets") != 0) {
+            return no_cma; // as at the end
+        }
         const listing_line& line = shown.lines[i];
         if (!line.pa || !line.size) {
             say("Error parsing /proc/tarvo\n");
@@ -252,16 +274,21 @@ uint64_t library::look_up_cma(const std::string& name, uint32_t size, const list
 }
 
 int library::free_cma_allocation(const std::string& name, uint32_t size) {
-    driver& kernel = _machine.kernel;
-    if (const int error = kernel.open_for_writing("proc"); error != 0) {
+    if (const int error = open_driver_to_write("proc"); error != 0) {
         say(text_of("Error opening /proc/tarvo: %s\n", std::strerror(error)));
         return -1;
     }
     // The line leaves the buffer when the file is closed, where a refusal goes unnoticed.
     const request asked{"release", {}, 0, name, size};
-    kernel.write("proc", asked, cma_command('r', name, size));
-    kernel.close("proc", &asked);
-    return 0;
+    const bool is_printed = refused("fprintf") == 0;
+    if (is_printed) {
+        _machine.kernel.write("proc", asked, cma_command('r', name, size));
+    } else {
+        // The text of the result, not of errno.
+        say(text_of("Error freeing CMA %s\n", std::strerror(-1)));
+    }
+    close_driver(&asked);
+    return is_printed ? 0 : -1;
 }
 
 } // namespace model

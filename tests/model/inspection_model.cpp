@@ -23,6 +23,14 @@ std::optional<int> following(const List& list, int element) {
 
 } // namespace
 
+int library::unmap_memory(uint64_t bytes) {
+    const int error = refused("munmap");
+    if (error == 0) {
+        _process.held.memory_bytes -= rounded_to_pages(bytes);
+    }
+    return error;
+}
+
 std::optional<mapping> library::map(const text& name, bool writable, uint64_t offset,
                                     uint64_t size) {
     require(name.has_value(), "tarvo", "name");
@@ -30,15 +38,25 @@ std::optional<mapping> library::map(const text& name, bool writable, uint64_t of
     if (!init_or_say()) {
         return std::nullopt;
     }
-    lock();
-    const chunk* const one = find_by_name(read(name));
-    if (one == nullptr) {
-        unlock();
+    if (!lock()) {
         return std::nullopt;
     }
-    const bool good = chunk_desc_check(*one);
+    const chunk* const one = find_by_name(read(name));
+    std::optional<mapping> made;
+    if (one != nullptr) {
+        if (!chunk_desc_check(*one)) {
+            unlock();
+            require(false, "tarvo", "0");
+        }
+        made = map_window(*one, writable, offset, size);
+    }
     unlock();
-    require(good, "tarvo", "0");
+    return made;
+}
+
+std::optional<mapping> library::map_window(const chunk& whole, bool writable, uint64_t offset,
+                                           uint64_t size) {
+    const chunk* const one = &whole;
     if (size == 0) {
         size = one->size - static_cast<uint32_t>(offset);
     }
@@ -48,9 +66,10 @@ std::optional<mapping> library::map(const text& name, bool writable, uint64_t of
                     one->size, end));
         return std::nullopt;
     }
-    if (size == 0 || (one->pa + offset) % page_bytes() != 0) {
-        return std::nullopt; // refused by the system, which is only traced
+    if (refused("mmap64") != 0 || size == 0 || (one->pa + offset) % page_bytes() != 0) {
+        return std::nullopt; // which is only traced
     }
+    map_memory(size);
     return mapping{one->pa + offset, size, writable};
 }
 
@@ -59,7 +78,9 @@ int library::unmap(const text& name, uint64_t va, uint64_t size, const std::stri
     if (!init_or_say()) {
         return -1;
     }
-    lock();
+    if (!lock()) {
+        return -1;
+    }
     const chunk* const one = find_by_name(read(name));
     if (one == nullptr) {
         unlock();
@@ -67,11 +88,12 @@ int library::unmap(const text& name, uint64_t va, uint64_t size, const std::stri
     require(one != nullptr, "tarvo", "found");
     require(size <= one->size, "tarvo", "size <= chunk->size");
     const uint64_t bytes = size != 0 ? size : one->size;
-    unlock();
-    if (bytes == 0 || va % page_bytes() != 0) {
+    const bool is_possible = bytes != 0 && va % page_bytes() == 0;
+    if (const int error = is_possible ? unmap_memory(bytes) : EINVAL; error != 0) {
         say(text_of("tarvo: failed to unmap chunk, pa: %llx, va: %s, size: %u, %s\n", wide(one->pa),
-                    va_text.c_str(), one->size, std::strerror(EINVAL)));
+                    va_text.c_str(), one->size, std::strerror(error)));
     }
+    unlock();
     return 0;
 }
 
@@ -79,7 +101,9 @@ library::answer library::find(uint32_t dma) {
     if (!init_or_say()) {
         return {};
     }
-    lock();
+    if (!lock()) {
+        return {};
+    }
     const uint64_t pa = dma_to_pa(dma);
     const auto holder = std::ranges::find_if(
         _area.chunks, [=](const chunk& one) { return one.pa <= pa && pa < one.end(); });
@@ -95,11 +119,31 @@ library::whole_region library::map_all() {
     if (!init_or_say()) {
         return whole_region::null;
     }
-    return _process.whole_region_count++ == 0 ? whole_region::fresh : whole_region::same;
+    if (_process.has_whole_region) {
+        _process.whole_region_count++;
+        return whole_region::same;
+    }
+    require(_process.whole_region_count == 0, "tarvo", "tarvo_mapall_refcount == 0");
+    // Counted also where it fails, so that it is not tried again.
+    _process.whole_region_count++;
+    if (refused("mmap64") != 0) {
+        say(text_of("tarvo: failed to mmap size %llu\n", wide(_machine.where.bytes)));
+        return whole_region::null;
+    }
+    map_memory(_machine.where.bytes);
+    _process.has_whole_region = true;
+    return whole_region::fresh;
 }
 
 void library::unmap_all() {
-    require(_process.whole_region_count != 0, "tarvo", "tarvo_mapall_va");
+    require(_process.has_whole_region, "tarvo", "tarvo_mapall_va");
+    if (_process.whole_region_count == 1) {
+        if (const int error = unmap_memory(_machine.where.bytes); error != 0) {
+            say(text_of("tarvo: failed to unmap chunk, va: %s, size: %llu, error: %s\n",
+                        whole_region_label, wide(_machine.where.bytes), std::strerror(error)));
+        }
+        _process.has_whole_region = false;
+    }
     _process.whole_region_count--;
 }
 
@@ -107,7 +151,9 @@ bool library::dump_begin() {
     if (!init_or_say()) {
         return false;
     }
-    lock();
+    if (!lock()) {
+        return false;
+    }
     _process.chunk_cursor = following(_area.chunks, _area.head().element);
     _process.device_cursor.reset();
     if (!_area.devices.empty()) {
@@ -142,9 +188,8 @@ std::optional<std::string> library::dump_next_device(uint64_t room) {
     }
     const device* const listed = _area.device_at(*cursor);
     const device shown_device = listed == nullptr ? device{} : *listed;
-    const std::string line = text_of("%04x:%02x:%02x.%x: %s", shown_device.domain, shown_device.bus,
-                                     (shown_device.devfn >> 3U) & 0x1fU, shown_device.devfn & 7U,
-                                     shown_device.online ? "online" : "offline");
+    const std::string line =
+        device_name(shown_device) + ": " + (shown_device.online ? "online" : "offline");
     if (line.size() >= room) {
         return std::nullopt;
     }

@@ -22,12 +22,21 @@ auto triple(const device& one) {
     return std::tuple(one.domain, one.bus, one.devfn);
 }
 
-std::string device_name(const device& one) {
-    return text_of("%04x:%02x:%02x.%x", one.domain, one.bus, (one.devfn >> 3U) & 0x1fU,
-                   one.devfn & 7U);
+} // namespace
+
+/// What asprintf makes of a text.
+std::string library::formatted(const std::string& printed) {
+    const int error = refused("asprintf");
+    if (error != 0) {
+        _errno = error;
+    }
+    return error != 0 ? "Error formatting string" : printed;
 }
 
-} // namespace
+std::string library::device_name(const device& one) {
+    return formatted(text_of("%04x:%02x:%02x.%x", one.domain, one.bus, (one.devfn >> 3U) & 0x1fU,
+                             one.devfn & 7U));
+}
 
 request library::request_for(const char* op, const device& to, const iommu_mapping& range) {
     return {op, triple(to), range.start_pa, "", 0, range.end_pa - 1, range.start_dma};
@@ -45,19 +54,34 @@ library::iommu_mapping library::checked_mapping(uint64_t start_pa, uint64_t end_
 
 int library::iommu_act(const char* op, const device& to, uint32_t prot,
                        const iommu_mapping& range) {
-    driver& kernel = _machine.kernel;
-    if (const int error = kernel.open_for_writing("sysfs"); error != 0) {
+    if (const int error = open_driver_to_write("sysfs"); error != 0) {
         _errno = error;
         perror("tarvo: failed to open sysfs file", error);
         return -1;
     }
-    const int result = write_request(op, to, prot, range);
+    const int result = send_unbuffered(op, to, prot, range);
     const request asked = request_for(op, to, range);
-    if (const int error = kernel.close("sysfs", &asked); error != 0) {
+    int error = _machine.kernel.close("sysfs", &asked);
+    if (const int refusal = refused("fclose"); refusal != 0) {
+        error = refusal;
+    }
+    if (error != 0) {
         _errno = error;
         perror("tarvo: fclose failed", error);
     }
     return result;
+}
+
+int library::send_unbuffered(const char* op, const device& to, uint32_t prot,
+                             const iommu_mapping& range) {
+    const int positive = refused("positive_setvbuf");
+    const int error = positive != 0 ? positive : refused("setvbuf");
+    if (error == 0) {
+        return write_request(op, to, prot, range);
+    }
+    _errno = error;
+    perror("tarvo: failed to set _IONBF", error);
+    return positive != 0 ? 0 : -1;
 }
 
 int library::write_request(const char* op, const device& to, uint32_t prot,
@@ -67,10 +91,13 @@ int library::write_request(const char* op, const device& to, uint32_t prot,
     const auto devfn = static_cast<int>(to.devfn);
     const auto signed_prot = static_cast<int>(prot);
     const request asked = request_for(op, to, range);
-    const int error = _machine.kernel.write(
-        "sysfs", asked,
-        text_of("%s %d %d %d %llu %llu %u %d\n", op, domain, bus, devfn, wide(range.start_pa),
-                wide(range.end_pa - 1), range.start_dma, signed_prot));
+    int error = refused("fprintf");
+    if (error == 0) {
+        error = _machine.kernel.write("sysfs", asked,
+                                      text_of("%s %d %d %d %llu %llu %u %d\n", op, domain, bus,
+                                              devfn, wide(range.start_pa), wide(range.end_pa - 1),
+                                              range.start_dma, signed_prot));
+    }
     if (error == 0) {
         return 0;
     }
@@ -92,10 +119,11 @@ int library::map_unmap_chunk(const char* op, const chunk& one, const device& to)
     const iommu_mapping range = checked_mapping(one.pa, end, start_dma, end_dma);
     const int result = iommu_act(op, to, read_and_write, range);
     if (result != 0) {
-        say(text_of("map_unmap_chunk: %s on dev %s failed: %d, DMA(0x%x - 0x%x) -> PA(0x%llx - "
-                    "0x%llx)\n",
-                    op, device_name(to).c_str(), result, start_dma, end_dma, wide(one.pa),
-                    wide(end)));
+        const std::string name = device_name(to);
+        const std::string where = formatted(text_of("DMA(0x%x - 0x%x) -> PA(0x%llx - 0x%llx)",
+                                                    start_dma, end_dma, wide(one.pa), wide(end)));
+        say(text_of("map_unmap_chunk: %s on dev %s failed: %d, %s\n", op, name.c_str(), result,
+                    where.c_str()));
     }
     return result;
 }
@@ -213,7 +241,9 @@ int library::register_device(const device& wanted) {
     if (!init_or_say()) {
         return -1;
     }
-    lock();
+    if (!lock()) {
+        return -1;
+    }
     device* known = find_device(wanted);
     if (known == nullptr) {
         if (_area.free_devices.empty()) {
@@ -237,7 +267,9 @@ int library::unregister_device(const device& wanted) {
     if (!init_or_say()) {
         return -1;
     }
-    lock();
+    if (!lock()) {
+        return -1;
+    }
     device* const known = find_device(wanted);
     int result = 0;
     if (known == nullptr) {

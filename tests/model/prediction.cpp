@@ -40,7 +40,10 @@ void prediction::end_process(int number) {
     if (_machine.lock_holder == number) {
         _machine.lock_holder.reset();
     }
-    _processes.at(static_cast<size_t>(number)) = process_state(number);
+    process_state& ended = _processes.at(static_cast<size_t>(number));
+    process_state next(number);
+    next.calls = std::move(ended.calls);
+    ended = std::move(next);
 }
 
 std::string prediction::reply_of_client(const step& one, outcome& result) {

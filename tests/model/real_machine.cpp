@@ -1,6 +1,7 @@
 #include "real_machine.hpp"
 
 #include <csignal>
+#include <cstring>
 #include <regex>
 #include <sstream>
 #include <stdexcept>
@@ -30,6 +31,14 @@ std::string mapping_at(client& program, const std::string& address) {
     std::string path;
     fields >> permissions >> offset >> bytes >> path;
     return permissions + " " + offset + " " + path;
+}
+
+/// Messages show where a mapping lies, which the model does not know.
+void name_address(std::string& text, const std::string& address, const std::string& label) {
+    const size_t at = address.empty() ? std::string::npos : text.find("va: " + address + ",");
+    if (at != std::string::npos) {
+        text.replace(at + std::strlen("va: "), address.size(), label);
+    }
 }
 
 bool is_mapped(client& program, const std::string& address) {
@@ -93,8 +102,12 @@ std::vector<std::string> real_machine::new_events() {
 
 std::string real_machine::new_errors(user& caller) {
     const std::string all = caller.program.error_text();
-    const std::string fresh = all.substr(caller.error_bytes);
+    std::string fresh = all.substr(caller.error_bytes);
     caller.error_bytes = all.size();
+    for (const auto& [label, address] : caller.mappings) {
+        name_address(fresh, address, label);
+    }
+    name_address(fresh, caller.whole_region, whole_region_label);
     return without_what_is_free(fresh);
 }
 

@@ -3,6 +3,7 @@
 #include "client.hpp"
 
 #include <algorithm>
+#include <cstring>
 
 namespace model {
 
@@ -48,8 +49,12 @@ std::string unmap(const verb_context& c) {
         const uint64_t va = target ? c.what.number(1) : 0;
         return std::to_string(c.tarvo.unmap(name, va, size, hexadecimal(va)));
     }
+    const uint64_t mapped_before = c.caller.held.memory_bytes;
     // Wherever it is, it starts on a page.
     const int result = c.tarvo.unmap(name, page_bytes(), size, *target);
+    if (c.caller.held.memory_bytes == mapped_before) {
+        return std::to_string(result) + " kept";
+    }
     c.caller.mappings.erase(*target);
     return std::to_string(result) + " gone";
 }
@@ -97,7 +102,7 @@ std::string limits(const verb_context& c) {
 }
 
 std::string overhead(const verb_context& /*none*/) {
-    return std::to_string(rounded_to_pages(70130716));
+    return std::to_string(rounded_to_pages(content_bytes));
 }
 
 std::string map_all(const verb_context& c) {
@@ -113,8 +118,9 @@ std::string map_all(const verb_context& c) {
 }
 
 std::string unmap_all(const verb_context& c) {
+    const uint64_t mapped_before = c.caller.held.memory_bytes;
     c.tarvo.unmap_all();
-    return c.caller.whole_region_count == 0 ? "done gone" : "done kept";
+    return c.caller.held.memory_bytes != mapped_before ? "done gone" : "done kept";
 }
 
 device device_of(const step& one) {
@@ -155,6 +161,40 @@ std::string dump_next_device(const verb_context& c) {
 
 std::string dump_end(const verb_context& c) {
     return std::to_string(c.tarvo.dump_end());
+}
+
+/// fail CALL ERRNO NTH
+std::string fail(const verb_context& c) {
+    const std::string& name = c.what.word(1);
+    int error = 0;
+    while (strerrorname_np(error) == nullptr || name != strerrorname_np(error)) {
+        ++error;
+    }
+    c.caller.refusals.push_back({c.what.word(0), error, c.what.number(2)});
+    return "done";
+}
+
+std::string fail_nothing(const verb_context& c) {
+    c.caller.refusals.clear();
+    return "done";
+}
+
+std::string shown_mapped(const char* path, uint64_t bytes) {
+    return bytes == 0 ? "" : std::string(" ") + path + "*" + std::to_string(bytes);
+}
+
+/// The files of the machine that are open and mapped, and whether standard input is open.
+std::string holdings_of(const verb_context& c) {
+    const holdings& held = c.caller.held;
+    std::multiset<std::string> open = held.descriptors;
+    open.insert(held.lost.begin(), held.lost.end());
+    std::string text = held.has_standard_input ? "input" : "no input";
+    for (const std::string& path : open) {
+        text += " " + path;
+    }
+    const world& where = c.machine.where;
+    return text + shown_mapped(where.area_path(), held.area_bytes) +
+           shown_mapped(where.memory_path(), held.memory_bytes);
 }
 
 const chunk* first_of_name(const machine_state& machine, const library::text& name) {
@@ -217,6 +257,9 @@ const verb* find_verb(const std::string& name) {
         {"dump_next", 1, lock_use::never, dump_next},
         {"dump_next_device", 1, lock_use::never, dump_next_device},
         {"dump_end", 0, lock_use::never, dump_end},
+        {"fail", 3, lock_use::never, fail},
+        {"fail_nothing", 0, lock_use::never, fail_nothing},
+        {"holdings", 0, lock_use::never, holdings_of},
     };
     const auto found = std::ranges::find_if(all, [&](const verb& v) { return v.name == name; });
     return found == all.end() ? nullptr : &*found;
