@@ -57,6 +57,12 @@ download() {
     (cd "$2" && logged ../log apt-get -q download "${packages[@]}")
 }
 
+# download_by_fresh_lists KERNEL FOLDER: apt's lists may name versions that the mirror has no more.
+# Only root can renew them.
+download_by_fresh_lists() {
+    ((EUID == 0)) && logged "$2/../log" apt-get -q update && download "$@"
+}
+
 # fetch KERNEL: its packages, unpacked in build-e2e/KERNEL and installed nowhere. What is there is
 # kept: remove the folder for newer ones.
 fetch() {
@@ -66,7 +72,7 @@ fetch() {
     fi
     rm -rf "$place"
     mkdir -p "$place/packages"
-    if ! download "$1" "$place/packages"; then
+    if ! download "$1" "$place/packages" && ! download_by_fresh_lists "$1" "$place/packages"; then
         complain "the packages of kernel $1 cannot be had, see above: nothing is proved" \
             "check the network and that /etc/apt names Debian 12 with its security archive," \
             "run 'apt-get update' as root, then this again"
