@@ -7,33 +7,27 @@
 // neither, and with 2 where they could not be made.
 
 #include "area.hpp"
+#include "small_region.hpp"
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
-#include <fstream>
 #include <iostream>
 #include <numeric>
-#include <sstream>
 #include <string>
 #include <string_view>
 #include <sys/file.h>
-#include <sys/mman.h>
 #include <sys/wait.h>
-#include <tarvo.h>
 #include <unistd.h>
 #include <vector>
 
 namespace {
 
-constexpr const char* area_path = "/var/shmem/tarvo_lib";
 constexpr const char* lock_path = "/var/lock/subsys/tarvo_lock";
-constexpr uint32_t page_bytes = 4096;
 
 // ---- The fields ------------------------------------------------------------------------------
 
@@ -119,66 +113,7 @@ std::vector<damage> telling_values() {
     return all;
 }
 
-// ---- The calls -------------------------------------------------------------------------------
-
-struct call {
-    std::string_view name;
-    void (*make)();
-};
-
-void list_all() {
-    std::array<char, 512> line{};
-    tarvo_dump_begin();
-    while (tarvo_dump_next(line.data(), line.size())) {
-    }
-    tarvo_dump_end();
-}
-
-void find_second_page() {
-    uint32_t dma = 0;
-    tarvo_find(0x80001000, &dma);
-}
-
-void map_middle() {
-    if (void* memory = tarvo_map("middle", true, 0, 0)) {
-        tarvo_unmap("middle", memory, 0);
-    }
-}
-
-constexpr std::array<call, 9> calls{{
-    {"list", list_all},
-    {"find", find_second_page},
-    {"get", [] { tarvo_alloc_func("middle", page_bytes, "test"); }},
-    {"allocate", [] { tarvo_alloc_func("new", page_bytes, "test"); }},
-    {"free", [] { tarvo_free("middle"); }},
-    {"free the last", [] { tarvo_free("high"); }},
-    {"map", map_middle},
-    {"register", [] { tarvo_register_device(0, 5, 0); }},
-    {"unregister", [] { tarvo_unregister_device(0, 3, 8); }},
-}};
-
-// ---- A copy for one process ------------------------------------------------------------------
-
-/// Where the library has mapped the area.
-char* mapped_area() {
-    std::ifstream maps("/proc/self/maps");
-    for (std::string line; std::getline(maps, line);) {
-        if (line.ends_with(area_path)) {
-            void* start = nullptr;
-            std::istringstream(line) >> start;
-            return static_cast<char*>(start);
-        }
-    }
-    return nullptr;
-}
-
-/// From here on what this process writes to the area is its own.
-bool detach_area(char* area) {
-    const int file = open(area_path, O_RDWR | O_CLOEXEC);
-    void* copy = mmap(area, area_offset::content_end, PROT_READ | PROT_WRITE,
-                      MAP_PRIVATE | MAP_FIXED, file, 0);
-    return copy == area;
-}
+// ---- One call in a copy of the area ---------------------------------------------------------
 
 constexpr int status_of_trouble = 99;
 constexpr int status_of_kept_lock = 98;
@@ -236,7 +171,7 @@ class figures {
   public:
     void make_each_call(char* area, const std::vector<damage>& damages) {
         ++_cases;
-        for (const call& one : calls) {
+        for (const call& one : calls()) {
             add(end_of_call(one, area, damages), one, damages);
         }
     }
@@ -275,14 +210,6 @@ class figures {
     size_t _promised = 0;
     std::vector<std::string> _wrong;
 };
-
-bool fill_region() {
-    bool good = tarvo_register_device(0, 3, 8) == 0 && tarvo_register_device(0, 4, 16) == 0;
-    for (const char* name : {"low", "room", "middle", "high"}) {
-        good = good && tarvo_alloc_func(name, page_bytes, "test") != 0;
-    }
-    return good && tarvo_free("room") == 0;
-}
 
 } // namespace
 
