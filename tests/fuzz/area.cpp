@@ -1,5 +1,5 @@
-// An area file, whatever its bytes are, under every call: each comes back, or ends its process by an
-// assertion. In the region of small_region.hpp.
+// An area file, whatever its bytes are, under every call: each comes back, or ends its process by
+// an assertion. In the region of small_region.hpp.
 
 #include "patches.hpp"
 #include "small_region.hpp"

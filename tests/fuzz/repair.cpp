@@ -1,5 +1,5 @@
-// An area file, whatever its bytes are, under tarvoctl's check, listing and repair: what is repaired
-// without a doubt is repaired for good.
+// An area file, whatever its bytes are, under tarvoctl's check, listing and repair: what is
+// repaired without a doubt is repaired for good.
 
 #include "area/repair.hpp"
 

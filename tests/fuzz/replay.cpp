@@ -1,5 +1,5 @@
-// PROGRAM FILE...: gives each file to the target, once, and prints how many there were. A fault ends
-// it. Ends with 2 where a file cannot be read, or there is none.
+// PROGRAM FILE...: gives each file to the target, once, and prints how many there were. A fault
+// ends it. Ends with 2 where a file cannot be read, or there is none.
 
 #include "target.hpp"
 

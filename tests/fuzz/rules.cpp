@@ -1,5 +1,5 @@
-// The rules of tarvo-sandbox and the lines that are written to its driver, whatever their bytes are:
-// they are read or refused, and a line that is read is one that the library's format makes.
+// The rules of tarvo-sandbox and the lines that are written to its driver, whatever their bytes
+// are: they are read or refused, and a line that is read is one that the library's format makes.
 
 #include "common/trouble.hpp"
 #include "driver/rule.hpp"
