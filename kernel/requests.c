@@ -108,10 +108,13 @@ static int map_or_unmap(struct pci_dev *pdev, const struct request *request, boo
 
 static int ask_for(struct pci_dev *pdev, const struct request *request)
 {
-	/* What cannot be reached can still lose its mappings, and has to. */
-	const bool gone = request->map && device_iommu_mapped(&pdev->dev) && !answers(pdev);
-	int err;
+	int err = tarvo_introduce(pdev);
+	bool gone;
 
+	if (err)
+		return err;
+	/* What cannot be reached can still lose its mappings, and has to. */
+	gone = request->map && device_iommu_mapped(&pdev->dev) && !answers(pdev);
 	mutex_lock(&tarvo_lock);
 	err = map_or_unmap(pdev, request, gone);
 	mutex_unlock(&tarvo_lock);

@@ -106,6 +106,11 @@ int tarvo_unmap(struct pci_dev *pdev, const struct tarvo_range *range);
 /* All that is mapped for a device. Called with tarvo_lock held. */
 void tarvo_unmap_device(const struct pci_dev *pdev);
 
+/* --- introduce.c: devices that the IOMMU does not know yet --- */
+
+/* Called with the PCI buses locked against removals. */
+int tarvo_introduce(struct pci_dev *pdev);
+
 /* --- requests.c: /sys/kernel/tarvo_iommu_map_region --- */
 
 int tarvo_requests_init(void);

@@ -18,6 +18,10 @@ declare -A image_of=(
     [6.1]=linux-image-cloud-amd64 [6.12]=linux-image-6.12-cloud-amd64)
 declare -A headers_of=(
     [6.1]=linux-headers-cloud-amd64 [6.12]=linux-headers-6.12-cloud-amd64)
+# One more is for tests alone: "arm64", 6.12 for such machines.
+declare -A purpose_of=([arm64]=e2e-arm64)
+# shellcheck source=tests/e2e/arm64.sh
+. tests/e2e/arm64.sh
 
 complain() {
     printf 'e2e: %s\n' "$@" >&2
@@ -33,9 +37,10 @@ logged() {
     fi
 }
 
-# depends_of PACKAGE PATTERN: the packages of such names that it depends on.
+# depends_of PACKAGE PATTERN [WORDS...]: the packages of such names that it depends on. WORDS go to
+# the package tools.
 depends_of() {
-    apt-cache depends --no-recommends --no-suggests "$1" |
+    apt-cache "${@:3}" depends --no-recommends --no-suggests "$1" |
         sed -nE "s/^ [ |]Depends: ($2)$/\1/p" | grep -v -e '-unsigned$' | sort -u
 }
 
@@ -48,31 +53,41 @@ packages_of() {
         printf '%s\n' "$image" "$headers" "$rest"
 }
 
-# download KERNEL FOLDER
+# download FOLDER PACKAGES [WORDS...]: PACKAGES are lines, WORDS go to the package tools.
 download() {
-    local names packages
-    names=$(packages_of "$1") || return
-    mapfile -t packages <<<"$names"
+    local packages
+    mapfile -t packages <<<"$2"
     echo "e2e: fetching ${packages[*]}"
-    (cd "$2" && logged ../log apt-get -q download "${packages[@]}")
+    (cd "$1" && logged ../log apt-get "${@:3}" -q download "${packages[@]}")
+}
+
+# download_kernel KERNEL FOLDER
+download_kernel() {
+    local packages
+    case $1 in
+    arm64) download_arm64 "$2" ;;
+    *) packages=$(packages_of "$1") && download "$2" "$packages" ;;
+    esac
 }
 
 # download_by_fresh_lists KERNEL FOLDER: apt's lists may name versions that the mirror has no more.
 # Only root can renew them.
 download_by_fresh_lists() {
-    ((EUID == 0)) && logged "$2/../log" apt-get -q update && download "$@"
+    ((EUID == 0)) && logged "$2/../log" apt-get -q update && download_kernel "$@"
 }
 
 # fetch KERNEL: its packages, unpacked in build-e2e/KERNEL and installed nowhere. What is there is
 # kept: remove the folder for newer ones.
 fetch() {
     local place=$work/$1
+    ./scripts/setup "${purpose_of[$1]-e2e}"
     if [[ -e $place/complete ]]; then
         return
     fi
     rm -rf "$place"
     mkdir -p "$place/packages"
-    if ! download "$1" "$place/packages" && ! download_by_fresh_lists "$1" "$place/packages"; then
+    if ! download_kernel "$1" "$place/packages" &&
+        ! download_by_fresh_lists "$1" "$place/packages"; then
         complain "the packages of kernel $1 cannot be had, see above: nothing is proved" \
             "check the network and that /etc/apt names Debian 12 with its security archive," \
             "run 'apt-get update' as root, then this again"
@@ -89,14 +104,14 @@ unpack() {
         dpkg -x "$package" "$1"
     done
     rm -r "$1/packages"
-    sed -i "s|/usr/src|$1&|" "$1"/usr/src/linux-headers-*-cloud-amd64/Makefile
+    find "$1/usr/src" -path '*/linux-headers-*-cloud-*/Makefile' -exec sed -i "s|/usr/src|$1&|" {} +
 }
 
 # module KERNEL: tarvo.ko in build-e2e/KERNEL/module, built anew when a source differs. After a
 # failure nothing of it stays: a second build would have nothing to compile and nothing to warn of.
 module() {
     local place=$work/$1 headers file
-    headers=$(echo "$place"/usr/src/linux-headers-*-cloud-amd64)
+    headers=$(find "$place/usr/src" -maxdepth 1 -name 'linux-headers-*' ! -name '*-common')
     mkdir -p "$place/module"
     for file in "$sources"/kernel/{Kbuild,Makefile,*.[ch]}; do
         cmp -s "$file" "$place/module/$(basename "$file")" || cp "$file" "$place/module"
@@ -126,7 +141,6 @@ library() {
 # prepare KERNEL...: Debian's packages, the library, the driver and the machines' files.
 prepare() {
     local kernel
-    ./scripts/setup e2e
     for kernel; do
         fetch "$kernel"
     done
@@ -134,6 +148,10 @@ prepare() {
     initramfs
     for kernel; do
         module "$kernel"
+        if [[ $kernel == arm64 ]]; then
+            library_arm64
+            initramfs_arm64
+        fi
         initrd "$kernel"
     done
 }
@@ -173,15 +191,24 @@ END
     chmod +x "$folder/bin/tarvo-client32"
 }
 
-# initramfs: everything but the module, in build-e2e/files.cpio.
-initramfs() {
-    local files=$work/files applet
+# bare_files FOLDER BUSYBOX: what every machine has, made anew.
+bare_files() {
+    local files=$1 applet
     rm -rf "$files"
-    mkdir -p "$files"/{bin,dev,proc,sys,root,tmp,e2e,var}
-    cp /bin/busybox "$files/bin"
+    mkdir -p "$files"/{bin,dev,lib,proc,sys,root,tmp,e2e,var}
+    cp "$2" "$files/bin/busybox"
     for applet in $(/bin/busybox --list); do
         [[ $applet == busybox ]] || ln -s busybox "$files/bin/$applet"
     done
+    cp tests/e2e/guest/* "$files/e2e"
+    mv "$files/e2e/init" "$files/init"
+    chmod +x "$files/init"
+}
+
+# initramfs: everything but the module, in build-e2e/files.cpio.
+initramfs() {
+    local files=$work/files
+    bare_files "$files" /bin/busybox
     with_libraries "$files" build/tarvo{ctl,-driver-check} build/tests/client/tarvo-client \
         build/tests/e2e/{edu,physical}
     with_client_32 "$files"
@@ -189,18 +216,18 @@ initramfs() {
         cp "$sources/build/libtarvo.so.0" "$files/lib/libtarvo.so.0"
     fi
     strip "$files"/bin/tarvo{ctl,-client,-driver-check} "$files/lib"/lib*
-    cp tests/e2e/guest/* "$files/e2e"
-    mv "$files/e2e/init" "$files/init"
-    chmod +x "$files/init"
     archive "$files" | whole_file "$work/files.cpio"
 }
 
 # initrd KERNEL: what its machines boot from, with the module, in build-e2e/KERNEL/initrd.cpio.
 initrd() {
-    local place=$work/$1
+    local place=$work/$1 files=$work/files.cpio
+    if [[ $1 == arm64 ]]; then
+        files=$place/files.cpio
+    fi
     mkdir -p "$place/initrd/lib"
     cp "$place/module/tarvo.ko" "$place/initrd/lib"
-    (cat "$work/files.cpio" && archive "$place/initrd") | whole_file "$place/initrd.cpio"
+    (cat "$files" && archive "$place/initrd") | whole_file "$place/initrd.cpio"
 }
 
 archive() {
@@ -255,6 +282,10 @@ reserved_of() {
 # shellcheck disable=SC2034,SC2054 # it is for the caller; the commas are QEMU's
 machine() {
     local place=$work/$1 story=$2
+    if [[ $1 == arm64 ]]; then
+        machine_arm64 "${@:3}"
+        return
+    fi
     shift 2
     qemu=(qemu-system-x86_64 -M q35,kernel-irqchip=split -accel tcg -m "$(memory_of "$story")"
         "${devices[@]}" -display none -nodefaults -no-reboot -kernel "$place"/boot/vmlinuz-*
