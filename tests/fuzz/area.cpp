@@ -36,7 +36,7 @@ bool has_promised_fault(const char* area) {
 } // namespace
 
 /// The first byte is the call.
-int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+int try_bytes(const uint8_t* data, size_t size) {
     char* const area = area_of_this_process();
     expect(area != nullptr && detach_area(area), "there is a region with chunks");
     for (size_t i = 1; i + patch_bytes <= size; i += patch_bytes) {

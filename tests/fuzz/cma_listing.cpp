@@ -25,7 +25,7 @@ FILE* open_stream(const char* /*path*/, const char* mode) {
                         : fmemopen(const_cast<uint8_t*>(listing_bytes), listing_size, "r");
 }
 
-int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+int try_bytes(const uint8_t* data, size_t size) {
     if (size == 0) {
         return 0;
     }

@@ -30,7 +30,7 @@ FILE* open_stream(const char* /*path*/, const char* /*mode*/) {
     return fmemopen(const_cast<uint8_t*>(driver_bytes), driver_size, "r");
 }
 
-int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+int try_bytes(const uint8_t* data, size_t size) {
     if (size == 0) {
         return 0;
     }

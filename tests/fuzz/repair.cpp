@@ -19,7 +19,7 @@ shared_area_t* area_of_this_process() {
 
 } // namespace
 
-int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+int try_bytes(const uint8_t* data, size_t size) {
     shared_area_t* const area = area_of_this_process();
     for (size_t i = 0; i + patch_bytes <= size; i += patch_bytes) {
         const patch one = patch_at(data + i);

@@ -16,7 +16,7 @@ int main(int count, char** words) {
             std::cerr << words[i] << " cannot be read, or is empty\n";
             return 2;
         }
-        LLVMFuzzerTestOneInput(reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size());
+        try_bytes(reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size());
     }
     std::cout << count - 1 << " files replayed\n";
     return count > 1 ? 0 : 2;

@@ -8,7 +8,8 @@
 // What each file of this folder that is named after a corpus defines. A program of it runs under
 // libFuzzer, which comes with a main() of its own, or replays files; see replay.cpp.
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size);
+/// By the name that libFuzzer calls it.
+extern "C" int try_bytes(const uint8_t* data, size_t size) __asm__("LLVMFuzzerTestOneInput");
 
 /// Runs code of the library. False where it ended by an assertion of its own, which would have
 /// ended the process; what it held is then still held.
