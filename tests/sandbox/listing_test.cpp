@@ -27,7 +27,7 @@ TEST(listing, ShowsAllocationsInTheirOrder) {
 }
 
 TEST(listing, GivesTheFirstRoomThatFits) {
-    EXPECT_EQ(listing({}, {"a x 1000", "a y 2001", "a z 1", "r y 0001", "a b 4000", "a c 3000"}),
+    EXPECT_EQ(listing({}, {"a x 1000", "a y 2001", "a z 1", "r y 2001", "a b 4000", "a c 3000"}),
               region_line + "x\t100000000\t1000\nz\t100004000\t1\nb\t100005000\t4000\n"
                             "c\t100001000\t3000\n");
 }
