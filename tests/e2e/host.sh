@@ -130,7 +130,7 @@ module() {
 library() {
     logged "$work/build.log" cmake -S . -B build -G Ninja
     logged "$work/build.log" cmake --build build --target \
-        tarvo tarvoctl tarvo-driver-check tarvo-client edu physical tarvo_i386
+        tarvo tarvoctl tarvo-driver-check tarvo-sandbox tarvo-client edu physical timed tarvo_i386
     if [[ $sources != . ]]; then
         logged "$work/build.log" cmake -S "$sources" -B "$sources/build" -G Ninja \
             -DBUILD_TESTING=OFF
@@ -209,13 +209,13 @@ bare_files() {
 initramfs() {
     local files=$work/files
     bare_files "$files" /bin/busybox
-    with_libraries "$files" build/tarvo{ctl,-driver-check} build/tests/client/tarvo-client \
-        build/tests/e2e/{edu,physical}
+    with_libraries "$files" build/tarvo{ctl,-driver-check,-sandbox} \
+        build/tests/client/tarvo-client build/tests/e2e/{edu,physical,timed}
     with_client_32 "$files"
     if [[ $sources != . ]]; then
         cp "$sources/build/libtarvo.so.0" "$files/lib/libtarvo.so.0"
     fi
-    strip "$files"/bin/tarvo{ctl,-client,-driver-check} "$files/lib"/lib*
+    strip "$files"/bin/tarvo{ctl,-client,-driver-check,-sandbox} "$files/lib"/lib*
     archive "$files" | whole_file "$work/files.cpio"
 }
 
@@ -257,6 +257,12 @@ devices=(
     -device "edu,bus=free_bridge,addr=1,dma_mask=0xffffffff"
 )
 
+# For the story that times calls with four devices.
+more_devices=(
+    -device "edu,bus=pcie.0,addr=7,dma_mask=0xffffffff"
+    -device "edu,bus=pcie.0,addr=8,dma_mask=0xffffffff"
+)
+
 # memory_of STORY: how much the machine has. Up to 2.75 GiB all of it is below 4 GiB.
 memory_of() {
     if [[ $1 == high ]]; then
@@ -291,4 +297,7 @@ machine() {
         "${devices[@]}" -display none -nodefaults -no-reboot -kernel "$place"/boot/vmlinuz-*
         -initrd "$place/initrd.cpio"
         -append "console=ttyS0 intel_iommu=on panic=-1 norandmaps $(reserved_of "$story") $*")
+    if [[ $story == ratios ]]; then
+        qemu+=("${more_devices[@]}")
+    fi
 }
