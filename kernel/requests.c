@@ -14,6 +14,7 @@
  *	EEXIST	 something else is mapped at these DMA addresses
  *	ENOENT	 to unmap: not mapped
  */
+#include <linux/delay.h>
 #include <linux/kernel.h>
 #include <linux/kobject.h>
 #include <linux/mm.h>
@@ -122,36 +123,46 @@ static int ask_for(struct pci_dev *pdev, const struct request *request)
 }
 
 /*
- * Virtual functions come and go under the lock of their physical one, not under that of the buses.
- * One that has gone before it was taken is no longer registered.
+ * Virtual functions come and go under the lock of their physical one, too. Some kernels take that
+ * before the lock of the buses and some after it, so it is only tried for.
  */
-static int ask_for_function(struct pci_dev *pdev, const struct request *request)
+static bool try_to_keep(struct pci_dev *pdev)
 {
-	struct device *physical = &pci_physfn(pdev)->dev;
-	int err = -ENODEV;
+	return !pdev->is_virtfn || device_trylock(&pci_physfn(pdev)->dev);
+}
 
-	if (!pdev->is_virtfn)
-		return ask_for(pdev, request);
-	device_lock(physical);
-	if (device_is_registered(&pdev->dev))
-		err = ask_for(pdev, request);
-	device_unlock(physical);
-	return err;
+/* Nobody takes the device away from now on. NULL: there is none. */
+static struct pci_dev *keep_device(const struct request *request)
+{
+	struct pci_dev *pdev;
+
+	pci_lock_rescan_remove();
+	while ((pdev = find_device(request)) && !try_to_keep(pdev)) {
+		pci_dev_put(pdev);
+		pci_unlock_rescan_remove();
+		usleep_range(1000, 2000);
+		pci_lock_rescan_remove();
+	}
+	return pdev;
+}
+
+static void let_go(struct pci_dev *pdev)
+{
+	if (pdev && pdev->is_virtfn)
+		device_unlock(&pci_physfn(pdev)->dev);
+	pci_dev_put(pdev);
+	pci_unlock_rescan_remove();
 }
 
 static int carry_out(const struct request *request)
 {
-	struct pci_dev *pdev;
+	struct pci_dev *pdev = keep_device(request);
 	int err = -ENODEV;
 
-	/* Nobody takes the device away meanwhile. */
-	pci_lock_rescan_remove();
-	pdev = find_device(request);
-	if (pdev) {
-		err = ask_for_function(pdev, request);
-		pci_dev_put(pdev);
-	}
-	pci_unlock_rescan_remove();
+	/* A virtual function may have gone after it was found. */
+	if (pdev && device_is_registered(&pdev->dev))
+		err = ask_for(pdev, request);
+	let_go(pdev);
 	return err;
 }
 
