@@ -122,7 +122,7 @@ bool enter_chunk(dma_chunk_t* chunk, const char* name, uint32_t size, const char
 /// Whether the chunk's record is sound; one that is not is discarded, its mappings for devices
 /// left as they are.
 bool keep_if_sound(dma_chunk_t* chunk, const char* name, uint32_t size) {
-    if (is_sound(chunk)) {
+    if (chunk_desc_check(chunk) == 0) {
         return true;
     }
     dma_chunks->erase(chunk);

@@ -100,7 +100,7 @@ void* tarvo_map(const char* name, bool writable, size_t offset, size_t size) {
         trace_map(name, part, " - not found");
         return nullptr;
     }
-    if (!is_sound(chunk)) {
+    if (chunk_desc_check(chunk) != 0) {
         lock.release();
         TARVO_ASSERT(false, "0");
     }
