@@ -20,16 +20,24 @@ static struct device_node *bridge_of(struct pci_dev *pdev)
 	return controller ? controller->of_node : NULL;
 }
 
+static bool is_known(struct pci_dev *pdev)
+{
+	return device_iommu_mapped(&pdev->dev) || READ_ONCE(pdev->dev.driver);
+}
+
 int tarvo_introduce(struct pci_dev *pdev)
 {
 	struct device_node *bridge = bridge_of(pdev);
 	int err = 0;
 
-	if (!bridge)
+	if (!bridge || is_known(pdev))
 		return 0;
-	/* As the kernel does before it binds a driver, and never under one. */
+	/*
+	 * As the kernel does before it binds a driver, and never under one. Who holds this lock and
+	 * waits for that of the buses changes virtual functions, which takes a driver.
+	 */
 	device_lock(&pdev->dev);
-	if (!device_iommu_mapped(&pdev->dev) && !pdev->dev.driver)
+	if (!is_known(pdev))
 		err = of_dma_configure(&pdev->dev, bridge, true);
 	device_unlock(&pdev->dev);
 	return err ? -EIO : 0;

@@ -18,10 +18,12 @@ declare -A image_of=(
     [6.1]=linux-image-cloud-amd64 [6.12]=linux-image-6.12-cloud-amd64)
 declare -A headers_of=(
     [6.1]=linux-headers-cloud-amd64 [6.12]=linux-headers-6.12-cloud-amd64)
-# One more is for tests alone: "arm64", 6.12 for such machines.
-declare -A purpose_of=([arm64]=e2e-arm64)
+# Two more are for tests alone: "arm64" is 6.12 for such machines, "deep" is built here.
+declare -A purpose_of=([arm64]=e2e-arm64 [deep]=e2e-deep)
 # shellcheck source=tests/e2e/arm64.sh
 . tests/e2e/arm64.sh
+# shellcheck source=tests/e2e/deep.sh
+. tests/e2e/deep.sh
 
 complain() {
     printf 'e2e: %s\n' "$@" >&2
@@ -66,6 +68,7 @@ download_kernel() {
     local packages
     case $1 in
     arm64) download_arm64 "$2" ;;
+    deep) download "$2" "$source_of_deep" ;;
     *) packages=$(packages_of "$1") && download "$2" "$packages" ;;
     esac
 }
@@ -94,6 +97,9 @@ fetch() {
         return 1
     fi
     unpack "$place"
+    if [[ $1 == deep ]]; then
+        build_deep "$place"
+    fi
     touch "$place/complete"
 }
 
@@ -263,6 +269,13 @@ more_devices=(
     -device "edu,bus=pcie.0,addr=8,dma_mask=0xffffffff"
 )
 
+# For the kernel that is built here, which has the driver of a device with virtual functions.
+divided_device=(
+    -device "nvme-subsys,id=divided"
+    -device "nvme,bus=pcie.0,addr=0xa,serial=divided,subsys=divided,sriov_max_vfs=1,sriov_vq_flexible=2,\
+sriov_vi_flexible=1"
+)
+
 # memory_of STORY: how much the machine has. Up to 2.75 GiB all of it is below 4 GiB.
 memory_of() {
     if [[ $1 == high ]]; then
@@ -287,8 +300,8 @@ reserved_of() {
 # QEMU translates them once.
 # shellcheck disable=SC2034,SC2054 # it is for the caller; the commas are QEMU's
 machine() {
-    local place=$work/$1 story=$2
-    if [[ $1 == arm64 ]]; then
+    local kernel=$1 place=$work/$1 story=$2
+    if [[ $kernel == arm64 ]]; then
         machine_arm64 "${@:3}"
         return
     fi
@@ -299,5 +312,8 @@ machine() {
         -append "console=ttyS0 intel_iommu=on panic=-1 norandmaps $(reserved_of "$story") $*")
     if [[ $story == ratios ]]; then
         qemu+=("${more_devices[@]}")
+    fi
+    if [[ $kernel == deep ]]; then
+        qemu+=("${divided_device[@]}")
     fi
 }
