@@ -84,7 +84,7 @@ download_by_fresh_lists() {
 fetch() {
     local place=$work/$1
     ./scripts/setup "${purpose_of[$1]-e2e}"
-    if [[ -e $place/complete ]]; then
+    if [[ -e $place/complete ]] && { [[ $1 != deep ]] || is_deep_as_wanted "$place"; }; then
         return
     fi
     rm -rf "$place"
@@ -272,8 +272,8 @@ more_devices=(
 # For the kernel that is built here, which has the driver of a device with virtual functions.
 divided_device=(
     -device "nvme-subsys,id=divided"
-    -device "nvme,bus=pcie.0,addr=0xa,serial=divided,subsys=divided,sriov_max_vfs=1,sriov_vq_flexible=2,\
-sriov_vi_flexible=1"
+    -device "nvme,bus=pcie.0,addr=0xa,serial=divided,subsys=divided,sriov_max_vfs=1,\
+sriov_vq_flexible=2,sriov_vi_flexible=1"
 )
 
 # memory_of STORY: how much the machine has. Up to 2.75 GiB all of it is below 4 GiB.

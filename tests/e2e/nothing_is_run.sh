@@ -40,6 +40,7 @@ unreachable='echo "E: no network" >&2; exit 100'
 tool apt-cache "$unreachable"
 tool apt-get "$unreachable"
 says 6.1/low/plain 'E: no network' 'nothing is proved' "apt-get update" 'nothing was run'
+says deep/low/debug 'E: no network' 'nothing is proved' "apt-get update" 'nothing was run'
 
 # The names are known, the packages cannot be had.
 tool apt-cache 'printf "  Depends: %s\n" linux-image-x linux-headers-x linux-headers-x-common'
