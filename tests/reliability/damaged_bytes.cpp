@@ -1,15 +1,19 @@
-// damaged_bytes flips|values|pairs [EVERY]: in a sandbox, makes a few chunks and devices, damages
-// the links, indices, flags, addresses and sizes that belong to them, in a copy of the area that
-// only one process sees, and makes each call there. flips: each single bit; values: some telling
-// values in each field; pairs: two of those at once. EVERY: only each such one of them. A call must
-// come back with the lock free, or end its process by an assertion, or by the memory fault that is
-// promised where devices have no free element. Prints the figures; ends with 1 where one did
-// neither, and with 2 where they could not be made.
+// damaged_bytes calls|check flips|values|pairs [EVERY]: in a sandbox, makes a few chunks and
+// devices, damages the links, indices, flags, addresses and sizes that belong to them, in a copy of
+// the area that only one process sees, and makes each call there, or tarvoctl's check. flips: each
+// single bit; values: some telling values in each field; pairs: two of those at once. EVERY: only
+// each such one of them. A call must come back with the lock free, or end its process by an
+// assertion, or by the memory fault that is promised where devices have no free element; a check
+// must come back. Both must stay in the area: what touches memory near it ends by a memory fault,
+// too. Prints the figures; ends with 1 where one did otherwise, and with 2 where they could not be
+// made.
 
 #include "area.hpp"
+#include "area/check.hpp"
 #include "small_region.hpp"
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
@@ -18,9 +22,11 @@
 #include <fcntl.h>
 #include <iostream>
 #include <numeric>
+#include <span>
 #include <string>
 #include <string_view>
 #include <sys/file.h>
+#include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
 #include <vector>
@@ -113,6 +119,32 @@ std::vector<damage> telling_values() {
     return all;
 }
 
+// ---- The area, and nothing near it -----------------------------------------------------------
+
+/// As far as an index of 32 bits leads in the list with the larger elements, in bytes.
+size_t reach() {
+    return (size_t{1} << 31) * (area_offset::chunk(1) - area_offset::chunk(0));
+}
+
+/// Whatever touches it ends by a memory fault. Null where it cannot be placed.
+char* guard_at(char* start, int flags) {
+    void* const guard =
+        mmap(start, reach(), PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE | flags, -1, 0);
+    return guard == MAP_FAILED ? nullptr : static_cast<char*>(guard);
+}
+
+/// The kernel places a mapping right below those before it: the area lies between two guards. Null
+/// where it does not.
+char* guarded_area() {
+    const auto page_bytes = static_cast<size_t>(sysconf(_SC_PAGESIZE));
+    const size_t area_bytes = (area_offset::content_end + page_bytes - 1) / page_bytes * page_bytes;
+    char* const above = guard_at(nullptr, 0);
+    char* const area = fill_region() ? mapped_area() : nullptr;
+    const bool is_guarded = above != nullptr && area != nullptr && area + area_bytes == above &&
+                            guard_at(area - reach(), MAP_FIXED_NOREPLACE) != nullptr;
+    return is_guarded ? area : nullptr;
+}
+
 // ---- One call in a copy of the area ---------------------------------------------------------
 
 constexpr int status_of_trouble = 99;
@@ -126,6 +158,12 @@ bool lock_is_free() {
     close(file);
     return is_free;
 }
+
+void check() {
+    tarvoctl::check_area(*reinterpret_cast<const shared_area_t*>(mapped_area()));
+}
+
+constexpr std::array<call, 1> only_check{{{"check", check}}};
 
 [[noreturn]] void make_in_copy(const call& one, char* area, const std::vector<damage>& damages) {
     if (!lock_is_free() || !detach_area(area)) {
@@ -154,8 +192,10 @@ int end_of_call(const call& one, char* area, const std::vector<damage>& damages)
 
 // ---- What came of it -------------------------------------------------------------------------
 
+/// Of the list of devices, or of a chunk's.
 bool is_exhausted_chain(const damage& one) {
-    return one.where.name.ends_with("_free") && one.value == none;
+    return one.where.name.ends_with("_free") && one.where.name != "chunks._free" &&
+           one.value == none;
 }
 
 std::string shown(int status) {
@@ -169,9 +209,11 @@ std::string shown(int status) {
 
 class figures {
   public:
+    explicit figures(std::span<const call> made) : _made(made) {}
+
     void make_each_call(char* area, const std::vector<damage>& damages) {
         ++_cases;
-        for (const call& one : calls()) {
+        for (const call& one : _made) {
             add(end_of_call(one, area, damages), one, damages);
         }
     }
@@ -191,9 +233,11 @@ class figures {
     void add(int status, const call& one, const std::vector<damage>& damages) {
         ++_calls;
         const int signal = WIFSIGNALED(status) ? WTERMSIG(status) : 0;
-        if (signal == SIGABRT) {
+        const bool may_end = one.make != check;
+        if (may_end && signal == SIGABRT) {
             ++_assertions;
-        } else if (signal == SIGSEGV && std::ranges::any_of(damages, is_exhausted_chain)) {
+        } else if (may_end && signal == SIGSEGV &&
+                   std::ranges::any_of(damages, is_exhausted_chain)) {
             ++_promised;
         } else if (status != 0) {
             std::string text;
@@ -204,6 +248,7 @@ class figures {
         }
     }
 
+    std::span<const call> _made;
     size_t _cases = 0;
     size_t _calls = 0;
     size_t _assertions = 0;
@@ -211,38 +256,48 @@ class figures {
     std::vector<std::string> _wrong;
 };
 
+void make_singles(figures& all, char* area, const std::vector<damage>& singles, size_t every) {
+    for (size_t i = 0; i < singles.size(); i += every) {
+        all.make_each_call(area, {singles[i]});
+    }
+}
+
+/// Of values in two different fields.
+void make_pairs(figures& all, char* area, const std::vector<damage>& singles, size_t every) {
+    for (size_t i = 0; i < singles.size() * singles.size(); i += every) {
+        const damage& first = singles[i % singles.size()];
+        const damage& second = singles[i / singles.size()];
+        if (first.where.offset < second.where.offset) {
+            all.make_each_call(area, {first, second});
+        }
+    }
+}
+
 } // namespace
 
 int main(int count, char** words) {
-    const std::string_view kind = count > 1 ? words[1] : "";
-    const size_t every = count > 2 ? std::strtoul(words[2], nullptr, 10) : 1;
-    const bool is_known = kind == "flips" || kind == "values" || kind == "pairs";
+    const std::string_view made = count > 1 ? words[1] : "";
+    const std::string_view kind = count > 2 ? words[2] : "";
+    const size_t every = count > 3 ? std::strtoul(words[3], nullptr, 10) : 1;
+    const bool is_known = (made == "calls" || made == "check") &&
+                          (kind == "flips" || kind == "values" || kind == "pairs");
     // The library reports most of these there.
     if (!is_known || std::freopen("/dev/null", "w", stderr) == nullptr || every == 0) {
         return 2;
     }
-    char* const area = fill_region() ? mapped_area() : nullptr;
+    char* const area = guarded_area();
     if (area == nullptr) {
-        std::cout << "the region could not be filled\n";
+        std::cout << "the region could not be filled, or its area could not be guarded\n";
         return 2;
     }
     const std::vector<damage> singles = kind == "flips" ? flips_of(area) : telling_values();
-    const size_t cases = kind == "pairs" ? singles.size() * singles.size() : singles.size();
     // With a common divisor some damages would never come first in a pair.
     if (std::gcd(every, singles.size()) != 1) {
         std::cout << "EVERY, " << every << ", must have no divisor in common with the number of "
                   << "damages, " << singles.size() << '\n';
         return 2;
     }
-    figures all;
-    for (size_t i = 0; i < cases; i += every) {
-        const damage& first = singles[i % singles.size()];
-        const damage& second = singles[kind == "pairs" ? i / singles.size() : i];
-        if (kind != "pairs") {
-            all.make_each_call(area, {first});
-        } else if (first.where.offset < second.where.offset) {
-            all.make_each_call(area, {first, second});
-        }
-    }
+    figures all(made == "check" ? only_check : calls());
+    (kind == "pairs" ? make_pairs : make_singles)(all, area, singles, every);
     return all.report(kind) ? 0 : 1;
 }
