@@ -1,6 +1,7 @@
 #include "comparison.hpp"
 
 #include "client.hpp"
+#include "library_model.hpp"
 #include "real_machine.hpp"
 
 #include <algorithm>
@@ -30,6 +31,10 @@ std::string shown_end(int signal) {
 
 std::string apart(const std::string& what, const std::string& expected, const std::string& seen) {
     return what + "\n  expected: " + expected + "\n  seen:     " + seen;
+}
+
+std::string shown_length(const std::optional<uint64_t>& bytes) {
+    return bytes ? text_of("of %llu bytes", wide(*bytes)) : "missing";
 }
 
 /// One machine, its model, and how far they came.
@@ -86,12 +91,14 @@ std::optional<std::string> difference_of(const outcome& expected, const outcome&
 std::optional<std::string> difference_of(const shared_area& expected, image& bytes,
                                          std::optional<std::span<const uint8_t>> seen,
                                          area_part part) {
-    if (expected.built != seen.has_value()) {
-        return apart("shared area", expected.built ? "exists" : "does not exist",
-                     seen.has_value() ? "exists" : "does not exist");
+    const auto length = seen ? std::optional<uint64_t>(seen->size()) : std::nullopt;
+    if (expected.file_bytes != length) {
+        return apart("shared area", shown_length(expected.file_bytes), shown_length(length));
     }
-    if (!seen) {
-        return std::nullopt;
+    if (!expected.built) {
+        const bool is_empty = !seen || std::ranges::count(*seen, 0) == std::ssize(*seen);
+        return is_empty ? std::nullopt
+                        : std::optional(apart("shared area", "only zeros", "other bytes"));
     }
     bytes.show(expected);
     const auto found =

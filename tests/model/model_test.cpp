@@ -20,11 +20,14 @@ using model::outcome;
 
 const outcome usual{"0x1000", 0, "tarvo: Device not registered\n", {"sysfs open w", "sysfs close"}};
 
+constexpr uint64_t area_file_bytes = 70131712;
+
 /// A built area with a chunk that is mapped for one device.
 model::shared_area small_area() {
     model::shared_area area;
     area.chunks.push_back({area.take_chunk(), "__HEAD", 0x1000, 0, "", {}});
     area.chunks.push_back({area.take_chunk(), "__TAIL", 0x9000, 0, "", {}});
+    area.file_bytes = area_file_bytes;
     area.built = true;
     model::chunk one{area.take_chunk(), "rx_ring", 0x1000, 0x2000, "me", model::ref_list{}};
     one.devs->on_list.push_back({one.devs->free.front(), 0});
@@ -93,6 +96,16 @@ TEST(model_comparison, SeesBytesThatNothingTouchesOnlyWhenItLooksAtAll) {
     EXPECT_EQ(report_of_planted_byte(untouched, area_part::what_changes), "nothing");
     EXPECT_NE(report_of_planted_byte(untouched, area_part::all).find("(chunks[9999].next)"),
               std::string::npos);
+}
+
+TEST(model_comparison, SeesWhatIsInAnAreaThatIsNotBuilt) {
+    model::image expected;
+    model::shared_area sized;
+    sized.file_bytes = 100;
+    std::vector<uint8_t> seen(100);
+    EXPECT_FALSE(model::difference_of(sized, expected, seen, area_part::what_changes));
+    seen.back() = 1;
+    EXPECT_TRUE(model::difference_of(sized, expected, seen, area_part::what_changes));
 }
 
 TEST(model_comparison, SeesAnAreaThatIsMissingOrTooShort) {

@@ -81,8 +81,12 @@ real_machine::user& real_machine::user_of(int number) {
 }
 
 std::optional<std::span<const uint8_t>> real_machine::area() {
-    if (!_area && std::filesystem::exists(_machine.shared_area())) {
-        _area = std::make_unique<area_file>(_machine.shared_area());
+    const auto path = _machine.shared_area();
+    if (!_area && std::filesystem::exists(path)) {
+        if (std::filesystem::is_empty(path)) {
+            return std::span<const uint8_t>{};
+        }
+        _area = std::make_unique<area_file>(path);
     }
     return _area ? std::optional(_area->view().bytes()) : std::nullopt;
 }

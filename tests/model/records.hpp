@@ -50,8 +50,9 @@ struct device {
 };
 
 struct shared_area {
-    bool built = false;
-    std::vector<chunk> chunks; ///< with both sentinels, once built
+    std::optional<uint64_t> file_bytes; ///< the length of its file, once there is one
+    bool built = false;                 ///< before that, all bytes are 0
+    std::vector<chunk> chunks;          ///< with both sentinels, once built
     std::deque<int> free_chunks = all_free(chunk_capacity);
     std::vector<device> devices;
     std::deque<int> free_devices = all_free(device_capacity);

@@ -110,9 +110,14 @@ bool library::find_simulated_region() {
         say(text_of("Failed to open /var/tmp/tarvo_lib: %s\n", std::strerror(error)));
         return false;
     }
+    open_region();
+    return true;
+}
+
+void library::open_region() {
     open(_machine.where.memory_path());
     open(_machine.where.area_path());
-    return true;
+    _area.file_bytes = _area.file_bytes.value_or(0);
 }
 
 /// Where standard input is closed its number is given out, which the library does not keep.
@@ -173,8 +178,7 @@ bool library::open_hardware_files() {
         say(text_of("Failed to open /var/shmem/tarvo_lib: %s\n", std::strerror(error)));
         return false;
     }
-    open(_machine.where.memory_path());
-    open(_machine.where.area_path());
+    open_region();
     return true;
 }
 
@@ -186,8 +190,10 @@ bool library::size_area() {
         holdings& held = _process.held;
         held.has_standard_input = false;
         held.lost.insert(held.descriptors.extract(_machine.where.area_path()));
+        return false;
     }
-    return error == 0;
+    _area.file_bytes = area_bytes();
+    return true;
 }
 
 bool library::say_unmappable_area() {

@@ -1,9 +1,10 @@
 // failing_calls singles|pairs EVERY WORLD...: on a machine of each world, lets the calls of the C
 // library that the library makes fail, and compares results, standard error, requests, area,
 // descriptors and mappings with the model. singles: one at a time, each with each errno that it can
-// have, in each function, where that starts the library and where it had started; pairs: two
-// failures in one call. EVERY: only each such case. Prints the figures. Ends with 1 at a
-// difference, which it prints, and with 2 for arguments that mean nothing.
+// have, in the first start of a machine and in each function, where that starts the library and
+// where it had started; pairs: two failures in one call. EVERY: only each such case. Prints the
+// figures. Ends with 1 at a difference, which it prints, and with 2 for arguments that mean
+// nothing.
 
 #include "comparison.hpp"
 
@@ -13,6 +14,7 @@
 #include <map>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -79,6 +81,12 @@ const std::vector<scene> scenes{
     {{"0 dump_begin"}, "dump_next_device 256", {"0 dump_end"}},
     {{"0 dump_begin"}, "dump_end", {"1 limits"}},
 };
+
+/// On a machine where nothing has started.
+const scene first_start{
+    {},
+    "limits",
+    {"0 limits", "0 holdings", "1 alloc fresh 0x1000 test", "0 alloc fresh 0x1000 test"}};
 
 // ---- What fails ------------------------------------------------------------------------------
 
@@ -169,17 +177,25 @@ bool uses_process(const std::string& line) {
     return line.front() == '0';
 }
 
-std::vector<trial> all_trials(bool pairs, const model::prediction& now) {
+std::vector<trial> with_failures(const trial& sound, bool pairs, const model::prediction& now) {
+    std::vector<trial> all = with_one_more(sound, now);
+    if (pairs) {
+        for (const trial& single : std::exchange(all, {})) {
+            std::ranges::copy(with_one_more(single, now), std::back_inserter(all));
+        }
+    }
+    return all;
+}
+
+/// With `base` carried out, one after the other.
+std::vector<trial> later_trials(bool pairs, const model::prediction& now) {
     std::vector<trial> all;
     for (const scene& each : scenes) {
         for (const bool is_cold : {false, true}) {
             // What comes before may start it.
-            if (is_cold && std::ranges::any_of(each.before, uses_process)) {
-                continue;
-            }
-            for (const trial& single : with_one_more({&each, is_cold, {}}, now)) {
-                const auto found = pairs ? with_one_more(single, now) : std::vector{single};
-                all.insert(all.end(), found.begin(), found.end());
+            if (!is_cold || std::ranges::none_of(each.before, uses_process)) {
+                std::ranges::copy(with_failures({&each, is_cold, {}}, pairs, now),
+                                  std::back_inserter(all));
             }
         }
     }
@@ -197,27 +213,38 @@ void show(const model::verdict& result) {
     std::cout << result.found->text << '\n';
 }
 
-/// From the one at `first` on each such one is played.
-bool is_as_the_model_says(const std::string& world_name, bool pairs, size_t first, size_t every) {
-    const model::playground where{world_name, "", 2};
-    model::prediction now(where);
-    carry_out(now, base);
-    const std::vector<trial> trials = all_trials(pairs, now);
+bool goes_as_predicted(const model::playground& where, const texts& lines) {
     model::script script{where, {}};
-    texts lines = base;
-    size_t chosen = 0;
-    for (size_t i = first; i < trials.size(); i += every, ++chosen) {
-        std::ranges::copy(steps_of(trials[i]), std::back_inserter(lines));
-    }
     std::ranges::transform(lines, std::back_inserter(script.steps), model::parse_step);
     const model::verdict result = model::play(where, model::steps_of(script));
     if (result.found) {
         show(result);
     }
-    std::cout << world_name << ": " << chosen << " of " << trials.size()
-              << (pairs ? " pairs of failing calls" : " failing calls")
-              << (result.found ? ", up to the first difference" : ", 0 differences") << std::endl;
     return !result.found;
+}
+
+/// From the one at `first` on each such one is played.
+bool is_as_the_model_says(const std::string& world_name, bool pairs, size_t first, size_t every) {
+    const model::playground where{world_name, "", 2};
+    model::prediction now(where);
+    const std::vector<trial> starts = with_failures({&first_start, true, {}}, pairs, now);
+    carry_out(now, base);
+    const std::vector<trial> later = later_trials(pairs, now);
+    bool good = true;
+    texts lines = base;
+    size_t chosen = 0;
+    for (size_t i = first; i < starts.size() + later.size(); i += every, ++chosen) {
+        if (i < starts.size()) {
+            good = goes_as_predicted(where, steps_of(starts[i])) && good;
+        } else {
+            std::ranges::copy(steps_of(later[i - starts.size()]), std::back_inserter(lines));
+        }
+    }
+    good = goes_as_predicted(where, lines) && good;
+    std::cout << world_name << ": " << chosen << " of " << starts.size() + later.size()
+              << (pairs ? " pairs of failing calls" : " failing calls")
+              << (good ? ", 0 differences" : ", up to the first difference") << std::endl;
+    return good;
 }
 
 } // namespace
