@@ -12,6 +12,7 @@ namespace {
 
 const uint8_t* driver_bytes = nullptr;
 size_t driver_size = 0;
+FILE* driver = nullptr; ///< as the library opened it
 
 } // namespace
 
@@ -27,7 +28,8 @@ int open_file(const char* /*path*/, int /*flags*/, mode_t /*mode*/) {
 }
 
 FILE* open_stream(const char* /*path*/, const char* /*mode*/) {
-    return fmemopen(const_cast<uint8_t*>(driver_bytes), driver_size, "r");
+    driver = fmemopen(const_cast<uint8_t*>(driver_bytes), driver_size, "r");
+    return driver;
 }
 
 int try_bytes(const uint8_t* data, size_t size) {
@@ -40,7 +42,9 @@ int try_bytes(const uint8_t* data, size_t size) {
     const bool came_back = ends_without_assertion([&] { found = find_region(); });
     expect(!found || region_start != 0, "a region that starts at 0 is refused");
     expect(came_back || !found, "what an assertion ends is not found");
-    if (found) {
+    if (!came_back) {
+        fclose(driver);
+    } else if (found) {
         close(mem_fd);
         close(shm_fd);
     }
