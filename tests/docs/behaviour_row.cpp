@@ -226,7 +226,7 @@ class row_machine {
         seen.standard_error = _user.new_text();
         const std::vector<std::string> lines = written_lines();
         seen.driver.assign(lines.begin() + static_cast<std::ptrdiff_t>(lines_before), lines.end());
-        seen.changes = area_bytes() == before ? "nothing" : listing(_box);
+        seen.changes = is_area(before) ? "nothing" : listing(_box);
         return seen;
     }
 
@@ -290,6 +290,12 @@ class row_machine {
     std::vector<uint8_t> area_bytes() const {
         return std::filesystem::exists(_box.shared_area()) ? _box.area().snapshot()
                                                            : std::vector<uint8_t>{};
+    }
+
+    bool is_area(const std::vector<uint8_t>& bytes) const {
+        return std::filesystem::exists(_box.shared_area())
+                   ? first_difference(_box.area().view().bytes(), bytes).empty()
+                   : bytes.empty();
     }
 
     bool locked() const {
