@@ -133,17 +133,6 @@ TEST(an_allocation, TranslatesItsAddressOnceTheLockIsFree) {
                    "tarvo_alloc_func: name rx_ring pa 0x200000000 dma 0x20000000"));
 }
 
-TEST(an_allocation_without_the_lock, IsTracedAndFails) {
-    sandbox machine(simulation);
-    client user = machine.start({"setenv ZUL_TRACE tarvo=3"});
-    user.limits();
-    user.call("fail flock EINTR");
-    EXPECT_EQ(outcome(user, "alloc rx_ring 4096 me"),
-              "0x0\ntarvo: failed to accquire lock: Interrupted system call\n" +
-                  traced(3, "tarvo_alloc_func", "tarvo_alloc_func: couldn't acquire lock"));
-    EXPECT_EQ(layout(machine), "");
-}
-
 struct damage {
     size_t offset;
     int32_t value;

@@ -81,17 +81,6 @@ TEST_P(sharing, IsTracedLikeAnAllocation) {
                    "tarvo_alloc_func: name rx_ring pa 0x" + hex(region().start) + " dma " + place));
 }
 
-TEST_P(sharing, WaitsForTheLockWhileSomebodyElseHasIt) {
-    first.alloc("rx_ring", 4096);
-    second.limits();
-    {
-        const held_lock lock(machine.lock_file());
-        second.send("alloc rx_ring 4096 second");
-        second.wait_until_it_waits_for_a_lock();
-    }
-    EXPECT_EQ(second.reply(), first.call("alloc rx_ring 4096 first"));
-}
-
 TEST_P(sharing, ComparesNamesExactly) {
     for (const char* name : {"rx_ring", "RX_RING", "rx_rin", "rx_ringx"}) {
         first.alloc(name, 4096);

@@ -20,16 +20,6 @@ std::vector<uint8_t> ref_bytes(const iommu_machine& machine, int chunk, int ref)
 
 // ---- The list of one chunk's devices ----
 
-TEST(add_dev_to_chunk, KeepsTheOrderInWhichDevicesCame) {
-    iommu_scene scene(low);
-    scene.call("add_dev_to_chunk 3 2");
-    scene.call("add_dev_to_chunk 3 0");
-    EXPECT_EQ(scene.devices_of(3), (numbers{2, 0}));
-    EXPECT_EQ(scene.devices_of(2), numbers{});
-    EXPECT_EQ(scene.new_lines(), texts{});
-    EXPECT_EQ(area_breaches(scene.box.area().view()), texts{});
-}
-
 TEST(add_dev_to_chunk, OfADeviceThatIsThereChangesNothing) {
     iommu_scene scene(low);
     scene.call("add_dev_to_chunk 3 1");
@@ -60,13 +50,6 @@ TEST(remove_dev_from_chunk, AnswersTheFollowingReference) {
     EXPECT_EQ(scene.call("remove_dev_from_chunk 3 2"), "null");
     EXPECT_EQ(scene.devices_of(3), numbers{});
     EXPECT_EQ(scene.new_lines(), texts{});
-}
-
-TEST(remove_dev_from_chunk, OfTheLastOneAnswersNullAlthoughTheListIsACircle) {
-    iommu_scene scene(low);
-    scene.map_everything();
-    EXPECT_EQ(scene.call("remove_dev_from_chunk 3 2"), "null");
-    EXPECT_EQ(scene.devices_of(3), (numbers{0, 1}));
 }
 
 TEST(remove_dev_from_chunk, ClearsTheElementAndOffersItNext) {
@@ -183,13 +166,6 @@ TEST_P(bookkeeping, LeavesTheRecordsOfAnOfflineDeviceWhenItUnmapsIt) {
     EXPECT_EQ(scene.call("unmap_dev_all_chunks 1"), "0");
     EXPECT_EQ(scene.new_events(), texts{});
     EXPECT_EQ(first_difference(scene.box.area().view().bytes(), before), "");
-}
-
-TEST_P(bookkeeping, TakesNoLockOfItsOwn) {
-    const held_lock lock(scene.box.lock_file());
-    scene.map_everything();
-    EXPECT_EQ(scene.call("unmap_chunk_all_devs 2"), "0");
-    EXPECT_EQ(scene.call("unmap_dev_all_chunks 0"), "0");
 }
 
 TEST_P(bookkeeping, SaysNothingWhenAllGoesWell) {

@@ -101,16 +101,6 @@ TEST_P(a_listing, MakesEveryOtherProcessWaitWithItsChanges) {
     EXPECT_EQ(troubles(machine), texts{});
 }
 
-TEST_P(a_listing, WaitsForTheLockItself) {
-    user.limits();
-    {
-        const held_lock lock(machine.lock_file());
-        user.send("dump_begin");
-        user.wait_until_it_waits_for_a_lock();
-    }
-    EXPECT_EQ(user.reply(), "true");
-}
-
 TEST_P(a_listing, IsOverAfterItsEnd) {
     user.alloc("rx_ring", pages(1));
     user.register_device(0, 3, 0);

@@ -141,12 +141,6 @@ TEST(finding_across_4_gib, ComparesIn64Bits) {
     EXPECT_EQ(user.find(0x30001000), nothing);
 }
 
-TEST(finding_without_a_region, SaysSoAndWritesNothing) {
-    sandbox machine(low, {"--without", "proc"});
-    client user = machine.start();
-    EXPECT_EQ(outcome(user, "find 0x80000000"), "null 0xdeadbeef\n" + no_region_at_all());
-}
-
 TEST(tracing_of_a_find, IsThatOfItsTranslations) {
     sandbox machine(high);
     client user = machine.start({"setenv ZUL_TRACE tarvo=6", "alloc rx_ring 4096 me"});

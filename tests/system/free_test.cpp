@@ -110,11 +110,6 @@ TEST_P(freeing, FindsNothingInAListThatEndsWithItsHead) {
     EXPECT_TRUE(lock_is_free(machine.lock_file()));
 }
 
-TEST_P(freeing, AnEmptyNameEndsTheProcessBeforeTheLibraryStarts) {
-    EXPECT_EQ(fatal_outcome(user, R"(free "")"), aborted(assertion(signature, "len")));
-    EXPECT_EQ(mode_of(machine.shared_area()), "missing");
-}
-
 TEST_P(freeing, ANullNameIsAMemoryFaultBeforeTheLibraryStarts) {
     EXPECT_EQ(fatal_outcome(user, "free @null"), "signal Segmentation fault\n");
     EXPECT_EQ(mode_of(machine.shared_area()), "missing");

@@ -24,20 +24,6 @@ TEST_P(the_lock, HoldsOffTheBuildOfTheArea) {
     EXPECT_EQ(area_breaches(machine.area().view()), std::vector<std::string>{});
 }
 
-TEST_P(the_lock, HeldByOneProcessMakesAnotherWait) {
-    sandbox machine(GetParam());
-    client holder = machine.start();
-    client other = machine.start();
-    other.limits();
-    EXPECT_EQ(holder.call("dump_begin"), "true");
-    other.send("alloc rx_ring 4096 other");
-    other.wait_until_it_waits_for_a_lock();
-    EXPECT_EQ(machine.area().view().chunks().size(), 2U);
-    EXPECT_EQ(holder.call("dump_end"), "0");
-    EXPECT_NE(other.reply(), "0x0");
-    EXPECT_EQ(machine.area().view().chunks().size(), 3U);
-}
-
 TEST_P(the_lock, GoesWithAProcessThatIsKilled) {
     sandbox machine(GetParam());
     client holder = machine.start();
@@ -52,17 +38,6 @@ TEST_P(the_lock, GoesWithAProcessThatIsKilled) {
     EXPECT_EQ(other.reply(), "0");
     EXPECT_EQ(other.error_text(), "");
     EXPECT_EQ(area_breaches(machine.area().view()), std::vector<std::string>{});
-}
-
-TEST_P(the_lock, IsNotTakenByTranslationsLimitsAndOverhead) {
-    sandbox machine(GetParam());
-    client user = machine.start();
-    user.limits();
-    const held_lock lock(machine.lock_file());
-    EXPECT_EQ(user.to_pa(GetParam().start_dma), GetParam().start);
-    EXPECT_EQ(user.to_dma(GetParam().start), GetParam().start_dma);
-    EXPECT_EQ(user.limits().result, 0);
-    EXPECT_EQ(user.call("overhead"), "70131712");
 }
 
 INSTANTIATE_TEST_SUITE_P(, the_lock, testing::Values(simulation, low, cma), world_name());

@@ -69,13 +69,6 @@ TEST_P(whole_region, IsUnmappedByNobodyWhoHasNotMappedIt) {
     EXPECT_EQ(fatal_outcome(user, "unmap_all"), aborted(not_mapped));
 }
 
-TEST_P(whole_region, IsMappedAndUnmappedWithoutTheLock) {
-    user.limits();
-    const held_lock lock(machine.lock_file());
-    EXPECT_NE(map_all(user), 0U);
-    EXPECT_EQ(user.call("unmap_all"), "done");
-}
-
 TEST_P(whole_region, ThatCouldNotBeMappedEndsTheProcessAtTheNextCallKeptOnPurpose) {
     const std::string failure =
         "null\ntarvo: failed to mmap size " + std::to_string(region().bytes) + "\n";
@@ -104,13 +97,6 @@ TEST_P(whole_region, ThatCouldNotBeUnmappedIsReportedAndGivenUpAllTheSame) {
 }
 
 INSTANTIATE_TEST_SUITE_P(, whole_region, testing::ValuesIn(all_worlds()), world_name());
-
-TEST(unmapping_the_whole_region, EndsTheProcessThatNeverMappedItWithoutStartingTheLibrary) {
-    sandbox machine(low, {"--without", "proc"});
-    client user = machine.start();
-    EXPECT_EQ(fatal_outcome(user, "unmap_all"), aborted(not_mapped));
-    EXPECT_EQ(mode_of(machine.hardware_area()), "missing");
-}
 
 TEST(mapping_the_whole_region, SaysThatThereIsNoneAndCanBeTriedAgain) {
     sandbox machine(low, {"--rule", "op=open-read,nth=1,errno=ENOENT"});
@@ -186,14 +172,6 @@ TEST_P(tracing_of_the_whole_region, ShowsItsFirstBytesAsTextAndNotItsAddressKept
 
 INSTANTIATE_TEST_SUITE_P(, tracing_of_the_whole_region, testing::ValuesIn(all_worlds()),
                          world_name());
-
-TEST(tracing_of_the_whole_region_as_text, EndsAtTheFirstZeroByte) {
-    sandbox machine(simulation);
-    client user = machine.start({"setenv ZUL_TRACE tarvo=5", "limits"});
-    user.new_text();
-    map_all(user);
-    EXPECT_EQ(user.new_text(), trace_of_map("") + trace_of_map(" va  refcount 0"));
-}
 
 TEST(tracing_of_the_whole_region_as_text, ReachesBeyondAPageAndStaysOneLine) {
     sandbox machine(simulation);

@@ -101,18 +101,6 @@ TEST_P(mapping, NeedsTheWholeNameAndNeverFindsASentinel) {
     EXPECT_EQ(user.error_text(), "");
 }
 
-TEST_P(mapping, WaitsForTheLock) {
-    user.alloc("rx_ring", pages(1));
-    {
-        const held_lock lock(machine.lock_file());
-        user.send("map rx_ring 1 0 0");
-        user.wait_until_it_waits_for_a_lock();
-        EXPECT_FALSE(user.has_replied());
-    }
-    EXPECT_NE(user.reply(), "null");
-    EXPECT_TRUE(lock_is_free(machine.lock_file()));
-}
-
 INSTANTIATE_TEST_SUITE_P(, mapping, testing::ValuesIn(all_worlds()), world_name());
 
 /// The CMA driver knows each name once.
@@ -271,16 +259,6 @@ TEST(a_mapping_that_the_system_refuses, IsTracedBeforeTheLockIsReleasedAndWorksL
     EXPECT_EQ(fatal_outcome(user, "map rx_ring 1 0 0"), aborted(said + release_failed));
 }
 
-TEST(mapping_without_a_name, EndsTheProcessBeforeTheLibraryStarts) {
-    sandbox machine(low, {"--without", "proc"});
-    for (const auto& [name, expression] :
-         {std::pair{"@null", "name"}, std::pair{"\"\"", "strlen(name)"}}) {
-        client user = machine.start();
-        EXPECT_EQ(fatal_outcome(user, "map " + std::string(name) + " 1 0 0"),
-                  aborted(assertion(signature, expression)));
-    }
-}
-
 TEST(mapping_without_a_name, IsTracedFirst) {
     sandbox machine(low, {"--without", "proc"});
     for (const auto& [name, shown, expression] :
@@ -291,12 +269,6 @@ TEST(mapping_without_a_name, IsTracedFirst) {
                                  std::string("tarvo_map: name ") + shown + " off 1000 size 2000") +
                           assertion(signature, expression)));
     }
-}
-
-TEST(mapping_without_a_region, SaysSoAndGivesNull) {
-    sandbox machine(low, {"--without", "proc"});
-    client user = machine.start();
-    EXPECT_EQ(outcome(user, "map rx_ring 1 0 0"), "null\n" + no_region_at_all());
 }
 
 // ---- Traces ----

@@ -161,21 +161,6 @@ TEST_P(registry, IsCommonToAllProcessesAndOutlivesThem) {
     EXPECT_EQ(machine.unregister_device(first), 0);
 }
 
-TEST_P(registry, WaitsForTheLockBeforeItSendsAnything) {
-    make_chunks();
-    for (const char* command : {"register 0 3 0", "unregister 0 3 0"}) {
-        machine.new_events();
-        {
-            const held_lock lock(machine.box.lock_file());
-            machine.user.send(command);
-            machine.user.wait_until_it_waits_for_a_lock();
-            EXPECT_EQ(machine.new_events(), texts{});
-        }
-        EXPECT_EQ(machine.user.reply(), "0");
-        EXPECT_EQ(machine.new_events().size(), 6U);
-    }
-}
-
 TEST_P(registry, HoldsTheLockWhileItSendsItsRequests) {
     make_chunks();
     const std::string request = "fopen(/sys/kernel/tarvo_iommu_map_region,we)=pointer "
@@ -398,15 +383,6 @@ TEST_F(a_full_registry, HasRoomAgainWhenOneIsForgotten) {
 }
 
 // ---- No library ----
-
-TEST(a_registry_without_a_region, CannotBeUsed) {
-    sandbox box(low, {"--without", "proc"});
-    client user = box.start();
-    EXPECT_EQ(user.register_device(0, 3, 0), -1);
-    EXPECT_EQ(user.new_text(), no_region_at_all());
-    EXPECT_EQ(user.unregister_device(0, 3, 0), -1);
-    EXPECT_EQ(user.new_text(), no_region_at_all());
-}
 
 } // namespace
 

@@ -85,12 +85,6 @@ TEST(the_request_line, IsTheAgreedOne) {
     EXPECT_EQ(machine.new_lines(), (texts{"map 0 3 0 2147483648 2148532223 2147483648 3\n"}));
 }
 
-TEST(the_request_line, IsTheAgreedOneAbove4GiB) {
-    iommu_machine machine(high);
-    machine.call("iommu_map 1 2 255 1");
-    EXPECT_EQ(machine.new_lines(), (texts{"map 1 2 255 8589934592 9663676415 536870912 1\n"}));
-}
-
 TEST(the_request_line, ShowsNumbersFrom2To31OnAsNegative) {
     iommu_machine machine(low);
     machine.call("iommu_map 0xffffffff 0x80000000 0xdeadbeef 0xfffffffe");

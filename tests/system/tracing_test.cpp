@@ -110,14 +110,6 @@ TEST(tracing, AtLevel3ReportsFailuresOnly) {
                   std::string(mismatch_message));
 }
 
-TEST(tracing, OfALiteralTextWithANewlineIsOneLine) {
-    sandbox machine(cma, {"--rule", "op=allocate,address=0x0"});
-    client user = machine.start({"setenv ZUL_TRACE tarvo=3"});
-    EXPECT_EQ(user.alloc("rx_ring", 4096), 0U);
-    EXPECT_EQ(without_lines(user.error_text()),
-              "[tarvo:3] tarvo:LINE tarvo_alloc_func: Unable to allocate CMA memory\n");
-}
-
 /// The line of the one record whose text ends so.
 int line_of_record(const std::string& error_text, const std::string& end) {
     std::smatch found;
@@ -178,12 +170,6 @@ TEST(tracing, IsDecidedWhenTheFirstRecordIsDue) {
     user.call("setenv ZUL_TRACE 6");
     user.to_dma(0x1000);
     EXPECT_EQ(user.error_text(), "");
-}
-
-TEST(tracing, SharesTheTextForWhatCannotBeFormatted) {
-    sandbox machine(simulation);
-    client user = machine.start();
-    EXPECT_EQ(user.call("to_string_err"), "\"Error formatting string\"");
 }
 
 } // namespace

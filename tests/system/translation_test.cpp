@@ -98,28 +98,6 @@ TEST(a_region, IsSeenFrom512MiBOnWhenItOrItsEndIsOutOf32Bits) {
     }
 }
 
-TEST(translation_to_physical, IsTracedBeforeItIsChecked) {
-    sandbox machine(high);
-    machine.start().limits();
-    client user = machine.start({"setenv ZUL_TRACE 6"});
-    EXPECT_EQ(user.to_pa(0x20000000), 0x200000000U);
-    const std::string before = user.error_text();
-    EXPECT_EQ(user.dies("to_pa 0"), ended_by(SIGABRT));
-    EXPECT_EQ(without_lines(user.error_text().substr(before.size())),
-              "[tarvo:6] tarvo:LINE tarvo_dma_to_pa: tarvo_dma_to_pa: 0 -> 1e0000000\n" + bad_dma);
-    EXPECT_NE(before.find(" tarvo_dma_to_pa: tarvo_dma_to_pa: 20000000 -> 200000000\n"),
-              std::string::npos);
-}
-
-TEST(translation_to_dma, IsCheckedBeforeItIsTraced) {
-    sandbox machine(high);
-    client user = machine.start({"setenv ZUL_TRACE 6"});
-    user.limits();
-    const std::string before = user.error_text();
-    EXPECT_EQ(user.dies("to_dma 0x240000001"), ended_by(SIGABRT));
-    EXPECT_EQ(without_lines(user.error_text().substr(before.size())), bad_pa);
-}
-
 TEST(the_overhead, IsTheAreasSizeAndNeedsNoStart) {
     sandbox machine(low, {"--without", "proc"});
     client user = machine.start();

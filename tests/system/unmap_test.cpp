@@ -166,12 +166,6 @@ TEST(unmapping_without_a_name, FaultsOnTheRead) {
     }
 }
 
-TEST(unmapping_without_a_region, SaysSoAndGivesAFailure) {
-    sandbox machine(low, {"--without", "proc"});
-    client user = machine.start();
-    EXPECT_EQ(outcome(user, "unmap rx_ring 0x1000 0"), "-1\n" + no_region_at_all());
-}
-
 TEST(tracing_of_an_unmapping, ShowsTheArgumentsOnceHoweverTheCallGoes) {
     sandbox machine(simulation);
     client user = machine.start({"setenv ZUL_TRACE tarvo=5", "alloc rx_ring 4096 me"});

@@ -119,25 +119,6 @@ TEST_P(the_whole_region, WhoseUnmappingIsRefusedFailsAfterBothMessages) {
     EXPECT_EQ(machine.user.new_text(), unknown + request("unmap", 0).refusal(EUNATCH));
 }
 
-TEST_P(the_whole_region, IsMappedWhileAnotherProcessHoldsTheLock) {
-    machine.user.limits();
-    const held_lock lock(machine.box.lock_file());
-    EXPECT_EQ(machine.call(mapping_first), "0");
-    EXPECT_EQ(machine.new_lines(), (texts{request("map", 3).line()}));
-}
-
-TEST_P(the_whole_region, IsUnmappedAfterTheRegistryWasAskedUnderTheLock) {
-    machine.user.limits();
-    {
-        const held_lock lock(machine.box.lock_file());
-        machine.user.send(unmapping_first);
-        machine.user.wait_until_it_waits_for_a_lock();
-        EXPECT_EQ(machine.new_events(), texts{});
-    }
-    EXPECT_EQ(machine.user.reply(), "0");
-    EXPECT_EQ(machine.new_lines(), (texts{request("unmap", 0).line()}));
-}
-
 TEST_P(the_whole_region, IsUnmappedWithTheLockReleasedAgain) {
     machine.user.limits();
     machine.call("calls");
@@ -181,13 +162,6 @@ TEST_P(the_whole_region, IsMeasuredBeforeAnythingElseHappens) {
 
 INSTANTIATE_TEST_SUITE_P(, the_whole_region, testing::ValuesIn(all_worlds()), world_name());
 
-TEST(a_whole_region_request, StartsTheLibrary) {
-    iommu_machine machine(low);
-    EXPECT_EQ(mode_of(machine.box.shared_area()), "missing");
-    EXPECT_EQ(machine.call(mapping_first), "0");
-    EXPECT_EQ(machine.box.area().view().initialized(), 1);
-}
-
 TEST(a_whole_region_request, EndsTheProcessWhereTheLibraryCannotStart) {
     sandbox box(low, {"--without", "proc"});
     const std::string expression =
@@ -204,12 +178,6 @@ TEST(a_whole_region_request, EndsTheProcessWhereTheLibraryCannotStart) {
         unmapper.error_text(),
         no_region_at_all() +
             "tarvo-client: tarvo:995: int tarvo_iommu_unmap(uint, uint, uint): " + expression);
-}
-
-TEST(a_whole_region_request, OfASmallRegionIsTheAgreedOne) {
-    iommu_machine machine(low, {"--region", "80000000-80ffffff:tarvo"});
-    EXPECT_EQ(machine.call(mapping_first), "0");
-    EXPECT_EQ(machine.new_lines(), (texts{"map 0 3 0 2147483648 2164260863 2147483648 3\n"}));
 }
 
 TEST(a_whole_region_request, OfARegionThatEndsAt4GiBIsThatOfAHighOne) {
