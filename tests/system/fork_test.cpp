@@ -176,7 +176,7 @@ TEST_P(fork_of_a_started_program, GivesItsChildrenTheSameDescriptors) {
     EXPECT_EQ(user.call("fds"), descriptors);
 }
 
-INSTANTIATE_TEST_SUITE_P(, fork_of_a_started_program, testing::Values(simulation, low),
+INSTANTIATE_TEST_SUITE_P(, fork_of_a_started_program, testing::Values(simulation, high),
                          world_name());
 
 TEST(a_fork_before_the_first_call, LeavesBothToStartOnTheirOwn) {
