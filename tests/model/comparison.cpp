@@ -1,7 +1,6 @@
 #include "comparison.hpp"
 
 #include "client.hpp"
-#include "library_model.hpp"
 #include "real_machine.hpp"
 
 #include <algorithm>
@@ -34,7 +33,7 @@ std::string apart(const std::string& what, const std::string& expected, const st
 }
 
 std::string shown_length(const std::optional<uint64_t>& bytes) {
-    return bytes ? text_of("of %llu bytes", wide(*bytes)) : "missing";
+    return bytes ? "of " + std::to_string(*bytes) + " bytes" : "missing";
 }
 
 /// One machine, its model, and how far they came.
@@ -67,7 +66,11 @@ std::optional<std::string> comparison::play(const step& one) {
 std::optional<std::string> comparison::compare_area(area_part part) {
     // Kept from comparison to comparison: it takes long to make.
     static image bytes;
-    return difference_of(_model.machine().area, bytes, _machine.area(), part);
+    try {
+        return difference_of(_model.machine().area, bytes, _machine.area(), part);
+    } catch (const std::exception& wrong) {
+        return std::string("shared area: ") + wrong.what();
+    }
 }
 
 } // namespace
@@ -96,9 +99,10 @@ std::optional<std::string> difference_of(const shared_area& expected, image& byt
         return apart("shared area", shown_length(expected.file_bytes), shown_length(length));
     }
     if (!expected.built) {
-        const bool is_empty = !seen || std::ranges::count(*seen, 0) == std::ssize(*seen);
-        return is_empty ? std::nullopt
-                        : std::optional(apart("shared area", "only zeros", "other bytes"));
+        const bool has_content =
+            seen && std::ranges::any_of(*seen, [](uint8_t byte) { return byte != 0; });
+        return has_content ? std::optional(apart("shared area", "only zeros", "other bytes"))
+                           : std::nullopt;
     }
     bytes.show(expected);
     const auto found =

@@ -146,7 +146,7 @@ class library {
     int refused(const char* call);
 
     /// What it holds.
-    void open_region();
+    void open_memory_and_area();
     void open(const char* path) { _process.held.descriptors.insert(path); }
     void map_memory(uint64_t bytes) { _process.held.memory_bytes += rounded_to_pages(bytes); }
     /// Returns 0 or the errno with which memory stays mapped.

@@ -82,13 +82,17 @@ real_machine::user& real_machine::user_of(int number) {
 
 std::optional<std::span<const uint8_t>> real_machine::area() {
     const auto path = _machine.shared_area();
-    if (!_area && std::filesystem::exists(path)) {
-        if (std::filesystem::is_empty(path)) {
-            return std::span<const uint8_t>{};
-        }
+    if (!std::filesystem::exists(path)) {
+        return std::nullopt;
+    }
+    const uint64_t bytes = std::filesystem::file_size(path);
+    if (bytes == 0) {
+        return std::span<const uint8_t>{};
+    }
+    if (!_area || _area->view().bytes().size() != bytes) {
         _area = std::make_unique<area_file>(path);
     }
-    return _area ? std::optional(_area->view().bytes()) : std::nullopt;
+    return _area->view().bytes();
 }
 
 /// The log is cut off where it was read, or it would be read once again at every step. The driver

@@ -110,11 +110,11 @@ bool library::find_simulated_region() {
         say(text_of("Failed to open /var/tmp/tarvo_lib: %s\n", std::strerror(error)));
         return false;
     }
-    open_region();
+    open_memory_and_area();
     return true;
 }
 
-void library::open_region() {
+void library::open_memory_and_area() {
     open(_machine.where.memory_path());
     open(_machine.where.area_path());
     _area.file_bytes = _area.file_bytes.value_or(0);
@@ -178,7 +178,7 @@ bool library::open_hardware_files() {
         say(text_of("Failed to open /var/shmem/tarvo_lib: %s\n", std::strerror(error)));
         return false;
     }
-    open_region();
+    open_memory_and_area();
     return true;
 }
 
