@@ -147,17 +147,22 @@ void library::remove_ref(chunk& one, size_t position) {
     devs.on_list.erase(doomed);
 }
 
+/// False for a refusal that counts.
+bool library::map_for(chunk& one, device& to) {
+    if (map_unmap_chunk("map", one, to) == 0) {
+        add_dev_to_chunk(one, to.element);
+    } else if (is_gone()) {
+        to.online = false;
+    } else {
+        say(text_of("Error IOMMU mapping chunk %s\n", std::strerror(_errno)));
+        return false;
+    }
+    return true;
+}
+
 int library::map_chunk_all_devs(chunk& one) {
     for (device& to : _area.devices) {
-        if (!to.online) {
-            continue;
-        }
-        if (map_unmap_chunk("map", one, to) == 0) {
-            add_dev_to_chunk(one, to.element);
-        } else if (is_gone()) {
-            to.online = false;
-        } else {
-            say(text_of("Error IOMMU mapping chunk %s\n", std::strerror(_errno)));
+        if (to.online && !map_for(one, to)) {
             unmap_chunk_all_devs(one);
             return -1;
         }
@@ -198,13 +203,7 @@ int library::unmap_chunk_all_devs(chunk& one) {
 
 int library::map_chunks_to_dev(device& to) {
     for (size_t i = 1; i + 1 < _area.chunks.size(); i++) {
-        chunk& one = _area.chunks[i];
-        if (map_unmap_chunk("map", one, to) == 0) {
-            add_dev_to_chunk(one, to.element);
-        } else if (is_gone()) {
-            to.online = false;
-        } else {
-            say(text_of("Error IOMMU mapping chunk %s\n", std::strerror(_errno)));
+        if (!map_for(_area.chunks[i], to)) {
             unmap_dev_all_chunks(to);
             return -1;
         }

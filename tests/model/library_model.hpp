@@ -225,6 +225,7 @@ class library {
     bool is_gone() const;
     int map_chunk_all_devs(chunk& one);
     int unmap_chunk_all_devs(chunk& one);
+    bool map_for(chunk& one, device& to);
     bool unmap_from(const chunk& one, int dev);
     int map_chunks_to_dev(device& to);
     int unmap_dev_all_chunks(device& from);

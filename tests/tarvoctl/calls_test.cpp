@@ -130,35 +130,6 @@ TEST(alloc, TheLibrarysLastWordIsAFailureAndNotTheEndOfTheTool) {
         << outcome.errors;
 }
 
-TEST(alloc, ADamagedAreaIsLeftAlone) {
-    sandbox machine(low);
-    client driver = machine.start();
-    driver.alloc("first", 0x1000);
-    driver.alloc("second", 0x1000);
-    machine.writable_area().writer().i32(area_offset::chunk(2) + area_offset::next, 2);
-    const auto outcome = tarvoctl(machine, {"alloc", "third", "4K"});
-    EXPECT_EQ(outcome.status, 4);
-    EXPECT_EQ(
-        outcome.errors,
-        "tarvoctl: the area is broken: chunk 2 'first' (creator test): the walk comes back to "
-        "this element after 2 "
-        "elements and never reaches the tail 1. The library would break off the call, or "
-        "make it worse; 'tarvoctl check' shows what helps\n");
-}
-
-TEST(alloc, AChunkOutsideTheRegionIsNotHandedToTheLibrary) {
-    sandbox machine(low);
-    client driver = machine.start();
-    driver.alloc("first", 0x1000);
-    machine.writable_area().writer().u64(area_offset::chunk(2) + area_offset::pa, 0x1000);
-    const auto outcome = tarvoctl(machine, {"read", "first"});
-    EXPECT_EQ(outcome.status, 4);
-    EXPECT_TRUE(outcome.errors.starts_with("tarvoctl: the area is broken: chunk 2 'first' (creator "
-                                           "test): begins at 0x0000001000, before "
-                                           "its predecessor"))
-        << outcome.errors;
-}
-
 TEST(alloc, WithoutARegionItSaysWhatIsMissing) {
     sandbox machine(low, {"--without", "proc"});
     const auto outcome = tarvoctl(machine, {"alloc", "a", "4K"});

@@ -157,18 +157,30 @@ TEST_F(changes, AForgottenDevicesMappingsAreInheritedAndNotUndone) {
 
 constexpr int all_devices = 256;
 
-/// Puts a reference to each device into a chunk's list of them.
-void refer_to_all_devices(const area_writer& write, int chunk) {
-    for (int ref = 0; ref < all_devices; ++ref) {
-        const size_t at = area_offset::ref(chunk, ref);
-        write.i32(at + area_offset::next, (ref + 1) % all_devices);
-        write.i32(at + area_offset::prev, (ref + all_devices - 1) % all_devices);
-        write.u8(at + area_offset::allocated, 1);
-        write.i32(at + area_offset::dev, ref);
+/// Registers 256 devices and maps the chunks for all of them, as millions of requests would.
+void map_for_all_devices(const area_writer& write, int chunks) {
+    const auto link = [&write](size_t element, int number) {
+        write.i32(element + area_offset::next, (number + 1) % all_devices);
+        write.i32(element + area_offset::prev, (number + all_devices - 1) % all_devices);
+        write.u8(element + area_offset::allocated, 1);
+    };
+    for (int device = 0; device < all_devices; ++device) {
+        link(area_offset::device(device), device);
+        write.i32(area_offset::device(device) + area_offset::bus, device);
+        write.u8(area_offset::device(device) + area_offset::online, 1);
     }
-    write.i32(area_offset::chunk(chunk) + area_offset::devs_head, 0);
-    write.i32(area_offset::chunk(chunk) + area_offset::devs_tail, all_devices - 1);
-    write.i32(area_offset::chunk(chunk) + area_offset::devs_free, -1);
+    write.i32(area_offset::devices_head, 0);
+    write.i32(area_offset::devices_tail, all_devices - 1);
+    write.i32(area_offset::devices_free, -1);
+    for (int chunk = 2; chunk < chunks + 2; ++chunk) { // the first two bound the region
+        for (int ref = 0; ref < all_devices; ++ref) {
+            link(area_offset::ref(chunk, ref), ref);
+            write.i32(area_offset::ref(chunk, ref) + area_offset::dev, ref);
+        }
+        write.i32(area_offset::chunk(chunk) + area_offset::devs_head, 0);
+        write.i32(area_offset::chunk(chunk) + area_offset::devs_tail, all_devices - 1);
+        write.i32(area_offset::chunk(chunk) + area_offset::devs_free, -1);
+    }
 }
 
 TEST_F(changes, DevicesUnderOtherNumbersAreTheSame) {
@@ -178,20 +190,7 @@ TEST_F(changes, DevicesUnderOtherNumbersAreTheSame) {
     }
     const auto area = machine.writable_area();
     const area_writer write = area.writer();
-    for (int device = 0; device < all_devices; ++device) {
-        const size_t at = area_offset::device(device);
-        write.i32(at + area_offset::next, (device + 1) % all_devices);
-        write.i32(at + area_offset::prev, (device + all_devices - 1) % all_devices);
-        write.u8(at + area_offset::allocated, 1);
-        write.i32(at + area_offset::bus, device);
-        write.u8(at + area_offset::online, 1);
-    }
-    write.i32(area_offset::devices_head, 0);
-    write.i32(area_offset::devices_tail, all_devices - 1);
-    write.i32(area_offset::devices_free, -1);
-    for (int chunk = 2; chunk < 2 + chunks; ++chunk) {
-        refer_to_all_devices(write, chunk);
-    }
+    map_for_all_devices(write, chunks);
     EXPECT_EQ(reported([&] {
                   for (int device = 0; device < all_devices; ++device) {
                       write.i32(area_offset::device(device) + area_offset::bus,
@@ -199,35 +198,6 @@ TEST_F(changes, DevicesUnderOtherNumbersAreTheSame) {
                   }
               }),
               "");
-}
-
-/// Registers 256 devices and maps every chunk for all of them, as millions of requests would.
-[[maybe_unused]] void map_all_for_all_devices(const std::string& copy, int chunks) {
-    constexpr int devices = 256;
-    const area_file file(copy, area_file::access::write);
-    const area_writer write = file.writer();
-    const auto link = [&write](size_t element, int number) {
-        write.i32(element + area_offset::next, (number + 1) % devices);
-        write.i32(element + area_offset::prev, (number + devices - 1) % devices);
-        write.u8(element + area_offset::allocated, 1);
-    };
-    for (int device = 0; device < devices; ++device) {
-        link(area_offset::device(device), device);
-        write.i32(area_offset::device(device) + area_offset::bus, device);
-        write.u8(area_offset::device(device) + area_offset::online, 1);
-    }
-    write.i32(area_offset::devices_head, 0);
-    write.i32(area_offset::devices_tail, devices - 1);
-    write.i32(area_offset::devices_free, -1);
-    for (int chunk = 2; chunk < chunks + 2; ++chunk) { // the first two bound the region
-        for (int ref = 0; ref < devices; ++ref) {
-            link(area_offset::ref(chunk, ref), ref);
-            write.i32(area_offset::ref(chunk, ref) + area_offset::dev, ref);
-        }
-        write.i32(area_offset::chunk(chunk) + area_offset::devs_head, 0);
-        write.i32(area_offset::chunk(chunk) + area_offset::devs_tail, devices - 1);
-        write.i32(area_offset::chunk(chunk) + area_offset::devs_free, -1);
-    }
 }
 
 #ifndef TARVO_SANITIZED // which take terabytes of addresses, and this limits them
@@ -241,7 +211,7 @@ TEST_F(changes, MillionsOfMappingsAreCountedInBoundedMemory) {
     const std::string after = folder.path() / "after";
     ASSERT_EQ(tarvoctl(machine, {"snapshot", before}).status, 0);
     std::filesystem::copy_file(machine.shared_area(), after);
-    map_all_for_all_devices(after, chunks);
+    map_for_all_devices(area_file(after, area_file::access::write).writer(), chunks);
     ASSERT_NE(tarvoctl(machine, {"check", after}).status, 4);
     const std::string within = "ulimit -v 1000000; exec \"$0\" diff \"$@\"";
     const auto text = run_program(machine, {"sh", "-c", within, TARVOCTL, before, after});

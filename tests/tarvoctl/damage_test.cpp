@@ -52,6 +52,21 @@ TEST_F(damage, AWrongBackLinkKeepsTheLibraryAway) {
         "worse; 'tarvoctl check' shows what helps\n");
 }
 
+TEST_F(damage, AListThatNeverEndsKeepsTheLibraryAway) {
+    write.i32(area_offset::chunk(first) + area_offset::next, first);
+    expect_all_calls_refused(
+        "tarvoctl: the area is broken: chunk 2 'first' (creator me): the walk comes back to this "
+        "element after 2 elements and never reaches the tail 1. The library would break off the "
+        "call, or make it worse; 'tarvoctl check' shows what helps\n");
+}
+
+TEST_F(damage, AChunkOutsideTheRegionKeepsTheLibraryAway) {
+    write.u64(area_offset::chunk(first) + area_offset::pa, 0x1000);
+    expect_all_calls_refused(
+        "tarvoctl: the area is broken: chunk 2 'first' (creator me): begins at "
+        "0x0000001000, before its predecessor");
+}
+
 TEST_F(damage, AFreeChainThatLeadsToAUsedChunkKeepsTheLibraryAway) {
     write.i32(area_offset::chunks_free, first);
     expect_all_calls_refused("tarvoctl: the area is broken: chunk 2 'first' (creator me): on the "

@@ -15,10 +15,6 @@ namespace {
 
 namespace fs = std::filesystem;
 
-bool contains(const std::string& text, const std::string& part) {
-    return text.find(part) != std::string::npos;
-}
-
 /// What the doctor says on a machine, check by check.
 class examination {
   public:

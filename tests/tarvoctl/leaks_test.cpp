@@ -8,10 +8,6 @@ namespace leaks_test {
 
 namespace {
 
-bool contains(const std::string& text, const std::string& part) {
-    return text.find(part) != std::string::npos;
-}
-
 std::vector<std::string> suspects_of(sandbox& machine) {
     const auto document = json_of(tarvoctl(machine, {"leaks", "--json"}));
     std::vector<std::string> names;

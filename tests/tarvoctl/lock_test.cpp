@@ -21,10 +21,6 @@ std::string party(const std::string& role, pid_t pid) {
     return role + " " + std::to_string(pid);
 }
 
-bool contains(const std::string& text, const std::string& part) {
-    return text.find(part) != std::string::npos;
-}
-
 TEST(lock, OfNobodyIsFree) {
     sandbox machine(simulation);
     machine.start().alloc("rx_ring", pages(1));

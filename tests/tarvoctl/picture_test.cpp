@@ -33,9 +33,13 @@ void make_many(client& driver, int count) {
     }
 }
 
-TEST(picture, NeighboursDifferAndCarryTheirNames) {
-    sandbox machine(low);
+class picture : public testing::Test {
+  protected:
+    sandbox machine{low};
     client driver = machine.start();
+};
+
+TEST_F(picture, NeighboursDifferAndCarryTheirNames) {
     make_five(driver);
     const auto lines = lines_of(tarvoctl(machine, {"map"}).output);
     ASSERT_GT(lines.size(), 8U);
@@ -47,9 +51,7 @@ TEST(picture, NeighboursDifferAndCarryTheirNames) {
     EXPECT_EQ(lines[7], "One sign is 4 KiB: # and = chunks in turn, + - partly free, . free");
 }
 
-TEST(picture, IsAsTheManualShowsIt) {
-    sandbox machine(low);
-    client driver = machine.start();
+TEST_F(picture, IsAsTheManualShowsIt) {
     const std::vector<std::pair<const char*, uint64_t>> chunks{
         {"rx_ring", 0x10000}, {"tx_ring", 0x10000},    {"hole", 0x1000},
         {"stats", 0x1000},    {"second_hole", 0xe000}, {"frame_buffer", 0x50000}};
@@ -67,9 +69,7 @@ TEST(picture, IsAsTheManualShowsIt) {
     EXPECT_EQ(tarvoctl(machine, {"map"}).output.substr(0, shown.size()), shown);
 }
 
-TEST(picture, ALetterStandsForANameAndIsRepeatedBelow) {
-    sandbox machine(low);
-    client driver = machine.start();
+TEST_F(picture, ALetterStandsForANameAndIsRepeatedBelow) {
     make_five(driver);
     const auto lines = lines_of(tarvoctl(machine, {"map"}).output);
     ASSERT_EQ(lines.size(), 19U);
@@ -80,9 +80,7 @@ TEST(picture, ALetterStandsForANameAndIsRepeatedBelow) {
     EXPECT_EQ(lines[17], "B    0x0080130000      12 KiB  <log & \"x\">");
 }
 
-TEST(picture, RowsThatAreWhollyFreeAreFoldedSoThatFewChunksAreNoSpeck) {
-    sandbox machine(low);
-    client driver = machine.start();
+TEST_F(picture, RowsThatAreWhollyFreeAreFoldedSoThatFewChunksAreNoSpeck) {
     make_five(driver);
     const auto lines = lines_of(tarvoctl(machine, {"map"}).output);
     ASSERT_GT(lines.size(), 6U);
@@ -90,9 +88,7 @@ TEST(picture, RowsThatAreWhollyFreeAreFoldedSoThatFewChunksAreNoSpeck) {
                         "....................|");
 }
 
-TEST(picture, OnAWideTerminalItIsWiderAndHasColours) {
-    sandbox machine(low);
-    client driver = machine.start();
+TEST_F(picture, OnAWideTerminalItIsWiderAndHasColours) {
     make_five(driver);
     terminal screen(50, 200);
     running_tool map = screen.start(machine, {"map"});
@@ -105,9 +101,7 @@ TEST(picture, OnAWideTerminalItIsWiderAndHasColours) {
     EXPECT_EQ(output.find("0x0080040000 |"), std::string::npos) << output;
 }
 
-TEST(picture, OfFiftyChunksEachIsListedWithItsLetter) {
-    sandbox machine(low);
-    client driver = machine.start();
+TEST_F(picture, OfFiftyChunksEachIsListedWithItsLetter) {
     for (int i = 0; i < 50; ++i) {
         driver.alloc("chunk_" + std::to_string(i), 0x100000);
     }
@@ -121,9 +115,7 @@ TEST(picture, OfFiftyChunksEachIsListedWithItsLetter) {
     }
 }
 
-TEST(picture, OfAllChunksTheLargestAreListedAndTheOthersCounted) {
-    sandbox machine(low);
-    client driver = machine.start();
+TEST_F(picture, OfAllChunksTheLargestAreListedAndTheOthersCounted) {
     make_many(driver, 16382);
     const auto output = tarvoctl(machine, {"map"}).output;
     EXPECT_NE(output.find("  chunk_0\n"), std::string::npos);

@@ -97,6 +97,10 @@ std::string this_process() {
     return std::to_string(::getpid()) + " (" + name + ")";
 }
 
+bool contains(const std::string& text, const std::string& part) {
+    return text.find(part) != std::string::npos;
+}
+
 std::vector<std::string> lines_of(const std::string& text) {
     std::vector<std::string> lines;
     std::istringstream stream(text);

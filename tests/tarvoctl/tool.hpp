@@ -58,5 +58,7 @@ std::vector<uint8_t> unpacked(const std::string& snapshot);
 /// The process that runs the test, as commands name it: "4711 (tarvoctl_list_t)".
 std::string this_process();
 
+bool contains(const std::string& text, const std::string& part);
+
 /// The lines of a text, without their ends.
 std::vector<std::string> lines_of(const std::string& text);
