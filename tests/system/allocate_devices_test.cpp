@@ -15,12 +15,10 @@ constexpr const char* refused = "Error IOMMU mapping chunk Input/output error\n"
 
 class a_new_chunk : public world_test {
   protected:
-    void add(const pci_device& device) {
-        EXPECT_EQ(user.register_device(device.domain, device.bus, device.devfn), 0);
-    }
-
-    void drop(const pci_device& device) {
-        EXPECT_EQ(user.unregister_device(device.domain, device.bus, device.devfn), 0);
+    a_new_chunk() {
+        for (const pci_device& device : {first, second}) {
+            EXPECT_EQ(user.register_device(device.domain, device.bus, device.devfn), 0);
+        }
     }
 
     static std::string rule(const pci_device& device, const std::string& answer) {
@@ -36,7 +34,9 @@ class a_new_chunk : public world_test {
     }
 
     /// Nothing of the chunk is left on record, and the driver of a CMA region keeps its memory.
-    void expect_gone() {
+    void expect_death(const std::string& last_words, const texts& lines) {
+        EXPECT_EQ(fatal_outcome(user, allocation), aborted(last_words));
+        EXPECT_EQ(machine.request_lines(), lines);
         EXPECT_EQ(layout(machine), "");
         EXPECT_EQ(troubles(machine), texts{});
         EXPECT_EQ(machine.cma_commands(), region().cma ? texts{"a rx_ring 3000\n"} : texts{});
@@ -46,103 +46,32 @@ class a_new_chunk : public world_test {
     const chunk_place place{region().start, 12288};
 };
 
-TEST_P(a_new_chunk, IsMappedForEachDeviceInOrderOfRegistration) {
-    add(first);
-    add(second);
-    EXPECT_EQ(user.alloc("rx_ring", 12288), region().start_dma);
-    EXPECT_EQ(machine.request_lines(), (texts{line("map", first), line("map", second)}));
-    const std::vector<area_ref> refs = machine.area().view().refs(2);
-    ASSERT_EQ(refs.size(), 2U);
-    EXPECT_EQ(refs[0].dev, 0);
-    EXPECT_EQ(refs[1].dev, 1);
-    EXPECT_EQ(troubles(machine), texts{});
-    EXPECT_EQ(user.error_text(), "");
-}
-
-TEST_P(a_new_chunk, IsMappedUnderTheLock) {
-    add(first);
-    user.call("calls");
-    user.alloc("rx_ring", 12288);
-    const std::string calls = user.call("calls");
-    EXPECT_TRUE(calls.starts_with(taken())) << calls;
-    EXPECT_NE(calls.find("fopen(/sys/kernel/tarvo_iommu_map_region,we)=pointer setvbuf(2,0)=0 "
-                         "fclose(stream)=0" +
-                         released() + " mmap64("),
-              std::string::npos)
-        << calls;
-}
-
-TEST_P(a_new_chunk, IsGoodWhereADeviceIsGoneWhichIsThenOffline) {
-    for (const auto& [name, error] : {std::pair{"ENODEV", ENODEV}, {"EUNATCH", EUNATCH}}) {
-        sandbox fresh(region(), {"--rule", rule(first, std::string("errno=") + name)});
-        client allocating = fresh.start({"register 0 3 0", "register 1 0x82 0xf9"});
-        EXPECT_EQ(allocating.alloc("rx_ring", 12288), region().start_dma);
-        EXPECT_EQ(allocating.new_text(), refusal(first, error));
-        EXPECT_EQ(fresh.area().view().device(0).online, 0);
-        EXPECT_EQ(fresh.area().view().refs(2).size(), 1U);
-        // The next chunk is not even tried.
-        allocating.alloc("tx_ring", 4096);
-        const texts lines = fresh.request_lines();
-        EXPECT_EQ(lines.size(), 3U);
-        EXPECT_EQ(lines.front(), line("map", first));
-        EXPECT_EQ(allocating.new_text(), "");
-    }
-}
-
-TEST_P(a_new_chunk, IsGoodWhereTheKernelHasNoIommu) {
-    add(first);
-    machine.add_rules({"op=map,errno=ENOSYS"});
-    EXPECT_EQ(user.alloc("rx_ring", 12288), region().start_dma);
-    EXPECT_EQ(user.error_text(), "");
-    EXPECT_EQ(machine.area().view().refs(2).size(), 1U);
-}
-
 TEST_P(a_new_chunk, RefusedByTheFirstDeviceEndsTheProcessInATranslationKeptOnPurpose) {
-    add(first);
-    add(second);
     machine.add_rules({rule(first, "errno=EIO")});
-    EXPECT_EQ(fatal_outcome(user, allocation),
-              aborted(refusal(first, EIO) + refused + not_in_the_region()));
     // Later devices are not tried, and nothing is sent for the cleared record.
-    EXPECT_EQ(machine.request_lines(), texts{line("map", first)});
-    expect_gone();
+    expect_death(refusal(first, EIO) + refused + not_in_the_region(), {line("map", first)});
 }
 
 TEST_P(a_new_chunk, RefusedByALaterDeviceIsUnmappedFromTheEarlierOnesFirst) {
-    add(first);
-    add(second);
     machine.add_rules({rule(second, "errno=EIO")});
-    EXPECT_EQ(fatal_outcome(user, allocation),
-              aborted(refusal(second, EIO) + refused + not_in_the_region()));
-    EXPECT_EQ(machine.request_lines(),
-              (texts{line("map", first), line("map", second), line("unmap", first)}));
-    expect_gone();
+    expect_death(refusal(second, EIO) + refused + not_in_the_region(),
+                 {line("map", first), line("map", second), line("unmap", first)});
 }
 
 TEST_P(a_new_chunk, RefusedWhileTheFirstRecordHasNoDeviceEndsTheProcessInTheListKeptOnPurpose) {
-    add(first);
-    add(second);
-    drop(first);
+    EXPECT_EQ(user.unregister_device(first.domain, first.bus, first.devfn), 0);
     machine.add_rules({rule(second, "errno=EIO")});
-    EXPECT_EQ(fatal_outcome(user, allocation),
-              aborted(refusal(second, EIO) + refused + element_not_in_use()));
-    EXPECT_EQ(machine.request_lines(), texts{line("map", second)});
-    expect_gone();
+    expect_death(refusal(second, EIO) + refused + element_not_in_use(), {line("map", second)});
 }
 
 TEST_P(a_new_chunk, RefusedWhileTheFirstDeviceIsOfflineEndsTheProcessInTheListKeptOnPurpose) {
-    add(first);
-    add(second);
     machine.add_rules({rule(first, "errno=ENODEV"), rule(second, "errno=EINVAL")});
-    EXPECT_EQ(fatal_outcome(user, allocation),
-              aborted(refusal(first, ENODEV) + refusal(second, EINVAL) +
-                      "Error IOMMU mapping chunk Invalid argument\n" + element_not_in_use()));
-    EXPECT_EQ(machine.request_lines(), (texts{line("map", first), line("map", second)}));
-    expect_gone();
+    expect_death(refusal(first, ENODEV) + refusal(second, EINVAL) +
+                     "Error IOMMU mapping chunk Invalid argument\n" + element_not_in_use(),
+                 {line("map", first), line("map", second)});
 }
 
 TEST_P(a_new_chunk, RefusedIsTracedInTheNamesOfTheRequestAndTheAllocation) {
-    add(first);
     machine.add_rules({"op=map,errno=EIO"});
     client watched = machine.start({"setenv ZUL_TRACE tarvo=3"});
     const std::string report = chunk_failure("map", first, region(), place);
@@ -155,32 +84,7 @@ TEST_P(a_new_chunk, RefusedIsTracedInTheNamesOfTheRequestAndTheAllocation) {
                 not_in_the_region()));
 }
 
-TEST_P(a_new_chunk, RefusedLeavesOtherChunksAndOtherProcessesAlone) {
-    client other = machine.start();
-    EXPECT_EQ(other.alloc("before", 4096), region().start_dma);
-    add(first);
-    machine.add_rules({"op=map,errno=EIO,nth=1"});
-    EXPECT_EQ(user.dies(allocation), ended_by(SIGABRT));
-    EXPECT_EQ(layout(machine), "before:0+1");
-    const uint32_t after = region().start_dma + 4096;
-    EXPECT_EQ(other.alloc("tx_ring", 4096), region().cma ? after + 12288 : after);
-    EXPECT_EQ(other.error_text(), "");
-    EXPECT_EQ(troubles(machine), texts{});
-}
-
 INSTANTIATE_TEST_SUITE_P(, a_new_chunk, testing::ValuesIn(all_worlds()), world_name());
-
-TEST(a_request_file_that_will_not_open, RefusesEveryNewChunk) {
-    sandbox machine(low, {"--rule", "op=open-write,file=sysfs,errno=ENOENT"});
-    client user = machine.start();
-    EXPECT_EQ(user.register_device(0, 3, 0), 0);
-    EXPECT_EQ(fatal_outcome(user, "alloc rx_ring 4096 me"),
-              aborted("tarvo: failed to open sysfs file: No such file or directory\n" +
-                      chunk_failure("map", first, low, {0x80000000, 4096}) +
-                      "Error IOMMU mapping chunk No such file or directory\n" +
-                      not_in_the_region()));
-    EXPECT_EQ(layout(machine), "");
-}
 
 /// A region in which a chunk of 2 GiB has room.
 class a_huge_chunk : public testing::Test {

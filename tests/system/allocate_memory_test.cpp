@@ -43,14 +43,14 @@ TEST_P(new_memory, IsZeroedAgainForTheNextChunkAndNotWhenTheLastIsFreed) {
     EXPECT_TRUE(region.filled(1, 2, old_content));
 }
 
-TEST_P(new_memory, IsMappedAtItsPhysicalAddressOnceTheLockIsFree) {
+TEST_P(new_memory, IsMappedForDevicesUnderTheLockAndAtItsPhysicalAddressOnceThatIsFree) {
     user.register_device(0, 3, 0);
     user.call("calls");
     user.alloc("rx_ring", 8192);
     const std::string calls = user.call("calls");
     EXPECT_TRUE(calls.starts_with(taken())) << calls;
-    EXPECT_TRUE(calls.ends_with(released() + " mmap64(null,8192,3,1," + memory_fd() + "," +
-                                std::to_string(region().start) +
+    EXPECT_TRUE(calls.ends_with(request_calls + released() + " mmap64(null,8192,3,1," +
+                                memory_fd() + "," + std::to_string(region().start) +
                                 ")=pointer munmap(pointer,8192)=0"))
         << calls;
 }
@@ -69,15 +69,6 @@ TEST_P(new_memory, ThatCannotBeMappedEndsTheProcessInTheRollBackKeptOnPurpose) {
     EXPECT_EQ(first_difference(machine.area().view().bytes(), before), "");
     EXPECT_EQ(troubles(machine), texts{});
     EXPECT_EQ(machine.cma_commands(), region().cma ? texts{"a rx_ring 2000\n"} : texts{});
-}
-
-TEST_P(new_memory, ThatCannotBeMappedIsNotTraced) {
-    client watched = machine.start({"setenv ZUL_TRACE tarvo=3"});
-    watched.limits();
-    watched.call("fail mmap64 EAGAIN");
-    EXPECT_EQ(fatal_outcome(watched, "alloc rx_ring 8192 me"),
-              aborted("tarvo_alloc: mmap failed!: Resource temporarily unavailable\n" +
-                      element_not_in_use()));
 }
 
 TEST_P(new_memory, ThatCannotBeMappedIsRolledBackEvenIfTheLockIsLostKeptOnPurpose) {

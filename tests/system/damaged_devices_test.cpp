@@ -1,5 +1,5 @@
-// What the bookkeeping of devices makes of lists whose ends contradict each other, and of elements
-// that are in use although they are free.
+// What the bookkeeping of devices makes of lists whose ends contradict each other, of elements that
+// are in use although they are free, and of a chunk without extent.
 
 #include "iommu_scene.hpp"
 #include "texts.hpp"
@@ -45,6 +45,32 @@ TEST_F(damaged_devices, OfAFreeElementThatAreInUseAreLeftOutOfTheNewChunksFreeCh
     EXPECT_EQ(next_of(0), 2);
     EXPECT_EQ(next_of(1), 0);
     EXPECT_EQ(next_of(2), 3);
+}
+
+// ---- Walks ----
+
+TEST(a_walk_over_the_chunks, EndsAtTheTailOfTheListToo) {
+    iommu_scene scene(low);
+    scene.box.writable_area().writer().i32(offset::chunks_tail, 3);
+    EXPECT_EQ(scene.call("map_chunks_to_dev 0"), "0");
+    EXPECT_EQ(scene.new_lines(),
+              chunk_lines("map", {first}, low, {scene.place(0), scene.place(1)}));
+    scene.box.writable_area().writer().i32(offset::chunks_tail, 2);
+    EXPECT_EQ(scene.call("unmap_dev_all_chunks 0"), "0");
+    EXPECT_EQ(scene.new_lines(), chunk_lines("unmap", {first}, low, {scene.place(0)}));
+}
+
+TEST(a_walk_over_the_devices, EndsAtTheTailOfTheirList) {
+    iommu_scene scene(low);
+    scene.box.writable_area().writer().i32(offset::devices_tail, 1);
+    EXPECT_EQ(scene.call("map_chunk_all_devs 2"), "0");
+    EXPECT_EQ(scene.new_lines(), chunk_lines("map", {first, second}, low, {scene.place(0)}));
+}
+
+TEST(a_chunk_without_extent_at_the_regions_start, CannotBeNamedInARequest) {
+    iommu_scene scene(high);
+    scene.box.writable_area().writer().u32(offset::chunk(2) + offset::size, 0);
+    EXPECT_EQ(fatal_outcome(scene.user, "map_unmap_chunk map 2 0"), aborted(not_in_the_region()));
 }
 
 } // namespace

@@ -1,8 +1,8 @@
 #pragma once
 
 #include "iommu_machine.hpp"
+#include "observed.hpp"
 
-using texts = std::vector<std::string>;
 using numbers = std::vector<int>;
 
 inline constexpr pci_device first{0, 3, 0};

@@ -23,6 +23,9 @@ class world_test : public testing::TestWithParam<world> {
     static const char* memory_fd() { return region().simulated ? "3" : "4"; }
     static std::string taken() { return std::string("flock(") + lock_fd() + ",LOCK_EX)=0 "; }
     static std::string released() { return std::string(" flock(") + lock_fd() + ",LOCK_UN)=0"; }
+    /// One request to the IOMMU's driver.
+    static constexpr const char* request_calls =
+        "fopen(/sys/kernel/tarvo_iommu_map_region,we)=pointer setvbuf(2,0)=0 fclose(stream)=0";
     /// The calls of an operation that looked at the area and left it at that.
     static std::string only_the_lock() { return taken() + released().substr(1); }
 
