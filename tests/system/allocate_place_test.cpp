@@ -76,13 +76,6 @@ TEST_P(placement, ThatFindsNoGapChangesNothingAndSaysNothing) {
     EXPECT_EQ(troubles(machine), texts{});
 }
 
-TEST_P(placement, ThatFindsNoGapIsTraced) {
-    fill_all_but(3);
-    client watched = machine.start({"setenv ZUL_TRACE tarvo=3"});
-    EXPECT_EQ(outcome(watched, "alloc more " + std::to_string(pages(4)) + " me"),
-              "0x0\n" + traced(3, "tarvo_alloc_func", "tarvo_alloc_func: ran out of tarvo space"));
-}
-
 TEST_P(placement, HandsOutTheRecordFreedLast) {
     for (const char* name : {"a", "b", "c"}) {
         alloc(name, 1);
@@ -155,14 +148,6 @@ TEST(free_size, IsComputedIn64BitsWithoutSignAndWithoutAnyCheck) {
     EXPECT_EQ(user.call("free_size_of 0x2000 0x1000 0x2000"), "0xfffffffffffff000");
     EXPECT_EQ(user.call("free_size_of 0x2000 0 0x1000"), "0xfffffffffffff000");
     EXPECT_EQ(user.call("free_size_of 0xfffffffffffff000 0x1000 0x1000"), "0x1000");
-}
-
-TEST(free_size, NeedsNeitherStartNorLock) {
-    sandbox machine(simulation);
-    client user = machine.start();
-    EXPECT_EQ(user.call("free_size_of 0x1000 0x1000 0x3000"), "0x1000");
-    EXPECT_EQ(user.call("calls"), "");
-    EXPECT_EQ(mode_of(machine.shared_area()), "missing");
 }
 
 } // namespace

@@ -40,14 +40,6 @@ TEST_P(record, IsWrittenWithItsLinksAndNoOtherByteOfTheArea) {
     EXPECT_EQ(first_difference(machine.area().view().bytes(), expected), "");
 }
 
-TEST_P(record, HoldsANameOf49Bytes) {
-    const std::string longest(49, 'n');
-    EXPECT_EQ(user.alloc(longest, 1), region().start_dma);
-    EXPECT_EQ(layout(machine), longest + ":0+1");
-    EXPECT_EQ(user.alloc(longest, 1), region().start_dma);
-    EXPECT_EQ(troubles(machine), texts{});
-}
-
 INSTANTIATE_TEST_SUITE_P(, record, testing::ValuesIn(all_worlds()), world_name());
 
 /// So many different letters, so that it shows which of them are kept.
@@ -110,13 +102,6 @@ TEST(a_size, IsRoundedToThePagesOfTheMachine) {
     EXPECT_EQ(user.alloc("rx_ring", 1), 0x80000000U);
     EXPECT_EQ(user.alloc("tx_ring", 65537), 0x80010000U);
     EXPECT_EQ(layout(machine), "rx_ring:0+16 tx_ring:16+32");
-}
-
-TEST(a_size, OfTheLastWholePageBelow4GiBIsNotRoundedAway) {
-    sandbox machine(low);
-    client user = machine.start();
-    EXPECT_EQ(outcome(user, "alloc rx_ring 0xfffff000 me"), "0x0\n");
-    EXPECT_EQ(troubles(machine), texts{});
 }
 
 class size_that_wraps : public world_test {

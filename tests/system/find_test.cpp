@@ -2,8 +2,6 @@
 
 #include "world_test.hpp"
 
-#include <csignal>
-
 namespace find_test {
 
 namespace {
@@ -151,13 +149,6 @@ TEST(tracing_of_a_find, IsThatOfItsTranslations) {
     EXPECT_EQ(outcome(user, "find 0x20001000"),
               "null 0x0\n" +
                   traced(6, "tarvo_dma_to_pa", "tarvo_dma_to_pa: 20001000 -> 200001000"));
-}
-
-TEST(tracing_of_a_find, IsNoneAtLevel5) {
-    sandbox machine(high);
-    client user = machine.start({"setenv ZUL_TRACE tarvo=5", "alloc rx_ring 4096 me"});
-    EXPECT_EQ(outcome(user, "find 0x20000010"), "\"rx_ring\" 0x20000000\n");
-    EXPECT_EQ(outcome(user, "find 0x20001000"), "null 0x0\n");
 }
 
 } // namespace

@@ -1,6 +1,7 @@
 // Freeing: what is looked for, what changes, what is said.
 
 #include "iommu_request.hpp"
+#include "joined.hpp"
 #include "world_test.hpp"
 
 #include <cerrno>
@@ -11,7 +12,6 @@ namespace {
 
 namespace offset = area_offset;
 
-constexpr const char* signature = "int tarvo_free(const char*)";
 constexpr pci_device first{0, 3, 0};
 constexpr pci_device second{0, 4, 8};
 constexpr int tail = 1; ///< the element of __TAIL
@@ -62,13 +62,6 @@ TEST_P(freeing, PutsTheRecordInFrontOfTheFreeOnesAndLinksItsNeighbours) {
     EXPECT_EQ(first_difference(machine.area().view().bytes(), expected), "");
 }
 
-TEST_P(freeing, TwiceSucceedsOnce) {
-    alloc({"rx_ring"});
-    EXPECT_EQ(user.free("rx_ring"), 0);
-    EXPECT_EQ(user.free("rx_ring"), -1);
-    EXPECT_EQ(user.error_text(), "");
-}
-
 TEST_P(freeing, IsDoneForEverybodyByAnybody) {
     alloc({"rx_ring"});
     client other = machine.start();
@@ -93,26 +86,12 @@ TEST_P(freeing, TakesTheLockAndGivesItBack) {
     EXPECT_EQ(troubles(machine), texts{});
 }
 
-TEST_P(freeing, IsTracedByTheStoredName) {
-    alloc({"rx_ring"});
-    client watched = machine.start({"setenv ZUL_TRACE tarvo=5"});
-    watched.limits();
-    EXPECT_EQ(outcome(watched, "free rx_ring"),
-              "0\n" + traced(5, "tarvo_free", "tarvo_free: name rx_ring"));
-    EXPECT_EQ(outcome(watched, "free rx_ring"), "-1\n");
-}
-
 TEST_P(freeing, FindsNothingInAListThatEndsWithItsHead) {
     alloc({"rx_ring"});
     machine.writable_area().writer().i32(offset::chunks_tail, 0);
     EXPECT_EQ(outcome(user, "free rx_ring"), "-1\n");
     EXPECT_EQ(outcome(user, "free __TAIL"), "-1\n");
     EXPECT_TRUE(lock_is_free(machine.lock_file()));
-}
-
-TEST_P(freeing, ANullNameIsAMemoryFaultBeforeTheLibraryStarts) {
-    EXPECT_EQ(fatal_outcome(user, "free @null"), "signal Segmentation fault\n");
-    EXPECT_EQ(mode_of(machine.shared_area()), "missing");
 }
 
 INSTANTIATE_TEST_SUITE_P(, freeing, testing::ValuesIn(all_worlds()), world_name());
@@ -144,15 +123,6 @@ TEST_P(coalescing, NeighboursJoinInEveryOrder) {
         EXPECT_EQ(troubles(machine), texts{});
         user.free("joined");
     }
-}
-
-TEST_P(coalescing, OfTwoChunksOfANameFreesTheLowerFirst) {
-    user.alloc("rx_ring", pages(2));
-    user.alloc("rx_ring", pages(1));
-    EXPECT_EQ(user.free("rx_ring"), 0);
-    EXPECT_EQ(layout(machine), "rx_ring:2+1");
-    EXPECT_EQ(user.free("rx_ring"), 0);
-    EXPECT_EQ(user.free("rx_ring"), -1);
 }
 
 TEST_P(coalescing, FreesAChunkThatIsCalledLikeTheTailBeforeTheTail) {
@@ -246,11 +216,9 @@ TEST_P(freeing_for_devices, UnmapsTheChunkUnderTheLock) {
     user.call("calls");
     EXPECT_EQ(outcome(user, "free rx_ring"), "0\n");
     EXPECT_EQ(unmap_lines(), chunk_lines("unmap", {first, second}, region(), {place}));
-    const std::string request =
-        " fopen(/sys/kernel/tarvo_iommu_map_region,we)=pointer setvbuf(2,0)=0 fclose(stream)=0";
     const std::string calls = user.call("calls");
     EXPECT_TRUE(calls.starts_with(taken())) << calls;
-    EXPECT_TRUE(calls.ends_with(request + request + released())) << calls;
+    EXPECT_TRUE(calls.ends_with(joined(request_calls, " ", request_calls, released()))) << calls;
     EXPECT_EQ(layout(machine), "");
 }
 
@@ -269,14 +237,6 @@ TEST_P(freeing_for_devices, FailsWhereOneRefusesAndKeepsTheChunkMappedForNoneKep
     EXPECT_EQ(layout(machine), "");
 }
 
-TEST_P(freeing_for_devices, SucceedsWhereOneIsGone) {
-    machine.add_rules({"op=unmap,errno=EUNATCH,nth=1"});
-    EXPECT_EQ(outcome(user, "free rx_ring"),
-              "0\n" + chunk_refusal("unmap", first, region(), place, EUNATCH));
-    EXPECT_EQ(machine.area().view().device(0).online, 0);
-    EXPECT_EQ(layout(machine), "");
-}
-
 INSTANTIATE_TEST_SUITE_P(, freeing_for_devices, testing::ValuesIn(all_worlds()), world_name());
 
 TEST(freeing_without_a_start, SaysSoAndTracesNothingOfItsOwn) {
@@ -285,15 +245,6 @@ TEST(freeing_without_a_start, SaysSoAndTracesNothingOfItsOwn) {
     EXPECT_EQ(outcome(user, "free rx_ring"), "-1\n" + no_region_at_all());
     client watched = machine.start({"setenv ZUL_TRACE tarvo=3", "fail fopen ENOENT"});
     EXPECT_EQ(outcome(watched, "free rx_ring").find("tarvo_free"), std::string::npos);
-}
-
-TEST(freeing_without_the_lock, SaysNothingOfItsOwn) {
-    sandbox machine(low);
-    client user = machine.start({"setenv ZUL_TRACE tarvo=6", "alloc rx_ring 4096 me"});
-    user.call("fail flock EINTR");
-    EXPECT_EQ(outcome(user, "free rx_ring"),
-              "-1\ntarvo: failed to accquire lock: Interrupted system call\n");
-    EXPECT_EQ(layout(machine), "rx_ring:0+1");
 }
 
 } // namespace

@@ -2,8 +2,6 @@
 
 #include "world_test.hpp"
 
-#include <csignal>
-
 namespace map_all_test {
 
 namespace {
@@ -21,12 +19,6 @@ std::string unmap_message(uint64_t va, uint64_t bytes, const std::string& reason
 }
 
 class whole_region : public world_test {};
-
-TEST_P(whole_region, IsMappedForReadingAndWritingFromItsFirstByteToItsLast) {
-    const uint64_t va = map_all(user);
-    EXPECT_EQ(mapping_at(va), described("rw-s", region().start, region().bytes));
-    EXPECT_EQ(user.error_text(), "");
-}
 
 TEST_P(whole_region, ShowsEveryChunkWhereItLies) {
     user.alloc("tx_ring", pages(1));

@@ -9,8 +9,6 @@ namespace map_test {
 
 namespace {
 
-const char* const signature = "void* tarvo_map(const char*, bool, size_t, size_t)";
-
 class mapping : public world_test {};
 
 TEST_P(mapping, WithoutASizeShowsTheWholeChunk) {
@@ -65,16 +63,6 @@ TEST_P(mapping, IsMadeUnderTheLockWithNothingRounded) {
     EXPECT_EQ(user.call("calls"), taken() + "mmap64(null,5,1,1," + memory_fd() + "," +
                                       std::to_string(region().start + pages(1)) + ")=pointer" +
                                       released());
-}
-
-TEST_P(mapping, UnmappingAndFindingChangeNothingInTheSharedArea) {
-    user.alloc("rx_ring", pages(2));
-    const std::vector<uint8_t> before = machine.area().snapshot();
-    EXPECT_EQ(user.unmap("rx_ring", user.map("rx_ring")), 0);
-    EXPECT_EQ(user.map("tx_ring"), 0U);
-    EXPECT_EQ(user.find(region().start_dma), (found_chunk{"rx_ring", region().start_dma}));
-    EXPECT_EQ(first_difference(machine.area().view().bytes(), before), "");
-    EXPECT_EQ(user.error_text(), "");
 }
 
 TEST_P(mapping, OutlivesTheChunk) {
@@ -145,7 +133,6 @@ std::ostream& operator<<(std::ostream& stream, const window_case& window) {
 }
 
 constexpr uint32_t two_pages = 0x2000;
-constexpr uint64_t four_gib = 0x100000000;
 
 /// A window of a chunk of two pages; `end` as it is printed.
 window_case outside(const char* name, uint64_t offset, uint64_t size, uint32_t end) {
@@ -211,39 +198,7 @@ TEST(a_large_chunk, IsShownWholeAndItsSizeIsPrintedUnsigned) {
     EXPECT_EQ(user.error_text(), bounds_message(0xe0001000, 0xe0000000, 0xe0000000));
 }
 
-// ---- What the system refuses, and wrong use ----
-
-class a_window_that_the_system_refuses : public testing::TestWithParam<window_case> {};
-
-TEST_P(a_window_that_the_system_refuses, GivesNullAndIsOnlyTraced) {
-    const window_case& window = GetParam();
-    sandbox machine(low);
-    machine.start().alloc("rx_ring", two_pages);
-    client silent = machine.start();
-    EXPECT_EQ(silent.map("rx_ring", true, window.offset, window.size), 0U);
-    EXPECT_EQ(silent.error_text(), "");
-    EXPECT_TRUE(lock_is_free(machine.lock_file()));
-
-    client talking = machine.start({"setenv ZUL_TRACE tarvo=5", "limits"});
-    talking.new_text();
-    talking.map("rx_ring", true, window.offset, window.size);
-    EXPECT_EQ(talking.new_text(), traced(5, "tarvo_map",
-                                         "tarvo_map: name rx_ring off " + hex(window.offset) +
-                                             " size " + hex(window.size)) +
-                                      traced(5, "tarvo_map", window.said));
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    , a_window_that_the_system_refuses,
-    testing::Values(
-        // What the rest of the chunk was taken for is traced, not the 0.
-        window_case{"no_bytes", 0x2000, 0,
-                    "tarvo_map: name rx_ring off 2000 size 0 mmap - Invalid argument"},
-        window_case{"offset_within_a_page", 0x800, 0,
-                    "tarvo_map: name rx_ring off 800 size 1800 mmap - Invalid argument"},
-        window_case{"odd_offset", 1, 0x1000,
-                    "tarvo_map: name rx_ring off 1 size 1000 mmap - Invalid argument"}),
-    world_name());
+// ---- What the system refuses ----
 
 TEST(a_mapping_that_the_system_refuses, IsTracedBeforeTheLockIsReleasedAndWorksLater) {
     sandbox machine(cma);
@@ -257,18 +212,6 @@ TEST(a_mapping_that_the_system_refuses, IsTracedBeforeTheLockIsReleasedAndWorksL
     user.call("fail mmap64 ENOMEM");
     user.call("fail flock EBADF 2");
     EXPECT_EQ(fatal_outcome(user, "map rx_ring 1 0 0"), aborted(said + release_failed));
-}
-
-TEST(mapping_without_a_name, IsTracedFirst) {
-    sandbox machine(low, {"--without", "proc"});
-    for (const auto& [name, shown, expression] :
-         {std::tuple{"@null", "(null)", "name"}, std::tuple{"\"\"", "", "strlen(name)"}}) {
-        client user = machine.start({"setenv ZUL_TRACE tarvo=5"});
-        EXPECT_EQ(fatal_outcome(user, "map " + std::string(name) + " 1 4096 8192"),
-                  aborted(traced(5, "tarvo_map",
-                                 std::string("tarvo_map: name ") + shown + " off 1000 size 2000") +
-                          assertion(signature, expression)));
-    }
 }
 
 // ---- Traces ----
@@ -285,34 +228,13 @@ TEST(tracing_of_a_mapping, ShowsTheArgumentsInFullWidthAndNothingMoreOnSuccess) 
                   bounds_message(four_gib, two_pages, 0));
 }
 
-TEST(tracing_of_a_mapping, ReportsThatTheLockFailed) {
-    sandbox machine(simulation);
-    client user = machine.start({"setenv ZUL_TRACE tarvo=5", "limits", "fail flock EINTR"});
-    const std::string called = "tarvo_map: name rx_ring off 1000 size 1";
-    EXPECT_EQ(outcome(user, "map rx_ring 1 0x1000 1"),
-              "null\n" + traced(5, "tarvo_map", called) +
-                  "tarvo: failed to accquire lock: Interrupted system call\n" +
-                  traced(5, "tarvo_map", called + " - lock failed"));
-}
-
 TEST(tracing_of_a_mapping, ReportsThatTheNameIsUnknownAfterTheLockIsReleased) {
     sandbox machine(simulation);
     client user = machine.start({"setenv ZUL_TRACE tarvo=5", "limits"});
     const std::string called = "tarvo_map: name rx_ring off 0 size 0";
-    EXPECT_EQ(outcome(user, "map rx_ring 1 0 0"),
-              "null\n" + traced(5, "tarvo_map", called) +
-                  traced(5, "tarvo_map", called + " - not found"));
     user.call("fail flock EBADF 2");
     EXPECT_EQ(fatal_outcome(user, "map rx_ring 1 0 0"),
               aborted(traced(5, "tarvo_map", called) + release_failed));
-}
-
-TEST(tracing_of_a_mapping, NeedsLevel5ForFailuresToo) {
-    sandbox machine(simulation);
-    client user = machine.start({"setenv ZUL_TRACE tarvo=4", "alloc rx_ring 4096 me"});
-    EXPECT_EQ(user.map("tx_ring"), 0U);
-    EXPECT_EQ(user.map("rx_ring", true, 1), 0U);
-    EXPECT_EQ(user.error_text(), "");
 }
 
 } // namespace

@@ -1,70 +1,53 @@
-#include "sandbox.hpp"
+// DMA addresses and physical ones, and where a region's range of them begins.
+
+#include "world_test.hpp"
 
 #include <csignal>
-#include <gtest/gtest.h>
 
 namespace translation_test {
 
 namespace {
 
-const std::string bad_dma =
-    "tarvo-client: tarvo:LINE: uint64_t tarvo_dma_to_pa(uint32_t): Assertion "
-    "`res >= dma_chunk_head->pa && res <= dma_chunk_tail->pa' failed.\n";
-const std::string bad_pa =
-    "tarvo-client: tarvo:LINE: uint32_t tarvo_pa_to_dma(uint64_t): Assertion "
-    "`pa >= dma_chunk_head->pa && pa <= dma_chunk_tail->pa' failed.\n";
+const std::string not_a_dma_address = assertion(
+    "uint64_t tarvo_dma_to_pa(uint32_t)", "res >= dma_chunk_head->pa && res <= dma_chunk_tail->pa");
 
-void expect_death(sandbox& machine, const std::string& command, const std::string& said) {
-    client user = machine.start();
-    EXPECT_EQ(user.dies(command), ended_by(SIGABRT)) << command;
-    EXPECT_EQ(without_lines(user.error_text()), said) << command;
-}
-
-class translation : public testing::TestWithParam<world> {};
+class translation : public world_test {
+  protected:
+    /// Each in a program of its own.
+    void expect_deaths(uint64_t pa, uint32_t dma) {
+        client of_pa = machine.start();
+        EXPECT_EQ(fatal_outcome(of_pa, "to_dma " + std::to_string(pa)),
+                  aborted(not_in_the_region()))
+            << pa;
+        client of_dma = machine.start();
+        EXPECT_EQ(fatal_outcome(of_dma, "to_pa " + std::to_string(dma)), aborted(not_a_dma_address))
+            << dma;
+    }
+};
 
 TEST_P(translation, AcceptsTheWholeRegionItsEndIncluded) {
-    const world& region = GetParam();
-    sandbox machine(region);
-    client user = machine.start();
-    for (const uint64_t offset :
-         {uint64_t{0}, uint64_t{1}, pages(1), region.bytes / 2, region.bytes - 1, region.bytes}) {
-        const uint64_t pa = region.start + offset;
-        EXPECT_EQ(user.to_dma(pa), region.dma(pa)) << offset;
-        EXPECT_EQ(user.to_pa(region.dma(pa)), pa) << offset;
+    for (const uint64_t offset : {uint64_t{0}, uint64_t{1}, pages(1), region().bytes / 2,
+                                  region().bytes - 1, region().bytes}) {
+        const uint64_t pa = region().start + offset;
+        EXPECT_EQ(user.to_dma(pa), region().dma(pa)) << offset;
+        EXPECT_EQ(user.to_pa(region().dma(pa)), pa) << offset;
     }
-    EXPECT_EQ(user.limits(), (dma_limits{0, region.start_dma, region.end_dma()}));
+    EXPECT_EQ(user.limits(), (dma_limits{0, region().start_dma, region().end_dma()}));
     EXPECT_EQ(user.error_text(), "");
 }
 
-TEST_P(translation, OfOneByteAfterTheEndEndsTheProcess) {
-    const world& region = GetParam();
-    sandbox machine(region);
-    expect_death(machine, "to_dma " + std::to_string(region.end() + 1), bad_pa);
-    expect_death(machine, "to_pa " + std::to_string(region.end_dma() + 1), bad_dma);
-}
-
-TEST_P(translation, OfOneByteBeforeTheStartEndsTheProcess) {
-    const world& region = GetParam();
-    sandbox machine(region);
-    expect_death(machine, "to_dma " + std::to_string(region.start - 1), bad_pa);
-    expect_death(machine, "to_pa " + std::to_string(region.start_dma - 1), bad_dma);
-}
-
-TEST_P(translation, OfTheExtremesEndsTheProcess) {
-    sandbox machine(GetParam());
-    expect_death(machine, "to_dma 0", bad_pa);
-    expect_death(machine, "to_dma 0xffffffffffffffff", bad_pa);
-    expect_death(machine, "to_pa 0", bad_dma);
-    expect_death(machine, "to_pa 0xffffffff", bad_dma);
+TEST_P(translation, OfWhatLiesOutsideEndsTheProcess) {
+    expect_deaths(region().end() + 1, region().end_dma() + 1);
+    expect_deaths(region().start - 1, region().start_dma - 1);
+    expect_deaths(0, 0);
+    expect_deaths(~uint64_t{0}, ~uint32_t{0});
 }
 
 TEST_P(translation, CountsOnTheSentinelsAndNotOnTheRegionOfTheProcess) {
-    sandbox machine(GetParam());
-    client user = machine.start();
     user.limits();
-    const uint64_t new_end = GetParam().end() - pages(1);
+    const uint64_t new_end = region().end() - pages(1);
     machine.writable_area().writer().u64(area_offset::chunk(1) + area_offset::pa, new_end);
-    EXPECT_EQ(user.limits().end, GetParam().dma(new_end));
+    EXPECT_EQ(user.limits().end, region().dma(new_end));
     EXPECT_EQ(user.dies("to_dma " + std::to_string(new_end + 1)), ended_by(SIGABRT));
 }
 
@@ -96,17 +79,6 @@ TEST(a_region, IsSeenFrom512MiBOnWhenItOrItsEndIsOutOf32Bits) {
         EXPECT_EQ(user.limits(), one.limits) << one.region;
         EXPECT_EQ(user.to_dma(one.pa), one.dma) << one.region;
     }
-}
-
-TEST(the_overhead, IsTheAreasSizeAndNeedsNoStart) {
-    sandbox machine(low, {"--without", "proc"});
-    client user = machine.start();
-    EXPECT_EQ(user.call("overhead"), "70131712");
-    EXPECT_EQ(user.call("pretend_page_bytes 65536"), "done");
-    EXPECT_EQ(user.call("overhead"), "70189056");
-    EXPECT_EQ(user.call("calls"), "");
-    EXPECT_EQ(user.error_text(), "");
-    EXPECT_EQ(mode_of(machine.hardware_area()), "missing");
 }
 
 } // namespace

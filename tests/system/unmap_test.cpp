@@ -107,23 +107,6 @@ TEST_P(unmapping, OfMoreThanTheChunkHasEndsTheProcessWhileTheLockIsHeld) {
 
 INSTANTIATE_TEST_SUITE_P(, unmapping, testing::ValuesIn(all_worlds()), world_name());
 
-TEST(unmapping_a_sentinel, EndsTheProcessAsForAnUnknownName) {
-    sandbox machine(simulation);
-    for (const char* name : {"__HEAD", "__TAIL"}) {
-        client user = machine.start({"alloc rx_ring 4096 me"});
-        EXPECT_EQ(fatal_outcome(user, std::string("unmap ") + name + " 0x1000 0"),
-                  aborted(assertion(signature, "found")));
-    }
-}
-
-TEST(unmapping_a_freed_chunk, EndsTheProcess) {
-    sandbox machine(simulation);
-    client user = machine.start({"alloc rx_ring 4096 me"});
-    const uint64_t va = user.map("rx_ring");
-    machine.start().free("rx_ring");
-    EXPECT_EQ(fatal_outcome(user, unmap_command(va)), aborted(assertion(signature, "found")));
-}
-
 TEST(the_unmap_message, IsWrittenBeforeTheLockIsReleased) {
     sandbox machine(low);
     client user = machine.start({"alloc rx_ring 4096 me", "fail flock EBADF 2"});
@@ -137,33 +120,6 @@ TEST(the_unmap_message, ShowsTheSizeUnsigned) {
     machine.writable_area().writer().u32(area_offset::chunk(2) + area_offset::size, 0xe0000000);
     EXPECT_EQ(outcome(user, unmap_command(0x1001, 1)),
               "0\n" + unmap_message(high.start, 0x1001, 0xe0000000));
-}
-
-TEST(the_unmap_message, EndsInTheSystemsOwnWords) {
-    sandbox machine(simulation);
-    client user = machine.start({"alloc rx_ring 4096 me", "fail munmap ENOMEM"});
-    EXPECT_EQ(outcome(user, unmap_command(0x70000000)),
-              "0\ntarvo: failed to unmap chunk, pa: 1000, va: 0x70000000, size: 4096, Cannot "
-              "allocate memory\n");
-}
-
-TEST(unmapping_with_wrong_arguments, EndsTheProcessBeforeTheLibraryStarts) {
-    sandbox machine(low, {"--without", "proc"});
-    for (const char* wrong : {"\"\" 0x1000 0", "rx_ring @null 0", "\"\" @null 0"}) {
-        client user = machine.start();
-        EXPECT_EQ(fatal_outcome(user, std::string("unmap ") + wrong),
-                  aborted(assertion(signature, "strlen(name) && va")))
-            << wrong;
-    }
-}
-
-TEST(unmapping_without_a_name, FaultsOnTheRead) {
-    sandbox machine(low, {"--without", "proc"});
-    for (const char* va : {"0x1000", "@null"}) {
-        client user = machine.start();
-        EXPECT_EQ(user.dies(std::string("unmap @null ") + va + " 0"), ended_by(SIGSEGV));
-        EXPECT_EQ(user.error_text(), "");
-    }
 }
 
 TEST(tracing_of_an_unmapping, ShowsTheArgumentsOnceHoweverTheCallGoes) {
