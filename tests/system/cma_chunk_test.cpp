@@ -184,28 +184,6 @@ TEST_F(cma_chunk, ThatNobodyHasARecordForIsNotAskedFor) {
     EXPECT_EQ(machine.cma_commands(), texts{});
 }
 
-TEST(a_cma_release, ThatCannotBeHandedOnKeepsTheChunkAndItsDevices) {
-    sandbox machine(cma, {"--rule", "op=open-write,file=proc,errno=EACCES,nth=2"});
-    client user = machine.start({"register 0 3 0", "alloc rx_ring 4096 me"});
-    const texts lines = machine.request_lines();
-    const std::vector<uint8_t> before = machine.area().snapshot();
-    EXPECT_EQ(outcome(user, "free rx_ring"), "-1\nError opening /proc/tarvo: Permission denied\n");
-    EXPECT_EQ(first_difference(machine.area().view().bytes(), before), "");
-    EXPECT_EQ(troubles(machine), texts{});
-    EXPECT_EQ(machine.request_lines(), lines);
-    EXPECT_EQ(outcome(user, "free rx_ring"), "0\n");
-}
-
-TEST(a_cma_release, ThatCannotBePrintedKeepsTheChunkAndSaysWhyByTheResultNotByErrno) {
-    sandbox machine(cma);
-    client user = machine.start({"alloc rx_ring 4096 me", "fail fprintf ENOSPC"});
-    const std::vector<uint8_t> before = machine.area().snapshot();
-    EXPECT_EQ(outcome(user, "free rx_ring"), "-1\nError freeing CMA Unknown error -1\n");
-    EXPECT_EQ(first_difference(machine.area().view().bytes(), before), "");
-    EXPECT_EQ(troubles(machine), texts{});
-    EXPECT_EQ(machine.cma_commands(), texts{"a rx_ring 1000\n"});
-}
-
 TEST(a_cma_release, ThatFailsIsNotTraced) {
     sandbox machine(cma, {"--rule", "op=open-write,file=proc,errno=EACCES,nth=2"});
     client user = machine.start({"setenv ZUL_TRACE tarvo=5", "alloc rx_ring 4096 me"});
@@ -240,15 +218,17 @@ TEST(a_cma_release, IsDoneEvenIfADeviceThenKeepsTheChunkListedKeptOnPurpose) {
 }
 
 TEST(a_failed_start_with_cma, IsRememberedByASimulatedRegionKeptOnPurpose) {
-    sandbox machine(cma, {"--without", "mem"});
-    client user = machine.start();
-    EXPECT_EQ(user.limits().result, -1);
-    user.call("setenv SIMULATION_VMID 1");
-    EXPECT_EQ(outcome(user, "alloc rx_ring 4096 me"), "0x0\n");
-    EXPECT_EQ(machine.cma_commands(), (texts{"a rx_ring 1000\n", "r rx_ring 1000\n"}));
-    client other = machine.start({"setenv SIMULATION_VMID 1"});
-    EXPECT_EQ(outcome(other, "alloc rx_ring 4096 me"), "0x1000\n");
-    EXPECT_EQ(machine.cma_commands().size(), 2U);
+    for (const bool has_memory : {false, true}) {
+        sandbox machine(cma, has_memory ? texts{} : texts{"--without", "mem"});
+        client user = machine.start(has_memory ? texts{"fail ftruncate EIO"} : texts{});
+        EXPECT_EQ(user.limits().result, -1) << has_memory;
+        user.call("setenv SIMULATION_VMID 1");
+        EXPECT_EQ(outcome(user, "alloc rx_ring 4096 me"), "0x0\n") << has_memory;
+        EXPECT_EQ(machine.cma_commands(), (texts{"a rx_ring 1000\n", "r rx_ring 1000\n"}));
+        client other = machine.start({"setenv SIMULATION_VMID 1"});
+        EXPECT_EQ(outcome(other, "alloc rx_ring 4096 me"), "0x1000\n") << has_memory;
+        EXPECT_EQ(machine.cma_commands().size(), 2U) << has_memory;
+    }
 }
 
 } // namespace

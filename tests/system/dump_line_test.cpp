@@ -36,19 +36,6 @@ TEST_P(listed_chunk, IsWrittenWhereItFitsAndOtherwiseOfferedAgain) {
     expect_line_in_buffers(user, "dump_next", line);
 }
 
-TEST_P(listed_chunk, ThatDidNotFitIsTheNextOneStill) {
-    user.alloc("first", pages(1));
-    user.alloc("second", pages(1));
-    user.call("dump_begin");
-    const std::string first = chunk_line(2, "first", "test", region().start, 4096);
-    const std::string second = chunk_line(3, "second", "test", region().start + pages(1), 4096);
-    EXPECT_EQ(user.call("dump_next 10"), "end");
-    EXPECT_EQ(user.call("dump_next 256"), reply_of(first));
-    EXPECT_EQ(user.call("dump_next 10"), "end");
-    EXPECT_EQ(user.call("dump_next 256"), reply_of(second));
-    EXPECT_EQ(user.call("dump_next 256"), "end");
-}
-
 TEST_P(listed_chunk, FillsItsColumnsWithTheLongestTexts) {
     const std::string name(49, 'n');
     const std::string creator(99, 'c');
@@ -127,16 +114,6 @@ TEST(listed_device, IsWrittenWhereItFitsAndOtherwiseOfferedAgain) {
     sandbox machine(low);
     client user = listing_client(machine, {"register 0 3 0"});
     expect_line_in_buffers(user, "dump_next_device", "0000:03:00.0: online");
-}
-
-TEST(listed_device, ThatDidNotFitIsTheNextOneStill) {
-    sandbox machine(low);
-    client user = listing_client(machine, {"register 0 3 0", "register 0 4 0"});
-    EXPECT_EQ(user.call("dump_next_device 20"), "end");
-    EXPECT_EQ(user.call("dump_next_device 21"), reply_of("0000:03:00.0: online"));
-    EXPECT_EQ(user.call("dump_next_device 20"), "end");
-    EXPECT_EQ(user.call("dump_next_device 21"), reply_of("0000:04:00.0: online"));
-    EXPECT_EQ(user.call("dump_next_device 21"), "end");
 }
 
 struct device_case {

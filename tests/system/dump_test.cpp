@@ -2,8 +2,6 @@
 
 #include "dump_lines.hpp"
 
-#include <csignal>
-
 namespace dump_test {
 
 namespace {
@@ -99,16 +97,6 @@ TEST_P(a_listing, MakesEveryOtherProcessWaitWithItsChanges) {
         EXPECT_EQ(others[i].reply(), "0") << commands[i];
     }
     EXPECT_EQ(troubles(machine), texts{});
-}
-
-TEST_P(a_listing, IsOverAfterItsEnd) {
-    user.alloc("rx_ring", pages(1));
-    user.register_device(0, 3, 0);
-    user.call("dump_begin");
-    EXPECT_EQ(user.call("dump_end"), "0");
-    EXPECT_EQ(user.call("dump_next 256"), "end");
-    EXPECT_EQ(user.call("dump_next_device 256"), "end");
-    EXPECT_EQ(user.dump().size(), 2U);
 }
 
 TEST_P(a_listing, KeepsTwoPlacesThatMoveOneWithoutTheOther) {
@@ -209,13 +197,6 @@ TEST(a_listing_that_cannot_begin_again, GoesOnWhereItWasKeptOnPurpose) {
     user.call("fail flock EINTR");
     EXPECT_EQ(user.call("dump_begin"), "false");
     EXPECT_EQ(user.call("dump_next 256"), reply_of(chunk_line(3, "second", "me", 0x2000, 4096)));
-}
-
-TEST(a_listing_that_cannot_release_the_lock, EndsTheProcess) {
-    sandbox machine(cma);
-    client user = machine.start({"dump_begin", "fail flock EBADF"});
-    EXPECT_EQ(fatal_outcome(user, "dump_end"), aborted(release_failed));
-    EXPECT_TRUE(lock_is_free(machine.lock_file()));
 }
 
 TEST(a_listing_in_progress, LosesItsLockToAnyOtherCallOfTheProcessKeptOnPurpose) {

@@ -1,7 +1,7 @@
 // Every way in which start-up fails: what is said, what is left, and that the next call tries
 // again.
 
-#include "sandbox.hpp"
+#include "observed.hpp"
 
 #include <csignal>
 #include <filesystem>
@@ -16,8 +16,6 @@ const std::string no_region =
     "tarvo_init: no DMA memory found\nSIMULATION_VMID environ variable probably missing\n";
 const std::string not_ready = "tarvo: failed to initialize library\n";
 constexpr dma_limits failed{-1, 0xdeadbeef, 0xdeadbeef};
-
-using texts = std::vector<std::string>;
 
 dma_limits whole_region(const world& chosen) {
     return {0, chosen.start_dma, chosen.end_dma()};
@@ -250,16 +248,6 @@ TEST(an_area_that_cannot_be_sized, IsNotCalledInitialised) {
     EXPECT_EQ(user.error_text().find("Library initialized"), std::string::npos);
 }
 
-TEST(an_area_that_cannot_be_sized, LeavesItRememberedThatTheRegionIsNamedCma) {
-    sandbox machine(cma);
-    client user = machine.start({"fail ftruncate EIO"});
-    EXPECT_EQ(user.limits(), failed);
-    user.call("setenv SIMULATION_VMID 1");
-    EXPECT_EQ(user.limits(), whole_region(simulation));
-    EXPECT_EQ(user.alloc("rx_ring", 4096), 0U);
-    EXPECT_EQ(machine.cma_commands(), (texts{"a rx_ring 1000\n", "r rx_ring 1000\n"}));
-}
-
 TEST(an_area_that_cannot_be_mapped, IsReportedAndTraced) {
     for (const world& chosen : all_worlds()) {
         sandbox machine(chosen);
@@ -338,40 +326,6 @@ TEST(a_lock_that_cannot_be_released, EndsTheProcessWithTheAreaBuilt) {
 }
 
 // ---- What every operation makes of it ----
-
-struct operation {
-    const char* command;
-    const char* failure;
-};
-
-TEST(an_operation_that_cannot_start_the_library, SaysSoAndReturnsItsFailureValue) {
-    const std::vector<operation> operations{
-        {"alloc rx_ring 4096 me", "0x0"},
-        {"free rx_ring", "-1"},
-        {"map rx_ring 1 0 0", "null"},
-        {"unmap rx_ring 0x1000 0", "-1"},
-        {"find 0x1000", "null 0xdeadbeef"},
-        {"to_pa 0x1000", "0x0"},
-        {"to_dma 0x1000", "0x0"},
-        {"limits", "-1 0xdeadbeef 0xdeadbeef"},
-        {"map_all", "null"},
-        {"dump_begin", "false"},
-        {"register 0 3 0", "-1"},
-        {"unregister 0 3 0", "-1"},
-    };
-    sandbox machine(low, {"--without", "proc"});
-    const std::string why =
-        "tarvo: failed to open /proc/tarvo\n: No such file or directory\n" + no_region + not_ready;
-    client user = machine.start();
-    std::string said;
-    for (const operation& one : operations) {
-        EXPECT_EQ(user.call(one.command), one.failure) << one.command;
-        said += why;
-        EXPECT_EQ(user.error_text(), said) << one.command;
-    }
-    EXPECT_EQ(user.call("overhead"), "70131712");
-    EXPECT_EQ(user.error_text(), said);
-}
 
 TEST(an_operation_that_cannot_start_the_library, StartsItOnTheNextCall) {
     sandbox machine(low, {"--rule", "op=open-read,errno=EIO"});

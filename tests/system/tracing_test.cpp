@@ -1,4 +1,4 @@
-#include "sandbox.hpp"
+#include "observed.hpp"
 
 #include <gtest/gtest.h>
 #include <regex>
@@ -31,13 +31,11 @@ void use_the_library(client& user) {
     user.free("nothing");
 }
 
-constexpr const char* mismatch_message = "tarvo: find_chunk_desc() size mismatch, see tarvo\n\n";
-
 TEST(tracing, WritesNothingUnlessItIsAskedFor) {
     sandbox machine(simulation);
     client user = machine.start({"unsetenv ZUL_TRACE"});
     use_the_library(user);
-    EXPECT_EQ(user.error_text(), mismatch_message);
+    EXPECT_EQ(user.error_text(), size_mismatch);
 }
 
 TEST(tracing, WritesNothingForOtherFacilitiesAndLowerLevels) {
@@ -46,7 +44,7 @@ TEST(tracing, WritesNothingForOtherFacilitiesAndLowerLevels) {
                                 "tarvo=6x", "other=6,tarvo=1", "tarvox=6"}) {
         client user = machine.start({"setenv ZUL_TRACE " + quoted(setting)});
         use_the_library(user);
-        EXPECT_EQ(user.error_text(), mismatch_message) << setting;
+        EXPECT_EQ(user.error_text(), size_mismatch) << setting;
     }
 }
 
@@ -107,7 +105,7 @@ TEST(tracing, AtLevel3ReportsFailuresOnly) {
     EXPECT_EQ(without_lines(user.error_text()),
               "[tarvo:3] tarvo:LINE find_chunk_desc: tarvo: find_chunk_desc() size mismatch, see "
               "tarvo\n" +
-                  std::string(mismatch_message));
+                  std::string(size_mismatch));
 }
 
 /// The line of the one record whose text ends so.
