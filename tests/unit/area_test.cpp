@@ -60,11 +60,35 @@ TEST_F(area_rules, AreAllKeptByASoundArea) {
     EXPECT_EQ(area.view().free_refs(3).size(), 254U);
 }
 
+namespace at = area_offset;
+
+/// Makes one field hold something else.
+using change = std::function<void(const area_writer&)>;
+
+change u8(size_t offset, uint8_t value) {
+    return [=](const area_writer& write) { write.u8(offset, value); };
+}
+
+change i32(size_t offset, int32_t value) {
+    return [=](const area_writer& write) { write.i32(offset, value); };
+}
+
+change text(size_t offset, const std::string& value) {
+    return [=](const area_writer& write) { write.text(offset, value); };
+}
+
+change both(const change& first, const change& second) {
+    return [=](const area_writer& write) {
+        first(write);
+        second(write);
+    };
+}
+
 /// One damage, and all that the rules say of it.
 struct damage {
     const char* name;
-    std::function<void(const area_writer&)> inflict;
-    std::vector<std::string> breaches;
+    change inflict;
+    const char* breaches; ///< a line each
 };
 
 std::ostream& operator<<(std::ostream& stream, const damage& each) {
@@ -75,157 +99,102 @@ class damaged_area : public area_rules, public testing::WithParamInterface<damag
 
 TEST_P(damaged_area, BreaksTheRuleThatIsNamed) {
     GetParam().inflict(write);
-    EXPECT_THAT(breaches(), testing::ElementsAreArray(GetParam().breaches));
-}
-
-size_t in_chunk(int index, size_t field) {
-    return area_offset::chunk(index) + field;
-}
-
-size_t in_device(int index, size_t field) {
-    return area_offset::device(index) + field;
-}
-
-size_t in_ref(int chunk, int index, size_t field) {
-    return area_offset::ref(chunk, index) + field;
+    std::string found;
+    for (const std::string& breach : breaches()) {
+        found += (found.empty() ? "" : "\n") + breach;
+    }
+    EXPECT_EQ(found, GetParam().breaches);
 }
 
 const damage frame_damages[] = {
-    {"NotInitialized", [](const area_writer& write) { write.u8(0, 0); }, {"initialized is 0"}},
-    {"FramePadding",
-     [](const area_writer& write) { write.u8(3, 9); },
-     {"padding after initialized is not zero"}},
-    {"HeadAlone",
-     [](const area_writer& write) { write.i32(area_offset::chunks_tail, -1); },
-     {"chunks: head 0, tail -1", "chunks: 0 elements, not even two sentinels"}},
-    {"DevicesHeadOutOfRange",
-     [](const area_writer& write) { write.i32(area_offset::devices_head, 256); },
-     {"devices: head 256, tail 1", "chunk 3: reference 0 is to device 0, which is not registered",
-      "chunk 3: reference 1 is to device 1, which is not registered"}},
+    {"NotInitialized", u8(0, 0), "initialized is 0"},
+    {"FramePadding", u8(3, 9), "padding after initialized is not zero"},
+    {"HeadAlone", i32(at::chunks_tail, -1),
+     "chunks: head 0, tail -1\n"
+     "chunks: 0 elements, not even two sentinels"},
+    {"DevicesHeadOutOfRange", i32(at::devices_head, 256),
+     "devices: head 256, tail 1\n"
+     "chunk 3: reference 0 is to device 0, which is not registered\n"
+     "chunk 3: reference 1 is to device 1, which is not registered"},
 };
 
 const damage link_damages[] = {
-    {"NextOutOfRange",
-     [](const area_writer& write) { write.i32(in_chunk(3, area_offset::next), 16384); },
-     {"chunks: link 16384 after element 3 is out of range",
-      "chunks: 0 elements, not even two sentinels"}},
-    {"NextInACircle",
-     [](const area_writer& write) { write.i32(in_chunk(3, area_offset::next), 2); },
-     {"chunks: element 2 after element 3 was already visited",
-      "chunks: 0 elements, not even two sentinels"}},
-    {"PrevWrong",
-     [](const area_writer& write) { write.i32(in_chunk(3, area_offset::prev), 4); },
-     {"chunks: element 2 has next 3, element 3 has prev 4"}},
-    {"TailNotLinkedToHead",
-     [](const area_writer& write) { write.i32(in_chunk(1, area_offset::next), 2); },
-     {"chunks: element 1 has next 2, element 0 has prev 1"}},
-    {"DevicePrevWrong",
-     [](const area_writer& write) { write.i32(in_device(0, area_offset::prev), 0); },
-     {"devices: element 1 has next 0, element 0 has prev 0"}},
-    {"RefNextOutOfRange",
-     [](const area_writer& write) { write.i32(in_ref(3, 0, area_offset::next), -1); },
-     {"devs of chunk 3: link -1 after element 0 is out of range"}},
+    {"NextOutOfRange", i32(at::chunk(3) + at::next, 16384),
+     "chunks: link 16384 after element 3 is out of range\n"
+     "chunks: 0 elements, not even two sentinels"},
+    {"NextInACircle", i32(at::chunk(3) + at::next, 2),
+     "chunks: element 2 after element 3 was already visited\n"
+     "chunks: 0 elements, not even two sentinels"},
+    {"PrevWrong", i32(at::chunk(3) + at::prev, 4),
+     "chunks: element 2 has next 3, element 3 has prev 4"},
+    {"TailNotLinkedToHead", i32(at::chunk(1) + at::next, 2),
+     "chunks: element 1 has next 2, element 0 has prev 1"},
+    {"DevicePrevWrong", i32(at::device(0) + at::prev, 0),
+     "devices: element 1 has next 0, element 0 has prev 0"},
+    {"RefNextOutOfRange", i32(at::ref(3, 0) + at::next, -1),
+     "devs of chunk 3: link -1 after element 0 is out of range"},
 };
 
 const damage membership_damages[] = {
-    {"LiveElementNotAllocated",
-     [](const area_writer& write) { write.u8(in_chunk(3, area_offset::allocated), 0); },
-     {"chunks: element 3 is on the list, allocated 0"}},
-    {"LiveElementAllocatedTwo",
-     [](const area_writer& write) { write.u8(in_chunk(3, area_offset::allocated), 2); },
-     {"chunks: element 3 is on the list, allocated 2"}},
-    {"FreeElementAllocated",
-     [](const area_writer& write) { write.u8(in_chunk(9, area_offset::allocated), 1); },
-     {"chunks: element 9 is on the free chain and not zero, allocated 1"}},
-    {"FreeElementNotZero",
-     [](const area_writer& write) { write.u8(in_chunk(16383, 4279), 1); },
-     {"chunks: element 16383 is on the free chain and not zero, allocated 0"}},
-    {"FreeChainSkipsAnElement",
-     [](const area_writer& write) { write.i32(in_device(5, area_offset::next), 7); },
-     {"devices: element 6 is on neither the list nor the free chain, allocated 0"}},
-    {"FreeChainHoldsALiveElement",
-     [](const area_writer& write) { write.i32(in_device(255, area_offset::next), 0); },
-     {"devices: element 0 after element 1 was already visited"}},
-    {"FreeChainOutOfRange",
-     [](const area_writer& write) { write.i32(in_ref(2, 255, area_offset::next), 256); },
-     {"devs of chunk 2: link 256 after element 255 is out of range"}},
+    {"LiveElementNotAllocated", u8(at::chunk(3) + at::allocated, 0),
+     "chunks: element 3 is on the list, allocated 0"},
+    {"LiveElementAllocatedTwo", u8(at::chunk(3) + at::allocated, 2),
+     "chunks: element 3 is on the list, allocated 2"},
+    {"FreeElementAllocated", u8(at::chunk(9) + at::allocated, 1),
+     "chunks: element 9 is on the free chain and not zero, allocated 1"},
+    {"FreeElementNotZero", u8(at::chunk(16383) + 4279, 1),
+     "chunks: element 16383 is on the free chain and not zero, allocated 0"},
+    {"FreeChainSkipsAnElement", i32(at::device(5) + at::next, 7),
+     "devices: element 6 is on neither the list nor the free chain, allocated 0"},
+    {"FreeChainHoldsALiveElement", i32(at::device(255) + at::next, 0),
+     "devices: element 0 after element 1 was already visited"},
+    {"FreeChainOutOfRange", i32(at::ref(2, 255) + at::next, 256),
+     "devs of chunk 2: link 256 after element 255 is out of range"},
     {"FreeChainEndsInALiveElement",
-     [](const area_writer& write) {
-         write.i32(in_device(255, area_offset::next), 1);
-         write.i32(in_device(1, area_offset::next), -1);
-     },
-     {"devices: element 1 has next -1, element 0 has prev 1",
-      "devices: element 1 is on both the list and the free chain, allocated 1",
-      "devices: element 1 is on the free chain and not zero, allocated 1"}},
+     both(i32(at::device(255) + at::next, 1), i32(at::device(1) + at::next, -1)),
+     "devices: element 1 has next -1, element 0 has prev 1\n"
+     "devices: element 1 is on both the list and the free chain, allocated 1\n"
+     "devices: element 1 is on the free chain and not zero, allocated 1"},
 };
 
 const damage chunk_damages[] = {
-    {"OutOfOrder",
-     [](const area_writer& write) { write.u64(in_chunk(2, area_offset::pa), 0x9000); },
-     {"chunk 3: pa 16384 is below 36864 of chunk 2 before it"}},
-    {"Overlap",
-     [](const area_writer& write) { write.u32(in_chunk(3, area_offset::size), 0x3000); },
-     {"chunk 3: end 28672 is above the start 24576 of chunk 4"}},
-    {"AfterTheRegion",
-     [](const area_writer& write) { write.u32(in_chunk(4, area_offset::size), 0x100000); },
-     {"chunk 4: end 1073152 is above the start 1052672 of chunk 1",
-      "chunk 4: pa 24576, size 1048576 is not within 4096 to 1052672"}},
-    {"SentinelWithASize",
-     [](const area_writer& write) { write.u32(in_chunk(1, area_offset::size), 1); },
-     {"chunk 1 stands for __TAIL: name '__TAIL', size 1"}},
-    {"SentinelOfAnotherName",
-     [](const area_writer& write) { write.text(in_chunk(0, area_offset::name), "__HEAT"); },
-     {"chunk 0 stands for __HEAD: name '__HEAT', size 0"}},
-    {"SentinelWithDevices",
-     [](const area_writer& write) { write.i32(in_chunk(0, area_offset::devs_head), -1); },
-     {"__HEAD: devs is not zero"}},
-    {"NoName",
-     [](const area_writer& write) { write.text(in_chunk(2, area_offset::name), ""); },
-     {"chunk 2: name of 0 bytes", "chunk 2: bytes after the name are not zero"}},
-    {"NameWithoutEnd",
-     [](const area_writer& write) {
-         write.text(in_chunk(2, area_offset::name), std::string(50, 'n'));
-     },
-     {"chunk 2: name of 50 bytes"}},
+    {"OutOfOrder", i32(at::chunk(2) + at::pa, 0x9000),
+     "chunk 3: pa 16384 is below 36864 of chunk 2 before it"},
+    {"Overlap", i32(at::chunk(3) + at::size, 0x3000),
+     "chunk 3: end 28672 is above the start 24576 of chunk 4"},
+    {"AfterTheRegion", i32(at::chunk(4) + at::size, 0x100000),
+     "chunk 4: end 1073152 is above the start 1052672 of chunk 1\n"
+     "chunk 4: pa 24576, size 1048576 is not within 4096 to 1052672"},
+    {"SentinelWithASize", i32(at::chunk(1) + at::size, 1),
+     "chunk 1 stands for __TAIL: name '__TAIL', size 1"},
+    {"SentinelOfAnotherName", text(at::chunk(0) + at::name, "__HEAT"),
+     "chunk 0 stands for __HEAD: name '__HEAT', size 0"},
+    {"SentinelWithDevices", i32(at::chunk(0) + at::devs_head, -1), "__HEAD: devs is not zero"},
+    {"NoName", text(at::chunk(2) + at::name, ""),
+     "chunk 2: name of 0 bytes\n"
+     "chunk 2: bytes after the name are not zero"},
+    {"NameWithoutEnd", text(at::chunk(2) + at::name, std::string(50, 'n')),
+     "chunk 2: name of 50 bytes"},
     {"CreatorWithoutEnd",
-     [](const area_writer& write) {
-         write.text(in_chunk(2, area_offset::creator), std::string(99, 'c'));
-         write.u8(in_chunk(2, 171), 'c');
-     },
-     {"chunk 2: creator of 100 bytes"}},
-    {"RestOfAnotherCreator",
-     [](const area_writer& write) { write.text(in_chunk(2, area_offset::creator), "un"); },
-     {"chunk 2: bytes after the creator are not zero"}},
-    {"ChunkPadding",
-     [](const area_writer& write) { write.u8(in_chunk(2, 59), 1); },
-     {"chunk 2: bytes after the name are not zero"}},
+     both(text(at::chunk(2) + at::creator, std::string(99, 'c')), u8(at::chunk(2) + 171, 'c')),
+     "chunk 2: creator of 100 bytes"},
+    {"RestOfAnotherCreator", text(at::chunk(2) + at::creator, "un"),
+     "chunk 2: bytes after the creator are not zero"},
+    {"ChunkPadding", u8(at::chunk(2) + 59, 1), "chunk 2: bytes after the name are not zero"},
 };
 
 const damage device_damages[] = {
-    {"TheSameDeviceTwice",
-     [](const area_writer& write) {
-         write.i32(in_device(1, area_offset::bus), 3);
-         write.i32(in_device(1, area_offset::devfn), 8);
-     },
-     {"devices 0 and 1 are both 0:3:8"}},
-    {"OnlineTwo",
-     [](const area_writer& write) { write.u8(in_device(1, area_offset::online), 2); },
-     {"device 1: online is 2"}},
-    {"DevicePadding",
-     [](const area_writer& write) { write.u8(in_device(1, 27), 1); },
-     {"device 1: padding is not zero"}},
-    {"RefToAFreeDevice",
-     [](const area_writer& write) { write.i32(in_ref(3, 1, area_offset::dev), 2); },
-     {"chunk 3: reference 1 is to device 2, which is not registered"}},
-    {"RefOutOfRange",
-     [](const area_writer& write) { write.i32(in_ref(3, 0, area_offset::dev), -1); },
-     {"chunk 3: reference 0 is to device -1, which is not registered"}},
-    {"TwoRefsToOneDevice",
-     [](const area_writer& write) { write.i32(in_ref(3, 1, area_offset::dev), 0); },
-     {"chunk 3: references 0 and 1 are both to device 0"}},
-    {"RefPadding",
-     [](const area_writer& write) { write.u8(in_ref(3, 1, 11), 1); },
-     {"chunk 3: padding of reference 1 is not zero"}},
+    {"TheSameDeviceTwice", both(i32(at::device(1) + at::bus, 3), i32(at::device(1) + at::devfn, 8)),
+     "devices 0 and 1 are both 0:3:8"},
+    {"OnlineTwo", u8(at::device(1) + at::online, 2), "device 1: online is 2"},
+    {"DevicePadding", u8(at::device(1) + 27, 1), "device 1: padding is not zero"},
+    {"RefToAFreeDevice", i32(at::ref(3, 1) + at::dev, 2),
+     "chunk 3: reference 1 is to device 2, which is not registered"},
+    {"RefOutOfRange", i32(at::ref(3, 0) + at::dev, -1),
+     "chunk 3: reference 0 is to device -1, which is not registered"},
+    {"TwoRefsToOneDevice", i32(at::ref(3, 1) + at::dev, 0),
+     "chunk 3: references 0 and 1 are both to device 0"},
+    {"RefPadding", u8(at::ref(3, 1) + 11, 1), "chunk 3: padding of reference 1 is not zero"},
 };
 
 std::string name_of(const testing::TestParamInfo<damage>& info) {
@@ -239,18 +208,18 @@ INSTANTIATE_TEST_SUITE_P(chunks, damaged_area, testing::ValuesIn(chunk_damages),
 INSTANTIATE_TEST_SUITE_P(devices, damaged_area, testing::ValuesIn(device_damages), name_of);
 
 TEST_F(area_rules, AllowOverlapWhereATestExpectsIt) {
-    write.u32(in_chunk(3, area_offset::size), 0x3000);
+    write.u32(at::chunk(3) + at::size, 0x3000);
     EXPECT_THAT(breaches({.overlap = true}), IsEmpty());
 }
 
 TEST_F(area_rules, StillKeepOverlappingChunksInsideTheRegion) {
-    write.u32(in_chunk(3, area_offset::size), 0x300000);
+    write.u32(at::chunk(3) + at::size, 0x300000);
     EXPECT_THAT(breaches({.overlap = true}),
                 ElementsAre("chunk 3: pa 16384, size 3145728 is not within 4096 to 1052672"));
 }
 
 TEST_F(area_rules, AllowReferencesToForgottenDevicesWhereATestExpectsThem) {
-    write.i32(in_ref(3, 1, area_offset::dev), 2);
+    write.i32(at::ref(3, 1) + at::dev, 2);
     EXPECT_THAT(breaches({.stale_refs = true}), IsEmpty());
 }
 
@@ -264,9 +233,9 @@ TEST_F(area_rules, WantTheRestOfTheLastPageToBeZero) {
 }
 
 TEST_F(area_rules, MakeAWalkOverADamagedListThrow) {
-    write.i32(in_chunk(3, area_offset::next), 2);
+    write.i32(at::chunk(3) + at::next, 2);
     EXPECT_THROW(area.view().chunks(), std::runtime_error);
-    write.i32(area_offset::device(255), 2);
+    write.i32(at::device(255), 2);
     EXPECT_THROW(area.view().free_devices(), std::runtime_error);
 }
 
@@ -276,11 +245,11 @@ TEST(area_decoder, RefusesTooFewBytes) {
 }
 
 TEST(area_decoder, RefusesElementsThatDoNotExist) {
-    EXPECT_THROW(area_offset::chunk(16384), std::out_of_range);
-    EXPECT_THROW(area_offset::chunk(-1), std::out_of_range);
-    EXPECT_THROW(area_offset::device(256), std::out_of_range);
-    EXPECT_THROW(area_offset::ref(0, 256), std::out_of_range);
-    EXPECT_THROW(area_offset::ref(16384, 0), std::out_of_range);
+    EXPECT_THROW(at::chunk(16384), std::out_of_range);
+    EXPECT_THROW(at::chunk(-1), std::out_of_range);
+    EXPECT_THROW(at::device(256), std::out_of_range);
+    EXPECT_THROW(at::ref(0, 256), std::out_of_range);
+    EXPECT_THROW(at::ref(16384, 0), std::out_of_range);
 }
 
 /// A file of a given length that is gone at the end.
@@ -304,9 +273,7 @@ TEST(area_decoder, WritesThroughToTheFileThatOthersSee) {
     const temporary_file file(70131712);
     const area_file reader(file.path());
     const std::vector<uint8_t> before = reader.snapshot();
-    area_file(file.path(), area_file::access::write)
-        .writer()
-        .text(in_chunk(5, area_offset::name), "seen");
+    area_file(file.path(), area_file::access::write).writer().text(at::chunk(5) + at::name, "seen");
     EXPECT_EQ(reader.view().chunk(5).name, "seen");
     EXPECT_EQ(area_view(before).chunk(5).name, "");
     EXPECT_EQ(reader.view().bytes().size(), 70131712U);

@@ -18,78 +18,42 @@ namespace {
 using testing::IsEmpty;
 using testing::KilledBySignal;
 
-// The signatures, as each compiler writes them.
+// The parts of a signature that each compiler writes in its own way.
 #ifdef __clang__
-constexpr const char* arr_elem_signature =
-    "T *ArrayBackedList<small_element, 5>::arr_elem(int) [T = small_element, MAX = 5]";
-constexpr const char* at_signature =
-    "T *ArrayBackedList<small_element, 5>::at(int) [T = small_element, MAX = 5]";
-constexpr const char* index_signature =
-    "int ArrayBackedList<small_element, 5>::index(T *) [T = small_element, MAX = 5]";
-constexpr const char* next_signature =
-    "T *ArrayBackedList<small_element, 5>::next(T *) [T = small_element, MAX = 5]";
-constexpr const char* insert_after_signature =
-    "void ArrayBackedList<small_element, 5>::insert_after(T *, T *) [T = small_element, MAX = 5]";
-constexpr const char* append_signature =
-    "void ArrayBackedList<small_element, 5>::append(T *) [T = small_element, MAX = 5]";
-constexpr const char* remove_signature =
-    "void ArrayBackedList<small_element, 5>::remove(T *) [T = small_element, MAX = 5]";
-constexpr const char* alloc_signature =
-    "T *ArrayBackedList<small_element, 5>::alloc() [T = small_element, MAX = 5]";
-constexpr const char* free_signature =
-    "void ArrayBackedList<small_element, 5>::free(T *) [T = small_element, MAX = 5]";
-constexpr const char* check_visited_signature =
-    "static void ArrayBackedList<small_element, 5>::check_visited(int) [T = small_element, MAX = "
-    "5]";
+const std::string pointer = "T *";
+const std::string returned_pointer = "T *";
+const std::string list_class = "ArrayBackedList<small_element, 5>::";
+const std::string parameters = " [T = small_element, MAX = 5]";
 #else
-constexpr const char* arr_elem_signature =
-    "T* ArrayBackedList<T, MAX>::arr_elem(int) [with T = small_element; int MAX = 5]";
-constexpr const char* at_signature =
-    "T* ArrayBackedList<T, MAX>::at(int) [with T = small_element; int MAX = 5]";
-constexpr const char* index_signature =
-    "int ArrayBackedList<T, MAX>::index(T*) [with T = small_element; int MAX = 5]";
-constexpr const char* next_signature =
-    "T* ArrayBackedList<T, MAX>::next(T*) [with T = small_element; int MAX = 5]";
-constexpr const char* insert_after_signature =
-    "void ArrayBackedList<T, MAX>::insert_after(T*, T*) [with T = small_element; int MAX = 5]";
-constexpr const char* append_signature =
-    "void ArrayBackedList<T, MAX>::append(T*) [with T = small_element; int MAX = 5]";
-constexpr const char* remove_signature =
-    "void ArrayBackedList<T, MAX>::remove(T*) [with T = small_element; int MAX = 5]";
-constexpr const char* alloc_signature =
-    "T* ArrayBackedList<T, MAX>::alloc() [with T = small_element; int MAX = 5]";
-constexpr const char* free_signature =
-    "void ArrayBackedList<T, MAX>::free(T*) [with T = small_element; int MAX = 5]";
-constexpr const char* check_visited_signature =
-    "static void ArrayBackedList<T, MAX>::check_visited(int) [with T = small_element; int MAX = "
-    "5]";
+const std::string pointer = "T*";
+const std::string returned_pointer = "T* ";
+const std::string list_class = "ArrayBackedList<T, MAX>::";
+const std::string parameters = " [with T = small_element; int MAX = 5]";
 #endif
 
-std::string message(int line, const std::string& signature, const std::string& expression) {
+std::string message(int line, const std::string& result, const std::string& function,
+                    const std::string& expression) {
     return std::string(program_invocation_short_name) +
-           ": ./ArrayBackedList.hpp:" + std::to_string(line) + ": " + signature + ": Assertion `" +
-           expression + "' failed.\n";
+           ": ./ArrayBackedList.hpp:" + std::to_string(line) + ": " + result + list_class +
+           function + parameters + ": Assertion `" + expression + "' failed.\n";
 }
 
-const std::string bad_index_message = message(159, arr_elem_signature, "idx >= 0 && idx < MAX");
-const std::string missing_link_message = message(159, at_signature, "idx >= 0 && idx < MAX");
-const std::string stray_pointer_message = message(154, index_signature, "idx >= 0 && idx < MAX");
+const std::string bad_index_message =
+    message(159, returned_pointer, "arr_elem(int)", "idx >= 0 && idx < MAX");
+const std::string missing_link_message =
+    message(159, returned_pointer, "at(int)", "idx >= 0 && idx < MAX");
+const std::string stray_pointer_message =
+    message(154, "int ", "index(" + pointer + ")", "idx >= 0 && idx < MAX");
+const std::string not_in_use_message =
+    message(32, returned_pointer, "next(" + pointer + ")", "cur->allocated");
 
 #define EXPECT_ABORT(statement, text)                                                              \
     EXPECT_EXIT(statement, KilledBySignal(SIGABRT), testing::Eq(text))
 
-TEST(list_arr_elem_ends_the_process, ForTheIndexAfterTheLast) {
+TEST(list_arr_elem_ends_the_process, ForAnyIndexOutOfRangeButMinusOne) {
     small_list list = fresh_list();
     EXPECT_ABORT(list.arr_elem(5), bad_index_message);
-}
-
-TEST(list_arr_elem_ends_the_process, ForMinusTwo) {
-    small_list list = fresh_list();
     EXPECT_ABORT(list.arr_elem(-2), bad_index_message);
-}
-
-TEST(list_arr_elem_ends_the_process, ForTheGreatestAndTheLeastIndex) {
-    small_list list = fresh_list();
     EXPECT_ABORT(list.arr_elem(INT32_MAX), bad_index_message);
     EXPECT_ABORT(list.arr_elem(INT32_MIN), bad_index_message);
 }
@@ -101,15 +65,11 @@ TEST(list_at_ends_the_process, ForMinusOneAsForAnyOtherIndexOutOfRange) {
     EXPECT_ABORT(list.at(5), bad_index_message);
 }
 
-TEST(list_index_ends_the_process, ForPointersNextToTheStorage) {
+TEST(list_index_ends_the_process, ForNullAndPointersNextToTheStorage) {
     small_list lists[3] = {fresh_list(), fresh_list(), fresh_list()};
     small_list& list = lists[1];
     EXPECT_ABORT(list.index(list._arr + 5), stray_pointer_message);
     EXPECT_ABORT(list.index(list._arr - 1), stray_pointer_message);
-}
-
-TEST(list_index_ends_the_process, ForNull) {
-    small_list list = fresh_list();
     EXPECT_ABORT(list.index(nullptr), stray_pointer_message);
 }
 
@@ -130,19 +90,15 @@ TEST(list_get_next_ends_the_process, ForALinkOutOfRange) {
     EXPECT_ABORT(list.get_next(&list._arr[0]), bad_index_message);
 }
 
-TEST(list_set_next_ends_the_process, ForATargetOutsideTheStorage) {
+TEST(list_set_link_ends_the_process, ForATargetOutsideTheStorage) {
     small_list list = list_with(2);
     EXPECT_ABORT(list.set_next(&list._arr[0], list._arr + 5), stray_pointer_message);
-}
-
-TEST(list_set_prev_ends_the_process, ForATargetOutsideTheStorage) {
-    small_list list = list_with(2);
     EXPECT_ABORT(list.set_prev(&list._arr[0], list._arr + 5), stray_pointer_message);
 }
 
 TEST(list_next_ends_the_process, ForAnElementNotInUse) {
     small_list list = list_with(2);
-    EXPECT_ABORT(list.next(&list._arr[2]), message(32, next_signature, "cur->allocated"));
+    EXPECT_ABORT(list.next(&list._arr[2]), not_in_use_message);
 }
 
 TEST(list_next_ends_the_process, ForALinkOutOfRange) {
@@ -153,8 +109,8 @@ TEST(list_next_ends_the_process, ForALinkOutOfRange) {
 
 TEST(list_insert_after_ends_the_process, WhenEitherElementIsNotInUse) {
     small_list list = list_with(2);
-    const std::string text =
-        message(49, insert_after_signature, "cur->allocated && new_elem->allocated");
+    const std::string text = message(49, "void ", "insert_after(" + pointer + ", " + pointer + ")",
+                                     "cur->allocated && new_elem->allocated");
     EXPECT_ABORT(list.insert_after(&list._arr[0], &list._arr[3]), text);
     EXPECT_ABORT(list.insert_after(&list._arr[3], &list._arr[0]), text);
 }
@@ -172,7 +128,8 @@ TEST(list_insert_after_ends_the_process, ForALinkThatIsMissing) {
 }
 
 TEST(list_append_ends_the_process, WhenOnlyOneEndIsSet) {
-    const std::string text = message(88, append_signature, "_head != -1 && _tail != -1");
+    const std::string text =
+        message(88, "void ", "append(" + pointer + ")", "_head != -1 && _tail != -1");
     small_list headless = list_with(2);
     headless._head = -1;
     EXPECT_ABORT(headless.append(headless.alloc()), text);
@@ -195,7 +152,8 @@ TEST(list_append_ends_the_process, ForAnEndOutOfRange) {
 
 TEST(list_remove_ends_the_process, ForAnElementNotInUse) {
     small_list list = list_with(2);
-    EXPECT_ABORT(list.remove(&list._arr[2]), message(100, remove_signature, "cur->allocated"));
+    EXPECT_ABORT(list.remove(&list._arr[2]),
+                 message(100, "void ", "remove(" + pointer + ")", "cur->allocated"));
 }
 
 TEST(list_remove_ends_the_process, ForALinkOutOfRange) {
@@ -215,7 +173,7 @@ TEST(list_remove_ends_the_process, ForALinkThatIsMissing) {
 TEST(list_alloc_ends_the_process, WhenTheFreeChainHoldsAnElementInUse) {
     small_list list = list_with(2);
     list._free = 1;
-    EXPECT_ABORT(list.alloc(), message(126, alloc_signature, "!chunk->allocated"));
+    EXPECT_ABORT(list.alloc(), message(126, returned_pointer, "alloc()", "!chunk->allocated"));
 }
 
 TEST(list_alloc_ends_the_process, ForAChainOutOfRange) {
@@ -233,13 +191,14 @@ TEST(list_free_ends_the_process, ForAnElementThatIsFree) {
     small_list list = list_with(2);
     list.remove(&list._arr[1]);
     list.free(&list._arr[1]);
-    EXPECT_ABORT(list.free(&list._arr[1]), message(141, free_signature, "cur->allocated"));
+    EXPECT_ABORT(list.free(&list._arr[1]),
+                 message(141, "void ", "free(" + pointer + ")", "cur->allocated"));
 }
 
 TEST(list_walk_ends_the_process, WhenTheHeadIsNotInUse) {
     small_list list = list_with(2);
     list._arr[0].allocated = 0;
-    EXPECT_ABORT(walk(list), message(32, next_signature, "cur->allocated"));
+    EXPECT_ABORT(walk(list), not_in_use_message);
 }
 
 TEST(list_walk_ends_the_process, WhenTheHeadIsOutOfRange) {
@@ -248,7 +207,8 @@ TEST(list_walk_ends_the_process, WhenTheHeadIsOutOfRange) {
     EXPECT_ABORT(walk(list), bad_index_message);
 }
 
-const std::string endless_message = message(166, check_visited_signature, "visited <= MAX");
+const std::string endless_message =
+    message(166, "static void ", "check_visited(int)", "visited <= MAX");
 
 TEST(list_walk_ends_the_process, WhereLinksLeadInACircle) {
     small_list list = list_with(3);

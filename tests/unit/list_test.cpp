@@ -94,19 +94,14 @@ TEST(list_get_next, OfTheEndOfTheFreeChainIsNull) {
     EXPECT_EQ(list.get_next(&list._arr[4]), nullptr);
 }
 
-TEST(list_set_next, StoresTheIndexAndNothingElse) {
+TEST(list_set_next_and_set_prev, StoreTheIndexAndNothingElse) {
     small_list list = list_with(3);
     small_list expected = list;
     expected._arr[1].next = 4;
     list.set_next(&list._arr[1], &list._arr[4]);
     EXPECT_EQ(std::memcmp(&list, &expected, sizeof list), 0);
-}
-
-TEST(list_set_prev, StoresTheIndexAndNothingElse) {
-    small_list list = list_with(3);
-    small_list expected = list;
-    expected._arr[1].prev = 4;
-    list.set_prev(&list._arr[1], &list._arr[4]);
+    expected._arr[1].prev = 3;
+    list.set_prev(&list._arr[1], &list._arr[3]);
     EXPECT_EQ(std::memcmp(&list, &expected, sizeof list), 0);
 }
 
