@@ -1,15 +1,14 @@
 #include "fresh_area.hpp"
+#include "temporary_folder.hpp"
 
-#include <cstdio>
-#include <cstdlib>
 #include <filesystem>
+#include <fstream>
 #include <functional>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <stdexcept>
 #include <string>
 #include <system_error>
-#include <unistd.h>
 #include <vector>
 
 namespace area_test {
@@ -252,36 +251,27 @@ TEST(area_decoder, RefusesElementsThatDoNotExist) {
     EXPECT_THROW(at::ref(16384, 0), std::out_of_range);
 }
 
-/// A file of a given length that is gone at the end.
-class temporary_file {
-  public:
-    explicit temporary_file(std::uintmax_t length) {
-        const int fd = mkstemp(_path);
-        close(fd);
-        std::filesystem::resize_file(_path, length);
-    }
-    ~temporary_file() { unlink(_path); }
-    temporary_file(const temporary_file&) = delete;
-    temporary_file& operator=(const temporary_file&) = delete;
-    const char* path() const { return _path; }
-
-  private:
-    char _path[24] = "/tmp/tarvo_area_XXXXXX";
-};
+std::filesystem::path made_file(const temporary_folder& folder, std::uintmax_t length) {
+    const std::filesystem::path path = folder.path() / "area";
+    std::ofstream(path).flush();
+    std::filesystem::resize_file(path, length);
+    return path;
+}
 
 TEST(area_decoder, WritesThroughToTheFileThatOthersSee) {
-    const temporary_file file(70131712);
-    const area_file reader(file.path());
+    const temporary_folder folder;
+    const std::filesystem::path path = made_file(folder, 70131712);
+    const area_file reader(path);
     const std::vector<uint8_t> before = reader.snapshot();
-    area_file(file.path(), area_file::access::write).writer().text(at::chunk(5) + at::name, "seen");
+    area_file(path, area_file::access::write).writer().text(at::chunk(5) + at::name, "seen");
     EXPECT_EQ(reader.view().chunk(5).name, "seen");
     EXPECT_EQ(area_view(before).chunk(5).name, "");
     EXPECT_EQ(reader.view().bytes().size(), 70131712U);
 }
 
 TEST(area_decoder, RefusesAFileThatIsShortOrMissing) {
-    const temporary_file file(4096);
-    EXPECT_THROW(area_file{file.path()}, std::runtime_error);
+    const temporary_folder folder;
+    EXPECT_THROW(area_file{made_file(folder, 4096)}, std::runtime_error);
     EXPECT_THROW(area_file{"/nonexistent/area"}, std::system_error);
 }
 

@@ -115,14 +115,10 @@ TEST(list_insert_after_ends_the_process, WhenEitherElementIsNotInUse) {
     EXPECT_ABORT(list.insert_after(&list._arr[3], &list._arr[0]), text);
 }
 
-TEST(list_insert_after_ends_the_process, ForALinkOutOfRange) {
+TEST(list_insert_after_ends_the_process, ForALinkThatIsOutOfRangeOrMissing) {
     small_list list = list_with(2);
     list._arr[0].next = 99;
     EXPECT_ABORT(list.insert_after(&list._arr[0], list.alloc()), bad_index_message);
-}
-
-TEST(list_insert_after_ends_the_process, ForALinkThatIsMissing) {
-    small_list list = list_with(2);
     list._arr[0].next = -1;
     EXPECT_ABORT(list.insert_after(&list._arr[0], list.alloc()), stray_pointer_message);
 }
@@ -156,14 +152,10 @@ TEST(list_remove_ends_the_process, ForAnElementNotInUse) {
                  message(100, "void ", "remove(" + pointer + ")", "cur->allocated"));
 }
 
-TEST(list_remove_ends_the_process, ForALinkOutOfRange) {
+TEST(list_remove_ends_the_process, ForALinkThatIsOutOfRangeOrMissing) {
     small_list list = list_with(3);
     list._arr[1].prev = 5;
     EXPECT_ABORT(list.remove(&list._arr[1]), bad_index_message);
-}
-
-TEST(list_remove_ends_the_process, ForALinkThatIsMissing) {
-    small_list list = list_with(3);
     list._arr[1].prev = -1;
     EXPECT_ABORT(list.remove(&list._arr[1]), missing_link_message);
     list._arr[2].next = -1;
