@@ -81,10 +81,14 @@ class scenario : public testing::TestWithParam<setting> {
         commands.push_back("r " + name + " " + hex(pages(page_count)) + "\n");
         return by.free(name);
     }
-    static int add(client& by, const pci_device& device) {
+    /// Registers a device, and expects these chunks to be mapped for it.
+    int add(client& by, const pci_device& device, const std::vector<chunk_place>& mapped = {}) {
+        expect("map", {device}, mapped);
         return by.register_device(device.domain, device.bus, device.devfn);
     }
-    static int drop(client& by, const pci_device& device) {
+    /// Unregisters it, and expects these to be unmapped.
+    int drop(client& by, const pci_device& device, const std::vector<chunk_place>& unmapped = {}) {
+        expect("unmap", {device}, unmapped);
         return by.unregister_device(device.domain, device.bus, device.devfn);
     }
     static std::string raw(const std::string& command, const pci_device& device) {
@@ -223,18 +227,15 @@ TEST_P(scenario, FreedMemoryIsGivenOutAgainAndIsZero) {
 TEST_P(scenario, RegisteredDevicesSeeEveryChunkOfBoth) {
     allocate(one, "rx_ring", 2);
     allocate(other, "tx_ring", 1);
-    EXPECT_EQ(add(one, network), 0);
-    expect("map", {network}, {place(0, 2), place(2, 1)});
-    EXPECT_EQ(add(other, storage), 0);
-    expect("map", {storage}, {place(0, 2), place(2, 1)});
+    EXPECT_EQ(add(one, network, {place(0, 2), place(2, 1)}), 0);
+    EXPECT_EQ(add(other, storage, {place(0, 2), place(2, 1)}), 0);
     EXPECT_EQ(allocate(other, "stats", 1), dma(3));
     expect("map", {network, storage}, {place(3, 1)});
     EXPECT_EQ(devices_of("stats"), (std::vector<int>{0, 1}));
     EXPECT_EQ(release(one, "tx_ring", 1), 0);
     expect("unmap", {network, storage}, {place(2, 1)});
     // What is mapped already is mapped again, and stands once on record.
-    EXPECT_EQ(add(other, network), 0);
-    expect("map", {network}, {place(0, 2), place(3, 1)});
+    EXPECT_EQ(add(other, network, {place(0, 2), place(3, 1)}), 0);
     EXPECT_EQ(devices_of("rx_ring"), (std::vector<int>{0, 1}));
     expect_silence();
 }
@@ -243,8 +244,7 @@ TEST_P(scenario, ADeviceThatRefusesWhenRegisteredIsRegisteredAndMappedForNothing
     allocate(one, "rx_ring", 1);
     allocate(one, "tx_ring", 1);
     machine.add_rules({"op=map,nth=2,errno=EIO"});
-    EXPECT_EQ(add(other, network), -1);
-    expect("map", {network}, {place(0, 1), place(1, 1)});
+    EXPECT_EQ(add(other, network, {place(0, 1), place(1, 1)}), -1);
     expect("unmap", {network}, {place(0, 1)});
     EXPECT_EQ(other.new_text(), chunk_refusal("map", network, region(), place(1, 1), EIO) +
                                     "Error IOMMU mapping chunk " + input_output_error +
@@ -252,16 +252,14 @@ TEST_P(scenario, ADeviceThatRefusesWhenRegisteredIsRegisteredAndMappedForNothing
     EXPECT_EQ(devices_of("rx_ring"), std::vector<int>{});
     EXPECT_EQ(states(one), (texts{network.name() + ": online"}));
 
-    EXPECT_EQ(add(one, network), 0);
-    expect("map", {network}, {place(0, 1), place(1, 1)});
+    EXPECT_EQ(add(one, network, {place(0, 1), place(1, 1)}), 0);
     EXPECT_EQ(devices_of("tx_ring"), (std::vector<int>{0}));
     expect_silence();
 }
 
 TEST_P(scenario, ADeviceThatRefusesANewChunkEndsTheProgramAndNotTheOther) {
     allocate(one, "rx_ring", 1);
-    add(one, network);
-    expect("map", {network}, {place(0, 1)});
+    add(one, network, {place(0, 1)});
     machine.add_rules({"op=map,nth=1,errno=EIO"});
     commands.emplace_back("a tx_ring 2000\n");
     EXPECT_EQ(fatal_outcome(other, "alloc tx_ring 8192 me"),
@@ -278,8 +276,7 @@ TEST_P(scenario, ADeviceThatRefusesANewChunkEndsTheProgramAndNotTheOther) {
 
 TEST_P(scenario, ADeviceThatRefusesToUnmapKeepsTheChunkListedButNotForItself) {
     allocate(one, "rx_ring", 1);
-    add(other, network);
-    expect("map", {network}, {place(0, 1)});
+    add(other, network, {place(0, 1)});
     machine.add_rules({"op=unmap,nth=1,errno=EIO"});
     EXPECT_EQ(release(other, "rx_ring", 1), -1);
     expect("unmap", {network}, {place(0, 1)});
@@ -308,8 +305,7 @@ TEST_P(scenario, ADeviceThatIsGoneIsOfflineUntilTheOtherRegistersItAgain) {
     EXPECT_EQ(release(other, "rx_ring", 1), 0);
     expect("unmap", {storage}, {place(0, 1)});
 
-    EXPECT_EQ(add(other, network), 0);
-    expect("map", {network}, {place(1, 1), place(2, 1)});
+    EXPECT_EQ(add(other, network, {place(1, 1), place(2, 1)}), 0);
     EXPECT_EQ(states(one), (texts{network.name() + ": online", storage.name() + ": online"}));
     EXPECT_EQ(devices_of("tx_ring"), (std::vector<int>{1, 0}));
     expect_silence();
@@ -318,17 +314,14 @@ TEST_P(scenario, ADeviceThatIsGoneIsOfflineUntilTheOtherRegistersItAgain) {
 TEST_P(scenario, ADeviceIsUnregisteredByTheOtherAndThenUnknown) {
     allocate(one, "rx_ring", 1);
     allocate(other, "tx_ring", 1);
-    add(one, network);
-    expect("map", {network}, {place(0, 1), place(1, 1)});
+    add(one, network, {place(0, 1), place(1, 1)});
     machine.add_rules({"op=unmap,nth=1,errno=EIO"});
     // The rest is unmapped all the same, and the second attempt has one chunk left.
-    EXPECT_EQ(drop(other, network), -1);
-    expect("unmap", {network}, {place(0, 1), place(1, 1)});
+    EXPECT_EQ(drop(other, network, {place(0, 1), place(1, 1)}), -1);
     EXPECT_EQ(other.new_text(), chunk_refusal("unmap", network, region(), place(0, 1), EIO) +
                                     "tarvo: Error unmapping all chunks\n");
     EXPECT_EQ(states(one), (texts{network.name() + ": online"}));
-    EXPECT_EQ(drop(other, network), 0);
-    expect("unmap", {network}, {place(0, 1)});
+    EXPECT_EQ(drop(other, network, {place(0, 1)}), 0);
     EXPECT_EQ(states(one), texts{});
     EXPECT_EQ(drop(one, network), -2);
     EXPECT_EQ(one.new_text(), "tarvo: Device not registered\n");
@@ -337,16 +330,14 @@ TEST_P(scenario, ADeviceIsUnregisteredByTheOtherAndThenUnknown) {
 
 TEST_P(scenario, WhatAnOfflineDeviceLeavesBehindIsInheritedKeptOnPurpose) {
     allocate(one, "rx_ring", 1);
-    add(one, network);
-    expect("map", {network}, {place(0, 1)});
+    add(one, network, {place(0, 1)});
     machine.add_rules({"op=map,nth=1,errno=EUNATCH"});
     allocate(other, "tx_ring", 1);
     expect("map", {network}, {place(1, 1)});
     EXPECT_EQ(other.new_text(), chunk_refusal("map", network, region(), place(1, 1), EUNATCH));
     EXPECT_EQ(drop(other, network), 0);
     EXPECT_EQ(devices_of("rx_ring"), (std::vector<int>{0}));
-    EXPECT_EQ(add(one, storage), 0);
-    expect("map", {storage}, {place(0, 1), place(1, 1)});
+    EXPECT_EQ(add(one, storage, {place(0, 1), place(1, 1)}), 0);
     EXPECT_EQ(devices_of("rx_ring"), (std::vector<int>{0}));
     EXPECT_EQ(states(other), (texts{storage.name() + ": online"}));
     expect_silence();
@@ -354,8 +345,7 @@ TEST_P(scenario, WhatAnOfflineDeviceLeavesBehindIsInheritedKeptOnPurpose) {
 
 TEST_P(scenario, AListingMakesTheOtherWaitAndShowsOnePicture) {
     allocate(one, "rx_ring", 3);
-    add(other, network);
-    expect("map", {network}, {place(0, 3)});
+    add(other, network, {place(0, 3)});
     EXPECT_EQ(one.call("dump_begin"), "true");
     commands.emplace_back("a tx_ring 1000\n");
     other.send("alloc tx_ring 4096 \"the other\"");
@@ -412,8 +402,7 @@ TEST_P(scenario, TheWholeRegionIsMappedForADeviceByOneRequest) {
     EXPECT_EQ(states(one), texts{});
 
     // A registered device is unregistered instead.
-    add(one, storage);
-    expect("map", {storage}, {place(0, 1)});
+    add(one, storage, {place(0, 1)});
     EXPECT_EQ(other.call(raw("iommu_unmap", storage)), "0");
     expect("unmap", {storage}, {place(0, 1)});
     EXPECT_EQ(states(one), texts{});
