@@ -79,7 +79,7 @@ uint32_t library::reuse(chunk& existing) {
     return pa_to_dma(existing.pa);
 }
 
-/// Takes a chunk off the list, without a word to the IOMMU.
+/// Takes a chunk off the list, where it is on it, without a word to the IOMMU.
 uint32_t library::discard(const chunk& one) {
     const std::string name = one.name;
     const uint32_t size = one.size;
@@ -100,36 +100,24 @@ uint32_t library::make_chunk(const std::string& name, uint32_t rounded,
     chunk fresh;
     fresh.element = _area.take_chunk();
     fresh.name = name;
+    fresh.size = rounded;
     fresh.creator = stored_creator(creator);
-    if (place(fresh, rounded)) {
-        return finish(*_area.chunk_at(fresh.element));
-    }
-    // It was never in the list.
-    _area.give_back_chunk(fresh.element);
-    if (_machine.where.cma) {
-        free_cma_allocation(name, rounded);
-    }
-    unlock();
-    return 0;
+    const bool placed = _machine.where.cma ? place_in_cma(fresh) : place_in_region(fresh);
+    return placed ? finish(*_area.chunk_at(fresh.element)) : discard(fresh);
 }
 
-bool library::place(chunk& fresh, uint32_t rounded) {
-    return _machine.where.cma ? place_in_cma(fresh, rounded) : place_in_region(fresh, rounded);
-}
-
-void library::insert_in_order(const chunk& fresh, size_t position) {
+void library::insert(chunk& fresh, size_t position) {
+    fresh.devs.emplace();
     _area.chunks.insert(_area.chunks.begin() + static_cast<std::ptrdiff_t>(position), fresh);
 }
 
 /// First fit, at the low end of the gap.
-bool library::place_in_region(chunk& fresh, uint32_t rounded) {
+bool library::place_in_region(chunk& fresh) {
     for (size_t cur = 1; cur < _area.chunks.size(); cur++) {
         const chunk& prev = _area.chunks[cur - 1];
-        if (_area.chunks[cur].pa - prev.pa - prev.size >= rounded) {
+        if (_area.chunks[cur].pa - prev.pa - prev.size >= fresh.size) {
             fresh.pa = prev.end();
-            fresh.size = rounded;
-            fresh.devs.emplace();
-            insert_in_order(fresh, cur);
+            insert(fresh, cur);
             return true;
         }
     }
@@ -137,13 +125,11 @@ bool library::place_in_region(chunk& fresh, uint32_t rounded) {
 }
 
 /// Where the driver says, if that is in a gap; the end is not looked at.
-bool library::place_in_cma(chunk& fresh, uint32_t rounded) {
-    fresh.pa = get_cma_allocation(fresh.name, rounded);
+bool library::place_in_cma(chunk& fresh) {
+    fresh.pa = get_cma_allocation(fresh.name, fresh.size);
     for (size_t cur = 1; fresh.pa != 0 && cur < _area.chunks.size(); cur++) {
         if (_area.chunks[cur - 1].end() <= fresh.pa && fresh.pa < _area.chunks[cur].pa) {
-            fresh.size = rounded;
-            fresh.devs.emplace();
-            insert_in_order(fresh, cur);
+            insert(fresh, cur);
             return true;
         }
     }
@@ -196,10 +182,7 @@ void library::roll_back(int element) {
 
 int library::free(const text& name) {
     require(!read(name).empty(), "tarvo", "len");
-    if (!init_or_say()) {
-        return -1;
-    }
-    if (!lock()) {
+    if (!init_or_say() || !lock()) {
         return -1;
     }
     chunk* doomed = find_by_name(*name);

@@ -12,16 +12,6 @@ uint64_t hexadecimal_number(const std::string& text) {
     return std::stoull(text, nullptr, 16);
 }
 
-int error_number(const std::string& name) {
-    for (int error = 1; error < 134; error++) {
-        const char* const known = strerrorname_np(error);
-        if (known != nullptr && name == known) {
-            return error;
-        }
-    }
-    throw std::runtime_error("no errno is called " + name);
-}
-
 /// "dddd:bb:ss.f", all hexadecimal.
 auto parse_device(const std::string& text) {
     std::istringstream fields(text);
@@ -123,6 +113,16 @@ bool driver_rule::matches(const driver_call& call) const {
             (range_pa->first <= asked->start_pa && asked->start_pa <= range_pa->second)) &&
            (!name_counts || name == asked->name) && (!name_counts || call.file == "proc") &&
            (name_counts || call.file == "sysfs");
+}
+
+int error_number(const std::string& name) {
+    for (int error = 1; error < 134; error++) {
+        const char* const known = strerrorname_np(error);
+        if (known != nullptr && name == known) {
+            return error;
+        }
+    }
+    throw std::runtime_error("no errno is called " + name);
 }
 
 driver_rule parse_rule(const std::string& text) {

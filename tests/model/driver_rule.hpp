@@ -53,4 +53,7 @@ struct driver_rule {
 
 driver_rule parse_rule(const std::string& text);
 
+/// The number of an errno, such as "EIO"; std::runtime_error where there is none.
+int error_number(const std::string& name);
+
 } // namespace model

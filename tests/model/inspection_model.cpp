@@ -35,10 +35,7 @@ std::optional<mapping> library::map(const text& name, bool writable, uint64_t of
                                     uint64_t size) {
     require(name.has_value(), "tarvo", "name");
     require(!read(name).empty(), "tarvo", "strlen(name)");
-    if (!init_or_say()) {
-        return std::nullopt;
-    }
-    if (!lock()) {
+    if (!init_or_say() || !lock()) {
         return std::nullopt;
     }
     const chunk* const one = find_by_name(read(name));
@@ -75,10 +72,7 @@ std::optional<mapping> library::map_window(const chunk& whole, bool writable, ui
 
 int library::unmap(const text& name, uint64_t va, uint64_t size, const std::string& va_text) {
     require(!read(name).empty() && va != 0, "tarvo", "strlen(name) && va");
-    if (!init_or_say()) {
-        return -1;
-    }
-    if (!lock()) {
+    if (!init_or_say() || !lock()) {
         return -1;
     }
     const chunk* const one = find_by_name(read(name));
@@ -98,10 +92,7 @@ int library::unmap(const text& name, uint64_t va, uint64_t size, const std::stri
 }
 
 library::answer library::find(uint32_t dma) {
-    if (!init_or_say()) {
-        return {};
-    }
-    if (!lock()) {
+    if (!init_or_say() || !lock()) {
         return {};
     }
     const uint64_t pa = dma_to_pa(dma);
@@ -148,10 +139,7 @@ void library::unmap_all() {
 }
 
 bool library::dump_begin() {
-    if (!init_or_say()) {
-        return false;
-    }
-    if (!lock()) {
+    if (!init_or_say() || !lock()) {
         return false;
     }
     _process.chunk_cursor = following(_area.chunks, _area.head().element);

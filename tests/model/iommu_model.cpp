@@ -237,10 +237,7 @@ device* library::find_device(const device& wanted) {
 }
 
 int library::register_device(const device& wanted) {
-    if (!init_or_say()) {
-        return -1;
-    }
-    if (!lock()) {
+    if (!init_or_say() || !lock()) {
         return -1;
     }
     device* known = find_device(wanted);
@@ -263,10 +260,7 @@ int library::register_device(const device& wanted) {
 }
 
 int library::unregister_device(const device& wanted) {
-    if (!init_or_say()) {
-        return -1;
-    }
-    if (!lock()) {
+    if (!init_or_say() || !lock()) {
         return -1;
     }
     device* const known = find_device(wanted);

@@ -182,15 +182,14 @@ class library {
     chunk* find_by_name(const std::string& name);
     uint32_t reuse(chunk& existing);
     uint32_t make_chunk(const std::string& name, uint32_t rounded, const std::string& creator);
-    bool place(chunk& fresh, uint32_t rounded);
-    bool place_in_region(chunk& fresh, uint32_t rounded);
-    bool place_in_cma(chunk& fresh, uint32_t rounded);
+    bool place_in_region(chunk& fresh);
+    bool place_in_cma(chunk& fresh);
     uint32_t finish(const chunk& fresh);
     void zero_memory(const chunk& fresh);
     /// 0 or the errno with which the memory could not be had.
     int zero_or_fail(const chunk& fresh);
     bool chunk_desc_check(const chunk& one);
-    void insert_in_order(const chunk& fresh, size_t position);
+    void insert(chunk& fresh, size_t position);
     [[noreturn]] void roll_back(int element);
     uint32_t discard(const chunk& one);
 

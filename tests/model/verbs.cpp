@@ -3,7 +3,6 @@
 #include "client.hpp"
 
 #include <algorithm>
-#include <cstring>
 
 namespace model {
 
@@ -165,12 +164,7 @@ std::string dump_end(const verb_context& c) {
 
 /// fail CALL ERRNO NTH
 std::string fail(const verb_context& c) {
-    const std::string& name = c.what.word(1);
-    int error = 0;
-    while (strerrorname_np(error) == nullptr || name != strerrorname_np(error)) {
-        ++error;
-    }
-    c.caller.refusals.push_back({c.what.word(0), error, c.what.number(2)});
+    c.caller.refusals.push_back({c.what.word(0), error_number(c.what.word(1)), c.what.number(2)});
     return "done";
 }
 
