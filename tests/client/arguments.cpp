@@ -126,17 +126,6 @@ unsigned char* arguments::address(size_t i) const {
     return at(i) ? std::bit_cast<unsigned char*>(size(i)) : nullptr;
 }
 
-std::string quoted(std::string_view text) {
-    std::string quotation = "\"";
-    for (const char c : text) {
-        if (c == '"' || c == '\\') {
-            quotation += '\\';
-        }
-        quotation += c == '\n' ? std::string("\\n") : std::string(1, c);
-    }
-    return quotation + '"';
-}
-
 std::string hexadecimal(uint64_t number) {
     std::ostringstream text;
     text << "0x" << std::hex << number;

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "quoted.hpp"
+
 #include <cstddef>
 #include <cstdint>
 #include <optional>
@@ -42,6 +44,4 @@ class arguments {
     std::vector<word> _words;
 };
 
-/// `text` in double quotes with escapes, so that it reads back as one word of one line.
-std::string quoted(std::string_view text);
 std::string hexadecimal(uint64_t number);

@@ -2,6 +2,7 @@
 // chunks, devices and references by element number in this process's own mapping of the file. They
 // take no lock; a test holds it around them, for instance by dump_begin and dump_end.
 
+#include "area.hpp"
 #include "commands.hpp"
 #include "own_maps.hpp"
 #include "tarvo.h"
@@ -12,14 +13,7 @@
 
 namespace {
 
-constexpr size_t first_chunk_offset = 4;
-constexpr size_t chunk_bytes = 4280;
-constexpr size_t pa_offset = 60;
-constexpr size_t size_offset = 68;
-constexpr size_t first_device_offset = 70123536;
-constexpr size_t device_bytes = 28;
-constexpr size_t first_reference_offset = 172;
-constexpr size_t reference_bytes = 16;
+namespace at = area_offset;
 
 unsigned char* area() {
     const auto mapping = mapping_of("/tarvo_lib");
@@ -30,29 +24,29 @@ unsigned char* area() {
 }
 
 dma_chunk_t* chunk(const arguments& a, size_t i) {
-    return reinterpret_cast<dma_chunk_t*>(area() + first_chunk_offset + chunk_bytes * a.number(i));
+    return reinterpret_cast<dma_chunk_t*>(area() + at::first_chunk + at::chunk_bytes * a.number(i));
 }
 
 iommu_dev_t* device(const arguments& a, size_t i) {
-    return reinterpret_cast<iommu_dev_t*>(area() + first_device_offset +
-                                          device_bytes * a.number(i));
+    return reinterpret_cast<iommu_dev_t*>(area() + at::first_device +
+                                          at::device_bytes * a.number(i));
 }
 
 unsigned char* references(dma_chunk_t* chunk) {
-    return reinterpret_cast<unsigned char*>(chunk) + first_reference_offset;
+    return reinterpret_cast<unsigned char*>(chunk) + at::devs;
 }
 
 /// A chunk record of the client's own, in no list.
 class loose_chunk {
   public:
     loose_chunk(uint64_t pa, uint32_t size) {
-        std::memcpy(&_bytes.at(pa_offset), &pa, sizeof pa);
-        std::memcpy(&_bytes.at(size_offset), &size, sizeof size);
+        std::memcpy(&_bytes.at(at::pa), &pa, sizeof pa);
+        std::memcpy(&_bytes.at(at::size), &size, sizeof size);
     }
     dma_chunk_t* record() { return reinterpret_cast<dma_chunk_t*>(_bytes.data()); }
 
   private:
-    alignas(4) std::array<unsigned char, chunk_bytes> _bytes{};
+    alignas(4) std::array<unsigned char, at::chunk_bytes> _bytes{};
 };
 
 std::string free_size_of_two(const arguments& a) {
@@ -82,13 +76,13 @@ std::string add_dev(const arguments& a) {
 std::string remove_dev(const arguments& a) {
     dma_chunk_t* const holder = chunk(a, 0);
     unsigned char* const first = references(holder);
-    auto* const doomed = reinterpret_cast<iommu_dev_ref*>(first + reference_bytes * a.number(1));
+    auto* const doomed = reinterpret_cast<iommu_dev_ref*>(first + at::ref_bytes * a.number(1));
     iommu_dev_ref* const next = remove_dev_from_chunk(holder, doomed);
     if (next == nullptr) {
         return "null";
     }
     const auto bytes = static_cast<size_t>(reinterpret_cast<unsigned char*>(next) - first);
-    return std::to_string(bytes / reference_bytes);
+    return std::to_string(bytes / at::ref_bytes);
 }
 
 std::string map_unmap(const arguments& a) {
@@ -119,7 +113,7 @@ std::string place_of_name(const arguments& a) {
 }
 
 std::string stand_in_text(const arguments& /*none*/) {
-    return quoted(*to_string_err);
+    return ::quoted(*to_string_err);
 }
 
 } // namespace

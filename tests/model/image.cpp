@@ -14,10 +14,6 @@ namespace {
 namespace at = area_offset;
 
 constexpr int none = -1;
-constexpr size_t chunk_bytes = 4280;
-constexpr size_t device_bytes = 28;
-constexpr size_t ref_bytes = 16;
-constexpr size_t devices_start = 70123536;
 
 int front_of(const std::deque<int>& free) {
     return free.empty() ? none : free.front();
@@ -80,8 +76,8 @@ const char* name_in(const std::array<named_field, Count>& fields, size_t offset)
 std::string ref_field(size_t offset) {
     constexpr std::array<named_field, 5> fields{
         {{0, "next"}, {4, "prev"}, {8, "allocated"}, {9, "padding"}, {12, "dev"}}};
-    return "devs[" + std::to_string(offset / ref_bytes) + "]." +
-           name_in(fields, offset % ref_bytes);
+    return "devs[" + std::to_string(offset / at::ref_bytes) + "]." +
+           name_in(fields, offset % at::ref_bytes);
 }
 
 std::string chunk_field(size_t offset) {
@@ -129,15 +125,14 @@ std::string field_at(size_t offset) {
                                                {at::devices_tail, "devices._tail"},
                                                {at::devices_free, "devices._free"},
                                                {at::content_end, "after the content"}}};
-    const size_t first_chunk = at::chunk(0);
-    if (offset < first_chunk) {
+    if (offset < at::first_chunk) {
         return offset == at::initialized ? "initialized" : "padding";
     }
     if (offset < at::chunks_head) {
-        return element_field("chunks", offset - first_chunk, chunk_bytes, chunk_field);
+        return element_field("chunks", offset - at::first_chunk, at::chunk_bytes, chunk_field);
     }
-    if (offset >= devices_start && offset < at::devices_head) {
-        return element_field("devices", offset - devices_start, device_bytes, device_field);
+    if (offset >= at::first_device && offset < at::devices_head) {
+        return element_field("devices", offset - at::first_device, at::device_bytes, device_field);
     }
     return name_in(ends, offset);
 }
@@ -192,7 +187,7 @@ void image::show_chunks(const shared_area& area) {
 
 void image::show_devices(const shared_area& area) {
     const area_writer writer(_bytes);
-    std::ranges::fill(range(devices_start, at::devices_head), 0);
+    std::ranges::fill(range(at::first_device, at::devices_head), 0);
     for (size_t i = 0; i < area.devices.size(); i++) {
         const device& one = area.devices[i];
         const size_t start = at::device(one.element);

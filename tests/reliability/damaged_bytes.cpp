@@ -62,9 +62,8 @@ void add_chunk(std::vector<field>& all, int index) {
     all.push_back({name + ".pa", chunk + area_offset::pa, 8});
     all.push_back({name + ".size", chunk + area_offset::size, 4});
     add_ends(all, name + ".devs", chunk + area_offset::devs_head);
-    constexpr size_t reference_bytes = 16;
     for (size_t i = 0; i < 2; ++i) {
-        const size_t reference = chunk + area_offset::devs + i * reference_bytes;
+        const size_t reference = chunk + area_offset::devs + i * area_offset::ref_bytes;
         add_link_fields(all, name + ".devs", reference);
         all.push_back({name + ".devs.dev", reference + area_offset::dev, 4});
     }

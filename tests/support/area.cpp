@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <fcntl.h>
+#include <iterator>
 #include <optional>
 #include <stdexcept>
 #include <sys/mman.h>
@@ -18,11 +19,6 @@ constexpr int32_t none = -1;
 constexpr int chunk_count = 16384;
 constexpr int device_count = 256;
 constexpr int ref_count = 256; // of each chunk
-constexpr size_t chunk_bytes_each = 4280;
-constexpr size_t device_bytes_each = 28;
-constexpr size_t ref_bytes_each = 16;
-constexpr size_t first_chunk = 4;
-constexpr size_t first_device = 70123536;
 constexpr size_t name_room = 50;
 constexpr size_t creator_room = 100;
 
@@ -46,17 +42,19 @@ struct list_place {
 };
 
 list_place chunk_list() {
-    return {"chunks", first_chunk, chunk_bytes_each, chunk_count, area_offset::chunks_head};
+    return {"chunks", area_offset::first_chunk, area_offset::chunk_bytes, chunk_count,
+            area_offset::chunks_head};
 }
 
 list_place device_list() {
-    return {"devices", first_device, device_bytes_each, device_count, area_offset::devices_head};
+    return {"devices", area_offset::first_device, area_offset::device_bytes, device_count,
+            area_offset::devices_head};
 }
 
 list_place ref_list(int chunk_index) {
     const size_t chunk = area_offset::chunk(chunk_index);
-    return {joined("devs of chunk ", chunk_index), chunk + area_offset::devs, ref_bytes_each,
-            ref_count, chunk + area_offset::devs_head};
+    return {joined("devs of chunk ", chunk_index), chunk + area_offset::devs,
+            area_offset::ref_bytes, ref_count, chunk + area_offset::devs_head};
 }
 
 area_ends ends_at(const area_view& area, size_t offset) {
@@ -114,6 +112,13 @@ walk follow_list(const area_view& area, const list_place& list) {
     return follow(area, list, ends.head, ends.tail);
 }
 
+template <typename Read>
+auto records_of(const area_view& area, const list_place& list, Read read) {
+    std::vector<decltype(read(0))> records;
+    std::ranges::transform(follow_list(area, list).whole(), std::back_inserter(records), read);
+    return records;
+}
+
 walk follow_free_chain(const area_view& area, const list_place& list) {
     return follow(area, list, ends_at(area, list.ends).free, none);
 }
@@ -123,15 +128,15 @@ walk follow_free_chain(const area_view& area, const list_place& list) {
 namespace area_offset {
 
 size_t chunk(int index) {
-    return element_offset(first_chunk, index, chunk_bytes_each, chunk_count);
+    return element_offset(first_chunk, index, chunk_bytes, chunk_count);
 }
 
 size_t device(int index) {
-    return element_offset(first_device, index, device_bytes_each, device_count);
+    return element_offset(first_device, index, device_bytes, device_count);
 }
 
 size_t ref(int chunk_index, int index) {
-    return element_offset(chunk(chunk_index) + devs, index, ref_bytes_each, ref_count);
+    return element_offset(chunk(chunk_index) + devs, index, ref_bytes, ref_count);
 }
 
 } // namespace area_offset
@@ -214,31 +219,20 @@ area_ref area_view::ref(int chunk_index, int index) const {
 }
 
 std::span<const uint8_t> area_view::chunk_bytes(int index) const {
-    return raw(area_offset::chunk(index), chunk_bytes_each);
+    return raw(area_offset::chunk(index), area_offset::chunk_bytes);
 }
 
 std::vector<area_chunk> area_view::chunks() const {
-    std::vector<area_chunk> records;
-    for (const int index : follow_list(*this, chunk_list()).whole()) {
-        records.push_back(chunk(index));
-    }
-    return records;
+    return records_of(*this, chunk_list(), [this](int index) { return chunk(index); });
 }
 
 std::vector<area_device> area_view::devices() const {
-    std::vector<area_device> records;
-    for (const int index : follow_list(*this, device_list()).whole()) {
-        records.push_back(device(index));
-    }
-    return records;
+    return records_of(*this, device_list(), [this](int index) { return device(index); });
 }
 
 std::vector<area_ref> area_view::refs(int chunk_index) const {
-    std::vector<area_ref> records;
-    for (const int index : follow_list(*this, ref_list(chunk_index)).whole()) {
-        records.push_back(ref(chunk_index, index));
-    }
-    return records;
+    return records_of(*this, ref_list(chunk_index),
+                      [=, this](int index) { return ref(chunk_index, index); });
 }
 
 std::vector<int> area_view::free_chunks() const {

@@ -23,6 +23,13 @@ inline constexpr size_t devices_tail = 70130708;
 inline constexpr size_t devices_free = 70130712;
 inline constexpr size_t content_end = 70130716;
 
+/// Where the elements begin, and how long each is. References lie at `devs` of their chunk.
+inline constexpr size_t first_chunk = 4;
+inline constexpr size_t first_device = 70123536;
+inline constexpr size_t chunk_bytes = 4280;
+inline constexpr size_t device_bytes = 28;
+inline constexpr size_t ref_bytes = 16;
+
 /// Start of an element; std::out_of_range for one that does not exist.
 size_t chunk(int index);
 size_t device(int index);

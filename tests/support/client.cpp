@@ -1,5 +1,6 @@
 #include "client.hpp"
 
+#include "joined.hpp"
 #include "lock_table.hpp"
 
 #include <algorithm>
@@ -8,35 +9,7 @@
 #include <regex>
 #include <sstream>
 #include <stdexcept>
-#include <thread>
 #include <utility>
-
-namespace {
-
-std::string joined(std::initializer_list<std::string> words) {
-    std::string line;
-    for (const std::string& word : words) {
-        line += (line.empty() ? "" : " ") + word;
-    }
-    return line;
-}
-
-std::string number_word(uint64_t number) {
-    return std::to_string(number);
-}
-
-} // namespace
-
-std::string quoted(std::string_view text) {
-    std::string quotation = "\"";
-    for (const char c : text) {
-        if (c == '"' || c == '\\') {
-            quotation += '\\';
-        }
-        quotation += c == '\n' ? std::string("\\n") : std::string(1, c);
-    }
-    return quotation + '"';
-}
 
 void client::send(std::string_view command) {
     _process.write_line(command);
@@ -71,25 +44,24 @@ int64_t client::number(const std::string& command) {
 
 uint32_t client::alloc(std::string_view name, uint64_t size, std::string_view creator) {
     return static_cast<uint32_t>(
-        number(joined({"alloc", quoted(name), number_word(size), quoted(creator)})));
+        number(joined("alloc ", quoted(name), " ", size, " ", quoted(creator))));
 }
 
 int client::free(std::string_view name) {
-    return static_cast<int>(number(joined({"free", quoted(name)})));
+    return static_cast<int>(number("free " + quoted(name)));
 }
 
 uint64_t client::map(std::string_view name, bool writable, uint64_t offset, uint64_t size) {
-    return static_cast<uint64_t>(number(joined(
-        {"map", quoted(name), writable ? "1" : "0", number_word(offset), number_word(size)})));
+    return static_cast<uint64_t>(
+        number(joined("map ", quoted(name), writable ? " 1 " : " 0 ", offset, " ", size)));
 }
 
 int client::unmap(std::string_view name, uint64_t address, uint64_t size) {
-    return static_cast<int>(
-        number(joined({"unmap", quoted(name), number_word(address), number_word(size)})));
+    return static_cast<int>(number(joined("unmap ", quoted(name), " ", address, " ", size)));
 }
 
 found_chunk client::find(uint32_t dma) {
-    const std::string text = call("find " + number_word(dma));
+    const std::string text = call(joined("find ", dma));
     const size_t blank = text.rfind(' ');
     found_chunk found{std::nullopt,
                       static_cast<uint32_t>(std::stoul(text.substr(blank + 1), nullptr, 0))};
@@ -100,11 +72,11 @@ found_chunk client::find(uint32_t dma) {
 }
 
 uint64_t client::to_pa(uint32_t dma) {
-    return static_cast<uint64_t>(number("to_pa " + number_word(dma)));
+    return static_cast<uint64_t>(number(joined("to_pa ", dma)));
 }
 
 uint32_t client::to_dma(uint64_t pa) {
-    return static_cast<uint32_t>(number("to_dma " + number_word(pa)));
+    return static_cast<uint32_t>(number(joined("to_dma ", pa)));
 }
 
 dma_limits client::limits() {
@@ -119,13 +91,11 @@ dma_limits client::limits() {
 }
 
 int client::register_device(uint32_t domain, uint32_t bus, uint32_t devfn) {
-    return static_cast<int>(
-        number(joined({"register", number_word(domain), number_word(bus), number_word(devfn)})));
+    return static_cast<int>(number(joined("register ", domain, " ", bus, " ", devfn)));
 }
 
 int client::unregister_device(uint32_t domain, uint32_t bus, uint32_t devfn) {
-    return static_cast<int>(
-        number(joined({"unregister", number_word(domain), number_word(bus), number_word(devfn)})));
+    return static_cast<int>(number(joined("unregister ", domain, " ", bus, " ", devfn)));
 }
 
 std::vector<std::string> client::dump() {
@@ -147,12 +117,13 @@ bool client::has_replied(std::chrono::milliseconds time) {
 }
 
 void client::wait_until_it_waits_for_a_lock(std::optional<pid_t> child) {
-    const auto last_moment = std::chrono::steady_clock::now() + patience;
-    while (!waits_for_a_lock(child.value_or(_pid))) {
-        if (has_replied() || std::chrono::steady_clock::now() > last_moment) {
-            throw std::runtime_error("the client does not wait for a lock");
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    bool waits = false;
+    eventually([&] {
+        waits = waits_for_a_lock(child.value_or(_pid));
+        return waits || has_replied();
+    });
+    if (!waits) {
+        throw std::runtime_error("the client does not wait for a lock");
     }
 }
 

@@ -1,15 +1,13 @@
 #pragma once
 
 #include "process.hpp"
+#include "quoted.hpp"
 
 #include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
-
-/// `text` as one word of a command, whatever it holds.
-std::string quoted(std::string_view text);
 
 struct dma_limits {
     int result;

@@ -69,6 +69,17 @@ std::vector<char*> pointers_to(const std::vector<std::string>& words) {
 
 } // namespace
 
+bool eventually(const std::function<bool()>& is_so, std::chrono::milliseconds time) {
+    const auto last_moment = clock_type::now() + time;
+    while (!is_so()) {
+        if (clock_type::now() > last_moment) {
+            return false;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return true;
+}
+
 ending ended_by(int signal) {
     return {-1, signal};
 }
@@ -105,10 +116,7 @@ process::process(process&& other) noexcept
 process::~process() {
     close_input();
     if (_pid > 0 && !_end) {
-        const auto last_moment = clock_type::now() + std::chrono::seconds(10);
-        while (!reap() && clock_type::now() < last_moment) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(1));
-        }
+        eventually([this] { return reap(); }, std::chrono::seconds(10));
         give_up();
     }
     close_if_open(_output);
@@ -189,12 +197,8 @@ bool process::reap() {
 }
 
 ending process::wait() {
-    const auto last_moment = clock_type::now() + patience;
-    while (!reap()) {
-        if (clock_type::now() > last_moment) {
-            complain("does not end");
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    if (!eventually([this] { return reap(); })) {
+        complain("does not end");
     }
     return *_end;
 }

@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <filesystem>
+#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -10,6 +11,9 @@
 
 /// How long anything may take before a test gives it up as hung. Says nothing about speed.
 inline constexpr std::chrono::seconds patience{60};
+
+/// Asks every millisecond until it is so. False where it is not so within `time`.
+bool eventually(const std::function<bool()>& is_so, std::chrono::milliseconds time = patience);
 
 /// How a process ended: by itself with a status, or by a signal.
 struct ending {
