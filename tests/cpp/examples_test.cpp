@@ -2,7 +2,6 @@
 
 #include <chrono>
 #include <fcntl.h>
-#include <sys/file.h>
 #include <sys/ioctl.h>
 #include <sys/wait.h>
 #include <thread>
@@ -13,14 +12,6 @@ namespace examples_test {
 using namespace tarvo::literals;
 
 namespace {
-
-/// Whether some process holds the lock of all processes.
-bool lock_is_held() {
-    const int file = ::open(world_here().lock_path(), O_RDONLY | O_CLOEXEC);
-    const bool held = ::flock(file, LOCK_EX | LOCK_NB) != 0;
-    ::close(file);
-    return held;
-}
 
 /// A program whose output, on both streams, is read when the test wants it.
 class running {

@@ -5,7 +5,6 @@
 #include <iterator>
 #include <ranges>
 #include <string>
-#include <sys/file.h>
 #include <unistd.h>
 
 namespace listing_test {
@@ -45,13 +44,6 @@ off_t record_offset(std::string_view name) {
 
 constexpr off_t name_offset = 9;
 constexpr off_t pa_offset = 60;
-
-bool others_wait() {
-    const int fd = ::open(world_here().lock_path(), O_RDONLY | O_CLOEXEC);
-    const bool held = ::flock(fd, LOCK_EX | LOCK_NB) != 0;
-    ::close(fd);
-    return held;
-}
 
 } // namespace
 
@@ -96,18 +88,18 @@ TEST_F(listings, GoOnWhereAnEarlierRangeStopped) {
 
 TEST_F(listings, HoldTheLockUntilTheyEnd) {
     allocated("ring", 4_KiB);
-    EXPECT_FALSE(others_wait());
+    EXPECT_FALSE(lock_is_held());
     {
         auto now = tarvo::listing::open();
         ASSERT_TRUE(now);
         const tarvo::listing moved = *std::move(now);
-        EXPECT_TRUE(others_wait());
+        EXPECT_TRUE(lock_is_held());
         EXPECT_EQ(now->chunks().begin(), now->chunks().end());
         EXPECT_FALSE(now->damage());
         EXPECT_EQ(moved.chunks().begin()->name(), "ring");
-        EXPECT_TRUE(others_wait());
+        EXPECT_TRUE(lock_is_held());
     }
-    EXPECT_FALSE(others_wait());
+    EXPECT_FALSE(lock_is_held());
 }
 
 TEST_F(listings, RefuseEveryOtherCallMeanwhile) {
@@ -125,22 +117,22 @@ TEST_F(listings, RefuseEveryOtherCallMeanwhile) {
     EXPECT_TRUE(fails_with(tarvo::register_device(device(3, 0, 0)), open, "let it go first"));
     EXPECT_TRUE(fails_with(tarvo::unregister_device(device(3, 0, 0)), open, "let it go first"));
     EXPECT_TRUE(fails_with(tarvo::iommu_unmap(device(3, 0, 0)), open, "let it go first"));
-    EXPECT_TRUE(others_wait());
+    EXPECT_TRUE(lock_is_held());
     EXPECT_TRUE(tarvo::dma_to_pa(chunk.dma()));
     EXPECT_EQ(now->chunks().begin()->name(), "ring");
 }
 
 TEST_F(listings, LeaveTheLockFreeAfterEachCall) {
     const tarvo::chunk chunk = allocated("ring", 4_KiB);
-    EXPECT_FALSE(others_wait());
+    EXPECT_FALSE(lock_is_held());
     EXPECT_TRUE(tarvo::map(chunk));
-    EXPECT_FALSE(others_wait());
+    EXPECT_FALSE(lock_is_held());
     EXPECT_FALSE(tarvo::allocate("ring", 8_KiB, "test"));
-    EXPECT_FALSE(others_wait());
+    EXPECT_FALSE(lock_is_held());
     EXPECT_TRUE(tarvo::register_device(device(3, 0, 0)));
-    EXPECT_FALSE(others_wait());
+    EXPECT_FALSE(lock_is_held());
     EXPECT_TRUE(tarvo::free_chunk(chunk));
-    EXPECT_FALSE(others_wait());
+    EXPECT_FALSE(lock_is_held());
 }
 
 TEST_F(listings, EndAtAChunkOutsideTheRegionAndSaySo) {

@@ -21,10 +21,12 @@ bool is_mapped(const void* address) {
 
 } // namespace
 
-class mappings : public region_fixture {};
+class mappings : public region_fixture {
+  protected:
+    const tarvo::chunk chunk = allocated("ring", 64_KiB);
+};
 
 TEST_F(mappings, ShowOneMemory) {
-    const tarvo::chunk chunk = allocated("ring", 64_KiB);
     const auto writer = tarvo::map(chunk);
     const auto reader = tarvo::map_read_only(chunk);
     ASSERT_TRUE(writer && reader);
@@ -36,7 +38,6 @@ TEST_F(mappings, ShowOneMemory) {
 }
 
 TEST_F(mappings, ShowTheMemoryThatTheCCallShows) {
-    const tarvo::chunk chunk = allocated("ring", 64_KiB);
     const auto mine = tarvo::map(chunk);
     ASSERT_TRUE(mine);
     auto* by_c = static_cast<char*>(tarvo_map("ring", true, 0, 0));
@@ -46,7 +47,6 @@ TEST_F(mappings, ShowTheMemoryThatTheCCallShows) {
 }
 
 TEST_F(mappings, OfWindowsKnowTheirOwnDmaAddress) {
-    const tarvo::chunk chunk = allocated("ring", 64_KiB);
     const tarvo::bytes page = tarvo::page_size();
     const auto all = tarvo::map(chunk);
     const auto rest = tarvo::map(chunk, page);
@@ -61,7 +61,6 @@ TEST_F(mappings, OfWindowsKnowTheirOwnDmaAddress) {
 }
 
 TEST_F(mappings, OutsideTheChunkOrWithinAPageAreRefused) {
-    const tarvo::chunk chunk = allocated("ring", 64_KiB);
     const tarvo::bytes far(~uint64_t{0} - 4095);
     const std::pair<tarvo::bytes, tarvo::bytes> windows[] = {
         {64_KiB, 0_B}, {0_B, 64_KiB + 1_B}, {60_KiB, 8_KiB}, {4_GiB, 4_KiB}, {4_KiB, 4_GiB},
@@ -73,7 +72,6 @@ TEST_F(mappings, OutsideTheChunkOrWithinAPageAreRefused) {
 }
 
 TEST_F(mappings, EndWithTheirObject) {
-    const tarvo::chunk chunk = allocated("ring", 64_KiB);
     const std::byte* address = nullptr;
     {
         const auto memory = tarvo::map(chunk);
@@ -87,7 +85,6 @@ TEST_F(mappings, EndWithTheirObject) {
 }
 
 TEST_F(mappings, AreMovedAndNotShared) {
-    const tarvo::chunk chunk = allocated("ring", 64_KiB);
     tarvo::mapping first = *tarvo::map(chunk);
     const std::byte* first_address = first.span().data();
     tarvo::mapping second = std::move(first);
@@ -102,7 +99,6 @@ TEST_F(mappings, AreMovedAndNotShared) {
 }
 
 TEST_F(mappings, EndWithoutHarmWhenTheChunkIsGone) {
-    const tarvo::chunk chunk = allocated("ring", 64_KiB);
     const std::byte* address = nullptr;
     {
         const auto memory = tarvo::map(chunk);
@@ -115,17 +111,16 @@ TEST_F(mappings, EndWithoutHarmWhenTheChunkIsGone) {
 }
 
 TEST_F(mappings, AreNeverOfAnotherChunkThatHasTakenTheName) {
-    const tarvo::chunk before = allocated("ring", 64_KiB);
-    ASSERT_TRUE(tarvo::free_chunk(before));
-    EXPECT_TRUE(fails_with(tarvo::map(before), error_code::not_found, "'ring'"));
+    ASSERT_TRUE(tarvo::free_chunk(chunk));
+    EXPECT_TRUE(fails_with(tarvo::map(chunk), error_code::not_found, "'ring'"));
     allocated("other", 4_KiB);
     const tarvo::chunk now = allocated("ring", 64_KiB);
-    EXPECT_TRUE(fails_with(tarvo::map(before), error_code::changed, "look it up again"));
+    EXPECT_TRUE(fails_with(tarvo::map(chunk), error_code::changed, "look it up again"));
     EXPECT_TRUE(tarvo::map(now));
 }
 
 TEST_F(mappings, ForReadingOnlyFaultOnWriting) {
-    const auto memory = tarvo::map_read_only(allocated("ring", 4_KiB));
+    const auto memory = tarvo::map_read_only(chunk);
     ASSERT_TRUE(memory);
     auto* byte = reinterpret_cast<volatile char*>(const_cast<std::byte*>(memory->span().data()));
     EXPECT_EXIT(*byte = 1, testing::KilledBySignal(SIGSEGV), "");
@@ -135,12 +130,12 @@ TEST_F(mappings, GiveNoObjectThatIsAlignedToMoreThanItsPage) {
     struct alignas(8192) large {
         std::byte first;
     };
-    const tarvo::chunk chunk = allocated("ring", 12_KiB);
+    const tarvo::chunk odd = allocated("odd", 12_KiB);
     // Of an odd number of pages and beside each other, so that every other one starts on an odd
     // page.
     std::vector<tarvo::mapping> all;
     for (int count = 0; count < 8; ++count) {
-        all.push_back(*tarvo::map(chunk));
+        all.push_back(*tarvo::map(odd));
         const auto first = all.back().object<large>();
         const auto second = all.back().object<large>(4_KiB);
         EXPECT_NE(first.has_value(), second.has_value());
@@ -149,7 +144,7 @@ TEST_F(mappings, GiveNoObjectThatIsAlignedToMoreThanItsPage) {
 }
 
 TEST_F(mappings, GiveTypedAccessOnlyWhereItIsWithinAndAligned) {
-    const auto memory = tarvo::map(allocated("ring", 4_KiB));
+    const auto memory = tarvo::map(allocated("page", 4_KiB));
     ASSERT_TRUE(memory);
     const auto last = memory->object<uint64_t>(4088_B);
     ASSERT_TRUE(last);

@@ -5,8 +5,11 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <string>
+#include <sys/file.h>
+#include <unistd.h>
 #include <vector>
 
 /// The world that this process runs in; the CMake file says it.
@@ -19,6 +22,14 @@ inline const world& world_here() {
     }
     ADD_FAILURE() << "TARVO_TEST_WORLD names no world";
     return simulation;
+}
+
+/// Whether some process holds the lock of all processes.
+inline bool lock_is_held() {
+    const int file = ::open(world_here().lock_path(), O_RDONLY | O_CLOEXEC);
+    const bool held = ::flock(file, LOCK_EX | LOCK_NB) != 0;
+    ::close(file);
+    return held;
 }
 
 inline std::vector<tarvo::listed_chunk> chunks_now() {
