@@ -181,22 +181,19 @@ std::string listing(const sandbox& machine) {
 /// "set chunk 2 pa 0x500": one field of the area, behind the library's back.
 void set_field(const sandbox& machine, const std::vector<std::string>& words) {
     const area_file area = machine.writable_area();
-    const std::string& field = words.at(words.size() - 2);
+    const std::string field = words.at(1) + " " + words.at(words.size() - 2);
+    const int element = words.size() == 5 ? std::stoi(words.at(2)) : 0;
     const auto value = static_cast<uint64_t>(std::stoll(words.back(), nullptr, 0));
-    const std::string& list = words.at(1);
-    if (list == "chunks" && field == "free") {
+    if (field == "chunks free") {
         area.writer().i32(offset::chunks_free, static_cast<int32_t>(value));
-    } else if (list == "chunk" && field == "next") {
-        area.writer().i32(offset::chunk(std::stoi(words.at(2))) + offset::next,
-                          static_cast<int32_t>(value));
-    } else if (list == "chunk" && field == "pa") {
-        area.writer().u64(offset::chunk(std::stoi(words.at(2))) + offset::pa, value);
-    } else if (list == "chunk" && field == "size") {
-        area.writer().u32(offset::chunk(std::stoi(words.at(2))) + offset::size,
-                          static_cast<uint32_t>(value));
-    } else if (list == "device" && field == "online") {
-        area.writer().u8(offset::device(std::stoi(words.at(2))) + offset::online,
-                         static_cast<uint8_t>(value));
+    } else if (field == "chunk next") {
+        area.writer().i32(offset::chunk(element) + offset::next, static_cast<int32_t>(value));
+    } else if (field == "chunk pa") {
+        area.writer().u64(offset::chunk(element) + offset::pa, value);
+    } else if (field == "chunk size") {
+        area.writer().u32(offset::chunk(element) + offset::size, static_cast<uint32_t>(value));
+    } else if (field == "device online") {
+        area.writer().u8(offset::device(element) + offset::online, static_cast<uint8_t>(value));
     } else {
         throw std::runtime_error("no such field: " + joined(words));
     }
