@@ -192,44 +192,39 @@ TEST(output, IsTapWithTheBrokenClauseExplained) {
     EXPECT_EQ(end.status, 1);
 }
 
-TEST(output, SaysThatThereIsNoDriver) {
-    const finished end = check({"--without", "sysfs"}, {});
+void expect_refusal(const finished& end, int status, const std::string& message) {
     EXPECT_EQ(end.output, "");
-    EXPECT_EQ(end.errors, "tarvo-driver-check: no driver here: neither /proc/tarvo nor "
-                          "/sys/kernel/tarvo_iommu_map_region is there; load the driver\n");
-    EXPECT_EQ(end.status, 3);
+    EXPECT_EQ(end.errors, "tarvo-driver-check: " + message + "\n");
+    EXPECT_EQ(end.status, status);
+}
+
+TEST(output, SaysThatThereIsNoDriver) {
+    expect_refusal(check({"--without", "sysfs"}, {}), 3,
+                   "no driver here: neither /proc/tarvo nor /sys/kernel/tarvo_iommu_map_region is "
+                   "there; load the driver");
 }
 
 TEST(output, SaysThatTheDeviceIsInUse) {
-    const finished end =
-        check({"--world", "low", "--rule", "op=map,errno=EBUSY"}, {"--device", device});
-    EXPECT_EQ(end.output, "");
-    EXPECT_EQ(end.errors,
-              "tarvo-driver-check: --device 0000:03:00.0: EBUSY: another driver has it; unbind "
-              "that, by echo 0000:03:00.0 >/sys/bus/pci/devices/0000:03:00.0/driver/unbind\n");
-    EXPECT_EQ(end.status, 3);
+    expect_refusal(check({"--world", "low", "--rule", "op=map,errno=EBUSY"}, {"--device", device}),
+                   3,
+                   "--device 0000:03:00.0: EBUSY: another driver has it; unbind that, by echo "
+                   "0000:03:00.0 >/sys/bus/pci/devices/0000:03:00.0/driver/unbind");
 }
 
 TEST(output, SaysThatTheMachineHasNoSuchDevice) {
-    const finished end = check({"--world", "low", "--rule", absent_rule}, {"--device", absent});
-    EXPECT_EQ(end.output, "");
-    EXPECT_EQ(end.errors, "tarvo-driver-check: --device 0000:ff:1f.6: ENODEV: the machine has no "
-                          "such device; see 'ls /sys/bus/pci/devices'\n");
-    EXPECT_EQ(end.status, 3);
+    expect_refusal(check({"--world", "low", "--rule", absent_rule}, {"--device", absent}), 3,
+                   "--device 0000:ff:1f.6: ENODEV: the machine has no such device; see 'ls "
+                   "/sys/bus/pci/devices'");
 }
 
 TEST(options, RefusesWhatIsNoDevice) {
-    const finished end = check({"--world", "low"}, {"--device", "eth0"});
-    EXPECT_EQ(end.errors, "tarvo-driver-check: --device: 'eth0' is not a PCI address; write it as "
-                          "0000:03:00.0 or 03:00.0\n");
-    EXPECT_EQ(end.status, 2);
+    expect_refusal(check({"--world", "low"}, {"--device", "eth0"}), 2,
+                   "--device: 'eth0' is not a PCI address; write it as 0000:03:00.0 or 03:00.0");
 }
 
 TEST(options, RefusesUnknownWords) {
-    const finished end = check({"--world", "low"}, {"now"});
-    EXPECT_EQ(end.errors, "tarvo-driver-check: unexpected argument 'now'; see "
-                          "'tarvo-driver-check --help'\n");
-    EXPECT_EQ(end.status, 2);
+    expect_refusal(check({"--world", "low"}, {"now"}), 2,
+                   "unexpected argument 'now'; see 'tarvo-driver-check --help'");
 }
 
 } // namespace
