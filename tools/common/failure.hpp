@@ -2,6 +2,7 @@
 
 #include "common/exit_status.hpp"
 
+#include <cstring>
 #include <stdexcept>
 #include <string>
 #include <system_error>
@@ -22,4 +23,10 @@ class failure : public std::runtime_error {
 /// What the system says of an error number, such as "Permission denied".
 inline std::string error_text(int number) {
     return std::generic_category().message(number);
+}
+
+/// The name of an error number, such as "EACCES"; the number where it has none.
+inline std::string error_name(int number) {
+    const char* const name = ::strerrorname_np(number);
+    return name == nullptr ? std::to_string(number) : name;
 }

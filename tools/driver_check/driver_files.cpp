@@ -32,11 +32,6 @@ std::string shown_answer(const answer& given, std::string_view line) {
 
 } // namespace
 
-std::string error_name(int error) {
-    const char* const name = ::strerrorname_np(error);
-    return name == nullptr ? std::to_string(error) : name;
-}
-
 bool is_accepted(const answer& given, std::string_view line) {
     return given.error == 0 && given.accepted_bytes == line.size() && given.close_error == 0;
 }

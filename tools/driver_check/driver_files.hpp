@@ -21,9 +21,6 @@ bool is_accepted(const answer& given, std::string_view line);
 /// "\"map 0 3 0 4096 8190 4096 3\" was answered by ENODEV".
 std::string answer_text(std::string_view line, const answer& given);
 
-/// "EINVAL"; the number where it has no name.
-std::string error_name(int error);
-
 /// Opens a file of the driver for writing, as the library does; throws a breach where that fails.
 unique_fd open_for_requests(const char* path);
 

@@ -1,5 +1,5 @@
 #include "clause.hpp"
-#include "common/quantities.hpp"
+#include "common/failure.hpp"
 #include "driver_files.hpp"
 #include "lines.hpp"
 #include "region.hpp"

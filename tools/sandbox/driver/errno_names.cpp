@@ -45,9 +45,4 @@ std::optional<int> parse_errno(std::string_view text) {
     return number_of_name(text);
 }
 
-std::string errno_name(int number) {
-    const char* const name = ::strerrorname_np(number);
-    return name != nullptr ? name : std::to_string(number);
-}
-
 } // namespace sandbox

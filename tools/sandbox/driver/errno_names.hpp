@@ -12,7 +12,4 @@ constexpr int largest_errno = 511;
 /// A name from errno.h, or a decimal number between 1 and largest_errno.
 std::optional<int> parse_errno(std::string_view text);
 
-/// "EIO"; the decimal number where it has no name.
-std::string errno_name(int number);
-
 } // namespace sandbox

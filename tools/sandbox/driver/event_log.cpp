@@ -1,6 +1,6 @@
 #include "driver/event_log.hpp"
 
-#include "driver/errno_names.hpp"
+#include "common/failure.hpp"
 
 #include <nlohmann/json.hpp>
 
@@ -53,7 +53,7 @@ void event_log::add(const event& seen, const log_entry& entry) {
         {"flags", flags_of(seen)},
         {"trunc", entry.truncates},
         {"bytes", latin1_to_utf8(entry.bytes)},
-        {"answer", entry.error == 0 ? "ok" : errno_name(entry.error)},
+        {"answer", entry.error == 0 ? "ok" : error_name(entry.error)},
     };
     if (entry.error == 0 && entry.accepted_bytes < entry.bytes.size()) {
         line["accepted"] = entry.accepted_bytes;
