@@ -14,52 +14,24 @@ std::string line(const cma_allocation& allocation) {
            to_hex(allocation.size_bytes) + "\n";
 }
 
-std::string line_of_wrong_size(cma_allocation allocation) {
-    allocation.size_bytes += odd_bytes;
-    return line(allocation);
-}
-
-std::string line_at_address_zero(cma_allocation allocation) {
-    allocation.first_pa = 0;
-    return line(allocation);
-}
-
-std::string line_of_extra_name(cma_allocation allocation) {
-    allocation.name += "_extra";
-    return line(allocation);
-}
-
 std::string altered_line(const cma_allocation& allocation, listing_fault fault) {
+    const auto& [name, pa, bytes] = allocation;
     switch (fault) {
     case listing_fault::missing_field:
-        return allocation.name + "\t" + to_hex(allocation.first_pa) + "\n";
+        return name + "\t" + to_hex(pa) + "\n";
     case listing_fault::garbage:
         return "garbage\n";
     case listing_fault::wrong_size:
-        return line_of_wrong_size(allocation);
+        return line({name, pa, bytes + odd_bytes});
     case listing_fault::address_zero:
-        return line_at_address_zero(allocation);
+        return line({name, 0, bytes});
     case listing_fault::extra_name:
-        return line_of_extra_name(allocation) + line(allocation);
+        return line({name + "_extra", pa, bytes}) + line(allocation);
     case listing_fault::extra_size:
-        return line_of_wrong_size(allocation) + line(allocation);
-    case listing_fault::empty:
-    case listing_fault::no_first_line:
-    case listing_fault::first_line_only:
-        break;
+        return line({name, pa, bytes + odd_bytes}) + line(allocation);
+    default: // of the listing as a whole
+        return line(allocation);
     }
-    return line(allocation);
-}
-
-std::string allocation_lines(const std::vector<cma_allocation>& allocations, const rule* altering,
-                             const altered_listing* altered) {
-    std::string lines;
-    for (const auto& allocation : allocations) {
-        const bool picked =
-            altered != nullptr && (!altering->name || *altering->name == allocation.name);
-        lines += picked ? altered_line(allocation, altered->fault) : line(allocation);
-    }
-    return lines;
 }
 
 } // namespace
@@ -68,7 +40,11 @@ std::string make_listing(const std::string& region_line,
                          const std::vector<cma_allocation>& allocations, const rule* altering) {
     const auto* const altered =
         altering == nullptr ? nullptr : std::get_if<altered_listing>(&altering->answer);
-    std::string lines = allocation_lines(allocations, altering, altered);
+    std::string lines;
+    for (const auto& each : allocations) {
+        const bool picked = altered != nullptr && (!altering->name || *altering->name == each.name);
+        lines += picked ? altered_line(each, altered->fault) : line(each);
+    }
     if (altered == nullptr) {
         return region_line + lines;
     }
