@@ -20,13 +20,6 @@ device_name name_of(const device_record& device) {
     return {device.domain, device.bus, device.devfn};
 }
 
-const device_record* find_device(const picture& records, const device_name& name) {
-    const auto found =
-        std::find_if(records.devices.begin(), records.devices.end(),
-                     [&name](const device_record& each) { return name_of(each) == name; });
-    return found == records.devices.end() ? nullptr : &*found;
-}
-
 /// Two looks at one chunk; null on one side for a chunk that came or went.
 struct chunk_pair {
     const chunk_record* before = nullptr;
@@ -211,12 +204,12 @@ class comparison {
 
     void add_devices() {
         for (const auto& device : _before.devices) {
-            if (find_device(_after, name_of(device)) == nullptr) {
+            if (_after.registered(device) == nullptr) {
                 add_device(change_kind::unregistered, device);
             }
         }
         for (const auto& device : _after.devices) {
-            const device_record* const former = find_device(_before, name_of(device));
+            const device_record* const former = _before.registered(device);
             if (former == nullptr) {
                 add_device(change_kind::registered, device);
             }

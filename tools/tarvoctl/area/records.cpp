@@ -93,9 +93,19 @@ picture picture_of(const shared_area_t& area) {
     return made;
 }
 
+bool chunk_record::is_mapped_for(const device_record& device) const {
+    return std::ranges::find(devices, device.index) != devices.end();
+}
+
 const device_record* picture::device_at(int index) const {
-    const auto found = std::find_if(devices.begin(), devices.end(),
-                                    [index](const auto& device) { return device.index == index; });
+    const auto found = std::ranges::find(devices, index, &device_record::index);
+    return found == devices.end() ? nullptr : &*found;
+}
+
+const device_record* picture::registered(const device_record& device) const {
+    const auto found = std::ranges::find_if(devices, [&device](const device_record& each) {
+        return each.domain == device.domain && each.bus == device.bus && each.devfn == device.devfn;
+    });
     return found == devices.end() ? nullptr : &*found;
 }
 

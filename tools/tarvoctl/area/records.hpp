@@ -37,6 +37,7 @@ struct chunk_record {
     std::vector<int> devices; ///< element numbers of the devices it is mapped for
 
     uint64_t end_pa() const { return pa + size; } ///< one past the last byte
+    bool is_mapped_for(const device_record& device) const;
 };
 
 /// Why it is unknown which memory is a chunk's: all that the library makes have bytes, and begin
@@ -61,6 +62,8 @@ struct picture {
     bool has_region() const { return region.first_pa < region.end_pa; }
     /// The registered device with that element number; null if there is none.
     const device_record* device_at(int index) const;
+    /// The same device as it is registered; null if it is not.
+    const device_record* registered(const device_record& device) const;
     /// The chunk that calls by that name find: the lowest one; null if there is none.
     const chunk_record* find(const std::string& name) const;
     /// For each chunk in turn, whether there is another one of its name.

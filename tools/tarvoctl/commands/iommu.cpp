@@ -78,7 +78,7 @@ exit_status iommu_unmap(const iommu_options& options) {
     const device_record device = parse_device(options.device);
     const picture records = ready_or_new_area(options.timeout);
     check_region(records.region);
-    if (registered(device, records) != nullptr) {
+    if (records.registered(device) != nullptr) {
         throw failure{
             exit_status::usage,
             fmt::format("{0} is registered, and the library would unregister it and leave "

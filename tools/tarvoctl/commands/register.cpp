@@ -33,8 +33,7 @@ std::vector<const chunk_record*> chunks_seen_by(const device_record& device,
                                                 const picture& records) {
     std::vector<const chunk_record*> seen;
     for (const auto& chunk : records.chunks) {
-        if (std::find(chunk.devices.begin(), chunk.devices.end(), device.index) !=
-            chunk.devices.end()) {
+        if (chunk.is_mapped_for(device)) {
             seen.push_back(&chunk);
         }
     }
@@ -42,7 +41,7 @@ std::vector<const chunk_record*> chunks_seen_by(const device_record& device,
 }
 
 void check_room(const device_record& device, const picture& before) {
-    if (registered(device, before) == nullptr && before.devices.size() >= device_capacity) {
+    if (before.registered(device) == nullptr && before.devices.size() >= device_capacity) {
         throw failure{exit_status::finding,
                       fmt::format("all {} device records are in use; unregister one before {}",
                                   device_capacity, device_text(device))};
@@ -62,7 +61,7 @@ void check_room(const device_record& device, const picture& before) {
 exit_status report_registered(const register_options& options, const device_record& wanted,
                               bool was_registered, bool accepted) {
     const picture records = read_picture({{}, options.timeout});
-    const device_record* const device = registered(wanted, records);
+    const device_record* const device = records.registered(wanted);
     if (device == nullptr) {
         throw failure{
             exit_status::finding,
@@ -101,7 +100,7 @@ exit_status register_device(const register_options& options) {
     const device_record device = parse_device(options.device);
     const picture before = ready_or_new_area(options.timeout);
     check_room(device, before);
-    const bool was_registered = registered(device, before) != nullptr;
+    const bool was_registered = before.registered(device) != nullptr;
     return in_started_library(options.timeout, [&] {
         return report_registered(options, device, was_registered, register_uninterrupted(device));
     });
@@ -145,7 +144,7 @@ exit_status call_unregister(const device_record& device) {
 exit_status unregister_device(const register_options& options) {
     const device_record wanted = parse_device(options.device);
     const picture records = ready_area(options.timeout, remedy::unregister_device);
-    const device_record* const device = registered(wanted, records);
+    const device_record* const device = records.registered(wanted);
     if (device == nullptr) {
         throw failure{exit_status::usage,
                       fmt::format("{} is not registered; 'tarvoctl devices' shows those that are",

@@ -72,11 +72,8 @@ void diagnose_records(const shared_area_t& area, const site& here, health_report
 std::string fix_for_offline(const device_record& device, const picture& records) {
     const std::string name = device_text(device);
     const std::string unregister = "tarvoctl unregister " + name;
-    const bool sees_chunks = std::any_of(
-        records.chunks.begin(), records.chunks.end(), [&device](const chunk_record& chunk) {
-            return std::find(chunk.devices.begin(), chunk.devices.end(), device.index) !=
-                   chunk.devices.end();
-        });
+    const bool sees_chunks = std::ranges::any_of(
+        records.chunks, [&device](const chunk_record& each) { return each.is_mapped_for(device); });
     return fmt::format("tarvoctl register {}; where it is gone for good, {}", name,
                        sees_chunks ? after_devices(unregister) : unregister);
 }

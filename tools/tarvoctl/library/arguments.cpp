@@ -119,13 +119,4 @@ device_record parse_device(const std::string& text) {
     return {-1, device->domain(), device->bus(), device->devfn(), false};
 }
 
-const device_record* registered(const device_record& device, const picture& records) {
-    const auto found = std::find_if(records.devices.begin(), records.devices.end(),
-                                    [&device](const device_record& each) {
-                                        return each.domain == device.domain &&
-                                               each.bus == device.bus && each.devfn == device.devfn;
-                                    });
-    return found == records.devices.end() ? nullptr : &*found;
-}
-
 } // namespace tarvoctl

@@ -33,7 +33,4 @@ uint64_t parse_number(const std::string& text, const std::string& what, uint64_t
 /// "0000:03:00.0" or "03:00.0", all in hexadecimal. Not looked up: its element number is -1.
 device_record parse_device(const std::string& text);
 
-/// The registered device that is the same; null if there is none.
-const device_record* registered(const device_record& device, const picture& records);
-
 } // namespace tarvoctl
