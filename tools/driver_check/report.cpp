@@ -63,11 +63,10 @@ std::string tap_text(const std::vector<result>& results) {
 
 std::string json_text(const subject& all, const std::vector<result>& results) {
     json document{{"device", json_of(all.device)}, {"absent_device", json_of(all.absent_device)}};
-    json checks = json::array();
+    document["checks"] = json::array();
     for (const result& each : results) {
-        checks.push_back(json_of(each));
+        document["checks"].push_back(json_of(each));
     }
-    document["checks"] = checks;
     for (const verdict counted : {verdict::passed, verdict::failed, verdict::skipped}) {
         document[name_of(counted)] =
             std::count_if(results.begin(), results.end(),

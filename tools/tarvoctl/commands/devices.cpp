@@ -64,19 +64,15 @@ void print_as_table(const picture& records, const references& all) {
 }
 
 void print_as_json(const picture& records, references all) {
-    json devices = json::array();
-    for (const auto& device : records.devices) {
-        json made = json_device(device);
-        made["chunks"] = json_names(all[device.index]);
-        devices.push_back(std::move(made));
-    }
-    json left_over = json::array();
-    for (const auto& [index, chunks] : dangling(all, records)) {
-        left_over.push_back({{"index", index}, {"chunks", json_names(chunks)}});
-    }
     json document = json_document("devices", records);
-    document["devices"] = std::move(devices);
-    document["left_over_references"] = std::move(left_over);
+    document["devices"] = json_list(records.devices, [&](const device_record& each) {
+        json made = json_device(each);
+        made["chunks"] = json_names(all[each.index]);
+        return made;
+    });
+    document["left_over_references"] = json_list(dangling(all, records), [](const auto& each) {
+        return json{{"index", each.first}, {"chunks", json_names(each.second)}};
+    });
     document["damage"] = records.damage;
     print_json(document);
 }

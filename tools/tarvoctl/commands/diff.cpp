@@ -31,10 +31,7 @@ exit_status diff(const diff_options& options) {
     const auto changes = damage.empty() ? changes_between(before, after) : std::vector<change>{};
     if (options.json) {
         json document = json_document("diff", after);
-        document["changes"] = json::array();
-        for (const auto& each : changes) {
-            document["changes"].push_back(json_change(each));
-        }
+        document["changes"] = json_list(changes, json_change);
         document["damage"] = damage;
         print_json(document);
     } else {

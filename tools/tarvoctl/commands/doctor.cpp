@@ -83,12 +83,8 @@ json json_of(const diagnosis& each) {
 }
 
 void print_as_json(const health_report& report) {
-    json checks = json::array();
-    for (const auto& each : report.all()) {
-        checks.push_back(json_of(each));
-    }
     json document = json_document("doctor");
-    document["checks"] = std::move(checks);
+    document["checks"] = json_list(report.all(), json_of);
     document["errors"] = report.count(verdict::error);
     document["warnings"] = report.count(verdict::warning);
     print_json(document);

@@ -65,10 +65,8 @@ void print_outcome(const chunk_record& chunk, const picture& records,
     json document = json_document("free");
     document["freed"] = freed;
     document["chunk"] = json_chunk(chunk, records);
-    document["processes"] = json::array();
-    for (const pid_t pid : holders) {
-        document["processes"].push_back(json_process(processes.of(pid)));
-    }
+    document["processes"] =
+        json_list(holders, [&](pid_t each) { return json_process(processes.of(each)); });
     print_json(document);
 }
 

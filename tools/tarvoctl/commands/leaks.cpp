@@ -162,15 +162,13 @@ void print_for_people(const std::vector<suspected_leak>& found, bool all) {
 
 void print_as_json(const std::vector<suspected_leak>& found, const picture& records,
                    const mapped_memory& memory) {
-    json suspects = json::array();
-    for (const auto& each : found) {
+    json document = json_document("leaks", records);
+    document["suspects"] = json_list(found, [&](const suspected_leak& each) {
         json made = json_chunk(*each.chunk, records);
         made["for"] = each.reasons;
         made["against"] = each.doubts;
-        suspects.push_back(std::move(made));
-    }
-    json document = json_document("leaks", records);
-    document["suspects"] = std::move(suspects);
+        return made;
+    });
     document["size"] = bytes_of(found);
     document["unseen"] = json_unseen(memory);
     document["damage"] = records.damage;

@@ -142,15 +142,13 @@ void print_as_table(const picture& records, const list_options& options) {
 
 void print_as_json(const picture& records, const list_options& options) {
     const auto duplicates = records.duplicates();
-    json chunks = json::array();
-    for (const size_t position : order_of(records, options)) {
-        json chunk = json_chunk(records.chunks[position], records);
-        chunk["duplicate"] = static_cast<bool>(duplicates[position]);
-        chunks.push_back(std::move(chunk));
-    }
     json document = json_document("list", records);
     document["region"] = json_region(records);
-    document["chunks"] = std::move(chunks);
+    document["chunks"] = json_list(order_of(records, options), [&](size_t position) {
+        json chunk = json_chunk(records.chunks[position], records);
+        chunk["duplicate"] = static_cast<bool>(duplicates[position]);
+        return chunk;
+    });
     document["damage"] = records.damage;
     print_json(document);
 }

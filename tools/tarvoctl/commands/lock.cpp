@@ -90,26 +90,20 @@ json json_of(const lock_party& party, process_table& processes) {
 }
 
 json json_of(const lock_state& lock, process_table& processes) {
-    json parties = json::array();
-    for (const auto& party : parties_of(lock)) {
-        parties.push_back(json_of(party, processes));
-    }
-    json troubles = json::array();
-    for (const auto& trouble : lock_troubles(lock, processes)) {
-        troubles.push_back(trouble.text);
-    }
-    return {{"file", lock.file},    {"exists", lock.exists},
-            {"held", lock.held},    {"taker", lock.taker == 0 ? json{} : json(lock.taker)},
-            {"processes", parties}, {"troubles", troubles}};
+    const auto json_party = [&](const lock_party& each) { return json_of(each, processes); };
+    const auto text_of = [](const lock_trouble& each) { return each.text; };
+    return {{"file", lock.file},
+            {"exists", lock.exists},
+            {"held", lock.held},
+            {"taker", lock.taker == 0 ? json{} : json(lock.taker)},
+            {"processes", json_list(parties_of(lock), json_party)},
+            {"troubles", json_list(lock_troubles(lock, processes), text_of)}};
 }
 
 void print_as_json(const lock_picture& found, process_table& processes) {
-    json locks = json::array();
-    for (const auto& lock : found.locks) {
-        locks.push_back(json_of(lock, processes));
-    }
     json document = json_document("lock");
-    document["locks"] = std::move(locks);
+    document["locks"] =
+        json_list(found.locks, [&](const lock_state& each) { return json_of(each, processes); });
     document["unseen"] = found.unseen;
     print_json(document);
 }

@@ -199,10 +199,7 @@ void print_as_json(const picture& records, const std::vector<gap>& gaps, const f
     document["free_bytes"] = known ? json(free.total_bytes) : json(nullptr);
     document["largest_gap_bytes"] = known ? json(free.largest_bytes) : json(nullptr);
     document["fragmentation"] = known ? json(free.fragmentation()) : json(nullptr);
-    document["gaps"] = json::array();
-    for (const auto& each : gaps) {
-        document["gaps"].push_back(json_gap(each, records));
-    }
+    document["gaps"] = json_list(gaps, [&](const gap& each) { return json_gap(each, records); });
     document["overlaps"] = json_overlaps(records);
     document["fit"] = fit ? json_fit(*fit, records) : json(nullptr);
     document["damage"] = records.damage;

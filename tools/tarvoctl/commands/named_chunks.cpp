@@ -89,11 +89,7 @@ std::vector<const chunk_record*> chunks_called(const std::string& name, const pi
 }
 
 json json_names(const std::vector<const chunk_record*>& chunks) {
-    json names = json::array();
-    for (const auto* chunk : chunks) {
-        names.push_back(chunk->name);
-    }
-    return names;
+    return json_list(chunks, [](const chunk_record* each) { return each->name; });
 }
 
 } // namespace tarvoctl

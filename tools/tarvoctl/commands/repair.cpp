@@ -115,14 +115,11 @@ json json_doubt(const repair_doubt& doubt, const shared_area_t& area) {
 /// `backup` is empty where nothing was changed.
 void print_as_json(const planned_repair& planned, const std::string& backup) {
     json document = json_document("repair");
-    document["edits"] = json::array();
-    for (const auto& edit : planned.plan.edits) {
-        document["edits"].push_back(json_edit(edit, planned.area));
-    }
-    document["left"] = json::array();
-    for (const auto& doubt : planned.plan.doubts) {
-        document["left"].push_back(json_doubt(doubt, planned.area));
-    }
+    document["edits"] = json_list(
+        planned.plan.edits, [&](const repair_edit& each) { return json_edit(each, planned.area); });
+    document["left"] = json_list(planned.plan.doubts, [&](const repair_doubt& each) {
+        return json_doubt(each, planned.area);
+    });
     document["stays_broken"] = json_findings(planned.rest, planned.area);
     document["repaired"] = !backup.empty();
     document["backup"] = backup.empty() ? json(nullptr) : json(backup);

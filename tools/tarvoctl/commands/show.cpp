@@ -148,10 +148,8 @@ json json_shown(const chunk_record& chunk, const picture& records, const mapped_
     json made = json_chunk(chunk, records);
     made["below"] = json_neighbour(place.below, place.gap_below);
     made["above"] = json_neighbour(place.above, place.gap_above);
-    made["overlaps"] = json::array();
-    for (const auto* each : place.overlapping) {
-        made["overlaps"].push_back(json_chunk(*each, records));
-    }
+    made["overlaps"] = json_list(
+        place.overlapping, [&](const chunk_record* each) { return json_chunk(*each, records); });
     made["mappings"] = memory != nullptr ? json_mappings(chunk, *memory) : json::array();
     return made;
 }
@@ -176,10 +174,8 @@ void print_all_as_text(const std::vector<const chunk_record*>& chunks, const pic
 void print_all_as_json(const std::vector<const chunk_record*>& chunks, const picture& records,
                        const mapped_memory* memory) {
     json document = json_document("show", records);
-    document["chunks"] = json::array();
-    for (const auto* chunk : chunks) {
-        document["chunks"].push_back(json_shown(*chunk, records, memory));
-    }
+    document["chunks"] = json_list(
+        chunks, [&](const chunk_record* each) { return json_shown(*each, records, memory); });
     document["unseen"] = json_unseen(memory != nullptr ? *memory : mapped_memory{});
     document["damage"] = records.damage;
     print_json(document);

@@ -189,8 +189,8 @@ void print_as_table(const answer& found, const picture& records, const mapped_me
 }
 
 json json_views(const std::vector<view>& views, uint64_t base_pa, process_table& processes) {
-    json made = json::array();
-    for (const auto& [mapping, window] : views) {
+    return json_list(views, [&](const view& one) {
+        const auto& [mapping, window] = one;
         json each = json_process(processes.of(mapping->pid));
         each["va"] = json_address(mapping->va + (window.pa - mapping->pa));
         each["pa"] = json_address(window.pa);
@@ -201,22 +201,19 @@ json json_views(const std::vector<view>& views, uint64_t base_pa, process_table&
         each["write"] = mapping->writable;
         each["shared"] = mapping->shared;
         each["removed"] = mapping->removed;
-        made.push_back(std::move(each));
-    }
-    return made;
+        return each;
+    });
 }
 
 void print_as_json(const answer& found, const picture& records, const mapped_memory& memory,
                    process_table& processes) {
-    json chunks = json::array();
-    for (const auto& [chunk, views] : found.chunks) {
-        json each = json_chunk(*chunk, records);
-        each["mappings"] = json_views(views, chunk->pa, processes);
-        chunks.push_back(std::move(each));
-    }
     json document = json_document("who", records);
     document["region"] = json_region(records);
-    document["chunks"] = std::move(chunks);
+    document["chunks"] = json_list(found.chunks, [&](const chunk_views& each) {
+        json made = json_chunk(*each.chunk, records);
+        made["mappings"] = json_views(each.views, each.chunk->pa, processes);
+        return made;
+    });
     document["whole_region"] = json_views(found.whole_region, records.region.first_pa, processes);
     document["stale"] = json_views(found.stale, records.region.first_pa, processes);
     document["unseen"] = json_unseen(memory);

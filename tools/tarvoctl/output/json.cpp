@@ -115,10 +115,8 @@ json json_chunk(const chunk_record& chunk, const picture& records) {
     made["pa_end"] = json_address(chunk.end_pa() - 1);
     made["size"] = chunk.size;
     add_text(made, "creator", chunk.creator);
-    made["devices"] = json::array();
-    for (const int index : chunk.devices) {
-        made["devices"].push_back(json_reference(index, records));
-    }
+    made["devices"] =
+        json_list(chunk.devices, [&](int index) { return json_reference(index, records); });
     return made;
 }
 

@@ -13,6 +13,16 @@ namespace tarvoctl {
 /// Keys stay in the order in which they are added.
 using json = nlohmann::ordered_json;
 
+/// A list with what `make` makes of each item.
+template <typename Items, typename Make>
+json json_list(const Items& items, Make make) {
+    json made = json::array();
+    for (const auto& each : items) {
+        made.push_back(make(each));
+    }
+    return made;
+}
+
 /// What every output begins with: the number of the schema it follows and the command.
 json json_document(std::string_view command);
 

@@ -73,15 +73,13 @@ json json_place(const place& where, const shared_area_t& area) {
 }
 
 json json_findings(const std::vector<finding>& findings, const shared_area_t& area) {
-    json made = json::array();
-    for (const auto& each : findings) {
+    return json_list(findings, [&](const finding& each) {
         json one{{"class", name_of(each.cls)}, {"rule", each.rule}};
         one.update(json_place(each.where, area));
         one["text"] = each.text;
         one["unlisted"] = each.unlisted;
-        made.push_back(std::move(one));
-    }
-    return made;
+        return one;
+    });
 }
 
 } // namespace tarvoctl
