@@ -108,13 +108,8 @@ exit_status register_device(const register_options& options) {
 
 std::string names_of(const std::vector<const chunk_record*>& chunks) {
     constexpr size_t most_named = 10;
-    std::string names;
-    for (size_t i = 0; i < std::min(chunks.size(), most_named); ++i) {
-        names += (names.empty() ? "" : ", ") + shown_name(chunks[i]->name);
-    }
-    return chunks.size() <= most_named
-               ? names
-               : names + fmt::format(" and {} more", chunks.size() - most_named);
+    return some_of(chunks, most_named,
+                   [](const chunk_record* each) { return shown_name(each->name); });
 }
 
 std::vector<std::string> effects_of(const device_record& device,

@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <fmt/format.h>
+#include <functional>
 #include <memory>
 
 namespace tarvoctl {
@@ -139,20 +140,17 @@ class who_table {
 /// The chunks that nobody maps, a few by name.
 void print_unmapped(const answer& found, const mapped_memory& memory) {
     constexpr size_t most_named = 10;
-    size_t count = 0;
-    std::string names;
+    std::vector<std::string> names;
     for (const auto& [chunk, views] : found.chunks) {
-        if (views.empty() && count++ < most_named) {
-            names += (names.empty() ? "" : ", ") + shown_name(chunk->name);
+        if (views.empty()) {
+            names.push_back(shown_name(chunk->name));
         }
     }
-    if (count == 0) {
-        return;
+    if (!names.empty()) {
+        fmt::print("Mapped by nobody{}{}: {}\n", seen_only_text(memory),
+                   found.whole_region.empty() ? "" : " but with the whole region",
+                   some_of(names, most_named, std::identity{}));
     }
-    const std::string more =
-        count > most_named ? fmt::format(" and {} more", count - most_named) : "";
-    fmt::print("Mapped by nobody{}{}: {}{}\n", seen_only_text(memory),
-               found.whole_region.empty() ? "" : " but with the whole region", names, more);
 }
 
 /// `only`: the name that was asked for; empty: all were.

@@ -69,14 +69,7 @@ std::string process_table::text(pid_t pid) {
 
 std::string processes_text(const std::vector<pid_t>& pids, process_table& processes) {
     constexpr size_t most_named = 5;
-    std::string made;
-    for (size_t i = 0; i < std::min(pids.size(), most_named); ++i) {
-        made += (i == 0 ? "" : ", ") + processes.text(pids[i]);
-    }
-    if (pids.size() > most_named) {
-        made += fmt::format(" and {} more", pids.size() - most_named);
-    }
-    return made;
+    return some_of(pids, most_named, [&](pid_t each) { return processes.text(each); });
 }
 
 const char* seen_only_text(const mapped_memory& memory) {

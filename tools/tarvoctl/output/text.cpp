@@ -11,21 +11,12 @@ namespace tarvoctl {
 
 std::string devices_text(const chunk_record& chunk, const picture& records) {
     constexpr size_t most_named = 4;
-    std::string made;
-    for (size_t i = 0; i < std::min(chunk.devices.size(), most_named); ++i) {
-        const int index = chunk.devices[i];
+    const auto text_of = [&records](int index) {
         const device_record* const device = records.device_at(index);
-        made += made.empty() ? "" : " ";
-        if (device == nullptr) {
-            made += fmt::format("?{}", index);
-        } else {
-            made += device_text(*device) + (device->online ? "" : " (offline)");
-        }
-    }
-    if (chunk.devices.size() > most_named) {
-        made += fmt::format(" and {} more", chunk.devices.size() - most_named);
-    }
-    return made.empty() ? "-" : made;
+        return device == nullptr ? fmt::format("?{}", index)
+                                 : device_text(*device) + (device->online ? "" : " (offline)");
+    };
+    return chunk.devices.empty() ? "-" : some_of(chunk.devices, most_named, text_of, " ");
 }
 
 std::string dma_range(const dma_window& region, uint64_t first_pa, uint64_t end_pa) {

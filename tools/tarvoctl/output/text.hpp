@@ -5,9 +5,26 @@
 #include "common/shown.hpp"
 #include "host/area_source.hpp"
 
+#include <algorithm>
+#include <fmt/format.h>
 #include <string>
+#include <string_view>
 
 namespace tarvoctl {
+
+/// The texts of the first few items, and how many more there are: "a, b and 3 more".
+template <typename Items, typename Text>
+std::string some_of(const Items& items, size_t most_named, Text text_of,
+                    std::string_view between = ", ") {
+    std::string made;
+    for (size_t i = 0; i < std::min(items.size(), most_named); ++i) {
+        made += i == 0 ? "" : between;
+        made += text_of(items[i]);
+    }
+    return items.size() <= most_named
+               ? made
+               : fmt::format("{} and {} more", made, items.size() - most_named);
+}
 
 /// The devices a chunk is mapped for, such as "0000:03:00.0 (offline)", or "-" for none. What
 /// points at no registered device reads "?7", with the element number. The first four, and how many
