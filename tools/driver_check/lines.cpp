@@ -72,9 +72,8 @@ std::vector<allocation> allocations_in(const std::string& listing) {
 
 std::optional<allocation> find_allocation(const std::vector<allocation>& all,
                                           const std::string& name, uint64_t bytes) {
-    const auto found = std::find_if(all.begin(), all.end(), [&](const allocation& each) {
-        return each.name == name && each.bytes == bytes;
-    });
+    const auto found = std::ranges::find_if(
+        all, [&](const allocation& each) { return each.name == name && each.bytes == bytes; });
     return found == all.end() ? std::nullopt : std::optional{*found};
 }
 

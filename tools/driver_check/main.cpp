@@ -19,9 +19,7 @@ exit_status check(const options& chosen) {
     if (std::fputs(text.c_str(), stdout) < 0 || std::fflush(stdout) != 0) {
         throw failure{exit_status::unreadable, "standard output cannot be written"};
     }
-    const bool broken = std::any_of(results.begin(), results.end(), [](const result& each) {
-        return each.found == verdict::failed;
-    });
+    const bool broken = std::ranges::count(results, verdict::failed, &result::found) > 0;
     return broken ? exit_status::finding : exit_status::good;
 }
 

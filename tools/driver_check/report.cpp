@@ -68,9 +68,7 @@ std::string json_text(const subject& all, const std::vector<result>& results) {
         document["checks"].push_back(json_of(each));
     }
     for (const verdict counted : {verdict::passed, verdict::failed, verdict::skipped}) {
-        document[name_of(counted)] =
-            std::count_if(results.begin(), results.end(),
-                          [&](const result& each) { return each.found == counted; });
+        document[name_of(counted)] = std::ranges::count(results, counted, &result::found);
     }
     return document.dump(2, ' ', false, json::error_handler_t::replace) + "\n";
 }

@@ -84,7 +84,7 @@ void command_words::choice(const std::string& names, const std::string& title,
                            const std::vector<std::string>& values, std::string& to,
                            const std::string& about) {
     const auto check = [names, values](const std::string& value) {
-        if (std::find(values.begin(), values.end(), value) == values.end()) {
+        if (std::ranges::find(values, value) == values.end()) {
             throw failure{exit_status::usage, fmt::format("{} '{}': give one of {}", names,
                                                           shown(value), fmt::join(values, ", "))};
         }

@@ -21,7 +21,7 @@ const cma_allocation* cma_table::overlapped_by(uint64_t pa, uint64_t size_bytes)
         return pa < held.first_pa + round_up_to_page(held.size_bytes) &&
                held.first_pa < pa + size_bytes;
     };
-    const auto found = std::find_if(_allocations.begin(), _allocations.end(), overlaps);
+    const auto found = std::ranges::find_if(_allocations, overlaps);
     return found == _allocations.end() ? nullptr : &*found;
 }
 
@@ -40,8 +40,7 @@ std::optional<uint64_t> cma_table::first_fit(uint64_t size_bytes) const {
 
 int cma_table::allocate(const std::string& name, uint64_t size_bytes,
                         std::optional<uint64_t> address) {
-    const auto held = [&](const cma_allocation& other) { return other.name == name; };
-    if (std::any_of(_allocations.begin(), _allocations.end(), held)) {
+    if (std::ranges::find(_allocations, name, &cma_allocation::name) != _allocations.end()) {
         return EEXIST;
     }
     if (!address) {

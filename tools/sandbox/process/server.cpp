@@ -52,8 +52,7 @@ void send_done(const unique_fd& socket) {
 } // namespace
 
 bool server::is_in_use() const {
-    return std::any_of(_connections.begin(), _connections.end(),
-                       [](const connection& one) { return one.keeps_alive; });
+    return std::ranges::any_of(_connections, &connection::keeps_alive);
 }
 
 void server::run() {

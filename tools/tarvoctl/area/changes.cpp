@@ -106,7 +106,7 @@ class reference_set {
   public:
     reference_set(const std::vector<int>& references, const device_index& devices)
         : _devices{devices}, _numbers{references} {
-        std::sort(_numbers.begin(), _numbers.end());
+        std::ranges::sort(_numbers);
         for (const int index : references) {
             if (devices.at(index) != device_index::no_device) {
                 _positions.set(devices.at(index));
@@ -116,9 +116,7 @@ class reference_set {
 
     bool has_device(size_t position) const { return _positions[position]; }
     /// A reference by that number, whatever is registered under it.
-    bool has_number(int index) const {
-        return std::binary_search(_numbers.begin(), _numbers.end(), index);
-    }
+    bool has_number(int index) const { return std::ranges::binary_search(_numbers, index); }
     /// A reference by a number that no device has.
     bool has_bare_number(int index) const {
         return _devices.at(index) == device_index::no_device && has_number(index);
@@ -166,10 +164,8 @@ class comparison {
   public:
     comparison(const picture& before, const picture& after)
         : _before{before}, _after{after}, _common{before, after}, _index_before{before, _common},
-          _index_after{after, _common}, _same_devices{
-                                            std::equal(before.devices.begin(), before.devices.end(),
-                                                       after.devices.begin(), after.devices.end(),
-                                                       same_device)} {}
+          _index_after{after, _common}, _same_devices{std::ranges::equal(
+                                            before.devices, after.devices, same_device)} {}
 
     std::vector<change> take() {
         const auto pairs = pairs_of(_before, _after);
@@ -190,9 +186,9 @@ class comparison {
         for (const auto& pair : pairs) {
             kept.push_back(pair.before);
         }
-        std::sort(kept.begin(), kept.end());
+        std::ranges::sort(kept);
         for (const auto& chunk : _before.chunks) {
-            if (!std::binary_search(kept.begin(), kept.end(), &chunk)) {
+            if (!std::ranges::binary_search(kept, &chunk)) {
                 _found.push_back({change_kind::freed, chunk, std::nullopt});
             }
         }

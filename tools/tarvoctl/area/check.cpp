@@ -46,14 +46,12 @@ std::vector<finding> check_area(const shared_area_t& area, const check_options& 
 }
 
 bool has_class(const std::vector<finding>& findings, finding_class cls) {
-    return std::any_of(findings.begin(), findings.end(),
-                       [cls](const finding& one) { return one.cls == cls; });
+    return std::ranges::find(findings, cls, &finding::cls) != findings.end();
 }
 
 bool is_of_another_region(const std::vector<finding>& findings) {
-    return std::any_of(findings.begin(), findings.end(), [](const finding& one) {
-        return one.rule == rule_name(rules::region_differs, area_list::chunks);
-    });
+    const std::string differs = rule_name(rules::region_differs, area_list::chunks);
+    return std::ranges::find(findings, differs, &finding::rule) != findings.end();
 }
 
 } // namespace tarvoctl

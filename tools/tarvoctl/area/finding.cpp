@@ -41,7 +41,7 @@ namespace {
 
 std::string best_remedy(const std::vector<finding>& findings) {
     const auto helps = [&findings](remedy out) {
-        return std::any_of(findings.begin(), findings.end(), [out](const finding& one) {
+        return std::ranges::any_of(findings, [out](const finding& one) {
             return one.cls == finding_class::broken && one.out == out;
         });
     };

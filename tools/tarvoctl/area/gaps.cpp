@@ -40,8 +40,7 @@ std::vector<boundary> boundaries_of(const picture& records) {
             found.push_back({end, &chunk, false});
         }
     }
-    std::stable_sort(found.begin(), found.end(),
-                     [](const boundary& a, const boundary& b) { return a.pa < b.pa; });
+    std::ranges::stable_sort(found, {}, &boundary::pa);
     return found;
 }
 
@@ -114,8 +113,8 @@ uint32_t rounded_size(uint64_t bytes, uint32_t page_bytes) {
 }
 
 std::optional<gap> first_fit(const std::vector<gap>& gaps, uint32_t size) {
-    const auto found = std::find_if(gaps.begin(), gaps.end(),
-                                    [size](const gap& each) { return each.bytes >= size; });
+    const auto found =
+        std::ranges::find_if(gaps, [size](const gap& each) { return each.bytes >= size; });
     return found == gaps.end() ? std::nullopt : std::optional{*found};
 }
 

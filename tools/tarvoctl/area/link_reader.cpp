@@ -21,9 +21,9 @@ bool holds(const std::vector<bool>& set, int element) {
 }
 
 bool contains(std::vector<int> elements, std::vector<int> others) {
-    std::sort(elements.begin(), elements.end());
-    std::sort(others.begin(), others.end());
-    return std::includes(elements.begin(), elements.end(), others.begin(), others.end());
+    std::ranges::sort(elements);
+    std::ranges::sort(others);
+    return std::ranges::includes(elements, others);
 }
 
 } // namespace

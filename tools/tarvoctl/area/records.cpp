@@ -110,8 +110,7 @@ const device_record* picture::registered(const device_record& device) const {
 }
 
 const chunk_record* picture::find(const std::string& name) const {
-    const auto found = std::find_if(chunks.begin(), chunks.end(),
-                                    [&name](const auto& chunk) { return chunk.name == name; });
+    const auto found = std::ranges::find(chunks, name, &chunk_record::name);
     return found == chunks.end() ? nullptr : &*found;
 }
 

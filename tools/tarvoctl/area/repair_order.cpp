@@ -37,12 +37,12 @@ decided_list decide_unordered(const list_links& links, const may_be_listed& is_p
 
 /// Whether the ends of the list, or one of its elements, lead to an element that is not among them.
 bool is_named(const list_links& links, const std::vector<int>& order, int element) {
-    const auto is_listed = std::find(order.begin(), order.end(), element) != order.end();
+    const bool is_listed = std::ranges::find(order, element) != order.end();
     const auto leads_there = [&](int listed) {
         return links.next(listed) == element || links.prev(listed) == element;
     };
     return !is_listed && (links.head == element || links.tail == element ||
-                          std::any_of(order.begin(), order.end(), leads_there));
+                          std::ranges::any_of(order, leads_there));
 }
 
 /// No interrupted change leaves a link to an element that is not marked: those that were filled in
@@ -157,8 +157,7 @@ class chunk_decision {
             }
         }
         for (const int end : {_links.head, _links.tail}) {
-            if (std::find(_decided.order.begin(), _decided.order.end(), end) ==
-                _decided.order.end()) {
+            if (std::ranges::find(_decided.order, end) == _decided.order.end()) {
                 enter(end);
             }
         }
@@ -205,8 +204,7 @@ class chunk_decision {
                                                     : 1,
                              uint64_t{record(chunk).pa});
         };
-        std::stable_sort(_decided.order.begin(), _decided.order.end(),
-                         [&](int a, int b) { return rank(a) < rank(b); });
+        std::ranges::stable_sort(_decided.order, {}, rank);
     }
 
     const shared_area_t& _area;

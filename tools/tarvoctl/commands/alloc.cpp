@@ -78,9 +78,9 @@ failure refusal(const std::string& name, uint32_t size, const picture& records) 
 }
 
 const chunk_record& chunk_at(uint64_t pa, const std::string& name, const picture& records) {
-    const auto found =
-        std::find_if(records.chunks.begin(), records.chunks.end(),
-                     [&](const chunk_record& each) { return each.pa == pa && each.name == name; });
+    const auto found = std::ranges::find_if(records.chunks, [&](const chunk_record& each) {
+        return each.pa == pa && each.name == name;
+    });
     if (found == records.chunks.end()) {
         throw failure{exit_status::finding,
                       fmt::format("the chunk '{}' was allocated, and freed again at once by "
@@ -115,10 +115,9 @@ exit_status call_alloc(const alloc_options& options, uint32_t size, const pictur
         throw refusal(options.name, size, after);
     }
     const chunk_record& chunk = chunk_at(after.region.pa_of(dma), options.name, after);
-    const bool is_shared =
-        std::any_of(before.chunks.begin(), before.chunks.end(), [&chunk](const auto& each) {
-            return each.index == chunk.index && each.name == chunk.name && each.pa == chunk.pa;
-        });
+    const bool is_shared = std::ranges::any_of(before.chunks, [&chunk](const auto& each) {
+        return each.index == chunk.index && each.name == chunk.name && each.pa == chunk.pa;
+    });
     print_chunk(chunk, after, is_shared, options.json);
     return exit_status::good;
 }

@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <fmt/format.h>
+#include <functional>
 #include <memory>
 
 namespace tarvoctl {
@@ -53,7 +54,7 @@ class leak_search {
   private:
     /// Mappings of the whole region show every chunk, and so say nothing about any.
     bool is_mapped(const chunk_record& chunk) const {
-        return std::any_of(_partial.begin(), _partial.end(), [&chunk](const auto* mapping) {
+        return std::ranges::any_of(_partial, [&chunk](const auto* mapping) {
             return shown_of(*mapping, chunk.pa, chunk.end_pa()).has_value();
         });
     }
@@ -124,14 +125,10 @@ void print_reasons(const char* heading, const std::vector<std::string>& reasons)
 
 /// The largest, in ascending address as before.
 void keep_largest(std::vector<suspected_leak>& found, size_t most) {
-    std::stable_sort(found.begin(), found.end(),
-                     [](const suspected_leak& a, const suspected_leak& b) {
-                         return a.chunk->size > b.chunk->size;
-                     });
+    std::ranges::stable_sort(found, std::greater{},
+                             [](const suspected_leak& each) { return each.chunk->size; });
     found.resize(std::min(found.size(), most));
-    std::sort(found.begin(), found.end(), [](const suspected_leak& a, const suspected_leak& b) {
-        return a.chunk->pa < b.chunk->pa;
-    });
+    std::ranges::sort(found, {}, [](const suspected_leak& each) { return each.chunk->pa; });
 }
 
 /// The summary comes last, where it is seen on a terminal that scrolls.

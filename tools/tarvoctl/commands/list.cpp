@@ -65,9 +65,7 @@ const list_column all_columns[] = {
 };
 
 const list_column& column_called(const std::string& key) {
-    const auto* const found =
-        std::find_if(std::begin(all_columns), std::end(all_columns),
-                     [&key](const list_column& each) { return key == each.key; });
+    const auto* const found = std::ranges::find(all_columns, key, &list_column::key);
     if (found == std::end(all_columns)) {
         throw failure{
             exit_status::usage,
@@ -83,21 +81,22 @@ std::vector<size_t> order_of(const picture& records, const list_options& options
     std::vector<size_t> order(records.chunks.size());
     std::iota(order.begin(), order.end(), 0);
     const auto sort_by = [&](auto key) {
-        std::stable_sort(order.begin(), order.end(), [&](size_t a, size_t b) {
-            return key(records.chunks[a]) < key(records.chunks[b]);
-        });
+        const auto key_of = [&](size_t position) -> const auto& {
+            return records.chunks[position].*key;
+        };
+        std::ranges::stable_sort(order, {}, key_of);
     };
     if (options.sort == "name") {
-        sort_by([](const chunk_record& each) -> const std::string& { return each.name; });
+        sort_by(&chunk_record::name);
     }
     if (options.sort == "creator") {
-        sort_by([](const chunk_record& each) -> const std::string& { return each.creator; });
+        sort_by(&chunk_record::creator);
     }
     if (options.sort == "size") {
-        sort_by([](const chunk_record& each) { return each.size; });
+        sort_by(&chunk_record::size);
     }
     if (options.sort == "index") {
-        sort_by([](const chunk_record& each) { return each.index; });
+        sort_by(&chunk_record::index);
     }
     if (options.reverse) {
         std::reverse(order.begin(), order.end());

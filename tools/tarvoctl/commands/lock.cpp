@@ -57,17 +57,19 @@ void print_parties(const lock_state& lock, process_table& processes) {
     fmt::print("{}", parties.empty() ? "" : lines.text());
 }
 
+bool is_any_held(const lock_picture& found) {
+    return std::ranges::any_of(found.locks, &lock_state::held);
+}
+
 void print_as_table(const lock_picture& found, process_table& processes) {
-    bool any_held = false;
     for (const auto& lock : found.locks) {
         fmt::print("{}: {}\n", lock.file, heading_of(lock, processes));
         print_parties(lock, processes);
         for (const auto& trouble : lock_troubles(lock, processes)) {
             fmt::print("  ! {}\n", trouble.text);
         }
-        any_held = any_held || lock.held;
     }
-    if (any_held) {
+    if (is_any_held(found)) {
         fmt::print("The kernel does not record since when a lock is held or waited for.\n");
     }
     if (!found.unseen.empty()) {
@@ -111,9 +113,7 @@ void print_as_json(const lock_picture& found, process_table& processes) {
 /// Without the kernel's table, a lock that is not seen to be held may be so by a process that
 /// cannot be seen.
 void check_known(const lock_picture& found) {
-    const bool any_held = std::any_of(found.locks.begin(), found.locks.end(),
-                                      [](const lock_state& lock) { return lock.held; });
-    if (!found.table_read && !any_held && !found.unseen.empty()) {
+    if (!found.table_read && !is_any_held(found) && !found.unseen.empty()) {
         throw failure{exit_status::unreadable, "cannot read /proc/locks, nor the open files of all "
                                                "processes; run it as root"};
     }
@@ -128,9 +128,7 @@ exit_status lock(bool as_json) {
     } else {
         print_as_table(found, processes);
     }
-    const bool held = std::any_of(found.locks.begin(), found.locks.end(),
-                                  [](const lock_state& each) { return each.held; });
-    return held ? exit_status::finding : exit_status::good;
+    return is_any_held(found) ? exit_status::finding : exit_status::good;
 }
 
 } // namespace

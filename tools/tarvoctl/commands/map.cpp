@@ -16,6 +16,7 @@
 
 #include <algorithm>
 #include <fmt/format.h>
+#include <functional>
 #include <memory>
 
 namespace tarvoctl {
@@ -105,11 +106,9 @@ std::vector<piece> listed_of(std::vector<piece> pieces) {
         return pieces;
     }
     std::erase_if(pieces, [](const piece& each) { return each.owner == nullptr; });
-    std::stable_sort(pieces.begin(), pieces.end(),
-                     [](const piece& a, const piece& b) { return a.bytes > b.bytes; });
+    std::ranges::stable_sort(pieces, std::greater{}, &piece::bytes);
     pieces.resize(std::min(pieces.size(), most_chunks));
-    std::sort(pieces.begin(), pieces.end(),
-              [](const piece& a, const piece& b) { return a.pa < b.pa; });
+    std::ranges::sort(pieces, {}, &piece::pa);
     return pieces;
 }
 

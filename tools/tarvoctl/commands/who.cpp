@@ -221,8 +221,8 @@ void print_as_json(const answer& found, const picture& records, const mapped_mem
 
 bool is_mapped(const answer& found) {
     return !found.whole_region.empty() ||
-           std::any_of(found.chunks.begin(), found.chunks.end(),
-                       [](const auto& each) { return !each.views.empty(); });
+           std::ranges::any_of(found.chunks,
+                               [](const chunk_views& each) { return !each.views.empty(); });
 }
 
 exit_status who(const who_options& options) {

@@ -79,8 +79,7 @@ std::string fix_for_offline(const device_record& device, const picture& records)
 }
 
 void diagnose_devices(const picture& records, health_report& report) {
-    const bool any_online = std::any_of(records.devices.begin(), records.devices.end(),
-                                        [](const device_record& each) { return each.online; });
+    const bool any_online = std::ranges::any_of(records.devices, &device_record::online);
     for (const device_record& each : records.devices) {
         if (!each.online) {
             report.add(verdict::warning, device_text(each),

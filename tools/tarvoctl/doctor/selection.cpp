@@ -9,8 +9,7 @@
 namespace tarvoctl {
 
 size_t health_report::count(verdict how) const {
-    return static_cast<size_t>(std::count_if(
-        _all.begin(), _all.end(), [how](const diagnosis& each) { return each.how == how; }));
+    return static_cast<size_t>(std::ranges::count(_all, how, &diagnosis::how));
 }
 
 namespace {

@@ -173,7 +173,7 @@ std::vector<pid_t> lock_state::keepers() const {
 
 bool lock_state::taker_keeps_it() const {
     const auto all = keepers();
-    return std::find(all.begin(), all.end(), taker) != all.end();
+    return std::ranges::find(all, taker) != all.end();
 }
 
 std::optional<pid_t> lock_state::holder() const {

@@ -56,10 +56,9 @@ class map_reader {
     }
 
     mapped_memory take() {
-        std::sort(_found.mappings.begin(), _found.mappings.end(),
-                  [](const region_mapping& a, const region_mapping& b) {
-                      return std::tie(a.pa, a.pid, a.va) < std::tie(b.pa, b.pid, b.va);
-                  });
+        std::ranges::sort(_found.mappings, {}, [](const region_mapping& each) {
+            return std::tie(each.pa, each.pid, each.va);
+        });
         return std::move(_found);
     }
 
@@ -75,7 +74,7 @@ class map_reader {
     bool has_removed_memory(pid_t pid) const {
         const auto descriptors = descriptors_of(pid).value_or(std::vector<int>{});
         return !_memory_is_device && shares_our_mounts(pid) &&
-               std::any_of(descriptors.begin(), descriptors.end(), [&](int descriptor) {
+               std::ranges::any_of(descriptors, [&](int descriptor) {
                    return file_of(pid, descriptor) == _removed_memory_path;
                });
     }
@@ -128,7 +127,7 @@ std::vector<pid_t> holders_of(const chunk_record& chunk, const mapped_memory& me
             found.push_back(mapping.pid);
         }
     }
-    std::sort(found.begin(), found.end());
+    std::ranges::sort(found);
     found.erase(std::unique(found.begin(), found.end()), found.end());
     return found;
 }

@@ -39,8 +39,7 @@ bool is_of_library(const std::string& path) {
     constexpr const char* files[] = {paths::simulated_memory, paths::simulated_area,
                                      paths::simulated_lock, paths::hardware_area,
                                      paths::hardware_lock};
-    return std::any_of(std::begin(files), std::end(files),
-                       [&path](const char* file) { return is_same(path, file); });
+    return std::ranges::any_of(files, [&path](const char* file) { return is_same(path, file); });
 }
 
 mode_t umask_now() {

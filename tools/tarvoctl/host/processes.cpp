@@ -39,7 +39,7 @@ std::optional<std::vector<int>> numbers_in(const std::string& folder) {
             numbers.push_back(*number);
         }
     }
-    std::sort(numbers.begin(), numbers.end());
+    std::ranges::sort(numbers);
     return numbers;
 }
 

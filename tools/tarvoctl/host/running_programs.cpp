@@ -26,8 +26,8 @@ std::string first_word(const std::string& text) {
 bool is_interpreter(const std::string& program) {
     constexpr std::array<std::string_view, 8> known{"python", "perl", "ruby", "node",
                                                     "bash",   "sh",   "dash", "lua"};
-    return std::any_of(known.begin(), known.end(),
-                       [&](std::string_view each) { return program.starts_with(each); });
+    return std::ranges::any_of(known,
+                               [&](std::string_view each) { return program.starts_with(each); });
 }
 
 /// The first argument that is not an option; empty where there is none.
@@ -61,7 +61,7 @@ running_programs::running_programs() {
 bool running_programs::may_include(const std::string& creator) const {
     const std::array candidates{creator, last_component(creator), first_word(creator),
                                 last_component(first_word(creator))};
-    return std::any_of(candidates.begin(), candidates.end(), [this](const std::string& each) {
+    return std::ranges::any_of(candidates, [this](const std::string& each) {
         const bool cut = each.size() > kernels_name_bytes;
         return _names.contains(each) ||
                (cut && _names.contains(each.substr(0, kernels_name_bytes)));
@@ -69,7 +69,7 @@ bool running_programs::may_include(const std::string& creator) const {
 }
 
 bool looks_like_a_program(const std::string& creator) {
-    return !creator.empty() && std::all_of(creator.begin(), creator.end(), [](unsigned char each) {
+    return !creator.empty() && std::ranges::all_of(creator, [](unsigned char each) {
         return each > ' ' && each < 0x7f &&
                std::string_view{"\"'()[]{}<>,;*?!|&$"}.find(static_cast<char>(each)) ==
                    std::string_view::npos;

@@ -160,7 +160,7 @@ class worker {
     /// are this process's, too.
     static void follow(int signal) {
         constexpr std::array own_doing{SIGABRT, SIGSEGV, SIGBUS, SIGFPE, SIGILL};
-        if (std::find(own_doing.begin(), own_doing.end(), signal) == own_doing.end()) {
+        if (std::ranges::find(own_doing, signal) == own_doing.end()) {
             std::signal(signal, SIG_DFL);
             ::raise(signal);
         }

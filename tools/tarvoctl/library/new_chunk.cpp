@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <fmt/format.h>
+#include <functional>
 #include <iterator>
 
 namespace tarvoctl {
@@ -44,9 +45,7 @@ std::optional<std::string> partial_chunk_in(const picture& records) {
 
 /// The library looks for gaps in the order of the list.
 std::optional<std::string> disorder_in(const std::vector<chunk_record>& chunks) {
-    const auto upper = std::adjacent_find(
-        chunks.begin(), chunks.end(),
-        [](const chunk_record& a, const chunk_record& b) { return b.pa < a.pa; });
+    const auto upper = std::ranges::adjacent_find(chunks, std::greater{}, &chunk_record::pa);
     if (upper == chunks.end()) {
         return std::nullopt;
     }
@@ -60,7 +59,7 @@ std::optional<std::string> outsider_in(const picture& records) {
         return each.pa < region.first_pa || each.pa > region.end_pa ||
                each.size > region.end_pa - each.pa;
     };
-    const auto found = std::find_if(records.chunks.begin(), records.chunks.end(), outside);
+    const auto found = std::ranges::find_if(records.chunks, outside);
     if (found == records.chunks.end()) {
         return std::nullopt;
     }
@@ -68,9 +67,7 @@ std::optional<std::string> outsider_in(const picture& records) {
 }
 
 std::optional<std::string> overlap_in(const std::vector<piece>& pieces) {
-    const auto found = std::find_if(pieces.begin(), pieces.end(), [](const piece& each) {
-        return each.state == piece_state::overlapping;
-    });
+    const auto found = std::ranges::find(pieces, piece_state::overlapping, &piece::state);
     if (found == pieces.end()) {
         return std::nullopt;
     }

@@ -82,7 +82,7 @@ void check_files(const site& here, missing_file when_missing) {
 /// The library itself looks at little: it would end the process halfway, or make it worse.
 void refuse_broken(const shared_area_t& area, const site& here, std::optional<remedy> call) {
     const auto findings = check_area(area, options_here(here));
-    const auto broken = std::find_if(findings.begin(), findings.end(), [call](const finding& one) {
+    const auto broken = std::ranges::find_if(findings, [call](const finding& one) {
         return one.cls == finding_class::broken && one.out != call;
     });
     if (broken == findings.end()) {

@@ -13,13 +13,13 @@ constexpr double distance = 3; // between a line and a label, and half of that b
 bool label_lanes::is_free(const span& wanted, double line_x) const {
     const double from = wanted.from - distance / 2;
     const double to = wanted.to + distance / 2;
-    const bool is_covered = std::any_of(_spans.begin(), _spans.end(), [&](const span& each) {
+    const bool is_covered = std::ranges::any_of(_spans, [&](const span& each) {
         const bool meets = each.lane == wanted.lane && each.from < to && from < each.to;
         const bool is_crossed = each.lane < wanted.lane && each.from - distance / 2 < line_x &&
                                 line_x < each.to + distance / 2;
         return meets || is_crossed;
     });
-    const bool crosses = std::any_of(_lines.begin(), _lines.end(), [&](const line& each) {
+    const bool crosses = std::ranges::any_of(_lines, [&](const line& each) {
         return each.lane >= wanted.lane && from < each.x && each.x < to;
     });
     return !is_covered && !crosses;

@@ -70,8 +70,7 @@ std::vector<lock_party> parties_of(const lock_state& lock) {
     if (is_unexplained(lock) && lock.taker != 0) {
         parties.push_back({lock_role::holds, lock.taker});
     }
-    std::stable_sort(parties.begin(), parties.end(),
-                     [](const auto& a, const auto& b) { return a.role < b.role; });
+    std::ranges::stable_sort(parties, {}, &lock_party::role);
     for (const pid_t pid : lock.waiting) {
         parties.push_back({lock_role::waits, pid});
     }

@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <fmt/format.h>
+#include <functional>
 #include <set>
 
 namespace tarvoctl {
@@ -111,8 +112,7 @@ class page_layout {
     void choose_largest() {
         constexpr size_t most_of_a_kind = 60;
         std::vector<piece> order = _pieces.all();
-        std::stable_sort(order.begin(), order.end(),
-                         [](const piece& a, const piece& b) { return a.bytes > b.bytes; });
+        std::ranges::stable_sort(order, std::greater{}, &piece::bytes);
         size_t gaps = 0;
         size_t others = 0;
         for (const piece& each : order) {
@@ -223,8 +223,7 @@ class page_layout {
     }
 
     bool is_drawn(map_look look) const {
-        return std::any_of(_page.boxes.begin(), _page.boxes.end(),
-                           [look](const map_box& each) { return each.look == look; });
+        return std::ranges::find(_page.boxes, look, &map_box::look) != _page.boxes.end();
     }
 
     void add_looks() {

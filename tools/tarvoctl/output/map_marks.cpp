@@ -33,8 +33,7 @@ map_marks::map_marks(const picture& records, const mapped_memory* memory, proces
         if (!shows_all_of(each, records.region)) {
             _partial.mappings.push_back(each);
             _numbers.try_emplace(each.pid, 0);
-        } else if (std::find(_whole_region.begin(), _whole_region.end(), each.pid) ==
-                   _whole_region.end()) {
+        } else if (std::ranges::find(_whole_region, each.pid) == _whole_region.end()) {
             _whole_region.push_back(each.pid);
         }
     }

@@ -74,8 +74,7 @@ std::vector<drawn_piece> map_pieces::drawn_on(const map_row& row, double pixels_
 }
 
 const piece& map_pieces::whole_of(const piece& part) const {
-    const auto next = std::upper_bound(_pieces.begin(), _pieces.end(), part.pa,
-                                       [](uint64_t pa, const piece& each) { return pa < each.pa; });
+    const auto next = std::ranges::upper_bound(_pieces, part.pa, {}, &piece::pa);
     return *std::prev(next);
 }
 

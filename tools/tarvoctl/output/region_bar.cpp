@@ -144,8 +144,8 @@ class drawing {
     void write_names() {
         for (const auto& [chunk, where] : _runs) {
             const std::string name = shown(chunk->name);
-            const bool plain = std::all_of(name.begin(), name.end(),
-                                           [](char each) { return each > ' ' && each <= '~'; });
+            const bool plain =
+                std::ranges::all_of(name, [](char each) { return each > ' ' && each <= '~'; });
             if (plain && !name.empty() && name.size() + 2 <= where.cells) {
                 write(where, name);
                 _named.insert(chunk);
@@ -216,10 +216,8 @@ class drawing {
     }
 
     bool any(bool cell::*what) const {
-        return std::any_of(_rows.begin(), _rows.end(), [what](const cell_row& row) {
-            return std::any_of(row.begin(), row.end(),
-                               [what](const cell& one) { return one.*what; });
-        });
+        return std::ranges::any_of(
+            _rows, [what](const cell_row& row) { return std::ranges::any_of(row, what); });
     }
 
     std::string legend() const {

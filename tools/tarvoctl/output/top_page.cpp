@@ -139,7 +139,7 @@ class page {
         const auto& chunks = _view.records.chunks;
         std::vector<size_t> order(chunks.size());
         std::iota(order.begin(), order.end(), 0);
-        std::stable_sort(order.begin(), order.end(), [&](size_t a, size_t b) {
+        std::ranges::stable_sort(order, [&](size_t a, size_t b) {
             return _view.order == top_order::size   ? chunks[a].size > chunks[b].size
                    : _view.order == top_order::name ? chunks[a].name < chunks[b].name
                                                     : a < b;
