@@ -13,7 +13,6 @@
 #include <numeric>
 #include <sys/file.h>
 #include <sys/mman.h>
-#include <unistd.h>
 
 namespace {
 

@@ -8,7 +8,6 @@
 #include "shared/paths.hpp"
 #include "tarvo/chunk.hpp"
 
-#include <algorithm>
 #include <cerrno>
 #include <fmt/format.h>
 #include <string>

@@ -3,7 +3,6 @@
 #include "common/unique_fd.hpp"
 #include "driver_files.hpp"
 #include "own_memory.hpp"
-#include "region.hpp"
 #include "shared/paths.hpp"
 #include "tarvo/units.hpp"
 

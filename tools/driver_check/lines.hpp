@@ -1,7 +1,6 @@
 #pragma once
 
 #include "clause.hpp"
-#include "common/quantities.hpp"
 
 #include <cstdint>
 #include <optional>

@@ -7,7 +7,6 @@
 
 #include <fuse_lowlevel.h>
 #include <memory>
-#include <string>
 
 namespace sandbox {
 

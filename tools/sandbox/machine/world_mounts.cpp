@@ -7,7 +7,6 @@
 #include "machine/sysfs_view.hpp"
 
 #include <fcntl.h>
-#include <set>
 #include <string>
 #include <sys/mount.h>
 #include <sys/stat.h>

@@ -4,7 +4,6 @@
 #include "process/process_fd.hpp"
 
 #include <algorithm>
-#include <array>
 #include <fcntl.h>
 #include <linux/close_range.h>
 #include <poll.h>

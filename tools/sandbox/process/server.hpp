@@ -9,7 +9,6 @@
 #include "process/namespaces.hpp"
 
 #include <list>
-#include <memory>
 
 namespace sandbox {
 

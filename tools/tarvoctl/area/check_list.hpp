@@ -3,7 +3,6 @@
 #include "check_report.hpp"
 #include "raw_records.hpp"
 
-#include <cstdint>
 #include <vector>
 
 namespace tarvoctl {

@@ -4,7 +4,6 @@
 #include "common/quantities.hpp"
 #include "repair_write.hpp"
 
-#include <algorithm>
 #include <cstring>
 #include <fmt/format.h>
 #include <optional>

@@ -7,7 +7,6 @@
 #include "output/text.hpp"
 #include "tarvo.h"
 
-#include <algorithm>
 #include <fmt/format.h>
 #include <memory>
 #include <optional>

@@ -5,7 +5,6 @@
 #include "output/table.hpp"
 #include "output/text.hpp"
 
-#include <algorithm>
 #include <fmt/format.h>
 #include <map>
 #include <memory>

@@ -5,7 +5,6 @@
 #include "library/arguments.hpp"
 #include "library/ready_area.hpp"
 #include "output/json.hpp"
-#include "output/text.hpp"
 #include "tarvo.h"
 #include "tarvo/chunk.hpp"
 

@@ -5,7 +5,6 @@
 #include "host/area_source.hpp"
 #include "library/arguments.hpp"
 #include "library/library_call.hpp"
-#include "library/new_chunk.hpp"
 #include "library/ready_area.hpp"
 #include "output/confirm.hpp"
 #include "output/json.hpp"
@@ -14,7 +13,6 @@
 #include "tarvo.h"
 #include "tarvo/chunk.hpp"
 
-#include <algorithm>
 #include <fmt/format.h>
 #include <memory>
 

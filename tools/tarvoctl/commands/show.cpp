@@ -8,7 +8,6 @@
 #include "output/process_text.hpp"
 #include "output/text.hpp"
 
-#include <algorithm>
 #include <fmt/format.h>
 #include <memory>
 #include <optional>

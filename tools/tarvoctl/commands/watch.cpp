@@ -8,7 +8,6 @@
 #include "output/change_text.hpp"
 #include "output/json.hpp"
 #include "output/standard_output.hpp"
-#include "output/text.hpp"
 
 #include <chrono>
 #include <csignal>

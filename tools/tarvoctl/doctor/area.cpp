@@ -6,7 +6,6 @@
 #include "doctor/diagnosis.hpp"
 #include "host/area_source.hpp"
 #include "output/place_text.hpp"
-#include "output/text.hpp"
 
 #include <algorithm>
 #include <fmt/format.h>

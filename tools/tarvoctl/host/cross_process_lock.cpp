@@ -9,7 +9,6 @@
 
 #include <cerrno>
 #include <csignal>
-#include <ctime>
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <sys/file.h>

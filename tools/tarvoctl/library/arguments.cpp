@@ -8,10 +8,8 @@
 #include "tarvo/chunk.hpp"
 #include "tarvo/device.hpp"
 
-#include <algorithm>
 #include <charconv>
 #include <fmt/format.h>
-#include <optional>
 #include <string_view>
 #include <unistd.h>
 

@@ -1,6 +1,6 @@
 #include "output/json.hpp"
 
-#include "output/text.hpp"
+#include "common/shown.hpp"
 
 #include <fmt/format.h>
 #include <vector>

@@ -6,7 +6,6 @@
 #include <array>
 #include <cerrno>
 #include <csignal>
-#include <cstring>
 #include <poll.h>
 #include <string_view>
 #include <sys/ioctl.h>

@@ -1,7 +1,5 @@
 #include "output/map_marks.hpp"
 
-#include "output/text.hpp"
-
 #include <algorithm>
 #include <fmt/format.h>
 

@@ -6,7 +6,6 @@
 
 #include <fmt/format.h>
 #include <optional>
-#include <utility>
 
 namespace tarvoctl {
 

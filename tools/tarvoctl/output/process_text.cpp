@@ -3,7 +3,6 @@
 #include "common/quantities.hpp"
 #include "output/text.hpp"
 
-#include <algorithm>
 #include <chrono>
 #include <ctime>
 #include <fmt/format.h>

@@ -3,7 +3,6 @@
 #include "common/failure.hpp"
 #include "common/quantities.hpp"
 
-#include <algorithm>
 #include <fmt/format.h>
 #include <map>
 
