@@ -11,147 +11,102 @@ using tarvoctl::check_area;
 using tarvoctl::finding;
 using tarvoctl::finding_class;
 using tarvoctl::place;
-using testing::AllOf;
-using testing::Contains;
-using testing::ElementsAre;
-using testing::Field;
 using testing::IsEmpty;
 
 using area_check = area_of_three;
-
-auto is_at(const char* rule, finding_class cls, place where) {
-    return Contains(AllOf(Field(&finding::rule, rule), Field(&finding::cls, cls),
-                          Field(&finding::where, where)));
-}
 
 TEST_F(area_check, FindsNothingInASoundArea) {
     EXPECT_THAT(rules(), IsEmpty());
 }
 
-TEST_F(area_check, AHeadOutOfRange) {
-    write.i32(area_offset::devices_head, 256);
-    EXPECT_THAT(rules(), ElementsAre("device-allocated-on-no-list", "device-end-out-of-range",
-                                     "ref-device-not-registered"));
+TEST_F(area_check, FindsWhatIsWrongWithTheEndsAndLinksOfAList) {
+    expect_found({
+        {"a head out of range",
+         [&] { write.i32(area_offset::devices_head, 256); },
+         {"device-allocated-on-no-list", "device-end-out-of-range", "ref-device-not-registered"}},
+        {"a tail out of range",
+         [&] { write.i32(area_offset::devices_tail, -2); },
+         {"device-cycle", "device-end-out-of-range"}},
+        {"a head by itself",
+         [&] { write.i32(area_offset::devices_tail, -1); },
+         {"device-cycle", "device-one-end-only"},
+         {{"device-one-end-only", finding_class::broken, {area_list::devices}}}},
+        {"a tail by itself",
+         [&] { write.i32(area_offset::devices_head, -1); },
+         {"device-allocated-on-no-list", "device-one-end-only", "ref-device-not-registered"},
+         {{"device-one-end-only", finding_class::broken, {area_list::devices}}}},
+        {"a link out of range",
+         [&] { write.i32(at(middle, area_offset::next), 16384); },
+         {"chunk-allocated-on-no-list", "chunk-link-out-of-range"},
+         {{"chunk-link-out-of-range", finding_class::broken, {area_list::chunks, middle}}}},
+        {"a link out of range in a chunk's devices",
+         [&] { write.i32(at_ref(0, area_offset::next), -1); },
+         {"ref-allocated-on-no-list", "ref-link-out-of-range"},
+         {{"ref-link-out-of-range", finding_class::broken, {area_list::refs, middle, 0}}}},
+        {"a cycle",
+         [&] { write.i32(at(high, area_offset::next), low); },
+         {"chunk-allocated-on-no-list", "chunk-cycle"},
+         {{"chunk-cycle", finding_class::broken, {area_list::chunks, low}}}},
+        {"a listed element that is not allocated",
+         [&] { write.u8(at(middle, area_offset::allocated), 0); },
+         {"chunk-listed-not-allocated"}},
+        {"a back link that disagrees",
+         [&] { write.i32(at(middle, area_offset::prev), 0); },
+         {"chunk-back-link-wrong"},
+         {{"chunk-back-link-wrong", finding_class::broken, {area_list::chunks, middle}}}},
+        {"a tail that does not lead to the head",
+         [&] { write.i32(at_device(1, area_offset::next), 1); },
+         {"device-circle-open"}},
+        {"a head that does not lead to the tail",
+         [&] { write.i32(at_device(0, area_offset::prev), 0); },
+         {"device-circle-open"}},
+        {"flags that are neither 0 nor 1",
+         [&] {
+             write.u8(at(middle, area_offset::allocated), 2);
+             write.u8(at_device(1, area_offset::allocated), 255);
+         },
+         {"chunk-flag-value", "device-flag-value"}},
+        {"an allocated element on no list",
+         [&] { area.record().chunks.alloc(); },
+         {"chunk-allocated-on-no-list"},
+         {{"chunk-allocated-on-no-list", finding_class::leaked, {area_list::chunks, 5}}}},
+    });
 }
 
-TEST_F(area_check, ATailOutOfRange) {
-    write.i32(area_offset::devices_tail, -2);
-    EXPECT_THAT(rules(), ElementsAre("device-cycle", "device-end-out-of-range"));
-}
-
-TEST_F(area_check, AnEndByItself) {
-    write.i32(area_offset::devices_tail, -1);
-    EXPECT_THAT(findings(),
-                is_at("device-one-end-only", finding_class::broken, {area_list::devices}));
-    write.i32(area_offset::devices_tail, 1);
-    write.i32(area_offset::devices_head, -1);
-    EXPECT_THAT(findings(),
-                is_at("device-one-end-only", finding_class::broken, {area_list::devices}));
-}
-
-TEST_F(area_check, ALinkOutOfRange) {
-    write.i32(at(middle, area_offset::next), 16384);
-    EXPECT_THAT(findings(), is_at("chunk-link-out-of-range", finding_class::broken,
-                                  {area_list::chunks, middle}));
-    EXPECT_THAT(rules(), ElementsAre("chunk-allocated-on-no-list", "chunk-link-out-of-range"));
-}
-
-TEST_F(area_check, ALinkOutOfRangeInAChunksDevices) {
-    write.i32(at_ref(0, area_offset::next), -1);
-    EXPECT_THAT(findings(), is_at("ref-link-out-of-range", finding_class::broken,
-                                  {area_list::refs, middle, 0}));
-    EXPECT_THAT(rules(), ElementsAre("ref-allocated-on-no-list", "ref-link-out-of-range"));
-}
-
-TEST_F(area_check, ACycle) {
-    write.i32(at(high, area_offset::next), low);
-    EXPECT_THAT(findings(), is_at("chunk-cycle", finding_class::broken, {area_list::chunks, low}));
-    EXPECT_THAT(rules(), ElementsAre("chunk-allocated-on-no-list", "chunk-cycle"));
-}
-
-TEST_F(area_check, AListedElementThatIsNotAllocated) {
-    write.u8(at(middle, area_offset::allocated), 0);
-    EXPECT_THAT(rules(), ElementsAre("chunk-listed-not-allocated"));
-}
-
-TEST_F(area_check, ABackLinkThatDisagrees) {
-    write.i32(at(middle, area_offset::prev), 0);
-    EXPECT_THAT(findings(),
-                is_at("chunk-back-link-wrong", finding_class::broken, {area_list::chunks, middle}));
-    EXPECT_THAT(rules(), ElementsAre("chunk-back-link-wrong"));
-}
-
-TEST_F(area_check, ATailThatDoesNotLeadToTheHead) {
-    write.i32(at_device(1, area_offset::next), 1);
-    EXPECT_THAT(rules(), ElementsAre("device-circle-open"));
-}
-
-TEST_F(area_check, AHeadThatDoesNotLeadToTheTail) {
-    write.i32(at_device(0, area_offset::prev), 0);
-    EXPECT_THAT(rules(), ElementsAre("device-circle-open"));
-}
-
-TEST_F(area_check, AFlagThatIsNeither0Nor1) {
-    write.u8(at(middle, area_offset::allocated), 2);
-    write.u8(at_device(1, area_offset::allocated), 255);
-    EXPECT_THAT(rules(), ElementsAre("chunk-flag-value", "device-flag-value"));
-}
-
-TEST_F(area_check, AFreeChainThatLeavesTheArray) {
-    write.i32(at(5, area_offset::next), 16384);
-    EXPECT_THAT(findings(), is_at("chunk-free-link-out-of-range", finding_class::broken,
-                                  {area_list::chunks, 5}));
-    EXPECT_THAT(rules(), ElementsAre("chunk-free-link-out-of-range", "chunk-free-on-no-chain"));
-}
-
-TEST_F(area_check, AFreeChainThatRunsInACircle) {
-    write.i32(at(7, area_offset::next), 5);
-    EXPECT_THAT(findings(),
-                is_at("chunk-free-cycle", finding_class::broken, {area_list::chunks, 5}));
-    EXPECT_THAT(rules(), ElementsAre("chunk-free-cycle", "chunk-free-on-no-chain"));
-}
-
-TEST_F(area_check, AFreeChainThatLeadsToTheList) {
-    write.i32(at(5, area_offset::next), middle);
-    EXPECT_THAT(findings(),
-                is_at("chunk-free-and-listed", finding_class::broken, {area_list::chunks, middle}));
-    EXPECT_THAT(rules(), ElementsAre("chunk-free-and-listed", "chunk-free-on-no-chain"));
-}
-
-TEST_F(area_check, AFreeElementThatIsAllocated) {
-    write.u8(at_device(7, area_offset::allocated), 1);
-    EXPECT_THAT(findings(),
-                is_at("device-free-but-allocated", finding_class::broken, {area_list::devices, 7}));
-    EXPECT_THAT(rules(), ElementsAre("device-free-but-allocated"));
-}
-
-TEST_F(area_check, AnAllocatedElementOnNoListIsALeak) {
-    area.record().chunks.alloc();
-    EXPECT_THAT(findings(),
-                is_at("chunk-allocated-on-no-list", finding_class::leaked, {area_list::chunks, 5}));
-    EXPECT_THAT(rules(), ElementsAre("chunk-allocated-on-no-list"));
-}
-
-TEST_F(area_check, AFreeElementOnNoChainIsALeak) {
-    write.i32(area_offset::devices_free, 3);
-    EXPECT_THAT(findings(),
-                is_at("device-free-on-no-chain", finding_class::leaked, {area_list::devices, 2}));
-    EXPECT_THAT(rules(), ElementsAre("device-free-on-no-chain"));
-}
-
-TEST_F(area_check, AFreeElementThatIsNotZeroIsTolerated) {
-    write.i32(at(9, area_offset::prev), 1);
-    write.i32(at_ref(200, area_offset::dev), 1);
-    EXPECT_THAT(findings(),
-                is_at("chunk-free-not-zero", finding_class::tolerated, {area_list::chunks, 9}));
-    EXPECT_THAT(rules(), ElementsAre("chunk-free-not-zero", "ref-free-not-zero"));
-}
-
-TEST_F(area_check, ASizeInAFreeChunkIsNotTolerated) {
-    write.u32(at(9, area_offset::size), 0x1000);
-    EXPECT_THAT(findings(),
-                is_at("chunk-free-with-size", finding_class::broken, {area_list::chunks, 9}));
-    EXPECT_THAT(rules(), ElementsAre("chunk-free-not-zero", "chunk-free-with-size"));
+TEST_F(area_check, FindsWhatIsWrongWithFreeElements) {
+    expect_found({
+        {"a free chain that leaves the array",
+         [&] { write.i32(at(5, area_offset::next), 16384); },
+         {"chunk-free-link-out-of-range", "chunk-free-on-no-chain"},
+         {{"chunk-free-link-out-of-range", finding_class::broken, {area_list::chunks, 5}}}},
+        {"a free chain that runs in a circle",
+         [&] { write.i32(at(7, area_offset::next), 5); },
+         {"chunk-free-cycle", "chunk-free-on-no-chain"},
+         {{"chunk-free-cycle", finding_class::broken, {area_list::chunks, 5}}}},
+        {"a free chain that leads to the list",
+         [&] { write.i32(at(5, area_offset::next), middle); },
+         {"chunk-free-and-listed", "chunk-free-on-no-chain"},
+         {{"chunk-free-and-listed", finding_class::broken, {area_list::chunks, middle}}}},
+        {"a free element that is allocated",
+         [&] { write.u8(at_device(7, area_offset::allocated), 1); },
+         {"device-free-but-allocated"},
+         {{"device-free-but-allocated", finding_class::broken, {area_list::devices, 7}}}},
+        {"a free element on no chain",
+         [&] { write.i32(area_offset::devices_free, 3); },
+         {"device-free-on-no-chain"},
+         {{"device-free-on-no-chain", finding_class::leaked, {area_list::devices, 2}}}},
+        {"free elements that are not zero",
+         [&] {
+             write.i32(at(9, area_offset::prev), 1);
+             write.i32(at_ref(200, area_offset::dev), 1);
+         },
+         {"chunk-free-not-zero", "ref-free-not-zero"},
+         {{"chunk-free-not-zero", finding_class::tolerated, {area_list::chunks, 9}}}},
+        {"a size in a free chunk",
+         [&] { write.u32(at(9, area_offset::size), 0x1000); },
+         {"chunk-free-not-zero", "chunk-free-with-size"},
+         {{"chunk-free-with-size", finding_class::broken, {area_list::chunks, 9}}}},
+    });
 }
 
 TEST_F(area_check, CountsWhatItDoesNotList) {

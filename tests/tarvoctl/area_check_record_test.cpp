@@ -22,12 +22,6 @@ using testing::Not;
 
 using area_check_record = area_of_three;
 
-finding_class class_of(const std::vector<finding>& findings, const std::string& rule) {
-    const auto found = std::find_if(findings.begin(), findings.end(),
-                                    [&](const finding& one) { return one.rule == rule; });
-    return found == findings.end() ? finding_class::note : found->cls;
-}
-
 TEST(area_check_start, AnAreaOfZerosIsNotBuilt) {
     fresh_area area;
     EXPECT_THAT(check_area(area.record()),
@@ -44,57 +38,51 @@ TEST(area_check_start, AnAreaWhoseBuilderDiedIsHalfBuilt) {
                                   Field(&finding::cls, finding_class::note))));
 }
 
-TEST_F(area_check_record, AnAreaInUseThatSaysItIsNotBuilt) {
-    write.u8(area_offset::initialized, 0);
-    EXPECT_THAT(rules(), ElementsAre("area-built-flag-lost"));
-    EXPECT_EQ(class_of(findings(), "area-built-flag-lost"), finding_class::broken);
-}
-
-TEST_F(area_check_record, AnInitializedThatIsNeither0Nor1) {
-    write.u8(area_offset::initialized, 3);
-    EXPECT_THAT(rules(), ElementsAre("area-flag-value"));
-}
-
-TEST_F(area_check_record, BytesBetweenTheFieldsAreTolerated) {
-    write.u8(2, 1);
-    write.u8(at(low, 59), 1);
-    write.u8(at_device(0, 27), 1);
-    write.u8(at_ref(1, 9), 1);
-    EXPECT_THAT(rules(), ElementsAre("area-padding-not-zero", "chunk-padding-not-zero",
-                                     "device-padding-not-zero", "ref-padding-not-zero"));
-    EXPECT_FALSE(has_class(findings(), finding_class::leaked));
-    EXPECT_FALSE(has_class(findings(), finding_class::broken));
-}
-
-TEST_F(area_check_record, NoSentinels) {
-    write.i32(area_offset::chunks_head, -1);
-    write.i32(area_offset::chunks_tail, -1);
-    EXPECT_THAT(rules(), ElementsAre("chunk-allocated-on-no-list", "chunk-no-sentinels"));
-}
-
-TEST_F(area_check_record, AFirstChunkThatIsNotTheSentinel) {
-    write.text(at(0, area_offset::name), "__HERD");
-    EXPECT_THAT(rules(), ElementsAre("chunk-head-sentinel"));
-    write.text(at(0, area_offset::name), "__HEAD");
-    write.u32(at(0, area_offset::size), 0x1000);
-    EXPECT_THAT(rules(), ElementsAre("chunk-head-sentinel", "chunk-overlap"));
-}
-
-TEST_F(area_check_record, ALastChunkThatIsNotTheSentinel) {
-    write.text(at(1, area_offset::name), "");
-    EXPECT_THAT(rules(), ElementsAre("chunk-tail-sentinel"));
-}
-
-TEST_F(area_check_record, ASentinelWithDevicesIsTolerated) {
-    write.i32(at(1, area_offset::devs_head), -1);
-    EXPECT_THAT(rules(), ElementsAre("chunk-sentinel-devices"));
-    EXPECT_EQ(class_of(findings(), "chunk-sentinel-devices"), finding_class::tolerated);
-}
-
-TEST_F(area_check_record, ARegionThatEndsWhereItBegins) {
-    write.u64(at(1, area_offset::pa), first_pa);
-    EXPECT_THAT(rules(), ElementsAre("chunk-order", "chunk-outside-region", "chunk-overlap",
-                                     "chunk-region-empty"));
+TEST_F(area_check_record, FindsWhatIsWrongWithTheAreaAndItsBounds) {
+    expect_found({
+        {"an area in use that says it is not built",
+         [&] { write.u8(area_offset::initialized, 0); },
+         {"area-built-flag-lost"},
+         {{"area-built-flag-lost", finding_class::broken, {area_list::area}}}},
+        {"an initialized that is neither 0 nor 1",
+         [&] { write.u8(area_offset::initialized, 3); },
+         {"area-flag-value"}},
+        {"bytes between the fields",
+         [&] {
+             write.u8(2, 1);
+             write.u8(at(low, 59), 1);
+             write.u8(at_device(0, 27), 1);
+             write.u8(at_ref(1, 9), 1);
+         },
+         {"area-padding-not-zero", "chunk-padding-not-zero", "device-padding-not-zero",
+          "ref-padding-not-zero"},
+         {{"area-padding-not-zero", finding_class::tolerated, {area_list::area}},
+          {"chunk-padding-not-zero", finding_class::tolerated, {area_list::chunks, low}},
+          {"device-padding-not-zero", finding_class::tolerated, {area_list::devices, 0}},
+          {"ref-padding-not-zero", finding_class::tolerated, {area_list::refs, middle, 1}}}},
+        {"no sentinels",
+         [&] {
+             write.i32(area_offset::chunks_head, -1);
+             write.i32(area_offset::chunks_tail, -1);
+         },
+         {"chunk-allocated-on-no-list", "chunk-no-sentinels"}},
+        {"a first chunk of another name",
+         [&] { write.text(at(0, area_offset::name), "__HERD"); },
+         {"chunk-head-sentinel"}},
+        {"a first chunk with a size",
+         [&] { write.u32(at(0, area_offset::size), 0x1000); },
+         {"chunk-head-sentinel", "chunk-overlap"}},
+        {"a last chunk of another name",
+         [&] { write.text(at(1, area_offset::name), ""); },
+         {"chunk-tail-sentinel"}},
+        {"a sentinel with devices",
+         [&] { write.i32(at(1, area_offset::devs_head), -1); },
+         {"chunk-sentinel-devices"},
+         {{"chunk-sentinel-devices", finding_class::tolerated, {area_list::chunks, 1}}}},
+        {"a region that ends where it begins",
+         [&] { write.u64(at(1, area_offset::pa), first_pa); },
+         {"chunk-order", "chunk-outside-region", "chunk-overlap", "chunk-region-empty"}},
+    });
 }
 
 TEST_F(area_check_record, ARegionThatIsNotTheMachinesIsBroken) {
@@ -110,15 +98,97 @@ TEST_F(area_check_record, ARegionThatIsNotTheMachinesIsBroken) {
     EXPECT_FALSE(is_of_another_region(findings()));
 }
 
-TEST_F(area_check_record, ANameWithoutATerminator) {
-    write.text(at(low, area_offset::name), std::string(50, 'x'));
-    // The text's terminator went into the byte after the field.
-    EXPECT_THAT(rules(), ElementsAre("chunk-name-not-terminated"));
+TEST_F(area_check_record, FindsWhatIsWrongWithAChunk) {
+    check_options small_pages;
+    small_pages.page_bytes = 0x800;
+    check_options under_cma;
+    under_cma.cma = true;
+    const auto overlap = [&] { write.u32(at(middle, area_offset::size), 0x3000); };
+    expect_found({
+        {"a name without a terminator",
+         // The text's terminator goes into the byte after the field.
+         [&] { write.text(at(low, area_offset::name), std::string(50, 'x')); },
+         {"chunk-name-not-terminated"}},
+        {"no name", [&] { write.u8(at(low, area_offset::name), 0); }, {"chunk-name-empty"}},
+        {"a creator as long as can be",
+         [&] { write.text(at(low, area_offset::creator), std::string(99, 'x')); },
+         {}},
+        {"a creator without a terminator",
+         [&] {
+             write.text(at(low, area_offset::creator), std::string(99, 'x'));
+             write.u8(at(low, area_offset::creator + 99), 'x');
+         },
+         {"chunk-creator-not-terminated"}},
+        {"no creator",
+         [&] { write.u8(at(low, area_offset::creator), 0); },
+         {"chunk-creator-empty"}},
+        {"a size of nothing",
+         [&] { write.u32(at(low, area_offset::size), 0); },
+         {"chunk-size-zero"}},
+        {"a size that is not whole pages",
+         [&] { write.u32(at(low, area_offset::size), 0x800); },
+         {"chunk-size-not-pages"}},
+        {"the same size of smaller pages",
+         [&] { write.u32(at(low, area_offset::size), 0x800); },
+         {},
+         {},
+         small_pages},
+        {"an address within a page",
+         [&] { write.u64(at(low, area_offset::pa), 0x1800); },
+         {"chunk-address-not-page"},
+         {{"chunk-address-not-page", finding_class::tolerated, {area_list::chunks, low}}}},
+        {"a chunk that ends after the region",
+         [&] { write.u32(at(high, area_offset::size), region_bytes); },
+         {"chunk-outside-region", "chunk-overlap"}},
+        {"a chunk whose end would wrap",
+         [&] {
+             write.u64(at(high, area_offset::pa), ~uint64_t{0xfff});
+             write.u32(at(high, area_offset::size), 0xfffff000);
+         },
+         {"chunk-order", "chunk-outside-region", "chunk-overlap"}},
+        {"a chunk before its predecessor",
+         [&] { write.u64(at(high, area_offset::pa), 0x2000); },
+         {"chunk-order", "chunk-overlap"},
+         {{"chunk-order", finding_class::broken, {area_list::chunks, high}}}},
+        {"chunks that overlap",
+         overlap,
+         {"chunk-overlap"},
+         {{"chunk-overlap", finding_class::broken, {area_list::chunks, high}}}},
+        {"chunks that overlap under CMA",
+         overlap,
+         {"chunk-overlap-under-cma"},
+         {{"chunk-overlap-under-cma", finding_class::tolerated, {area_list::chunks, high}}},
+         under_cma},
+    });
 }
 
-TEST_F(area_check_record, NoName) {
-    write.u8(at(low, area_offset::name), 0);
-    EXPECT_THAT(rules(), ElementsAre("chunk-name-empty"));
+TEST_F(area_check_record, FindsWhatIsWrongWithADeviceOrAReference) {
+    expect_found({
+        {"two devices of a bus", [&] { write.i32(at_device(1, area_offset::bus), 3); }, {}},
+        {"a device that is registered twice",
+         [&] {
+             write.i32(at_device(1, area_offset::bus), 3);
+             write.i32(at_device(1, area_offset::devfn), 8);
+         },
+         {"device-address-twice"}},
+        {"a device that is offline", [&] { write.u8(at_device(1, area_offset::online), 0); }, {}},
+        {"an online that is neither 0 nor 1",
+         [&] { write.u8(at_device(1, area_offset::online), 2); },
+         {"device-online-value"}},
+        {"a reference above the last device",
+         [&] { write.i32(at_ref(1, area_offset::dev), 256); },
+         {"ref-device-out-of-range"}},
+        {"a reference below the first device",
+         [&] { write.i32(at_ref(1, area_offset::dev), -1); },
+         {"ref-device-out-of-range"}},
+        {"a reference left over from a device",
+         [&] { write.i32(at_ref(1, area_offset::dev), 5); },
+         {"ref-device-not-registered"},
+         {{"ref-device-not-registered", finding_class::tolerated, {area_list::refs, middle, 1}}}},
+        {"two references to a device",
+         [&] { write.i32(at_ref(1, area_offset::dev), 0); },
+         {"ref-device-twice"}},
+    });
 }
 
 TEST_F(area_check_record, ANameOfTwoChunksIsTolerated) {
@@ -129,103 +199,12 @@ TEST_F(area_check_record, ANameOfTwoChunksIsTolerated) {
                                            Field(&finding::text, HasSubstr("\"low\"")))));
 }
 
-TEST_F(area_check_record, ACreatorWithoutATerminator) {
-    write.text(at(low, area_offset::creator), std::string(99, 'x'));
-    EXPECT_THAT(rules(), IsEmpty());
-    write.u8(at(low, area_offset::creator + 99), 'x');
-    EXPECT_THAT(rules(), ElementsAre("chunk-creator-not-terminated"));
-}
-
-TEST_F(area_check_record, NoCreator) {
-    write.u8(at(low, area_offset::creator), 0);
-    EXPECT_THAT(rules(), ElementsAre("chunk-creator-empty"));
-}
-
-TEST_F(area_check_record, ASizeOfNothing) {
-    write.u32(at(low, area_offset::size), 0);
-    EXPECT_THAT(rules(), ElementsAre("chunk-size-zero"));
-}
-
-TEST_F(area_check_record, ASizeThatIsNotWholePages) {
-    write.u32(at(low, area_offset::size), 0x800);
-    EXPECT_THAT(rules(), ElementsAre("chunk-size-not-pages"));
-    check_options options;
-    options.page_bytes = 0x800;
-    EXPECT_THAT(rules(options), IsEmpty());
-}
-
-TEST_F(area_check_record, AnAddressWithinAPageIsTolerated) {
-    write.u64(at(low, area_offset::pa), 0x1800);
-    EXPECT_THAT(rules(), ElementsAre("chunk-address-not-page"));
-    EXPECT_EQ(class_of(findings(), "chunk-address-not-page"), finding_class::tolerated);
-}
-
-TEST_F(area_check_record, AChunkThatEndsBehindTheRegion) {
-    write.u32(at(high, area_offset::size), region_bytes);
-    EXPECT_THAT(rules(), ElementsAre("chunk-outside-region", "chunk-overlap"));
-}
-
-TEST_F(area_check_record, AChunkWhoseEndWouldWrap) {
-    write.u64(at(high, area_offset::pa), ~uint64_t{0xfff});
-    write.u32(at(high, area_offset::size), 0xfffff000);
-    EXPECT_THAT(rules(), ElementsAre("chunk-order", "chunk-outside-region", "chunk-overlap"));
-}
-
-TEST_F(area_check_record, AChunkBeforeItsPredecessor) {
-    write.u64(at(high, area_offset::pa), 0x2000);
-    EXPECT_THAT(findings(),
-                Contains(AllOf(Field(&finding::rule, "chunk-order"),
-                               Field(&finding::where, place{area_list::chunks, high}))));
-}
-
-TEST_F(area_check_record, ChunksThatOverlapAreToleratedUnderCmaAlone) {
-    write.u32(at(middle, area_offset::size), 0x3000);
-    EXPECT_THAT(rules(), ElementsAre("chunk-overlap"));
-    EXPECT_EQ(class_of(findings(), "chunk-overlap"), finding_class::broken);
-    check_options options;
-    options.cma = true;
-    EXPECT_THAT(rules(options), ElementsAre("chunk-overlap-under-cma"));
-    EXPECT_EQ(class_of(findings(options), "chunk-overlap-under-cma"), finding_class::tolerated);
-}
-
 TEST_F(area_check_record, AChunkThatHoldsMoreThanItsSuccessor) {
     write.u32(at(low, area_offset::size), 0x8000);
     const auto found = findings();
     EXPECT_EQ(std::count_if(found.begin(), found.end(),
                             [](const finding& one) { return one.rule == "chunk-overlap"; }),
               2);
-}
-
-TEST_F(area_check_record, ADeviceThatIsRegisteredTwice) {
-    write.i32(at_device(1, area_offset::bus), 3);
-    EXPECT_THAT(rules(), IsEmpty());
-    write.i32(at_device(1, area_offset::devfn), 8);
-    EXPECT_THAT(rules(), ElementsAre("device-address-twice"));
-}
-
-TEST_F(area_check_record, AnOnlineThatIsNeither0Nor1) {
-    write.u8(at_device(1, area_offset::online), 0);
-    EXPECT_THAT(rules(), IsEmpty());
-    write.u8(at_device(1, area_offset::online), 2);
-    EXPECT_THAT(rules(), ElementsAre("device-online-value"));
-}
-
-TEST_F(area_check_record, AReferenceToADeviceThatCannotExist) {
-    write.i32(at_ref(1, area_offset::dev), 256);
-    EXPECT_THAT(rules(), ElementsAre("ref-device-out-of-range"));
-    write.i32(at_ref(1, area_offset::dev), -1);
-    EXPECT_THAT(rules(), ElementsAre("ref-device-out-of-range"));
-}
-
-TEST_F(area_check_record, AReferenceLeftOverFromADeviceIsTolerated) {
-    write.i32(at_ref(1, area_offset::dev), 5);
-    EXPECT_THAT(rules(), ElementsAre("ref-device-not-registered"));
-    EXPECT_EQ(class_of(findings(), "ref-device-not-registered"), finding_class::tolerated);
-}
-
-TEST_F(area_check_record, TwoReferencesToADevice) {
-    write.i32(at_ref(1, area_offset::dev), 0);
-    EXPECT_THAT(rules(), ElementsAre("ref-device-twice"));
 }
 
 TEST_F(area_check_record, NotesChunksThatAnOnlineDeviceDoesNotSee) {

@@ -5,6 +5,7 @@
 #include "unit/fresh_area.hpp"
 
 #include <algorithm>
+#include <functional>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <set>
@@ -30,6 +31,22 @@ inline std::vector<std::string> serious(const std::vector<tarvoctl::finding>& fi
     }
     return texts;
 }
+
+/// A rule that is broken, how badly and where.
+struct breach {
+    const char* rule;
+    tarvoctl::finding_class cls;
+    tarvoctl::place where;
+};
+
+/// What is done to a sound area, all rules that this breaks, and more of some of them.
+struct damage {
+    const char* name;
+    std::function<void()> write;
+    std::set<std::string> rules;
+    std::vector<breach> breaches = {};
+    tarvoctl::check_options options = {};
+};
 
 /// Three chunks (elements 2 to 4, in that order), two devices, the middle chunk mapped for both.
 class area_of_three : public testing::Test {
@@ -60,6 +77,25 @@ class area_of_three : public testing::Test {
         std::set<std::string> broken = rules_of(findings(options));
         broken.erase("chunk-misses-device");
         return broken;
+    }
+
+    /// Does each damage by itself.
+    void expect_found(const std::vector<damage>& damages) {
+        const std::vector<uint8_t> sound(area.bytes().begin(), area.bytes().end());
+        for (const damage& each : damages) {
+            SCOPED_TRACE(each.name);
+            each.write();
+            EXPECT_EQ(rules(each.options), each.rules);
+            for (const breach& one : each.breaches) {
+                using tarvoctl::finding;
+                EXPECT_THAT(
+                    findings(each.options),
+                    testing::Contains(testing::AllOf(testing::Field(&finding::rule, one.rule),
+                                                     testing::Field(&finding::cls, one.cls),
+                                                     testing::Field(&finding::where, one.where))));
+            }
+            std::copy(sound.begin(), sound.end(), area.bytes().begin());
+        }
     }
 
     static size_t at(int chunk, size_t field) { return area_offset::chunk(chunk) + field; }
