@@ -8,28 +8,23 @@ namespace {
 
 class bytes : public ::testing::Test {
   protected:
-    bytes() { driver.alloc("rx_ring", 0x2000, "driver"); }
-
     sandbox machine{high};
-    client driver = machine.start();
+    client driver = machine.start({"alloc rx_ring 0x2000 driver"});
 };
 
 TEST_F(bytes, AreShownWithTheirOffsetsLikeHexdumpDoes) {
     EXPECT_EQ(
         tarvoctl(machine, {"write", "rx_ring", "--offset", "0x1014"}, "hello\n\x7f\xff").output,
         "rx_ring: wrote 8 bytes at offset 0x1014\n");
-    const auto outcome =
-        tarvoctl(machine, {"read", "rx_ring", "--offset", "0xff0", "--size", "0x58"});
-    EXPECT_EQ(outcome.status, 0);
-    EXPECT_EQ(outcome.errors, "");
-    EXPECT_EQ(outcome.output,
-              "00000ff0  00 00 00 00 00 00 00 00  00 00 00 00 00 00 00 00  |................|\n"
-              "*\n"
-              "00001010  00 00 00 00 68 65 6c 6c  6f 0a 7f ff 00 00 00 00  |....hello.......|\n"
-              "00001020  00 00 00 00 00 00 00 00  00 00 00 00 00 00 00 00  |................|\n"
-              "*\n"
-              "00001040  00 00 00 00 00 00 00 00                           |........|\n"
-              "00001048\n");
+    EXPECT_EQ(
+        tarvoctl(machine, {"read", "rx_ring", "--offset", "0xff0", "--size", "0x58"}),
+        printed("00000ff0  00 00 00 00 00 00 00 00  00 00 00 00 00 00 00 00  |................|\n"
+                "*\n"
+                "00001010  00 00 00 00 68 65 6c 6c  6f 0a 7f ff 00 00 00 00  |....hello.......|\n"
+                "00001020  00 00 00 00 00 00 00 00  00 00 00 00 00 00 00 00  |................|\n"
+                "*\n"
+                "00001040  00 00 00 00 00 00 00 00                           |........|\n"
+                "00001048\n"));
 }
 
 TEST_F(bytes, AreGivenRaw) {
@@ -49,18 +44,15 @@ TEST_F(bytes, AreSeenByOtherProcesses) {
 }
 
 TEST_F(bytes, FillTakesTheWholeChunkWhereNothingElseIsSaid) {
-    const auto outcome = tarvoctl(machine, {"fill", "rx_ring", "65"});
-    EXPECT_EQ(outcome.status, 0);
-    EXPECT_EQ(outcome.output, "rx_ring: wrote 8 KiB at offset 0x0\n");
+    EXPECT_EQ(tarvoctl(machine, {"fill", "rx_ring", "65"}),
+              printed("rx_ring: wrote 8 KiB at offset 0x0\n"));
     EXPECT_EQ(tarvoctl(machine, {"read", "rx_ring", "--raw"}).output, std::string(0x2000, 'A'));
 }
 
 TEST_F(bytes, AnInputThatIsTooLongIsRefusedBeforeAnythingIsWritten) {
-    const auto outcome =
-        tarvoctl(machine, {"write", "rx_ring", "--offset", "0x1fff"}, "no room for it");
-    EXPECT_EQ(outcome.status, 2);
-    EXPECT_EQ(outcome.errors, "tarvoctl: standard input has 14 bytes, and 'rx_ring' has 1 byte "
-                              "from offset 0x1fff on; nothing was written\n");
+    EXPECT_EQ(tarvoctl(machine, {"write", "rx_ring", "--offset", "0x1fff"}, "no room for it"),
+              failed(2, "standard input has 14 bytes, and 'rx_ring' has 1 byte from offset 0x1fff "
+                        "on; nothing was written"));
     EXPECT_EQ(tarvoctl(machine, {"read", "rx_ring", "--raw"}).output, std::string(0x2000, '\0'));
 }
 
@@ -69,25 +61,24 @@ TEST_F(bytes, APipeThatIsTooLongIsWrittenUpToTheChunksEnd) {
     running_tool tool = start_tarvoctl(machine, {"write", "rx_ring", "--offset", "8190"});
     tool.program.write_line("abcd");
     EXPECT_EQ(tool.program.wait(), (ending{2, 0}));
-    EXPECT_EQ(tool.program.error_text(),
-              "tarvoctl: stopped at the end of 'rx_ring': wrote 2 bytes at offset 0x1ffe, "
-              "and standard input has more\n");
+    EXPECT_EQ(tool.program.error_text(), "tarvoctl: stopped at the end of 'rx_ring': wrote 2 bytes "
+                                         "at offset 0x1ffe, and standard input has more\n");
     EXPECT_EQ(tarvoctl(machine, {"read", "rx_ring", "--raw", "--offset", "8190"}).output, "ab");
     EXPECT_EQ(tarvoctl(machine, {"read", "behind", "--raw", "--size", "2"}).output,
               std::string(2, '\0'));
 }
 
 TEST_F(bytes, WindowsOutsideTheChunkAreUsageErrors) {
-    const auto message = [&](const std::vector<std::string>& words) {
+    const auto message = [&](const arguments& words) {
         const auto outcome = tarvoctl(machine, words);
         EXPECT_EQ(outcome.status, 2);
         return outcome.errors;
     };
     EXPECT_EQ(message({"read", "rx_ring", "--offset", "8K"}),
               "tarvoctl: --offset 8K is not in 'rx_ring', which has 8 KiB\n");
-    EXPECT_EQ(message({"read", "rx_ring", "--offset", "4K", "--size", "4097"}),
-              "tarvoctl: --size 4097 is not 1 to 4096: 'rx_ring' has 4 KiB from offset "
-              "0x1000 on\n");
+    EXPECT_EQ(
+        message({"read", "rx_ring", "--offset", "4K", "--size", "4097"}),
+        "tarvoctl: --size 4097 is not 1 to 4096: 'rx_ring' has 4 KiB from offset 0x1000 on\n");
     EXPECT_EQ(message({"read", "rx_ring", "--offset", "8191", "--size", "2"}),
               "tarvoctl: --size 2 is not 1 to 1: 'rx_ring' has 1 byte from offset 0x1fff on\n");
     EXPECT_EQ(message({"fill", "rx_ring", "1", "--size", "0"}),
@@ -99,18 +90,11 @@ TEST_F(bytes, WindowsOutsideTheChunkAreUsageErrors) {
               "tarvoctl: no chunk is called 'rx'; similar ones: rx_ring\n");
 }
 
-class addresses : public ::testing::Test {
-  protected:
-    addresses() { driver.alloc("rx_ring", 0x2000, "driver"); }
-
-    sandbox machine{high};
-    client driver = machine.start();
-};
+using addresses = bytes;
 
 TEST_F(addresses, FindTellsTheChunkAndTheOffset) {
-    const auto found = tarvoctl(machine, {"find", "0x20001004"});
-    EXPECT_EQ(found.status, 0);
-    EXPECT_EQ(found.output, "DMA 0x20001004 is in 'rx_ring', offset 0x1004 of 8 KiB\n");
+    EXPECT_EQ(tarvoctl(machine, {"find", "0x20001004"}),
+              printed("DMA 0x20001004 is in 'rx_ring', offset 0x1004 of 8 KiB\n"));
     const auto document = json_of(tarvoctl(machine, {"find", "0x20001004", "--json"}));
     EXPECT_EQ(document.at("chunk").at("name"), "rx_ring");
     EXPECT_EQ(document.at("offset"), 0x1004);
@@ -118,9 +102,8 @@ TEST_F(addresses, FindTellsTheChunkAndTheOffset) {
 }
 
 TEST_F(addresses, FreeBytesAreAFinding) {
-    const auto outcome = tarvoctl(machine, {"find", "0x20002000"});
-    EXPECT_EQ(outcome.status, 1);
-    EXPECT_EQ(outcome.output, "DMA 0x20002000 is in no chunk\n");
+    EXPECT_EQ(tarvoctl(machine, {"find", "0x20002000"}),
+              (tool_outcome{1, "DMA 0x20002000 is in no chunk\n", ""}));
     EXPECT_EQ(json_of(tarvoctl(machine, {"find", "0x20002000", "--json"})).at("chunk"), nullptr);
 }
 
@@ -159,7 +142,7 @@ TEST_F(addresses, TranslateAgreesWithTheLibrary) {
 TEST_F(addresses, OutsideTheRegionIsAUsageErrorThatTellsTheRegion) {
     const std::string region = " is not in the region; the region is DMA 0x20000000-0x5fffffff, "
                                "physical 0x0200000000-0x023fffffff\n";
-    const auto message = [&](const std::vector<std::string>& words) {
+    const auto message = [&](const arguments& words) {
         const auto outcome = tarvoctl(machine, words);
         EXPECT_EQ(outcome.status, 2);
         return outcome.errors;
@@ -178,10 +161,8 @@ TEST(ambiguous_address, IsAskedAbout) {
     // Seen from 0x20000000 on, because it ends above 4 GiB: the two ranges overlap.
     sandbox machine(high, {"--region", "30000000-10fffffff"});
     machine.start().alloc("a", 0x1000);
-    const auto outcome = tarvoctl(machine, {"translate", "0x30000000"});
-    EXPECT_EQ(outcome.status, 2);
-    EXPECT_EQ(outcome.errors,
-              "tarvoctl: 0x30000000 is a DMA address and a physical one; say --dma or --pa\n");
+    EXPECT_EQ(tarvoctl(machine, {"translate", "0x30000000"}),
+              failed(2, "0x30000000 is a DMA address and a physical one; say --dma or --pa"));
     EXPECT_EQ(tarvoctl(machine, {"translate", "0x30000000", "--pa"}).output,
               "DMA 0x20000000, physical 0x0030000000, in 'a', offset 0x0 of 4 KiB\n");
     EXPECT_EQ(tarvoctl(machine, {"translate", "0x30000000", "--dma"}).output,
@@ -229,7 +210,7 @@ TEST(read, TellsAtATerminalHowFarItIsWhenThatTakesLong) {
         {"sh", "-c", "\"$0\" read long 2>\"$1\" | { sleep 1.5; cat >/dev/null; }", TARVOCTL,
          screen.name()});
     EXPECT_EQ(tool.wait(), normal_end);
-    EXPECT_NE(screen.output_with("\x1b[K").find(" % of 4 MiB"), std::string::npos);
+    EXPECT_TRUE(contains(screen.output_with("\x1b[K"), " % of 4 MiB"));
     // A program that reads standard error has nothing of it.
     EXPECT_EQ(tarvoctl(machine, {"read", "long"}).errors, "");
 }

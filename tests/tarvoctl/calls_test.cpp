@@ -7,8 +7,6 @@
 #include <memory>
 #include <optional>
 #include <sstream>
-#include <thread>
-#include <unistd.h>
 
 namespace calls_test {
 
@@ -20,14 +18,12 @@ std::string first_column(const tool_outcome& outcome) {
 
 TEST(alloc, MakesAChunkOnceAndSharesItThen) {
     sandbox machine(high);
-    const auto made = tarvoctl(machine, {"alloc", "rx_ring", "64K", "--creator", "shell"});
-    EXPECT_EQ(made.status, 0);
-    EXPECT_EQ(made.output, "rx_ring: new, 64 KiB at DMA 0x20000000, physical 0x0200000000\n");
-    EXPECT_EQ(made.errors, "");
-    const auto shared = tarvoctl(machine, {"alloc", "rx_ring", "65535"});
-    EXPECT_EQ(shared.status, 0);
-    EXPECT_EQ(shared.output, "rx_ring: shared, it was there, 64 KiB at DMA 0x20000000, "
-                             "physical 0x0200000000\n");
+    EXPECT_EQ(tarvoctl(machine, {"alloc", "rx_ring", "64K", "--creator", "shell"}),
+              printed("rx_ring: new, 64 KiB at DMA 0x20000000, physical 0x0200000000\n"));
+    EXPECT_EQ(
+        tarvoctl(machine, {"alloc", "rx_ring", "65535"}),
+        printed(
+            "rx_ring: shared, it was there, 64 KiB at DMA 0x20000000, physical 0x0200000000\n"));
     const auto chunks = machine.area().view().chunks();
     ASSERT_EQ(chunks.size(), 3);
     EXPECT_EQ(chunks[1].creator, "shell");
@@ -45,13 +41,10 @@ TEST(alloc, IsItsOwnCreatorAndTellsThePlaceAsJson) {
 
 TEST(alloc, AnotherSizeOfANameNeedsToBeAskedFor) {
     sandbox machine(low);
-    client driver = machine.start();
-    driver.alloc("stats", 0x1000);
-    const auto refused = tarvoctl(machine, {"alloc", "stats", "8K"});
-    EXPECT_EQ(refused.status, 2);
-    EXPECT_EQ(refused.errors, "tarvoctl: there is a chunk 'stats' of 4 KiB (4096 bytes), not 8 KiB "
-                              "(8192 bytes); ask for that size, or "
-                              "for a second chunk of the name with --duplicate\n");
+    const client driver = machine.start({"alloc stats 1 test"});
+    EXPECT_EQ(tarvoctl(machine, {"alloc", "stats", "8K"}),
+              failed(2, "there is a chunk 'stats' of 4 KiB (4096 bytes), not 8 KiB (8192 bytes); "
+                        "ask for that size, or for a second chunk of the name with --duplicate"));
     EXPECT_EQ(machine.area().view().chunks().size(), 3);
     const auto made = tarvoctl(machine, {"alloc", "stats", "8K", "--duplicate"});
     EXPECT_EQ(made.status, 0);
@@ -61,7 +54,7 @@ TEST(alloc, AnotherSizeOfANameNeedsToBeAskedFor) {
 
 TEST(alloc, WhatWouldEndTheLibrarysProcessIsRefusedBeforeTheCall) {
     sandbox machine(low);
-    const auto message = [&](const std::vector<std::string>& words) {
+    const auto message = [&](const arguments& words) {
         const auto outcome = tarvoctl(machine, words);
         EXPECT_EQ(outcome.status, 2) << outcome.errors;
         return outcome.errors;
@@ -76,9 +69,9 @@ TEST(alloc, WhatWouldEndTheLibrarysProcessIsRefusedBeforeTheCall) {
     EXPECT_EQ(
         message({"free", "__TAIL", "--force"}),
         "tarvoctl: '__TAIL' is reserved: it marks an end of the region; choose another name\n");
-    EXPECT_EQ(message({"alloc", "a ", "1"}),
-              "tarvoctl: the name 'a ' ends in a blank, which a listing cannot show; leave it "
-              "out\n");
+    EXPECT_EQ(
+        message({"alloc", "a ", "1"}),
+        "tarvoctl: the name 'a ' ends in a blank, which a listing cannot show; leave it out\n");
     EXPECT_EQ(message({"alloc", "a", "0"}),
               "tarvoctl: SIZE '0' is 0 bytes; a chunk has 1 to 2147483648 bytes\n");
     EXPECT_EQ(
@@ -95,13 +88,10 @@ TEST(alloc, WhatWouldEndTheLibrarysProcessIsRefusedBeforeTheCall) {
 
 TEST(alloc, TellsHowMuchRoomThereIsWhenThereIsTooLittle) {
     sandbox machine(low);
-    client driver = machine.start();
-    driver.alloc("a", 0x1000);
-    const auto outcome = tarvoctl(machine, {"alloc", "big", "256M"});
-    EXPECT_EQ(outcome.status, 1);
-    EXPECT_EQ(outcome.errors,
-              "tarvoctl: no room for 'big': it takes 262144 KiB, the largest gap has 262140 KiB, "
-              "all gaps together 262140 KiB; see 'tarvoctl map'\n");
+    const client driver = machine.start({"alloc a 1 test"});
+    EXPECT_EQ(tarvoctl(machine, {"alloc", "big", "256M"}),
+              failed(1, "no room for 'big': it takes 262144 KiB, the largest gap has 262140 KiB, "
+                        "all gaps together 262140 KiB; see 'tarvoctl map'"));
 }
 
 TEST(alloc, TellsThatTheKernelGaveNothing) {
@@ -109,50 +99,39 @@ TEST(alloc, TellsThatTheKernelGaveNothing) {
     machine.start().limits();
     const auto outcome = tarvoctl(machine, {"alloc", "a", "4K"});
     EXPECT_EQ(outcome.status, 1);
-    EXPECT_NE(outcome.errors.find("tarvoctl: the kernel driver gave no place for 4 KiB\n"),
-              std::string::npos)
-        << outcome.errors;
+    EXPECT_TRUE(contains(outcome.errors, "tarvoctl: the kernel driver gave no place for 4 KiB\n"));
 }
 
 TEST(alloc, TheLibrarysLastWordIsAFailureAndNotTheEndOfTheTool) {
     sandbox machine(low);
-    client driver = machine.start();
-    driver.register_device(0, 3, 0);
+    const client driver = machine.start({"register 0 3 0"});
     machine.add_rules({"op=map,errno=EIO"});
     const auto outcome = tarvoctl(machine, {"alloc", "a", "4K"});
     EXPECT_EQ(outcome.status, 1);
     EXPECT_EQ(outcome.output, "");
-    EXPECT_NE(outcome.errors.find("Error IOMMU mapping chunk Input/output error\n"),
-              std::string::npos);
-    EXPECT_TRUE(outcome.errors.ends_with(
-        "tarvoctl: the library ended the call with SIGABRT; its reason is above. 'tarvoctl "
-        "check' shows whether the area is intact\n"))
-        << outcome.errors;
+    EXPECT_TRUE(contains(outcome.errors, "Error IOMMU mapping chunk Input/output error\n"));
+    EXPECT_TRUE(ends_with(outcome.errors,
+                          "tarvoctl: the library ended the call with SIGABRT; its reason "
+                          "is above. 'tarvoctl check' shows whether the area is intact\n"));
 }
 
 TEST(alloc, WithoutARegionItSaysWhatIsMissing) {
     sandbox machine(low, {"--without", "proc"});
-    const auto outcome = tarvoctl(machine, {"alloc", "a", "4K"});
-    EXPECT_EQ(outcome.status, 3);
-    EXPECT_EQ(outcome.errors,
-              "tarvoctl: there is no region: /proc/tarvo is missing or does not describe one, and "
-              "SIMULATION_VMID is not set and /var/tmp/tarvo does not exist. Load the kernel "
-              "driver, or run with SIMULATION_VMID set\n");
+    EXPECT_EQ(tarvoctl(machine, {"alloc", "a", "4K"}),
+              failed(3, "there is no region: /proc/tarvo is missing or does not describe one, and "
+                        "SIMULATION_VMID is not set and /var/tmp/tarvo does not exist. Load the "
+                        "kernel driver, or run with SIMULATION_VMID set"));
     EXPECT_FALSE(exists(machine.shared_area()));
 }
 
 TEST(free, NamesWhoHasTheChunkAndRefusesWithoutATerminal) {
     sandbox machine(low);
-    client driver = machine.start();
-    driver.alloc("rx_ring", 0x1000);
-    driver.register_device(0, 3, 0);
-    driver.map("rx_ring");
+    client driver = machine.start({"alloc rx_ring 1 test", "register 0 3 0", "map rx_ring 1 0 0"});
     const std::string holder = std::to_string(driver.pid()) + " (tarvo-client)";
-    const std::string effects = "tarvoctl: 'rx_ring' is mapped by " + holder +
-                                ", which would go on seeing memory that may become another "
-                                "chunk's\n"
-                                "tarvoctl: 'rx_ring' is mapped for 0000:03:00.0, which would lose "
-                                "it\n";
+    const std::string effects =
+        "tarvoctl: 'rx_ring' is mapped by " + holder +
+        ", which would go on seeing memory that may become another chunk's\n"
+        "tarvoctl: 'rx_ring' is mapped for 0000:03:00.0, which would lose it\n";
     const auto refused = tarvoctl(machine, {"free", "rx_ring"});
     EXPECT_EQ(refused.status, 1);
     EXPECT_EQ(refused.output, "");
@@ -188,9 +167,7 @@ TEST(free, TellsWhoHadItAsJson) {
 
 TEST(free, AChunkThatNobodyHasIsFreedWithoutATerminal) {
     sandbox machine(low);
-    client driver = machine.start();
-    driver.alloc("a", 0x1000);
-    driver.alloc("a", 0x2000);
+    const client driver = machine.start({"alloc a 1 test", "alloc a 0x2000 test"});
     const auto outcome = tarvoctl(machine, {"free", "a"});
     EXPECT_EQ(outcome.status, 0);
     EXPECT_EQ(first_column(outcome), "a: freed");
@@ -209,25 +186,21 @@ TEST(alloc, InARegionThatCannotBeIsRefusedBeforeTheCall) {
         sandbox machine(low, {"--region-line", line});
         const auto outcome = tarvoctl(machine, {"alloc", "a", "4K"});
         EXPECT_EQ(outcome.status, 3) << line;
-        EXPECT_TRUE(outcome.errors.starts_with("tarvoctl: /proc/tarvo " + why)) << outcome.errors;
+        EXPECT_TRUE(starts_with(outcome.errors, "tarvoctl: /proc/tarvo " + why));
         EXPECT_FALSE(exists(machine.hardware_area())) << line;
     }
 }
 
 TEST(free, AsksWhereItCouldNotSeeWhoHasTheChunk) {
     sandbox machine(simulation);
-    client driver = machine.start();
-    driver.alloc("a", 0x1000);
-    driver.map("a");
+    const client driver = machine.start({"alloc a 1 test", "map a 1 0 0"});
     const auto refused = tarvoctl_of_stranger(machine, {"free", "a"});
     EXPECT_EQ(refused.status, 1);
-    EXPECT_TRUE(refused.errors.starts_with(
-        "tarvoctl: who has 'a' mapped is not all known: could not look into "))
-        << refused.errors;
-    EXPECT_TRUE(
-        refused.errors.ends_with("; run it as root to see more\n"
-                                 "tarvoctl: nothing was changed; --force does it without asking\n"))
-        << refused.errors;
+    EXPECT_TRUE(starts_with(refused.errors,
+                            "tarvoctl: who has 'a' mapped is not all known: could not look into "));
+    EXPECT_TRUE(ends_with(refused.errors,
+                          "; run it as root to see more\n"
+                          "tarvoctl: nothing was changed; --force does it without asking\n"));
     EXPECT_EQ(machine.area().view().chunks().size(), 3);
     EXPECT_EQ(tarvoctl_of_stranger(machine, {"free", "a", "--force"}).status, 0);
     EXPECT_EQ(machine.area().view().chunks().size(), 2);
@@ -235,17 +208,15 @@ TEST(free, AsksWhereItCouldNotSeeWhoHasTheChunk) {
 
 TEST(free, AsksAtATerminalAndTakesOnlyYesForAYes) {
     sandbox machine(low);
-    client driver = machine.start();
-    driver.alloc("a", 0x1000);
+    const client driver = machine.start({"alloc a 1 test"});
     for (const char* answer : {"n\n", "\n", "Yes please\n", "\x04"}) {
         terminal person(24, 80);
         running_tool tool = person.start(machine, {"free", "a"});
         person.type(answer);
         EXPECT_EQ(tool.program.wait(), (ending{1, 0}));
-        EXPECT_TRUE(tool.program.error_text().ends_with(
-            "Free 'a', 4 KiB? [y/N] "
-            "tarvoctl: nothing was changed; --force does it without asking\n"))
-            << tool.program.error_text();
+        EXPECT_TRUE(ends_with(tool.program.error_text(),
+                              "Free 'a', 4 KiB? [y/N] tarvoctl: nothing was "
+                              "changed; --force does it without asking\n"));
         EXPECT_EQ(machine.area().view().chunks().size(), 3);
     }
     terminal person(24, 80);
@@ -258,40 +229,33 @@ TEST(free, AsksAtATerminalAndTakesOnlyYesForAYes) {
 
 TEST(free, AnUnknownNameIsAUsageErrorThatNamesSimilarOnes) {
     sandbox machine(low);
-    client driver = machine.start();
-    driver.alloc("rx_ring", 0x1000);
-    const auto outcome = tarvoctl(machine, {"free", "rx_rnig"});
-    EXPECT_EQ(outcome.status, 2);
-    EXPECT_EQ(outcome.errors, "tarvoctl: no chunk is called 'rx_rnig'; similar ones: rx_ring\n");
+    const client driver = machine.start({"alloc rx_ring 1 test"});
+    EXPECT_EQ(tarvoctl(machine, {"free", "rx_rnig"}),
+              failed(2, "no chunk is called 'rx_rnig'; similar ones: rx_ring"));
 }
 
 TEST(free, ARefusalOfTheDriverIsAFinding) {
     sandbox machine(low);
-    client driver = machine.start();
-    driver.register_device(0, 3, 0);
-    driver.alloc("a", 0x1000);
+    const client driver = machine.start({"register 0 3 0", "alloc a 1 test"});
     machine.add_rules({"op=unmap,errno=EIO"});
     const auto outcome = tarvoctl(machine, {"free", "a", "--force"});
     EXPECT_EQ(outcome.status, 1);
-    EXPECT_TRUE(outcome.errors.ends_with("Error IOMMU unmapping chunk Input/output error\n"
-                                         "tarvoctl: 'a' could not be freed; the reason is above\n"))
-        << outcome.errors;
+    EXPECT_TRUE(ends_with(outcome.errors,
+                          "Error IOMMU unmapping chunk Input/output error\n"
+                          "tarvoctl: 'a' could not be freed; the reason is above\n"));
 }
 
 TEST(calls, WaitForTheLockNoLongerThanTheyMay) {
     sandbox machine(simulation);
     machine.start().alloc("a", 0x1000);
     const held_lock held(machine.lock_file());
-    for (const std::vector<std::string>& words :
-         std::vector<std::vector<std::string>>{{"alloc", "b", "4K"}, {"free", "a"}, {"dump"}}) {
-        std::vector<std::string> hurried = words;
-        hurried.insert(hurried.end(), {"--timeout", "0.1"});
-        const auto outcome = tarvoctl(machine, hurried);
-        EXPECT_EQ(outcome.status, 5) << words.front();
+    for (const arguments& words :
+         std::vector<arguments>{{"alloc", "b", "4K"}, {"free", "a"}, {"dump"}}) {
         EXPECT_EQ(
-            outcome.errors,
-            "tarvoctl: the lock /var/tmp/tarvo_lock was not free within 0.1 s: " + this_process() +
-                " holds it; 'tarvoctl lock' shows more, --timeout waits longer\n");
+            tarvoctl(machine, words + arguments{"--timeout", "0.1"}),
+            failed(5, "the lock /var/tmp/tarvo_lock was not free within 0.1 s: " + this_process() +
+                          " holds it; 'tarvoctl lock' shows more, --timeout waits longer"))
+            << words.front();
     }
 }
 
@@ -300,9 +264,7 @@ TEST(calls, NameAHolderOfTheLockThatIsStopped) {
     client holder = machine.start({"dump_begin"});
     ASSERT_EQ(::kill(holder.pid(), SIGSTOP), 0);
     const std::string stat = "/proc/" + std::to_string(holder.pid()) + "/stat";
-    while (file_text(stat).find(") T ") == std::string::npos) {
-        usleep(1000);
-    }
+    EXPECT_TRUE(eventually([&] { return contains(file_text(stat), ") T "); }));
     const auto outcome = tarvoctl(machine, {"alloc", "b", "4K", "--timeout", "0.1"});
     ASSERT_EQ(::kill(holder.pid(), SIGCONT), 0);
     EXPECT_EQ(outcome.status, 5);
@@ -310,8 +272,7 @@ TEST(calls, NameAHolderOfTheLockThatIsStopped) {
     EXPECT_EQ(outcome.errors,
               "tarvoctl: the lock /var/tmp/tarvo_lock was not free within 0.1 s: " + pid +
                   " (tarvo-client) holds it and is stopped, kill -CONT " + pid +
-                  " lets it go on; 'tarvoctl lock' shows more, --timeout waits "
-                  "longer\n");
+                  " lets it go on; 'tarvoctl lock' shows more, --timeout waits longer\n");
 }
 
 /// 0 where it has none.
@@ -368,54 +329,37 @@ std::optional<running_tool> waiting_in_the_library(sandbox& machine, client& fir
     return std::nullopt;
 }
 
-/// As often as it takes.
-running_tool made_to_wait_in_the_library(sandbox& machine, client& first, client& second,
-                                         const std::string& timeout) {
-    for (;;) {
-        if (auto tool = waiting_in_the_library(machine, first, second, timeout)) {
-            return std::move(*tool);
+class library_wait : public testing::Test {
+  protected:
+    /// As often as it takes.
+    running_tool made_to_wait(const std::string& timeout) {
+        for (;;) {
+            if (auto tool = waiting_in_the_library(machine, first, second, timeout)) {
+                return std::move(*tool);
+            }
         }
     }
-}
 
-TEST(calls, AWaitInsideTheLibraryIsInterrupted) {
-    sandbox machine(simulation);
-    client first = machine.start();
-    client second = machine.start();
-    first.alloc("a", 0x1000);
-    second.limits();
-    running_tool tool = made_to_wait_in_the_library(machine, first, second, "3");
+    sandbox machine{simulation};
+    client first = machine.start({"alloc a 1 test"});
+    client second = machine.start({"limits"});
+};
+
+TEST_F(library_wait, IsInterruptedWhenItsTimeIsOver) {
+    running_tool tool = made_to_wait("3");
     EXPECT_EQ(tool.program.wait().status, 5);
     const std::string errors = tool.program.error_text();
-    EXPECT_TRUE(errors.starts_with("tarvo: failed to accquire lock: Interrupted system call\n"))
-        << errors;
-    EXPECT_TRUE(errors.ends_with(
-        " (tarvo-client) holds it; 'tarvoctl lock' shows more, --timeout waits longer\n"))
-        << errors;
+    EXPECT_TRUE(starts_with(errors, "tarvo: failed to accquire lock: Interrupted system call\n"));
+    EXPECT_TRUE(ends_with(
+        errors, " (tarvo-client) holds it; 'tarvoctl lock' shows more, --timeout waits longer\n"));
 }
 
-/// Whether it ends within a few seconds.
-bool ends_soon(pid_t pid) {
-    constexpr int looks = 500;
-    for (int look = 0; look < looks; ++look) {
-        if (!std::filesystem::exists("/proc/" + std::to_string(pid) + "/exe")) {
-            return true;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds{10});
-    }
-    return false;
-}
-
-TEST(calls, AKilledToolMakesNoChangeOnceItCouldHaveTheLock) {
-    sandbox machine(simulation);
-    client first = machine.start();
-    client second = machine.start();
-    first.alloc("a", 0x1000);
-    second.limits();
-    running_tool tool = made_to_wait_in_the_library(machine, first, second, "60");
+TEST_F(library_wait, MakesNoChangeForAToolThatWasKilled) {
+    running_tool tool = made_to_wait("60");
     const pid_t child = child_of(tool.pid);
     tool.end_by(SIGKILL);
-    EXPECT_TRUE(ends_soon(child));
+    const std::string program = "/proc/" + std::to_string(child) + "/exe";
+    EXPECT_TRUE(eventually([&] { return !std::filesystem::exists(program); }));
     second.call("dump_end");
     while (waits_for_a_lock(child)) {
     }
@@ -425,25 +369,22 @@ TEST(calls, AKilledToolMakesNoChangeOnceItCouldHaveTheLock) {
 
 TEST(calls, LookingMakesNoFiles) {
     sandbox machine(simulation);
-    for (const std::vector<std::string>& words : std::vector<std::vector<std::string>>{
+    for (const arguments& words : std::vector<arguments>{
              {"read", "a"}, {"find", "0x1000"}, {"translate", "0x1000"}, {"limits"}, {"dump"}}) {
         const auto outcome = tarvoctl(machine, words);
         EXPECT_EQ(outcome.status, 3) << words.front();
-        EXPECT_TRUE(outcome.errors.starts_with("tarvoctl: there is no area: looked for "));
+        EXPECT_TRUE(starts_with(outcome.errors, "tarvoctl: there is no area: looked for "));
     }
-    EXPECT_FALSE(exists(machine.shared_area()));
-    EXPECT_FALSE(exists(machine.memory_file()));
-    EXPECT_FALSE(exists(machine.lock_file()));
+    EXPECT_EQ(files_of(machine), std::vector<std::string>{});
 }
 
 TEST(calls, LookingMakesNoSecondLockOfASimulatedRegion) {
     sandbox machine(simulation);
     machine.start().alloc("a", 0x1000);
     std::filesystem::remove(machine.simulated_lock());
-    const auto outcome = tarvoctl(machine, {"dump"});
-    EXPECT_EQ(outcome.status, 3);
-    EXPECT_EQ(outcome.errors, "tarvoctl: cannot open /var/tmp/tarvo_lock for reading: No such file "
-                              "or directory; see 'tarvoctl doctor'\n");
+    EXPECT_EQ(tarvoctl(machine, {"dump"}),
+              failed(3, "cannot open /var/tmp/tarvo_lock for reading: No such file or directory; "
+                        "see 'tarvoctl doctor'"));
     EXPECT_FALSE(exists(machine.simulated_lock()));
 }
 
@@ -451,8 +392,7 @@ class dump : public ::testing::TestWithParam<world> {};
 
 TEST_P(dump, IsTheLibrarysOwnByteForByte) {
     sandbox machine(GetParam());
-    client driver = machine.start();
-    driver.alloc("rx_ring", 0x10000, "driver");
+    client driver = machine.start({"alloc rx_ring 0x10000 driver"});
     driver.alloc("tx_ring", 0x1000, std::string(150, 'c'));
     driver.register_device(0, 3, 0);
     driver.register_device(0x10, 0x80, 0x21);
@@ -460,10 +400,7 @@ TEST_P(dump, IsTheLibrarysOwnByteForByte) {
     for (const std::string& line : driver.dump()) {
         expected += line + '\n';
     }
-    const auto outcome = tarvoctl(machine, {"dump"});
-    EXPECT_EQ(outcome.status, 0);
-    EXPECT_EQ(outcome.output, expected);
-    EXPECT_EQ(outcome.errors, "");
+    EXPECT_EQ(tarvoctl(machine, {"dump"}), printed(expected));
     EXPECT_TRUE(lock_is_free(machine.lock_file()));
 }
 

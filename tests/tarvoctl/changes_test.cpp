@@ -15,11 +15,9 @@ class changes : public ::testing::Test {
   protected:
     /// What diff says of a change that is made now.
     std::string reported(const std::function<void()>& change) {
-        const temporary_folder folder;
-        const std::string before = folder.path() / "before";
-        EXPECT_EQ(tarvoctl(machine, {"snapshot", before}).status, 0);
+        const taken_snapshot before(machine);
         change();
-        return tarvoctl(machine, {"diff", before}).output;
+        return tarvoctl(machine, {"diff", before.path}).output;
     }
 
     sandbox machine{low};

@@ -12,26 +12,35 @@ namespace {
 
 /// Three chunks, elements 2 to 4.
 void fill(sandbox& machine) {
-    client driver = machine.start();
-    driver.alloc("first", 0x1000);
-    driver.alloc("second", 0x1000);
-    driver.alloc("third", 0x1000);
+    const client driver =
+        machine.start({"alloc first 1 test", "alloc second 1 test", "alloc third 1 test"});
 }
 
-TEST(check, ASoundAreaIsSound) {
+class check : public testing::Test {
+  protected:
+    check() { fill(machine); }
+
+    sandbox machine{low};
+    temporary_folder folder;
+    const std::string copy = folder.path() / "copy";
+};
+
+/// The same with a snapshot of it.
+class snapshot : public check {
+  protected:
+    snapshot() { EXPECT_EQ(tarvoctl(machine, {"snapshot", copy}).status, 0); }
+};
+
+TEST(check_world, ASoundAreaIsSound) {
     for (const world& each : all_worlds()) {
         sandbox machine(each);
         fill(machine);
         machine.start().register_device(0, 3, 0);
-        const auto outcome = tarvoctl(machine, {"check"});
-        EXPECT_EQ(outcome.output, "the area is sound\n") << each.name;
-        EXPECT_EQ(outcome.status, 0);
+        EXPECT_EQ(tarvoctl(machine, {"check"}), printed("the area is sound\n")) << each.name;
     }
 }
 
-TEST(check, ALostElementIsAFinding) {
-    sandbox machine(low);
-    fill(machine);
+TEST_F(check, ALostElementIsAFinding) {
     // Off the free chain: it stays unused for ever.
     auto area = machine.writable_area();
     const int lost = area.view().chunk_ends().free;
@@ -45,9 +54,7 @@ TEST(check, ALostElementIsAFinding) {
     EXPECT_EQ(document.at("findings").at(0).at("element"), 5);
 }
 
-TEST(check, ABrokenLinkIsDamage) {
-    sandbox machine(low);
-    fill(machine);
+TEST_F(check, ABrokenLinkIsDamage) {
     machine.writable_area().writer().i32(area_offset::chunk(3) + area_offset::prev, 4);
     const auto outcome = tarvoctl(machine, {"check"});
     EXPECT_EQ(outcome.status, 4);
@@ -56,12 +63,8 @@ TEST(check, ABrokenLinkIsDamage) {
     EXPECT_EQ(json_of(tarvoctl(machine, {"check", "--json"})).at("verdict"), "broken");
 }
 
-TEST(check, SendsToTheRepairOfTheCopyThatItChecked) {
-    sandbox machine(low);
-    fill(machine);
+TEST_F(check, SendsToTheRepairOfTheCopyThatItChecked) {
     machine.writable_area().writer().i32(area_offset::chunk(3) + area_offset::prev, 4);
-    const temporary_folder folder;
-    const std::string copy = folder.path() / "raw";
     std::filesystem::copy_file(machine.shared_area(), copy);
     EXPECT_EQ(lines_of(tarvoctl(machine, {"check", copy}).output).back(),
               "the area is broken: 'tarvoctl repair " + copy + "' shows what can be done");
@@ -69,95 +72,75 @@ TEST(check, SendsToTheRepairOfTheCopyThatItChecked) {
               "the area is broken: 'tarvoctl repair --cma " + copy + "' shows what can be done");
 }
 
-TEST(check, ComparesTheAreaWithTheRegionTheDriverDescribes) {
-    sandbox machine(low);
-    fill(machine);
+TEST_F(check, ComparesTheAreaWithTheRegionTheDriverDescribes) {
     auto area = machine.writable_area();
     const auto tail = static_cast<size_t>(area.view().chunk_ends().tail);
     area.writer().u64(area_offset::chunk(static_cast<int>(tail)) + area_offset::pa,
                       low.end() - 0x1000);
     EXPECT_EQ(tarvoctl(machine, {"check"}).status, 4);
     // A copy may come from another machine.
-    const temporary_folder folder;
-    const std::string copy = folder.path() / "copy";
     EXPECT_EQ(tarvoctl(machine, {"snapshot", copy}).status, 0);
     EXPECT_EQ(tarvoctl(machine, {"check", copy}).status, 0);
 }
 
-TEST(check, SaysWhatIsNoArea) {
-    sandbox machine(low);
-    const temporary_folder folder;
+TEST_F(check, SaysWhatIsNoArea) {
     const std::string file = folder.path() / "short";
     std::ofstream(file) << "short";
-    const auto outcome = tarvoctl(machine, {"check", file});
-    EXPECT_EQ(outcome.status, 4);
-    EXPECT_EQ(outcome.errors, "tarvoctl: " + file +
-                                  " is 5 bytes, an area takes 70130716 bytes: it is not a copy of "
-                                  "an area, or an incomplete one; 'tarvoctl snapshot' makes one\n");
-    const auto missing = tarvoctl(machine, {"check", "/nowhere"});
-    EXPECT_EQ(missing.status, 3);
-    EXPECT_EQ(missing.errors, "tarvoctl: /nowhere does not exist\n");
+    EXPECT_EQ(tarvoctl(machine, {"check", file}),
+              failed(4, file + " is 5 bytes, an area takes 70130716 bytes: it is not a copy of an "
+                               "area, or an incomplete one; 'tarvoctl snapshot' makes one"));
+    EXPECT_EQ(tarvoctl(machine, {"check", "/nowhere"}), failed(3, "/nowhere does not exist"));
 }
 
-TEST(check, WaitsForNobodyBehindAFifo) {
-    sandbox machine(low);
-    fill(machine);
-    const temporary_folder folder;
+TEST_F(check, WaitsForNobodyBehindAFifo) {
     const std::string fifo = folder.path() / "fifo";
     ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
-    const std::vector<std::vector<std::string>> commands{
+    const std::vector<arguments> commands{
         {"check", fifo}, {"list", "--area", fifo}, {"diff", fifo}};
     for (const auto& words : commands) {
         const auto outcome = tarvoctl(machine, words);
         EXPECT_EQ(outcome.status, 4);
-        EXPECT_TRUE(outcome.errors.starts_with("tarvoctl: " + fifo + " is 0 bytes, an area takes "))
-            << outcome.errors;
+        EXPECT_TRUE(
+            starts_with(outcome.errors, "tarvoctl: " + fifo + " is 0 bytes, an area takes "));
     }
-    const auto repair = tarvoctl(machine, {"repair", fifo});
-    EXPECT_EQ(repair.status, 3);
-    EXPECT_EQ(repair.errors, "tarvoctl: " + fifo + " is not a regular file\n");
+    EXPECT_EQ(tarvoctl(machine, {"repair", fifo}), failed(3, fifo + " is not a regular file"));
     const auto of_folder = tarvoctl(machine, {"check", folder.path()});
     EXPECT_EQ(of_folder.errors, "tarvoctl: " + folder.path().string() + " is not a regular file\n");
 
     std::filesystem::remove(machine.lock_file());
     ASSERT_EQ(mkfifo(machine.lock_file().c_str(), 0600), 0);
-    for (const auto& words : {std::vector<std::string>{"check"}, {"alloc", "fourth", "4K"}}) {
-        const auto outcome = tarvoctl(machine, words);
-        EXPECT_EQ(outcome.status, 3);
-        EXPECT_EQ(outcome.errors, "tarvoctl: /var/lock/subsys/tarvo_lock is not a regular file\n");
+    for (const auto& words : {arguments{"check"}, {"alloc", "fourth", "4K"}}) {
+        EXPECT_EQ(tarvoctl(machine, words),
+                  failed(3, "/var/lock/subsys/tarvo_lock is not a regular file"));
     }
 }
 
-TEST(check, TakesNoMemoryForTheHolesOfACopy) {
-    sandbox machine(low);
-    const std::string copy = "/dev/shm/tarvoctl-check-" + std::to_string(getpid());
-    std::ofstream{copy};
-    std::filesystem::resize_file(copy, 70131712);
-    EXPECT_NE(tarvoctl(machine, {"check", copy}).output, "");
-    EXPECT_EQ(tarvoctl(machine, {"list", "--area", copy}).status, 3);
+TEST_F(check, TakesNoMemoryForTheHolesOfACopy) {
+    const std::string sparse = "/dev/shm/tarvoctl-check-" + std::to_string(getpid());
+    std::ofstream{sparse};
+    std::filesystem::resize_file(sparse, 70131712);
+    EXPECT_NE(tarvoctl(machine, {"check", sparse}).output, "");
+    EXPECT_EQ(tarvoctl(machine, {"list", "--area", sparse}).status, 3);
     struct stat found {};
-    EXPECT_EQ(stat(copy.c_str(), &found), 0);
+    EXPECT_EQ(stat(sparse.c_str(), &found), 0);
     EXPECT_EQ(found.st_blocks, 0);
-    std::filesystem::remove(copy);
+    std::filesystem::remove(sparse);
 }
 
-TEST(check, AnEmptyFileIsTheLiveAreaAtItsVeryBeginning) {
-    sandbox machine(low);
-    fill(machine);
+TEST_F(check, AnEmptyFileIsTheLiveAreaAtItsVeryBeginning) {
     std::filesystem::resize_file(machine.shared_area(), 0);
     for (const char* command : {"check", "list"}) {
-        const auto outcome = tarvoctl(machine, {command});
-        EXPECT_EQ(outcome.status, 3);
-        EXPECT_EQ(outcome.errors, "tarvoctl: /var/shmem/tarvo_lib is not built yet: no program has "
-                                  "started the library on it\n");
+        EXPECT_EQ(
+            tarvoctl(machine, {command}),
+            failed(
+                3,
+                "/var/shmem/tarvo_lib is not built yet: no program has started the library on it"));
     }
     std::filesystem::resize_file(machine.shared_area(), 100);
     EXPECT_EQ(tarvoctl(machine, {"list"}).status, 4);
 }
 
-TEST(check, TellsWhoMayNotLookThatRootMay) {
-    sandbox machine(low);
-    fill(machine);
+TEST_F(check, TellsWhoMayNotLookThatRootMay) {
     std::filesystem::permissions(machine.shared_area(), std::filesystem::perms::none);
     const auto outcome = tarvoctl_of_stranger(machine, {"list"});
     EXPECT_EQ(outcome.status, 3);
@@ -165,26 +148,23 @@ TEST(check, TellsWhoMayNotLookThatRootMay) {
               "tarvoctl: cannot open /var/shmem/tarvo_lib: Permission denied; run it as root\n");
 }
 
-TEST(check, SaysWhyThereCanBeNoArea) {
+TEST(check_world, SaysWhyThereCanBeNoArea) {
     sandbox machine(low, {"--without", "proc"});
-    const auto outcome = tarvoctl(machine, {"list"});
-    EXPECT_EQ(outcome.status, 3);
-    EXPECT_EQ(
-        outcome.errors,
-        "tarvoctl: there is no region: /proc/tarvo is missing or does not describe one, and "
-        "SIMULATION_VMID is not set and /var/tmp/tarvo does not exist. Load the kernel driver, "
-        "or run with SIMULATION_VMID set\n");
+    EXPECT_EQ(tarvoctl(machine, {"list"}),
+              failed(3, "there is no region: /proc/tarvo is missing or does not describe one, and "
+                        "SIMULATION_VMID is not set and /var/tmp/tarvo does not exist. Load the "
+                        "kernel driver, or run with SIMULATION_VMID set"));
 }
 
-TEST(snapshot, IsAConsistentCopyThatAllCommandsRead) {
+TEST(snapshot_world, IsAConsistentCopyThatAllCommandsRead) {
     sandbox machine(high);
     fill(machine);
     const temporary_folder folder;
     const std::string copy = folder.path() / "copy";
-    const auto outcome = tarvoctl(machine, {"snapshot", copy});
-    EXPECT_EQ(outcome.status, 0);
-    EXPECT_EQ(outcome.output, copy + " holds the area as it was; 'tarvoctl list --area', 'check' "
-                                     "and 'diff' read it\n");
+    EXPECT_EQ(
+        tarvoctl(machine, {"snapshot", copy}),
+        printed(copy +
+                " holds the area as it was; 'tarvoctl list --area', 'check' and 'diff' read it\n"));
     EXPECT_EQ(unpacked(copy), machine.area().snapshot());
     EXPECT_EQ(mode_of(copy), "0600");
     machine.start().free("second");
@@ -192,31 +172,20 @@ TEST(snapshot, IsAConsistentCopyThatAllCommandsRead) {
               "first\nsecond\nthird\n");
 }
 
-TEST(snapshot, IsCompactAndReadCompressedOrNot) {
-    sandbox machine(low);
-    fill(machine);
-    const temporary_folder folder;
-    const std::string copy = folder.path() / "copy";
-    ASSERT_EQ(tarvoctl(machine, {"snapshot", copy}).status, 0);
+TEST_F(snapshot, IsCompactAndReadCompressedOrNot) {
     EXPECT_LT(std::filesystem::file_size(copy), 1'000'000);
     const std::string plain = folder.path() / "plain";
     ASSERT_EQ(run_program(machine, {"sh", "-c", "zcat \"$0\" >\"$1\"", copy, plain}).status, 0);
-    for (const std::vector<std::string>& words : std::vector<std::vector<std::string>>{
+    for (const arguments& words : std::vector<arguments>{
              {"list", "--area"}, {"check"}, {"map", "--area"}, {"limits", "--area"}, {"diff"}}) {
-        std::vector<std::string> packed = words;
-        packed.push_back(copy);
-        std::vector<std::string> unpacked = words;
-        unpacked.push_back(plain);
-        const auto outcome = tarvoctl(machine, packed);
-        EXPECT_EQ(outcome.status, 0) << words.front();
-        EXPECT_EQ(outcome.output, tarvoctl(machine, unpacked).output) << words.front();
+        EXPECT_EQ(tarvoctl(machine, words + arguments{copy}),
+                  printed(tarvoctl(machine, words + arguments{plain}).output))
+            << words.front();
     }
 }
 
-TEST(snapshot, GoesThroughPipes) {
-    sandbox machine(low);
-    fill(machine);
-    const auto piped = [&machine](const char* script) {
+TEST_F(snapshot, GoesThroughPipes) {
+    const auto piped = [this](const char* script) {
         return run_program(machine, {"sh", "-c", script, TARVOCTL});
     };
     const auto list = piped("\"$0\" snapshot - | \"$0\" list --area - -o name --no-header");
@@ -230,16 +199,10 @@ TEST(snapshot, GoesThroughPipes) {
                            "both; name a file\n");
     const auto empty = tarvoctl(machine, {"list", "--area", "-"});
     EXPECT_EQ(empty.status, 4);
-    EXPECT_TRUE(empty.errors.starts_with("tarvoctl: standard input is 0 bytes, an area takes "))
-        << empty.errors;
+    EXPECT_TRUE(starts_with(empty.errors, "tarvoctl: standard input is 0 bytes, an area takes "));
 }
 
-TEST(snapshot, ThatIsDamagedOrNoneIsNotTakenForAnArea) {
-    sandbox machine(low);
-    fill(machine);
-    const temporary_folder folder;
-    const std::string copy = folder.path() / "copy";
-    ASSERT_EQ(tarvoctl(machine, {"snapshot", copy}).status, 0);
+TEST_F(snapshot, ThatIsDamagedOrNoneIsNotTakenForAnArea) {
     const std::string bytes = file_text(copy);
     const auto listed = [&](const std::string& changed) {
         std::ofstream(copy, std::ios::binary) << changed;
@@ -258,22 +221,15 @@ TEST(snapshot, ThatIsDamagedOrNoneIsNotTakenForAnArea) {
     EXPECT_EQ(tarvoctl(machine, {"list", "--area", copy}).status, 4);
 }
 
-TEST(snapshot, MoreThanAnAreaIsNotInflated) {
-    sandbox machine(low);
-    fill(machine);
+TEST_F(snapshot, MoreThanAnAreaIsNotInflated) {
     // Zeros without end: a tool that took them all would never answer.
     const auto outcome =
         run_program(machine, {"sh", "-c", "gzip -1 </dev/zero | \"$0\" list --area -", TARVOCTL});
     EXPECT_EQ(outcome.status, 3);
-    EXPECT_TRUE(outcome.errors.find("is not built yet") != std::string::npos) << outcome.errors;
+    EXPECT_TRUE(contains(outcome.errors, "is not built yet"));
 }
 
-TEST(snapshot, IsReadThroughAPipeWithAName) {
-    sandbox machine(low);
-    fill(machine);
-    const temporary_folder folder;
-    const std::string copy = folder.path() / "copy";
-    ASSERT_EQ(tarvoctl(machine, {"snapshot", copy}).status, 0);
+TEST_F(snapshot, IsReadThroughAPipeWithAName) {
     const auto direct = tarvoctl(machine, {"list", "--area", copy});
     for (const char* reader : {"cat", "zcat"}) {
         const auto piped = run_program(
@@ -283,72 +239,46 @@ TEST(snapshot, IsReadThroughAPipeWithAName) {
     }
 }
 
-TEST(snapshot, OfStandardInputIsNotReadTwice) {
-    sandbox machine(low);
-    fill(machine);
-    const auto outcome = tarvoctl(machine, {"diff", "-", "-"});
-    EXPECT_EQ(outcome.status, 2);
-    EXPECT_EQ(outcome.errors, "tarvoctl: standard input can be read once; name a file for one of "
-                              "the two\n");
+TEST_F(snapshot, OfStandardInputIsNotReadTwice) {
+    EXPECT_EQ(tarvoctl(machine, {"diff", "-", "-"}),
+              failed(2, "standard input can be read once; name a file for one of the two"));
 }
 
-TEST(snapshot, CannotBeRepairedWhileItIsCompressed) {
-    sandbox machine(low);
-    fill(machine);
-    const temporary_folder folder;
-    const std::string copy = folder.path() / "copy";
+TEST_F(snapshot, CannotBeRepairedWhileItIsCompressed) {
     machine.writable_area().writer().i32(area_offset::chunk(3) + area_offset::prev, 9);
-    ASSERT_EQ(tarvoctl(machine, {"snapshot", copy}).status, 0);
+    EXPECT_EQ(tarvoctl(machine, {"snapshot", "--force", copy}).status, 0);
     const std::string bytes = file_text(copy);
     for (const char* how : {"-n", "-y"}) {
-        const auto outcome = tarvoctl(machine, {"repair", how, copy});
-        EXPECT_EQ(outcome.status, 2);
-        EXPECT_EQ(outcome.output, "");
-        EXPECT_EQ(outcome.errors, "tarvoctl: " + copy +
-                                      " is compressed, and cannot be changed as it is; 'zcat <" +
-                                      copy + "' gives the bytes for a file that can\n");
-        const auto of_stream = tarvoctl(machine, {"repair", how, "-"}, bytes);
-        EXPECT_EQ(of_stream.status, 2);
-        EXPECT_EQ(of_stream.errors,
-                  "tarvoctl: standard input cannot be changed; name a file to repair\n");
+        EXPECT_EQ(tarvoctl(machine, {"repair", how, copy}),
+                  failed(2, copy + " is compressed, and cannot be changed as it is; 'zcat <" +
+                                copy + "' gives the bytes for a file that can"));
+        EXPECT_EQ(tarvoctl(machine, {"repair", how, "-"}, bytes),
+                  failed(2, "standard input cannot be changed; name a file to repair"));
     }
     EXPECT_EQ(file_text(copy), bytes);
 }
 
-TEST(snapshot, NeverReplacesAFileUnasked) {
-    sandbox machine(low);
-    fill(machine);
-    const temporary_folder folder;
-    const std::string copy = folder.path() / "copy";
+TEST_F(snapshot, NeverReplacesAFileUnasked) {
     std::ofstream(copy) << "precious";
-    const auto refused = tarvoctl(machine, {"snapshot", copy});
-    EXPECT_EQ(refused.status, 2);
-    EXPECT_EQ(refused.errors, "tarvoctl: cannot write " + copy +
-                                  ": File exists; name another file, or --force replaces it\n");
+    EXPECT_EQ(tarvoctl(machine, {"snapshot", copy}),
+              failed(2, "cannot write " + copy +
+                            ": File exists; name another file, or --force replaces it"));
     EXPECT_EQ(file_text(copy), "precious");
     EXPECT_EQ(tarvoctl(machine, {"snapshot", "--force", copy}).status, 0);
     EXPECT_EQ(tarvoctl(machine, {"check", copy}).status, 0);
 }
 
 /// A snapshot that is in the way, and the only file in its folder.
-class snapshot_onto : public testing::Test {
+class snapshot_onto : public snapshot {
   protected:
-    snapshot_onto() {
-        fill(machine);
-        EXPECT_EQ(tarvoctl(machine, {"snapshot", copy}).status, 0);
-        bytes = unpacked(copy);
-        machine.start().free("second");
-    }
+    snapshot_onto() { machine.start().free("second"); }
 
     std::ptrdiff_t files() const {
         const std::filesystem::directory_iterator all(folder.path());
         return std::distance(begin(all), end(all));
     }
 
-    sandbox machine{low};
-    temporary_folder folder;
-    std::string copy = folder.path() / "copy";
-    std::vector<uint8_t> bytes;
+    const std::vector<uint8_t> bytes = unpacked(copy);
 };
 
 TEST_F(snapshot_onto, AFullDiskKeepsTheEarlierOne) {
@@ -384,10 +314,9 @@ TEST_F(snapshot_onto, WhatHasTheAreaMappedKeepsItsFile) {
     std::filesystem::create_symlink("/var/shmem/tarvo_lib", link);
     const auto before = machine.area().snapshot();
     for (const std::string& file : {std::string("/var/shmem/tarvo_lib"), link}) {
-        const auto outcome = tarvoctl(machine, {"snapshot", "--force", file});
-        EXPECT_EQ(outcome.status, 2);
-        EXPECT_EQ(outcome.errors, "tarvoctl: cannot write " + file +
-                                      ": that is a file of the library; name another\n");
+        EXPECT_EQ(
+            tarvoctl(machine, {"snapshot", "--force", file}),
+            failed(2, "cannot write " + file + ": that is a file of the library; name another"));
     }
     EXPECT_EQ(machine.area().snapshot(), before);
     // One that does not exist would select simulation.
@@ -397,12 +326,11 @@ TEST_F(snapshot_onto, WhatHasTheAreaMappedKeepsItsFile) {
 
 TEST_F(snapshot_onto, WhatIsNoPlainFileStays) {
     for (const std::string& file : {std::string("/dev/full"), folder.path().string()}) {
-        for (const std::vector<std::string>& words : std::vector<std::vector<std::string>>{
-                 {"snapshot", file}, {"snapshot", "--force", file}}) {
-            const auto outcome = tarvoctl(machine, words);
-            EXPECT_EQ(outcome.status, 2);
-            EXPECT_EQ(outcome.errors, "tarvoctl: cannot write " + file +
-                                          ": it is not a regular file; name another\n");
+        for (const arguments& words :
+             std::vector<arguments>{{"snapshot", file}, {"snapshot", "--force", file}}) {
+            EXPECT_EQ(
+                tarvoctl(machine, words),
+                failed(2, "cannot write " + file + ": it is not a regular file; name another"));
         }
     }
 }
@@ -410,17 +338,11 @@ TEST_F(snapshot_onto, WhatIsNoPlainFileStays) {
 TEST(diff, TellsWhatChangedSinceASnapshot) {
     sandbox machine(low);
     fill(machine);
-    const temporary_folder folder;
-    const std::string before = folder.path() / "before";
-    ASSERT_EQ(tarvoctl(machine, {"snapshot", before}).status, 0);
-    const auto nothing = tarvoctl(machine, {"diff", before});
-    EXPECT_EQ(nothing.status, 0);
-    EXPECT_EQ(nothing.output, "");
+    const taken_snapshot before(machine);
+    EXPECT_EQ(tarvoctl(machine, {"diff", before.path}), printed(""));
 
-    client driver = machine.start();
-    driver.free("second");
-    driver.register_device(0, 3, 0);
-    const auto since = tarvoctl(machine, {"diff", before, "--json"});
+    client driver = machine.start({"free second", "register 0 3 0"});
+    const auto since = tarvoctl(machine, {"diff", before.path, "--json"});
     EXPECT_EQ(since.status, 1);
     std::vector<std::string> words;
     const auto document = json_of(since);
@@ -429,10 +351,10 @@ TEST(diff, TellsWhatChangedSinceASnapshot) {
     }
     EXPECT_EQ(words, (std::vector<std::string>{"freed", "registered", "mapped", "mapped"}));
 
-    const std::string after = folder.path() / "after";
+    const std::string after = before.folder.path() / "after";
     ASSERT_EQ(tarvoctl(machine, {"snapshot", after}).status, 0);
     driver.free("first");
-    const auto between = tarvoctl(machine, {"diff", before, after});
+    const auto between = tarvoctl(machine, {"diff", before.path, after});
     EXPECT_EQ(between.status, 1);
     EXPECT_EQ(lines_of(between.output).size(), 4U);
     EXPECT_EQ(tarvoctl(machine, {"diff", after, after}).status, 0);
@@ -440,9 +362,7 @@ TEST(diff, TellsWhatChangedSinceASnapshot) {
 
 TEST(diff, ComplainsFirstOfTheFileThatWasNamed) {
     sandbox machine(simulation);
-    const auto outcome = tarvoctl(machine, {"diff", "/nowhere"});
-    EXPECT_EQ(outcome.status, 3);
-    EXPECT_EQ(outcome.errors, "tarvoctl: /nowhere does not exist\n");
+    EXPECT_EQ(tarvoctl(machine, {"diff", "/nowhere"}), failed(3, "/nowhere does not exist"));
 }
 
 } // namespace

@@ -20,15 +20,15 @@ class damage : public ::testing::Test {
     const area_writer write = area.writer();
 
     /// All that call the library, with words that are right in a sound area.
-    const std::vector<std::vector<std::string>> calls{{"alloc", "fourth", "4K"},
-                                                      {"free", "second", "--force"},
-                                                      {"register", "0000:03:00.0"},
-                                                      {"iommu-map", "0000:03:00.0"},
-                                                      {"iommu-unmap", "0000:03:00.0"},
-                                                      {"read", "first"},
-                                                      {"write", "first"},
-                                                      {"fill", "first", "1"},
-                                                      {"dump"}};
+    const std::vector<arguments> calls{{"alloc", "fourth", "4K"},
+                                       {"free", "second", "--force"},
+                                       {"register", "0000:03:00.0"},
+                                       {"iommu-map", "0000:03:00.0"},
+                                       {"iommu-unmap", "0000:03:00.0"},
+                                       {"read", "first"},
+                                       {"write", "first"},
+                                       {"fill", "first", "1"},
+                                       {"dump"}};
 
     void expect_all_calls_refused(const std::string& why) {
         const auto before = area.snapshot();
@@ -36,8 +36,7 @@ class damage : public ::testing::Test {
             const auto outcome = tarvoctl(machine, words);
             EXPECT_EQ(outcome.status, 4) << words.front() << outcome.errors;
             EXPECT_EQ(outcome.output, "") << words.front();
-            EXPECT_NE(outcome.errors.find(why), std::string::npos)
-                << words.front() << ": " << outcome.errors;
+            EXPECT_TRUE(contains(outcome.errors, why)) << words.front();
         }
         EXPECT_EQ(machine.area().snapshot(), before);
         EXPECT_EQ(machine.request_lines().size(), 0U);
@@ -46,10 +45,9 @@ class damage : public ::testing::Test {
 
 TEST_F(damage, AWrongBackLinkKeepsTheLibraryAway) {
     write.i32(area_offset::chunk(second) + area_offset::prev, 77);
-    expect_all_calls_refused(
-        "tarvoctl: the area is broken: chunk 3 'second' (creator me): prev is "
-        "77, but the list comes here from 2. The library would break off the call, or make it "
-        "worse; 'tarvoctl check' shows what helps\n");
+    expect_all_calls_refused("tarvoctl: the area is broken: chunk 3 'second' (creator me): prev is "
+                             "77, but the list comes here from 2. The library would break off the "
+                             "call, or make it worse; 'tarvoctl check' shows what helps\n");
 }
 
 TEST_F(damage, AListThatNeverEndsKeepsTheLibraryAway) {
@@ -62,9 +60,8 @@ TEST_F(damage, AListThatNeverEndsKeepsTheLibraryAway) {
 
 TEST_F(damage, AChunkOutsideTheRegionKeepsTheLibraryAway) {
     write.u64(area_offset::chunk(first) + area_offset::pa, 0x1000);
-    expect_all_calls_refused(
-        "tarvoctl: the area is broken: chunk 2 'first' (creator me): begins at "
-        "0x0000001000, before its predecessor");
+    expect_all_calls_refused("tarvoctl: the area is broken: chunk 2 'first' (creator me): begins "
+                             "at 0x0000001000, before its predecessor");
 }
 
 TEST_F(damage, AFreeChainThatLeadsToAUsedChunkKeepsTheLibraryAway) {
@@ -82,9 +79,9 @@ TEST_F(damage, AFreeChainOfDeviceReferencesThatLeadsNowhereKeepsTheLibraryAway) 
 TEST_F(damage, AnotherRegionsAreaIsNotWorkedOn) {
     const auto tail = area.view().chunk_ends().tail;
     write.u64(area_offset::chunk(tail) + area_offset::pa, low.end() - 0x1000);
-    expect_all_calls_refused("tarvoctl: /var/shmem/tarvo_lib is left over from another region; end "
-                             "all programs that use it, then rm /var/shmem/tarvo_lib. 'tarvoctl "
-                             "doctor' shows both regions\n");
+    expect_all_calls_refused(
+        "tarvoctl: /var/shmem/tarvo_lib is left over from another region; end all programs that "
+        "use it, then rm /var/shmem/tarvo_lib. 'tarvoctl doctor' shows both regions\n");
     const auto checked = tarvoctl(machine, {"check"});
     EXPECT_EQ(checked.status, 4);
     EXPECT_EQ(lines_of(checked.output).back(),
@@ -116,10 +113,9 @@ TEST_F(damage, ABrokenListIsRepairedBeforeItsRegionIsCompared) {
 
 TEST_F(damage, AnAreaThatLostItsFlagIsNotBuiltAnew) {
     write.u8(area_offset::initialized, 0);
-    const std::string why =
-        "tarvoctl: /var/shmem/tarvo_lib holds chunks or devices, yet says that it was not built: "
-        "the next program that starts the library would build it anew, and they would be lost; "
-        "see 'tarvoctl repair'\n";
+    const std::string why = "tarvoctl: /var/shmem/tarvo_lib holds chunks or devices, yet says that "
+                            "it was not built: the next program that starts the library would "
+                            "build it anew, and they would be lost; see 'tarvoctl repair'\n";
     expect_all_calls_refused(why);
     for (const char* command : {"list", "devices", "limits", "map"}) {
         const auto outcome = tarvoctl(machine, {command});
@@ -131,9 +127,7 @@ TEST_F(damage, AnAreaThatLostItsFlagIsNotBuiltAnew) {
     EXPECT_EQ(watched.errors, why);
     const auto doctor = tarvoctl(machine, {"doctor"});
     EXPECT_EQ(doctor.status, 4);
-    EXPECT_NE(doctor.output.find("initialized is 0, yet there are chunks or devices"),
-              std::string::npos)
-        << doctor.output;
+    EXPECT_TRUE(contains(doctor.output, "initialized is 0, yet there are chunks or devices"));
     EXPECT_EQ(tarvoctl(machine, {"repair", "-y", "--force"}).status, 0);
     EXPECT_EQ(tarvoctl(machine, {"alloc", "fourth", "4K"}).status, 0);
     EXPECT_EQ(machine.area().view().chunks().size(), 6U);
@@ -147,18 +141,16 @@ void expect_unknown_region(sandbox& machine) {
     for (const char* command : {"list", "devices", "who", "top"}) {
         const auto outcome = tarvoctl(machine, {command});
         EXPECT_EQ(outcome.status, 4) << command;
-        EXPECT_NE(outcome.errors.find(lost_region), std::string::npos) << outcome.errors;
+        EXPECT_TRUE(contains(outcome.errors, lost_region));
     }
     const auto listed = json_of(tarvoctl(machine, {"list", "--json"}));
     EXPECT_EQ(listed.at("region"), nullptr);
     EXPECT_EQ(listed.at("damage").at(0), lost_region);
-    for (const std::vector<std::string>& words : std::vector<std::vector<std::string>>{
+    for (const arguments& words : std::vector<arguments>{
              {"limits"}, {"map"}, {"find", "0x80000000"}, {"translate", "0x80000000"}}) {
-        const auto outcome = tarvoctl(machine, words);
-        EXPECT_EQ(outcome.status, 4) << words.front();
-        EXPECT_EQ(outcome.output, "");
-        EXPECT_EQ(outcome.errors,
-                  "tarvoctl: the records do not say where the region lies; see 'tarvoctl check'\n");
+        EXPECT_EQ(tarvoctl(machine, words),
+                  failed(4, "the records do not say where the region lies; see 'tarvoctl check'"))
+            << words.front();
     }
 }
 
@@ -167,10 +159,9 @@ TEST_F(damage, AListWithoutEndsIsNoEmptyRegion) {
     write.i32(area_offset::chunks_tail, -1);
     expect_unknown_region(machine);
     expect_all_calls_refused("tarvoctl: the area is broken: ");
-    const auto shown = tarvoctl(machine, {"show", "first"});
-    EXPECT_EQ(shown.status, 4);
-    EXPECT_EQ(shown.errors, "tarvoctl: no chunk called 'first' could be read, and " +
-                                std::string(lost_region) + "; see 'tarvoctl check'\n");
+    EXPECT_EQ(tarvoctl(machine, {"show", "first"}),
+              failed(4, "no chunk called 'first' could be read, and " + std::string(lost_region) +
+                            "; see 'tarvoctl check'"));
 }
 
 TEST_F(damage, ARegionThatEndsBelowItsStartIsNoRegion) {
@@ -190,18 +181,16 @@ TEST_F(damage, AnAddressOutsideTheRegionOfADamagedAreaIsNotTheCallersFault) {
 }
 
 TEST_F(damage, WhatCannotBeReadIsNotToldAsFreed) {
-    const temporary_folder folder;
-    const std::string before = folder.path() / "before";
-    EXPECT_EQ(tarvoctl(machine, {"snapshot", before}).status, 0);
+    const taken_snapshot before(machine);
     write.i32(area_offset::chunk(second) + area_offset::next, 99999);
-    const std::string why = "the list of chunks is damaged: it leads to element 99999, which does "
-                            "not exist";
-    const auto since = tarvoctl(machine, {"diff", before});
+    const std::string why =
+        "the list of chunks is damaged: it leads to element 99999, which does not exist";
+    const auto since = tarvoctl(machine, {"diff", before.path});
     EXPECT_EQ(since.status, 4);
     EXPECT_EQ(since.output, "");
     EXPECT_EQ(since.errors,
               "tarvoctl: " + why + "\ntarvoctl: the area is damaged; see 'tarvoctl check'\n");
-    const auto document = json_of(tarvoctl(machine, {"diff", before, "--json"}));
+    const auto document = json_of(tarvoctl(machine, {"diff", before.path, "--json"}));
     EXPECT_EQ(document.at("changes").size(), 0U);
     EXPECT_EQ(document.at("damage").at(0), why);
 }
@@ -215,7 +204,7 @@ class unknown_places : public damage {
     /// "first" reaches to the end of "second".
     void overlap() const { write.u32(area_offset::chunk(first) + area_offset::size, 0x2000); }
 
-    tool_outcome run(const std::vector<std::string>& words) { return tarvoctl(machine, words); }
+    tool_outcome run(const arguments& words) { return tarvoctl(machine, words); }
 };
 
 TEST_F(unknown_places, NoPlaceIsPromisedWhereNotAllChunksCouldBeRead) {
@@ -224,9 +213,9 @@ TEST_F(unknown_places, NoPlaceIsPromisedWhereNotAllChunksCouldBeRead) {
         write.i32(area_offset::chunk(first) + area_offset::next, next);
         const auto fit = run({"map", "--fit", "4K"});
         EXPECT_EQ(fit.status, 4);
-        EXPECT_EQ(fit.output, "4 KiB: where it would go is unknown, because not all "
-                              "chunks could be read\n");
-        EXPECT_TRUE(fit.errors.ends_with("see 'tarvoctl check'\n")) << fit.errors;
+        EXPECT_EQ(fit.output,
+                  "4 KiB: where it would go is unknown, because not all chunks could be read\n");
+        EXPECT_TRUE(ends_with(fit.errors, "see 'tarvoctl check'\n"));
         const auto document = json_of(run({"map", "--fit", "4K", "--json"}));
         EXPECT_EQ(document.at("fit").at("damage"), "not all chunks could be read");
         EXPECT_EQ(document.at("fit").at("place"), nullptr);
@@ -246,11 +235,10 @@ TEST_F(unknown_places, NoPlaceIsPromisedWhereAChunkDoesNotFillItsPages) {
         EXPECT_EQ(fit.output, "4 KiB: where it would go is unknown, because " + why + "\n");
         const auto map = run({"map"});
         EXPECT_EQ(map.status, 4);
-        EXPECT_EQ(map.output.find("(free)"), std::string::npos) << map.output;
-        EXPECT_TRUE(map.errors.starts_with("tarvoctl: " + why + "\n")) << map.errors;
+        EXPECT_FALSE(contains(map.output, "(free)"));
+        EXPECT_TRUE(starts_with(map.errors, "tarvoctl: " + why + "\n"));
         EXPECT_EQ(json_of(run({"map", "--json"})).at("free_bytes"), nullptr);
-        const auto found = run({"find", "0x80001fff"});
-        EXPECT_EQ(found.status, 4) << found.output;
+        EXPECT_TRUE(ended(run({"find", "0x80001fff"}), 4));
     }
 }
 
@@ -262,11 +250,11 @@ TEST_F(unknown_places, UsedMemoryIsNotDrawnAsFree) {
     ASSERT_EQ(lines.size(), 15U) << map.output;
     EXPECT_EQ(lines[0], "0x0080000000 |A" + std::string(63, '?') + "|");
     EXPECT_EQ(lines[7], "0x008e000000 |" + std::string(64, '?') + "|");
-    EXPECT_TRUE(lines[9].ends_with(", ? unknown")) << lines[9];
+    EXPECT_TRUE(ends_with(lines[9], ", ? unknown"));
     EXPECT_EQ(lines[10], "how much of 256 MiB is free is unknown; 1 chunk could be read");
     EXPECT_EQ(lines[13], "A    0x0080000000       4 KiB  first");
     EXPECT_EQ(lines[14], "     0x0080001000  262140 KiB  unknown");
-    EXPECT_NE(run({"top"}).output.find("\nfree    unknown\n"), std::string::npos);
+    EXPECT_TRUE(contains(run({"top"}).output, "\nfree    unknown\n"));
 }
 
 TEST_F(unknown_places, AnAddressIsInNoChunkThatCouldBeRead) {
@@ -275,7 +263,7 @@ TEST_F(unknown_places, AnAddressIsInNoChunkThatCouldBeRead) {
     EXPECT_EQ(found.status, 4);
     EXPECT_EQ(found.output, "DMA 0x80001000 is in no chunk that could be read\n");
     const auto shown = run({"show", "first"});
-    EXPECT_NE(shown.output.find("\nabove      unknown\n"), std::string::npos) << shown.output;
+    EXPECT_TRUE(contains(shown.output, "\nabove      unknown\n"));
     const auto chunk = json_of(run({"show", "first", "--json"})).at("chunks").at(0);
     EXPECT_EQ(chunk.at("above").at("gap_bytes"), nullptr);
 }
@@ -289,12 +277,12 @@ TEST_F(unknown_places, OverlapsAreMarked) {
     const auto lines = lines_of(map.output);
     ASSERT_EQ(lines.size(), 11U) << map.output;
     EXPECT_EQ(lines[0].substr(14, 4), "A!B.");
-    EXPECT_TRUE(lines[3].ends_with(", ! in several chunks")) << lines[3];
+    EXPECT_TRUE(ends_with(lines[3], ", ! in several chunks"));
     EXPECT_EQ(lines[8], "     0x0080001000       4 KiB  OVERLAP of first and second");
     const auto overlaps = json_of(run({"map", "--json"})).at("overlaps");
     ASSERT_EQ(overlaps.size(), 1U);
     EXPECT_EQ(overlaps[0].at("chunks"), (std::vector<std::string>{"first", "second"}));
-    EXPECT_NE(run({"show", "second"}).output.find("OVERLAPS   first, "), std::string::npos);
+    EXPECT_TRUE(contains(run({"show", "second"}).output, "OVERLAPS   first, "));
     EXPECT_EQ(run({"map", "--fit", "4K"}).status, 4);
 }
 
@@ -332,17 +320,17 @@ TEST(overlap_under_cma, IsMarkedAndNoDamage) {
                       area.view().chunk(first).pa + 0x1000);
     const auto map = tarvoctl(machine, {"map"});
     EXPECT_EQ(map.status, 0) << map.errors;
-    EXPECT_NE(map.output.find("OVERLAP of first and second"), std::string::npos) << map.output;
+    EXPECT_TRUE(contains(map.output, "OVERLAP of first and second"));
 }
 
 TEST(unbuilt, AnAreaWithoutChunksIsBuiltByTheFirstCall) {
     sandbox machine(low);
     machine.start().limits();
     machine.writable_area().writer().u8(area_offset::initialized, 0);
-    const auto listed = tarvoctl(machine, {"list"});
-    EXPECT_EQ(listed.status, 3);
-    EXPECT_EQ(listed.errors, "tarvoctl: /var/shmem/tarvo_lib is not built yet: no program has "
-                             "started the library on it\n");
+    EXPECT_EQ(
+        tarvoctl(machine, {"list"}),
+        failed(3,
+               "/var/shmem/tarvo_lib is not built yet: no program has started the library on it"));
     EXPECT_EQ(tarvoctl(machine, {"alloc", "a", "4K"}).status, 0);
 }
 

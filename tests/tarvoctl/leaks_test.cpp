@@ -21,8 +21,7 @@ using names = std::vector<std::string>;
 
 TEST(leaks, SuspectsChunksWithNeitherMappingNorCreator) {
     sandbox machine(high);
-    client driver = machine.start();
-    driver.alloc("kept", pages(1), "gone_agent");
+    client driver = machine.start({"alloc kept 1 gone_agent"});
     driver.alloc("dropped", pages(2), "gone_agent");
     driver.alloc("own", pages(1), "tarvo-client");
     driver.map("kept");
@@ -53,10 +52,10 @@ TEST(leaks, ListsTheLargestAndCountsAll) {
                              [](const auto& line) { return line.starts_with("chunk_"); });
     };
     EXPECT_EQ(listed(lines), 20);
-    EXPECT_TRUE(contains(some.output, "chunk_99  8 KiB")) << some.output;
-    EXPECT_TRUE(contains(some.output, "\nThe 20 largest of 100 suspects; 'tarvoctl leaks --all' "
-                                      "lists all\n"));
-    EXPECT_TRUE(lines.back().starts_with("100 suspects, 404 KiB in all; nothing was freed."));
+    EXPECT_TRUE(contains(some.output, "chunk_99  8 KiB"));
+    EXPECT_TRUE(contains(some.output,
+                         "\nThe 20 largest of 100 suspects; 'tarvoctl leaks --all' lists all\n"));
+    EXPECT_TRUE(starts_with(lines.back(), "100 suspects, 404 KiB in all; nothing was freed."));
     EXPECT_EQ(listed(lines_of(tarvoctl(machine, {"leaks", "--all"}).output)), 100);
     EXPECT_EQ(suspects_of(machine).size(), 100U);
 }
@@ -72,14 +71,11 @@ TEST(leaks, KnowsTheCreatorByItsPathAndItsFirstWord) {
 
 TEST(leaks, SpeaksAgainstItWhereADeviceMayUseTheChunk) {
     sandbox machine(low);
-    client driver = machine.start();
-    driver.alloc("rx_ring", pages(1), "gone_agent");
-    driver.register_device(0, 3, 0);
+    const client driver = machine.start({"alloc rx_ring 1 gone_agent", "register 0 3 0"});
     const auto outcome = tarvoctl(machine, {"leaks"});
     EXPECT_EQ(outcome.status, 1);
     EXPECT_TRUE(
-        contains(outcome.output, "  against  mapped for 0000:03:00.0, which may be using it\n"))
-        << outcome.output;
+        contains(outcome.output, "  against  mapped for 0000:03:00.0, which may be using it\n"));
     EXPECT_FALSE(contains(outcome.output, "mapped for no device"));
 }
 
@@ -93,9 +89,7 @@ TEST(leaks, SpeaksAgainstItWhereTheCreatorIsNoProgramsName) {
 
 TEST(leaks, SpeaksAgainstItWhereSomebodyMapsTheWholeRegion) {
     sandbox machine(high);
-    client driver = machine.start();
-    driver.alloc("rx_ring", pages(1), "gone_agent");
-    driver.call("map_all");
+    client driver = machine.start({"alloc rx_ring 1 gone_agent", "map_all"});
     EXPECT_TRUE(contains(tarvoctl(machine, {"leaks"}).output,
                          "  against  seen through a mapping of the whole region by " +
                              std::to_string(driver.pid()) + " (tarvo-client)\n"));
@@ -103,9 +97,7 @@ TEST(leaks, SpeaksAgainstItWhereSomebodyMapsTheWholeRegion) {
 
 TEST(leaks, EndsWellWhenThereIsNoSuspect) {
     sandbox machine(simulation);
-    client driver = machine.start();
-    driver.alloc("rx_ring", pages(1), "gone_agent");
-    driver.map("rx_ring");
+    const client driver = machine.start({"alloc rx_ring 1 gone_agent", "map rx_ring 1 0 0"});
     const auto outcome = tarvoctl(machine, {"leaks"});
     EXPECT_EQ(outcome.status, 0);
     EXPECT_EQ(outcome.output,
@@ -116,21 +108,15 @@ TEST(leaks, EndsWellWhenThereIsNoSuspect) {
 
 TEST(leaks, SaysThatItsReasonsAreOnlyWhatCanBeSeen) {
     sandbox machine(simulation);
-    client driver = machine.start();
-    driver.alloc("rx_ring", pages(1), "gone_agent");
-    driver.map("rx_ring");
+    const client driver = machine.start({"alloc rx_ring 1 gone_agent", "map rx_ring 1 0 0"});
     const auto outcome = tarvoctl_of_stranger(machine, {"leaks"});
-    EXPECT_TRUE(contains(outcome.output, "  for      no process that can be seen has it mapped\n"))
-        << outcome.output;
-    EXPECT_TRUE(contains(outcome.output, "no program that can be seen called 'gone_agent' runs\n"))
-        << outcome.output;
+    EXPECT_TRUE(contains(outcome.output, "  for      no process that can be seen has it mapped\n"));
+    EXPECT_TRUE(contains(outcome.output, "no program that can be seen called 'gone_agent' runs\n"));
 }
 
 TEST(leaks, SuspectsNothingOfARemovedMemoryThatIsMapped) {
     sandbox machine(simulation);
-    client driver = machine.start();
-    driver.alloc("rx_ring", pages(1), "gone_agent");
-    driver.map("rx_ring");
+    const client driver = machine.start({"alloc rx_ring 1 gone_agent", "map rx_ring 1 0 0"});
     std::filesystem::remove(machine.memory_file());
     EXPECT_EQ(suspects_of(machine), names{});
 }
@@ -139,9 +125,7 @@ TEST(leaks, SuspectsWhatAProcessThatDiedHadMapped) {
     sandbox machine(low);
     client driver = machine.start();
     {
-        client agent = machine.start();
-        agent.alloc("rx_ring", pages(1), "gone_agent");
-        agent.map("rx_ring");
+        client agent = machine.start({"alloc rx_ring 1 gone_agent", "map rx_ring 1 0 0"});
         EXPECT_EQ(suspects_of(machine), names{});
         agent.kill(SIGKILL);
     }

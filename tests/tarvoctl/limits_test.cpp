@@ -16,22 +16,21 @@ const std::string refused = "refused";
 const std::string accepted = "accepted";
 
 answers python_of(sandbox& machine, const std::string& reading, const answers& texts) {
-    answers words{"env",
-                  "PYTHONPATH=" TARVO_PYTHON_PATH,
-                  "PYTHONDONTWRITEBYTECODE=1",
-                  TARVO_PYTHON,
-                  "-c",
-                  "import sys\n"
-                  "from tarvo import BadArgument, Device, _checks\n"
-                  "for text in sys.argv[1:]:\n"
-                  "    try:\n"
-                  "        print(" +
-                      reading +
-                      ")\n"
-                      "    except BadArgument:\n"
-                      "        print('refused')\n"};
-    words.insert(words.end(), texts.begin(), texts.end());
-    const auto outcome = run_program(machine, words);
+    const answers python{"env",
+                         "PYTHONPATH=" TARVO_PYTHON_PATH,
+                         "PYTHONDONTWRITEBYTECODE=1",
+                         TARVO_PYTHON,
+                         "-c",
+                         "import sys\n"
+                         "from tarvo import BadArgument, Device, _checks\n"
+                         "for text in sys.argv[1:]:\n"
+                         "    try:\n"
+                         "        print(" +
+                             reading +
+                             ")\n"
+                             "    except BadArgument:\n"
+                             "        print('refused')\n"};
+    const auto outcome = run_program(machine, python + texts);
     EXPECT_EQ(outcome.errors, "");
     return lines_of(outcome.output);
 }

@@ -10,28 +10,20 @@ namespace {
 
 TEST(list, ShowsEachChunkWithWhereItLiesAndWhoSeesIt) {
     sandbox machine(high);
-    client driver = machine.start();
-    driver.alloc("rx_ring", 0x10000, "driver_a");
-    driver.register_device(0, 3, 0);
-    driver.alloc("tx_ring", 0x1000, "driver_b");
-    const auto outcome = tarvoctl(machine, {"list"});
-    EXPECT_EQ(outcome.status, 0);
-    EXPECT_EQ(outcome.output,
-              "INDEX  NAME     DMA                    PHYSICAL                     SIZE  CREATOR   "
-              "DEVICES\n"
-              "    2  rx_ring  0x20000000-0x2000ffff  0x0200000000-0x020000ffff  64 KiB  driver_a  "
-              "0000:03:00.0\n"
-              "    3  tx_ring  0x20010000-0x20010fff  0x0200010000-0x0200010fff   4 KiB  driver_b  "
-              "0000:03:00.0\n");
-    EXPECT_EQ(outcome.errors, "");
+    const client driver = machine.start(
+        {"alloc rx_ring 0x10000 driver_a", "register 0 3 0", "alloc tx_ring 1 driver_b"});
+    EXPECT_EQ(tarvoctl(machine, {"list"}),
+              printed("INDEX  NAME     DMA                    PHYSICAL                     SIZE  "
+                      "CREATOR   DEVICES\n"
+                      "    2  rx_ring  0x20000000-0x2000ffff  0x0200000000-0x020000ffff  64 KiB  "
+                      "driver_a  0000:03:00.0\n"
+                      "    3  tx_ring  0x20010000-0x20010fff  0x0200010000-0x0200010fff   4 KiB  "
+                      "driver_b  0000:03:00.0\n"));
 }
 
 TEST(list, SortsAndChoosesColumns) {
     sandbox machine(low);
-    client driver = machine.start();
-    driver.alloc("b", 0x1000, "x");
-    driver.alloc("c", 0x200000, "y");
-    driver.alloc("a", 0x18000, "z");
+    const client driver = machine.start({"alloc b 1 x", "alloc c 0x200000 y", "alloc a 0x18000 z"});
     EXPECT_EQ(tarvoctl(machine, {"list", "-o", "name,size", "--sort", "name"}).output,
               "NAME    SIZE\na     96 KiB\nb      4 KiB\nc      2 MiB\n");
     EXPECT_EQ(tarvoctl(machine, {"list", "-o", "name,size", "--bytes", "--no-header"}).output,
@@ -43,10 +35,8 @@ TEST(list, SortsAndChoosesColumns) {
 
 TEST(list, PrintsNamesWithoutMarksAndTellsOfThoseThatAreShared) {
     sandbox machine(low);
-    client driver = machine.start();
-    driver.alloc("stats", 0x1000);
-    driver.alloc("stats", 0x2000);
-    driver.alloc("other", 0x1000);
+    const client driver =
+        machine.start({"alloc stats 1 test", "alloc stats 0x2000 test", "alloc other 1 test"});
     const auto outcome = tarvoctl(machine, {"list", "-o", "name", "--no-header"});
     EXPECT_EQ(outcome.output, "stats\nstats\nother\n");
     EXPECT_EQ(outcome.errors,
@@ -82,36 +72,27 @@ TEST(list, GivesNumbersAndHexadecimalTextAsJson) {
 
 TEST(list, MakesNoFileWhereThereIsNoArea) {
     sandbox machine(simulation);
-    const auto outcome = tarvoctl(machine, {"list"});
-    EXPECT_EQ(outcome.status, 3);
-    EXPECT_EQ(outcome.output, "");
-    EXPECT_EQ(outcome.errors,
-              "tarvoctl: there is no area: looked for /var/tmp/tarvo_lib, because SIMULATION_VMID "
-              "is set. The first program that uses the library makes it; see 'tarvoctl "
-              "doctor'\n");
-    EXPECT_FALSE(exists(machine.shared_area()));
-    EXPECT_FALSE(exists(machine.lock_file()));
-    EXPECT_FALSE(exists(machine.memory_file()));
+    EXPECT_EQ(
+        tarvoctl(machine, {"list"}),
+        failed(3, "there is no area: looked for /var/tmp/tarvo_lib, because SIMULATION_VMID is "
+                  "set. The first program that uses the library makes it; see 'tarvoctl doctor'"));
+    EXPECT_EQ(files_of(machine), std::vector<std::string>{});
 }
 
 TEST(list, GivesUpAfterTheTimeoutWhileSomebodyHoldsTheLock) {
     sandbox machine(simulation);
     machine.start().alloc("rx_ring", 0x1000);
     const held_lock held(machine.lock_file());
-    const auto outcome = tarvoctl(machine, {"list", "--timeout", "0.1"});
-    EXPECT_EQ(outcome.status, 5);
     EXPECT_EQ(
-        outcome.errors,
-        "tarvoctl: the lock /var/tmp/tarvo_lock was not free within 0.1 s: " + this_process() +
-            " holds it; 'tarvoctl lock' shows more, --timeout waits longer, --no-lock reads "
-            "without it\n");
+        tarvoctl(machine, {"list", "--timeout", "0.1"}),
+        failed(5, "the lock /var/tmp/tarvo_lock was not free within 0.1 s: " + this_process() +
+                      " holds it; 'tarvoctl lock' shows more, --timeout waits longer, --no-lock "
+                      "reads without it"));
 }
 
 TEST(list, ShowsWhatCanBeReadOfADamagedListAndSaysSo) {
     sandbox machine(low);
-    client driver = machine.start();
-    driver.alloc("first", 0x1000);
-    driver.alloc("second", 0x1000);
+    const client driver = machine.start({"alloc first 1 test", "alloc second 1 test"});
     machine.writable_area().writer().i32(area_offset::chunk(2) + area_offset::next, 2);
     const auto outcome = tarvoctl(machine, {"list", "-o", "name", "--no-header"});
     EXPECT_EQ(outcome.status, 4);
@@ -125,12 +106,11 @@ TEST(list, AndTheOtherLookersSayThatAnAreaIsLeftOverFromAnotherRegion) {
     sandbox machine(low);
     machine.start({"alloc a 4096 me"}).finish();
     machine.writable_area().writer().u64(area_offset::chunk(0) + area_offset::pa, 0x70000000);
-    const std::string remark =
-        "tarvoctl: /var/shmem/tarvo_lib is left over from another region, "
-        "0x0070000000-0x008fffffff; "
-        "this machine's is 0x0080000000-0x008fffffff; 'tarvoctl doctor' shows what helps\n";
-    for (const std::vector<std::string>& words :
-         std::vector<std::vector<std::string>>{{"list"}, {"show", "a"}, {"map"}, {"limits"}}) {
+    const std::string remark = "tarvoctl: /var/shmem/tarvo_lib is left over from another region, "
+                               "0x0070000000-0x008fffffff; this machine's is "
+                               "0x0080000000-0x008fffffff; 'tarvoctl doctor' shows what helps\n";
+    for (const arguments& words :
+         std::vector<arguments>{{"list"}, {"show", "a"}, {"map"}, {"limits"}}) {
         const auto outcome = tarvoctl(machine, words);
         EXPECT_EQ(outcome.status, 0) << words.front();
         EXPECT_EQ(own_errors(outcome), remark) << words.front();
@@ -144,26 +124,24 @@ TEST(list, AndTheOtherLookersSayThatAnAreaIsLeftOverFromAnotherRegion) {
 TEST(list, OfADamagedCopySendsToTheCheckOfThatCopy) {
     sandbox machine(low);
     machine.start({"alloc a 4096 me", "alloc b 4096 me"}).finish();
-    const temporary_folder folder;
-    const std::string sound = folder.path() / "sound";
-    ASSERT_EQ(tarvoctl(machine, {"snapshot", sound}).status, 0);
+    const taken_snapshot sound(machine);
     machine.writable_area().writer().i32(area_offset::chunk(2) + area_offset::next, 2);
-    const std::string plain = folder.path() / "copy";
-    const std::string spaced = folder.path() / "a $copy";
-    ASSERT_EQ(tarvoctl(machine, {"snapshot", plain}).status, 0);
+    const taken_snapshot damaged(machine);
+    const std::string spaced = damaged.folder.path() / "a $copy";
     ASSERT_EQ(tarvoctl(machine, {"snapshot", spaced}).status, 0);
-    const std::string why = "tarvoctl: the list of chunks is damaged: it leads back to element 2\n";
-    const std::string quoted = '"' + (folder.path() / "a \\$copy").string() + '"';
-    EXPECT_EQ(tarvoctl(machine, {"list", "--area", plain}).errors,
-              why + "tarvoctl: " + plain + " is damaged; see 'tarvoctl check " + plain + "'\n");
-    EXPECT_EQ(tarvoctl(machine, {"list", "--area", spaced}).errors,
-              why + "tarvoctl: " + spaced + " is damaged; see 'tarvoctl check " + quoted + "'\n");
-    EXPECT_NE(tarvoctl(machine, {"check", spaced}).output.find("'tarvoctl repair " + quoted + "'"),
-              std::string::npos);
-    EXPECT_EQ(tarvoctl(machine, {"diff", sound, plain}).errors,
-              why + "tarvoctl: " + plain + " is damaged; see 'tarvoctl check " + plain + "'\n");
-    EXPECT_EQ(tarvoctl(machine, {"diff", plain, sound}).errors,
-              why + "tarvoctl: " + plain + " is damaged; see 'tarvoctl check " + plain + "'\n");
+    const std::string list =
+        "tarvoctl: the list of chunks is damaged: it leads back to element 2\n";
+    const auto about = [](const std::string& copy, const std::string& word) {
+        return "tarvoctl: " + copy + " is damaged; see 'tarvoctl check " + word + "'\n";
+    };
+    const std::string quoted = '"' + (damaged.folder.path() / "a \\$copy").string() + '"';
+    const std::string why = list + about(damaged.path, damaged.path);
+    EXPECT_EQ(tarvoctl(machine, {"list", "--area", damaged.path}).errors, why);
+    EXPECT_EQ(tarvoctl(machine, {"list", "--area", spaced}).errors, list + about(spaced, quoted));
+    EXPECT_TRUE(
+        contains(tarvoctl(machine, {"check", spaced}).output, "'tarvoctl repair " + quoted + "'"));
+    EXPECT_EQ(tarvoctl(machine, {"diff", sound.path, damaged.path}).errors, why);
+    EXPECT_EQ(tarvoctl(machine, {"diff", damaged.path, sound.path}).errors, why);
 }
 
 TEST(list, NamesFourDevicesOfAChunkAndCountsTheOthers) {
@@ -180,8 +158,7 @@ TEST(list, NamesFourDevicesOfAChunkAndCountsTheOthers) {
         return tarvoctl(machine, {"list", "-o", "devices", "--no-header"}).output;
     };
     EXPECT_EQ(list(), four + " and 1 more\n");
-    EXPECT_NE(tarvoctl(machine, {"show", "many"}).output.find(four + " and 1 more\n"),
-              std::string::npos);
+    EXPECT_TRUE(contains(tarvoctl(machine, {"show", "many"}).output, four + " and 1 more\n"));
     const auto document = json_of(tarvoctl(machine, {"list", "--json"}));
     EXPECT_EQ(document.at("chunks").at(0).at("devices").size(), 5);
     driver.unregister_device(0, 5, 0);
@@ -191,22 +168,17 @@ TEST(list, NamesFourDevicesOfAChunkAndCountsTheOthers) {
 TEST(list, WrongWordsAreUsageErrorsThatNameThem) {
     sandbox machine(low);
     machine.start().alloc("first", 0x1000);
-    const auto column = tarvoctl(machine, {"list", "-o", "nmae"});
-    EXPECT_EQ(column.status, 2);
-    EXPECT_EQ(column.errors,
-              "tarvoctl: -o: unknown column 'nmae'; choose from index, name, dma, pa, "
-              "size, creator and devices\n");
+    EXPECT_EQ(tarvoctl(machine, {"list", "-o", "nmae"}),
+              failed(2, "-o: unknown column 'nmae'; choose from index, name, dma, pa, size, "
+                        "creator and devices"));
     EXPECT_EQ(tarvoctl(machine, {"list", "--timeout", "-1"}).status, 2);
     EXPECT_EQ(tarvoctl(machine, {"lst"}).status, 2);
 }
 
 TEST(devices, TellsWhoIsOnlineAndWhatEachSees) {
     sandbox machine(low, {"--rule", "op=map,device=0000:04:01.1,errno=ENODEV"});
-    client driver = machine.start();
-    driver.alloc("a", 0x1000);
-    driver.alloc("b", 0x1000);
-    driver.register_device(0, 3, 0);
-    driver.register_device(0, 4, 9);
+    const client driver =
+        machine.start({"alloc a 1 test", "alloc b 1 test", "register 0 3 0", "register 0 4 9"});
     EXPECT_EQ(tarvoctl(machine, {"devices"}).output, "INDEX  DEVICE        STATE    CHUNKS\n"
                                                      "    0  0000:03:00.0  online      2/2\n"
                                                      "    1  0000:04:01.1  offline     0/2\n");
@@ -218,16 +190,14 @@ TEST(devices, TellsWhoIsOnlineAndWhatEachSees) {
 
 TEST(devices, TellsOfReferencesToADeviceThatIsGone) {
     sandbox machine(low);
-    client driver = machine.start();
-    driver.register_device(0, 3, 0);
-    driver.alloc("a", 0x1000);
+    client driver = machine.start({"register 0 3 0", "alloc a 1 test"});
     machine.add_rules({"op=map,errno=ENODEV"});
     driver.alloc("b", 0x1000); // takes the device offline
     driver.unregister_device(0, 3, 0);
     EXPECT_EQ(tarvoctl(machine, {"devices"}).output,
               "INDEX  DEVICE  STATE  CHUNKS\n"
-              "device record 0 is not registered, yet 1 chunk refers to it, and the next device "
-              "in that record inherits it: a\n");
+              "device record 0 is not registered, yet 1 chunk refers to it, and the next device in "
+              "that record inherits it: a\n");
     EXPECT_EQ(tarvoctl(machine, {"list", "-o", "devices", "--no-header"}).output, "?0\n-\n");
 }
 
@@ -235,22 +205,21 @@ TEST(empty_words, DoNotPassForTheLiveArea) {
     sandbox machine(low);
     machine.start().alloc("precious", 0x1000);
     const auto before = machine.area().snapshot();
-    const std::vector<std::vector<std::string>> commands{{"list", "--area", ""},
-                                                         {"check", ""},
-                                                         {"repair", "-y", "--force", ""},
-                                                         {"diff", ""},
-                                                         {"diff", "one", ""},
-                                                         {"who", ""},
-                                                         {"map", "--fit", ""},
-                                                         {"map", "--svg", ""},
-                                                         {"repair", "--backup", ""},
-                                                         {"snapshot", ""},
-                                                         {"read", "precious", "--size", ""}};
+    const std::vector<arguments> commands{{"list", "--area", ""},
+                                          {"check", ""},
+                                          {"repair", "-y", "--force", ""},
+                                          {"diff", ""},
+                                          {"diff", "one", ""},
+                                          {"who", ""},
+                                          {"map", "--fit", ""},
+                                          {"map", "--svg", ""},
+                                          {"repair", "--backup", ""},
+                                          {"snapshot", ""},
+                                          {"read", "precious", "--size", ""}};
     for (const auto& words : commands) {
         const auto outcome = tarvoctl(machine, words);
         EXPECT_EQ(outcome.status, 2) << words[0];
-        EXPECT_NE(outcome.errors.find(" is empty; give a value"), std::string::npos)
-            << words[0] << ": " << outcome.errors;
+        EXPECT_TRUE(contains(outcome.errors, " is empty; give a value")) << words[0];
     }
     EXPECT_EQ(machine.area().snapshot(), before);
     EXPECT_EQ(tarvoctl(machine, {"list", "--area", ""}).errors,
@@ -282,8 +251,7 @@ TEST(list, ShowsNoByteThatATerminalObeys) {
 
 TEST(list, LinesUpNamesOfEveryWidth) {
     sandbox machine(simulation);
-    client driver = machine.start();
-    driver.alloc("nameless", 0x1000);
+    client driver = machine.start({"alloc nameless 1 test"});
     driver.alloc("\xe4\xb8\xad\xe6\x96\x87", 0x1000, "wide");
     driver.alloc("e\xcc\x81", 0x1000, "combined");
     driver.alloc("plain", 0x1000, "ascii");
@@ -293,18 +261,18 @@ TEST(list, LinesUpNamesOfEveryWidth) {
     write.text(area_offset::chunk(2) + area_offset::creator, "");
     const auto lines = lines_of(tarvoctl(machine, {"list"}).output);
     ASSERT_EQ(lines.size(), 5U);
-    EXPECT_TRUE(lines[1].starts_with("    2  \"\"     0x")) << lines[1];
-    EXPECT_TRUE(lines[1].find("4 KiB  \"\"  ") != std::string::npos) << lines[1];
-    EXPECT_TRUE(lines[2].starts_with("    3  \xe4\xb8\xad\xe6\x96\x87   0x")) << lines[2];
-    EXPECT_TRUE(lines[3].starts_with("    4  e\xcc\x81      0x")) << lines[3];
-    EXPECT_TRUE(lines[4].starts_with("    5  plain  0x")) << lines[4];
+    EXPECT_TRUE(starts_with(lines[1], "    2  \"\"     0x"));
+    EXPECT_TRUE(contains(lines[1], "4 KiB  \"\"  "));
+    EXPECT_TRUE(starts_with(lines[2], "    3  \xe4\xb8\xad\xe6\x96\x87   0x"));
+    EXPECT_TRUE(starts_with(lines[3], "    4  e\xcc\x81      0x"));
+    EXPECT_TRUE(starts_with(lines[4], "    5  plain  0x"));
     EXPECT_EQ(tarvoctl(machine, {"list", "-o", "name", "--no-header"}).output,
               "\n\xe4\xb8\xad\xe6\x96\x87\ne\xcc\x81\nplain\n")
         << "data";
     const auto document = json_of(tarvoctl(machine, {"list", "--json"}));
     EXPECT_EQ(document.at("chunks").at(0).at("name"), "");
     const std::string map = tarvoctl(machine, {"map"}).output;
-    EXPECT_NE(map.find("4 KiB  \"\"\n"), std::string::npos) << map;
+    EXPECT_TRUE(contains(map, "4 KiB  \"\"\n"));
 }
 
 TEST(list, KeepsNamesApartThatAreNoUtf8) {
@@ -342,11 +310,9 @@ class no_simulation : public testing::Test {
         driver.alloc("rx_ring", pages(1));
     }
 
-    std::string area_of(const std::vector<std::string>& program) {
-        std::vector<std::string> words{program};
-        words.insert(words.end(), {TARVOCTL, "doctor", "--json"});
-        const auto checks = json_of(run_program(machine, words)).at("checks");
-        return checks.at(0).at("text");
+    std::string area_of(const arguments& program) {
+        const arguments doctor{TARVOCTL, "doctor", "--json"};
+        return json_of(run_program(machine, program + doctor)).at("checks").at(0).at("text");
     }
 
     sandbox machine{low};

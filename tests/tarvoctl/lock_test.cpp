@@ -58,7 +58,7 @@ TEST_P(lock_in_world, ShowsTheHolderAndThoseWhoWaitInTheirOrder) {
     EXPECT_EQ(outcome.status, 1);
     const std::string heading = std::string(GetParam().lock_path()) + ": held by " +
                                 std::to_string(holder.pid()) + " (tarvo-client), 2 wait\n";
-    EXPECT_TRUE(outcome.output.starts_with(heading)) << outcome.output;
+    EXPECT_TRUE(starts_with(outcome.output, heading));
     EXPECT_TRUE(contains(outcome.output, "The kernel does not record since when"));
     const auto document = json_of(tarvoctl(machine, {"lock", "--json"}));
     EXPECT_EQ(parties_of(document),
@@ -78,16 +78,17 @@ TEST(lock, OfAStoppedProcessIsATroubleWithItsFix) {
     client holder = machine.start({"dump_begin"});
     ASSERT_EQ(::kill(holder.pid(), SIGSTOP), 0);
     tool_outcome outcome;
-    do { // the signal takes a moment
+    EXPECT_TRUE(eventually([&] { // the signal takes a moment
         outcome = tarvoctl(machine, {"lock"});
-    } while (!contains(outcome.output, "STOPPED"));
+        return contains(outcome.output, "STOPPED");
+    }));
     const std::string pid = std::to_string(holder.pid());
     EXPECT_EQ(outcome.status, 1);
-    EXPECT_TRUE(contains(outcome.output, "  ! " + pid +
-                                             " (tarvo-client) is stopped: nobody gets the lock "
-                                             "before it goes on (kill -CONT " +
-                                             pid + ") or ends (kill -KILL " + pid + ")\n"))
-        << outcome.output;
+    EXPECT_TRUE(contains(
+        outcome.output,
+        "  ! " + pid +
+            " (tarvo-client) is stopped: nobody gets the lock before it goes on (kill -CONT " +
+            pid + ") or ends (kill -KILL " + pid + ")\n"));
     ::kill(holder.pid(), SIGCONT);
 }
 
@@ -128,14 +129,12 @@ TEST(lock, OfAnOwnerThatEndedNamesTheChildThatKeepsIt) {
 
     const auto outcome = tarvoctl(machine, {"lock"});
     EXPECT_EQ(outcome.status, 1);
-    EXPECT_TRUE(outcome.output.starts_with("/var/tmp/tarvo_lock: held by " + *line + " (sleep)"))
-        << outcome.output;
+    EXPECT_TRUE(starts_with(outcome.output, "/var/tmp/tarvo_lock: held by " + *line + " (sleep)"));
     EXPECT_TRUE(contains(outcome.output, "took the lock and ended without giving it back; " +
                                              *line +
                                              " (sleep) has inherited its open lock file by fork, "
                                              "and nobody gets the lock before that ends (kill " +
-                                             *line + ")\n"))
-        << outcome.output;
+                                             *line + ")\n"));
     EXPECT_EQ(parties_of(json_of(tarvoctl(machine, {"lock", "--json"}))),
               (std::vector<std::string>{party("keeps", child)}));
 }
@@ -158,8 +157,7 @@ TEST(lock, FileThatWasRemovedUnderAProcessIsATrouble) {
     const auto outcome = tarvoctl(machine, {"lock"});
     EXPECT_EQ(outcome.status, 0);
     EXPECT_TRUE(contains(outcome.output, "  ! " + std::to_string(user.pid()) +
-                                             " (tarvo-client) uses a lock file that was removed"))
-        << outcome.output;
+                                             " (tarvo-client) uses a lock file that was removed"));
 }
 
 } // namespace

@@ -10,11 +10,8 @@ namespace {
 
 /// 64K at the region's start, a gap of 64K, 128M, and the rest of the 256M is free.
 void fill(sandbox& machine) {
-    client driver = machine.start();
-    driver.alloc("first", 0x10000);
-    driver.alloc("hole", 0x10000);
-    driver.alloc("large", 0x8000000);
-    driver.free("hole");
+    const client driver = machine.start({"alloc first 0x10000 test", "alloc hole 0x10000 test",
+                                         "alloc large 0x8000000 test", "free hole"});
 }
 
 TEST(map, DrawsChunksAndGapsToScaleAndSumsThemUp) {
@@ -29,10 +26,10 @@ TEST(map, DrawsChunksAndGapsToScaleAndSumsThemUp) {
     EXPECT_EQ(lines[1], "0x0081000000 |" + full + "|");
     EXPECT_EQ(lines[7], "0x0087000000 |" + full + "|");
     EXPECT_EQ(lines[8], "0x0088000000 |+" + std::string(63, '.') + "|");
-    EXPECT_EQ(lines[9], "0x0089000000 |..................... 112 MiB free, folded "
-                        ".....................|");
-    EXPECT_EQ(lines[12], "131008 KiB of 262144 KiB free in 2 gaps, the largest 130944 KiB; "
-                         "2 chunks; fragmentation 0 %");
+    EXPECT_EQ(lines[9],
+              "0x0089000000 |..................... 112 MiB free, folded .....................|");
+    EXPECT_EQ(lines[12], "131008 KiB of 262144 KiB free in 2 gaps, the largest 130944 KiB; 2 "
+                         "chunks; fragmentation 0 %");
     EXPECT_EQ(lines[14], "KEY  PHYSICAL            SIZE  WHAT");
     EXPECT_EQ(lines[15], "     0x0080000000      64 KiB  first");
     EXPECT_EQ(lines[16], "     0x0080010000      64 KiB  (free)");
@@ -58,12 +55,11 @@ TEST(map, FitIsWhereTheLibraryPutsTheNextChunk) {
 TEST(map, FitTellsHowMuchIsMissing) {
     sandbox machine(low);
     fill(machine);
-    const auto outcome = tarvoctl(machine, {"map", "--fit", "200M"});
-    EXPECT_EQ(outcome.status, 1);
-    EXPECT_EQ(
-        outcome.output,
-        "does not fit: it takes 204800 KiB, the largest gap has 130944 KiB, all gaps together "
-        "131008 KiB\n");
+    EXPECT_EQ(tarvoctl(machine, {"map", "--fit", "200M"}),
+              (tool_outcome{1,
+                            "does not fit: it takes 204800 KiB, the largest gap has 130944 KiB, "
+                            "all gaps together 131008 KiB\n",
+                            ""}));
     EXPECT_EQ(machine.start().alloc("probe", 209715200), 0U);
 }
 
@@ -88,29 +84,27 @@ TEST(map, FitKnowsWhatElseAllocRefuses) {
 TEST(map, FitRefusesASizeThatNoDeviceCanSee) {
     sandbox machine(low);
     machine.start().alloc("any", 0x1000);
-    const auto fit = tarvoctl(machine, {"map", "--fit", "0x80000001"});
-    EXPECT_EQ(fit.status, 2);
-    EXPECT_EQ(fit.errors, "tarvoctl: --fit '0x80000001' is 2147483649 bytes; a chunk has 1 to "
-                          "2147483648 bytes\n");
+    EXPECT_EQ(
+        tarvoctl(machine, {"map", "--fit", "0x80000001"}),
+        failed(2, "--fit '0x80000001' is 2147483649 bytes; a chunk has 1 to 2147483648 bytes"));
 }
 
 TEST(map, OfACopyItHasToBeSaidThatTheDriverChooses) {
     sandbox machine(cma);
     machine.start().alloc("first", 0x1000);
-    const temporary_folder folder;
-    const std::string copy = folder.path() / "copy";
-    EXPECT_EQ(tarvoctl(machine, {"snapshot", copy}).status, 0);
-    EXPECT_EQ(tarvoctl(machine, {"map", "--fit", "4K", "--area", copy}).status, 0);
-    EXPECT_EQ(tarvoctl(machine, {"map", "--fit", "4K", "--area", copy, "--cma"}).status, 1);
+    const taken_snapshot copy(machine);
+    EXPECT_EQ(tarvoctl(machine, {"map", "--fit", "4K", "--area", copy.path}).status, 0);
+    EXPECT_EQ(tarvoctl(machine, {"map", "--fit", "4K", "--area", copy.path, "--cma"}).status, 1);
 }
 
 TEST(map, FitSaysThatTheDriverChoosesInACmaRegion) {
     sandbox machine(cma);
     machine.start().alloc("first", 0x1000);
-    const auto outcome = tarvoctl(machine, {"map", "--fit", "4096"});
-    EXPECT_EQ(outcome.status, 1);
-    EXPECT_EQ(outcome.output, "4 KiB: the kernel driver chooses the place in a CMA region; "
-                              "only it knows whether there is one\n");
+    EXPECT_EQ(tarvoctl(machine, {"map", "--fit", "4096"}),
+              (tool_outcome{1,
+                            "4 KiB: the kernel driver chooses the place in a CMA region; only it "
+                            "knows whether there is one\n",
+                            ""}));
 }
 
 TEST(map, RefusesSizesThatNoChunkHas) {
@@ -119,7 +113,7 @@ TEST(map, RefusesSizesThatNoChunkHas) {
     for (const char* size : {"0", "5G", "much", "12X", "-1", "0x", ""}) {
         const auto outcome = tarvoctl(machine, {"map", std::string("--fit=") + size});
         EXPECT_EQ(outcome.status, 2) << size;
-        EXPECT_NE(outcome.errors.find("--fit"), std::string::npos) << outcome.errors;
+        EXPECT_TRUE(contains(outcome.errors, "--fit"));
     }
 }
 
@@ -128,14 +122,11 @@ TEST(map, WritesThePictureToStandardOutputForAPipe) {
     machine.start().alloc("rx_ring", 0x1000);
     const auto outcome = tarvoctl(machine, {"map", "--svg", "-"});
     EXPECT_EQ(outcome.status, 0);
-    EXPECT_TRUE(outcome.output.starts_with("<svg")) << outcome.output;
-    EXPECT_TRUE(outcome.output.ends_with("</svg>\n"));
+    EXPECT_TRUE(starts_with(outcome.output, "<svg"));
+    EXPECT_TRUE(ends_with(outcome.output, "</svg>\n"));
     EXPECT_FALSE(std::filesystem::exists("-"));
-    for (const std::vector<std::string>& other :
-         {std::vector<std::string>{"--json"}, {"--fit", "4K"}}) {
-        std::vector<std::string> words{"map", "--svg", "-"};
-        words.insert(words.end(), other.begin(), other.end());
-        const auto refused = tarvoctl(machine, words);
+    for (const arguments& other : {arguments{"--json"}, {"--fit", "4K"}}) {
+        const auto refused = tarvoctl(machine, arguments{"map", "--svg", "-"} + other);
         EXPECT_EQ(refused.status, 2);
         EXPECT_EQ(refused.errors,
                   "tarvoctl: standard output takes the SVG of --svg - or the output of " +
@@ -151,14 +142,11 @@ TEST(map, WritesThePictureAsSvg) {
     EXPECT_EQ(tarvoctl(machine, {"map", "--svg", file}).status, 0);
     const std::string text = file_text(file);
     EXPECT_EQ(text.substr(0, 4), "<svg");
-    EXPECT_NE(
-        text.find(
-            "<title>large: physical 0x0080020000-0x008801ffff, 128 MiB (134217728 bytes)</title>"),
-        std::string::npos);
-    const auto refused = tarvoctl(machine, {"map", "--svg", "/nowhere/map.svg"});
-    EXPECT_EQ(refused.status, 3);
-    EXPECT_EQ(refused.errors,
-              "tarvoctl: cannot write /nowhere/map.svg: No such file or directory\n");
+    EXPECT_TRUE(contains(
+        text,
+        "<title>large: physical 0x0080020000-0x008801ffff, 128 MiB (134217728 bytes)</title>"));
+    EXPECT_EQ(tarvoctl(machine, {"map", "--svg", "/nowhere/map.svg"}),
+              failed(3, "cannot write /nowhere/map.svg: No such file or directory"));
 }
 
 TEST(map, ReplacesNoFileUnaskedAndNeverOneOfTheLibrary) {
@@ -167,10 +155,9 @@ TEST(map, ReplacesNoFileUnaskedAndNeverOneOfTheLibrary) {
     const temporary_folder folder;
     const std::string file = folder.path() / "map.svg";
     std::ofstream(file) << "precious";
-    const auto refused = tarvoctl(machine, {"map", "--svg", file});
-    EXPECT_EQ(refused.status, 2);
-    EXPECT_EQ(refused.errors, "tarvoctl: cannot write " + file +
-                                  ": File exists; name another file, or --force replaces it\n");
+    EXPECT_EQ(tarvoctl(machine, {"map", "--svg", file}),
+              failed(2, "cannot write " + file +
+                            ": File exists; name another file, or --force replaces it"));
     EXPECT_EQ(file_text(file), "precious");
     EXPECT_EQ(tarvoctl(machine, {"map", "--svg", file, "--force"}).status, 0);
     EXPECT_EQ(file_text(file).substr(0, 4), "<svg");

@@ -27,9 +27,8 @@ const std::vector<words> looking_commands{{"list"},
                                           {"check"},
                                           {"snapshot", "@new"}};
 
-constexpr const char* half_changed =
-    "tarvoctl: the area changed during every reading without its lock: what is printed may be half "
-    "changed\n";
+constexpr const char* half_changed = "tarvoctl: the area changed during every reading without its "
+                                     "lock: what is printed may be half changed\n";
 
 class no_lock : public ::testing::Test {
   protected:
@@ -57,15 +56,11 @@ class no_lock : public ::testing::Test {
 TEST_F(no_lock, CommandsThatLookNameTheHolderAndTheWayOut) {
     const held_lock held(machine.lock_file());
     for (const words& command : looking_commands) {
-        words hurried = filled_in(command);
-        hurried.insert(hurried.end(), {"--timeout", "0"});
-        const auto outcome = tarvoctl(machine, hurried);
-        EXPECT_EQ(outcome.status, 5) << command.front();
-        EXPECT_EQ(outcome.errors,
-                  "tarvoctl: the lock /var/lock/subsys/tarvo_lock was not free within 0 s: " +
-                      this_process() +
-                      " holds it; 'tarvoctl lock' shows more, --timeout waits longer, --no-lock "
-                      "reads without it\n")
+        EXPECT_EQ(tarvoctl(machine, filled_in(command) + words{"--timeout", "0"}),
+                  failed(5, "the lock /var/lock/subsys/tarvo_lock was not free within 0 s: " +
+                                this_process() +
+                                " holds it; 'tarvoctl lock' shows more, --timeout waits longer, "
+                                "--no-lock reads without it"))
             << command.front();
     }
 }
@@ -73,12 +68,10 @@ TEST_F(no_lock, CommandsThatLookNameTheHolderAndTheWayOut) {
 TEST_F(no_lock, CommandsThatLookSayTheSameWhileSomebodySitsOnTheLock) {
     for (const words& command : looking_commands) {
         const words plain = filled_in(command);
-        words without = plain;
-        without.emplace_back("--no-lock");
         const auto expected = tarvoctl(machine, plain);
         std::filesystem::remove(unused);
         const held_lock held(machine.lock_file());
-        const auto outcome = tarvoctl(machine, without);
+        const auto outcome = tarvoctl(machine, plain + words{"--no-lock"});
         EXPECT_EQ(outcome.status, expected.status) << command.front();
         EXPECT_EQ(outcome.errors, expected.errors) << command.front();
         if (command.front() != "top") { // which begins with the time
@@ -150,10 +143,10 @@ TEST_F(no_lock, WhatIsReadUnderTheLockIsConsistent) {
 
 TEST_F(no_lock, WatchTellsChangesWhileSomebodySitsOnTheLock) {
     running_tool watch = start_tarvoctl(machine, {"watch", "--no-lock", "--interval", "0.02"});
-    EXPECT_TRUE(watch.program.read_line().value().find("area found") != std::string::npos);
+    EXPECT_TRUE(contains(watch.program.read_line().value(), "area found"));
     driver.alloc("fresh", 0x1000, "driver");
     driver.call("dump_begin"); // holds the lock
-    EXPECT_TRUE(watch.program.read_line().value().find("allocated     fresh") != std::string::npos);
+    EXPECT_TRUE(contains(watch.program.read_line().value(), "allocated     fresh"));
     EXPECT_TRUE(watch.end_by(SIGTERM) == normal_end);
 }
 

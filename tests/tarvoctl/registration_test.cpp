@@ -11,13 +11,9 @@ namespace {
 
 TEST(registering, LetsADeviceSeeEveryChunk) {
     sandbox machine(low);
-    client driver = machine.start();
-    driver.alloc("a", 0x1000);
-    driver.alloc("b", 0x1000);
-    const auto outcome = tarvoctl(machine, {"register", "03:00.1"});
-    EXPECT_EQ(outcome.status, 0);
-    EXPECT_EQ(outcome.output, "0000:03:00.1: registered, online, 2 of 2 chunks mapped for it\n");
-    EXPECT_EQ(outcome.errors, "");
+    const client driver = machine.start({"alloc a 1 test", "alloc b 1 test"});
+    EXPECT_EQ(tarvoctl(machine, {"register", "03:00.1"}),
+              printed("0000:03:00.1: registered, online, 2 of 2 chunks mapped for it\n"));
     EXPECT_EQ(machine.request_lines().size(), 2);
     EXPECT_EQ(tarvoctl(machine, {"register", "0000:03:00.1"}).output,
               "0000:03:00.1: was registered already, online, 2 of 2 chunks mapped for it\n");
@@ -37,40 +33,34 @@ TEST(registering, WhatIsNoDeviceIsAUsageError) {
     sandbox machine(low);
     for (const char* wrong :
          {"3", "03:00", "03:20.0", "03:00.8", "0:0:03:00.0", "x3:00.0", ":03:00.0", "03:00.0 "}) {
-        const auto outcome = tarvoctl(machine, {"register", wrong});
-        EXPECT_EQ(outcome.status, 2) << wrong;
-        EXPECT_EQ(outcome.errors, std::string("tarvoctl: invalid PCI device '") + wrong +
-                                      "'; write it as 0000:03:00.0 or 03:00.0 "
-                                      "(lspci -D lists them)\n");
+        EXPECT_EQ(tarvoctl(machine, {"register", wrong}),
+                  failed(2, std::string("invalid PCI device '") + wrong +
+                                "'; write it as 0000:03:00.0 or 03:00.0 (lspci -D lists them)"))
+            << wrong;
     }
     EXPECT_FALSE(exists(machine.shared_area()));
 }
 
 TEST(registering, ADeviceThatTheDriverDoesNotKnowIsAFinding) {
     sandbox machine(low, {"--rule", "op=map,errno=ENODEV"});
-    client driver = machine.start();
-    driver.alloc("a", 0x1000);
+    const client driver = machine.start({"alloc a 1 test"});
     const auto outcome = tarvoctl(machine, {"register", "03:00.0"});
     EXPECT_EQ(outcome.status, 1);
     EXPECT_EQ(outcome.output, "0000:03:00.0: registered, offline, 0 of 1 chunk mapped for it\n");
-    EXPECT_TRUE(outcome.errors.ends_with(
-        "tarvoctl: the kernel driver does not know the device, so no chunk made later is mapped "
-        "for it; the answers to the requests are above\n"))
-        << outcome.errors;
+    EXPECT_TRUE(ends_with(outcome.errors,
+                          "tarvoctl: the kernel driver does not know the device, so no chunk made "
+                          "later is mapped for it; the answers to the requests are above\n"));
 }
 
 TEST(registering, ARefusedChunkIsAFinding) {
     sandbox machine(low, {"--rule", "op=map,nth=2,errno=EIO"});
-    client driver = machine.start();
-    driver.alloc("a", 0x1000);
-    driver.alloc("b", 0x1000);
+    const client driver = machine.start({"alloc a 1 test", "alloc b 1 test"});
     const auto outcome = tarvoctl(machine, {"register", "03:00.0"});
     EXPECT_EQ(outcome.status, 1);
     EXPECT_EQ(outcome.output, "0000:03:00.0: registered, online, 0 of 2 chunks mapped for it\n");
-    EXPECT_TRUE(outcome.errors.ends_with("tarvoctl: some chunk could not be mapped, so the others "
-                                         "were unmapped again; the answers to the requests are "
-                                         "above\n"))
-        << outcome.errors;
+    EXPECT_TRUE(ends_with(outcome.errors,
+                          "tarvoctl: some chunk could not be mapped, so the others were "
+                          "unmapped again; the answers to the requests are above\n"));
 }
 
 TEST(registering, The257thDeviceIsRefusedBeforeTheLibraryFaults) {
@@ -79,19 +69,14 @@ TEST(registering, The257thDeviceIsRefusedBeforeTheLibraryFaults) {
     for (uint32_t devfn = 0; devfn < 256; ++devfn) {
         driver.register_device(0, 1, devfn);
     }
-    const auto outcome = tarvoctl(machine, {"register", "02:00.0"});
-    EXPECT_EQ(outcome.status, 1);
-    EXPECT_EQ(outcome.errors, "tarvoctl: all 256 device records are in use; unregister one before "
-                              "0000:02:00.0\n");
+    EXPECT_EQ(tarvoctl(machine, {"register", "02:00.0"}),
+              failed(1, "all 256 device records are in use; unregister one before 0000:02:00.0"));
     EXPECT_EQ(tarvoctl(machine, {"register", "01:00.0"}).status, 0) << "that one is registered";
 }
 
 TEST(unregistering, NamesWhatTheDeviceSeesAndRefusesWithoutATerminal) {
     sandbox machine(low);
-    client driver = machine.start();
-    driver.alloc("a", 0x1000);
-    driver.alloc("b", 0x1000);
-    driver.register_device(0, 3, 0);
+    const client driver = machine.start({"alloc a 1 test", "alloc b 1 test", "register 0 3 0"});
     const auto refused = tarvoctl(machine, {"unregister", "03:00.0"});
     EXPECT_EQ(refused.status, 1);
     EXPECT_EQ(refused.errors, "tarvoctl: 0000:03:00.0 would lose 2 chunks: a, b\n"
@@ -106,48 +91,38 @@ TEST(unregistering, NamesWhatTheDeviceSeesAndRefusesWithoutATerminal) {
 
 TEST(unregistering, WarnsOfWhatAnOfflineDeviceLeavesBehind) {
     sandbox machine(low);
-    client driver = machine.start();
-    driver.register_device(0, 3, 0);
-    driver.alloc("a", 0x1000);
+    client driver = machine.start({"register 0 3 0", "alloc a 1 test"});
     machine.add_rules({"op=map,errno=ENODEV"});
     driver.alloc("b", 0x1000);
     const auto outcome = tarvoctl(machine, {"unregister", "03:00.0", "--force"});
     EXPECT_EQ(outcome.status, 0);
     EXPECT_EQ(outcome.output, "0000:03:00.0: unregistered\n");
-    EXPECT_EQ(outcome.errors,
-              "tarvoctl: 0000:03:00.0 is offline: nothing would be unmapped, and the next device "
-              "in its record would inherit 1 chunk: a\n");
+    EXPECT_EQ(outcome.errors, "tarvoctl: 0000:03:00.0 is offline: nothing would be unmapped, and "
+                              "the next device in its record would inherit 1 chunk: a\n");
 }
 
 TEST(unregistering, ADeviceThatSeesNothingNeedsNoForce) {
     sandbox machine(low);
-    client driver = machine.start();
-    driver.register_device(0, 3, 0);
+    const client driver = machine.start({"register 0 3 0"});
     EXPECT_EQ(tarvoctl(machine, {"unregister", "03:00.0"}).output, "0000:03:00.0: unregistered\n");
-    const auto again = tarvoctl(machine, {"unregister", "03:00.0"});
-    EXPECT_EQ(again.status, 2);
-    EXPECT_EQ(again.errors, "tarvoctl: 0000:03:00.0 is not registered; 'tarvoctl devices' shows "
-                            "those that are\n");
+    EXPECT_EQ(tarvoctl(machine, {"unregister", "03:00.0"}),
+              failed(2, "0000:03:00.0 is not registered; 'tarvoctl devices' shows those that are"));
 }
 
 TEST(unregistering, ARefusalOfTheDriverIsAFinding) {
     sandbox machine(low);
-    client driver = machine.start();
-    driver.alloc("a", 0x1000);
-    driver.register_device(0, 3, 0);
+    const client driver = machine.start({"alloc a 1 test", "register 0 3 0"});
     machine.add_rules({"op=unmap,errno=EIO"});
     const auto outcome = tarvoctl(machine, {"unregister", "03:00.0", "--force"});
     EXPECT_EQ(outcome.status, 1);
-    EXPECT_TRUE(outcome.errors.ends_with(
-        "tarvoctl: 0000:03:00.0 could not be unregistered; the reason is above\n"))
-        << outcome.errors;
+    EXPECT_TRUE(ends_with(
+        outcome.errors, "tarvoctl: 0000:03:00.0 could not be unregistered; the reason is above\n"));
 }
 
 TEST(iommu_map, SendsOneRequestForTheWholeRegion) {
     sandbox machine(low);
-    const auto outcome = tarvoctl(machine, {"iommu-map", "03:00.0", "--prot", "r"});
-    EXPECT_EQ(outcome.status, 0);
-    EXPECT_EQ(outcome.output, "0000:03:00.0: whole region mapped, r\n");
+    EXPECT_EQ(tarvoctl(machine, {"iommu-map", "03:00.0", "--prot", "r"}),
+              printed("0000:03:00.0: whole region mapped, r\n"));
     EXPECT_EQ(tarvoctl(machine, {"iommu-map", "03:00.0"}).output,
               "0000:03:00.0: whole region mapped, rw\n");
     const auto undone = tarvoctl(machine, {"iommu-unmap", "03:00.0"});
@@ -164,29 +139,25 @@ TEST(iommu_map, ARefusalOfTheDriverIsAFinding) {
     sandbox machine(low, {"--rule", "op=map,errno=ENODEV"});
     const auto outcome = tarvoctl(machine, {"iommu-map", "03:00.0"});
     EXPECT_EQ(outcome.status, 1);
-    EXPECT_TRUE(outcome.errors.ends_with(
-        "tarvoctl: the request for 0000:03:00.0 failed; the reason is above\n"))
-        << outcome.errors;
+    EXPECT_TRUE(ends_with(outcome.errors,
+                          "tarvoctl: the request for 0000:03:00.0 failed; the reason is above\n"));
 }
 
 TEST(iommu_map, ARegionThatCannotBeMappedWholeIsNotTried) {
     sandbox machine(high, {"--region", "200000000-27fffffff"});
-    const auto outcome = tarvoctl(machine, {"iommu-map", "03:00.0"});
-    EXPECT_EQ(outcome.status, 1);
-    EXPECT_EQ(outcome.errors, "tarvoctl: the region has 2 GiB; only one of less than 2 GiB can be "
-                              "mapped whole. 'tarvoctl register' maps each chunk\n");
+    EXPECT_EQ(tarvoctl(machine, {"iommu-map", "03:00.0"}),
+              failed(1, "the region has 2 GiB; only one of less than 2 GiB can be mapped whole. "
+                        "'tarvoctl register' maps each chunk"));
     EXPECT_EQ(machine.request_lines(), std::vector<std::string>{});
 }
 
 TEST(iommu_unmap, DoesNotUnregisterADeviceByTheWay) {
     sandbox machine(low);
-    client driver = machine.start();
-    driver.register_device(0, 3, 0);
-    const auto outcome = tarvoctl(machine, {"iommu-unmap", "03:00.0"});
-    EXPECT_EQ(outcome.status, 2);
-    EXPECT_EQ(outcome.errors,
-              "tarvoctl: 0000:03:00.0 is registered, and the library would unregister it and "
-              "leave the whole region mapped; do that first: tarvoctl unregister 0000:03:00.0\n");
+    const client driver = machine.start({"register 0 3 0"});
+    EXPECT_EQ(
+        tarvoctl(machine, {"iommu-unmap", "03:00.0"}),
+        failed(2, "0000:03:00.0 is registered, and the library would unregister it and leave the "
+                  "whole region mapped; do that first: tarvoctl unregister 0000:03:00.0"));
     EXPECT_EQ(machine.area().view().devices().size(), 1);
 }
 

@@ -2,7 +2,6 @@
 
 #include <filesystem>
 #include <gtest/gtest.h>
-#include <thread>
 
 namespace repair_test {
 
@@ -14,10 +13,8 @@ class repair : public testing::Test {
   protected:
     repair() {
         {
-            client driver = machine.start();
-            driver.alloc("first", 0x1000);
-            driver.alloc("second", 0x1000);
-            driver.alloc("third", 0x1000);
+            const client driver =
+                machine.start({"alloc first 1 test", "alloc second 1 test", "alloc third 1 test"});
         }
         sound = machine.area().snapshot();
         machine.writable_area().writer().i32(area_offset::chunk(3) + area_offset::prev, 4);
@@ -39,9 +36,8 @@ TEST_F(repair, ShowsItsPlanKeepsACopyAndMendsTheArea) {
     EXPECT_EQ(outcome.status, 0) << outcome.errors;
     const auto lines = lines_of(outcome.output);
     ASSERT_EQ(lines.size(), 2U) << outcome.output;
-    EXPECT_EQ(lines[0],
-              "offset    12848  04000000 -> 02000000  chunk 3 'second' (creator test): prev "
-              "becomes 2, the element before");
+    EXPECT_EQ(lines[0], "offset    12848  04000000 -> 02000000  chunk 3 'second' (creator test): "
+                        "prev becomes 2, the element before");
     EXPECT_EQ(lines[1], "repaired; " + backup + " holds the area as it was");
     EXPECT_TRUE(is_sound());
     EXPECT_EQ(area_file(backup).snapshot(), broken);
@@ -81,13 +77,10 @@ TEST_F(repair, ChangesNothingUnlessSomebodySaysYes) {
 }
 
 TEST_F(repair, RefusesWhileTheLibraryIsStartedSomewhere) {
-    client user = machine.start();
-    user.limits();
+    client user = machine.start({"limits"});
     const auto outcome = tarvoctl(machine, {"repair", "--yes", "--backup", backup});
     EXPECT_EQ(outcome.status, 1);
-    EXPECT_NE(outcome.errors.find(std::to_string(user.pid()) + " (tarvo-client)"),
-              std::string::npos)
-        << outcome.errors;
+    EXPECT_TRUE(contains(outcome.errors, std::to_string(user.pid()) + " (tarvo-client)"));
     EXPECT_TRUE(is_untouched());
     EXPECT_EQ(tarvoctl(machine, {"repair", "--yes", "--force", "--backup", backup}).status, 0);
     EXPECT_TRUE(is_sound());
@@ -97,8 +90,7 @@ TEST_F(repair, RefusesWhileSomethingIsLeftToAPerson) {
     // Nothing shows any more where the region ends.
     machine.writable_area().writer().text(area_offset::chunk(1) + area_offset::name, "tail");
     const auto before = machine.area().snapshot();
-    const auto outcome = tarvoctl(machine, {"repair", "--yes", "--backup", backup});
-    EXPECT_EQ(outcome.status, 4) << outcome.output << outcome.errors;
+    EXPECT_TRUE(ended(tarvoctl(machine, {"repair", "--yes", "--backup", backup}), 4));
     EXPECT_EQ(machine.area().snapshot(), before);
     EXPECT_FALSE(std::filesystem::exists(backup));
 }
@@ -112,8 +104,7 @@ TEST_F(repair, IsPartlyDoneWhenAskedForAlone) {
     const auto before = machine.area().snapshot();
     const auto refused = tarvoctl(machine, {"repair", "--yes", "--force", "--backup", backup});
     EXPECT_EQ(refused.status, 4) << refused.output << refused.errors;
-    EXPECT_NE(refused.errors.find("a person has to decide first about 1 place,"),
-              std::string::npos);
+    EXPECT_TRUE(contains(refused.errors, "a person has to decide first about 1 place,"));
     EXPECT_EQ(machine.area().snapshot(), before);
     const auto partly =
         tarvoctl(machine, {"repair", "--yes", "--force", "--partly", "--backup", backup});
@@ -127,16 +118,13 @@ TEST_F(repair, IsPartlyDoneWhenAskedForAlone) {
 
 TEST_F(repair, NeedsNothingOfASoundArea) {
     machine.writable_area().writer().i32(area_offset::chunk(3) + area_offset::prev, 2);
-    const auto outcome = tarvoctl(machine, {"repair"});
-    EXPECT_EQ(outcome.status, 0);
-    EXPECT_EQ(outcome.output, "nothing to repair\n");
+    EXPECT_EQ(tarvoctl(machine, {"repair"}), printed("nothing to repair\n"));
 }
 
 TEST_F(repair, MendsACopyWhateverIsRunning) {
     const std::string copy = folder.path() / "copy";
     std::filesystem::copy_file(machine.shared_area(), copy);
-    client user = machine.start();
-    user.limits();
+    const client user = machine.start({"limits"});
     EXPECT_EQ(tarvoctl(machine, {"repair", copy, "--yes", "--backup", backup}).status, 0);
     EXPECT_EQ(area_file(copy).snapshot(), sound);
     EXPECT_TRUE(is_untouched());
@@ -158,8 +146,7 @@ TEST_F(repair, KeepsACopyOfEachOfSeveralRepairsWithinASecond) {
         area_file(copy, area_file::access::write)
             .writer()
             .i32(area_offset::chunk(3) + area_offset::prev, 4);
-        const auto outcome = tarvoctl(machine, {"repair", copy, "--yes"});
-        EXPECT_EQ(outcome.status, 0) << outcome.errors;
+        EXPECT_TRUE(ended(tarvoctl(machine, {"repair", copy, "--yes"}), 0));
     }
     const std::filesystem::directory_iterator all(folder.path());
     EXPECT_EQ(std::distance(begin(all), end(all)), repairs + 1);
@@ -190,24 +177,23 @@ class record_of : public testing::Test {
     /// Repair changes nothing and says what stays broken, and check sends to what helps.
     void expect_broken(const std::string& what, const std::string& remedy) {
         const auto before = machine.area().snapshot();
-        const auto repair = tarvoctl(machine, {"repair", "--yes", "--force"});
-        EXPECT_EQ(repair.status, 4) << repair.errors;
-        EXPECT_EQ(repair.output, "stays broken: " + what +
-                                     "\nrepair has nothing to change\n"
-                                     "to get rid of what stays broken, " +
-                                     remedy + "\n");
+        EXPECT_EQ(tarvoctl(machine, {"repair", "--yes", "--force"}),
+                  (tool_outcome{4,
+                                "stays broken: " + what +
+                                    "\nrepair has nothing to change\n"
+                                    "to get rid of what stays broken, " +
+                                    remedy + "\n",
+                                ""}));
         EXPECT_EQ(machine.area().snapshot(), before);
         const auto check = tarvoctl(machine, {"check"});
         EXPECT_EQ(check.status, 4);
         EXPECT_EQ(lines_of(check.output).back(), "the area is broken: " + remedy);
-        EXPECT_NE(check.output.find("broken     " + what + "\n"), std::string::npos)
-            << check.output;
+        EXPECT_TRUE(contains(check.output, "broken     " + what + "\n"));
     }
 
     /// Freeing the chunk helps, and so does allocating it again.
     void expect_free_to_help(const std::string& name) {
-        const auto freed = tarvoctl(machine, {"free", name, "--force"});
-        EXPECT_EQ(freed.status, 0) << freed.errors;
+        EXPECT_TRUE(ended(tarvoctl(machine, {"free", name, "--force"}), 0));
         EXPECT_EQ(tarvoctl(machine, {"alloc", name, "4K"}).status, 0);
         EXPECT_EQ(tarvoctl(machine, {"check"}).status, 0);
     }
@@ -237,9 +223,9 @@ TEST_F(record_of, OneOfTwoChunksThatOverlapIsFreed) {
 
 TEST_F(record_of, AChunkWithoutANameCostsTheArea) {
     write.u8(at(3, area_offset::name), 0);
-    expect_broken("chunk 3 (creator test): no name: it can be neither found nor freed "
-                  "[chunk-name-empty]",
-                  remove_it);
+    expect_broken(
+        "chunk 3 (creator test): no name: it can be neither found nor freed [chunk-name-empty]",
+        remove_it);
     driver.finish();
     std::filesystem::remove(machine.shared_area());
     EXPECT_EQ(tarvoctl(machine, {"alloc", "second", "4K"}).status, 0);
@@ -251,13 +237,10 @@ TEST_F(record_of, AChunkOutsideTheRegionCostsTheArea) {
     write.u64(at(4, area_offset::pa), low.end() + 0x1000);
     const auto repair = tarvoctl(machine, {"repair"});
     EXPECT_EQ(repair.status, 4);
-    EXPECT_NE(repair.output.find("stays broken: chunk 4 'third' (creator test): 4 KiB from "
-                                 "0x0090001000 does not lie in the region"),
-              std::string::npos)
-        << repair.output;
-    EXPECT_NE(repair.output.find(std::string("to get rid of what stays broken, ") + remove_it),
-              std::string::npos)
-        << repair.output;
+    EXPECT_TRUE(contains(repair.output, "stays broken: chunk 4 'third' (creator test): 4 KiB from "
+                                        "0x0090001000 does not lie in the region"));
+    EXPECT_TRUE(
+        contains(repair.output, std::string("to get rid of what stays broken, ") + remove_it));
     const auto check = tarvoctl(machine, {"check"});
     EXPECT_EQ(lines_of(check.output).back(), std::string("the area is broken: ") + remove_it);
     EXPECT_EQ(tarvoctl(machine, {"free", "third", "--force"}).status, 4);
@@ -266,12 +249,11 @@ TEST_F(record_of, AChunkOutsideTheRegionCostsTheArea) {
 TEST_F(record_of, ADeviceThatIsThereTwiceIsUnregistered) {
     machine.start().register_device(0, 4, 0);
     write.i32(area_offset::device(1) + area_offset::bus, 3);
-    expect_broken("device 1 (0000:03:00.0): the same domain, bus and devfn as device 0 "
-                  "(0000:03:00.0), which is the one that "
-                  "calls find [device-address-twice]",
-                  "stop or reset the devices first (or restart the machine), because they may "
-                  "still see the memory; then unregister the device with 'tarvoctl unregister' and "
-                  "register it again");
+    expect_broken(
+        "device 1 (0000:03:00.0): the same domain, bus and devfn as device 0 (0000:03:00.0), which "
+        "is the one that calls find [device-address-twice]",
+        "stop or reset the devices first (or restart the machine), because they may still see the "
+        "memory; then unregister the device with 'tarvoctl unregister' and register it again");
     EXPECT_EQ(tarvoctl(machine, {"unregister", "03:00.0", "--force"}).status, 0);
     EXPECT_EQ(tarvoctl(machine, {"register", "03:00.0"}).status, 0);
     EXPECT_EQ(tarvoctl(machine, {"check"}).status, 0);
@@ -283,8 +265,8 @@ TEST_F(record_of, AChunkThatDevicesSeeIsNotGivenBackForItsSize) {
     const auto repair = tarvoctl(machine, {"repair", "--yes", "--force"});
     EXPECT_EQ(repair.status, 4);
     EXPECT_EQ(lines_of(repair.output).front(),
-              "left as it is: chunk 3 'second' (creator test): its size is 0, yet it is mapped "
-              "for devices: the size is lost");
+              "left as it is: chunk 3 'second' (creator test): its size is 0, yet it is mapped for "
+              "devices: the size is lost");
     EXPECT_EQ(machine.area().snapshot(), before);
     // No driver unmaps a range that ends before it starts; the library forgets the mapping then.
     EXPECT_EQ(tarvoctl(machine, {"free", "second", "--force"}).status, 1);
@@ -319,9 +301,8 @@ TEST_F(record_of, AChunkMovedOutOfTheRegionStaysBrokenWhenTheListIsRepaired) {
     write.u64(at(4, area_offset::pa), 0x10000);
     const auto repair = tarvoctl(machine, {"repair", "-y", "--force"});
     EXPECT_EQ(repair.status, 4);
-    EXPECT_EQ(repair.output.find("repaired"), std::string::npos) << repair.output;
-    EXPECT_NE(repair.output.find("\nchanged, but still broken; "), std::string::npos)
-        << repair.output;
+    EXPECT_FALSE(contains(repair.output, "repaired"));
+    EXPECT_TRUE(contains(repair.output, "\nchanged, but still broken; "));
     EXPECT_EQ(lines_of(repair.output).back(),
               std::string("to get rid of what stays broken, ") + remove_it);
 }
@@ -342,19 +323,16 @@ TEST_F(record_of, ThereIsNoRoomForTheCopyBesideTheArea) {
     const auto repair = run_program(
         machine, {"sh", "-c",
                   "cp -a /var/shmem/tarvo_lib /var/tmp/kept && "
-                  "mount -t tmpfs -o size=68m,mode=0755 tmpfs /var/shmem && "
-                  "cp -a /var/tmp/kept /var/shmem/tarvo_lib && "
-                  "\"$0\" repair --yes --force; echo $?; "
-                  "\"$0\" repair --yes --force --backup /var/tmp/backup >/dev/null; echo $?; "
-                  "ls -A /var/shmem",
+                  "mount -t tmpfs -o size=68m,mode=0755 tmpfs /var/shmem && cp -a /var/tmp/kept "
+                  "/var/shmem/tarvo_lib && \"$0\" repair --yes --force; echo $?; \"$0\" repair "
+                  "--yes --force --backup /var/tmp/backup >/dev/null; echo $?; ls -A /var/shmem",
                   TARVOCTL});
-    EXPECT_NE(repair.errors.find(": No space left on device: the copy takes 65544 KiB, and "),
-              std::string::npos)
+    EXPECT_TRUE(
+        contains(repair.errors, ": No space left on device: the copy takes 65544 KiB, and "));
+    EXPECT_TRUE(ends_with(own_errors(repair),
+                          " KiB are free there; --backup FILE puts it where there is room\n"))
         << repair.errors;
-    EXPECT_TRUE(own_errors(repair).ends_with(
-        " KiB are free there; --backup FILE puts it where there is room\n"))
-        << repair.errors;
-    EXPECT_TRUE(repair.output.ends_with("\n3\n0\ntarvo_lib\n")) << repair.output;
+    EXPECT_TRUE(ends_with(repair.output, "\n3\n0\ntarvo_lib\n"));
     EXPECT_EQ(machine.area().snapshot(), before);
 }
 
@@ -363,18 +341,6 @@ class repair_at_a_terminal : public repair {
   protected:
     repair_at_a_terminal() { screen.output_with("the element before"); }
 
-    template <typename Condition>
-    static bool comes_true(Condition condition) {
-        using clock = std::chrono::steady_clock;
-        for (const auto last = clock::now() + std::chrono::seconds{20}; clock::now() < last;) {
-            if (condition()) {
-                return true;
-            }
-            std::this_thread::sleep_for(std::chrono::milliseconds{10});
-        }
-        return false;
-    }
-
     terminal screen{24, 200};
     running_tool tool = screen.start(machine, {"repair", "--force", "--backup", backup});
 };
@@ -382,8 +348,8 @@ class repair_at_a_terminal : public repair {
 TEST_F(repair_at_a_terminal, HoldsNobodyUpThatIsSlowToReadOfIt) {
     screen.stop_output();
     screen.type("y\n");
-    EXPECT_TRUE(comes_true([&] { return is_sound(); }));
-    EXPECT_TRUE(comes_true([&] { return lock_is_free(machine.lock_file()); }));
+    EXPECT_TRUE(eventually([&] { return is_sound(); }));
+    EXPECT_TRUE(eventually([&] { return lock_is_free(machine.lock_file()); }));
     screen.go_on();
     screen.output_with("repaired; ");
     EXPECT_EQ(tool.program.wait(), normal_end);

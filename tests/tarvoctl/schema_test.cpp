@@ -11,8 +11,10 @@ namespace schema_test {
 
 namespace {
 
+const arguments json{"--json"};
+
 /// Each command that knows --json, at least once; with what makes its output long.
-const std::vector<std::vector<std::string>> commands{
+const std::vector<arguments> commands{
     {"list"},
     {"devices"},
     {"show", "rx_ring"},
@@ -71,9 +73,8 @@ class validator {
 
     /// The schema's complaint; empty when there is none.
     std::string complaint() const {
-        std::vector<std::string> words{TARVO_PYTHON, TARVOCTL_VALIDATE, TARVOCTL_SCHEMA};
-        words.insert(words.end(), _files.begin(), _files.end());
-        process run(words, _folder.path() / "errors");
+        process run(arguments{TARVO_PYTHON, TARVOCTL_VALIDATE, TARVOCTL_SCHEMA} + _files,
+                    _folder.path() / "errors");
         while (run.read_line()) {
         }
         return run.wait() == normal_end ? "" : run.error_text();
@@ -133,27 +134,24 @@ TEST(schema, EveryCommandKeepsToIt) {
         for (std::string& word : words) {
             word = word == "@before" ? before : word == "@after" ? before + "_after" : word;
         }
-        words.emplace_back("--json");
-        documents.add(json_of(tarvoctl(machine, words)));
+        documents.add(json_of(tarvoctl(machine, words + json)));
     }
     // With damage to report.
     const auto link = area_offset::chunk(3) + area_offset::next;
     const int32_t sound = machine.area().view().i32(link);
     machine.writable_area().writer().i32(link, 3);
-    const std::vector<std::vector<std::string>> looks{
+    const std::vector<arguments> looks{
         {"list"},    {"check"},           {"repair", "--dry-run"}, {"map"}, {"map", "--fit", "4K"},
         {"devices"}, {"show", "rx_ring"}, {"find", "0x20000000"}};
-    for (std::vector<std::string> words : looks) {
-        words.emplace_back("--json");
-        documents.add(json_of(tarvoctl(machine, words)));
+    for (const arguments& words : looks) {
+        documents.add(json_of(tarvoctl(machine, words + json)));
     }
     machine.writable_area().writer().i32(link, sound);
     // And with chunks that overlap.
     const auto size = area_offset::chunk(2) + area_offset::size;
     machine.writable_area().writer().u32(size, 0x20000);
-    for (std::vector<std::string> words : looks) {
-        words.emplace_back("--json");
-        documents.add(json_of(tarvoctl(machine, words)));
+    for (const arguments& words : looks) {
+        documents.add(json_of(tarvoctl(machine, words + json)));
     }
     machine.writable_area().writer().u32(size, 0x10000);
     for (const auto& line : watched(machine, driver)) {
@@ -165,7 +163,7 @@ TEST(schema, EveryCommandKeepsToIt) {
 }
 
 /// Commands that fail: in their words, in what they find, in a call of the library.
-const std::vector<std::vector<std::string>> failing{
+const std::vector<arguments> failing{
     {},
     {"--json"},
     {"lits"},
@@ -189,16 +187,16 @@ TEST(schema, EveryFailureIsADocument) {
     sandbox machine(low, {"--rule", "op=map,errno=EIO"});
     machine.start().alloc("rx_ring", 0x1000);
     validator documents;
-    for (std::vector<std::string> words : failing) {
-        words.emplace_back("--json");
-        const auto outcome = tarvoctl(machine, words);
+    for (const arguments& words : failing) {
+        const auto outcome = tarvoctl(machine, words + json);
         const auto document = json_of(outcome);
         documents.add(document);
         EXPECT_EQ(document.at("error").at("status"), outcome.status);
-        EXPECT_TRUE(outcome.errors.ends_with(
-            "tarvoctl: " + document.at("error").at("message").get<std::string>() + "\n"))
-            << outcome.errors;
-        const bool named = words.front().find_first_of("-") != 0 && words.front() != "lits";
+        EXPECT_TRUE(
+            ends_with(outcome.errors,
+                      "tarvoctl: " + document.at("error").at("message").get<std::string>() + "\n"));
+        const bool named =
+            !words.empty() && words.front().front() != '-' && words.front() != "lits";
         EXPECT_EQ(document.at("command"), named ? nlohmann::json(words.front()) : nullptr);
     }
     EXPECT_EQ(documents.complaint(), "");
@@ -216,9 +214,7 @@ TEST(schema, AFailureAfterADocumentThatCannotBeWrittenIsNoSecondOne) {
 
 TEST(schema, CompactIsADocumentALine) {
     sandbox machine(low);
-    client driver = machine.start();
-    driver.alloc("first", 0x1000);
-    driver.alloc("second", 0x1000);
+    const client driver = machine.start({"alloc first 1 test", "alloc second 1 test"});
     const auto outcome = tarvoctl(machine, {"list", "--json=compact"});
     EXPECT_EQ(outcome.output.find('\n'), outcome.output.size() - 1);
     EXPECT_EQ(json_of(outcome), json_of(tarvoctl(machine, {"list", "--json"})));
@@ -257,7 +253,7 @@ TEST(schema, ADocumentThatBreaksItIsNoticed) {
                    {"consistent", true},
                    {"changes", 7},
                    {"damage", nlohmann::json::array()}});
-    EXPECT_NE(documents.complaint().find("7 is not of type 'array'"), std::string::npos);
+    EXPECT_TRUE(contains(documents.complaint(), "7 is not of type 'array'"));
 }
 
 } // namespace

@@ -8,12 +8,8 @@ namespace {
 
 TEST(show, TellsAllOfAChunkItsNeighboursAndItsUsers) {
     sandbox machine(high);
-    client driver = machine.start();
-    driver.alloc("below", 0x10000, "driver_a");
-    driver.alloc("hole", 0x1000);
-    driver.register_device(0, 3, 0);
-    driver.alloc("shown", 0x4000, "driver_b");
-    driver.free("hole");
+    client driver = machine.start({"alloc below 0x10000 driver_a", "alloc hole 1 test",
+                                   "register 0 3 0", "alloc shown 0x4000 driver_b", "free hole"});
     driver.map("shown", false, 0x1000, 0x2000);
     const auto outcome = tarvoctl(machine, {"show", "shown"});
     EXPECT_EQ(outcome.status, 0);
@@ -40,9 +36,7 @@ TEST(show, TellsAllOfAChunkItsNeighboursAndItsUsers) {
 
 TEST(show, ShowsAllChunksOfThatName) {
     sandbox machine(low);
-    client driver = machine.start();
-    driver.alloc("twin", 0x1000);
-    driver.alloc("twin", 0x2000);
+    const client driver = machine.start({"alloc twin 1 test", "alloc twin 0x2000 test"});
     const auto lines = lines_of(tarvoctl(machine, {"show", "twin"}).output);
     ASSERT_EQ(lines.size(), 21U);
     EXPECT_EQ(lines[0], "name       twin");
@@ -54,23 +48,18 @@ TEST(show, ShowsAllChunksOfThatName) {
 
 TEST(show, ReadsACopyWhoseChunksNobodyMaps) {
     sandbox machine(low);
-    client driver = machine.start();
-    driver.alloc("chunk", 0x1000);
-    driver.map("chunk");
-    const temporary_folder folder;
-    const std::string copy = folder.path() / "copy";
-    ASSERT_EQ(tarvoctl(machine, {"snapshot", copy}).status, 0);
-    const auto outcome = tarvoctl(machine, {"show", "chunk", "--area", copy});
+    const client driver = machine.start({"alloc chunk 1 test", "map chunk 1 0 0"});
+    const taken_snapshot copy(machine);
+    const auto outcome = tarvoctl(machine, {"show", "chunk", "--area", copy.path});
     EXPECT_EQ(outcome.status, 0);
-    EXPECT_EQ(outcome.output.find("mapped by"), std::string::npos);
+    EXPECT_FALSE(contains(outcome.output, "mapped by"));
 }
 
 TEST(show, ANameThatIsNotThereIsAUsageError) {
     sandbox machine(low);
     machine.start().alloc("chunk", 0x1000);
-    const auto outcome = tarvoctl(machine, {"show", "chink"});
-    EXPECT_EQ(outcome.status, 2);
-    EXPECT_EQ(outcome.errors, "tarvoctl: no chunk is called 'chink'; similar ones: chunk\n");
+    EXPECT_EQ(tarvoctl(machine, {"show", "chink"}),
+              failed(2, "no chunk is called 'chink'; similar ones: chunk"));
 }
 
 } // namespace

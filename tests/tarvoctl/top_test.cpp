@@ -46,8 +46,8 @@ TEST_F(top_screen, PrintsOnePageWhereThereIsNoTerminal) {
     EXPECT_EQ(lines[1], "region  DMA 0x80000000-0x8fffffff  physical 0x0080000000-0x008fffffff");
     EXPECT_EQ(lines[4],
               "free    261056 KiB of 262144 KiB, largest gap 261056 KiB, fragmentation 0 %");
-    EXPECT_TRUE(lines[5].starts_with("in use  2 of 16382 chunk records, 1 of 256 device records, "
-                                     "by 1 process"));
+    EXPECT_TRUE(starts_with(
+        lines[5], "in use  2 of 16382 chunk records, 1 of 256 device records, by 1 process"));
     EXPECT_EQ(lines[7], "  SIZE  NAME     HOLDERS  DMA         CREATOR  DEVICES");
     EXPECT_EQ(lines[8], " 1 MiB  big            0  0x80010000  agent    0000:03:00.0");
     EXPECT_EQ(lines[9], "64 KiB  rx_ring        1  0x80000000  driver   0000:03:00.0");
@@ -69,10 +69,10 @@ TEST_F(top_screen, FillsTheScreenFollowsChangesAndEndsWithQ) {
                     .starts_with("\x1b[?1049h\x1b[?25l\x1b[?7l\x1b[H"));
     EXPECT_EQ(screen.mode().c_lflag & static_cast<tcflag_t>(ICANON | ECHO), 0U);
     driver.alloc("fresh", 0x200000, "driver");
-    EXPECT_NE(plain(screen.output_with("fresh")).find(" 2 MiB  fresh"), std::string::npos);
+    EXPECT_TRUE(contains(plain(screen.output_with("fresh")), " 2 MiB  fresh"));
     screen.type("xq");
     EXPECT_EQ(top.program.wait(), normal_end);
-    EXPECT_TRUE(screen.output_with(on_the_way_out).ends_with(on_the_way_out));
+    EXPECT_TRUE(ends_with(screen.output_with(on_the_way_out), on_the_way_out));
     EXPECT_EQ(screen.mode().c_lflag, before.c_lflag);
     EXPECT_EQ(screen.mode().c_cc[VSUSP], before.c_cc[VSUSP]);
 }
@@ -85,7 +85,7 @@ TEST_F(top_screen, GivesTheTerminalBackWhenASignalEndsIt) {
         screen.output_with("0000:03:00.0  online");
         const ending end = top.end_by(signal);
         EXPECT_EQ(end.status == 0, signal != SIGHUP) << shown(end);
-        EXPECT_TRUE(screen.output_with(on_the_way_out).ends_with(on_the_way_out));
+        EXPECT_TRUE(ends_with(screen.output_with(on_the_way_out), on_the_way_out));
         EXPECT_EQ(screen.mode().c_lflag, before.c_lflag);
     }
 }
@@ -98,7 +98,7 @@ TEST_F(top_screen, FitsEveryPageIntoTheScreenAsItIsNow) {
     running_tool top = screen.start(machine, {"top", "--interval", "30"});
     const std::string large = plain(screen.output_with("q quit"));
     EXPECT_EQ(std::count(large.begin(), large.end(), '\n'), 23);
-    EXPECT_NE(large.find("of 42 by size"), std::string::npos) << large;
+    EXPECT_TRUE(contains(large, "of 42 by size"));
     const size_t from = screen.seen();
     screen.resize(12, 40);
     kill(top.pid, SIGWINCH); // as the kernel does for the terminal's own session
@@ -133,21 +133,21 @@ TEST_F(top_screen, ShowsChunksOnASmallScreenScrollsAndSorts) {
     };
     auto page = page_after("", "1-6 of 30 by size  s jk hl  q quit");
     ASSERT_EQ(page.size(), 10);
-    EXPECT_NE(page[3].find("chunk_39"), std::string::npos) << page[3];
+    EXPECT_TRUE(contains(page[3], "chunk_39"));
     for (const std::string& line : page) {
         EXPECT_LE(line.size(), 40) << line;
     }
     page = page_after("j", "2-7 of 30");
-    EXPECT_NE(page[3].find("chunk_38"), std::string::npos) << page[3];
+    EXPECT_TRUE(contains(page[3], "chunk_38"));
     page_after("\x1b[B", "3-8 of 30");
     page_after("\x1b[6~", "9-14 of 30");
     page_after("k", "8-13 of 30");
     page_after("\x1b[5~", "2-7 of 30");
     page = page_after("\x1b[F", "25-30 of 30");
-    EXPECT_NE(page[8].find("chunk_10"), std::string::npos) << page[8];
+    EXPECT_TRUE(contains(page[8], "chunk_10"));
     page_after("j\x1b[H", "1-6 of 30");
     page = page_after("s", "1-6 of 30 by name");
-    EXPECT_NE(page[3].find("chunk_10"), std::string::npos) << page[3];
+    EXPECT_TRUE(contains(page[3], "chunk_10"));
     page_after("s", "1-6 of 30 by address");
     screen.type("q");
     EXPECT_EQ(top.program.wait(), normal_end);

@@ -9,10 +9,8 @@ namespace watch_test {
 
 namespace {
 
-running_tool start_watch(sandbox& machine, const std::vector<std::string>& more = {}) {
-    std::vector<std::string> words{"watch", "--interval", "0.02"};
-    words.insert(words.end(), more.begin(), more.end());
-    return start_tarvoctl(machine, words);
+running_tool start_watch(sandbox& machine, const arguments& more = {}) {
+    return start_tarvoctl(machine, arguments{"watch", "--interval", "0.02"} + more);
 }
 
 /// The next line without its time, which has to be one.
@@ -46,9 +44,9 @@ TEST(watch, TellsWhatSeveralProcessesDoUntilInterrupted) {
 TEST(watch, WaitsForAnAreaAndNoticesThatItIsMadeAnew) {
     sandbox machine(simulation);
     running_tool watch = start_watch(machine);
-    while (watch.program.error_text() != "tarvoctl: waiting for /var/tmp/tarvo_lib\n") {
-        usleep(1000);
-    }
+    EXPECT_TRUE(eventually([&] {
+        return watch.program.error_text() == "tarvoctl: waiting for /var/tmp/tarvo_lib\n";
+    }));
     machine.start().alloc("a", 0x1000, "one");
     // The area and its chunk are two steps, and both may be seen at once.
     const std::string found = next_line(watch);
@@ -63,8 +61,7 @@ TEST(watch, WaitsForAnAreaAndNoticesThatItIsMadeAnew) {
 
 TEST(watch, AnAreaThatWasReplacedIsAnotherOne) {
     sandbox machine(low);
-    client driver = machine.start();
-    driver.alloc("a", 0x1000, "one");
+    const client driver = machine.start({"alloc a 1 one"});
     const temporary_folder folder;
     const auto aside = machine.shared_area().parent_path() / "aside";
     std::filesystem::copy_file(machine.shared_area(), aside);
@@ -78,8 +75,7 @@ TEST(watch, AnAreaThatWasReplacedIsAnotherOne) {
 
 TEST(watch, GivesALineOfJsonForEachChange) {
     sandbox machine(high);
-    client driver = machine.start();
-    driver.limits();
+    client driver = machine.start({"limits"});
     running_tool watch = start_watch(machine, {"--json"});
     const auto next = [&watch] { return nlohmann::json::parse(watch.program.read_line().value()); };
     const auto found = next();
@@ -102,9 +98,7 @@ TEST(watch, GivesALineOfJsonForEachChange) {
 
 TEST(watch, ListsThatCannotBeReadAreNotTakenForFreedChunks) {
     sandbox machine(low);
-    client driver = machine.start();
-    driver.alloc("a", 0x1000);
-    driver.alloc("b", 0x1000);
+    client driver = machine.start({"alloc a 1 test", "alloc b 1 test"});
     running_tool watch = start_watch(machine);
     next_line(watch);
     const auto link = area_offset::chunk(2) + area_offset::next;
@@ -119,15 +113,12 @@ TEST(watch, ListsThatCannotBeReadAreNotTakenForFreedChunks) {
 
 TEST(watch, ALockThatStaysTakenIsToldOnceAndWaitedFor) {
     sandbox machine(simulation);
-    client driver = machine.start();
-    driver.alloc("a", 0x1000);
+    client driver = machine.start({"alloc a 1 test"});
     running_tool watch = start_watch(machine, {"--timeout", "0.01"});
     next_line(watch);
     {
         const held_lock held(machine.lock_file());
-        while (watch.program.error_text().empty()) {
-            usleep(1000);
-        }
+        EXPECT_TRUE(eventually([&] { return !watch.program.error_text().empty(); }));
         usleep(100'000);
     }
     driver.free("a");
@@ -142,8 +133,7 @@ TEST(watch, ALockThatStaysTakenIsToldOnceAndWaitedFor) {
 
 TEST(watch, HoldsNobodyUpWhileItsReaderIsSlow) {
     sandbox machine(simulation);
-    client driver = machine.start();
-    driver.limits();
+    client driver = machine.start({"limits"});
     running_tool watch = start_watch(machine);
     next_line(watch);
     // More than its pipe takes, and nobody reads.

@@ -80,10 +80,7 @@ INSTANTIATE_TEST_SUITE_P(EveryWorld, who_in_world, testing::ValuesIn(all_worlds(
 
 TEST(who, ShowsAMappingOfNeighboursForEachOfThem) {
     sandbox machine(low);
-    client driver = machine.start();
-    driver.alloc("left", pages(1));
-    driver.alloc("right", pages(1));
-    driver.map("left");
+    client driver = machine.start({"alloc left 1 test", "alloc right 1 test", "map left 1 0 0"});
     driver.map("right"); // the kernel may make one mapping of the two
     const auto outcome = tarvoctl(machine, {"who"});
     const std::string own = std::to_string(driver.pid());
@@ -95,9 +92,7 @@ TEST(who, ShowsAMappingOfNeighboursForEachOfThem) {
 
 TEST(who, ShowsAMappingOfTheWholeRegionAsSuch) {
     sandbox machine(high);
-    client driver = machine.start();
-    driver.alloc("rx_ring", pages(1));
-    driver.call("map_all");
+    client driver = machine.start({"alloc rx_ring 1 test", "map_all"});
     const auto outcome = tarvoctl(machine, {"who", "rx_ring"});
     EXPECT_EQ(outcome.status, 0);
     EXPECT_EQ(row_of(outcome, driver.pid(), "(whole region)"),
@@ -123,7 +118,7 @@ TEST(who, ShowsMappingsThatOutliveTheirChunk) {
     EXPECT_EQ(row_of(outcome, agent.pid(), "(freed)"),
               (words{"(freed)", "pa", "0x0200000000-0x0200003fff", std::to_string(agent.pid()),
                      "tarvo-client", "read"}));
-    EXPECT_NE(outcome.errors.find("(freed): the mapping outlives its chunk"), std::string::npos);
+    EXPECT_TRUE(contains(outcome.errors, "(freed): the mapping outlives its chunk"));
     const auto stale = json_of(tarvoctl(machine, {"who", "--json"})).at("stale");
     ASSERT_EQ(stale.size(), 1U);
     EXPECT_EQ(stale.at(0).at("pid"), agent.pid());
@@ -133,10 +128,8 @@ TEST(who, ShowsMappingsThatOutliveTheirChunk) {
 
 TEST(who, OfOneChunkEndsWithAFindingWhenNobodyMapsIt) {
     sandbox machine(low);
-    client driver = machine.start();
-    driver.alloc("rx_ring", pages(1));
-    driver.alloc("stats", pages(1));
-    driver.map("rx_ring");
+    const client driver =
+        machine.start({"alloc rx_ring 1 test", "alloc stats 1 test", "map rx_ring 1 0 0"});
     EXPECT_EQ(tarvoctl(machine, {"who", "rx_ring"}).status, 0);
     const auto unmapped = tarvoctl(machine, {"who", "stats"});
     EXPECT_EQ(unmapped.status, 1);
@@ -145,15 +138,10 @@ TEST(who, OfOneChunkEndsWithAFindingWhenNobodyMapsIt) {
 
 TEST(who, OfANameThatIsNotThereNamesSimilarOnes) {
     sandbox machine(low);
-    client driver = machine.start();
-    driver.alloc("rx_ring", pages(1));
-    driver.alloc("tx_ring", pages(1));
-    driver.alloc("unlike", pages(1));
-    const auto outcome = tarvoctl(machine, {"who", "RX_rng"});
-    EXPECT_EQ(outcome.status, 2);
-    EXPECT_EQ(outcome.output, "");
-    EXPECT_EQ(outcome.errors,
-              "tarvoctl: no chunk is called 'RX_rng'; similar ones: rx_ring, tx_ring\n");
+    const client driver =
+        machine.start({"alloc rx_ring 1 test", "alloc tx_ring 1 test", "alloc unlike 1 test"});
+    EXPECT_EQ(tarvoctl(machine, {"who", "RX_rng"}),
+              failed(2, "no chunk is called 'RX_rng'; similar ones: rx_ring, tx_ring"));
     EXPECT_EQ(tarvoctl(machine, {"who", "zzz"}).errors,
               "tarvoctl: no chunk is called 'zzz'; 'tarvoctl list' shows those that exist\n");
 }
@@ -178,9 +166,7 @@ TEST(who, GivesEachMappingAsJson) {
 
 TEST(who, SaysWhichProcessesItCouldNotSee) {
     sandbox machine(low);
-    client driver = machine.start();
-    driver.alloc("rx_ring", pages(1));
-    driver.map("rx_ring");
+    client driver = machine.start({"alloc rx_ring 1 test", "map rx_ring 1 0 0"});
     // A process cannot look into one that has more rights than it has.
     process tool = machine.start_process(
         {"setpriv", "--bounding-set", "-all", "--inh-caps", "-all", TARVOCTL, "who", "--json"});
@@ -196,18 +182,14 @@ TEST(who, SaysWhichProcessesItCouldNotSee) {
 
 TEST(who, DoesNotPassOffWhatItCouldNotSeeAsNobody) {
     sandbox machine(simulation);
-    client driver = machine.start();
-    driver.alloc("rx_ring", pages(1));
-    driver.map("rx_ring");
+    const client driver = machine.start({"alloc rx_ring 1 test", "map rx_ring 1 0 0"});
     const auto outcome = tarvoctl_of_stranger(machine, {"who"});
     EXPECT_EQ(outcome.output, "Mapped by nobody that can be seen: rx_ring\n");
 }
 
 TEST(who, ShowsThoseWhoMapAMemoryThatWasRemoved) {
     sandbox machine(simulation);
-    client driver = machine.start();
-    driver.alloc("rx_ring", pages(1));
-    driver.map("rx_ring");
+    client driver = machine.start({"alloc rx_ring 1 test", "map rx_ring 1 0 0"});
     std::filesystem::remove(machine.memory_file());
     const auto outcome = tarvoctl(machine, {"who", "rx_ring"});
     EXPECT_EQ(outcome.status, 0);
@@ -224,17 +206,13 @@ TEST(who, ShowsThoseWhoMapAMemoryThatWasRemoved) {
     EXPECT_NE(mapped().at(0).at("removed"), mapped().at(1).at("removed"));
     const auto refused = tarvoctl(machine, {"free", "rx_ring"});
     EXPECT_EQ(refused.status, 1);
-    EXPECT_NE(refused.errors.find(std::to_string(driver.pid()) + " (tarvo-client)"),
-              std::string::npos)
-        << refused.errors;
+    EXPECT_TRUE(contains(refused.errors, std::to_string(driver.pid()) + " (tarvo-client)"));
 }
 
 TEST(who, MakesNoFileWhereThereIsNoArea) {
     sandbox machine(simulation);
     EXPECT_EQ(tarvoctl(machine, {"who"}).status, 3);
-    EXPECT_FALSE(exists(machine.shared_area()));
-    EXPECT_FALSE(exists(machine.memory_file()));
-    EXPECT_FALSE(exists(machine.lock_file()));
+    EXPECT_EQ(files_of(machine), std::vector<std::string>{});
 }
 
 } // namespace
