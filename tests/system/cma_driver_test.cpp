@@ -49,6 +49,15 @@ TEST(a_cma_command, NeedsNeitherStartNorLock) {
     EXPECT_EQ(mode_of(machine.shared_area()), "missing");
 }
 
+TEST(a_cma_command, IsCutTo2047Bytes) {
+    sandbox machine(cma);
+    client user = machine.start();
+    const std::string name(3000, 'n');
+    user.call("get_cma_allocation " + name + " 4096");
+    EXPECT_TRUE(user.call("calls").starts_with("fopen(/proc/tarvo,we)=pointer write(3,2047)="));
+    EXPECT_EQ(machine.cma_commands(), texts{("a " + name).substr(0, 2047)});
+}
+
 TEST(a_cma_command, IsNotTraced) {
     sandbox machine(cma, {"--rule", "op=allocate,nth=1,errno=EIO"});
     client user = machine.start({"setenv ZUL_TRACE tarvo=6"});

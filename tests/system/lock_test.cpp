@@ -1,4 +1,4 @@
-#include "sandbox.hpp"
+#include "observed.hpp"
 
 #include <csignal>
 #include <fstream>
@@ -94,6 +94,16 @@ TEST(a_lock_that_cannot_be_released, EndsTheProcessAndIsFreeAgain) {
     EXPECT_TRUE(lock_is_free(machine.lock_file()));
     // What the process had changed stays.
     EXPECT_EQ(machine.area().view().chunks().size(), 2U);
+}
+
+TEST(a_lock_that_cannot_be_released, EndsTheProcessBeforeASharedChunkIsTraced) {
+    sandbox machine(low);
+    client user = machine.start({"setenv ZUL_TRACE tarvo=5", "alloc rx_ring 4096 me"});
+    user.call("fail flock EBADF 2");
+    EXPECT_EQ(fatal_outcome(user, "alloc rx_ring 4096 me"),
+              aborted(traced(5, "tarvo_alloc_func",
+                             "tarvo_alloc_func: name rx_ring size 4096 creator me") +
+                      release_failed));
 }
 
 } // namespace
