@@ -43,8 +43,8 @@ void add_seconds(CLI::App& parser, const seconds_option& wanted) {
 
 /// A value that is a text. An empty one would pass for one that is left out, and is mostly that of
 /// a variable which is not set.
-CLI::Option* add_text(CLI::App& parser, const std::string& names, std::string& to,
-                      const std::string& about, const char* remedy) {
+CLI::Option* add_text_option(CLI::App& parser, const std::string& names, std::string& to,
+                             const std::string& about, const char* remedy) {
     return parser.add_option(names, to, about)->check([names, remedy](const std::string& value) {
         if (value.empty()) {
             throw failure{exit_status::usage, fmt::format("{} is empty; {}", names, remedy)};
@@ -63,12 +63,12 @@ std::chrono::milliseconds whole_milliseconds(seconds time) {
 } // namespace
 
 void command_words::word(const std::string& title, std::string& to, const std::string& about) {
-    add_text(*_parser, title, to, about, give_one)->required();
+    add_text_option(*_parser, title, to, about, give_one)->required();
 }
 
 void command_words::optional_word(const std::string& title, std::string& to,
                                   const std::string& about) {
-    add_text(*_parser, title, to, about, give_one_or_none);
+    add_text_option(*_parser, title, to, about, give_one_or_none);
 }
 
 void command_words::flag(const std::string& names, bool& to, const std::string& about) {
@@ -77,7 +77,7 @@ void command_words::flag(const std::string& names, bool& to, const std::string& 
 
 void command_words::option(const std::string& names, const std::string& title, std::string& to,
                            const std::string& about) {
-    add_text(*_parser, names, to, about, give_one_or_none)->type_name(title);
+    add_text_option(*_parser, names, to, about, give_one_or_none)->type_name(title);
 }
 
 void command_words::choice(const std::string& names, const std::string& title,

@@ -21,7 +21,7 @@ gzFile handle_of(void* file) {
     return static_cast<gzFile>(file);
 }
 
-std::string reason_of(int error) {
+std::string zlib_text(int error) {
     switch (error) {
     case Z_ERRNO:
         return error_text(errno);
@@ -86,7 +86,7 @@ size_t gzip_reader::read(std::span<char> to) {
         // A file that is cut short gives what there is, and says so besides.
         if (count < 0 || error == Z_BUF_ERROR) {
             throw failure{error == Z_ERRNO ? exit_status::unreadable : exit_status::damaged,
-                          fmt::format("cannot read {}: {}", _name, reason_of(error))};
+                          fmt::format("cannot read {}: {}", _name, zlib_text(error))};
         }
         if (count == 0) {
             break;

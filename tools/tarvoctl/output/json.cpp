@@ -12,7 +12,7 @@ namespace {
 /// Of share/tarvo/tarvoctl.schema.json, whose description says when it rises.
 constexpr int schema_number = 1;
 
-json_layout layout = json_layout::readable;
+json_layout chosen_layout = json_layout::readable;
 
 std::string on_one_line(const json& value) {
     constexpr int no_indentation = -1;
@@ -121,11 +121,11 @@ json json_chunk(const chunk_record& chunk, const picture& records) {
 }
 
 void lay_json_out(json_layout wanted) {
-    layout = wanted;
+    chosen_layout = wanted;
 }
 
 std::string json_text(const json& document) {
-    if (layout == json_layout::compact) {
+    if (chosen_layout == json_layout::compact) {
         return on_one_line(document) + '\n';
     }
     std::vector<std::string> members;

@@ -49,7 +49,7 @@ void give_back() {
     }
 }
 
-void end_well(int /*signal*/) {
+void give_back_and_end(int /*signal*/) {
     give_back();
     ::_exit(static_cast<int>(exit_status::good));
 }
@@ -113,8 +113,8 @@ screen_key take_key(std::string& typed) {
 
 live_screen::live_screen() {
     take_keyboard();
-    handle_signal(SIGINT, end_well);
-    handle_signal(SIGTERM, end_well);
+    handle_signal(SIGINT, give_back_and_end);
+    handle_signal(SIGTERM, give_back_and_end);
     handle_signal(SIGHUP, end_by);
     handle_signal(SIGQUIT, end_by);
     handle_signal(SIGWINCH, do_nothing); // which ends the wait for a key

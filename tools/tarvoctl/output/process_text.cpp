@@ -13,9 +13,9 @@ namespace tarvoctl {
 namespace {
 
 std::chrono::system_clock::time_point start_of(const process_info& process) {
-    const auto now_by = [](clockid_t clock) {
+    const auto now_by = [](clockid_t id) {
         timespec now{};
-        ::clock_gettime(clock, &now);
+        ::clock_gettime(id, &now);
         return std::chrono::seconds{now.tv_sec} + std::chrono::nanoseconds{now.tv_nsec};
     };
     const auto ticks_per_second = static_cast<uint64_t>(::sysconf(_SC_CLK_TCK));
