@@ -223,6 +223,8 @@ TEST(a_failed_start_with_cma, IsRememberedByASimulatedRegionKeptOnPurpose) {
         client user = machine.start(has_memory ? texts{"fail ftruncate EIO"} : texts{});
         EXPECT_EQ(user.limits().result, -1) << has_memory;
         user.call("setenv SIMULATION_VMID 1");
+        EXPECT_EQ(user.limits(), (dma_limits{0, simulation.start_dma, simulation.end_dma()}))
+            << has_memory;
         EXPECT_EQ(outcome(user, "alloc rx_ring 4096 me"), "0x0\n") << has_memory;
         EXPECT_EQ(machine.cma_commands(), (texts{"a rx_ring 1000\n", "r rx_ring 1000\n"}));
         client other = machine.start({"setenv SIMULATION_VMID 1"});

@@ -113,6 +113,8 @@ TEST(a_full_registry, HasRoomAgainWhenOneIsForgotten) {
     const area_device last = machine.box.area().view().devices().back();
     EXPECT_EQ(last.index, 100);
     EXPECT_EQ(last.domain, 1);
+    EXPECT_EQ(last.bus, 0);
+    EXPECT_EQ(last.devfn, 0);
     EXPECT_EQ(machine.devices_of(2).size(), 256U);
     EXPECT_EQ(area_breaches(machine.box.area().view()), texts{});
     EXPECT_EQ(machine.user.dies("register 1 0 1"), ended_by(SIGSEGV));

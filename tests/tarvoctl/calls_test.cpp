@@ -355,7 +355,7 @@ TEST_F(library_wait, IsInterruptedWhenItsTimeIsOver) {
 }
 
 TEST_F(library_wait, MakesNoChangeForAToolThatWasKilled) {
-    running_tool tool = made_to_wait("60");
+    running_tool tool = made_to_wait("600"); // a test waits for 60 s at the most
     const pid_t child = child_of(tool.pid);
     tool.end_by(SIGKILL);
     const std::string program = "/proc/" + std::to_string(child) + "/exe";
