@@ -19,7 +19,8 @@ exit_status check(const options& chosen) {
     if (std::fputs(text.c_str(), stdout) < 0 || std::fflush(stdout) != 0) {
         throw failure{exit_status::unreadable, "standard output cannot be written"};
     }
-    const bool broken = std::ranges::count(results, verdict::failed, &result::found) > 0;
+    const bool broken = std::ranges::any_of(
+        results, [](const result& each) { return each.found == verdict::failed; });
     return broken ? exit_status::finding : exit_status::good;
 }
 

@@ -29,9 +29,12 @@ std::string altered_line(const cma_allocation& allocation, listing_fault fault) 
         return line({name + "_extra", pa, bytes}) + line(allocation);
     case listing_fault::extra_size:
         return line({name, pa, bytes + odd_bytes}) + line(allocation);
-    default: // of the listing as a whole
-        return line(allocation);
+    case listing_fault::empty:
+    case listing_fault::no_first_line:
+    case listing_fault::first_line_only:
+        break;
     }
+    return line(allocation);
 }
 
 } // namespace

@@ -37,6 +37,7 @@ struct chunk_record {
     std::vector<int> devices; ///< element numbers of the devices it is mapped for
 
     uint64_t end_pa() const { return pa + size; } ///< one past the last byte
+    /// By element number, so only for a device that is registered.
     bool is_mapped_for(const device_record& device) const;
 };
 
@@ -62,7 +63,7 @@ struct picture {
     bool has_region() const { return region.first_pa < region.end_pa; }
     /// The registered device with that element number; null if there is none.
     const device_record* device_at(int index) const;
-    /// The same device as it is registered; null if it is not.
+    /// The registered device with that one's address; null if there is none.
     const device_record* registered(const device_record& device) const;
     /// The chunk that calls by that name find: the lowest one; null if there is none.
     const chunk_record* find(const std::string& name) const;

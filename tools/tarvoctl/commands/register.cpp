@@ -106,8 +106,8 @@ exit_status register_device(const register_options& options) {
 
 std::string names_of(const std::vector<const chunk_record*>& chunks) {
     constexpr size_t most_named = 10;
-    return some_of(chunks, most_named,
-                   [](const chunk_record* each) { return shown_name(each->name); });
+    return first_few(chunks, most_named,
+                     [](const chunk_record* each) { return shown_name(each->name); });
 }
 
 std::vector<std::string> effects_of(const device_record& device,

@@ -149,7 +149,7 @@ void print_unmapped(const answer& found, const mapped_memory& memory) {
     if (!names.empty()) {
         fmt::print("Mapped by nobody{}{}: {}\n", seen_only_text(memory),
                    found.whole_region.empty() ? "" : " but with the whole region",
-                   some_of(names, most_named, std::identity{}));
+                   first_few(names, most_named, std::identity{}));
     }
 }
 
@@ -187,19 +187,19 @@ void print_as_table(const answer& found, const picture& records, const mapped_me
 }
 
 json json_views(const std::vector<view>& views, uint64_t base_pa, process_table& processes) {
-    return json_list(views, [&](const view& one) {
-        const auto& [mapping, window] = one;
-        json each = json_process(processes.of(mapping->pid));
-        each["va"] = json_address(mapping->va + (window.pa - mapping->pa));
-        each["pa"] = json_address(window.pa);
-        each["pa_end"] = json_address(window.end_pa - 1);
-        each["offset"] = window.pa - base_pa;
-        each["size"] = window.end_pa - window.pa;
-        each["read"] = mapping->readable;
-        each["write"] = mapping->writable;
-        each["shared"] = mapping->shared;
-        each["removed"] = mapping->removed;
-        return each;
+    return json_list(views, [&](const view& each) {
+        const auto& [mapping, window] = each;
+        json made = json_process(processes.of(mapping->pid));
+        made["va"] = json_address(mapping->va + (window.pa - mapping->pa));
+        made["pa"] = json_address(window.pa);
+        made["pa_end"] = json_address(window.end_pa - 1);
+        made["offset"] = window.pa - base_pa;
+        made["size"] = window.end_pa - window.pa;
+        made["read"] = mapping->readable;
+        made["write"] = mapping->writable;
+        made["shared"] = mapping->shared;
+        made["removed"] = mapping->removed;
+        return made;
     });
 }
 

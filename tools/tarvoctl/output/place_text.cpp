@@ -73,11 +73,11 @@ json json_place(const place& where, const shared_area_t& area) {
 
 json json_findings(const std::vector<finding>& findings, const shared_area_t& area) {
     return json_list(findings, [&](const finding& each) {
-        json one{{"class", name_of(each.cls)}, {"rule", each.rule}};
-        one.update(json_place(each.where, area));
-        one["text"] = each.text;
-        one["unlisted"] = each.unlisted;
-        return one;
+        json made{{"class", name_of(each.cls)}, {"rule", each.rule}};
+        made.update(json_place(each.where, area));
+        made["text"] = each.text;
+        made["unlisted"] = each.unlisted;
+        return made;
     });
 }
 

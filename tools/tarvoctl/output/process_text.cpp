@@ -68,7 +68,7 @@ std::string process_table::text(pid_t pid) {
 
 std::string processes_text(const std::vector<pid_t>& pids, process_table& processes) {
     constexpr size_t most_named = 5;
-    return some_of(pids, most_named, [&](pid_t each) { return processes.text(each); });
+    return first_few(pids, most_named, [&](pid_t each) { return processes.text(each); });
 }
 
 const char* seen_only_text(const mapped_memory& memory) {

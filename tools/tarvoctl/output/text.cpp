@@ -15,7 +15,7 @@ std::string devices_text(const chunk_record& chunk, const picture& records) {
         return device == nullptr ? fmt::format("?{}", index)
                                  : device_text(*device) + (device->online ? "" : " (offline)");
     };
-    return chunk.devices.empty() ? "-" : some_of(chunk.devices, most_named, text_of, " ");
+    return chunk.devices.empty() ? "-" : first_few(chunk.devices, most_named, text_of, " ");
 }
 
 std::string dma_range(const dma_window& region, uint64_t first_pa, uint64_t end_pa) {

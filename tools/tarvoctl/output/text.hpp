@@ -14,8 +14,8 @@ namespace tarvoctl {
 
 /// The texts of the first few items, and how many more there are: "a, b and 3 more".
 template <typename Items, typename Text>
-std::string some_of(const Items& items, size_t most_named, Text text_of,
-                    std::string_view between = ", ") {
+std::string first_few(const Items& items, size_t most_named, Text text_of,
+                      std::string_view between = ", ") {
     std::string made;
     for (size_t i = 0; i < std::min(items.size(), most_named); ++i) {
         made += i == 0 ? "" : between;
