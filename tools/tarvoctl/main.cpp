@@ -1,5 +1,8 @@
+#include "common/exit_status.hpp"
 #include "program.hpp"
 
+#include <cstdio>
+#include <exception>
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -11,8 +14,8 @@ namespace {
 void occupy_closed_descriptors() {
     constexpr int ways[] = {O_WRONLY, O_RDONLY, O_WRONLY};
     for (const int descriptor : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
-        if (::fcntl(descriptor, F_GETFD) ==
-            -1) { // the lowest free number, so open() gives that one
+        if (::fcntl(descriptor, F_GETFD) == -1) {
+            // The lowest free number, so open() gives that one.
             static_cast<void>(::open("/dev/null", ways[descriptor]));
         }
     }
@@ -22,5 +25,11 @@ void occupy_closed_descriptors() {
 
 int main(int argc, char** argv) {
     occupy_closed_descriptors();
-    return tarvoctl::program{}.run(argc, argv);
+    try {
+        return tarvoctl::program{}.run(argc, argv);
+    } catch (const std::exception& wrong) {
+        // There is no memory for the words of the commands, or for the report of a failure.
+        std::fprintf(stderr, "tarvoctl: %s\n", wrong.what());
+        return static_cast<int>(exit_status::unreadable);
+    }
 }
