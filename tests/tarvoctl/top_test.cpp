@@ -4,6 +4,7 @@
 #include <csignal>
 #include <gtest/gtest.h>
 #include <regex>
+#include <sys/syscall.h>
 #include <termios.h>
 
 namespace top_test {
@@ -95,7 +96,7 @@ TEST_F(top_screen, FitsEveryPageIntoTheScreenAsItIsNow) {
         driver.alloc("chunk_" + std::to_string(i), 0x1000);
     }
     terminal screen(24, 80);
-    running_tool top = screen.start(machine, {"top", "--interval", "30"});
+    running_tool top = screen.start(machine, {"top", "--interval", "3600"});
     const std::string large = plain(screen.output_with("q quit"));
     EXPECT_EQ(std::count(large.begin(), large.end(), '\n'), 23);
     EXPECT_TRUE(contains(large, "of 42 by size"));
@@ -109,6 +110,25 @@ TEST_F(top_screen, FitsEveryPageIntoTheScreenAsItIsNow) {
             EXPECT_LE(line.size(), 40) << line;
         }
     }
+    screen.type("q");
+    EXPECT_EQ(top.program.wait(), normal_end);
+}
+
+bool waits_in_a_write(pid_t pid) {
+    return file_text("/proc/" + std::to_string(pid) + "/syscall")
+        .starts_with(std::to_string(SYS_write) + " ");
+}
+
+TEST_F(top_screen, FitsASizeThatChangedWhileAPageWasWritten) {
+    for (int i = 0; i < 1200; ++i) { // in lines of 80 bytes, more than a terminal takes unread
+        driver.alloc("chunk_" + std::to_string(i), 0x1000);
+    }
+    terminal screen(1300, 80);
+    running_tool top = screen.start(machine, {"top", "--interval", "3600"});
+    ASSERT_TRUE(eventually([&] { return waits_in_a_write(top.pid); }));
+    screen.resize(12, 40);
+    kill(top.pid, SIGWINCH);
+    screen.output_with("1-8 of 1202");
     screen.type("q");
     EXPECT_EQ(top.program.wait(), normal_end);
 }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <chrono>
+#include <csignal>
 #include <string>
 
 namespace tarvoctl {
@@ -33,6 +34,7 @@ class live_screen {
 
   private:
     std::string _typed; ///< and not yet taken
+    sigset_t _held_back_before{};
 };
 
 } // namespace tarvoctl
