@@ -79,7 +79,7 @@ TEST(a_library_that_does_not_start, IsTracedInTheNameOfTheAllocation) {
     EXPECT_EQ(user.alloc("rx_ring", 4096), 0x80000000U);
 }
 
-TEST(a_library_that_does_not_start, IsToldOfAfterTheArguments) {
+TEST(a_library_that_does_not_start, IsReportedAfterTheArguments) {
     sandbox machine(low, {"--without", "proc"});
     client user = machine.start({"setenv ZUL_TRACE tarvo=5"});
     const std::string said = outcome(user, R"(alloc rx_ring 0x100000001 "two words")");

@@ -51,7 +51,7 @@ void fill_at_random(std::span<uint8_t> bytes, unsigned seed) {
     }
 }
 
-TEST(area_random, BytesAreJudged) {
+TEST(area_random, BytesAreChecked) {
     for (unsigned seed = 0; seed < 4; ++seed) {
         SCOPED_TRACE(seed);
         fresh_area area;
@@ -60,7 +60,7 @@ TEST(area_random, BytesAreJudged) {
     }
 }
 
-TEST(area_random, BytesThatAreAllTheSameAreJudged) {
+TEST(area_random, BytesThatAreAllTheSameAreChecked) {
     for (const int value : {0x01, 0x7f, 0x80, 0xff}) {
         SCOPED_TRACE(value);
         fresh_area area;
@@ -69,7 +69,7 @@ TEST(area_random, BytesThatAreAllTheSameAreJudged) {
     }
 }
 
-TEST(area_random, BytesBetweenSoundSentinelsAreJudged) {
+TEST(area_random, BytesBetweenSoundSentinelsAreChecked) {
     for (unsigned seed = 0; seed < 2; ++seed) {
         SCOPED_TRACE(seed);
         fresh_area sound;
@@ -95,7 +95,7 @@ void fill_table(fresh_area& area) {
     }
 }
 
-TEST(area_random, AFullTableWithThousandsOfRandomDeviceListsIsJudged) {
+TEST(area_random, AFullTableWithThousandsOfRandomDeviceListsIsChecked) {
     fresh_area area;
     fill_table(area);
     for (int chunk = 2; chunk < 16384; chunk += 4) {
@@ -114,7 +114,7 @@ TEST(area_random, AFullTableWhoseEndsAreCutOffIsPutBack) {
     EXPECT_EQ(area.view().chunks().size(), 16384U);
 }
 
-TEST(area_random, AFullTableThatOverlapsIsJudged) {
+TEST(area_random, AFullTableThatOverlapsIsChecked) {
     fresh_area area;
     fill_table(area);
     const area_writer write = area.writer();
@@ -205,7 +205,7 @@ class area_mutation : public area_of_three {
     std::mt19937_64 random;
 };
 
-TEST_F(area_mutation, IsJudgedAndMended) {
+TEST_F(area_mutation, IsCheckedAndRepaired) {
     const std::vector<uint8_t> sound(area.bytes().begin(), area.bytes().end());
     for (unsigned seed = 0; seed < 150 && !HasFailure(); ++seed) {
         SCOPED_TRACE(seed);

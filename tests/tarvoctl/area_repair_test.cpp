@@ -126,7 +126,7 @@ TEST_F(area_repair, PutsBackChunksThatAreLinkedAmongThemselves) {
     EXPECT_THAT(names(), all_three());
 }
 
-TEST_F(area_repair, PutsBackDevicesBehindAWrongTail) {
+TEST_F(area_repair, PutsBackDevicesAfterAWrongTail) {
     area.add_device(0, 5, 0);
     area.add_device(0, 6, 0);
     write.i32(area_offset::devices_tail, 1);

@@ -241,23 +241,23 @@ class area_stepped : public testing::Test {
     std::vector<window> _windows = windows();
 };
 
-TEST_F(area_stepped, AllocatingIsRepairedBehindEveryStore) {
+TEST_F(area_stepped, AllocatingIsRepairedAfterEveryStore) {
     repair_behind_every_store("alloc \"newcomer\" 4096 \"test\"", "newcomer");
     EXPECT_GT(stores, 250U);
     EXPECT_GT(checked, 50U);
 }
 
-TEST_F(area_stepped, FreeingIsRepairedBehindEveryStore) {
+TEST_F(area_stepped, FreeingIsRepairedAfterEveryStore) {
     repair_behind_every_store("free \"middle\"", "middle");
     EXPECT_GT(stores, 20U);
 }
 
-TEST_F(area_stepped, RegisteringIsRepairedBehindEveryStore) {
+TEST_F(area_stepped, RegisteringIsRepairedAfterEveryStore) {
     repair_behind_every_store("register 0 5 0", "");
     EXPECT_GT(stores, 20U);
 }
 
-TEST_F(area_stepped, UnregisteringIsRepairedBehindEveryStore) {
+TEST_F(area_stepped, UnregisteringIsRepairedAfterEveryStore) {
     repair_behind_every_store("unregister 0 3 8", "");
     EXPECT_GT(stores, 10U);
 }

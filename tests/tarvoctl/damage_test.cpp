@@ -180,7 +180,7 @@ TEST_F(damage, AnAddressOutsideTheRegionOfADamagedAreaIsNotTheCallersFault) {
     EXPECT_EQ(tarvoctl(machine, {"translate", "0x1000"}).status, 4);
 }
 
-TEST_F(damage, WhatCannotBeReadIsNotToldAsFreed) {
+TEST_F(damage, WhatCannotBeReadIsNotReportedAsFreed) {
     const taken_snapshot before(machine);
     write.i32(area_offset::chunk(second) + area_offset::next, 99999);
     const std::string why =

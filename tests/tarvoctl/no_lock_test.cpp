@@ -121,7 +121,7 @@ tool_outcome disturbed(sandbox& machine, const words& command) {
     return outcome;
 }
 
-TEST_F(no_lock, WhatChangesAllTheTimeIsToldWithARemark) {
+TEST_F(no_lock, WhatChangesAllTheTimeIsReportedWithARemark) {
     const restless_writer writer(machine);
     const auto text = disturbed(machine, {"list", "--no-lock", "-o", "name", "--no-header"});
     EXPECT_EQ(text.status, 0);

@@ -31,7 +31,7 @@ class repair : public testing::Test {
     std::vector<uint8_t> broken;
 };
 
-TEST_F(repair, ShowsItsPlanKeepsACopyAndMendsTheArea) {
+TEST_F(repair, ShowsItsPlanKeepsACopyAndRepairsTheArea) {
     const auto outcome = tarvoctl(machine, {"repair", "--yes", "--backup", backup});
     EXPECT_EQ(outcome.status, 0) << outcome.errors;
     const auto lines = lines_of(outcome.output);
@@ -121,7 +121,7 @@ TEST_F(repair, NeedsNothingOfASoundArea) {
     EXPECT_EQ(tarvoctl(machine, {"repair"}), printed("nothing to repair\n"));
 }
 
-TEST_F(repair, MendsACopyWhateverIsRunning) {
+TEST_F(repair, RepairsACopyWhateverIsRunning) {
     const std::string copy = folder.path() / "copy";
     std::filesystem::copy_file(machine.shared_area(), copy);
     const client user = machine.start({"limits"});
@@ -273,7 +273,7 @@ TEST_F(record_of, AChunkThatDevicesSeeIsNotGivenBackForItsSize) {
     expect_free_to_help("second");
 }
 
-TEST_F(record_of, WhatStaysBrokenIsToldBesidesWhatIsRepaired) {
+TEST_F(record_of, WhatStaysBrokenIsReportedBesidesWhatIsRepaired) {
     write.u32(at(4, area_offset::size), 0x800);
     write.i32(at(3, area_offset::prev), 4);
     EXPECT_EQ(lines_of(tarvoctl(machine, {"check"}).output).back(),
