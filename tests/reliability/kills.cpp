@@ -14,6 +14,7 @@
 #include <iostream>
 #include <new>
 #include <random>
+#include <sched.h>
 #include <string>
 #include <sys/file.h>
 #include <sys/mman.h>
@@ -94,6 +95,15 @@ bool ends_well(pid_t worker) {
     for (;;) {
         own_for_a_while(name, mark_of_victims, shortest);
     }
+}
+
+/// A victim is stepped on the processor of the one who steps it: three times as fast. The others go
+/// on where they are.
+void stay_on_one_processor() {
+    cpu_set_t here;
+    CPU_ZERO(&here);
+    CPU_SET(static_cast<size_t>(sched_getcpu()), &here);
+    sched_setaffinity(0, sizeof here, &here);
 }
 
 class victim {
@@ -191,6 +201,7 @@ int main(int count, char** words) {
     for (int i = 0; i < workers; ++i) {
         others[static_cast<size_t>(i)] = started_worker(i + 1);
     }
+    stay_on_one_processor();
     const unsigned seed = std::random_device()();
     std::mt19937 random(seed);
     size_t inside = 0;
