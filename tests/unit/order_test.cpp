@@ -4,7 +4,12 @@
 #include "fresh_area.hpp"
 #include "shared/remembered_order.hpp"
 
+#include <cstddef>
+#include <cstring>
 #include <gtest/gtest.h>
+#include <new>
+#include <sys/mman.h>
+#include <unistd.h>
 
 namespace order_test {
 
@@ -14,6 +19,11 @@ class remembered : public testing::Test {
   protected:
     chunk_list& list() { return _area->record().chunks; }
     void link(int element, int next) { list()._arr[element].next = next; }
+    void use_all() {
+        for (int element = 0; element <= last; ++element) {
+            list()._arr[element].allocated = 1;
+        }
+    }
     size_t after(size_t element) {
         _order->learn_all(list());
         return _order->after(element);
@@ -69,11 +79,29 @@ TEST_F(remembered, IsLearntUpTo64ElementsThatWereNeverInUse) {
 }
 
 TEST_F(remembered, IsLearntToTheLastElement) {
-    for (int element = 0; element <= last; ++element) {
-        list()._arr[element].allocated = 1;
-    }
+    use_all();
     link(last, 5);
     EXPECT_EQ(after(last), 5U);
+}
+
+/// Memory of so many bytes, right before a page that nobody may touch.
+void* place_before_a_guard(size_t bytes) {
+    const auto page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
+    const size_t whole_pages = (bytes + page - 1) / page * page;
+    auto* const start = static_cast<char*>(mmap(nullptr, whole_pages + page, PROT_READ | PROT_WRITE,
+                                                MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+    mprotect(start + whole_pages, page, PROT_NONE);
+    return start + whole_pages - bytes;
+}
+
+TEST_F(remembered, IsLearntNoFurtherThanTheLastElement) {
+    use_all();
+    const int link_of_another = 5;
+    std::memcpy(reinterpret_cast<char*>(list()._arr + chunk_capacity) + offsetof(dma_chunk_t, next),
+                &link_of_another, sizeof link_of_another);
+    auto* const order = new (place_before_a_guard(sizeof(remembered_order))) remembered_order;
+    order->learn_all(list());
+    EXPECT_EQ(order->after(last - 1), static_cast<size_t>(last));
 }
 
 } // namespace
