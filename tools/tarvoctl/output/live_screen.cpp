@@ -14,8 +14,6 @@
 
 namespace tarvoctl {
 
-using namespace std::chrono_literals;
-
 namespace {
 
 /// Of the terminal as it was, for a signal handler, too: only system calls are made with it.
@@ -119,11 +117,12 @@ live_screen::live_screen() {
     handle_signal(SIGTERM, give_back_and_end);
     handle_signal(SIGHUP, end_by);
     handle_signal(SIGQUIT, end_by);
-    // It ends the wait for a key. While a page is drawn it is held back, so that none is missed.
+    // It ends the wait for a key, and is blocked while a page is drawn, so that none is missed.
     handle_signal(SIGWINCH, do_nothing);
     sigset_t size_changes{};
+    ::sigemptyset(&size_changes);
     ::sigaddset(&size_changes, SIGWINCH);
-    ::sigprocmask(SIG_BLOCK, &size_changes, &_held_back_before);
+    ::sigprocmask(SIG_BLOCK, &size_changes, &_blocked_before);
     put(other_page);
     put(no_cursor);
     put(no_wrapping);
@@ -134,7 +133,7 @@ live_screen::~live_screen() {
     for (const int signal : {SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGWINCH}) {
         std::signal(signal, SIG_DFL);
     }
-    ::sigprocmask(SIG_SETMASK, &_held_back_before, nullptr);
+    ::sigprocmask(SIG_SETMASK, &_blocked_before, nullptr);
 }
 
 bool live_screen::is_possible() {
@@ -171,9 +170,9 @@ screen_key live_screen::key_within(std::chrono::milliseconds time) {
         return take_key(_typed);
     }
     pollfd keyboard{STDIN_FILENO, POLLIN, 0};
-    const std::chrono::nanoseconds all = time;
-    const timespec limit{all / 1s, all % 1s / 1ns};
-    if (::ppoll(&keyboard, keyboard_changed ? 1 : 0, &limit, &_held_back_before) <= 0) {
+    const auto seconds = std::chrono::floor<std::chrono::seconds>(time);
+    const timespec limit{seconds.count(), std::chrono::nanoseconds(time - seconds).count()};
+    if (::ppoll(&keyboard, keyboard_changed ? 1 : 0, &limit, &_blocked_before) <= 0) {
         return screen_key::none;
     }
     std::array<char, 64> typed{};

@@ -34,7 +34,7 @@ class live_screen {
 
   private:
     std::string _typed; ///< and not yet taken
-    sigset_t _held_back_before{};
+    sigset_t _blocked_before{};
 };
 
 } // namespace tarvoctl
