@@ -30,7 +30,7 @@ class processor_time {
 };
 
 /// Checks, plans, repairs and checks again. Returns what is found at last.
-std::vector<tarvoctl::finding> judge_and_mend(fresh_area& area) {
+std::vector<tarvoctl::finding> check_and_repair(fresh_area& area) {
     const processor_time time;
     const auto found = check_area(area.record());
     EXPECT_LT(found.size(), 2000U);
@@ -56,7 +56,7 @@ TEST(area_random, BytesAreChecked) {
         SCOPED_TRACE(seed);
         fresh_area area;
         fill_at_random(area.bytes(), seed);
-        EXPECT_TRUE(has_class(judge_and_mend(area), tarvoctl::finding_class::broken));
+        EXPECT_TRUE(has_class(check_and_repair(area), tarvoctl::finding_class::broken));
     }
 }
 
@@ -65,7 +65,7 @@ TEST(area_random, BytesThatAreAllTheSameAreChecked) {
         SCOPED_TRACE(value);
         fresh_area area;
         std::fill(area.bytes().begin(), area.bytes().end(), static_cast<uint8_t>(value));
-        EXPECT_TRUE(has_class(judge_and_mend(area), tarvoctl::finding_class::broken));
+        EXPECT_TRUE(has_class(check_and_repair(area), tarvoctl::finding_class::broken));
     }
 }
 
@@ -81,7 +81,7 @@ TEST(area_random, BytesBetweenSoundSentinelsAreChecked) {
         };
         keep(area_offset::chunk(0), area_offset::chunk(2) - area_offset::chunk(0));
         keep(area_offset::chunks_head, 12);
-        EXPECT_TRUE(has_class(judge_and_mend(area), tarvoctl::finding_class::tolerated));
+        EXPECT_TRUE(has_class(check_and_repair(area), tarvoctl::finding_class::tolerated));
     }
 }
 
@@ -102,7 +102,7 @@ TEST(area_random, AFullTableWithThousandsOfRandomDeviceListsIsChecked) {
         const size_t devs = area_offset::chunk(chunk) + area_offset::devs;
         fill_at_random(area.bytes().subspan(devs, 4096), static_cast<unsigned>(chunk));
     }
-    judge_and_mend(area);
+    check_and_repair(area);
 }
 
 TEST(area_random, AFullTableWhoseEndsAreCutOffIsPutBack) {
@@ -110,7 +110,7 @@ TEST(area_random, AFullTableWhoseEndsAreCutOffIsPutBack) {
     fill_table(area);
     area.writer().i32(area_offset::chunk(0) + area_offset::next, -1);
     area.writer().i32(area_offset::chunk(1) + area_offset::prev, -1);
-    EXPECT_THAT(serious(judge_and_mend(area)), IsEmpty());
+    EXPECT_THAT(serious(check_and_repair(area)), IsEmpty());
     EXPECT_EQ(area.view().chunks().size(), 16384U);
 }
 
@@ -123,7 +123,7 @@ TEST(area_random, AFullTableThatOverlapsIsChecked) {
     for (int chunk = 2; chunk < 16384; ++chunk) {
         write.u64(area_offset::chunk(chunk) + area_offset::pa, 0x1000);
     }
-    judge_and_mend(area);
+    check_and_repair(area);
 }
 
 /// Rules on what records say: no link, flag or end says how to repair them. The order is among them
@@ -183,7 +183,7 @@ class area_mutation : public area_of_three {
 
     size_t word_below(size_t bytes) { return random() % (bytes / 4) * 4; }
 
-    void expect_mended() {
+    void expect_repaired() {
         const repair_plan plan = plan_repair(area.record());
         size_t end = 0;
         std::vector<std::pair<size_t, size_t>> ranges;
@@ -215,7 +215,7 @@ TEST_F(area_mutation, IsCheckedAndRepaired) {
             write.u32(somewhere(), something());
         }
         check_area(area.record());
-        expect_mended();
+        expect_repaired();
     }
 }
 

@@ -71,7 +71,7 @@ class area_stepped : public testing::Test {
 
     /// Steps through a call and repairs a copy of what each store leaves. Of the stores that only
     /// fill or clear an element every eighth is taken.
-    void repair_behind_every_store(const std::string& command, const std::string& changed) {
+    void repair_after_every_store(const std::string& command, const std::string& changed) {
         settled.erase(changed);
         client stepped = machine.start({"limits"});
         area_stepper stepper(stepped, machine.lock_file());
@@ -122,7 +122,7 @@ class area_stepped : public testing::Test {
             for (const std::string& command : commands) {
                 SCOPED_TRACE(command + " up to store " + std::to_string(last_store));
                 client stepped = machine.start({"limits"});
-                die_behind_store(stepped, command, last_store);
+                die_after_store(stepped, command, last_store);
                 repair_file();
                 ASSERT_THAT(area_breaches(file->view(), {.stale_refs = true}), IsEmpty());
             }
@@ -218,7 +218,7 @@ class area_stepped : public testing::Test {
     }
 
     /// Kills the client after so many stores, or lets it finish when it makes fewer.
-    void die_behind_store(client& stepped, const std::string& command, size_t last) {
+    void die_after_store(client& stepped, const std::string& command, size_t last) {
         take_over_file();
         stores = 0;
         bool survived = false;
@@ -242,23 +242,23 @@ class area_stepped : public testing::Test {
 };
 
 TEST_F(area_stepped, AllocatingIsRepairedAfterEveryStore) {
-    repair_behind_every_store("alloc \"newcomer\" 4096 \"test\"", "newcomer");
+    repair_after_every_store("alloc \"newcomer\" 4096 \"test\"", "newcomer");
     EXPECT_GT(stores, 250U);
     EXPECT_GT(checked, 50U);
 }
 
 TEST_F(area_stepped, FreeingIsRepairedAfterEveryStore) {
-    repair_behind_every_store("free \"middle\"", "middle");
+    repair_after_every_store("free \"middle\"", "middle");
     EXPECT_GT(stores, 20U);
 }
 
 TEST_F(area_stepped, RegisteringIsRepairedAfterEveryStore) {
-    repair_behind_every_store("register 0 5 0", "");
+    repair_after_every_store("register 0 5 0", "");
     EXPECT_GT(stores, 20U);
 }
 
 TEST_F(area_stepped, UnregisteringIsRepairedAfterEveryStore) {
-    repair_behind_every_store("unregister 0 3 8", "");
+    repair_after_every_store("unregister 0 3 8", "");
     EXPECT_GT(stores, 10U);
 }
 

@@ -30,7 +30,7 @@ TEST_F(changes, NothingIsNoChange) {
     EXPECT_EQ(reported([] {}), "");
 }
 
-TEST_F(changes, ChunksThatGoAreToldBeforeThoseThatCome) {
+TEST_F(changes, ChunksThatGoAreReportedBeforeThoseThatCome) {
     driver.alloc("a", 0x1000, "me");
     driver.alloc("b", 0x1000, "me");
     EXPECT_EQ(reported([this] {

@@ -92,7 +92,7 @@ TEST_F(check, SaysWhatIsNoArea) {
     EXPECT_EQ(tarvoctl(machine, {"check", "/nowhere"}), failed(3, "/nowhere does not exist"));
 }
 
-TEST_F(check, WaitsForNobodyBehindAFifo) {
+TEST_F(check, WaitsForNobodyAtAFifo) {
     const std::string fifo = folder.path() / "fifo";
     ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
     const std::vector<arguments> commands{

@@ -165,7 +165,7 @@ TEST(doctor, WarnsOfHardwareFilesThatStrangersCanOpen) {
                                            "chmod 0600 /var/shmem/tarvo_lib"}));
 }
 
-TEST(doctor, JudgesTheHardwaresLockInSimulationByTheHardwaresMode) {
+TEST(doctor, ChecksTheHardwaresLockInSimulationByTheHardwaresMode) {
     sandbox machine(simulation);
     const client user = machine.start({"alloc rx_ring 1 me"});
     const std::string lock = "/var/lock/subsys/tarvo_lock";

@@ -17,7 +17,7 @@ ending run(sandbox& machine, const std::string& words, std::string& errors) {
     return end;
 }
 
-TEST(streams, WhatCannotBeWrittenIsTold) {
+TEST(streams, WhatCannotBeWrittenIsReported) {
     sandbox machine(low);
     const client driver = machine.start({"alloc a 1 me"});
     const taken_snapshot copy(machine);

@@ -111,7 +111,7 @@ TEST(watch, ListsThatCannotBeReadAreNotTakenForFreedChunks) {
     watch.end_by(SIGINT);
 }
 
-TEST(watch, ALockThatStaysTakenIsToldOnceAndWaitedFor) {
+TEST(watch, ALockThatStaysTakenIsReportedOnceAndWaitedFor) {
     sandbox machine(simulation);
     client driver = machine.start({"alloc a 1 test"});
     running_tool watch = start_watch(machine, {"--timeout", "0.01"});
