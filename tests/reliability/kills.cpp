@@ -4,6 +4,7 @@
 // went wrong, and by a signal where something waited for ever.
 
 #include "lock_table.hpp"
+#include "one_processor.hpp"
 
 #include <algorithm>
 #include <array>
@@ -14,7 +15,6 @@
 #include <iostream>
 #include <new>
 #include <random>
-#include <sched.h>
 #include <string>
 #include <sys/file.h>
 #include <sys/mman.h>
@@ -95,15 +95,6 @@ bool ends_well(pid_t worker) {
     for (;;) {
         own_for_a_while(name, mark_of_victims, shortest);
     }
-}
-
-/// A victim is stepped on the processor of the one who steps it: three times as fast. The others go
-/// on where they are.
-void stay_on_one_processor() {
-    cpu_set_t here;
-    CPU_ZERO(&here);
-    CPU_SET(static_cast<size_t>(sched_getcpu()), &here);
-    sched_setaffinity(0, sizeof here, &here);
 }
 
 class victim {
@@ -201,7 +192,7 @@ int main(int count, char** words) {
     for (int i = 0; i < workers; ++i) {
         others[static_cast<size_t>(i)] = started_worker(i + 1);
     }
-    stay_on_one_processor();
+    stay_on_one_processor(); // with its victims, which it steps; the others go on where they are
     const unsigned seed = std::random_device()();
     std::mt19937 random(seed);
     size_t inside = 0;

@@ -1,8 +1,9 @@
 #include "sandbox.hpp"
 
+#include "one_processor.hpp"
+
 #include <cstdlib>
 #include <fcntl.h>
-#include <sched.h>
 #include <sstream>
 #include <stdexcept>
 #include <sys/file.h>
@@ -23,15 +24,6 @@ int open_lock(const std::filesystem::path& path) {
         throw std::runtime_error("cannot open " + path.string());
     }
     return fd;
-}
-
-/// A test and the programs of its machine take turns: on one processor none of them has to wake
-/// another one first, and single steps through a program take a third of the time.
-void stay_on_one_processor() {
-    cpu_set_t here;
-    CPU_ZERO(&here);
-    CPU_SET(static_cast<size_t>(sched_getcpu()), &here);
-    sched_setaffinity(0, sizeof here, &here);
 }
 
 } // namespace
