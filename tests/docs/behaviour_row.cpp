@@ -2,12 +2,12 @@
 
 #include "iommu_request.hpp"
 #include "observed.hpp"
+#include "pattern.hpp"
 
 #include <algorithm>
 #include <cstring>
 #include <iterator>
 #include <optional>
-#include <regex>
 #include <sstream>
 #include <stdexcept>
 
@@ -109,8 +109,8 @@ behaviour expectation(const std::vector<std::string>& cells) {
 }
 
 bool is_address(const std::string& reply) {
-    static const std::regex address("0x[0-9a-f]+");
-    return std::regex_match(reply, address);
+    static const pattern address("0x[0-9a-f]+");
+    return address.matches(reply);
 }
 
 // ---- The machine ---------------------------------------------------------------------------
@@ -246,9 +246,8 @@ class row_machine {
     }
 
     void carry_out(const std::string& step) {
-        static const std::regex repetition("([0-9]+) times (.*)");
+        static const pattern repetition("([0-9]+) times (.*)");
         const std::vector<std::string> words = words_of(step);
-        std::smatch match;
         if (words.front() == "rule") {
             _box.add_rules({words.at(1)});
         } else if (words.front() == "set") {
@@ -256,9 +255,10 @@ class row_machine {
         } else if (words.front() == "other:") {
             _others.push_back(_box.start());
             _others.back().call(step.substr(step.find(' ') + 1));
-        } else if (std::regex_match(step, match, repetition)) {
-            for (int i = 0; i < std::stoi(match[1]); i++) {
-                _user.call(replaced(match[2], "#", std::to_string(i)));
+        } else if (repetition.matches(step)) {
+            const std::string call = repetition.group_in(step, 2);
+            for (int i = 0; i < std::stoi(repetition.group_in(step)); i++) {
+                _user.call(replaced(call, "#", std::to_string(i)));
             }
         } else {
             const std::string reply = _user.call(with_address(step));

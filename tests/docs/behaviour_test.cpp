@@ -1,11 +1,11 @@
 // docs/behaviour.md against the library: every row of every table is carried out.
 
 #include "behaviour_row.hpp"
+#include "pattern.hpp"
 #include "process.hpp"
 
 #include <gtest/gtest.h>
 #include <ostream>
-#include <regex>
 #include <set>
 #include <sstream>
 
@@ -20,13 +20,12 @@ constexpr size_t least_rows = 3;
 
 std::set<std::string> exported_names() {
     // What has a mangled name has a plain one, too.
-    static const std::regex entry("^ {8}(?!_Z)(\\w+);");
+    static const pattern entry("^ {8}(?!_Z)(\\w+);");
     std::set<std::string> names;
     std::istringstream lines(file_text(TARVO_EXPORTS));
-    std::smatch match;
     for (std::string line; std::getline(lines, line);) {
-        if (std::regex_search(line, match, entry)) {
-            names.insert(match[1]);
+        if (entry.is_in(line)) {
+            names.insert(entry.group_in(line));
         }
     }
     return names;

@@ -1,8 +1,9 @@
 #include "real_machine.hpp"
 
+#include "pattern.hpp"
+
 #include <csignal>
 #include <cstring>
-#include <regex>
 #include <sstream>
 #include <stdexcept>
 
@@ -51,16 +52,16 @@ std::string without_what_is_free(const std::string& errors) {
     if (errors.find("Assertion `") == std::string::npos) {
         return errors;
     }
-    static const std::regex fixed("^tarvo-client: (tarvo:(62|982|995): .*Assertion `.*)");
-    static const std::regex container(
+    static const pattern fixed("^tarvo-client: (tarvo:(62|982|995): .*Assertion `.*)");
+    static const pattern container(
         R"(^tarvo-client: (\./ArrayBackedList\.hpp:[0-9]+): .*(: Assertion `.*))");
-    static const std::regex other("^tarvo-client: tarvo:[0-9]+: .*(: Assertion `.*)");
+    static const pattern other("^tarvo-client: tarvo:[0-9]+: .*(: Assertion `.*)");
     std::string text;
     std::istringstream lines(errors);
     for (std::string line; std::getline(lines, line);) {
-        line = std::regex_replace(line, fixed, "$1");
-        line = std::regex_replace(line, container, "$1$2");
-        text += std::regex_replace(line, other, "tarvo$1") + "\n";
+        line = fixed.replaced_in(line, "$1");
+        line = container.replaced_in(line, "$1$2");
+        text += other.replaced_in(line, "tarvo$1") + "\n";
     }
     return text;
 }

@@ -2,11 +2,11 @@
 
 #include "joined.hpp"
 #include "lock_table.hpp"
+#include "pattern.hpp"
 
 #include <algorithm>
 #include <csignal>
 #include <iterator>
-#include <regex>
 #include <sstream>
 #include <stdexcept>
 #include <utility>
@@ -173,15 +173,15 @@ std::vector<std::string> added(const std::vector<std::string>& before,
 }
 
 std::string without_lines(std::string_view text) {
-    static const std::regex line_number("(^|\\s)tarvo:[0-9]+(?=[ :])");
+    static const pattern line_number("(^|\\s)tarvo:[0-9]+(?=[ :])");
     // clang++ spells pointers in the signature of an assertion otherwise: "void *f(const char *)".
-    static const std::regex result(" \\*(?=\\w[^\\n]*: Assertion `)");
-    static const std::regex argument(" \\*(?=\\W[^\\n]*: Assertion `)");
-    const std::string numbered = std::regex_replace(std::string(text), line_number, "$1tarvo:LINE");
-    return std::regex_replace(std::regex_replace(numbered, result, "* "), argument, "*");
+    static const pattern result(" \\*(?=\\w[^\\n]*: Assertion `)");
+    static const pattern argument(" \\*(?=\\W[^\\n]*: Assertion `)");
+    const std::string numbered = line_number.replaced_in(text, "$1tarvo:LINE");
+    return argument.replaced_in(result.replaced_in(numbered, "* "), "*");
 }
 
 std::string without_signatures(std::string_view text) {
-    static const std::regex signature("(ArrayBackedList\\.hpp:[0-9]+: ).*(?=: Assertion `)");
-    return std::regex_replace(std::string(text), signature, "$1SIGNATURE");
+    static const pattern signature("(ArrayBackedList\\.hpp:[0-9]+: ).*(?=: Assertion `)");
+    return signature.replaced_in(text, "$1SIGNATURE");
 }

@@ -1,9 +1,9 @@
 #include "texts.hpp"
 
+#include "pattern.hpp"
 #include "process.hpp"
 
 #include <csignal>
-#include <regex>
 #include <sstream>
 
 namespace {
@@ -11,8 +11,8 @@ namespace {
 /// The compiler of the tests is that of the library.
 std::string as_compiled(std::string_view signature) {
 #ifdef __clang__
-    static const std::regex star(R"((\w)\* ?)");
-    return std::regex_replace(std::string(signature), star, "$1 *");
+    static const pattern star(R"((\w)\* ?)");
+    return star.replaced_in(signature, "$1 *");
 #else
     return std::string(signature);
 #endif

@@ -1,10 +1,10 @@
 // Trace records that there is no memory for.
 
 #include "observed.hpp"
+#include "pattern.hpp"
 
 #include <algorithm>
 #include <gtest/gtest.h>
-#include <regex>
 #include <set>
 #include <sstream>
 
@@ -21,12 +21,12 @@ struct report {
 
 /// The trace records, each once, without the places of mappings.
 std::set<std::string> records_in(const std::string& error_text) {
-    static const std::regex place(" va 0x[0-9a-f]+");
+    static const pattern place(" va 0x[0-9a-f]+");
     std::set<std::string> records;
     std::istringstream lines(error_text);
     for (std::string line; std::getline(lines, line);) {
         if (line.starts_with("[tarvo:")) {
-            records.insert(std::regex_replace(line, place, " va PLACE"));
+            records.insert(place.replaced_in(line, " va PLACE"));
         }
     }
     return records;

@@ -1,7 +1,7 @@
 #include "observed.hpp"
+#include "pattern.hpp"
 
 #include <gtest/gtest.h>
-#include <regex>
 #include <set>
 
 namespace tracing_test {
@@ -110,9 +110,8 @@ TEST(tracing, AtLevel3ReportsFailuresOnly) {
 
 /// The line of the one record whose text ends so.
 int line_of_record(const std::string& error_text, const std::string& end) {
-    std::smatch found;
-    const std::regex record(R"(\[tarvo:5\] tarvo:(\d+) [^\n]*)" + end + R"(\n)");
-    return std::regex_search(error_text, found, record) ? std::stoi(found[1]) : 0;
+    const pattern record(R"(\[tarvo:5\] tarvo:(\d+) [^\n]*)" + end + R"(\n)");
+    return record.is_in(error_text) ? std::stoi(record.group_in(error_text)) : 0;
 }
 
 TEST(tracing, OfEachOutcomeOfAMappingHasALineOfItsOwn) {

@@ -1,7 +1,7 @@
+#include "pattern.hpp"
 #include "tool.hpp"
 
 #include <gtest/gtest.h>
-#include <regex>
 
 namespace forms_test {
 
@@ -10,19 +10,16 @@ namespace {
 /// What of a text is no address, size or count in the one form that all commands share.
 std::vector<std::string> strange_forms(const std::string& text) {
     // Offsets have four digits here, and a range's ends are addresses each.
-    static const std::regex address("0x[0-9a-f]{5,}");
-    static const std::regex pa_or_dma("0x[0-9a-f]{8}([0-9a-f]{2})?");
-    static const std::regex strange("\\((s|es)\\)|\\b[0-9.]+[KMGT]\\b|\\b[0-9]+\\.[0-9]+ [KMG]iB|"
-                                    "\\b1 (chunks|gaps|processes|devices|suspects|bytes)\\b|"
-                                    "\\b[0-9]{5,} bytes(?!\\))");
-    std::vector<std::string> found;
-    for (std::sregex_iterator each(text.begin(), text.end(), address), end; each != end; ++each) {
-        if (!std::regex_match(each->str(), pa_or_dma)) {
-            found.push_back(each->str());
+    static const pattern address("0x[0-9a-f]{5,}");
+    static const pattern pa_or_dma("0x[0-9a-f]{8}([0-9a-f]{2})?");
+    static const pattern strange("\\((s|es)\\)|\\b[0-9.]+[KMGT]\\b|\\b[0-9]+\\.[0-9]+ [KMG]iB|"
+                                 "\\b1 (chunks|gaps|processes|devices|suspects|bytes)\\b|"
+                                 "\\b[0-9]{5,} bytes(?!\\))");
+    std::vector<std::string> found = strange.all_in(text);
+    for (const auto& each : address.all_in(text)) {
+        if (!pa_or_dma.matches(each)) {
+            found.push_back(each);
         }
-    }
-    for (std::sregex_iterator each(text.begin(), text.end(), strange), end; each != end; ++each) {
-        found.push_back(each->str());
     }
     return found;
 }
@@ -80,14 +77,14 @@ TEST_F(forms, AreTheSameInAllCommands) {
 }
 
 TEST_F(forms, OfTimesHaveTheirZone) {
-    const std::regex time("\\d{4}-\\d\\d-\\d\\dT\\d\\d:\\d\\d:\\d\\d[+-]\\d\\d:\\d\\d");
+    const pattern time("\\d{4}-\\d\\d-\\d\\dT\\d\\d:\\d\\d:\\d\\d[+-]\\d\\d:\\d\\d");
     const held_lock held(machine.lock_file());
     const auto lock = tarvoctl(machine, {"lock"});
-    EXPECT_TRUE(std::regex_search(lock.output, time)) << lock.output;
+    EXPECT_TRUE(time.is_in(lock.output)) << lock.output;
     const auto document = json_of(tarvoctl(machine, {"lock", "--json"}));
     const auto& processes = document.at("locks").at(0).at("processes");
     ASSERT_EQ(processes.size(), 1U) << document;
-    EXPECT_TRUE(std::regex_match(processes.at(0).at("started").get<std::string>(), time));
+    EXPECT_TRUE(time.matches(processes.at(0).at("started").get<std::string>()));
 }
 
 } // namespace

@@ -1,9 +1,9 @@
+#include "pattern.hpp"
 #include "terminal.hpp"
 
 #include <algorithm>
 #include <csignal>
 #include <gtest/gtest.h>
-#include <regex>
 #include <sys/syscall.h>
 #include <termios.h>
 
@@ -13,8 +13,8 @@ namespace {
 
 /// What a page shows, without the escapes.
 std::string plain(const std::string& output) {
-    static const std::regex escape("\x1b\\[[?0-9;]*[A-Za-z]");
-    std::string text = std::regex_replace(output, escape, "");
+    static const pattern escape("\x1b\\[[?0-9;]*[A-Za-z]");
+    std::string text = escape.replaced_in(output, "");
     text.erase(std::remove(text.begin(), text.end(), '\r'), text.end());
     return text;
 }
@@ -39,11 +39,9 @@ TEST_F(top_screen, PrintsOnePageWhereThereIsNoTerminal) {
     EXPECT_EQ(outcome.status, 0);
     const auto lines = lines_of(outcome.output);
     ASSERT_EQ(lines.size(), 13);
-    EXPECT_TRUE(std::regex_match(
-        lines[0],
-        std::regex("tarvoctl top  \\d{4}-\\d\\d-\\d\\dT\\d\\d:\\d\\d:\\d\\d[+-]\\d\\d:\\d\\d  "
-                   "/var/shmem/tarvo_lib")))
-        << lines[0];
+    const pattern first("tarvoctl top  \\d{4}-\\d\\d-\\d\\dT\\d\\d:\\d\\d:\\d\\d[+-]\\d\\d:\\d\\d  "
+                        "/var/shmem/tarvo_lib");
+    EXPECT_TRUE(first.matches(lines[0])) << lines[0];
     EXPECT_EQ(lines[1], "region  DMA 0x80000000-0x8fffffff  physical 0x0080000000-0x008fffffff");
     EXPECT_EQ(lines[4],
               "free    261056 KiB of 262144 KiB, largest gap 261056 KiB, fragmentation 0 %");

@@ -1,8 +1,8 @@
+#include "pattern.hpp"
 #include "tool.hpp"
 
 #include <csignal>
 #include <gtest/gtest.h>
-#include <regex>
 #include <unistd.h>
 
 namespace watch_test {
@@ -16,10 +16,10 @@ running_tool start_watch(sandbox& machine, const arguments& more = {}) {
 /// The next line without its time, which has to be one.
 std::string next_line(running_tool& watch) {
     const std::string line = watch.program.read_line().value_or("(end)");
-    static const std::regex time(
+    static const pattern time(
         "^\\d{4}-\\d\\d-\\d\\dT\\d\\d:\\d\\d:\\d\\d\\.\\d{3}[+-]\\d\\d:\\d\\d  ");
-    EXPECT_TRUE(std::regex_search(line, time)) << line;
-    return std::regex_replace(line, time, "");
+    EXPECT_TRUE(time.is_in(line)) << line;
+    return time.replaced_in(line, "");
 }
 
 TEST(watch, TellsWhatSeveralProcessesDoUntilInterrupted) {
