@@ -131,6 +131,22 @@ TEST_F(top_screen, FitsASizeThatChangedWhileAPageWasWritten) {
     EXPECT_EQ(top.program.wait(), normal_end);
 }
 
+TEST_F(top_screen, FitsASizeThatChangesWhereItsParentBlocksTheSignal) {
+    terminal screen(24, 80);
+    sigset_t size_changes{};
+    sigset_t before{};
+    sigaddset(&size_changes, SIGWINCH);
+    sigprocmask(SIG_BLOCK, &size_changes, &before);
+    running_tool top = screen.start(machine, {"top", "--interval", "3600"});
+    sigprocmask(SIG_SETMASK, &before, nullptr);
+    screen.output_with("1-2 of 2");
+    screen.resize(6, 40);
+    kill(top.pid, SIGWINCH);
+    screen.output_with("1-2 of 2 by size  s jk hl  q quit");
+    screen.type("q");
+    EXPECT_EQ(top.program.wait(), normal_end);
+}
+
 /// The last page that was drawn.
 std::string last_page(const std::string& output) {
     return plain(output.substr(output.rfind("\x1b[H")));
@@ -171,6 +187,17 @@ TEST_F(top_screen, ShowsChunksOnASmallScreenScrollsAndSorts) {
     EXPECT_EQ(top.program.wait(), normal_end);
 }
 
+/// The last page, once all of it was drawn; several keys draw several, the last of which has `seen`.
+std::string whole_page(terminal& screen, const std::string& seen, size_t from) {
+    const std::string& output = screen.output_with(seen, from);
+    size_t start = 0;
+    do {
+        start = output.rfind("\x1b[H");
+        screen.output_with("q quit", start);
+    } while (output.rfind("\x1b[H") != start);
+    return last_page(output);
+}
+
 TEST_F(top_screen, ShowsEveryColumnOnANarrowScreen) {
     driver.alloc(std::string(49, 'n'), 0x200000, "somebody");
     terminal screen(10, 40);
@@ -178,8 +205,7 @@ TEST_F(top_screen, ShowsEveryColumnOnANarrowScreen) {
     const auto page_after = [&](const std::string& keys, const std::string& seen) {
         const size_t from = screen.seen();
         screen.type(keys);
-        screen.output_with(seen, from);
-        return lines_of(last_page(screen.output_with("q quit", from)));
+        return lines_of(whole_page(screen, seen, from));
     };
     const std::string half_name(20, 'n');
     auto page = page_after("", "SIZE");

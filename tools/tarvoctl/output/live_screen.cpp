@@ -172,7 +172,9 @@ screen_key live_screen::key_within(std::chrono::milliseconds time) {
     pollfd keyboard{STDIN_FILENO, POLLIN, 0};
     const auto seconds = std::chrono::floor<std::chrono::seconds>(time);
     const timespec limit{seconds.count(), std::chrono::nanoseconds(time - seconds).count()};
-    if (::ppoll(&keyboard, keyboard_changed ? 1 : 0, &limit, &_blocked_before) <= 0) {
+    sigset_t blocked = _blocked_before; // maybe by who started this program
+    ::sigdelset(&blocked, SIGWINCH);
+    if (::ppoll(&keyboard, keyboard_changed ? 1 : 0, &limit, &blocked) <= 0) {
         return screen_key::none;
     }
     std::array<char, 64> typed{};
