@@ -47,6 +47,19 @@ uint32_t client::alloc(std::string_view name, uint64_t size, std::string_view cr
         number(joined("alloc ", quoted(name), " ", size, " ", quoted(creator))));
 }
 
+uint32_t client::fill(const std::string& prefix, int count) {
+    constexpr int most_unread = 64; // replies: the pipe has room for them
+    std::string last = "0";
+    int asked = 0;
+    for (int answered = 0; answered < count; ++answered) {
+        for (; asked < std::min(count, answered + most_unread); ++asked) {
+            send("alloc " + prefix + std::to_string(asked) + " 4096 test");
+        }
+        last = reply();
+    }
+    return static_cast<uint32_t>(std::stoull(last, nullptr, 0));
+}
+
 int client::free(std::string_view name) {
     return static_cast<int>(number("free " + quoted(name)));
 }

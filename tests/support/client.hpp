@@ -36,6 +36,9 @@ class client {
 
     /// The calls that nearly every test makes. Addresses in the client are plain numbers here.
     uint32_t alloc(std::string_view name, uint64_t size, std::string_view creator = "test");
+    /// Allocates so many chunks of 4 KiB, whose names are `prefix` and a number from 0 up, and
+    /// returns the DMA address of the last one.
+    uint32_t fill(const std::string& prefix, int count);
     int free(std::string_view name);
     uint64_t map(std::string_view name, bool writable = true, uint64_t offset = 0,
                  uint64_t size = 0);

@@ -183,9 +183,7 @@ void map_for_all_devices(const area_writer& write, int chunks) {
 
 TEST_F(changes, DevicesUnderOtherNumbersAreTheSame) {
     constexpr int chunks = 4000;
-    for (int made = 0; made < chunks; ++made) {
-        driver.alloc("c" + std::to_string(made), 0x1000);
-    }
+    driver.fill("c", chunks);
     const auto area = machine.writable_area();
     const area_writer write = area.writer();
     map_for_all_devices(write, chunks);
@@ -201,9 +199,7 @@ TEST_F(changes, DevicesUnderOtherNumbersAreTheSame) {
 #ifndef TARVO_SANITIZED // which take terabytes of addresses, and this limits them
 TEST_F(changes, MillionsOfMappingsAreCountedInBoundedMemory) {
     constexpr int chunks = 16382;
-    for (int made = 0; made < chunks; ++made) {
-        driver.alloc("c" + std::to_string(made), 0x1000);
-    }
+    driver.fill("c", chunks);
     const temporary_folder folder;
     const std::string before = folder.path() / "before";
     const std::string after = folder.path() / "after";

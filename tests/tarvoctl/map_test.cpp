@@ -66,9 +66,7 @@ TEST(map, FitTellsHowMuchIsMissing) {
 TEST(map, FitKnowsWhatElseAllocRefuses) {
     sandbox machine(low);
     client driver = machine.start();
-    for (int made = 0; made < 16382; ++made) {
-        driver.alloc("c" + std::to_string(made), 0x1000);
-    }
+    driver.fill("c", 16382);
     const auto fit = tarvoctl(machine, {"map", "--fit", "4096"});
     EXPECT_EQ(fit.status, 1);
     const std::string obstacle = "all 16382 chunk records are in use; free some";

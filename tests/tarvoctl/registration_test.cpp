@@ -173,17 +173,15 @@ ending end_while_registering(sandbox& machine, int signal) {
 }
 
 TEST(registering, IsCompleteBeforeASignalEndsIt) {
-    constexpr size_t chunks = 6000;
+    constexpr int chunks = 6000;
     for (const int signal : {SIGTERM, SIGINT, SIGHUP}) {
         sandbox machine(low);
         client driver = machine.start();
-        for (size_t made = 0; made < chunks; ++made) {
-            driver.alloc("c" + std::to_string(made), 0x1000);
-        }
+        driver.fill("c", chunks);
         const ending end = end_while_registering(machine, signal);
         EXPECT_EQ(end.signal, signal);
         driver.limits(); // after the end of whoever has the lock
-        EXPECT_EQ(machine.request_lines().size(), chunks);
+        EXPECT_EQ(machine.request_lines().size(), static_cast<size_t>(chunks));
         const auto area = machine.area();
         EXPECT_EQ(area_breaches(area.view()), std::vector<std::string>{});
         for (const auto& chunk : area.view().chunks()) {

@@ -227,9 +227,7 @@ TEST(schema, CompactIsADocumentALine) {
 TEST(schema, AnElementOfAListIsALine) {
     sandbox machine(low);
     client driver = machine.start();
-    for (int i = 0; i < 100; ++i) {
-        driver.alloc("chunk_" + std::to_string(i), 0x1000);
-    }
+    driver.fill("chunk_", 100);
     const auto lines = lines_of(tarvoctl(machine, {"list", "--json"}).output);
     EXPECT_LT(lines.size(), 110);
     EXPECT_EQ(

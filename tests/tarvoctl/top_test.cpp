@@ -90,9 +90,7 @@ TEST_F(top_screen, GivesTheTerminalBackWhenASignalEndsIt) {
 }
 
 TEST_F(top_screen, FitsEveryPageIntoTheScreenAsItIsNow) {
-    for (int i = 0; i < 40; ++i) {
-        driver.alloc("chunk_" + std::to_string(i), 0x1000);
-    }
+    driver.fill("chunk_", 40);
     terminal screen(24, 80);
     running_tool top = screen.start(machine, {"top", "--interval", "3600"});
     const std::string large = plain(screen.output_with("q quit"));
@@ -118,9 +116,7 @@ bool waits_in_a_write(pid_t pid) {
 }
 
 TEST_F(top_screen, FitsASizeThatChangedWhileAPageWasWritten) {
-    for (int i = 0; i < 1200; ++i) { // in lines of 80 bytes, more than a terminal takes unread
-        driver.alloc("chunk_" + std::to_string(i), 0x1000);
-    }
+    driver.fill("chunk_", 1200); // in lines of 80 bytes, more than a terminal takes unread
     terminal screen(1300, 80);
     running_tool top = screen.start(machine, {"top", "--interval", "3600"});
     ASSERT_TRUE(eventually([&] { return waits_in_a_write(top.pid); }));
@@ -187,7 +183,7 @@ TEST_F(top_screen, ShowsChunksOnASmallScreenScrollsAndSorts) {
     EXPECT_EQ(top.program.wait(), normal_end);
 }
 
-/// The last page, once all of it was drawn; several keys draw several, the last of which has `seen`.
+/// The last page, once it is whole. Several keys draw several pages, and the last one has `seen`.
 std::string whole_page(terminal& screen, const std::string& seen, size_t from) {
     const std::string& output = screen.output_with(seen, from);
     size_t start = 0;
