@@ -172,7 +172,8 @@ screen_key live_screen::key_within(std::chrono::milliseconds time) {
     pollfd keyboard{STDIN_FILENO, POLLIN, 0};
     const auto seconds = std::chrono::floor<std::chrono::seconds>(time);
     const timespec limit{seconds.count(), std::chrono::nanoseconds(time - seconds).count()};
-    sigset_t blocked = _blocked_before; // maybe by who started this program
+    // A parent that blocks SIGWINCH passes that on, and the wait must end by it all the same.
+    sigset_t blocked = _blocked_before;
     ::sigdelset(&blocked, SIGWINCH);
     if (::ppoll(&keyboard, keyboard_changed ? 1 : 0, &limit, &blocked) <= 0) {
         return screen_key::none;
